@@ -1,0 +1,18 @@
+# What the build needs from the system. tools/packages.txt lists the Debian packages that bring it.
+
+set(THREADS_PREFER_PTHREAD_FLAG ON)
+find_package(Threads REQUIRED)
+find_package(Boost 1.74 REQUIRED COMPONENTS thread chrono system)
+find_package(fmt REQUIRED)
+find_package(spdlog REQUIRED)
+find_package(nlohmann_json REQUIRED)
+find_package(msgpackc-cxx REQUIRED)
+find_package(CLI11 REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(EDIT REQUIRED IMPORTED_TARGET libedit)
+if(KORVO_TESTS)
+  find_package(GTest REQUIRED)
+endif()
+if(KORVO_BENCH)
+  find_package(benchmark REQUIRED)
+endif()
