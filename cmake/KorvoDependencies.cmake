@@ -1,4 +1,5 @@
-# What the build needs from the system. tools/packages.txt lists the Debian packages that bring it.
+# What the build needs from the system. tools/packages.txt lists the Debian packages that bring it;
+# cmake/KorvoConfig.cmake.in repeats what the installed headers need.
 
 set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)
@@ -6,7 +7,8 @@ find_package(Boost 1.74 REQUIRED COMPONENTS thread chrono system)
 find_package(fmt REQUIRED)
 find_package(spdlog REQUIRED)
 find_package(nlohmann_json REQUIRED)
-find_package(msgpackc-cxx REQUIRED)
+# The package is called msgpack, its header-only target msgpackc-cxx.
+find_package(msgpack CONFIG REQUIRED)
 find_package(CLI11 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(EDIT REQUIRED IMPORTED_TARGET libedit)

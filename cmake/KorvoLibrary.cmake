@@ -1,9 +1,10 @@
 # How this project declares its targets. Every library, module, program and test goes through one of the
 # functions below, so that warnings, visibility, output folders and install rules are stated once.
+# korvo_module stands in KorvoModule.cmake, because outside projects use it too.
 
-include(GNUInstallDirs)
+include("${CMAKE_CURRENT_LIST_DIR}/KorvoModule.cmake")
 
-set(KORVO_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/korvo/modules")
+set(KORVO_MODULE_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/${KORVO_MODULE_DIR}")
 
 add_library(korvo_warnings INTERFACE)
 target_compile_options(korvo_warnings INTERFACE
@@ -13,7 +14,10 @@ target_compile_options(korvo_warnings INTERFACE
   $<$<BOOL:${KORVO_WERROR}>:-Werror>)
 
 function(_korvo_common target)
-  cmake_parse_arguments(ARG "" "" "PUBLIC_LINK;PRIVATE_LINK" ${ARGN})
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "PUBLIC_LINK;PRIVATE_LINK;UNPARSED")
+  if(ARG_UNPARSED)
+    message(FATAL_ERROR "${target}: not understood: '${ARG_UNPARSED}'")
+  endif()
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES
     CXX_EXTENSIONS OFF
@@ -29,44 +33,51 @@ endfunction()
 #
 # A shared library of the platform: headers in include/ beside the caller's CMakeLists.txt, alias Korvo::<name>,
 # strict warnings, hidden visibility (mark what crosses the library with HX_API), installed and exported.
+# PUBLIC_LINK is for what the public headers include; a target from outside this project that stands there
+# belongs into KorvoConfig.cmake.in as well.
 function(korvo_library name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC_LINK;PRIVATE_LINK" ${ARGN})
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;PUBLIC_LINK;PRIVATE_LINK")
   add_library(${name} SHARED ${ARG_SOURCES})
   add_library(Korvo::${name} ALIAS ${name})
-  _korvo_common(${name} PUBLIC_LINK ${ARG_PUBLIC_LINK} PRIVATE_LINK ${ARG_PRIVATE_LINK})
+  _korvo_common(${name}
+    PUBLIC_LINK ${ARG_PUBLIC_LINK} PRIVATE_LINK ${ARG_PRIVATE_LINK} UNPARSED ${ARG_UNPARSED_ARGUMENTS})
   target_include_directories(${name} PUBLIC
     $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  # Before 1.0 a minor version may change the binary interface.
   set_target_properties(${name} PROPERTIES
     VERSION ${PROJECT_VERSION}
-    SOVERSION ${PROJECT_VERSION_MAJOR}
+    SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
     INSTALL_RPATH "$ORIGIN")
+  if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+    target_link_options(${name} PRIVATE LINKER:--no-undefined)
+  endif()
   install(TARGETS ${name} EXPORT KorvoTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endfunction()
 
-# korvo_module(<name> SOURCES <file>... [LINK <target>...] [INSTALL])
+# korvo_part(<name> SOURCES <file>... [LINK <target>...])
 #
-# A library that a broker loads at run time (lib<name>.so, never linked against). INSTALL puts it into the
-# installed module folder, where `korvo run --module <name>` finds it.
-function(korvo_module name)
-  cmake_parse_arguments(ARG "INSTALL" "" "SOURCES;LINK" ${ARGN})
-  add_library(${name} MODULE ${ARG_SOURCES})
-  _korvo_common(${name} PRIVATE_LINK ${ARG_LINK})
-  set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../..")
-  if(ARG_INSTALL)
-    install(TARGETS ${name} LIBRARY DESTINATION ${KORVO_MODULE_DIR})
-  endif()
+# A static library for use inside this tree only: a part of a program or module that tests link too, or a testing
+# kit. Headers stand beside the caller's CMakeLists.txt. Not installed.
+function(korvo_part name)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;LINK")
+  add_library(${name} STATIC ${ARG_SOURCES})
+  _korvo_common(${name} PUBLIC_LINK ${ARG_LINK} UNPARSED ${ARG_UNPARSED_ARGUMENTS})
+  target_include_directories(${name} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}")
 endfunction()
 
 # korvo_program(<name> SOURCES <file>... [LINK <target>...] [INSTALL])
+#
+# INSTALL also exports it, so that an outside project can run Korvo::<name> in its tests.
 function(korvo_program name)
-  cmake_parse_arguments(ARG "INSTALL" "" "SOURCES;LINK" ${ARGN})
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "INSTALL" "" "SOURCES;LINK")
   add_executable(${name} ${ARG_SOURCES})
-  _korvo_common(${name} PRIVATE_LINK ${ARG_LINK})
+  _korvo_common(${name} PRIVATE_LINK ${ARG_LINK} UNPARSED ${ARG_UNPARSED_ARGUMENTS})
   if(ARG_INSTALL)
+    add_executable(Korvo::${name} ALIAS ${name})
     set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-    install(TARGETS ${name} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    install(TARGETS ${name} EXPORT KorvoTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   endif()
 endfunction()
 
@@ -74,13 +85,13 @@ endfunction()
 #
 # A GoogleTest program, run as one test. Label `concurrent` selects it for the ThreadSanitizer run.
 function(korvo_test name)
-  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LINK;LABELS" ${ARGN})
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LINK;LABELS")
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
   add_executable(${name} ${ARG_SOURCES})
-  _korvo_common(${name} PRIVATE_LINK ${ARG_LINK} GTest::gmock_main)
-  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
+  _korvo_common(${name} PRIVATE_LINK ${ARG_LINK} GTest::gmock_main UNPARSED ${ARG_UNPARSED_ARGUMENTS})
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
 endfunction()

@@ -1,0 +1,46 @@
+# How a module is declared, in this project and in yours: this file is installed with the package.
+#
+#   find_package(Korvo REQUIRED)
+#   korvo_module(mymodule SOURCES mymodule.cpp)
+
+include(GNUInstallDirs)
+
+# Where modules are installed, relative to the prefix: `korvo run --module <name>` looks there.
+set(KORVO_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/korvo/modules")
+
+# korvo_module(<name> SOURCES <file>... [LINK <target>...] [INSTALL])
+#
+# A library that a broker loads at run time (lib<name>.so, never linked against). It is linked with what a module is
+# written against, the module framework and the proxies; LINK adds to that. INSTALL puts it into KORVO_MODULE_DIR.
+function(korvo_module name)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "INSTALL" "" "SOURCES;LINK")
+  if(NOT ARG_SOURCES OR ARG_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "korvo_module(${name}): expects SOURCES <file>... [LINK <target>...] [INSTALL]; "
+                        "not understood: '${ARG_UNPARSED_ARGUMENTS}'")
+  endif()
+  add_library(${name} MODULE ${ARG_SOURCES})
+  target_compile_features(${name} PRIVATE cxx_std_20)
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} Korvo::hxcommon Korvo::hxproxies)
+  set_target_properties(${name} PROPERTIES
+    PREFIX lib
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    INSTALL_RPATH "$ORIGIN/../.."
+    INSTALL_RPATH_USE_LINK_PATH ON)
+  # A function that nobody defines fails the link here rather than the load in a running broker. Sanitized builds
+  # leave the sanitizer's own functions to the program.
+  if(NOT "${CMAKE_CXX_FLAGS} ${CMAKE_MODULE_LINKER_FLAGS}" MATCHES "-fsanitize")
+    target_link_options(${name} PRIVATE LINKER:--no-undefined)
+  endif()
+  # Both are set inside the Korvo tree only: an outside project keeps its own warnings and its own folders.
+  if(TARGET korvo_warnings)
+    target_link_libraries(${name} PRIVATE korvo_warnings)
+  endif()
+  if(KORVO_MODULE_OUTPUT_DIRECTORY)
+    set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY "${KORVO_MODULE_OUTPUT_DIRECTORY}")
+  endif()
+  if(ARG_INSTALL)
+    install(TARGETS ${name} LIBRARY DESTINATION "${KORVO_MODULE_DIR}")
+  endif()
+endfunction()
