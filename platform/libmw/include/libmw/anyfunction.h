@@ -1,0 +1,86 @@
+#pragma once
+
+#include <libmw/anyvalue.h>
+
+#include <functional>
+#include <memory>
+#include <tuple>
+#include <vector>
+
+namespace mw {
+
+/// How a call or a delivery reaches its target. The numbers are part of the interface: 0 is what a method advertised
+/// without a wish gets.
+enum class MetaCallType : int {
+  Auto = 0,    ///< On the caller's thread, unless the target's threading says otherwise.
+  Direct = 1,  ///< On the caller's thread.
+  Queued = 2,  ///< On the event loop, later; the arguments are copied.
+};
+
+namespace detail {
+
+/// A callable whose types are known at run time only.
+class HX_API FunctionBase {
+ public:
+  virtual ~FunctionBase();
+  /// @param self  The instance, for members bound to a type rather than to an object; ignored by the others.
+  virtual AnyValue invoke(void* self, GenericFunctionParameters parameters) const = 0;
+};
+
+}  // namespace detail
+
+/// A callable of any signature, called with dynamic arguments.
+///
+/// Copies share the callable. Calling is as thread-safe as the callable is; the AnyFunction itself may be called from
+/// any number of threads. The library that the callable came from must stay loaded.
+class HX_API AnyFunction {
+ public:
+  using DynamicFunction = std::function<AnyReference(const std::vector<AnyReference>&)>;
+
+  AnyFunction() = default;
+
+  /// From a lambda, a function pointer or a std::function.
+  template <class F>
+  static AnyFunction from(F callable);
+
+  /// From a member function, called on `object`, which must outlive the AnyFunction.
+  template <class T, class M>
+  static AnyFunction from(T* object, M member);
+
+  /// From a member function of a type, called on whichever instance the call names.
+  template <class T, class M>
+  static AnyFunction ofMember(M member);
+
+  /// From a function that takes its arguments as they come, in any number. Its result is copied.
+  static AnyFunction fromDynamicFunction(DynamicFunction function);
+
+  explicit operator bool() const { return function_ != nullptr; }
+
+  /// True for functions that take any number of arguments of any types.
+  bool isDynamic() const { return dynamic_; }
+  const std::vector<const TypeInterface*>& parameterTypes() const { return parameterTypes_; }
+  const TypeInterface* returnType() const { return returnType_; }
+
+  /// Calls with arguments that are converted where they must be.
+  /// @return Empty for a function that returns nothing.
+  /// @throws std::runtime_error on a wrong number of arguments; ConversionError; whatever the callable throws.
+  AnyValue call(GenericFunctionParameters parameters, void* self = nullptr) const {
+    return function_->invoke(self, parameters);
+  }
+
+  /// How well the arguments suit the parameters: the worst of the single fits.
+  Fit fit(GenericFunctionParameters parameters) const;
+
+ private:
+  std::shared_ptr<const detail::FunctionBase> function_;
+  std::vector<const TypeInterface*> parameterTypes_;
+  const TypeInterface* returnType_ = nullptr;
+  bool dynamic_ = false;
+};
+
+/// How well `parameters` suit `types`: the worst of the single fits, None when the counts differ.
+HX_API Fit fit(GenericFunctionParameters parameters, const std::vector<const TypeInterface*>& types);
+
+}  // namespace mw
+
+#include <libmw/detail/function.h>

@@ -1,0 +1,164 @@
+#pragma once
+
+#include <libmw/future.h>
+#include <libmw/metaobject.h>
+#include <libmw/signal.h>
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace mw {
+
+/// Anything that can be called by name: a module, a typed object, a service of another process.
+///
+/// The virtual operations work with ids of the meta-object; the members below them work with names. Objects are owned
+/// by shared pointers. Unless an object says otherwise, every operation may be used from any thread.
+class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> {
+ public:
+  GenericObject() = default;
+  GenericObject(const GenericObject&) = delete;
+  GenericObject& operator=(const GenericObject&) = delete;
+  virtual ~GenericObject();
+
+  /// States what the object offers. Called once, before the object is shared.
+  virtual void setMetaObject(MetaObject metaObject);
+  /// Calls a method.
+  /// @return The result; failures, those of the method itself included, are the future's. Ready at once when the call
+  ///         ran on the caller's thread.
+  virtual Future<AnyValue> metaCall(unsigned method, GenericFunctionParameters parameters,
+                                    MetaCallType callType = MetaCallType::Auto) = 0;
+  /// Triggers a signal, or calls a method whose result nobody wants.
+  virtual void metaPost(unsigned member, GenericFunctionParameters parameters) = 0;
+  /// @return Complete only when later emissions will arrive.
+  virtual Future<SignalLink> metaConnect(unsigned signal, const SignalSubscriber& subscriber) = 0;
+  virtual Future<void> metaDisconnect(SignalLink link) = 0;
+  virtual Future<AnyValue> metaProperty(unsigned property) = 0;
+  virtual Future<void> metaSetProperty(unsigned property, const AnyValue& value) = 0;
+
+  const MetaObject& metaObject() const { return metaObject_; }
+
+  /// Calls `method` and waits for its result. Overloads are chosen as `MetaObject::resolve` says.
+  /// @throws What the method throws; std::runtime_error when there is no such method, no overload fits, the object is
+  ///         gone, or the result does not convert into R.
+  template <class R = void, class... Args>
+  R call(std::string_view method, const Args&... args) {
+    return detail::withParameters(
+        [&](GenericFunctionParameters parameters) -> R {
+          return metaCall(metaObject_.resolve(method, parameters).id, parameters).take().template take<R>();
+        },
+        args...);
+  }
+
+  /// Calls `method` without waiting. Failures, also of the choice among overloads, are the future's.
+  template <class... Args>
+  Future<AnyValue> async(std::string_view method, const Args&... args) {
+    return detail::withParameters(
+        [&](GenericFunctionParameters parameters) { return callLater(method, parameters); }, args...);
+  }
+
+  /// Triggers the signal `name`, or calls the method of that name if there is no such signal, and forgets about it.
+  template <class... Args>
+  void post(std::string_view name, const Args&... args) {
+    detail::withParameters([&](GenericFunctionParameters parameters) { postByName(name, parameters); }, args...);
+  }
+
+  /// Connects to a signal. @see metaConnect
+  /// @throws std::runtime_error naming the signal when there is none.
+  Future<SignalLink> connect(std::string_view signal, const SignalSubscriber& subscriber);
+  Future<SignalLink> connect(unsigned signal, const SignalSubscriber& subscriber);
+  Future<void> disconnect(SignalLink link) { return metaDisconnect(link); }
+
+  /// The same for every handle on one object, and different for any two objects that exist at once.
+  std::uintptr_t identity() const { return reinterpret_cast<std::uintptr_t>(identity_); }
+
+ protected:
+  /// For handles on an object that lives elsewhere.
+  void setIdentity(const void* object) { identity_ = object; }
+
+ private:
+  Future<AnyValue> callLater(std::string_view method, GenericFunctionParameters parameters);
+  void postByName(std::string_view name, GenericFunctionParameters parameters);
+
+  MetaObject metaObject_;
+  const void* identity_ = this;
+};
+
+/// A shared handle on an object, or on none. Using an empty one throws "This object is null".
+class HX_API AnyObject {
+ public:
+  AnyObject() = default;
+  explicit AnyObject(std::shared_ptr<GenericObject> object) : object_(std::move(object)) {}
+
+  /// From an instance of a type that an ObjectTypeBuilder registered, or of a class derived from GenericObject.
+  /// @throws std::runtime_error naming the type when it is not registered.
+  template <class T>
+  static AnyObject from(std::shared_ptr<T> instance);
+
+  explicit operator bool() const { return object_ != nullptr; }
+  GenericObject* operator->() const { return &get(); }
+  /// @throws std::runtime_error "This object is null"
+  GenericObject& get() const;
+  const std::shared_ptr<GenericObject>& pointer() const { return object_; }
+  void reset() { object_.reset(); }
+
+  friend bool operator==(const AnyObject& a, const AnyObject& b) {
+    return a.object_ == b.object_ || (a && b && a->identity() == b->identity());
+  }
+
+ private:
+  std::shared_ptr<GenericObject> object_;
+};
+
+namespace detail {
+/// Wraps an instance in the object that its registered type describes; empty when the type is not registered.
+HX_API AnyObject makeTypedObject(const std::type_info& type, std::shared_ptr<void> instance);
+/// The instance behind a typed object of this process; empty when it is of another type.
+HX_API std::shared_ptr<void> typedInstance(const AnyObject& object, const std::type_info& type);
+[[noreturn]] HX_API void throwUnregisteredType(const std::type_info& type);
+}  // namespace detail
+
+template <class T>
+AnyObject AnyObject::from(std::shared_ptr<T> instance) {
+  if (!instance) return AnyObject();
+  if constexpr (std::is_base_of_v<GenericObject, T>) {
+    return AnyObject(std::move(instance));
+  } else {
+    AnyObject object = detail::makeTypedObject(typeid(T), std::move(instance));
+    if (!object) detail::throwUnregisteredType(typeid(T));
+    return object;
+  }
+}
+
+template <>
+struct TypeTraits<AnyObject> {
+  static std::string name() { return "object"; }
+  static constexpr TypeKind kind = TypeKind::Object;
+  static AnyObject toObject(const AnyObject& from) { return from; }
+  static bool fromObject(const AnyObject& object, AnyObject* to) {
+    new (to) AnyObject(object);
+    return true;
+  }
+};
+
+template <class T>
+struct TypeTraits<std::shared_ptr<T>> {
+  static std::string name() { return "object"; }
+  static constexpr TypeKind kind = TypeKind::Object;
+  static AnyObject toObject(const std::shared_ptr<T>& from) { return AnyObject::from(from); }
+  static bool fromObject(const AnyObject& object, std::shared_ptr<T>* to) {
+    std::shared_ptr<T> instance;
+    if constexpr (std::is_base_of_v<GenericObject, T>) {
+      instance = std::dynamic_pointer_cast<T>(object.pointer());
+    } else {
+      instance = std::static_pointer_cast<T>(detail::typedInstance(object, typeid(T)));
+    }
+    if (object && !instance) return false;
+    new (to) std::shared_ptr<T>(std::move(instance));
+    return true;
+  }
+};
+
+}  // namespace mw

@@ -1,0 +1,102 @@
+#pragma once
+
+#include <libmw/genericobject.h>
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace mw {
+
+class EventLoop;
+
+using ServiceId = std::uint32_t;
+
+struct ServiceInfo {
+  ServiceId id = 0;
+  std::string name;
+};
+
+/// Where the services of a broker are found: those that this process offers, and beyond them whatever the resolver
+/// reaches.
+///
+/// A service is handed out as a handle on the object that was registered. The handle counts the calls that run in the
+/// object and is cut off when the service is unregistered: the object can then go, whoever still holds the handle, and
+/// calls through it fail with a runtime error that names the service.
+///
+/// Threads: every operation is safe from any thread. No lock is held while objects, resolvers or handlers are called.
+class HX_API Session {
+ public:
+  /// Looks up services that this process does not offer. Must not block: it answers with a future.
+  using Resolver = std::function<Future<AnyObject>(const std::string& name)>;
+
+  /// @param loop  Delivers the notices; the process-wide loop when not given. Must outlive the session.
+  Session();
+  explicit Session(EventLoop& loop);
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+  ~Session();
+
+  /// Looks a service up.
+  /// @param name      Name of the service.
+  /// @param protocol  Empty; kept for directories that offer one service in several ways.
+  /// @return A handle on the service, at once for services of this process. Fails with a FutureError that names the
+  ///         service when there is none.
+  Future<AnyObject> service(const std::string& name, const std::string& protocol = {});
+
+  /// Offers `object` under `name` and announces it.
+  /// @return The id to unregister it by.
+  /// @throws std::runtime_error when the name is empty or taken, or the session is closed.
+  ServiceId registerService(const std::string& name, AnyObject object);
+
+  /// Withdraws a service: refuses new calls, runs `beforeDrain` (the owner wakes up calls that sleep), waits until
+  /// the running calls of other threads have returned, and lets go of the object. A wait beyond five seconds is logged.
+  /// @return False when there is no such service.
+  bool unregisterService(ServiceId id, const std::function<void()>& beforeDrain = {});
+
+  /// The services of this process, in the order of their registration.
+  std::vector<ServiceInfo> services() const;
+
+  /// Sets what finds services beyond this process; an empty one finds none.
+  void setResolver(Resolver resolver);
+
+  /// Withdraws every service, the last registered one first, and refuses new ones.
+  void close();
+
+  EventLoop& eventLoop() const;
+
+  /// A service was offered or withdrawn: its id and its name. Delivered on the event loop, one notice at a time, in
+  /// the order of what happened.
+  Signal<ServiceId, std::string> serviceRegistered;
+  Signal<ServiceId, std::string> serviceUnregistered;
+
+  /// Holds notices back while it lives, and has them delivered afterwards.
+  ///
+  /// A module connects its handler at the end of its constructor. A service that registers while the constructor runs
+  /// would fall between the pass over the existing services and the connection; held back, its notice finds the
+  /// handler in place.
+  class HX_API NoticeHold {
+   public:
+    explicit NoticeHold(Session& session);
+    NoticeHold(const NoticeHold&) = delete;
+    NoticeHold& operator=(const NoticeHold&) = delete;
+    ~NoticeHold();
+
+   private:
+    Session& session_;
+  };
+
+  /// Announces on `serviceRegistered` or `serviceUnregistered` what a directory beyond this process has learnt.
+  void announce(ServiceId id, const std::string& name, bool registered);
+
+ private:
+  class Directory;
+  class Notices;
+  std::shared_ptr<Notices> notices_;
+  std::unique_ptr<Directory> directory_;
+};
+
+}  // namespace mw

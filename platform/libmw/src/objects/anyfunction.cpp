@@ -1,0 +1,58 @@
+#include <libmw/anyfunction.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace mw {
+namespace detail {
+
+FunctionBase::~FunctionBase() = default;
+
+void throwWrongCount(std::size_t given, std::size_t wanted) {
+  throw std::runtime_error(fmt::format("Invalid number of arguments: {} given, {} wanted", given, wanted));
+}
+
+void throwWrongArgument(std::size_t index, const AnyReference& given, const TypeInterface* wanted) {
+  throw ConversionError(given.type(), wanted, fmt::format("argument {}", index + 1));
+}
+
+namespace {
+
+class Dynamic final : public FunctionBase {
+ public:
+  explicit Dynamic(AnyFunction::DynamicFunction function) : function_(std::move(function)) {}
+  AnyValue invoke(void*, GenericFunctionParameters parameters) const override {
+    return AnyValue(function_(std::vector<AnyReference>(parameters.begin(), parameters.end())));
+  }
+
+ private:
+  AnyFunction::DynamicFunction function_;
+};
+
+}  // namespace
+}  // namespace detail
+
+AnyFunction AnyFunction::fromDynamicFunction(DynamicFunction function) {
+  AnyFunction made;
+  made.function_ = std::make_shared<detail::Dynamic>(std::move(function));
+  made.returnType_ = typeOf<AnyValue>();
+  made.dynamic_ = true;
+  return made;
+}
+
+Fit AnyFunction::fit(GenericFunctionParameters parameters) const {
+  return dynamic_ ? Fit::Variant : mw::fit(parameters, parameterTypes_);
+}
+
+Fit fit(GenericFunctionParameters parameters, const std::vector<const TypeInterface*>& types) {
+  if (parameters.size() != types.size()) return Fit::None;
+  Fit worst = Fit::Exact;
+  for (std::size_t i = 0; i < types.size() && worst != Fit::None; ++i) {
+    worst = std::max(worst, parameters[i].fit(types[i]));
+  }
+  return worst;
+}
+
+}  // namespace mw

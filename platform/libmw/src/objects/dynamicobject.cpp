@@ -1,0 +1,167 @@
+#include <libmw/dynamicobject.h>
+#include <libmw/eventloop.h>
+
+#include <fmt/format.h>
+
+#include <mutex>
+#include <stdexcept>
+
+namespace mw {
+
+const AnyFunction* ObjectType::method(unsigned id) const {
+  return id < members_.size() && members_[id].method ? &members_[id].method : nullptr;
+}
+
+const ObjectType::SignalOf* ObjectType::signal(unsigned id) const {
+  return id < members_.size() && members_[id].signal ? &members_[id].signal : nullptr;
+}
+
+ObjectBuilder& ObjectBuilder::setTypeName(std::string name) {
+  members_.typeName = std::move(name);
+  return *this;
+}
+
+ObjectBuilder& ObjectBuilder::setDescription(std::string description) {
+  members_.description = std::move(description);
+  return *this;
+}
+
+ObjectBuilder& ObjectBuilder::setThreadingModel(ObjectThreadingModel model) {
+  threadingModel_ = model;
+  return *this;
+}
+
+unsigned ObjectBuilder::advertiseMethod(const MetaMethodBuilder& description, AnyFunction function,
+                                        MetaCallType callType) {
+  MetaMethod method = description.method();
+  if (!function.isDynamic() && method.parameters.size() > function.parameterTypes().size()) {
+    throw std::runtime_error(fmt::format("method {} takes {} parameters, and {} are documented", method.name,
+                                         function.parameterTypes().size(), method.parameters.size()));
+  }
+  method.id = static_cast<unsigned>(table_.size());
+  method.types = function.parameterTypes();
+  method.resultType = function.returnType();
+  method.dynamic = function.isDynamic();
+  method.callType = callType;
+  members_.methods.push_back(std::move(method));
+  table_.push_back({std::move(function), {}});
+  return members_.methods.back().id;
+}
+
+unsigned ObjectBuilder::advertiseSignal(std::string name, std::string signature, ObjectType::SignalOf signal) {
+  const auto id = static_cast<unsigned>(table_.size());
+  members_.signals.push_back({id, std::move(name), std::move(signature)});
+  table_.push_back({{}, std::move(signal)});
+  return id;
+}
+
+unsigned ObjectBuilder::advertiseSignal(std::string name, SignalBase& signal) {
+  return advertiseSignal(std::move(name), signal.signature(), [&signal](void*) -> SignalBase& { return signal; });
+}
+
+unsigned ObjectBuilder::advertiseProperty(std::string name) {
+  const auto id = static_cast<unsigned>(table_.size());
+  members_.properties.push_back({id, std::move(name)});
+  table_.emplace_back();
+  return id;
+}
+
+std::shared_ptr<const ObjectType> ObjectBuilder::build() {
+  auto type = std::make_shared<ObjectType>();
+  type->metaObject_ = MetaObject(std::exchange(members_, {}));
+  type->members_ = std::exchange(table_, {});
+  type->threadingModel_ = threadingModel_;
+  return type;
+}
+
+struct DynamicObject::State {
+  std::recursive_mutex serialised;  // Held around each call on objects of the single-threaded model.
+  std::mutex mutex;                 // Guards `properties`.
+  std::map<unsigned, AnyValue> properties;
+};
+
+DynamicObject::DynamicObject() : type_(ObjectBuilder().build()), state_(std::make_unique<State>()) {}
+
+DynamicObject::DynamicObject(std::shared_ptr<const ObjectType> type, std::shared_ptr<void> instance)
+    : instance_(std::move(instance)), state_(std::make_unique<State>()) {
+  setIdentity(instance_.get());
+  setType(std::move(type));
+}
+
+DynamicObject::~DynamicObject() = default;
+
+void DynamicObject::setMetaObject(MetaObject metaObject) { GenericObject::setMetaObject(std::move(metaObject)); }
+
+void DynamicObject::setType(std::shared_ptr<const ObjectType> type) {
+  type_ = std::move(type);
+  GenericObject::setMetaObject(type_->metaObject());
+}
+
+Future<AnyValue> DynamicObject::metaCall(unsigned method, GenericFunctionParameters parameters,
+                                         MetaCallType callType) {
+  const AnyFunction* function = type_->method(method);
+  if (!function) {
+    return Future<AnyValue>::failed(std::make_exception_ptr(
+        std::runtime_error(fmt::format("{}: no method with id {}", metaObject().typeName(), method))));
+  }
+  if (callType == MetaCallType::Auto) callType = metaObject().method(method)->callType;
+  if (callType != MetaCallType::Queued) return invoke(*function, parameters);
+  return defaultLoop().async([self = std::static_pointer_cast<DynamicObject>(shared_from_this()), function,
+                              owned = OwnedParameters(parameters)] {
+    return self->invoke(*function, owned.references());
+  });
+}
+
+Future<AnyValue> DynamicObject::invoke(const AnyFunction& function, GenericFunctionParameters parameters) {
+  try {
+    std::unique_lock<std::recursive_mutex> lock;
+    if (type_->threadingModel() == ObjectThreadingModel::SingleThread) lock = std::unique_lock(state_->serialised);
+    return Future<AnyValue>::ready(function.call(parameters, instance_.get()));
+  } catch (...) {
+    return Future<AnyValue>::failed(std::current_exception());
+  }
+}
+
+void DynamicObject::metaPost(unsigned member, GenericFunctionParameters parameters) {
+  if (type_->signal(member)) {
+    requireSignal(member).trigger(parameters);
+  } else {
+    metaCall(member, parameters, MetaCallType::Queued);
+  }
+}
+
+SignalBase& DynamicObject::requireSignal(unsigned id) const {
+  const ObjectType::SignalOf* signal = type_->signal(id);
+  if (!signal) throw std::runtime_error(fmt::format("{}: no signal with id {}", metaObject().typeName(), id));
+  return (*signal)(instance_.get());
+}
+
+Future<SignalLink> DynamicObject::metaConnect(unsigned signal, const SignalSubscriber& subscriber) {
+  try {
+    return Future<SignalLink>::ready(requireSignal(signal).connect(subscriber));
+  } catch (...) {
+    return Future<SignalLink>::failed(std::current_exception());
+  }
+}
+
+Future<void> DynamicObject::metaDisconnect(SignalLink link) {
+  for (const MetaSignal& signal : metaObject().signals()) {
+    if (requireSignal(signal.id).disconnect(link)) return Future<void>::ready();
+  }
+  return Future<void>::failed(std::make_exception_ptr(
+      std::runtime_error(fmt::format("{}: no connection with link {}", metaObject().typeName(), link))));
+}
+
+Future<AnyValue> DynamicObject::metaProperty(unsigned property) {
+  const std::lock_guard lock(state_->mutex);
+  return Future<AnyValue>::ready(state_->properties[property]);
+}
+
+Future<void> DynamicObject::metaSetProperty(unsigned property, const AnyValue& value) {
+  AnyValue stored(value);
+  const std::lock_guard lock(state_->mutex);
+  std::swap(state_->properties[property], stored);
+  return Future<void>::ready();
+}
+
+}  // namespace mw

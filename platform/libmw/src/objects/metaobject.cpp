@@ -1,0 +1,135 @@
+#include <libmw/metaobject.h>
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <map>
+#include <stdexcept>
+
+namespace mw {
+namespace {
+
+std::string joined(const std::vector<std::string>& parts, std::string_view separator) {
+  return fmt::format("{}", fmt::join(parts, separator));
+}
+
+std::string typesOf(GenericFunctionParameters parameters) {
+  std::vector<std::string> names;
+  for (const AnyReference& parameter : parameters) {
+    const AnyReference given = parameter.content();
+    if (const auto* value = given.getIf<HX::HXValue>()) {
+      names.emplace_back(HX::HXValue::TypeToString(value->getType()));
+    } else {
+      names.push_back(given ? given.type()->name : "nothing");
+    }
+  }
+  return joined(names, ", ");
+}
+
+std::int32_t nextUid() {
+  static std::atomic<std::int32_t> last{0};
+  return ++last;
+}
+
+}  // namespace
+
+std::string MetaMethod::signature() const {
+  if (dynamic) return name + "(...)";
+  std::vector<std::string> names;
+  for (const TypeInterface* type : types) names.push_back(type->name);
+  return fmt::format("{}({})", name, joined(names, ", "));
+}
+
+MetaMethodBuilder::MetaMethodBuilder(std::string name, std::string module, std::string description, int flags) {
+  method_.name = std::move(name);
+  method_.module = std::move(module);
+  method_.description = std::move(description);
+  method_.flags = flags;
+}
+
+MetaMethodBuilder& MetaMethodBuilder::addParameter(std::string name, std::string description) {
+  method_.parameters.push_back({std::move(name), std::move(description)});
+  return *this;
+}
+
+MetaMethodBuilder& MetaMethodBuilder::setReturn(std::string name, std::string description) {
+  method_.result = MetaParameter{std::move(name), std::move(description)};
+  return *this;
+}
+
+struct MetaObject::Data {
+  explicit Data(Members given) : members(std::move(given)), uid(nextUid()) {
+    for (const MetaMethod& method : members.methods) {
+      overloads[method.name].push_back(&method);
+      if (method.id >= byId.size()) byId.resize(method.id + 1);
+      byId[method.id] = &method;
+    }
+  }
+
+  const Members members;
+  const std::int32_t uid;
+  std::map<std::string, std::vector<const MetaMethod*>, std::less<>> overloads;
+  std::vector<const MetaMethod*> byId;
+};
+
+MetaObject::MetaObject() {
+  static const auto empty = std::make_shared<const Data>(Members{});
+  data_ = empty;
+}
+
+MetaObject::MetaObject(Members members) : data_(std::make_shared<const Data>(std::move(members))) {}
+
+const std::string& MetaObject::typeName() const { return data_->members.typeName; }
+const std::string& MetaObject::description() const { return data_->members.description; }
+std::span<const MetaMethod> MetaObject::methods() const { return data_->members.methods; }
+std::span<const MetaSignal> MetaObject::signals() const { return data_->members.signals; }
+std::span<const MetaProperty> MetaObject::properties() const { return data_->members.properties; }
+std::int32_t MetaObject::uid() const { return data_->uid; }
+
+std::span<const MetaMethod* const> MetaObject::findMethods(std::string_view name) const {
+  const auto found = data_->overloads.find(name);
+  if (found == data_->overloads.end()) return {};
+  return found->second;
+}
+
+const MetaMethod* MetaObject::method(unsigned id) const {
+  return id < data_->byId.size() ? data_->byId[id] : nullptr;
+}
+
+int MetaObject::signalId(std::string_view name) const {
+  for (const MetaSignal& signal : signals()) {
+    if (signal.name == name) return static_cast<int>(signal.id);
+  }
+  return -1;
+}
+
+int MetaObject::propertyId(std::string_view name) const {
+  for (const MetaProperty& property : properties()) {
+    if (property.name == name) return static_cast<int>(property.id);
+  }
+  return -1;
+}
+
+const MetaMethod& MetaObject::resolve(std::string_view name, GenericFunctionParameters parameters) const {
+  const auto candidates = findMethods(name);
+  const std::string& owner = typeName();
+  const std::string_view dot = owner.empty() ? "" : ".";
+  if (candidates.empty()) throw std::runtime_error(fmt::format("{}{}{}: no such method", owner, dot, name));
+  const MetaMethod* best = nullptr;
+  Fit bestFit = Fit::None;
+  for (const MetaMethod* candidate : candidates) {
+    const Fit fits = candidate->dynamic ? Fit::Variant : fit(parameters, candidate->types);
+    if (fits < bestFit) {
+      best = candidate;
+      bestFit = fits;
+      if (fits == Fit::Exact) break;
+    }
+  }
+  if (best) return *best;
+  std::vector<std::string> known;
+  for (const MetaMethod* candidate : candidates) known.push_back(candidate->signature());
+  throw std::runtime_error(fmt::format("{}{}{}({}): no overload takes these arguments; there is {}", owner, dot, name,
+                                       typesOf(parameters), joined(known, ", ")));
+}
+
+}  // namespace mw

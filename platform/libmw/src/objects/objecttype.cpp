@@ -1,0 +1,67 @@
+#include <libmw/objecttypebuilder.h>
+
+#include <fmt/format.h>
+
+#include <mutex>
+#include <typeindex>
+#include <unordered_map>
+
+namespace mw {
+namespace {
+
+struct Registry {
+  std::mutex mutex;  // Guards `types`.
+  std::unordered_map<std::type_index, std::shared_ptr<const ObjectType>> types;
+};
+
+Registry& registry() {
+  static Registry* const instance = new Registry;  // Never destroyed: libraries register from static initialisers.
+  return *instance;
+}
+
+/// The object that an instance of a registered type is shown as. It knows the type, so that a shared pointer taken out
+/// again is one of the right type.
+class TypedObject final : public DynamicObject {
+ public:
+  TypedObject(const std::type_info& type, std::shared_ptr<const ObjectType> description, std::shared_ptr<void> instance)
+      : DynamicObject(std::move(description), std::move(instance)), type_(type) {}
+
+  const std::type_info& type() const { return type_; }
+
+ private:
+  const std::type_info& type_;
+};
+
+}  // namespace
+
+void registerType(const std::type_info& type, std::shared_ptr<const ObjectType> description) {
+  Registry& all = registry();
+  const std::lock_guard lock(all.mutex);
+  std::swap(all.types[std::type_index(type)], description);
+}
+
+namespace detail {
+
+AnyObject makeTypedObject(const std::type_info& type, std::shared_ptr<void> instance) {
+  Registry& all = registry();
+  std::shared_ptr<const ObjectType> description;
+  {
+    const std::lock_guard lock(all.mutex);
+    const auto found = all.types.find(std::type_index(type));
+    if (found == all.types.end()) return AnyObject();
+    description = found->second;
+  }
+  return AnyObject(std::make_shared<TypedObject>(type, std::move(description), std::move(instance)));
+}
+
+std::shared_ptr<void> typedInstance(const AnyObject& object, const std::type_info& type) {
+  const auto typed = std::dynamic_pointer_cast<TypedObject>(object.pointer());
+  return typed && typed->type() == type ? typed->instance() : nullptr;
+}
+
+void throwUnregisteredType(const std::type_info& type) {
+  throw std::runtime_error(fmt::format("type {} is not registered with the middleware", type.name()));
+}
+
+}  // namespace detail
+}  // namespace mw

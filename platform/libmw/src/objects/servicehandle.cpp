@@ -1,0 +1,84 @@
+#include "servicehandle.h"
+
+#include <libmw/eventloop.h>
+#include <libmw/log.h>
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+namespace mw {
+
+ServiceHandle::ServiceHandle(std::string name, AnyObject target) : name_(std::move(name)), target_(std::move(target)) {
+  GenericObject::setMetaObject(target_->metaObject());
+  setIdentity(reinterpret_cast<const void*>(target_->identity()));
+}
+
+std::exception_ptr ServiceHandle::gone() const {
+  return std::make_exception_ptr(std::runtime_error(fmt::format("service {} is gone", name_)));
+}
+
+template <class R, class Use>
+Future<R> ServiceHandle::withTarget(Use&& use) {
+  const auto pass = gate_.enter();
+  return pass ? use(target_.get()) : Future<R>::failed(gone());
+}
+
+Future<AnyValue> ServiceHandle::metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) {
+  if (callType == MetaCallType::Auto) {
+    if (const MetaMethod* known = metaObject().method(method)) callType = known->callType;
+  }
+  if (callType != MetaCallType::Queued) {
+    return withTarget<AnyValue>([&](GenericObject& target) {
+      return target.metaCall(method, parameters, MetaCallType::Direct);
+    });
+  }
+  // Queued here rather than in the object, so that the gate is held while the call runs and not before.
+  return defaultLoop().async([self = std::static_pointer_cast<ServiceHandle>(shared_from_this()), method,
+                              owned = OwnedParameters(parameters)] {
+    return self->metaCall(method, owned.references(), MetaCallType::Direct);
+  });
+}
+
+void ServiceHandle::metaPost(unsigned member, GenericFunctionParameters parameters) {
+  if (metaObject().method(member)) {
+    metaCall(member, parameters, MetaCallType::Queued);
+    return;
+  }
+  const auto pass = gate_.enter();
+  if (!pass) std::rethrow_exception(gone());
+  target_->metaPost(member, parameters);
+}
+
+Future<SignalLink> ServiceHandle::metaConnect(unsigned signal, const SignalSubscriber& subscriber) {
+  return withTarget<SignalLink>([&](GenericObject& target) { return target.metaConnect(signal, subscriber); });
+}
+
+Future<void> ServiceHandle::metaDisconnect(SignalLink link) {
+  return withTarget<void>([&](GenericObject& target) { return target.metaDisconnect(link); });
+}
+
+Future<AnyValue> ServiceHandle::metaProperty(unsigned property) {
+  return withTarget<AnyValue>([&](GenericObject& target) { return target.metaProperty(property); });
+}
+
+Future<void> ServiceHandle::metaSetProperty(unsigned property, const AnyValue& value) {
+  return withTarget<void>([&](GenericObject& target) { return target.metaSetProperty(property, value); });
+}
+
+void ServiceHandle::cutOff(const std::function<void()>& beforeDrain) {
+  gate_.close();
+  if (beforeDrain) beforeDrain();
+  gate_.drain();
+  if (!gate_.isEnteredByThisThread()) {
+    target_.reset();
+    return;
+  }
+  // A service that withdraws itself from inside a call of its own still needs the object until that call returns.
+  defaultLoop().post([self = std::static_pointer_cast<ServiceHandle>(shared_from_this())] {
+    self->gate_.drain();
+    self->target_.reset();
+  });
+}
+
+}  // namespace mw

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <libmw/genericobject.h>
+
+#include <functional>
+#include <string>
+
+namespace mw {
+
+/// What a session hands out for a service of its own process.
+///
+/// The handle is cut off from the object when the service is withdrawn. Whoever is inside at that moment is waited for,
+/// so the object may be destroyed right after `cutOff` although handles on it are still held.
+class ServiceHandle final : public GenericObject {
+ public:
+  ServiceHandle(std::string name, AnyObject target);
+
+  Future<AnyValue> metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) override;
+  void metaPost(unsigned member, GenericFunctionParameters parameters) override;
+  Future<SignalLink> metaConnect(unsigned signal, const SignalSubscriber& subscriber) override;
+  Future<void> metaDisconnect(SignalLink link) override;
+  Future<AnyValue> metaProperty(unsigned property) override;
+  Future<void> metaSetProperty(unsigned property, const AnyValue& value) override;
+
+  /// Refuses new calls, runs `beforeDrain`, waits for the calls of other threads, lets go of the object. Once.
+  void cutOff(const std::function<void()>& beforeDrain);
+
+ private:
+  std::exception_ptr gone() const;
+  template <class R, class Use>
+  Future<R> withTarget(Use&& use);
+
+  const std::string name_;
+  CallGate gate_;
+  AnyObject target_;  ///< Used only inside the gate, and by `cutOff` once it is drained.
+};
+
+}  // namespace mw

@@ -1,0 +1,201 @@
+#include "servicehandle.h"
+
+#include <libmw/eventloop.h>
+#include <libmw/session.h>
+
+#include <fmt/format.h>
+
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+
+namespace mw {
+
+/// The services of this process, and who finds the others.
+class Session::Directory {
+ public:
+  explicit Directory(EventLoop& eventLoop) : loop(eventLoop) {}
+
+  ServiceId add(const std::string& name, std::shared_ptr<ServiceHandle> handle) {
+    const std::lock_guard lock(mutex_);
+    if (closed_) throw std::runtime_error(fmt::format("cannot register service {}: the session is closed", name));
+    const ServiceId id = nextId_;
+    if (!ids_.emplace(name, id).second) {
+      throw std::runtime_error(fmt::format("service {} is registered already", name));
+    }
+    ++nextId_;
+    services_.emplace(id, Service{name, std::move(handle)});
+    return id;
+  }
+
+  struct Service {
+    std::string name;
+    std::shared_ptr<ServiceHandle> handle;
+  };
+
+  std::optional<Service> remove(ServiceId id) {
+    const std::lock_guard lock(mutex_);
+    const auto found = services_.find(id);
+    if (found == services_.end()) return std::nullopt;
+    Service service = std::move(found->second);
+    ids_.erase(service.name);
+    services_.erase(found);
+    return service;
+  }
+
+  std::shared_ptr<ServiceHandle> find(const std::string& name) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = ids_.find(name);
+    return found == ids_.end() ? nullptr : services_.at(found->second).handle;
+  }
+
+  std::vector<ServiceInfo> list() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<ServiceInfo> all;
+    for (const auto& [id, service] : services_) all.push_back({id, service.name});
+    return all;
+  }
+
+  /// @return The last registered service; 0 when there is none.
+  ServiceId closeAndPickLast() {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+    return services_.empty() ? 0 : services_.rbegin()->first;
+  }
+
+  void setResolver(Resolver resolver) {
+    const std::lock_guard lock(mutex_);
+    resolver_ = std::move(resolver);
+  }
+
+  Resolver resolver() const {
+    const std::lock_guard lock(mutex_);
+    return resolver_;
+  }
+
+  EventLoop& loop;
+
+ private:
+  mutable std::mutex mutex_;  // Guards everything below.
+  std::map<ServiceId, Service> services_;
+  std::map<std::string, ServiceId> ids_;
+  ServiceId nextId_ = 1;
+  bool closed_ = false;
+  Resolver resolver_;
+};
+
+/// Notices on their way to the handlers. Shared with the task that delivers them, which may outlast the session.
+class Session::Notices : public std::enable_shared_from_this<Notices> {
+ public:
+  struct Notice {
+    ServiceId id;
+    std::string name;
+    bool registered;
+  };
+
+  Notices(Session& session, EventLoop& loop) : session_(session), loop_(loop) {}
+
+  void add(Notice notice) {
+    const std::lock_guard lock(mutex_);
+    waiting_.push_back(std::move(notice));
+    startLocked();
+  }
+
+  void hold() {
+    const std::lock_guard lock(mutex_);
+    ++holds_;
+  }
+
+  void release() {
+    const std::lock_guard lock(mutex_);
+    --holds_;
+    startLocked();
+  }
+
+  /// No handler is called any more once this has returned, except by the calling thread itself.
+  void end() { lifetime_.destroy(); }
+
+ private:
+  // The posting itself happens under the lock; the loop never runs what is posted in the caller.
+  void startLocked() {
+    if (delivering_ || holds_ > 0 || waiting_.empty()) return;
+    delivering_ = loop_.post([self = shared_from_this()] { self->deliver(); });
+  }
+
+  void deliver() {
+    while (true) {
+      std::unique_lock lock(mutex_);
+      if (holds_ > 0 || waiting_.empty()) {
+        delivering_ = false;
+        return;
+      }
+      const Notice notice = std::move(waiting_.front());
+      waiting_.pop_front();
+      lock.unlock();
+      const auto token = lifetime_.token();
+      if (const auto pass = token.enter()) {
+        (notice.registered ? session_.serviceRegistered : session_.serviceUnregistered)(notice.id, notice.name);
+      }
+    }
+  }
+
+  Session& session_;
+  EventLoop& loop_;
+  Lifetime lifetime_;
+  std::mutex mutex_;  // Guards everything below.
+  std::deque<Notice> waiting_;
+  int holds_ = 0;
+  bool delivering_ = false;
+};
+
+Session::Session() : Session(defaultLoop()) {}
+
+Session::Session(EventLoop& loop)
+    : notices_(std::make_shared<Notices>(*this, loop)), directory_(std::make_unique<Directory>(loop)) {}
+
+Session::~Session() {
+  close();
+  notices_->end();
+}
+
+Future<AnyObject> Session::service(const std::string& name, const std::string&) {
+  if (auto local = directory_->find(name)) return Future<AnyObject>::ready(AnyObject(std::move(local)));
+  if (const Resolver resolver = directory_->resolver()) return resolver(name);
+  return Future<AnyObject>::failed(fmt::format("no service named {}", name));
+}
+
+ServiceId Session::registerService(const std::string& name, AnyObject object) {
+  if (name.empty()) throw std::runtime_error("cannot register a service without a name");
+  auto handle = std::make_shared<ServiceHandle>(name, std::move(object));
+  const ServiceId id = directory_->add(name, std::move(handle));
+  announce(id, name, true);
+  return id;
+}
+
+bool Session::unregisterService(ServiceId id, const std::function<void()>& beforeDrain) {
+  const auto service = directory_->remove(id);
+  if (!service) return false;
+  announce(id, service->name, false);
+  service->handle->cutOff(beforeDrain);
+  return true;
+}
+
+std::vector<ServiceInfo> Session::services() const { return directory_->list(); }
+
+void Session::setResolver(Resolver resolver) { directory_->setResolver(std::move(resolver)); }
+
+void Session::close() {
+  while (const ServiceId last = directory_->closeAndPickLast()) unregisterService(last);
+}
+
+EventLoop& Session::eventLoop() const { return directory_->loop; }
+
+void Session::announce(ServiceId id, const std::string& name, bool registered) {
+  notices_->add({id, name, registered});
+}
+
+Session::NoticeHold::NoticeHold(Session& session) : session_(session) { session_.notices_->hold(); }
+Session::NoticeHold::~NoticeHold() { session_.notices_->release(); }
+
+}  // namespace mw
