@@ -13,6 +13,10 @@
 
 namespace mw {
 
+namespace detail {
+class ThreadPool;
+}
+
 /// A queue of functions and the pool of threads that run them.
 ///
 /// Functions start in the order posted and run in parallel. A function may block: when all threads are busy and
@@ -78,8 +82,8 @@ class HX_API EventLoop {
   std::size_t threadCount() const noexcept;
 
  private:
-  class Pool;
-  std::shared_ptr<Pool> pool_;
+  friend EventLoop& defaultLoop();
+  std::shared_ptr<detail::ThreadPool> pool_;
 };
 
 /// The loop that asynchronous continuations and the middleware's own work run on.

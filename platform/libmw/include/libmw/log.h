@@ -105,7 +105,9 @@ HX_API void removeSink(SinkId id);
 /// Turns the lines on standard error on (as at start) or off.
 ///
 /// A record is one line, `[LEVEL] CATEGORY FUNCTION: TEXT`; line ends and control characters are escaped.
-HX_API void setStderrSink(bool enabled) noexcept;
+///
+/// @return Whether they were on before.
+HX_API bool setStderrSink(bool enabled) noexcept;
 
 }  // namespace log
 }  // namespace mw

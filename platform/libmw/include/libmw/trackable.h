@@ -40,7 +40,7 @@ class HX_API CallGate {
   explicit CallGate(unsigned counters = 16);
   CallGate(const CallGate&) = delete;
   CallGate& operator=(const CallGate&) = delete;
-  ~CallGate();  ///< Closes and drains.
+  ~CallGate();  ///< Drains.
 
   /// Enters; the result is false once the gate is closed. Use as `if (auto pass = gate.enter()) …`.
   Pass enter() const noexcept;
@@ -52,8 +52,7 @@ class HX_API CallGate {
   void close() noexcept;
   bool isClosed() const noexcept;
 
-  /// Waits until nobody is inside, except the calling thread. Meant for a closed gate; on an open one it waits for
-  /// a moment without passes that may never come.
+  /// Closes, if nobody has, and waits until nobody is inside except the calling thread. May be repeated.
   void drain() noexcept;
 
   /// Whether the calling thread is inside a pass of this gate.
@@ -80,8 +79,8 @@ class HX_API CallGate::Pass {
 
  private:
   friend class CallGate;
-  friend class Core;
-  explicit Pass(const std::shared_ptr<Core>& core) noexcept;
+  friend Core;
+  explicit Pass(Core* core) noexcept;
   void leave() noexcept;
 
   Core* core_ = nullptr;             // null: refused
@@ -134,10 +133,7 @@ class Lifetime {
 
   /// Ends the lifetime: wrapped functions do nothing any more; waits for those running on other threads. The first
   /// statement of the owner's destructor, while its members are still whole. May be repeated.
-  void destroy() noexcept {
-    gate_.close();
-    gate_.drain();
-  }
+  void destroy() noexcept { gate_.drain(); }
   bool isDestroyed() const noexcept { return gate_.isClosed(); }
 
  private:

@@ -1,0 +1,56 @@
+#include "threadpool.h"
+
+#include <libmw/eventloop.h>
+#include <libmw/log.h>
+
+#include <stdexcept>
+
+namespace mw {
+
+EventLoop::EventLoop() : EventLoop(Options{}) {}
+
+EventLoop::EventLoop(Options options) : pool_(std::make_shared<detail::ThreadPool>(std::move(options))) {
+  pool_->start();
+}
+
+EventLoop::~EventLoop() {
+  pool_->stop();
+  pool_->join(std::nullopt);
+}
+
+bool EventLoop::post(std::function<void()> function) { return pool_->post(std::move(function)); }
+
+bool EventLoop::post(std::function<void()> function, std::chrono::nanoseconds delay) {
+  return pool_->postAfter(std::move(function), delay);
+}
+
+bool EventLoop::isInThisLoop() const noexcept { return pool_->isInThisPool(); }
+
+void EventLoop::drain() { pool_->drain(); }
+
+void EventLoop::stop() { pool_->stop(); }
+
+void EventLoop::join() {
+  if (isInThisLoop()) throw std::logic_error("EventLoop::join: called on a thread of the loop");
+  pool_->stop();
+  pool_->join(std::nullopt);
+}
+
+std::size_t EventLoop::threadCount() const noexcept { return pool_->workerCount(); }
+
+EventLoop& defaultLoop() {
+  static constexpr std::chrono::milliseconds kGrace{2000};
+  // The loop itself is never destroyed: destructors of other statics may still post, and are told that it stopped.
+  static auto* loop = new EventLoop({.name = "default"});
+  static const struct AtExit {
+    ~AtExit() {
+      loop->stop();
+      if (!loop->pool_->join(kGrace)) {
+        log::error("mw.eventloop", "defaultLoop", "functions still run at the end of the process; not waiting");
+      }
+    }
+  } atExit;
+  return *loop;
+}
+
+}  // namespace mw

@@ -1,0 +1,168 @@
+#include "logline.h"
+
+#include <libmw/log.h>
+#include <libmw/trackable.h>
+
+#include <algorithm>
+#include <fnmatch.h>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+namespace mw {
+
+std::string_view toString(LogLevel level) noexcept {
+  switch (level) {
+    case LogLevel::Silent:
+      return "silent";
+    case LogLevel::Fatal:
+      return "fatal";
+    case LogLevel::Error:
+      return "error";
+    case LogLevel::Warning:
+      return "warning";
+    case LogLevel::Info:
+      return "info";
+    case LogLevel::Verbose:
+      return "verbose";
+    case LogLevel::Debug:
+      return "debug";
+  }
+  return "unknown";
+}
+
+namespace log {
+namespace {
+
+struct Rule {
+  std::string pattern;
+  LogLevel level;
+
+  bool matches(const std::string& name) const { return fnmatch(pattern.c_str(), name.c_str(), 0) == 0; }
+};
+
+struct AddedSink {
+  AddedSink(SinkId number, Sink receiver) : id(number), receive(std::move(receiver)) {}
+
+  const SinkId id;
+  const Sink receive;
+  CallGate running{1};
+};
+
+using Sinks = std::vector<std::shared_ptr<AddedSink>>;
+
+class Registry {
+ public:
+  /// Never destroyed: records are written before main() and after it.
+  static Registry& instance() {
+    static auto* registry = new Registry;
+    return *registry;
+  }
+
+  Category& category(std::string_view name) {
+    {
+      const std::shared_lock lock(categoriesMutex_);
+      if (const auto found = categories_.find(name); found != categories_.end()) return *found->second;
+    }
+    const std::unique_lock lock(categoriesMutex_);
+    auto& category = categories_[std::string(name)];
+    if (!category) category = std::make_unique<Category>(std::string(name), levelFor(std::string(name)));
+    return *category;
+  }
+
+  void setLevel(LogLevel level, std::string_view pattern) {
+    const std::unique_lock lock(categoriesMutex_);
+    std::erase_if(rules_, [&](const Rule& rule) { return pattern == "*" || rule.pattern == pattern; });
+    rules_.push_back({std::string(pattern), level});
+    for (auto& [name, category] : categories_) {
+      if (rules_.back().matches(name)) category->setLevel(level);
+    }
+  }
+
+  SinkId addSink(Sink sink) {
+    const std::lock_guard lock(sinksMutex_);
+    auto changed = std::make_shared<Sinks>(*sinks_);
+    changed->push_back(std::make_shared<AddedSink>(++lastSink_, std::move(sink)));
+    sinks_ = std::move(changed);
+    return lastSink_;
+  }
+
+  void removeSink(SinkId id) {
+    std::shared_ptr<AddedSink> removed;
+    {
+      const std::lock_guard lock(sinksMutex_);
+      auto changed = std::make_shared<Sinks>(*sinks_);
+      const auto found = std::find_if(changed->begin(), changed->end(), [&](auto& sink) { return sink->id == id; });
+      if (found == changed->end()) return;
+      removed = *found;
+      changed->erase(found);
+      sinks_ = std::move(changed);
+    }
+    removed->running.drain();
+  }
+
+  std::shared_ptr<const Sinks> sinks() const {
+    const std::lock_guard lock(sinksMutex_);
+    return sinks_;
+  }
+
+  std::atomic<bool> isStderrOn{true};
+
+ private:
+  LogLevel levelFor(const std::string& name) const {
+    const auto rule =
+        std::find_if(rules_.rbegin(), rules_.rend(), [&](const Rule& each) { return each.matches(name); });
+    return rule == rules_.rend() ? LogLevel::Info : rule->level;
+  }
+
+  mutable std::shared_mutex categoriesMutex_;  // guards categories_ (the map, not the categories) and rules_
+  std::map<std::string, std::unique_ptr<Category>, std::less<>> categories_;
+  std::vector<Rule> rules_;
+
+  mutable std::mutex sinksMutex_;  // guards the pointer and lastSink_; lists are replaced, never changed
+  std::shared_ptr<const Sinks> sinks_ = std::make_shared<Sinks>();
+  SinkId lastSink_ = 0;
+};
+
+void deliver(AddedSink& sink, const LogRecord& record) noexcept {
+  if (sink.running.isEnteredByThisThread()) return;
+  const auto pass = sink.running.enter();
+  if (!pass) return;
+  try {
+    sink.receive(record);
+  } catch (...) {
+    // A receiver that fails must not fail whoever logs.
+  }
+}
+
+}  // namespace
+
+Category& addCategory(std::string_view name) { return Registry::instance().category(name); }
+
+void setLevel(LogLevel level, std::string_view pattern) { Registry::instance().setLevel(level, pattern); }
+
+bool isVisible(std::string_view category, LogLevel level) { return isVisible(addCategory(category), level); }
+
+void write(LogLevel level, const Category& category, std::string_view function, std::string_view text) {
+  if (!isVisible(category, level)) return;
+  const LogRecord record{level, category.name(), function, text, systemNow()};
+  auto& registry = Registry::instance();
+  if (registry.isStderrOn.load(std::memory_order_relaxed)) writeStderr(formatLine(record));
+  const auto sinks = registry.sinks();
+  for (const auto& sink : *sinks) deliver(*sink, record);
+}
+
+void write(LogLevel level, std::string_view category, std::string_view function, std::string_view text) {
+  write(level, addCategory(category), function, text);
+}
+
+SinkId addSink(Sink sink) { return Registry::instance().addSink(std::move(sink)); }
+
+void removeSink(SinkId id) { Registry::instance().removeSink(id); }
+
+bool setStderrSink(bool enabled) noexcept { return Registry::instance().isStderrOn.exchange(enabled); }
+
+}  // namespace log
+}  // namespace mw

@@ -1,0 +1,240 @@
+#include "threadpool.h"
+
+#include <libmw/log.h>
+
+#include <algorithm>
+#include <pthread.h>
+#include <stdexcept>
+#include <system_error>
+
+#include <boost/asio/post.hpp>
+#include <fmt/format.h>
+
+namespace mw::detail {
+namespace {
+
+namespace asio = boost::asio;
+
+constexpr const char* kCategory = "mw.eventloop";
+constexpr std::size_t kLongestThreadName = 15;
+
+thread_local const ThreadPool* currentPool = nullptr;
+
+EventLoop::Options completed(EventLoop::Options options) {
+  if (options.minThreads == 0) options.minThreads = std::max<std::size_t>(4, std::thread::hardware_concurrency());
+  options.maxThreads = std::max(options.maxThreads, options.minThreads);
+  options.growAfter = std::max(options.growAfter, std::chrono::milliseconds(1));
+  return options;
+}
+
+}  // namespace
+
+ThreadPool::ThreadPool(EventLoop::Options options)
+    : options_(completed(std::move(options))), service_(std::make_unique<Context>(1)) {
+  monitorTimer_.emplace(*service_);
+  workGuard_.emplace(work_.get_executor());
+  serviceGuard_.emplace(service_->get_executor());
+}
+
+void ThreadPool::start() {
+  startThread(&ThreadPool::runService);
+  for (std::size_t i = 0; i < options_.minThreads; ++i) startWorker();
+}
+
+bool ThreadPool::post(std::function<void()> function) {
+  const auto pass = accepting_.enter();
+  if (!pass) return false;
+  outstanding_.fetch_add(1);
+  try {
+    asio::post(work_, [this, function = std::move(function)]() mutable { execute(function); });
+  } catch (...) {
+    oneDone();
+    throw;
+  }
+  if (isOverloaded()) armMonitor();
+  return true;
+}
+
+bool ThreadPool::postAfter(std::function<void()> function, std::chrono::nanoseconds delay) {
+  if (delay <= delay.zero()) return post(std::move(function));
+  const auto pass = accepting_.enter();
+  if (!pass) return false;
+  auto timer = std::make_shared<asio::steady_timer>(*service_, delay);
+  timer->async_wait([this, timer, function = std::move(function)](const boost::system::error_code& canceled) mutable {
+    if (!canceled) post(std::move(function));
+  });
+  return true;
+}
+
+bool ThreadPool::isInThisPool() const noexcept { return currentPool == this; }
+
+void ThreadPool::drain() {
+  if (isInThisPool()) throw std::logic_error("EventLoop::drain: called on a thread of the loop");
+  std::unique_lock lock(mutex_);
+  changed_.wait(lock, [this] { return outstanding_.load() == 0; });
+}
+
+void ThreadPool::stop() {
+  // From here on nothing is queued any more, so that the workers end when they have emptied the queue.
+  accepting_.drain();
+  isStopped_ = true;
+  const std::lock_guard lock(mutex_);
+  workGuard_.reset();
+  serviceGuard_.reset();
+  if (service_) service_->stop();
+}
+
+bool ThreadPool::join(std::optional<std::chrono::milliseconds> timeout) {
+  std::vector<std::thread> ended;
+  std::unique_ptr<Context> timers;
+  std::unique_lock lock(mutex_);
+  const bool isOwnThread = isInThisPool();
+  if (const auto self = threads_.find(std::this_thread::get_id()); self != threads_.end()) {
+    self->second.detach();
+    threads_.erase(self);
+  }
+  const auto haveEnded = [this] { return threads_.empty(); };
+  if (!timeout) {
+    changed_.wait(lock, haveEnded);
+  } else if (!changed_.wait_for(lock, *timeout, haveEnded)) {
+    for (auto& [id, thread] : threads_) thread.detach();
+    threads_.clear();
+    return false;
+  }
+  ended.swap(ended_);
+  if (!isOwnThread) timers.swap(service_);
+  lock.unlock();
+  for (auto& thread : ended) thread.join();
+  if (timers) monitorTimer_.reset();
+  return true;
+}
+
+void ThreadPool::startThread(void (ThreadPool::*body)()) {
+  const std::lock_guard lock(mutex_);
+  std::thread thread([self = shared_from_this(), body] {
+    pthread_setname_np(pthread_self(), self->options_.name.substr(0, kLongestThreadName).c_str());
+    currentPool = self.get();
+    (self.get()->*body)();
+    self->threadEnded();
+  });
+  const auto id = thread.get_id();
+  threads_.emplace(id, std::move(thread));
+}
+
+void ThreadPool::startWorker() {
+  workers_.fetch_add(1);
+  try {
+    startThread(&ThreadPool::runWorker);
+  } catch (...) {
+    workers_.fetch_sub(1);
+    throw;
+  }
+}
+
+void ThreadPool::runWorker() {
+  while (work_.run_one_for(options_.idleTimeout) != 0 || !(work_.stopped() || mayRetire())) {
+  }
+}
+
+void ThreadPool::runService() { service_->run(); }
+
+void ThreadPool::threadEnded() {
+  std::vector<std::thread> ended;  // earlier ones; joined here, so that a long-lived loop does not collect them
+  const std::lock_guard lock(mutex_);
+  ended.swap(ended_);
+  for (auto& thread : ended) thread.join();
+  if (auto self = threads_.extract(std::this_thread::get_id())) ended_.push_back(std::move(self.mapped()));
+  changed_.notify_all();
+}
+
+/// Whether this idle worker is one more than the pool keeps.
+bool ThreadPool::mayRetire() {
+  auto workers = workers_.load();
+  do {
+    if (workers <= options_.minThreads) return false;
+  } while (!workers_.compare_exchange_weak(workers, workers - 1));
+  // A function posted just now may have counted on this worker.
+  if (isOverloaded()) armMonitor();
+  return true;
+}
+
+void ThreadPool::execute(std::function<void()>& function) {
+  running_.fetch_add(1);
+  started_.fetch_add(1);
+  try {
+    if (!isStopped_) function();
+  } catch (const std::exception& error) {
+    log::error(kCategory, "post", fmt::format("loop \"{}\": a function threw: {}", options_.name, error.what()));
+  } catch (...) {
+    log::error(kCategory, "post", fmt::format("loop \"{}\": a function threw an unknown exception", options_.name));
+  }
+  function = nullptr;  // what it captured is part of the function: whoever drains waits for that too
+  running_.fetch_sub(1);
+  oneDone();
+}
+
+void ThreadPool::oneDone() {
+  if (outstanding_.fetch_sub(1) != 1) return;
+  const std::lock_guard lock(mutex_);
+  changed_.notify_all();
+}
+
+std::size_t ThreadPool::queued() const noexcept {
+  const auto outstanding = outstanding_.load();
+  const auto running = running_.load();  // may have grown since
+  return outstanding > running ? outstanding - running : 0;
+}
+
+void ThreadPool::armMonitor() {
+  if (isMonitorArmed_.exchange(true)) return;
+  const auto pass = accepting_.enter();
+  if (!pass) return;
+  asio::post(*service_, [this] {
+    noteProgress();
+    scheduleTick();
+  });
+}
+
+void ThreadPool::scheduleTick() {
+  monitorTimer_->expires_after(options_.growAfter);
+  monitorTimer_->async_wait([this](const boost::system::error_code& canceled) {
+    if (!canceled) tick();
+  });
+}
+
+void ThreadPool::tick() {
+  if (queued() == 0) {
+    isMonitorArmed_ = false;
+    if (!isOverloaded() || isMonitorArmed_.exchange(true)) return;
+  }
+  if (started_.load() != startedBefore_) {
+    noteProgress();
+  } else {
+    handleStall();
+  }
+  scheduleTick();
+}
+
+void ThreadPool::noteProgress() {
+  startedBefore_ = started_.load();
+  stalledSince_ = Clock::now();
+  isStallReported_ = false;
+}
+
+void ThreadPool::handleStall() {
+  if (workers_.load() < options_.maxThreads) {
+    try {
+      startWorker();
+      return;
+    } catch (const std::system_error&) {
+      // The system gives no more threads: as good as the limit, and reported like it.
+    }
+  }
+  if (isStallReported_ || Clock::now() - stalledSince_ < options_.stallWarning) return;
+  isStallReported_ = true;
+  log::error(kCategory, "post",
+             fmt::format("loop \"{}\": {} functions have waited for {} ms, because all {} threads are busy (limit {})",
+                         options_.name, queued(), options_.stallWarning.count(), workers_.load(), options_.maxThreads));
+}
+
+}  // namespace mw::detail

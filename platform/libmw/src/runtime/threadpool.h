@@ -1,0 +1,105 @@
+#pragma once
+
+#include <libmw/eventloop.h>
+#include <libmw/trackable.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+namespace mw::detail {
+
+/// The threads and queues behind an EventLoop.
+///
+/// Two Asio contexts: `work_` is the queue of functions, run by the workers; `service_` is run by one thread of its
+/// own and holds the timers and the monitor, so that delays end, growth happens and stalls are seen although every
+/// worker may be blocked. No foreign function runs on the service thread, except what the destructor of a dropped
+/// function does.
+///
+/// Each thread owns the pool, so that a function may destroy its own loop.
+///
+/// The monitor is armed by a post() that finds more functions outstanding than there are workers, and ticks until
+/// nothing is queued. A tick without a function started since the one before means that all workers are blocked.
+class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
+ public:
+  explicit ThreadPool(EventLoop::Options options);
+  ThreadPool(const ThreadPool&) = delete;
+  ThreadPool& operator=(const ThreadPool&) = delete;
+
+  void start();
+
+  bool post(std::function<void()> function);
+  bool postAfter(std::function<void()> function, std::chrono::nanoseconds delay);
+
+  bool isInThisPool() const noexcept;
+  void drain();
+  void stop();
+
+  /// Waits for the threads of a stopped pool to end, except the calling one, which is let go.
+  ///
+  /// @param timeout  None waits without limit.
+  /// @return False when it passed. Those that still run are let go.
+  bool join(std::optional<std::chrono::milliseconds> timeout);
+
+  std::size_t workerCount() const noexcept { return workers_.load(); }
+
+ private:
+  using Context = boost::asio::io_context;
+  using WorkGuard = boost::asio::executor_work_guard<Context::executor_type>;
+  using Clock = std::chrono::steady_clock;
+
+  void startThread(void (ThreadPool::*body)());
+  void startWorker();
+  void runWorker();
+  void runService();
+  void threadEnded();
+  bool mayRetire();
+
+  void execute(std::function<void()>& function);
+  void oneDone();
+
+  std::size_t queued() const noexcept;
+  bool isOverloaded() const noexcept { return outstanding_.load() > workers_.load(); }
+  void armMonitor();
+  void scheduleTick();
+  void tick();
+  void noteProgress();
+  void handleStall();
+
+  const EventLoop::Options options_;
+  CallGate accepting_;  // around every entry to the queues; closed by stop()
+
+  std::atomic<std::size_t> outstanding_{0};  // functions queued or running
+  std::atomic<std::size_t> running_{0};
+  std::atomic<std::size_t> workers_{0};
+  std::atomic<std::uint64_t> started_{0};  // functions ever started
+  std::atomic<bool> isStopped_{false};
+  std::atomic<bool> isMonitorArmed_{false};
+
+  Context work_;
+  std::unique_ptr<Context> service_;  // destroyed by join(), with the timers that have not fired
+
+  // Used on the service thread only.
+  std::optional<boost::asio::steady_timer> monitorTimer_;
+  std::uint64_t startedBefore_ = 0;
+  Clock::time_point stalledSince_;
+  bool isStallReported_ = false;
+
+  std::mutex mutex_;                 // guards everything below
+  std::condition_variable changed_;  // a thread ended, or nothing is outstanding
+  std::optional<WorkGuard> workGuard_;
+  std::optional<WorkGuard> serviceGuard_;
+  std::map<std::thread::id, std::thread> threads_;
+  std::vector<std::thread> ended_;  // to be joined
+};
+
+}  // namespace mw::detail
