@@ -4,6 +4,7 @@
 #include <hxvalue/msgpack.h>
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <limits>
 #include <stdexcept>
@@ -56,10 +57,10 @@ class MsgpackWriter {
         packer_.pack_fix_int64(value.asInt64());
         break;
       case Type::Float:
-        packer_.pack_float(value.asFloat());
+        float32(value.asFloat());
         break;
       case Type::Double:
-        packer_.pack_double(value.asDouble());
+        float64(value.asDouble());
         break;
       case Type::String:
         string(value.asString());
@@ -86,6 +87,19 @@ class MsgpackWriter {
     const std::uint32_t size = checkedSize(bytes.size());
     packer_.pack_bin(size);
     packer_.pack_bin_body(reinterpret_cast<const char*>(bytes.data()), size);
+  }
+
+  // The packer's own functions for floats write those without a fraction as integers, which would read back as such.
+  // So it is given the bits, and the format is set right.
+  void float32(float number) {
+    const std::size_t format = appender_.out.size();
+    packer_.pack_fix_uint32(std::bit_cast<std::uint32_t>(number));
+    appender_.out[format] = std::byte{0xca};
+  }
+  void float64(double number) {
+    const std::size_t format = appender_.out.size();
+    packer_.pack_fix_uint64(std::bit_cast<std::uint64_t>(number));
+    appender_.out[format] = std::byte{0xcb};
   }
 
   Appender appender_;

@@ -12,8 +12,8 @@ namespace HX {
 struct MsgpackLimits {
   /// Lists and maps inside one another.
   std::size_t depth = 512;
-  /// Values in all: a byte on the wire can stand for a value, which takes 16 bytes here and more in a map.
-  std::size_t values = std::size_t{16} << 20;
+  /// Values in all: one byte on the wire can stand for an empty list, which takes sixty-four here.
+  std::size_t values = std::size_t{4} << 20;
 };
 
 /// Appends `value` to `out` in MessagePack. Every type reads back as itself: an Int takes the shortest integer format,
