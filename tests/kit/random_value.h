@@ -1,0 +1,126 @@
+#pragma once
+
+#include <hxvalue/hxvalue.h>
+
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+
+namespace HX::kit {
+
+/// Makes values of every type, nested, with a liking for the edges of each type. The same seed gives the same values.
+class RandomValues {
+ public:
+  /// Which values: all, or only those that JSON can say and read back equal.
+  enum class Kind { Any, Json };
+
+  explicit RandomValues(std::uint32_t seed, Kind kind = Kind::Any) : engine_(seed), kind_(kind) {}
+
+  /// @param depth  Lists and maps inside one another, at most.
+  HXValue next(int depth = 4) {
+    using Type = HXValue::Type;
+    const auto last = depth > 0 ? Type::Map : Type::Binary;
+    while (true) {
+      const auto type = static_cast<Type>(below(static_cast<std::uint32_t>(last) + 1));
+      if (kind_ == Kind::Json && (type == Type::Float || type == Type::Binary)) continue;
+      return make(type, depth);
+    }
+  }
+
+ private:
+  HXValue make(HXValue::Type type, int depth) {
+    using Type = HXValue::Type;
+    switch (type) {
+      case Type::Bool:
+        return below(2) == 0;
+      case Type::Int:
+        return integer<std::int32_t>();
+      case Type::Int64:
+        return int64();
+      case Type::Float:
+        return decimal<float, std::uint32_t>();
+      case Type::Double:
+        return decimal<double, std::uint64_t>();
+      case Type::String:
+        return text();
+      case Type::Binary:
+        return binary();
+      case Type::List:
+        return list(depth - 1);
+      case Type::Map:
+        return map(depth - 1);
+      default:
+        return {};
+    }
+  }
+
+  template <typename Integer>
+  Integer integer() {
+    using Limits = std::numeric_limits<Integer>;
+    switch (below(4)) {
+      case 0:
+        return Limits::min();
+      case 1:
+        return Limits::max();
+      case 2:
+        return static_cast<Integer>(static_cast<int>(below(300)) - 150);
+      default:
+        return static_cast<Integer>(engine_());
+    }
+  }
+
+  // JSON does not tell an Int64 that fits 32 bits from an Int.
+  std::int64_t int64() {
+    std::int64_t number = integer<std::int64_t>();
+    while (kind_ == Kind::Json && std::in_range<std::int32_t>(number)) number = integer<std::int64_t>();
+    return number;
+  }
+
+  // Any bits are a number of the type: subnormals, infinities and NaN come along.
+  template <typename Decimal, typename Bits>
+  Decimal decimal() {
+    while (true) {
+      const auto bits = static_cast<Bits>(engine_());
+      Decimal number;
+      std::memcpy(&number, &bits, sizeof number);
+      const bool finite = number - number == 0;
+      if (finite || kind_ == Kind::Any) return number;
+    }
+  }
+
+  std::string text() {
+    static constexpr const char* kPieces[] = {"a", "Key/", "\"", "\\", "\n", "\x7f", "\u00e9", "\U0001f916"};
+    std::string text;
+    for (std::uint32_t left = below(40); left > 0; --left) text += kPieces[below(8)];
+    if (below(4) == 0) text += '\0';
+    if (kind_ == Kind::Any && below(4) == 0) text += '\xff';
+    return text;
+  }
+
+  HXValue binary() {
+    HXValue::Binary bytes(below(300));
+    for (std::byte& byte : bytes) byte = static_cast<std::byte>(engine_());
+    return bytes;
+  }
+
+  HXValue list(int depth) {
+    HXValue list = HXValue::list();
+    for (std::uint32_t left = below(20); left > 0; --left) list.arrayPush(next(depth));
+    return list;
+  }
+
+  HXValue map(int depth) {
+    HXValue map = HXValue::map();
+    for (std::uint32_t left = below(20); left > 0; --left) map.mapSet(text(), next(depth));
+    return map;
+  }
+
+  std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(engine_() % limit); }
+
+  std::mt19937_64 engine_;
+  Kind kind_;
+};
+
+}  // namespace HX::kit
