@@ -1,0 +1,46 @@
+// What a copy of a value costs by the size of its content: the lines of one benchmark should not differ.
+
+#include <hxvalue/hxvalue.h>
+
+#include <benchmark/benchmark.h>
+
+namespace {
+
+using HX::HXValue;
+
+HXValue binaryOf(const benchmark::State& state) {
+  return HXValue::Binary(static_cast<std::size_t>(state.range(0)), std::byte{1});
+}
+
+void copyBinary(benchmark::State& state) {
+  const HXValue original = binaryOf(state);
+  for (auto _ : state) {
+    HXValue copy(original);
+    benchmark::DoNotOptimize(copy);
+  }
+}
+BENCHMARK(copyBinary)->Arg(4)->Arg(4 << 10)->Arg(4 << 20);
+
+// The owner count is what copies on several threads have in common.
+BENCHMARK(copyBinary)->Name("copyBinaryOnTwoThreads")->Arg(4)->Arg(4 << 20)->Threads(2);
+
+void copyInt(benchmark::State& state) {
+  const HXValue original(1);
+  for (auto _ : state) {
+    HXValue copy(original);
+    benchmark::DoNotOptimize(copy);
+  }
+}
+BENCHMARK(copyInt);
+
+// The other side of sharing: the first change of a copy pays for the whole content.
+void changeSharedBinary(benchmark::State& state) {
+  const HXValue original = binaryOf(state);
+  for (auto _ : state) {
+    HXValue copy(original);
+    benchmark::DoNotOptimize(copy.editBinary().front() = std::byte{2});
+  }
+}
+BENCHMARK(changeSharedBinary)->Arg(4)->Arg(4 << 10)->Arg(4 << 20);
+
+}  // namespace
