@@ -22,7 +22,7 @@ std::string contentOf(const fs::path& path) {
   if (!fs::is_regular_file(path, error)) return {};
   std::ifstream file(path, std::ios::binary);
   std::string content;
-  std::array<char, 4096> chunk;
+  std::array<char, 4096> chunk{};
   // read() reports a device that fails half-way (some temperature sensors do) by a flag; iterators would throw.
   while (file.read(chunk.data(), chunk.size()) || file.gcount() > 0) {
     content.append(chunk.data(), static_cast<std::size_t>(file.gcount()));

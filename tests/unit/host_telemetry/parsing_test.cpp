@@ -59,8 +59,8 @@ TEST_P(Disks, AreListedWithoutPartitionsAndDisksOfMemory) {
   for (const auto& name : GetParam().names) text += "  8  0 " + name + " 1 0 3 0 1 0 5 0 0 0 0\n";
   Counters expected;
   for (const auto& name : GetParam().expected) {
-    expected["Disk/" + name + "/Read"] = 3 * 512;
-    expected["Disk/" + name + "/Written"] = 5 * 512;
+    expected["Disk/" + name + "/Read"] = 1536;
+    expected["Disk/" + name + "/Written"] = 2560;
   }
   EXPECT_EQ(parseDisks(text), expected);
 }
