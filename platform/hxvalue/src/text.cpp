@@ -24,7 +24,7 @@ std::string leafText(const HXValue& value) {
     case Type::String:
       return quote(value.asString()).text;
     case Type::Binary:
-      return "<" + std::to_string(value.asBinary().size()) + " bytes>";
+      return std::to_string(value.asBinary().size()).insert(0, 1, '<') + " bytes>";
     default:
       return "null";
   }

@@ -73,7 +73,7 @@ TEST_P(OfType, givesItsContentAsThatTypeOnly) {
       continue;
     }
     const std::string expected = std::string("the value is of type ") + name + ", not " + HXValue::TypeToString(wanted);
-    EXPECT_EQ(errorOf([&] { access(value); }), expected);
+    EXPECT_EQ(errorOf([&access = access, &value = value] { access(value); }), expected);
   }
   EXPECT_EQ(value.stringIf() != nullptr, type == Type::String);
   EXPECT_EQ(value.binaryIf() != nullptr, type == Type::Binary);
