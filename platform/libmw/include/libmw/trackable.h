@@ -2,6 +2,8 @@
 
 #include <hxerror/api.h>
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -83,8 +85,11 @@ class HX_API CallGate::Pass {
   explicit Pass(Core* core) noexcept;
   void leave() noexcept;
 
-  Core* core_ = nullptr;             // null: refused
-  Pass* outer_ = nullptr;            // the pass of any gate that this thread was inside of before
+  Core* core_ = nullptr;  // null: refused
+  std::atomic<std::uint64_t>* counter_ = nullptr;
+  std::uint64_t entered_ = 0;   // what the counter held then; it mostly still does at the end
+  Pass** innermost_ = nullptr;  // the calling thread's list of the passes it is inside of
+  Pass* outer_ = nullptr;
   std::shared_ptr<Core> keptAlive_;  // set when the gate is destroyed from inside this pass
 };
 

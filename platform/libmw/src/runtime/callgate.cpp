@@ -24,12 +24,12 @@ struct ThisThread {
   unsigned number = 0;  // 0: none given yet
 };
 
-constinit thread_local ThisThread thisThread;
+// The fastest model: it takes sixteen bytes of what a process reserves for libraries loaded while it runs.
+[[gnu::tls_model("initial-exec")]] constinit thread_local ThisThread thisThread;
 
-unsigned threadNumber() noexcept {
+unsigned nextThreadNumber() noexcept {
   static std::atomic<unsigned> last{0};
-  if (thisThread.number == 0) thisThread.number = last.fetch_add(1, std::memory_order_relaxed) + 1;
-  return thisThread.number;
+  return last.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
 }  // namespace
@@ -39,26 +39,27 @@ class CallGate::Core : public std::enable_shared_from_this<Core> {
   explicit Core(unsigned counters)
       : mask_(std::bit_ceil(std::max(counters, 1U)) - 1), counters_(std::make_unique<Counter[]>(mask_ + 1U)) {}
 
-  bool enter() noexcept {
-    auto& word = mine();
-    auto seen = word.load(std::memory_order_relaxed);
-    do {
-      if (seen & kClosed) return false;
-    } while (!word.compare_exchange_weak(seen, seen + kOnePass, std::memory_order_acquire, std::memory_order_relaxed));
+  bool enter(Pass& pass, unsigned threadNumber) noexcept {
+    auto& word = counters_[threadNumber & mask_].word;
+    const auto before = word.fetch_add(kOnePass, std::memory_order_acquire);
+    if (before & kClosed) {
+      endOnClosed(word);
+      return false;
+    }
+    pass.counter_ = &word;
+    pass.entered_ = before + kOnePass;
     return true;
   }
 
-  void leave() noexcept {
-    auto& word = mine();
-    auto seen = word.load(std::memory_order_relaxed);
+  void leave(Pass& pass) noexcept {
+    // Guessing the present value saves reading it, which costs as much as the exchange right after one.
+    auto seen = pass.entered_;
     while (!(seen & kClosed)) {
-      if (word.compare_exchange_weak(seen, seen - kOnePass, std::memory_order_release, std::memory_order_relaxed))
+      if (pass.counter_->compare_exchange_weak(seen, seen - kOnePass, std::memory_order_release,
+                                               std::memory_order_relaxed))
         return;
     }
-    // Notified under the mutex: once the waiter has it, nothing here touches the core any more.
-    const std::lock_guard lock(mutex_);
-    word.fetch_sub(kOnePass, std::memory_order_release);
-    left_.notify_all();
+    endOnClosed(*pass.counter_);
   }
 
   void close() noexcept {
@@ -82,7 +83,12 @@ class CallGate::Core : public std::enable_shared_from_this<Core> {
   }
 
  private:
-  std::atomic<std::uint64_t>& mine() noexcept { return counters_[threadNumber() & mask_].word; }
+  /// Notifies under the mutex: once the waiter has it, nothing here touches the core any more.
+  void endOnClosed(std::atomic<std::uint64_t>& word) noexcept {
+    const std::lock_guard lock(mutex_);
+    word.fetch_sub(kOnePass, std::memory_order_release);
+    left_.notify_all();
+  }
 
   std::uint64_t passes() const noexcept {
     std::uint64_t sum = 0;
@@ -121,16 +127,19 @@ CallGate::Pass CallGate::Token::enter() const noexcept { return Pass(core_.get()
 bool CallGate::Token::isClosed() const noexcept { return !core_ || core_->isClosed(); }
 
 CallGate::Pass::Pass(Core* core) noexcept {
-  if (!core || !core->enter()) return;
+  auto& self = thisThread;
+  if (self.number == 0) self.number = nextThreadNumber();
+  if (!core || !core->enter(*this, self.number)) return;
   core_ = core;
-  outer_ = thisThread.innermost;
-  thisThread.innermost = this;
+  innermost_ = &self.innermost;
+  outer_ = self.innermost;
+  self.innermost = this;
 }
 
 void CallGate::Pass::leave() noexcept {
-  assert(thisThread.innermost == this && "passes end in the reverse of the order in which they began");
-  thisThread.innermost = outer_;
-  core_->leave();
+  assert(*innermost_ == this && "passes end in the reverse of the order in which they began, on their own thread");
+  *innermost_ = outer_;
+  core_->leave(*this);
 }
 
 }  // namespace mw

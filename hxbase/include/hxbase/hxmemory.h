@@ -1,0 +1,245 @@
+#pragma once
+
+#include <hxbase/stmvalue.h>
+#include <hxcommon/hxmodule.h>
+#include <hxerror/hxerror.h>
+#include <libmw/session.h>
+#include <libmw/trackable.h>
+
+#include <boost/thread/shared_mutex.hpp>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <source_location>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+namespace HX {
+
+/// The events that the memory raises about its own keys; the value is the name of the key concerned. Never raised for
+/// names that begin with "_Behavior".
+namespace Memory {
+extern const std::string keyAddedKey;     ///< "HXMemory/KeyAdded"
+extern const std::string keyRemovedKey;   ///< "HXMemory/KeyRemoved"
+extern const std::string keyTypeChanged;  ///< "HXMemory/KeyTypeChanged"
+}  // namespace Memory
+
+/// The robot's shared memory: one table of named values, and the hub that hands events on.
+///
+/// A value flows from a module's proxy through the method table into a member here, into the item of its name, and, when
+/// it was raised, on to the item's subscribers.
+///
+/// Threads: every public method may be called from any thread, any number at once. Only `getDataOnChange` blocks by
+/// design; raising runs the subscribers of this process on the raiser's thread.
+///
+/// Locks, outer ones first: `itemsLock` before an item's value lock; `itemsLock` before `eventExtractorsLock`.
+/// `mappingMutex` is held around everything that applying a mapping does, the declaration of its events included.
+/// `itemsLock` and an item's notifier lock are never held together, and no lock of the store is held while history is
+/// pushed, a bookkeeping event is raised, or another module is called: all of these come back into the store.
+///
+/// One process has at most one memory.
+///
+/// Method words, messages and the stated line numbers of errors are relied on by callers and do not follow the code.
+class HXMemory : public HXModule {
+ public:
+  /// @throws HXError when the process has a memory already; whatever binding or the map file raise.
+  HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name);
+  ~HXMemory() override;
+
+  /// Raises the micro-event "KorvoReady" with 0.
+  void init() override;
+
+  /// Ends when the memory is about to be destroyed. For those who hold its address beyond their own end.
+  mw::Lifetime::Token lifetime() const { return lifetime_.token(); }
+
+  // --- Data: hxmemory_store.cpp --------------------------------------------------------------------------------------
+
+  /// Stores a value under a name as data. Nobody is notified. An event of that name becomes data.
+  /// @throws HXError when an address of the old value was handed out and the types differ.
+  void insertData(const std::string& key, const int& value);
+  void insertData(const std::string& key, const float& value);
+  void insertData(const std::string& key, const std::string& value);
+  void insertData(const std::string& key, const HXValue& data);
+  /// Stores each of [[name, value], …].
+  /// @throws HXError at the first element that is no such pair; those before it stay stored.
+  void insertListData(const HXValue& list);
+  /// The value under a name; of an event, the last one raised.
+  /// @throws HXError when there is none.
+  HXValue getData(const std::string& key);
+  /// Deprecated: the number is ignored.
+  HXValue getData(const std::string& key, const int& deprecatedParameter);
+  /// @throws HXError when the name is absent, or its address was handed out.
+  void removeData(const std::string& key);
+
+  // --- Questions: hxmemory_queries.cpp -------------------------------------------------------------------------------
+
+  HXValue getDataTimestamp(const std::string& key);
+  HXValue getEventHistory(const std::string& key);
+  std::vector<std::string> getDataList(const std::string& filter);
+  std::vector<std::string> getDataListName();
+  /// Deprecated: waits, looking every 600 ms, until the value differs from what it was.
+  /// @throws std::runtime_error when the memory leaves its broker meanwhile.
+  HXValue getDataOnChange(const std::string& key, const int& deprecatedParameter);
+  std::vector<std::string> getEventList();
+  std::vector<std::string> getMicroEventList();
+  std::vector<std::string> getListTyped(const STMValue::dataType& type);
+  HXValue getListData(const HXValue& keyList);
+  std::string getStrDataType(const std::string& key);
+  STMValue::dataType getDataType(const std::string& key);
+  void setDescription(const std::string& name, const std::string& description);
+  HXValue getDescriptionList(const std::vector<std::string>& keylist);
+
+  // --- Addresses: hxmemory_pointers.cpp ------------------------------------------------------------------------------
+
+  /// The address of a value, for code of the same process; it stays good for the life of the memory.
+  ///
+  /// Read it with `std::atomic_ref(*address).load(std::memory_order_relaxed)`, and write it likewise: the memory does
+  /// the same. A read sees some value that was stored whole, and nothing more is ordered by it.
+  /// From then on the key can neither be removed nor change its type.
+  /// @throws HXError when the value is of another type; the key stays marked all the same.
+  void* getPtrData(const std::string& key);
+  int* getIntPtr(const std::string& key);
+  float* getFloatPtr(const std::string& key);
+  /// Stores like `insertData`; the size is ignored.
+  void _insertObject(const std::string& name, const HXValue& buffer, const int& bufferSize);
+
+  // --- Events: hxmemory_events.cpp -----------------------------------------------------------------------------------
+
+  void declareEvent(const std::string& eventName);
+  void declareEvent(const std::string& eventName, const std::string& extractorName);
+  /// Stores the value, adds it to the history, and tells every subscriber, also when it is the same as before.
+  void raiseEvent(const std::string& name, const HXValue& value);
+  /// The same without history.
+  void raiseMicroEvent(const std::string& name, const HXValue& value);
+  void removeEvent(const std::string& name);
+  void removeMicroEvent(const std::string& name);
+  std::vector<std::string> getExtractorEvent(const std::string& extractorName);
+
+  // --- Subscriptions: hxmemory_subscriptions.cpp ---------------------------------------------------------------------
+
+  void subscribeToEvent(const std::string& name, const std::string& callbackModule, const std::string& callbackMethod);
+  void subscribeToEvent(const std::string& name, const std::string& callbackModule, const std::string& callbackMessage,
+                        const std::string& callbackMethod);
+  void subscribeToMicroEvent(const std::string& name, const std::string& callbackModule,
+                             const std::string& callbackMessage, const std::string& callbackMethod);
+  void unsubscribeToEvent(const std::string& name, const std::string& callbackModule);
+  void unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule);
+  std::vector<std::string> getDataSubscriber(const std::string& name);
+  /// Deprecated: only logs.
+  void unregisterModuleReference(const std::string& moduleName);
+  void subscribeOnDataSetTimePolicy(const std::string& name, const std::string& callbackModule, const int& nTimePolicy);
+  void subscribeOnDataSetSynchronizeResponse(const std::string& name, const std::string& callbackModule,
+                                             const bool& synchronizedResponse);
+
+  // --- Signals: hxmemory_mapping.cpp ---------------------------------------------------------------------------------
+
+  /// The object whose "signal" follows the event, which is declared when the name is absent. The same object each time.
+  std::shared_ptr<HXMemorySubscriber> subscriber(const std::string& eventName);
+  /// Raises `event` as a micro-event with every emission of a service's signal, now or once the service is there.
+  /// @throws std::runtime_error from inside a subscriber that runs while a mapping is being applied on this thread.
+  void addMapping(const std::string& service, const std::string& signal, const std::string& event);
+  void addMapping(const std::string& service, const std::map<std::string, std::string>& signalEvent);
+
+  /// Times 1000 writes by each of the three ways into the memory and prints the figures on standard output.
+  void perf();
+
+  // --- For callers of the same process: what the methods above rest on -----------------------------------------------
+
+  /// @return Empty when the name is absent.
+  std::shared_ptr<STMValue> xGetSTMValue(const std::string& name) const;
+  /// Writes or files an item, and raises the bookkeeping event that goes with it. Tells no subscriber of the item.
+  std::shared_ptr<STMValue> xInsertData(const std::string& name, const HXValue& value, STMValue::dataType kind);
+  /// The item of that name as it is, or a new one that nobody is told of.
+  std::shared_ptr<STMValue> xRequireSTMValue(const std::string& name, STMValue::dataType kind,
+                                             const HXValue& defaultValue);
+  void xRemoveData(const std::string& name);
+  std::vector<std::string> xGetListTyped(STMValue::dataType type) const;
+  void xRaiseEvent(const std::string& name, const HXValue& value);
+  void xRaiseMicroEvent(const std::string& name, const HXValue& value);
+  void xSubscribeToEvent(const std::string& name, const std::string& module, const HXValue& message,
+                         const std::string& method);
+  void xSubscribeToMicroEvent(const std::string& name, const std::string& module, const HXValue& message,
+                              const std::string& method);
+  void xUnsubscribeToEvent(const std::string& name, const std::string& module);
+  void xUnsubscribeToMicroEvent(const std::string& name, const std::string& module);
+  void xBoxSubscribeToEvent(const std::string& name, const std::string& callbackModule, const HXValue& callbackMessage,
+                            const std::string& callbackMethod, bool micro);
+  void xBoxUnsubscribeToEvent(const std::string& name, const std::string& callbackModule, bool micro);
+  void runExtractor(const std::string& event, const std::string& subscriberId);
+  void stopExtractor(const std::string& event, const std::string& subscriberId);
+  void loadSignalEventMapFromFile();
+  bool _parseEventFromLine(std::string line, std::string& service, std::string& signal, std::string& event) const;
+  void declareEventsFromService(const std::string& service, const std::map<std::string, std::string>& signalEvent);
+  void onServiceRegistered(const std::string& service);
+  mw::AnyReference onSignalReceived(const std::string& event, const std::vector<mw::AnyReference>& args);
+
+ private:
+  struct NameHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
+  };
+  using Items = std::unordered_map<std::string, std::shared_ptr<STMValue>, NameHash, std::equal_to<>>;
+
+  /// Who generates an event. A subscription to an undeclared event leaves an entry that is not filed: it says that
+  /// somebody asked, and is in no listing.
+  struct Extractor {
+    std::string module;  ///< "Unknown" or empty: nobody.
+    bool filed = false;
+  };
+
+  enum class Change { None, Added, Retyped };
+
+  /// Refuses a second memory in the process, for as long as the first lives. The first member: it is taken before
+  /// anything else exists, and given back when the construction fails.
+  struct OnlyOne {
+    OnlyOne();
+    OnlyOne(const OnlyOne&) = delete;
+    OnlyOne& operator=(const OnlyOne&) = delete;
+    ~OnlyOne();
+  };
+
+  [[noreturn]] static void fail(const char* method, const std::string& message,
+                                int line = static_cast<int>(std::source_location::current().line()));
+
+  void bindMethods();
+  void bindReadingMethods();
+  void bindWritingMethods();
+  void bindSubscriptionMethods();
+  void bindRemainingMethods();
+
+  Change file(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>& item);
+  void fileEvent(const std::string& name);
+  void announce(const std::string& event, const std::string& name);
+  std::shared_ptr<STMValue> requireItem(const std::string& name, const char* method) const;
+  void* pointerTo(const std::string& key, const char* method, const HXValue& defaultValue,
+                  const std::function<void*(HXValue&)>& access);
+  HXValue describe(const std::string& name, const STMValue& item) const;
+  std::string extractorOf(const std::string& event);
+  std::shared_ptr<HXProxy> frameManager(const char* caller);
+  mw::AnyObject findService(const std::string& service, bool& found) const;
+  void applyPendingMappings();
+  void mapSignal(const mw::AnyObject& object, const std::string& service, const std::string& signal,
+                 const std::string& event, const char* caller);
+
+  const OnlyOne onlyOne_;
+  mw::Lifetime lifetime_;
+  std::mutex frameManagerLock;  // Guards `frameManagerProxy`; never held across a call.
+  std::weak_ptr<HXProxy> frameManagerProxy;
+  std::map<std::string, Extractor> eventExtractors;
+  mutable boost::shared_mutex eventExtractorsLock;  // Guards `eventExtractors`.
+  Items items;
+  mutable boost::shared_mutex itemsLock;  // Guards `items`: which item a name means, not what is in the item.
+  std::map<std::string, std::map<std::string, std::string>> pendingMappings;
+  class MappingLock;
+  std::mutex mappingMutex;                     // Guards `pendingMappings`.
+  std::atomic<std::thread::id> mappingOwner_;  // The thread that holds `mappingMutex`, so that it is not asked to wait.
+  mw::SignalLink serviceRegisteredLink = mw::kInvalidSignalLink;
+};
+
+}  // namespace HX

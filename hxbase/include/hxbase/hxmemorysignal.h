@@ -1,0 +1,53 @@
+#pragma once
+
+#include <hxvalue/hxvalue.h>
+#include <libmw/anyvalue.h>
+#include <libmw/signal.h>
+
+#include <string>
+
+namespace HX {
+
+class HXMemory;
+
+/// The signal of one event: emits every value that the event is raised with, and raises the event when it is triggered
+/// from outside.
+///
+/// A value triggered from outside is not emitted here. It is raised, and comes back by way of the memory, so that every
+/// client sees it once, whichever way it came.
+///
+/// Threads: any, in parallel. No lock of its own is held. A signal may outlive the memory; it then refuses to trigger.
+class HXMemorySignal : public mw::Signal<mw::AnyValue> {
+ public:
+  /// Stands for no event; a trigger is refused.
+  HXMemorySignal() = default;
+  /// @param memory     The memory whose event is raised; not owned. It may go first.
+  /// @param eventName  Copied.
+  HXMemorySignal(HXMemory* memory, const std::string& eventName);
+  ~HXMemorySignal() override;
+
+  /// Raises the event with the one argument, or with an invalid value when there is none.
+  /// @param callType  Ignored.
+  /// @throws std::runtime_error "Invalid number of arguments" for two or more, mw::ConversionError for an argument that
+  ///         has no value form, std::runtime_error when the memory has gone, and whatever the raise throws.
+  void trigger(mw::GenericFunctionParameters parameters, mw::MetaCallType callType = mw::MetaCallType::Auto) override;
+
+  /// Emits `value` to the connected clients without raising anything. Runs on the raising thread.
+  void bounceEvent(const HXValue& value);
+
+ private:
+  HXMemory* memory_ = nullptr;
+  std::string eventName_;
+  mw::Lifetime::Token memoryLifetime_;
+};
+
+/// What clients are handed to follow an event: an object with the one signal "signal". Calls on it may come from any
+/// thread and in parallel.
+struct HXMemorySubscriber {
+  HXMemorySubscriber() = default;
+  HXMemorySubscriber(HXMemory* memory, const std::string& eventName) : signal(memory, eventName) {}
+
+  HXMemorySignal signal;
+};
+
+}  // namespace HX

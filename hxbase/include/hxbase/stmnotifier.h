@@ -1,0 +1,34 @@
+#pragma once
+
+#include <hxcommon/hxproxy.h>
+#include <hxvalue/hxvalue.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace HX {
+
+/// One subscription: who is called when an item is raised, by which method, with which message.
+///
+/// A plain record without a lock of its own; the item that it belongs to guards it.
+struct STMNotifier {
+  STMNotifier() = default;
+  STMNotifier(std::string module, HXValue message, std::string method)
+      : callbackModule(std::move(module)), callbackMessage(std::move(message)), callbackMethod(std::move(method)) {}
+
+  /// Names the subscriber anew. The key is accepted for callers that state it; the record does not keep it.
+  void addSubscriber(const std::string& /*key*/, std::string module, HXValue message, std::string method) {
+    callbackModule = std::move(module);
+    callbackMessage = std::move(message);
+    callbackMethod = std::move(method);
+  }
+
+  std::string callbackModule;
+  HXValue callbackMessage;  ///< Handed back with every notification; an empty string when none was given.
+  std::string callbackMethod;
+  std::shared_ptr<HXProxy> proxy;  ///< Empty until the first notification has found the module.
+  HXProxy::CallState notifyCallState{0, 0};
+};
+
+}  // namespace HX

@@ -1,0 +1,150 @@
+#pragma once
+
+#include <hxbase/hxmemorysignal.h>
+#include <hxbase/stmnotifier.h>
+#include <hxvalue/hxvalue.h>
+#include <libmw/clock.h>
+#include <libmw/future.h>
+
+#include <boost/circular_buffer_fwd.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace HX {
+
+class HXBroker;
+class HXMemory;
+
+/// The broker that hosts the memory, for code that has no module at hand. Not owned. Written when a memory is made and
+/// when it goes, with no other thread in it.
+extern HXBroker* staticBroker;
+
+/// One item of the memory: its value and kind, its history, its subscriptions, its signal.
+///
+/// Lifetime: made by `create`, shared by the table and by whoever looked it up, so that an item taken out of the table
+/// stays whole for those who still work on it. When the last reference goes while notifications are pending, the item is
+/// destroyed on the event loop: its destructor waits for them, and the last reference may well fall inside one of them,
+/// or under a lock that they need.
+///
+/// Locks: `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. They are
+/// recursive because a subscriber may come back into the item on the same thread. Only `valueLock` is ever taken while
+/// the table's lock is held. While `notifierLock` is held, subscribers are called.
+class STMValue : public std::enable_shared_from_this<STMValue> {
+ public:
+  /// What an item is kept as. The numbers are part of the interface.
+  enum dataType : std::int32_t { UnknownData = 0, Data = 1, ShmData = 2, Event = 3, MicroEvent = 4 };
+
+  /// Makes an item.
+  /// @param memory  Owner, for the signal; not kept alive.
+  /// @param name    The name that it is filed under; the item does not keep it, the signal does.
+  /// @param time    Of the last write; the epoch for an item that has never been written.
+  static std::shared_ptr<STMValue> create(HXMemory* memory, const std::string& name, HXValue value = {},
+                                          dataType kind = UnknownData, mw::SystemTimePoint time = {});
+  STMValue(const STMValue&) = delete;
+  STMValue& operator=(const STMValue&) = delete;
+
+  /// Destroys what is still waiting to be destroyed on the event loop; returns when it is done.
+  static void drainRetired();
+
+  /// Sets the broker that notification looks subscribers up with. Keeps the address only; empty clears it.
+  static void setBrokerInstance(const std::shared_ptr<HXBroker>& broker);
+
+  /// "Data", "Event", …; "Unknown" for a number that is no kind.
+  static const char* kindText(dataType kind);
+
+  // --- Value ---------------------------------------------------------------------------------------------------------
+
+  /// Replaces value, kind and time.
+  /// @throws HXError when an address of the value was handed out and the new value is of another type; nothing changes.
+  ///         A value that is not set yet takes an int or a float all the same.
+  void setValue(HXValue value, dataType kind, mw::SystemTimePoint time);
+  /// As `setValue`, and leaves the old value in `value`, to be destroyed by the caller outside its locks.
+  void exchangeValue(HXValue& value, dataType kind, mw::SystemTimePoint time);
+
+  HXValue getValue() const;
+  dataType getDataType() const;
+  /// [value, seconds, microseconds] of the last write.
+  HXValue getValueTimeStamp() const;
+  bool isDataPtrAccessed() const;
+  /// Marks the item as one whose address is known, for good, and hands `use` the value. The mark stays when `use`
+  /// throws.
+  void* accessPointer(const std::function<void*(HXValue&)>& use);
+
+  // --- History -------------------------------------------------------------------------------------------------------
+
+  /// Appends a raised value with the current time; the last 50 are kept. Invalid values are not recorded.
+  void pushHistory(const HXValue& value);
+  /// A list of [value, seconds, microseconds], oldest first; invalid before the first `pushHistory`.
+  HXValue history() const;
+
+  // --- Subscriptions -------------------------------------------------------------------------------------------------
+
+  /// Subscribes `module`, in place of an earlier subscription of the same module.
+  void setNotifier(const std::string& module, const HXValue& message, const std::string& method);
+  /// @throws HXError when `module` is not subscribed.
+  void unsubscribeNotifier(const std::string& module, const std::string& itemName);
+  /// Names of the subscribers, ascending.
+  std::vector<std::string> getNotifierList() const;
+  /// Forgets the notifications that are no longer in flight.
+  void xCleanFinished();
+
+  /// Tells the signal's clients and then every subscriber of `value`, in ascending order of their names.
+  ///
+  /// A subscriber met for the first time is looked up without waiting, and called as soon as it is found; the others are
+  /// called here, on this thread. Those that cannot be found, or fail with a runtime error, are forgotten.
+  /// @param key  The name that was raised; handed on as it is.
+  /// @throws What a subscriber throws that is not a runtime error; the rest are then not told.
+  void notify(const std::string& key, const HXValue& value);
+
+  /// The object that exposes the item as a signal. Never null.
+  const std::shared_ptr<HXMemorySubscriber>& subscriber() const { return itemSignal_; }
+
+  /// Free text about the item. Guarded by the table's lock: written under its exclusive side.
+  std::string description;
+  /// Whether the name has been filed among the events since this item exists. Guarded by the table's lock.
+  bool filedAsEvent = false;
+
+ private:
+  using Notifiers = std::map<std::string, STMNotifier>;
+  class Dispatch;
+
+  STMValue(HXMemory* memory, const std::string& name, HXValue value, dataType kind, mw::SystemTimePoint time);
+  ~STMValue();
+  static void retire(STMValue* item);
+  bool hasPending() const;
+
+  void call(STMNotifier& record, const std::string& key, const HXValue& value, const char* function);
+  void look(const std::string& module, const std::string& key, const HXValue& value);
+  void resolveAndCall(const mw::AnyObject& service, const std::string& module, const std::string& key,
+                      const HXValue& value);
+  void reportAndClean(const std::string& module, const mw::Future<void>& outcome);
+  void removeNotifier(Notifiers::iterator record);
+
+  bool dataPtrAccessed_ = false;  // Guarded by valueLock_, as are value_, kind_ and timestamp_.
+  HXValue value_;
+  Notifiers notifiers_;  // Guarded by notifierLock_, as are the four members of the dispatch below.
+  const std::shared_ptr<HXMemorySubscriber> itemSignal_;
+  mutable std::recursive_mutex valueLock_;
+  mutable std::recursive_mutex historyLock_;
+  mutable std::recursive_mutex notifierLock_;
+  std::list<mw::Future<void>> pendingNotifications_;
+  dataType kind_ = UnknownData;
+  mw::SystemTimePoint timestamp_{};
+  using History = boost::circular_buffer<std::pair<mw::SystemTimePoint, HXValue>>;
+  std::shared_ptr<History> historyRing_;  // Guarded by historyLock_. Empty until something is raised.
+
+  // A record that goes while it is being called still owns the method's name and the call state: it waits here until
+  // the outermost dispatch ends. `changes_` tells a walk whether its iterator is still good.
+  std::vector<Notifiers::node_type> removed_;
+  std::uint64_t changes_ = 0;
+  int dispatching_ = 0;
+};
+
+}  // namespace HX

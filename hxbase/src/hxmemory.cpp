@@ -1,0 +1,84 @@
+#include "logcategories.h"
+
+#include <hxbase/hxmemory.h>
+#include <hxcommon/hxbroker.h>
+
+#include <atomic>
+
+namespace HX {
+namespace Memory {
+
+const std::string keyAddedKey = "HXMemory/KeyAdded";
+const std::string keyRemovedKey = "HXMemory/KeyRemoved";
+const std::string keyTypeChanged = "HXMemory/KeyTypeChanged";
+
+}  // namespace Memory
+
+namespace {
+
+constexpr std::size_t kExpectedKeys = 5000;
+
+std::atomic_flag memoryExists = ATOMIC_FLAG_INIT;
+
+// Known from the moment the library is loaded, so that a level set for them holds from the first record on.
+[[maybe_unused]] const bool categoriesRegistered = [] {
+  memoryCategory();
+  itemCategory();
+  return true;
+}();
+
+}  // namespace
+
+mw::log::Category& memoryCategory() {
+  static mw::log::Category& category = mw::log::addCategory("hxmemory");
+  return category;
+}
+
+mw::log::Category& itemCategory() {
+  static mw::log::Category& category = mw::log::addCategory("HXMemory");
+  return category;
+}
+
+HXMemory::OnlyOne::OnlyOne() {
+  if (memoryExists.test_and_set()) fail("HXMemory", "this process has a memory already");
+}
+
+HXMemory::OnlyOne::~OnlyOne() {
+  staticBroker = nullptr;
+  memoryExists.clear();
+}
+
+void HXMemory::fail(const char* method, const std::string& message, int line) {
+  throw HXError("HXMemory", method, message, kSourceFile, line);
+}
+
+HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+  STMValue::setBrokerInstance(broker);
+  items.max_load_factor(1.0F);
+  items.reserve(kExpectedKeys);
+  setModuleDescription(
+      "HXMemory provides a centralized memory that can be used to store and retrieve named values. It also acts as a "
+      "hub for the distribution of event notifications.");
+  bindMethods();
+  declareEvent(Memory::keyAddedKey);
+  declareEvent(Memory::keyRemovedKey);
+  declareEvent(Memory::keyTypeChanged);
+  loadSignalEventMapFromFile();
+  applyPendingMappings();
+  // Shared ownership does not exist yet in a constructor, so the connection is tied to the lifetime token.
+  serviceRegisteredLink = broker->session()->serviceRegistered.connect(
+      mw::SignalSubscriber([this](mw::ServiceId, const std::string& service) { onServiceRegistered(service); })
+          .track(lifetime_.token()));
+}
+
+HXMemory::~HXMemory() {
+  lifetime_.destroy();
+  if (const auto broker = findParentBroker()) broker->session()->serviceRegistered.disconnect(serviceRegisteredLink);
+  items.clear();
+  // Items with notifications in flight are being destroyed on the event loop; what they run is in this library's hands.
+  STMValue::drainRetired();
+}
+
+void HXMemory::init() { xRaiseMicroEvent("KorvoReady", HXValue(0)); }
+
+}  // namespace HX

@@ -1,0 +1,106 @@
+#include "logcategories.h"
+
+#include <hxbase/hxmemory.h>
+#include <hxcommon/hxbroker.h>
+
+#include <mutex>
+#include <stdexcept>
+
+namespace HX {
+namespace {
+
+bool isNobody(const std::string& extractor) { return extractor.empty() || extractor == "Unknown"; }
+
+/// Extractors that cannot say how precisely they work are not told of their subscribers.
+bool wantsSubscribers(const mw::AnyObject& extractor) {
+  return extractor && !extractor->metaObject().findMethods("getCurrentPrecision").empty();
+}
+
+}  // namespace
+
+void HXMemory::declareEvent(const std::string& eventName) { xInsertData(eventName, HXValue(), STMValue::Event); }
+
+void HXMemory::declareEvent(const std::string& eventName, const std::string& extractorName) {
+  {
+    const std::unique_lock lock(eventExtractorsLock);
+    eventExtractors.insert_or_assign(eventName, Extractor{extractorName, true});
+  }
+  declareEvent(eventName);
+}
+
+void HXMemory::raiseEvent(const std::string& name, const HXValue& value) { xRaiseEvent(name, value); }
+
+void HXMemory::raiseMicroEvent(const std::string& name, const HXValue& value) { xRaiseMicroEvent(name, value); }
+
+void HXMemory::xRaiseEvent(const std::string& name, const HXValue& value) {
+  const auto item = xInsertData(name, value, STMValue::Event);
+  item->pushHistory(value);
+  item->notify(name, value);
+}
+
+void HXMemory::xRaiseMicroEvent(const std::string& name, const HXValue& value) {
+  xInsertData(name, value, STMValue::MicroEvent)->notify(name, value);
+}
+
+void HXMemory::removeEvent(const std::string& name) {
+  xRemoveData(name);
+  const std::unique_lock lock(eventExtractorsLock);
+  eventExtractors.erase(name);
+}
+
+void HXMemory::removeMicroEvent(const std::string& name) { removeEvent(name); }
+
+std::vector<std::string> HXMemory::getExtractorEvent(const std::string& extractorName) {
+  const boost::shared_lock lock(eventExtractorsLock);
+  std::vector<std::string> events;
+  for (const auto& [event, extractor] : eventExtractors) {
+    if (extractor.filed && extractor.module == extractorName) events.push_back(event);
+  }
+  return events;
+}
+
+std::string HXMemory::extractorOf(const std::string& event) {
+  {
+    const boost::shared_lock lock(eventExtractorsLock);
+    const auto found = eventExtractors.find(event);
+    if (found != eventExtractors.end()) return found->second.module;
+  }
+  // Remembered from now on, so that unsubscribing later finds an entry and logs nothing.
+  const std::unique_lock lock(eventExtractorsLock);
+  return eventExtractors[event].module;
+}
+
+void HXMemory::runExtractor(const std::string& event, const std::string& subscriberId) {
+  const std::string extractor = extractorOf(event);
+  if (isNobody(extractor)) return;
+  const auto proxy = getParentBroker()->getProxy(extractor, 0);
+  const mw::AnyObject object = proxy ? proxy->asObject() : mw::AnyObject();
+  if (object && !wantsSubscribers(object)) return;
+  object->call("subscribe", subscriberId);
+}
+
+void HXMemory::stopExtractor(const std::string& event, const std::string& subscriberId) {
+  std::string extractor;
+  {
+    const boost::shared_lock lock(eventExtractorsLock);
+    const auto found = eventExtractors.find(event);
+    if (found != eventExtractors.end()) {
+      extractor = found->second.module;
+    } else {
+      HX_LOG_AS(Info, memoryCategory(), "stopExtractor", "stopExtractor no extractor for " + event);
+    }
+  }
+  if (isNobody(extractor)) return;
+  try {
+    // An extractor that cannot be reached needs no telling.
+    const auto proxy = getParentBroker()->getProxy(extractor, 0);
+    if (!proxy || !wantsSubscribers(proxy->asObject())) return;
+  } catch (const std::exception&) {
+    return;
+  }
+  const auto proxy = getParentBroker()->getProxy(extractor, 0);
+  if (!proxy) throw std::runtime_error("This object is null");
+  proxy->call("unsubscribe", subscriberId);
+}
+
+}  // namespace HX

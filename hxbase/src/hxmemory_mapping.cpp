@@ -1,0 +1,160 @@
+#include "logcategories.h"
+#include "signalmapline.h"
+
+#include <hxbase/hxmemory.h>
+#include <hxcommon/hxbroker.h>
+#include <libmw/os.h>
+#include <libmw/path.h>
+
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+
+namespace HX {
+
+/// Holds `mappingMutex` and says who does. Applying a mapping declares events, and a subscriber of the bookkeeping may
+/// ask for another mapping on the same thread: that one would wait for itself, and is refused instead.
+class HXMemory::MappingLock {
+ public:
+  explicit MappingLock(HXMemory& memory) : memory_(memory) {
+    if (memory.mappingOwner_ == std::this_thread::get_id()) {
+      throw std::runtime_error("a mapping cannot be added while one is being applied on the same thread");
+    }
+    memory_.mappingMutex.lock();
+    memory_.mappingOwner_ = std::this_thread::get_id();
+  }
+  MappingLock(const MappingLock&) = delete;
+  MappingLock& operator=(const MappingLock&) = delete;
+  ~MappingLock() {
+    memory_.mappingOwner_ = std::thread::id();
+    memory_.mappingMutex.unlock();
+  }
+
+ private:
+  HXMemory& memory_;
+};
+
+std::shared_ptr<HXMemorySubscriber> HXMemory::subscriber(const std::string& eventName) {
+  boost::shared_lock lock(itemsLock);
+  auto found = items.find(eventName);
+  if (found == items.end()) {
+    lock.unlock();
+    declareEvent(eventName);
+    lock.lock();
+    found = items.find(eventName);  // Somebody may have removed it again meanwhile.
+    if (found == items.end()) throw std::runtime_error("event not found");
+  }
+  if (!found->second) throw std::runtime_error("invalid registered event");
+  return found->second->subscriber();
+}
+
+bool HXMemory::_parseEventFromLine(std::string line, std::string& service, std::string& signal,
+                                   std::string& event) const {
+  const SignalMapLine parsed = parseSignalMapLine(std::move(line));
+  service = parsed.service;
+  signal = parsed.signal;
+  event = parsed.event;
+  return parsed.verdict == SignalMapLine::Verdict::Accepted;
+}
+
+void HXMemory::loadSignalEventMapFromFile() {
+  const char* const fileName = "hxmemory_map_signal_event.txt";
+  const std::string path = mw::path::findData("korvo", fileName, false);
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(path.empty() ? nullptr : mw::os::fopen(path, "r"),
+                                                             &std::fclose);
+  if (!file) {
+    HX_LOG_AS(Warning, memoryCategory(), "loadSignalEventMapFromFile",
+              std::string("Can't not open file ") + fileName);
+    return;
+  }
+  std::array<char, kSignalMapPiece> piece{};
+  while (std::fgets(piece.data(), static_cast<int>(piece.size()), file.get())) {
+    std::string service;
+    std::string signal;
+    std::string event;
+    if (_parseEventFromLine(piece.data(), service, signal, event)) addMapping(service, signal, event);
+  }
+}
+
+void HXMemory::applyPendingMappings() {
+  const MappingLock lock(*this);
+  for (const auto& [service, signalEvent] : pendingMappings) declareEventsFromService(service, signalEvent);
+}
+
+void HXMemory::addMapping(const std::string& service, const std::string& signal, const std::string& event) {
+  {
+    const MappingLock lock(*this);
+    pendingMappings[service][signal] = event;
+  }
+  bool found = false;
+  const mw::AnyObject object = findService(service, found);
+  if (found) mapSignal(object, service, signal, event, "addMapping");
+}
+
+void HXMemory::addMapping(const std::string& service, const std::map<std::string, std::string>& signalEvent) {
+  for (const auto& [signal, event] : signalEvent) addMapping(service, signal, event);
+}
+
+void HXMemory::declareEventsFromService(const std::string& service,
+                                        const std::map<std::string, std::string>& signalEvent) {
+  bool found = false;
+  const mw::AnyObject object = findService(service, found);
+  if (!found) return;
+  for (const auto& [signal, event] : signalEvent) mapSignal(object, service, signal, event, "declareEventsFromService");
+}
+
+mw::AnyObject HXMemory::findService(const std::string& service, bool& found) const {
+  try {
+    mw::AnyObject object = getParentBroker()->session()->service(service, "").value(mw::kInfiniteTimeout);
+    found = true;
+    return object;
+  } catch (const mw::FutureError&) {
+    found = false;  // Not there yet: the mapping waits for the service to register.
+    return {};
+  }
+}
+
+void HXMemory::mapSignal(const mw::AnyObject& object, const std::string& service, const std::string& signal,
+                         const std::string& event, const char* caller) {
+  const int id = object->metaObject().signalId(signal);
+  if (id < 0) {
+    HX_LOG_AS(Warning, memoryCategory(), caller, "Signal " + service + "." + signal + " does not exist");
+    return;
+  }
+  declareEvent(event);
+  try {
+    auto received = mw::AnyFunction::fromDynamicFunction(
+        [this, event](const std::vector<mw::AnyReference>& args) { return onSignalReceived(event, args); });
+    // The service keeps the connection for as long as it lives, which may be longer than the memory does.
+    auto subscriber = mw::SignalSubscriber(std::move(received)).track(lifetime_.token());
+    object->connect(static_cast<unsigned>(id), subscriber).value(mw::kInfiniteTimeout);
+  } catch (const std::exception& error) {
+    HX_LOG_AS(Error, memoryCategory(), caller,
+              "HXMemory mapping failed for " + service + "." + signal + " to " + event + ": " + error.what());
+    removeEvent(event);
+  }
+}
+
+void HXMemory::onServiceRegistered(const std::string& service) {
+  const MappingLock lock(*this);
+  const auto pending = pendingMappings.find(service);
+  if (pending != pendingMappings.end()) declareEventsFromService(service, pending->second);
+}
+
+mw::AnyReference HXMemory::onSignalReceived(const std::string& event, const std::vector<mw::AnyReference>& args) {
+  if (args.size() > 1) {
+    HX_LOG_AS(Error, memoryCategory(), "onSignalReceived",
+              "Event " + event + " was triggered by a signal with more than one argument");
+    return {};
+  }
+  HXValue value;
+  if (!args.empty()) {
+    const mw::AnyReference given = args.front().content();
+    if (!given.toValue(value)) throw mw::ConversionError(given.type(), mw::typeOf<HXValue>(), {});
+  }
+  xRaiseMicroEvent(event, value);
+  return {};
+}
+
+}  // namespace HX

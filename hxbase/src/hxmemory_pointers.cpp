@@ -1,0 +1,41 @@
+#include "logcategories.h"
+
+#include <hxbase/hxmemory.h>
+
+#include <stdexcept>
+
+namespace HX {
+
+void* HXMemory::pointerTo(const std::string& key, const char* method, const HXValue& defaultValue,
+                          const std::function<void*(HXValue&)>& access) {
+  try {
+    const auto item = xRequireSTMValue(key, STMValue::Data, defaultValue);
+    if (!defaultValue.isValid() && !item->getValue().isValid()) {
+      HX_LOG_AS(Warning, memoryCategory(), "getPtrData", "getPtrValue on stmvalue with no type: " + key);
+    }
+    // The item is marked before the address is asked for, and stays marked when there is none to be had: callers have
+    // come to rely on it.
+    return item->accessPointer(access);
+  } catch (const std::exception& error) {
+    fail(method, "error getting pointer to \"" + key + "\": " + error.what());
+  }
+}
+
+void* HXMemory::getPtrData(const std::string& key) {
+  return pointerTo(key, "getPtrData", HXValue(), [](HXValue& value) { return value.getPtrValue(); });
+}
+
+int* HXMemory::getIntPtr(const std::string& key) {
+  return static_cast<int*>(pointerTo(key, "getIntPtr", HXValue(0), [](HXValue& value) { return value.getIntPtr(); }));
+}
+
+float* HXMemory::getFloatPtr(const std::string& key) {
+  return static_cast<float*>(
+      pointerTo(key, "getFloatPtr", HXValue(0.0F), [](HXValue& value) { return value.getFloatPtr(); }));
+}
+
+void HXMemory::_insertObject(const std::string& name, const HXValue& buffer, const int& /*bufferSize*/) {
+  xInsertData(name, buffer, STMValue::Data);
+}
+
+}  // namespace HX

@@ -1,0 +1,120 @@
+#include "logcategories.h"
+
+#include <hxbase/hxmemory.h>
+#include <hxcommon/hxbroker.h>
+
+#include <mutex>
+#include <stdexcept>
+
+namespace HX {
+namespace {
+
+/// Behaviour boxes subscribe under names like this one; the frame manager keeps their subscriptions, not the memory.
+bool isBox(const std::string& subscriber) { return subscriber.starts_with("_Behavior"); }
+
+}  // namespace
+
+void HXMemory::subscribeToEvent(const std::string& name, const std::string& callbackModule,
+                                const std::string& callbackMethod) {
+  subscribeToEvent(name, callbackModule, std::string(), callbackMethod);
+}
+
+void HXMemory::subscribeToEvent(const std::string& name, const std::string& callbackModule,
+                                const std::string& callbackMessage, const std::string& callbackMethod) {
+  if (isBox(callbackModule)) {
+    xBoxSubscribeToEvent(name, callbackModule, HXValue(callbackMessage), callbackMethod, false);
+  } else {
+    xSubscribeToEvent(name, callbackModule, HXValue(callbackMessage), callbackMethod);
+  }
+}
+
+void HXMemory::subscribeToMicroEvent(const std::string& name, const std::string& callbackModule,
+                                     const std::string& callbackMessage, const std::string& callbackMethod) {
+  if (isBox(callbackModule)) {
+    xBoxSubscribeToEvent(name, callbackModule, HXValue(callbackMessage), callbackMethod, true);
+  } else {
+    xSubscribeToMicroEvent(name, callbackModule, HXValue(callbackMessage), callbackMethod);
+  }
+}
+
+void HXMemory::unsubscribeToEvent(const std::string& name, const std::string& callbackModule) {
+  if (isBox(callbackModule)) {
+    xBoxUnsubscribeToEvent(name, callbackModule, false);
+  } else {
+    xUnsubscribeToEvent(name, callbackModule);
+  }
+}
+
+void HXMemory::unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule) {
+  if (isBox(callbackModule)) {
+    xBoxUnsubscribeToEvent(name, callbackModule, true);
+  } else {
+    xUnsubscribeToMicroEvent(name, callbackModule);
+  }
+}
+
+std::vector<std::string> HXMemory::getDataSubscriber(const std::string& name) {
+  return requireItem(name, "getDataSubscriber")->getNotifierList();
+}
+
+void HXMemory::unregisterModuleReference(const std::string& /*moduleName*/) {
+  mw::log::warning("hxmemory", "unregisterModuleReference", "unregisterModuleReference is deprecated and can be removed.");
+}
+
+void HXMemory::subscribeOnDataSetTimePolicy(const std::string& /*name*/, const std::string& /*callbackModule*/,
+                                            const int& /*nTimePolicy*/) {
+  mw::log::error("hxmemory", "subscribeOnDataSetTimePolicy", "HXMemory::subscribeOnDataSetTimePolicy is NO-OP");
+}
+
+void HXMemory::subscribeOnDataSetSynchronizeResponse(const std::string& /*name*/, const std::string& /*callbackModule*/,
+                                                     const bool& /*synchronizedResponse*/) {
+  mw::log::error("hxmemory", "subscribeOnDataSetSynchronizeResponse",
+                 "HXMemory::subscribeOnDataSetSynchronizeResponse is NO-OP");
+}
+
+void HXMemory::xSubscribeToEvent(const std::string& name, const std::string& module, const HXValue& message,
+                                 const std::string& method) {
+  xRequireSTMValue(name, STMValue::Event, HXValue())->setNotifier(module, message, method);
+  runExtractor(name, module + name);
+}
+
+void HXMemory::xSubscribeToMicroEvent(const std::string& name, const std::string& module, const HXValue& message,
+                                      const std::string& method) {
+  xRequireSTMValue(name, STMValue::MicroEvent, HXValue())->setNotifier(module, message, method);
+}
+
+void HXMemory::xUnsubscribeToMicroEvent(const std::string& name, const std::string& module) {
+  requireItem(name, "getData")->unsubscribeNotifier(module, name);
+}
+
+void HXMemory::xUnsubscribeToEvent(const std::string& name, const std::string& module) {
+  xUnsubscribeToMicroEvent(name, module);
+  stopExtractor(name, module + name);
+}
+
+std::shared_ptr<HXProxy> HXMemory::frameManager(const char* caller) {
+  {
+    const std::lock_guard lock(frameManagerLock);
+    if (auto known = frameManagerProxy.lock()) return known;
+  }
+  auto proxy = getParentBroker()->getProxy("HXFrameManager", 0);
+  if (!proxy) {
+    HX_LOG_AS(Error, memoryCategory(), caller, "Cannot get frame manager proxy");
+    throw std::runtime_error("Cannot get frame manager proxy");
+  }
+  const std::lock_guard lock(frameManagerLock);
+  frameManagerProxy = proxy;
+  return proxy;
+}
+
+void HXMemory::xBoxSubscribeToEvent(const std::string& name, const std::string& callbackModule,
+                                    const HXValue& callbackMessage, const std::string& callbackMethod, bool micro) {
+  frameManager("xBoxSubscribeToEvent")
+      ->call("_subscribeBoxToEvent", name, callbackModule, callbackMessage, callbackMethod, micro);
+}
+
+void HXMemory::xBoxUnsubscribeToEvent(const std::string& name, const std::string& callbackModule, bool micro) {
+  frameManager("xBoxUnsubscribeToEvent")->call("_unsubscribeBoxToEvent", name, callbackModule, micro);
+}
+
+}  // namespace HX

@@ -1,0 +1,108 @@
+#include "timepair.h"
+
+#include <hxbase/stmvalue.h>
+#include <hxerror/hxerror.h>
+
+#include <boost/circular_buffer.hpp>
+
+#include <utility>
+
+namespace HX {
+
+HXBroker* staticBroker = nullptr;
+
+namespace {
+
+constexpr std::size_t kHistoryDepth = 50;
+
+}  // namespace
+
+STMValue::STMValue(HXMemory* memory, const std::string& name, HXValue value, dataType kind, mw::SystemTimePoint time)
+    : itemSignal_(std::make_shared<HXMemorySubscriber>(memory, name)), kind_(kind), timestamp_(time) {
+  value_ = std::move(value);
+}
+
+std::shared_ptr<STMValue> STMValue::create(HXMemory* memory, const std::string& name, HXValue value, dataType kind,
+                                           mw::SystemTimePoint time) {
+  return {new STMValue(memory, name, std::move(value), kind, time), &STMValue::retire};
+}
+
+void STMValue::setBrokerInstance(const std::shared_ptr<HXBroker>& broker) { staticBroker = broker.get(); }
+
+const char* STMValue::kindText(dataType kind) {
+  switch (kind) {
+    case UnknownData: return "Unknown data";
+    case Data: return "Data";
+    case ShmData: return "ShmData";
+    case Event: return "Event";
+    case MicroEvent: return "MicroEvent";
+  }
+  return "Unknown";
+}
+
+void STMValue::setValue(HXValue value, dataType kind, mw::SystemTimePoint time) { exchangeValue(value, kind, time); }
+
+void STMValue::exchangeValue(HXValue& value, dataType kind, mw::SystemTimePoint time) {
+  const std::lock_guard lock(valueLock_);
+  if (!dataPtrAccessed_) {
+    value_.swap(value);
+  } else {
+    const bool first = !value_.isValid() && (value.isInt() || value.isFloat());
+    if (value.getType() != value_.getType() && !first) {
+      throw HXError("HXMemory", "setValue",
+                    std::string("Can't change the type of the value from ") + HXValue::TypeToString(value_.getType()) +
+                        " to " + HXValue::TypeToString(value.getType()) + " because getDataPtr has been called on it.");
+    }
+    // Whoever holds the address reads it without a lock: the number is replaced in place, in one piece.
+    if (value.isScalar()) {
+      value_.storeScalar(value);
+    } else {
+      value_.swap(value);
+    }
+  }
+  kind_ = kind;
+  timestamp_ = time;
+}
+
+HXValue STMValue::getValue() const {
+  const std::lock_guard lock(valueLock_);
+  return dataPtrAccessed_ && value_.isScalar() ? value_.loadScalar() : value_;
+}
+
+STMValue::dataType STMValue::getDataType() const {
+  const std::lock_guard lock(valueLock_);
+  return kind_;
+}
+
+HXValue STMValue::getValueTimeStamp() const {
+  const std::lock_guard lock(valueLock_);
+  return withTime(getValue(), timestamp_);
+}
+
+bool STMValue::isDataPtrAccessed() const {
+  const std::lock_guard lock(valueLock_);
+  return dataPtrAccessed_;
+}
+
+void* STMValue::accessPointer(const std::function<void*(HXValue&)>& use) {
+  const std::lock_guard lock(valueLock_);
+  dataPtrAccessed_ = true;
+  return use(value_);
+}
+
+void STMValue::pushHistory(const HXValue& value) {
+  const std::lock_guard lock(historyLock_);
+  if (!historyRing_) historyRing_ = std::make_shared<History>(kHistoryDepth);
+  if (value.isValid()) historyRing_->push_back({mw::systemNow(), value});
+}
+
+HXValue STMValue::history() const {
+  const std::lock_guard lock(historyLock_);
+  if (!historyRing_) return {};
+  HXValue::List entries;
+  entries.reserve(historyRing_->size());
+  for (const auto& [time, value] : *historyRing_) entries.push_back(withTime(value, time));
+  return HXValue(std::move(entries));
+}
+
+}  // namespace HX

@@ -1,0 +1,203 @@
+#include "logcategories.h"
+
+#include <hxbase/stmvalue.h>
+#include <hxcommon/hxbroker.h>
+#include <hxerror/hxerror.h>
+#include <libmw/eventloop.h>
+
+#include <condition_variable>
+#include <utility>
+
+namespace HX {
+namespace {
+
+/// Items on their way to be destroyed on the event loop.
+class Retirement {
+ public:
+  static Retirement& instance() {
+    static Retirement* const the = new Retirement;  // Never destroyed: the loop may still hold an item at the very end.
+    return *the;
+  }
+
+  void begin() {
+    const std::lock_guard lock(mutex_);
+    ++count_;
+  }
+
+  void end() {
+    const std::lock_guard lock(mutex_);
+    if (--count_ == 0) none_.notify_all();
+  }
+
+  void drain() {
+    std::unique_lock lock(mutex_);
+    none_.wait(lock, [this] { return count_ == 0; });
+  }
+
+ private:
+  std::mutex mutex_;  // Guards `count_`.
+  std::condition_variable none_;
+  int count_ = 0;
+};
+
+}  // namespace
+
+/// Keeps removed records until the outermost dispatch of the item ends. Held under `notifierLock`.
+class STMValue::Dispatch {
+ public:
+  explicit Dispatch(STMValue& item) : item_(item) { ++item_.dispatching_; }
+  Dispatch(const Dispatch&) = delete;
+  Dispatch& operator=(const Dispatch&) = delete;
+  ~Dispatch() {
+    if (--item_.dispatching_ == 0) item_.removed_.clear();
+  }
+
+ private:
+  STMValue& item_;
+};
+
+void STMValue::retire(STMValue* item) {
+  if (!item->hasPending()) {
+    delete item;
+    return;
+  }
+  Retirement::instance().begin();
+  mw::defaultLoop().post([item] {
+    delete item;
+    Retirement::instance().end();
+  });
+}
+
+void STMValue::drainRetired() { Retirement::instance().drain(); }
+
+STMValue::~STMValue() {
+  // Cancelling runs continuations, and those edit the list: walk one that they cannot reach.
+  std::list<mw::Future<void>> pending;
+  {
+    const std::lock_guard lock(notifierLock_);
+    pending.swap(pendingNotifications_);
+  }
+  for (auto& future : pending) future.cancel();
+  for (const auto& future : pending) future.wait();
+}
+
+bool STMValue::hasPending() const {
+  const std::lock_guard lock(notifierLock_);
+  for (const auto& future : pendingNotifications_) {
+    if (!future.isFinished()) return true;
+  }
+  return false;
+}
+
+void STMValue::setNotifier(const std::string& module, const HXValue& message, const std::string& method) {
+  const std::lock_guard lock(notifierLock_);
+  if (const auto earlier = notifiers_.find(module); earlier != notifiers_.end()) removeNotifier(earlier);
+  notifiers_.emplace(module, STMNotifier(module, message, method));
+  ++changes_;
+}
+
+void STMValue::unsubscribeNotifier(const std::string& module, const std::string& itemName) {
+  const std::lock_guard lock(notifierLock_);
+  const auto record = notifiers_.find(module);
+  if (record == notifiers_.end()) {
+    throw HXError("HXMemory", "UnsubscribeToMicroEvent", module + " is not subscribed to " + itemName, kSourceFile,
+                  __LINE__);
+  }
+  removeNotifier(record);
+}
+
+std::vector<std::string> STMValue::getNotifierList() const {
+  const std::lock_guard lock(notifierLock_);
+  std::vector<std::string> names;
+  names.reserve(notifiers_.size());
+  for (const auto& [module, record] : notifiers_) names.push_back(module);
+  return names;
+}
+
+void STMValue::xCleanFinished() {
+  const std::lock_guard lock(notifierLock_);
+  pendingNotifications_.remove_if([](const mw::Future<void>& future) { return future.isFinished(); });
+}
+
+void STMValue::removeNotifier(Notifiers::iterator record) {
+  ++changes_;
+  if (dispatching_ > 0) {
+    removed_.push_back(notifiers_.extract(record));
+  } else {
+    notifiers_.erase(record);
+  }
+}
+
+void STMValue::notify(const std::string& key, const HXValue& value) {
+  itemSignal_->signal.bounceEvent(value);
+
+  const std::lock_guard lock(notifierLock_);
+  const Dispatch dispatch(*this);
+  for (auto record = notifiers_.begin(); record != notifiers_.end();) {
+    // Both stay where they are while the call runs, also when the record is removed by it.
+    const std::string& module = record->first;
+    STMNotifier& notifier = record->second;
+    const std::uint64_t changesBefore = changes_;
+    if (!notifier.proxy) {
+      look(module, key, value);
+    } else {
+      try {
+        call(notifier, key, value, "notify");
+      } catch (const std::runtime_error& error) {
+        HX_LOG_AS(Verbose, itemCategory(), "notify", module + " not found, removing module reference:" + error.what());
+        // Gone already, or subscribed anew, if the call itself saw to that.
+        const auto failed = notifiers_.find(module);
+        if (failed != notifiers_.end() && &failed->second == &notifier) removeNotifier(failed);
+      }
+    }
+    record = changes_ == changesBefore ? std::next(record) : notifiers_.upper_bound(module);
+  }
+}
+
+void STMValue::call(STMNotifier& record, const std::string& key, const HXValue& value, const char* function) {
+  HX_LOG_AS(Verbose, itemCategory(), function,
+            "notifying module: " + record.callbackModule + " for datachange for key: " + key);
+  // Held for the call: a subscription that is replaced meanwhile drops its proxy.
+  const std::shared_ptr<HXProxy> proxy = record.proxy;
+  const HXValue message = record.callbackMessage;
+  static_cast<void>(message.asString());  // A message that is no text is the subscription's fault, and ends it.
+  proxy->pCallNotify(record.callbackMethod, key, value, message, &record.notifyCallState);
+}
+
+void STMValue::look(const std::string& module, const std::string& key, const HXValue& value) {
+  // The continuations hold the item weakly: were they to own it, an item whose look-up never ends would never end.
+  const auto resolved = [item = weak_from_this(), module, key, value](const mw::AnyObject& service) {
+    if (const auto held = item.lock()) held->resolveAndCall(service, module, key, value);
+  };
+  const auto finished = [item = weak_from_this(), module](const mw::Future<void>& outcome) {
+    if (const auto held = item.lock()) held->reportAndClean(module, outcome);
+  };
+  auto pending = staticBroker->session()->service(module, "").andThen(resolved).then(finished);
+  if (!pending.isFinished()) pendingNotifications_.push_back(std::move(pending));
+}
+
+void STMValue::resolveAndCall(const mw::AnyObject& service, const std::string& module, const std::string& key,
+                              const HXValue& value) {
+  const std::lock_guard lock(notifierLock_);
+  const Dispatch dispatch(*this);
+  const auto record = notifiers_.find(module);
+  if (record == notifiers_.end()) return;
+  try {
+    record->second.proxy = std::make_shared<HXProxy>(service, module);
+    call(record->second, key, value, "operator()");
+  } catch (const std::exception& error) {
+    HX_LOG_AS(Verbose, itemCategory(), "operator()", module + " not found, removing module reference:" + error.what());
+    if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) removeNotifier(failed);
+  }
+}
+
+void STMValue::reportAndClean(const std::string& module, const mw::Future<void>& outcome) {
+  if (outcome.hasError()) {
+    HX_LOG_AS(Warning, itemCategory(), "operator()", "can't get proxy to " + module + ": " + outcome.error());
+    const std::lock_guard lock(notifierLock_);
+    if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) removeNotifier(failed);
+  }
+  xCleanFinished();
+}
+
+}  // namespace HX

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <hxcommon/hxproxy.h>
+#include <hxerror/api.h>
+#include <libmw/session.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace HX {
+
+class HXBrokerManager;
+class HXModuleCore;
+class ModuleLibrary;
+
+/// Hosts modules and gives access to every module that can be reached, here or elsewhere.
+///
+/// A broker keeps its modules from their registration until they leave or it shuts down. Module libraries that it
+/// loaded stay mapped for the life of the process: callables and types live in them.
+///
+/// Threads: every operation is safe from any thread; no lock is held while modules are called, made or destroyed.
+class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
+ public:
+  /// @param name     Names the broker among those of the machine.
+  /// @param manager  Told of the new broker; the process-wide one when empty.
+  static std::shared_ptr<HXBroker> create(std::string name, const std::shared_ptr<HXBrokerManager>& manager = nullptr);
+  HXBroker(const HXBroker&) = delete;
+  HXBroker& operator=(const HXBroker&) = delete;
+  ~HXBroker();  ///< Shuts down.
+
+  const std::string& getName() const { return name_; }
+  std::weak_ptr<HXBrokerManager> getBrokerManager() const { return manager_; }
+  const std::shared_ptr<mw::Session>& session() const { return session_; }
+
+  /// A proxy to a module, wherever it runs. Asked again, the same proxy as long as the module is the same.
+  /// @param flags  0; kept for callers that state it.
+  /// @return Empty when there is no such module.
+  std::shared_ptr<HXProxy> getProxy(const std::string& name, int flags = 0);
+
+  /// A proxy of a generated type, constructed from the generic one.
+  /// @throws std::runtime_error naming the module when there is none.
+  template <class P>
+  std::shared_ptr<P> getSpecialisedProxy(const std::string& name) {
+    auto proxy = getProxy(name);
+    if (!proxy) throw std::runtime_error("no module named " + name);
+    return std::make_shared<P>(std::move(proxy));
+  }
+
+  /// Loads a module library and lets it make its modules.
+  ///
+  /// @param library  A path (with a slash in it), or a name: `lib<name>.so` is looked for in the folders of
+  ///                 KORVO_MODULE_PATH and then in the installed module folder.
+  /// @throws std::runtime_error naming the library and why: not found, not loadable, without the entry points, or the
+  ///         error of its entry point. What it registered before it failed is removed again.
+  void loadModule(const std::string& library);
+
+  /// Takes a module in. Called by `HXModuleCore::initModule`.
+  /// @throws std::runtime_error when the name is taken or the broker is shut down.
+  void registerModule(std::shared_ptr<HXModuleCore> module);
+  /// Lets a module go: withdraws its service, wakes up its sleepers, waits for the calls that run in it.
+  /// @return False when there is no such module.
+  bool unregisterModule(const std::string& name);
+  /// The modules of this process, in the order of their registration.
+  std::vector<std::string> modules() const;
+
+  /// Tells every module to exit, the last one first, and lets it go. Final; may be called again.
+  void shutdown();
+
+ private:
+  struct Hosted {
+    std::shared_ptr<HXModuleCore> module;
+    mw::ServiceId service = 0;
+  };
+
+  explicit HXBroker(std::string name);
+  void forgetProxy(const std::string& name);
+  Hosted lastModule() const;
+  void closeLibraries();
+
+  const std::string name_;
+  std::weak_ptr<HXBrokerManager> manager_;
+  const std::shared_ptr<mw::Session> session_;
+
+  mutable std::mutex mutex_;  // Guards everything below.
+  std::vector<Hosted> modules_;
+  std::map<std::string, std::shared_ptr<HXProxy>> proxies_;
+  std::vector<ModuleLibrary> libraries_;
+};
+
+}  // namespace HX

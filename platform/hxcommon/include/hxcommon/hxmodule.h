@@ -1,0 +1,139 @@
+#pragma once
+
+#include <hxcommon/hxfunctor.h>
+#include <hxerror/hxerror.h>
+#include <libmw/dynamicobject.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace HX {
+
+class HXBroker;
+
+/// What a module is to its broker: a name, a parent, and a table of documented methods.
+///
+/// Methods and signals are bound in the constructor, by the thread that runs it, and stay as they are from
+/// `initModule` on. Methods are called by any number of threads at once.
+class HX_API HXModuleCore : public mw::DynamicObject {
+ public:
+  /// @param broker  The broker that the module will belong to; not kept.
+  /// @param name    The name under which others call it.
+  HXModuleCore(const std::shared_ptr<HXBroker>& broker, std::string name);
+  ~HXModuleCore() override;
+
+  const std::string& getName() const { return name_; }
+  /// @throws std::runtime_error when the broker has gone.
+  std::shared_ptr<HXBroker> getParentBroker() const;
+  /// As `getParentBroker`; empty when the broker has gone.
+  std::shared_ptr<HXBroker> findParentBroker() const { return broker_.lock(); }
+
+  /// Closes the method table and registers the module with its broker. Called once, on a constructed module that is
+  /// owned by a shared pointer.
+  /// @throws std::runtime_error when the name is taken.
+  void initModule();
+
+  /// Suspends the calling thread, but no longer than until the module leaves its broker.
+  /// @throws std::runtime_error naming the module when it leaves.
+  void sleepFor(std::chrono::milliseconds duration);
+  /// For methods that run long without sleeping: returns at once, or throws as `sleepFor` does.
+  void checkRunning() const;
+  /// Ends every `sleepFor`, now and from now on. The broker calls it when the module leaves.
+  void interrupt();
+
+ protected:
+  void setModuleDescription(std::string text);
+
+  /// Opens the description of a method. It goes with the next method that is bound.
+  /// @param flags  0, or 4 for methods that mean something only inside this process; handed on to callers.
+  void functionName(std::string name, std::string module, std::string description, int flags = 0);
+  /// Describes the next parameter, in the order of the method's arguments.
+  void addParam(std::string name, std::string description);
+  /// Describes the result.
+  void setReturn(std::string name, std::string description);
+  const mw::MetaMethodBuilder& getCurrentMethodDescription() const { return current_; }
+
+  /// Binds `functor` under the opened description; further methods of the same name become its overloads.
+  void bindMethodOverload(const std::shared_ptr<const HXFunctorBase>& functor);
+  /// Binds a member function of `object` under the opened description.
+  template <class T, class M>
+  void bindMethod(T* object, M member) {
+    objectBuilder().advertiseMethod(current_, object, member);
+  }
+  /// Publishes a signal that is a member of the module.
+  void bindSignal(std::string name, mw::SignalBase& signal);
+
+  /// Where members are advertised; for what the functions above do not offer.
+  /// @throws std::logic_error once the module is initialised.
+  mw::ObjectBuilder& objectBuilder();
+
+ private:
+  const std::weak_ptr<HXBroker> broker_;
+  const std::string name_;
+  mw::ObjectBuilder builder_;
+  bool closed_ = false;
+  mw::MetaMethodBuilder current_;
+  mutable std::mutex mutex_;  // Guards `interrupted_`.
+  std::condition_variable wakeUp_;
+  bool interrupted_ = false;
+};
+
+/// Base of every module.
+///
+///     class Door : public HX::HXModule {
+///      public:
+///       Door(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+///         functionName("open", getName(), "Opens the door.");
+///         bindMethod(this, &Door::open);
+///       }
+///       void open();
+///     };
+///     HX_MODULE(Door)
+class HX_API HXModule : public HXModuleCore {
+ public:
+  using HXModuleCore::HXModuleCore;
+  ~HXModule() override;
+
+  /// Does the module's own work on the calling thread, for hosts that give it one. Does nothing unless overridden.
+  virtual void execute();
+  /// Empty unless overridden.
+  virtual std::string version();
+  /// Takes the module out of its broker. An override ends the module's own work first (its threads, its timers), and
+  /// calls this one last.
+  virtual void exit();
+  /// Called once the module is registered and callable. An HXError thrown here undoes the creation.
+  virtual void init();
+  /// Ends what `execute` does. Does nothing unless overridden.
+  virtual void stop();
+
+  /// Makes a module of type T, registers it with `broker` under `name`, and initialises it.
+  ///
+  /// @return The module; the broker keeps it too, until it leaves.
+  /// @throws What the constructor throws, with nothing registered; what `init` throws, with the module out of the broker
+  ///         again, after its `exit` when it was an HXError.
+  template <class T, class... Args>
+  static std::shared_ptr<T> createModule(const std::shared_ptr<HXBroker>& broker, const std::string& name,
+                                         Args&&... args) {
+    auto module = std::make_shared<T>(broker, name, std::forward<Args>(args)...);
+    start(module);
+    return module;
+  }
+
+ private:
+  static void start(const std::shared_ptr<HXModule>& module);
+};
+
+}  // namespace HX
+
+/// Makes a library loadable by a broker: its one module is a `Class`, registered under the name of the class.
+#define HX_MODULE(Class)                                                                    \
+  extern "C" HX_API int _createModule(const std::shared_ptr<HX::HXBroker>& broker) {        \
+    HX::HXModule::createModule<Class>(broker, #Class);                                      \
+    return 0;                                                                               \
+  }                                                                                         \
+  extern "C" HX_API int _closeModule() { return 0; }

@@ -1,0 +1,60 @@
+#include <hxcommon/hxbroker.h>
+#include <hxcommon/hxbrokermanager.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace HX {
+namespace {
+
+struct Instance {
+  std::mutex mutex;  // Guards `manager`.
+  std::shared_ptr<HXBrokerManager> manager;
+};
+
+Instance& instance() {
+  static Instance the;
+  return the;
+}
+
+}  // namespace
+
+std::shared_ptr<HXBrokerManager> HXBrokerManager::getInstance() {
+  const std::lock_guard lock(instance().mutex);
+  if (!instance().manager) instance().manager = std::make_shared<HXBrokerManager>();
+  return instance().manager;
+}
+
+void HXBrokerManager::setInstance(std::shared_ptr<HXBrokerManager> manager) {
+  const std::lock_guard lock(instance().mutex);
+  instance().manager.swap(manager);
+}
+
+void HXBrokerManager::addBroker(const std::shared_ptr<HXBroker>& broker) {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(brokers_, [&](const auto& known) { return known.expired() || known.lock() == broker; });
+  brokers_.push_back(broker);
+}
+
+void HXBrokerManager::removeBroker(const std::shared_ptr<HXBroker>& broker) {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(brokers_, [&](const auto& known) { return known.expired() || known.lock() == broker; });
+}
+
+std::shared_ptr<HXBroker> HXBrokerManager::getBroker(const std::string& name) const {
+  for (auto& broker : brokers()) {
+    if (broker->getName() == name) return broker;
+  }
+  return nullptr;
+}
+
+std::vector<std::shared_ptr<HXBroker>> HXBrokerManager::brokers() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::shared_ptr<HXBroker>> alive;
+  for (const auto& known : brokers_) {
+    if (auto broker = known.lock()) alive.push_back(std::move(broker));
+  }
+  return alive;
+}
+
+}  // namespace HX

@@ -1,0 +1,103 @@
+#include <hxcommon/hxbroker.h>
+#include <hxcommon/hxmodule.h>
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+namespace HX {
+
+HXModuleCore::HXModuleCore(const std::shared_ptr<HXBroker>& broker, std::string name)
+    : broker_(broker), name_(std::move(name)) {
+  if (!broker) throw std::runtime_error(fmt::format("module {} needs a broker", name_));
+  builder_.setTypeName(name_);
+  builder_.setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+}
+
+HXModuleCore::~HXModuleCore() = default;
+
+std::shared_ptr<HXBroker> HXModuleCore::getParentBroker() const {
+  auto broker = findParentBroker();
+  if (!broker) throw std::runtime_error(fmt::format("the broker of module {} is gone", name_));
+  return broker;
+}
+
+void HXModuleCore::initModule() {
+  if (closed_) throw std::logic_error(fmt::format("module {} is initialised already", name_));
+  setType(objectBuilder().build());
+  closed_ = true;
+  getParentBroker()->registerModule(std::static_pointer_cast<HXModuleCore>(shared_from_this()));
+}
+
+void HXModuleCore::sleepFor(std::chrono::milliseconds duration) {
+  std::unique_lock lock(mutex_);
+  wakeUp_.wait_for(lock, duration, [this] { return interrupted_; });
+  lock.unlock();
+  checkRunning();
+}
+
+void HXModuleCore::checkRunning() const {
+  const std::lock_guard lock(mutex_);
+  if (interrupted_) throw std::runtime_error(fmt::format("module {} is shutting down", name_));
+}
+
+void HXModuleCore::interrupt() {
+  {
+    const std::lock_guard lock(mutex_);
+    interrupted_ = true;
+  }
+  wakeUp_.notify_all();
+}
+
+void HXModuleCore::setModuleDescription(std::string text) { objectBuilder().setDescription(std::move(text)); }
+
+void HXModuleCore::functionName(std::string name, std::string module, std::string description, int flags) {
+  current_ = mw::MetaMethodBuilder(std::move(name), std::move(module), std::move(description), flags);
+}
+
+void HXModuleCore::addParam(std::string name, std::string description) {
+  current_.addParameter(std::move(name), std::move(description));
+}
+
+void HXModuleCore::setReturn(std::string name, std::string description) {
+  current_.setReturn(std::move(name), std::move(description));
+}
+
+void HXModuleCore::bindMethodOverload(const std::shared_ptr<const HXFunctorBase>& functor) {
+  objectBuilder().advertiseMethod(current_, functor->function());
+}
+
+void HXModuleCore::bindSignal(std::string name, mw::SignalBase& signal) {
+  objectBuilder().advertiseSignal(std::move(name), signal);
+}
+
+mw::ObjectBuilder& HXModuleCore::objectBuilder() {
+  if (closed_) throw std::logic_error(fmt::format("module {}: members are bound in the constructor only", name_));
+  return builder_;
+}
+
+HXModule::~HXModule() = default;
+
+void HXModule::execute() {}
+std::string HXModule::version() { return {}; }
+void HXModule::init() {}
+void HXModule::stop() {}
+
+void HXModule::exit() {
+  if (const auto broker = findParentBroker()) broker->unregisterModule(getName());
+}
+
+void HXModule::start(const std::shared_ptr<HXModule>& module) {
+  module->initModule();
+  try {
+    module->init();
+  } catch (const HXError& error) {
+    module->exit();
+    throw HXError(error);
+  } catch (...) {
+    module->getParentBroker()->unregisterModule(module->getName());
+    throw;
+  }
+}
+
+}  // namespace HX

@@ -1,0 +1,28 @@
+#include <hxcommon/hxproxy.h>
+
+#include <array>
+
+namespace HX {
+
+HXProxy::HXProxy(mw::AnyObject service, std::string moduleName)
+    : object_(std::move(service)), moduleName_(std::move(moduleName)) {}
+
+void HXProxy::pCallNotify(const std::string& method, const std::string& key, const HXValue& value,
+                          const HXValue& message, CallState* state) const {
+  const std::array parameters{mw::AnyReference::of(key), mw::AnyReference::of(value), mw::AnyReference::of(message)};
+  mw::GenericObject& object = object_.get();
+  const mw::MetaObject& offered = object.metaObject();
+  if (state->first == 0 || state->second != offered.uid()) {
+    const mw::MetaMethod& found = offered.resolve(method, parameters);
+    *state = {0, 0};
+    // Among overloads the choice depends on the value, so it is made anew each time.
+    if (offered.findMethods(method).size() > 1) {
+      object.metaCall(found.id, parameters).value();
+      return;
+    }
+    *state = {static_cast<std::int32_t>(found.id) + 1, offered.uid()};
+  }
+  object.metaCall(static_cast<unsigned>(state->first - 1), parameters).value();
+}
+
+}  // namespace HX
