@@ -1,5 +1,4 @@
-# What the build needs from the system. tools/packages.txt lists the Debian packages that bring it;
-# cmake/KorvoConfig.cmake.in repeats what the installed headers need.
+# What the build needs from the system. tools/packages.txt lists the Debian packages that bring it.
 
 set(THREADS_PREFER_PTHREAD_FLAG ON)
 find_package(Threads REQUIRED)

@@ -33,8 +33,7 @@ endfunction()
 #
 # A shared library of the platform: headers in include/ beside the caller's CMakeLists.txt, alias Korvo::<name>,
 # strict warnings, hidden visibility (mark what crosses the library with HX_API), installed and exported.
-# PUBLIC_LINK is for what the public headers include; a target from outside this project that stands there
-# belongs into KorvoConfig.cmake.in as well.
+# PUBLIC_LINK is for what the public headers include; KorvoPackage.cmake makes the installed package find it.
 function(korvo_library name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;PUBLIC_LINK;PRIVATE_LINK")
   add_library(${name} SHARED ${ARG_SOURCES})
@@ -52,6 +51,7 @@ function(korvo_library name)
   if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
     target_link_options(${name} PRIVATE LINKER:--no-undefined)
   endif()
+  set_property(GLOBAL APPEND PROPERTY KORVO_PUBLIC_LINK ${ARG_PUBLIC_LINK})
   install(TARGETS ${name} EXPORT KorvoTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endfunction()
