@@ -56,7 +56,8 @@ def read(paths):
             # A program none of whose benchmarks matched the filter writes an empty file.
             runs = json.loads(text)["benchmarks"] if text.strip() else []
             seen = {}
-            for run in runs:
+            # Interleaved runs stand in the order in which they ran.
+            for run in sorted(runs, key=lambda run: (run["family_index"], run["per_family_instance_index"])):
                 if run.get("run_type", "iteration") == "iteration":
                     name = run.get("run_name", run["name"])
                     seen.setdefault(name, Result(name)).add(run)
