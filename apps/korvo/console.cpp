@@ -1,0 +1,84 @@
+#include "console.h"
+
+#include "arguments.h"
+#include "linesource.h"
+#include "output.h"
+#include "target.h"
+
+#include <hxvalue/json.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+namespace korvo {
+namespace {
+
+void requireText(std::string_view line) {
+  if (const auto at = line.find('\0'); at != std::string_view::npos) {
+    throw InputError(fmt::format("the line has a NUL character at byte {}", at + 1));
+  }
+  if (HX::toJsonText(line).replaced) throw InputError("the line is not UTF-8 text");
+}
+
+std::string_view withoutLineEnd(std::string_view line) {
+  if (line.ends_with('\r')) line.remove_suffix(1);
+  return line;
+}
+
+}  // namespace
+
+void Console::run(LineSource& lines) {
+  while (context_.output.works()) {
+    try {
+      const auto line = lines.next();
+      if (!line) return;
+      execute(*line);
+    } catch (const InputError& error) {
+      context_.output.error(error.what());
+    }
+  }
+}
+
+void Console::execute(std::string_view line) noexcept {
+  try {
+    dispatch(withoutLineEnd(line));
+  } catch (const std::exception& error) {
+    context_.output.error(error.what());
+  } catch (...) {
+    context_.output.error("unknown exception");
+  }
+}
+
+void Console::dispatch(std::string_view line) {
+  requireText(line);
+  Arguments arguments(line);
+  if (arguments.atEnd()) return;
+  const std::string name = arguments.word("COMMAND");
+  const Command* command = findCommand(name);
+  if (!command) throw InputError(fmt::format("no command {}; try help", name));
+  try {
+    command->run(context_, arguments);
+  } catch (const InputError& error) {
+    throw InputError(fmt::format("{}: {} (usage: {})", name, error.what(), synopsis(*command)));
+  }
+}
+
+std::vector<std::string> Console::complete(std::string_view line) {
+  const std::size_t begin = line.find_last_of(" \t") + 1;  // npos + 1 is 0
+  const std::string_view word = line.substr(begin);
+  std::vector<std::string> found;
+  if (line.find_first_not_of(" \t") >= begin) {
+    for (const Command& command : commands()) found.emplace_back(command.name);
+  } else if (const auto memory = context_.target.find("HXMemory")) {
+    found = HX::HXMemoryProxy(memory).getDataListName();
+  }
+  std::erase_if(found, [&](const std::string& name) {
+    return !name.starts_with(word) || name.find_first_of(" \t\"") != std::string::npos;
+  });
+  std::ranges::sort(found);
+  return found;
+}
+
+}  // namespace korvo

@@ -1,0 +1,117 @@
+#include "arguments.h"
+#include "commands.h"
+#include "format.h"
+#include "output.h"
+#include "target.h"
+#include "watches.h"
+
+#include <hxvalue/json.h>
+
+#include <algorithm>
+#include <array>
+#include <stdexcept>
+
+namespace korvo {
+namespace {
+
+using HX::HXValue;
+
+void printNames(Output& output, const std::vector<std::string>& names) {
+  for (const auto& name : names) output.line(HX::toJson(name));
+}
+
+void raise(Context& context, Arguments& arguments) {
+  const std::string key = arguments.word("KEY");
+  const HXValue value = arguments.json("JSON");
+  arguments.end();
+  context.target.memory().raiseEvent(key, value);
+}
+
+void declare(Context& context, Arguments& arguments) {
+  const std::string event = arguments.word("EVENT");
+  const bool hasExtractor = !arguments.atEnd();
+  const std::string extractor = hasExtractor ? arguments.word("EXTRACTOR") : "";
+  arguments.end();
+  auto memory = context.target.memory();
+  if (hasExtractor) {
+    memory.declareEvent(event, extractor);
+  } else {
+    memory.declareEvent(event);
+  }
+}
+
+void events(Context& context, Arguments& arguments) {
+  arguments.end();
+  printNames(context.output, context.target.memory().getEventList());
+}
+
+void microEvents(Context& context, Arguments& arguments) {
+  arguments.end();
+  auto names = context.target.memory().getMicroEventList();
+  std::ranges::sort(names);
+  printNames(context.output, names);
+}
+
+void history(Context& context, Arguments& arguments) {
+  const std::string event = arguments.word("EVENT");
+  arguments.end();
+  const HXValue raises = context.target.memory().getEventHistory(event);
+  for (std::size_t i = 0; i < raises.getSize(); ++i) {
+    const Stamped stamped = toStamped(raises[i]);
+    context.output.line(JsonObject().addValue(stamped.value).add("time", formatTime(stamped.time)).text());
+  }
+}
+
+void subscribers(Context& context, Arguments& arguments) {
+  const std::string key = arguments.word("KEY");
+  arguments.end();
+  printNames(context.output, context.target.memory().getSubscribers(key));
+}
+
+std::vector<std::string> someKeys(Arguments& arguments) {
+  if (arguments.atEnd()) throw InputError("KEY is missing");
+  return arguments.words("KEY");
+}
+
+void watch(Context& context, Arguments& arguments) {
+  const auto keys = someKeys(arguments);
+  auto memory = context.target.memory();
+  for (const auto& key : keys) context.watches.add(key, memory.subscriber(key));
+}
+
+void unwatch(Context& context, Arguments& arguments) {
+  for (const auto& key : someKeys(arguments)) {
+    if (!context.watches.remove(key)) throw std::runtime_error("not watched: " + key);
+  }
+}
+
+void map(Context& context, Arguments& arguments) {
+  const std::string service = arguments.word("SERVICE");
+  const std::string signal = arguments.word("SIGNAL");
+  const std::string event = arguments.word("EVENT");
+  arguments.end();
+  context.target.memory().addMapping(service, signal, event);
+}
+
+constexpr std::array kCommands{
+    Command{"raise", "KEY JSON", "Raises an event: stores its value and tells its subscribers.",
+            "The event is made when there is none. Returns when every subscriber has been told.", raise},
+    Command{"declare", "EVENT [EXTRACTOR]", "Declares an event, and the module that produces it.", "", declare},
+    Command{"events", "", "Lists the declared events, one a line.", "", events},
+    Command{"micro-events", "", "Lists the micro-events, one a line.", "", microEvents},
+    Command{"history", "EVENT", "Prints the latest raises of an event, oldest first, one a line.",
+            "Each as {\"value\":VALUE,\"time\":TIME}.", history},
+    Command{"subscribers", "KEY", "Lists the modules that subscribe to a key, one a line.", "", subscribers},
+    Command{"watch", "KEY...", "Prints each raise of these keys as it happens, until unwatch.",
+            "Each as {\"key\":KEY,\"value\":VALUE,\"time\":TIME}. A key that does not exist is declared as an event.",
+            watch},
+    Command{"unwatch", "KEY...", "Ends what watch began.", "", unwatch},
+    Command{"map", "SERVICE SIGNAL EVENT", "Raises EVENT whenever SERVICE emits SIGNAL.",
+            "The service may appear later.", map},
+};
+
+}  // namespace
+
+std::span<const Command> eventCommands() { return kCommands; }
+
+}  // namespace korvo

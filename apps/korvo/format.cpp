@@ -1,0 +1,104 @@
+#include "format.h"
+
+#include <hxvalue/json.h>
+#include <libmw/genericobject.h>
+
+#include <cstring>
+#include <ctime>
+#include <iterator>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+namespace korvo {
+
+using HX::HXValue;
+
+std::string escapeControls(std::string_view text) {
+  std::string line;
+  line.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\n') {
+      line += "\\n";
+    } else if (c == '\r') {
+      line += "\\r";
+    } else if (c == '\t') {
+      line += "\\t";
+    } else if (byte < 0x20 || byte == 0x7f) {
+      fmt::format_to(std::back_inserter(line), "\\x{:02x}", byte);
+    } else {
+      line += c;
+    }
+  }
+  return line;
+}
+
+namespace {
+
+std::string formatPointer(const void* at) {
+  // Pointers to any type look the same in memory here; a copy of the bytes needs no type.
+  std::uintptr_t address = 0;
+  std::memcpy(&address, at, sizeof(address));
+  return fmt::format("\"{:#x}\"", address);
+}
+
+std::string formatObject(const mw::AnyReference& reference) {
+  const mw::AnyObject object = reference.type()->toObject(reference.data());
+  if (!object) return "null";
+  return JsonObject()
+      .add("object", object->metaObject().typeName())
+      .add("id", static_cast<std::int64_t>(object->identity()))
+      .text();
+}
+
+}  // namespace
+
+std::optional<std::string> formatResult(const mw::AnyValue& result) {
+  const mw::AnyReference content = result.reference().content();
+  if (!content) return std::nullopt;
+  HXValue value;
+  if (content.toValue(value)) return HX::toJson(value);
+  if (content.type()->kind == mw::TypeKind::Pointer) return formatPointer(content.data());
+  if (content.type()->toObject) return formatObject(content);
+  return JsonObject().add("type", content.type()->name).text();
+}
+
+std::string formatTime(mw::SystemTimePoint time) {
+  using namespace std::chrono;
+  const auto second = floor<seconds>(time);
+  const std::time_t sinceEpoch = second.time_since_epoch().count();
+  std::tm local{};
+  localtime_r(&sinceEpoch, &local);
+  const long offset = local.tm_gmtoff / 60;
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:06}{}{:02}:{:02}", local.tm_year + 1900, local.tm_mon + 1,
+                     local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                     duration_cast<microseconds>(time - second).count(), offset < 0 ? '-' : '+', std::abs(offset) / 60,
+                     std::abs(offset) % 60);
+}
+
+Stamped toStamped(const HXValue& triple) {
+  if (triple.getSize() != 3 || !triple.isList()) {
+    throw std::runtime_error("expected [value, seconds, microseconds], and got " + triple.toString());
+  }
+  const auto time = std::chrono::seconds(triple[1].toInt64()) + std::chrono::microseconds(triple[2].toInt64());
+  return {triple[0], mw::SystemTimePoint(time)};
+}
+
+JsonObject& JsonObject::add(std::string_view name, const HXValue& value) { return addText(name, HX::toJson(value)); }
+
+JsonObject& JsonObject::addText(std::string_view name, std::string_view json) {
+  if (text_.size() > 1) text_ += ',';
+  text_ += HX::toJson(HXValue(name));
+  text_ += ':';
+  text_ += json;
+  return *this;
+}
+
+JsonObject& JsonObject::addValue(const HXValue& value) {
+  const HX::JsonText json = HX::toJsonText(value);
+  addText("value", json.text);
+  return json.replaced ? add("replaced", true) : *this;
+}
+
+}  // namespace korvo

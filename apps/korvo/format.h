@@ -1,0 +1,49 @@
+#pragma once
+
+#include <hxvalue/hxvalue.h>
+#include <libmw/anyvalue.h>
+#include <libmw/clock.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace korvo {
+
+/// `text` on one line: line ends and control characters as escapes (`\n`, `\x1b`), everything else as it is.
+std::string escapeControls(std::string_view text);
+
+/// What a method returned as one line of JSON; none when it returned nothing.
+///
+/// A pointer is a string with its hexadecimal address, an object `{"object":TYPE,"id":N}` or null, and what has no
+/// value form `{"type":TYPE}`.
+std::optional<std::string> formatResult(const mw::AnyValue& result);
+
+/// Local time to the microsecond: "2026-03-29T12:00:00.000250+02:00".
+std::string formatTime(mw::SystemTimePoint time);
+
+/// A value and when it was set.
+struct Stamped {
+  HX::HXValue value;
+  mw::SystemTimePoint time;
+};
+/// From the memory's form, [value, seconds, microseconds].
+/// @throws std::runtime_error when it has another form.
+Stamped toStamped(const HX::HXValue& triple);
+
+/// Writes an object whose names come in the order in which they are added.
+class JsonObject {
+ public:
+  JsonObject& add(std::string_view name, const HX::HXValue& value);
+  /// @param json  A JSON text.
+  JsonObject& addText(std::string_view name, std::string_view json);
+  /// Adds "value", and "replaced" when U+FFFD stands for bytes in it that JSON has no place for.
+  JsonObject& addValue(const HX::HXValue& value);
+  /// The text, as long as this object is not changed.
+  std::string text() const { return text_ + "}"; }
+
+ private:
+  std::string text_ = "{";
+};
+
+}  // namespace korvo

@@ -1,0 +1,3 @@
+#include "commandline.h"
+
+int main(int argc, char** argv) { return korvo::runProgram(argc, argv); }

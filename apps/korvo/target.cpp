@@ -1,0 +1,30 @@
+#include "target.h"
+
+#include <hxcommon/hxbroker.h>
+
+#include <stdexcept>
+#include <utility>
+
+namespace korvo {
+
+std::shared_ptr<HX::HXProxy> Target::require(const std::string& service) {
+  auto proxy = find(service);
+  if (!proxy) throw std::runtime_error("no service named " + service);
+  return proxy;
+}
+
+HX::HXMemoryProxy Target::memory() { return HX::HXMemoryProxy(require("HXMemory")); }
+
+BrokerTarget::BrokerTarget(std::shared_ptr<HX::HXBroker> broker) : broker_(std::move(broker)) {}
+
+std::shared_ptr<HX::HXProxy> BrokerTarget::find(const std::string& service) { return broker_->getProxy(service); }
+
+std::vector<std::string> BrokerTarget::services() {
+  std::vector<std::string> names;
+  for (const auto& service : broker_->session()->services()) names.push_back(service.name);
+  return names;
+}
+
+void BrokerTarget::loadModule(const std::string& library) { broker_->loadModule(library); }
+
+}  // namespace korvo

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <hxproxies/hxmemoryproxy.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace HX {
+class HXBroker;
+class HXProxy;
+}  // namespace HX
+
+namespace korvo {
+
+/// The broker that commands are about.
+///
+/// @par Threads  Any number of threads may use one target at once.
+class Target {
+ public:
+  virtual ~Target() = default;
+
+  /// @return Empty when there is no such service.
+  virtual std::shared_ptr<HX::HXProxy> find(const std::string& service) = 0;
+  virtual std::vector<std::string> services() = 0;
+  /// @throws std::runtime_error when it cannot be loaded, or when this target cannot load.
+  virtual void loadModule(const std::string& library) = 0;
+
+  /// As `find`. @throws std::runtime_error naming the service when there is none.
+  std::shared_ptr<HX::HXProxy> require(const std::string& service);
+  /// @throws std::runtime_error when the broker has no memory.
+  HX::HXMemoryProxy memory();
+};
+
+/// A broker of this process.
+class BrokerTarget final : public Target {
+ public:
+  explicit BrokerTarget(std::shared_ptr<HX::HXBroker> broker);
+  std::shared_ptr<HX::HXProxy> find(const std::string& service) override;
+  std::vector<std::string> services() override;
+  void loadModule(const std::string& library) override;
+
+ private:
+  std::shared_ptr<HX::HXBroker> broker_;
+};
+
+}  // namespace korvo
