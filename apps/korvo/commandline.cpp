@@ -1,5 +1,6 @@
 #include "commandline.h"
 
+#include "checkmap.h"
 #include "run.h"
 
 #include <algorithm>
@@ -19,6 +20,7 @@ const char* const kExamples = R"(Examples:
   korvo run                                a broker with its memory, until Ctrl-C
   korvo run --console                      … that executes commands: try help
   korvo run --module ./libarm.so --live    … with a module, showing the memory as it changes
+  korvo check-map map.txt                  what the memory makes of a signal-to-event map
   printf 'set Foo 1\nget Foo\n' | korvo run --console)";
 
 const char* const kRunNotes =
@@ -34,6 +36,19 @@ Examples:
   korvo run --name torso --module arm --module ./build/libhead.so
   korvo run --console < commands.txt
   korvo run --no-memory --module ./libmine.so --log-level debug)";
+
+const char* const kCheckMapNotes =
+    R"(A line of the map is SERVICE.SIGNAL : EVENT, with # before a comment; blanks do not count.
+Prints for each line one of
+  N: accepted SERVICE SIGNAL EVENT
+  N: rejected: REASON
+  N: nothing                              for a blank or a comment
+The memory reads lines of more than 511 characters in pieces, which are N.1, N.2, …
+
+Exit status: 0; 1 when something was rejected; 2 when the file cannot be read.
+
+Example:
+  korvo check-map ~/.local/share/korvo/hxmemory_map_signal_event.txt)";
 
 /// What the chosen subcommand does.
 using Action = std::function<int()>;
@@ -86,6 +101,15 @@ void addRun(CLI::App& program, Action& chosen) {
   app.callback([&chosen, options] { chosen = [options] { return run(*options); }; });
 }
 
+void addCheckMap(CLI::App& program, Action& chosen) {
+  auto file = std::make_shared<std::string>();
+  CLI::App& app = *program.add_subcommand("check-map",
+                                          "Says of each line of a signal-to-event map what the memory makes of it.");
+  app.footer(kCheckMapNotes);
+  app.add_option("FILE", *file, "The map file")->required();
+  app.callback([&chosen, file] { chosen = [file] { return checkMap(*file, std::cout, std::cerr); }; });
+}
+
 }  // namespace
 
 int runProgram(int argc, const char* const* argv) {
@@ -97,6 +121,7 @@ int runProgram(int argc, const char* const* argv) {
   program.footer(kExamples);
   Action chosen;
   addRun(program, chosen);
+  addCheckMap(program, chosen);
   try {
     program.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

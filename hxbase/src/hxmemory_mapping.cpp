@@ -6,7 +6,6 @@
 #include <libmw/os.h>
 #include <libmw/path.h>
 
-#include <array>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
@@ -68,12 +67,11 @@ void HXMemory::loadSignalEventMapFromFile() {
               std::string("Can't not open file ") + fileName);
     return;
   }
-  std::array<char, kSignalMapPiece> piece{};
-  while (std::fgets(piece.data(), static_cast<int>(piece.size()), file.get())) {
+  while (const auto piece = readSignalMapPiece(file.get())) {
     std::string service;
     std::string signal;
     std::string event;
-    if (_parseEventFromLine(piece.data(), service, signal, event)) addMapping(service, signal, event);
+    if (_parseEventFromLine(piece->text, service, signal, event)) addMapping(service, signal, event);
   }
 }
 

@@ -12,7 +12,20 @@ SignalMapLine reject(SignalMapLine line, std::string reason) {
   return line;
 }
 
+constexpr std::size_t kLongestPiece = 511;
+
 }  // namespace
+
+std::optional<SignalMapPiece> readSignalMapPiece(std::FILE* file) {
+  SignalMapPiece piece;
+  for (int next = 0; !piece.endsLine && piece.text.size() < kLongestPiece && (next = std::getc(file)) != EOF;) {
+    piece.text.push_back(static_cast<char>(next));
+    piece.endsLine = next == '\n';
+  }
+  if (piece.text.empty()) return std::nullopt;
+  piece.text.erase(std::min(piece.text.find('\0'), piece.text.size()));
+  return piece;
+}
 
 SignalMapLine parseSignalMapLine(std::string line) {
   std::erase(line, ' ');
@@ -35,8 +48,9 @@ SignalMapLine parseSignalMapLine(std::string line) {
   // Installed map files were written for a reader that compares these two positions, and lines that it skips must stay
   // without effect.
   if (colon < dot) {
-    return reject(parsed, "the name of the signal is shorter than that of the service, which this file cannot express; "
-                          "use addMapping(service, signal, event) instead");
+    return reject(parsed,
+                  "the name of the signal is shorter than that of the service, which this file cannot express; "
+                  "use addMapping(service, signal, event) instead");
   }
   parsed.signal = line.substr(0, colon);
   if (parsed.signal.empty()) return reject(parsed, "no signal stands before the \":\"; write SERVICE.SIGNAL : EVENT");

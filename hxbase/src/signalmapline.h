@@ -1,13 +1,19 @@
 #pragma once
 
-#include <cstddef>
+#include <cstdio>
+#include <optional>
 #include <string>
 
 namespace HX {
 
-/// How much of the map file is read at once, the closing NUL included. A longer line is taken in pieces, each of which
-/// is a line of its own.
-inline constexpr std::size_t kSignalMapPiece = 512;
+/// What the map file is read by: a line, or a part of one that is longer than 511 bytes. Each is parsed as a line.
+struct SignalMapPiece {
+  std::string text;  ///< With its line end; ends before a NUL.
+  bool endsLine = false;
+};
+
+/// @return Nothing at the end of the file, and when it cannot be read any more: see std::ferror.
+std::optional<SignalMapPiece> readSignalMapPiece(std::FILE* file);
 
 /// One line of the signal-to-event map: "Door.opened : Door/Opened   # comment".
 struct SignalMapLine {
