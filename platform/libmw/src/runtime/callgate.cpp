@@ -75,6 +75,13 @@ class CallGate::Core : public std::enable_shared_from_this<Core> {
     left_.wait(lock, [&] { return passes() <= own; });
   }
 
+  bool drainFor(std::chrono::nanoseconds limit) noexcept {
+    close();
+    const auto own = keepAliveForOwnPasses();
+    std::unique_lock lock(mutex_);
+    return left_.wait_for(lock, limit, [&] { return passes() <= own; });
+  }
+
   bool isEnteredByThisThread() const noexcept {
     for (auto* pass = thisThread.innermost; pass; pass = pass->outer_) {
       if (pass->core_ == this) return true;
@@ -121,6 +128,7 @@ CallGate::Token CallGate::token() const noexcept { return Token(core_); }
 void CallGate::close() noexcept { core_->close(); }
 bool CallGate::isClosed() const noexcept { return core_->isClosed(); }
 void CallGate::drain() noexcept { core_->drain(); }
+bool CallGate::drainFor(std::chrono::nanoseconds limit) noexcept { return core_->drainFor(limit); }
 bool CallGate::isEnteredByThisThread() const noexcept { return core_->isEnteredByThisThread(); }
 
 CallGate::Pass CallGate::Token::enter() const noexcept { return Pass(core_.get()); }

@@ -89,6 +89,8 @@ bool ThreadPool::join(std::optional<std::chrono::milliseconds> timeout) {
   std::unique_ptr<Context> timers;
   std::unique_lock lock(mutex_);
   const bool isOwnThread = isInThisPool();
+  // The calling function counts as work, so the other workers would wait for it to return before they end.
+  if (isOwnThread) work_.stop();
   if (const auto self = threads_.find(std::this_thread::get_id()); self != threads_.end()) {
     self->second.detach();
     threads_.erase(self);
@@ -132,7 +134,12 @@ void ThreadPool::startWorker() {
 }
 
 void ThreadPool::runWorker() {
-  while (work_.run_one_for(options_.idleTimeout) != 0 || !(work_.stopped() || mayRetire())) {
+  for (;;) {
+    if (work_.run_one_for(options_.idleTimeout) != 0) continue;
+    if (mayRetire()) return;
+    if (!work_.stopped()) continue;
+    workers_.fetch_sub(1);
+    return;
   }
 }
 

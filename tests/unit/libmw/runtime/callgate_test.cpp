@@ -1,0 +1,102 @@
+#include <libmw/trackable.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using mw::CallGate;
+
+TEST(CallGate, RefusesOnceClosed) {
+  CallGate gate;
+  EXPECT_TRUE(gate.enter());
+  gate.close();
+  EXPECT_TRUE(gate.isClosed());
+  EXPECT_FALSE(gate.enter());
+}
+
+TEST(CallGate, ATokenOutlivesItsGateAndRefuses) {
+  CallGate::Token token;
+  EXPECT_TRUE(token.isClosed());
+  EXPECT_FALSE(token.enter());
+  {
+    CallGate gate;
+    token = gate.token();
+    EXPECT_FALSE(token.isClosed());
+    EXPECT_TRUE(token.enter());
+  }
+  EXPECT_TRUE(token.isClosed());
+  EXPECT_FALSE(token.enter());
+}
+
+TEST(CallGate, KnowsWhetherTheThreadIsInside) {
+  CallGate gate;
+  CallGate other;
+  const auto outer = gate.enter();
+  {
+    const auto inner = other.enter();
+    EXPECT_TRUE(gate.isEnteredByThisThread());
+    EXPECT_FALSE(std::async(std::launch::async, [&] { return gate.isEnteredByThisThread(); }).get());
+  }
+  EXPECT_FALSE(other.isEnteredByThisThread());
+}
+
+TEST(CallGate, DrainWaitsForPassesOfOtherThreads) {
+  CallGate gate;
+  std::promise<void> entered;
+  std::promise<void> release;
+  std::atomic<bool> hasLeft{false};
+  std::thread caller([&] {
+    const auto pass = gate.enter();
+    entered.set_value();
+    release.get_future().wait();
+    hasLeft = true;
+  });
+  entered.get_future().wait();
+  gate.close();
+  std::thread releaser([&] { release.set_value(); });
+  gate.drain();
+  EXPECT_TRUE(hasLeft);
+  caller.join();
+  releaser.join();
+}
+
+TEST(CallGate, AThreadInsideMayDestroyTheGate) {
+  auto gate = std::make_optional<CallGate>();
+  const auto outer = gate->enter();
+  const auto inner = gate->enter();
+  gate.reset();
+  EXPECT_TRUE(inner);
+}
+
+struct CallGateWithCounters : testing::TestWithParam<unsigned> {};
+INSTANTIATE_TEST_SUITE_P(Counters, CallGateWithCounters, testing::Values(0U, 1U, 3U, 16U));
+
+// Each round races entries against the destruction of what the gate protects.
+TEST_P(CallGateWithCounters, NobodyIsInsideOnceItHasDrained) {
+  constexpr int kThreads = 4;
+  for (int round = 0; round < 40; ++round) {
+    auto gate = std::make_unique<CallGate>(GetParam());
+    auto guarded = std::make_unique<std::atomic<int>>(0);
+    std::atomic<int> started{0};
+    std::vector<std::thread> callers;
+    for (int i = 0; i < kThreads; ++i) {
+      callers.emplace_back([&started, token = gate->token(), value = guarded.get()] {
+        ++started;
+        while (const auto pass = token.enter()) ++*value;
+      });
+    }
+    while (started < kThreads) std::this_thread::yield();
+    gate.reset();
+    guarded.reset();
+    for (auto& caller : callers) caller.join();
+  }
+}
+
+}  // namespace

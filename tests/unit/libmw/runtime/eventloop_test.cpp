@@ -1,0 +1,215 @@
+#include "capture_log.h"
+
+#include <libmw/eventloop.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <latch>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using mw::EventLoop;
+using mw::FutureError;
+using mw::FutureState;
+using mw::Promise;
+using std::chrono_literals::operator""h;
+using std::chrono_literals::operator""ms;
+
+EventLoop::Options small(std::size_t minThreads, std::size_t maxThreads) {
+  return {.name = "small", .minThreads = minThreads, .maxThreads = maxThreads, .growAfter = 1ms};
+}
+
+TEST(EventLoop, StartsFunctionsInTheOrderPosted) {
+  EventLoop loop(small(1, 1));
+  std::vector<int> order;
+  for (int i = 0; i < 100; ++i) loop.post([&order, i] { order.push_back(i); });
+  loop.drain();
+  ASSERT_EQ(order.size(), 100U);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST(EventLoop, NeverRunsAFunctionInTheCaller) {
+  EventLoop loop(small(1, 1));
+  EXPECT_FALSE(loop.isInThisLoop());
+  EXPECT_TRUE(loop.async([&] { return loop.isInThisLoop(); }).value());
+  EventLoop other(small(1, 1));
+  EXPECT_FALSE(other.async([&] { return loop.isInThisLoop(); }).value());
+}
+
+TEST(EventLoop, DrainCoversWhatFunctionsPost) {
+  EventLoop loop(small(2, 2));
+  std::atomic<int> runs{0};
+  std::function<void(int)> cascade = [&](int left) {
+    ++runs;
+    if (left > 0) loop.post([&cascade, left] { cascade(left - 1); });
+  };
+  loop.post([&] { cascade(50); });
+  loop.drain();
+  EXPECT_EQ(runs, 51);
+}
+
+TEST(EventLoop, DrainAndJoinRefuseToWaitForThemselves) {
+  EventLoop loop(small(1, 1));
+  EXPECT_THROW(loop.async([&] { loop.drain(); }).value(), std::logic_error);
+  EXPECT_THROW(loop.async([&] { loop.join(); }).value(), std::logic_error);
+}
+
+TEST(EventLoop, AsyncGivesResultsAndErrorsAndFlattens) {
+  EventLoop loop(small(1, 1));
+  EXPECT_EQ(loop.async([] { return std::string("done"); }).value(), "done");
+  EXPECT_EQ(loop.async([] { return mw::makeReadyFuture(4); }).value(), 4);
+  EXPECT_THROW(loop.async([] { throw std::out_of_range("far"); }).value(), std::out_of_range);
+}
+
+TEST(EventLoop, RunsDelayedFunctionsInTheOrderOfTheirTimes) {
+  EventLoop loop(small(1, 1));
+  std::vector<std::string> order;
+  const auto begin = std::chrono::steady_clock::now();
+  const auto late = loop.async([&] { order.emplace_back("late"); }, 30ms);
+  const auto early = loop.async([&] { order.emplace_back("early"); }, 1ms);
+  mw::waitForAll(std::vector{early, late});
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 30ms);
+  EXPECT_THAT(order, testing::ElementsAre("early", "late"));
+}
+
+TEST(EventLoop, CancelledBeforeItStartsAFunctionNeverRuns) {
+  EventLoop loop(small(1, 1));
+  bool isRun = false;
+  auto future = loop.async([&] { isRun = true; }, 1h);
+  future.cancel();
+  EXPECT_EQ(future.wait(), FutureState::Canceled);
+  loop.drain();
+  EXPECT_FALSE(isRun);
+}
+
+TEST(EventLoop, AThrowingFunctionIsLoggedAndTheLoopGoesOn) {
+  const kit::CaptureLog log({"mw.eventloop"});
+  EventLoop loop(small(1, 1));
+  loop.post([] { throw std::runtime_error("boom"); });
+  loop.post([] { throw 1; });
+  loop.drain();
+  using Entry = kit::CaptureLog::Entry;
+  EXPECT_THAT(
+      log.entries(),
+      testing::ElementsAre(
+          Entry{mw::LogLevel::Error, "mw.eventloop", "post", "loop \"small\": a function threw: boom"},
+          Entry{mw::LogLevel::Error, "mw.eventloop", "post", "loop \"small\": a function threw an unknown exception"}));
+}
+
+// --- growth ---
+
+// Each function waits for the ones posted after it: that works only when blocked threads do not hold up the queue.
+TEST(EventLoop, GrowsWhenAllThreadsAreBlockedAndShrinksAgain) {
+  constexpr std::size_t kDepth = 8;
+  auto options = small(1, kDepth);
+  options.idleTimeout = 1ms;
+  EventLoop loop(options);
+  std::latch all(kDepth);
+  Promise<void> release;
+  for (std::size_t i = 0; i < kDepth; ++i) {
+    loop.post([&all, future = release.future()] {
+      all.arrive_and_wait();
+      future.wait();
+    });
+  }
+  all.wait();
+  EXPECT_EQ(loop.threadCount(), kDepth);
+  release.setValue();
+  loop.drain();
+  while (loop.threadCount() > 1) std::this_thread::yield();
+  EXPECT_TRUE(loop.async([] { return true; }).value());
+}
+
+TEST(EventLoop, DoesNotGrowForWorkThatGetsOn) {
+  auto options = small(2, 64);
+  options.growAfter = 1h;
+  EventLoop loop(options);
+  for (int i = 0; i < 1'000; ++i) loop.post([] {});
+  loop.drain();
+  EXPECT_EQ(loop.threadCount(), 2U);
+}
+
+TEST(EventLoop, ReportsWorkThatWaitsAtTheLimitOncePerEpisode) {
+  const kit::CaptureLog log({"mw.eventloop"});
+  auto options = small(2, 2);
+  options.stallWarning = 2ms;
+  EventLoop loop(options);
+  for (std::size_t episode = 1; episode <= 2; ++episode) {
+    Promise<void> release;
+    for (int i = 0; i < 2; ++i) loop.post([future = release.future()] { future.wait(); });
+    for (int i = 0; i < 3; ++i) loop.post([] {});
+    EXPECT_TRUE(log.waitFor(episode));
+    release.setValue();
+    loop.drain();
+  }
+  const auto* text = "loop \"small\": 3 functions have waited for 2 ms, because all 2 threads are busy (limit 2)";
+  EXPECT_THAT(log.texts(), testing::ElementsAre(text, text));
+}
+
+// --- the end ---
+
+TEST(EventLoop, StoppingDropsWhatHasNotStarted) {
+  EventLoop loop(small(1, 1));
+  Promise<void> entered;
+  Promise<void> release;
+  loop.post([&] {
+    entered.setValue();
+    release.future().wait();
+  });
+  bool isRun = false;
+  const auto queued = loop.async([&] { isRun = true; });
+  const auto delayed = loop.async([&] { isRun = true; }, 1h);
+  entered.future().wait();
+  loop.stop();
+  EXPECT_FALSE(loop.post([&] { isRun = true; }));
+  EXPECT_FALSE(loop.post([&] { isRun = true; }, 1h));
+  const auto refused = loop.async([&] { isRun = true; });
+  release.setValue();
+  loop.join();
+  for (const auto& future : {queued, delayed, refused}) {
+    EXPECT_EQ(future.wait(0ms), FutureState::FinishedWithError);
+    EXPECT_THROW(future.value(), FutureError);
+  }
+  EXPECT_FALSE(isRun);
+  EXPECT_EQ(loop.threadCount(), 0U);
+  EXPECT_NO_THROW(loop.join());
+}
+
+TEST(EventLoop, MayBeDestroyedByAFunctionThatItRuns) {
+  auto loop = std::make_shared<EventLoop>(small(2, 2));
+  std::promise<void> isGone;
+  auto* posting = loop.get();
+  posting->post([held = std::move(loop), &isGone]() mutable {
+    held.reset();
+    isGone.set_value();
+  });
+  isGone.get_future().wait();
+}
+
+TEST(EventLoop, StoppingRacesWithPosting) {
+  for (int round = 0; round < 50; ++round) {
+    auto loop = std::make_unique<EventLoop>(small(2, 4));
+    std::atomic<int> accepted{0};
+    std::atomic<int> destroyed{0};
+    std::thread poster([&] {
+      while (loop->post([token = std::shared_ptr<void>(nullptr, [&](void*) { ++destroyed; })] {})) ++accepted;
+    });
+    while (accepted < 5) std::this_thread::yield();
+    loop->stop();
+    poster.join();
+    loop->join();
+    // The refused one is destroyed too.
+    EXPECT_EQ(destroyed, accepted + 1);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,106 @@
+#include <libmw/eventloop.h>
+#include <libmw/future.h>
+
+#include <atomic>
+#include <latch>
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+// What two threads may do to one future at the same moment. Each round is one attempt at the bad interleaving.
+
+namespace {
+
+using mw::Future;
+using mw::FutureCallbackType;
+using mw::FutureState;
+using mw::Promise;
+
+constexpr int kRounds = 1'000;
+
+template <class First, class Second>
+void race(First&& first, Second&& second) {
+  std::latch start(2);
+  std::thread other([&] {
+    start.arrive_and_wait();
+    second();
+  });
+  start.arrive_and_wait();
+  first();
+  other.join();
+}
+
+TEST(FutureRace, AResultAndACancellationGiveOneOutcome) {
+  for (int round = 0; round < kRounds; ++round) {
+    Promise<int> promise;
+    auto future = promise.future();
+    std::atomic<int> runs{0};
+    auto chained = future.then([&](const Future<int>& source) {
+      ++runs;
+      return source.state();
+    });
+    bool isFirst = false;
+    race([&] { isFirst = promise.trySetValue(1); }, [&] { chained.cancel(); });
+    EXPECT_EQ(chained.value(), isFirst ? FutureState::FinishedWithValue : FutureState::Canceled);
+    EXPECT_EQ(runs, 1);
+  }
+}
+
+TEST(FutureRace, AContinuationAddedWhileFinishingRunsOnce) {
+  for (int round = 0; round < kRounds; ++round) {
+    Promise<int> promise;
+    const auto future = promise.future();
+    std::atomic<int> runs{0};
+    race([&] { promise.setValue(1); }, [&] { future.andThen([&](int) { ++runs; }); });
+    EXPECT_EQ(runs, 1);
+  }
+}
+
+TEST(FutureRace, CancellingMeetsTheHandOverToAnInnerFuture) {
+  for (int round = 0; round < kRounds; ++round) {
+    Promise<void> outer;
+    Promise<int> inner;
+    auto future = outer.future().andThen([&] { return inner.future(); });
+    race([&] { outer.setValue(); }, [&] { future.cancel(); });
+    // Either the outer future was cancelled in time, or the request reached the inner one.
+    EXPECT_EQ(future.wait(), FutureState::Canceled);
+  }
+}
+
+TEST(FutureRace, PromisesAndFuturesGoAwayTogether) {
+  for (int round = 0; round < kRounds; ++round) {
+    auto promise = std::make_unique<Promise<int>>();
+    auto copy = std::make_unique<Promise<int>>(*promise);
+    auto future = std::make_unique<Future<int>>(promise->future());
+    std::atomic<int> runs{0};
+    future->then([&](const Future<int>&) { ++runs; });
+    race(
+        [&] {
+          promise.reset();
+          future.reset();
+        },
+        [&] { copy.reset(); });
+    EXPECT_EQ(runs, 1);
+  }
+}
+
+// An owner keeps the futures of work that uses it; its destructor cancels and waits for them.
+TEST(FutureRace, CancelThenWaitLeavesNothingBehindThatRuns) {
+  for (int round = 0; round < kRounds; ++round) {
+    Promise<int> lookUp;
+    auto owned = std::make_unique<int>(0);
+    auto pending = lookUp.future()
+                       .andThen([&owned](int value) { *owned = value; }, FutureCallbackType::Auto)
+                       .then([&owned](const Future<void>&) { ++*owned; });
+    race([&] { lookUp.trySetValue(1); },
+         [&] {
+           pending.cancel();
+           pending.wait();
+           owned.reset();
+         });
+  }
+}
+
+}  // namespace

@@ -1,0 +1,362 @@
+#include <libmw/eventloop.h>
+#include <libmw/future.h>
+
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using mw::Future;
+using mw::FutureCallbackType;
+using mw::FutureError;
+using mw::FutureState;
+using mw::Promise;
+using std::chrono_literals::operator""ms;
+
+constexpr auto kNoWait = 0ms;
+
+std::exception_ptr failure(const char* text) { return std::make_exception_ptr(std::out_of_range(text)); }
+
+template <class T>
+FutureError::Kind kindOf(const Future<T>& future, std::chrono::milliseconds timeout = mw::kInfiniteTimeout) {
+  try {
+    future.value(timeout);
+  } catch (const FutureError& error) {
+    return error.kind();
+  }
+  throw std::logic_error("the future has a value");
+}
+
+// --- one future ---
+
+TEST(Future, StandsForNothingUntilAssigned) {
+  Future<int> future;
+  EXPECT_FALSE(future.isValid());
+  EXPECT_EQ(future.wait(), FutureState::None);
+  EXPECT_EQ(kindOf(future), FutureError::Kind::NoState);
+  EXPECT_THROW(future.then([](const Future<int>&) {}), FutureError);
+  EXPECT_NO_THROW(future.cancel());
+}
+
+struct Outcome {
+  const char* name;
+  Future<std::string> future;
+  FutureState state;
+  const char* error;
+};
+
+std::vector<Outcome> outcomes() {
+  const auto produced = [](auto finish) {
+    Promise<std::string> promise;
+    finish(promise);
+    return promise.future();
+  };
+  return {
+      {"ready", Future<std::string>::ready("v"), FutureState::FinishedWithValue, ""},
+      {"produced", produced([](auto& p) { p.setValue("v"); }), FutureState::FinishedWithValue, ""},
+      {"failed", Future<std::string>::failed(failure("far")), FutureState::FinishedWithError, "far"},
+      {"failedInWords", Future<std::string>::failed("late"), FutureState::FinishedWithError, "late"},
+      {"throwing", produced([](auto& p) { p.setException(failure("far")); }), FutureState::FinishedWithError, "far"},
+      {"refused", produced([](auto& p) { p.setError("no"); }), FutureState::FinishedWithError, "no"},
+      {"notAnException", produced([](auto& p) { p.setException(std::make_exception_ptr(1)); }),
+       FutureState::FinishedWithError, "Unknown error"},
+      {"canceled", Future<std::string>::canceled(), FutureState::Canceled, "The future was canceled"},
+      {"canceledByProducer", produced([](auto& p) { p.setCanceled(); }), FutureState::Canceled,
+       "The future was canceled"},
+      {"broken", Promise<std::string>().future(), FutureState::FinishedWithError,
+       "The future has no result: its promise is gone"},
+  };
+}
+
+struct FutureOutcome : testing::TestWithParam<Outcome> {};
+INSTANTIATE_TEST_SUITE_P(All, FutureOutcome, testing::ValuesIn(outcomes()),
+                         [](const auto& each) { return std::string(each.param.name); });
+
+TEST_P(FutureOutcome, IsToldInTheSameWayHoweverItCameAbout) {
+  const auto& [name, future, state, error] = GetParam();
+  EXPECT_EQ(future.wait(), state);
+  EXPECT_TRUE(future.isFinished());
+  EXPECT_EQ(future.hasError(), state == FutureState::FinishedWithError);
+  EXPECT_EQ(future.hasValue(), state == FutureState::FinishedWithValue);
+  EXPECT_EQ(future.isCanceled(), state == FutureState::Canceled);
+  EXPECT_EQ(future.error(), error);
+}
+
+TEST_P(FutureOutcome, ReachesThenAndIsPassedOnByAndThen) {
+  const auto& [name, future, state, error] = GetParam();
+  for (const auto type : {FutureCallbackType::Auto, FutureCallbackType::Async}) {
+    EXPECT_EQ(future.then([](const Future<std::string>& source) { return source.state(); }, type).value(), state);
+    const auto length = future.andThen([](const std::string& value) { return value.size(); }, type);
+    EXPECT_EQ(length.wait(), state);
+    EXPECT_EQ(length.error(), error);
+  }
+}
+
+TEST(Future, ThrowsTheProducersOwnException) {
+  EXPECT_THROW(Future<int>::failed(failure("far")).value(), std::out_of_range);
+  EXPECT_EQ(kindOf(Future<int>::failed("words")), FutureError::Kind::UserError);
+  EXPECT_EQ(kindOf(Future<int>::canceled()), FutureError::Kind::Canceled);
+}
+
+TEST(Future, RunsOutOfTime) {
+  Promise<int> promise;
+  const auto future = promise.future();
+  for (const auto timeout : {-1ms, kNoWait, 1ms}) {
+    EXPECT_EQ(future.wait(timeout), FutureState::Running);
+    EXPECT_EQ(kindOf(future, timeout), FutureError::Kind::Timeout);
+    EXPECT_THROW(future.hasError(timeout), FutureError);
+  }
+}
+
+TEST(Future, WaitsForAnotherThread) {
+  Promise<int> promise;
+  std::thread producer([promise]() mutable { promise.setValue(7); });
+  EXPECT_EQ(promise.future().value(), 7);
+  producer.join();
+}
+
+TEST(Future, TakeLeavesTheValueToOtherCopies) {
+  Promise<std::string> promise;
+  auto future = promise.future();
+  auto copy = future;
+  promise.setValue("shared");
+  EXPECT_EQ(std::move(copy).take(), "shared");
+  EXPECT_EQ(future.value(), "shared");
+}
+
+// --- promises ---
+
+TEST(Promise, BreaksOnlyWithItsLastCopy) {
+  auto first = std::make_unique<Promise<int>>();
+  auto second = std::make_unique<Promise<int>>(*first);
+  const auto future = first->future();
+  first.reset();
+  EXPECT_TRUE(future.isRunning());
+  second.reset();
+  EXPECT_EQ(kindOf(future), FutureError::Kind::NoState);
+}
+
+TEST(Promise, RefusesASecondResult) {
+  Promise<int> promise;
+  promise.setValue(1);
+  EXPECT_THROW(promise.setValue(2), std::logic_error);
+  EXPECT_THROW(promise.setError("late"), std::logic_error);
+  EXPECT_FALSE(promise.trySetValue(2));
+  EXPECT_EQ(promise.future().value(), 1);
+}
+
+TEST(Promise, DropsAResultForACanceledFutureSilently) {
+  Promise<int> promise;
+  promise.future().cancel();
+  EXPECT_NO_THROW(promise.setValue(1));
+  EXPECT_FALSE(promise.trySetValue(1));
+  EXPECT_TRUE(promise.future().isCanceled());
+}
+
+struct ThrowsWhenMoved {
+  ThrowsWhenMoved() = default;
+  ThrowsWhenMoved(const ThrowsWhenMoved&) { throw std::runtime_error("cannot be stored"); }
+};
+
+TEST(Promise, StaysOpenWhenAValueCannotBeStored) {
+  Promise<ThrowsWhenMoved> promise;
+  EXPECT_THROW(promise.trySetValue({}), std::runtime_error);
+  EXPECT_TRUE(promise.future().isRunning());
+  EXPECT_TRUE(promise.trySetException(failure("given up")));
+}
+
+// --- cancelling ---
+
+TEST(Cancel, AsksTheProducerOnceAndLeavesTheDecisionToIt) {
+  int asked = 0;
+  Promise<int> promise([&](Promise<int>&) { ++asked; });
+  auto future = promise.future();
+  future.cancel();
+  future.cancel();
+  EXPECT_EQ(asked, 1);
+  EXPECT_TRUE(promise.isCancelRequested());
+  EXPECT_TRUE(future.isRunning());
+  promise.setValue(3);
+  EXPECT_EQ(future.value(), 3);
+}
+
+TEST(Cancel, TheProducerMayFinishFromItsCallback) {
+  Promise<int> canceling([](Promise<int>& promise) { promise.setCanceled(); });
+  Promise<int> failing([](Promise<int>&) { throw std::out_of_range("stuck"); });
+  canceling.future().cancel();
+  failing.future().cancel();
+  EXPECT_TRUE(canceling.future().isCanceled());
+  EXPECT_THROW(failing.future().value(kNoWait), std::out_of_range);
+}
+
+TEST(Cancel, ReleasesTheCallbackWithTheResult) {
+  const auto held = std::make_shared<int>();
+  Promise<void> promise([held](Promise<void>&) {});
+  EXPECT_EQ(held.use_count(), 2);
+  promise.setValue();
+  EXPECT_EQ(held.use_count(), 1);
+}
+
+TEST(Cancel, GoesUpAChainAndRunsItsContinuations) {
+  Promise<int> promise;
+  bool isCalled = false;
+  const auto value = promise.future().andThen([&](int) { isCalled = true; });
+  auto report = value.then([](const Future<void>& source) { return source.isCanceled(); });
+  report.cancel();
+  EXPECT_TRUE(promise.future().isCanceled());
+  EXPECT_TRUE(value.isCanceled());
+  EXPECT_TRUE(report.value(kNoWait));
+  EXPECT_FALSE(isCalled);
+}
+
+TEST(Cancel, DoesNotInterruptAContinuationAndWaitCoversIt) {
+  Promise<void> entered;
+  Promise<void> release;
+  Promise<void> promise;
+  const auto captured = std::make_shared<int>();
+  auto future = promise.future().andThen([&, captured] {
+    entered.setValue();
+    release.future().wait();
+  });
+  std::thread producer([&] { promise.setValue(); });
+  entered.future().wait();
+  future.cancel();
+  EXPECT_TRUE(future.isRunning());
+  release.setValue();
+  EXPECT_EQ(future.wait(), FutureState::FinishedWithValue);
+  EXPECT_EQ(captured.use_count(), 1);
+  producer.join();
+}
+
+TEST(Cancel, ReachesTheFutureThatAContinuationReturned) {
+  Promise<void> outer;
+  Promise<int> inner;
+  auto future = outer.future().andThen([&] { return inner.future(); });
+  outer.setValue();
+  EXPECT_TRUE(future.isRunning());
+  future.cancel();
+  EXPECT_TRUE(inner.future().isCanceled());
+  EXPECT_TRUE(future.isCanceled());
+}
+
+TEST(Cancel, DuringAContinuationReachesTheFutureThatItReturns) {
+  Promise<void> outer;
+  Promise<int> inner;
+  Future<int> future;
+  future = outer.future().andThen([&] {
+    future.cancel();
+    return inner.future();
+  });
+  outer.setValue();
+  EXPECT_TRUE(inner.future().isCanceled());
+  EXPECT_TRUE(future.isCanceled());
+}
+
+// --- continuations ---
+
+TEST(Then, RunsOnTheThreadThatFinishesBeforeTheCallReturns) {
+  Promise<int> promise;
+  std::vector<std::string> order;
+  const auto note = [&](const char* name) {
+    return [&order, name, caller = std::this_thread::get_id()](const Future<int>&) {
+      EXPECT_EQ(std::this_thread::get_id(), caller);
+      order.emplace_back(name);
+    };
+  };
+  const auto future = promise.future();
+  future.then(note("first")).then([&](const Future<void>&) { order.emplace_back("after first"); });
+  future.then(note("second"), FutureCallbackType::Sync);
+  promise.setValue(1);
+  EXPECT_THAT(order, testing::ElementsAre("first", "second", "after first"));
+  future.then(note("late"));
+  EXPECT_EQ(order.back(), "late");
+}
+
+TEST(Then, AsyncRunsOnTheDefaultLoop) {
+  const auto inLoop = [](const Future<void>&) { return mw::defaultLoop().isInThisLoop(); };
+  EXPECT_TRUE(mw::makeReadyFuture().then(inLoop, FutureCallbackType::Async).value());
+  Promise<void> promise;
+  const auto future = promise.future().then(inLoop, FutureCallbackType::Async);
+  promise.setValue();
+  EXPECT_TRUE(future.value());
+}
+
+TEST(Then, WhatACallbackThrowsIsTheErrorOfItsFuture) {
+  const auto fail = [](int) -> int { throw std::out_of_range("callback"); };
+  EXPECT_THROW(mw::makeReadyFuture(1).andThen(fail).value(), std::out_of_range);
+  Promise<int> promise;
+  const auto future = promise.future().andThen(fail);
+  promise.setValue(1);
+  EXPECT_THROW(future.value(kNoWait), std::out_of_range);
+}
+
+TEST(Then, FlattensFuturesHoweverTheyEnd) {
+  for (const auto& [name, inner, state, error] : outcomes()) {
+    Promise<void> early;
+    Promise<std::string> late;
+    const auto immediate = early.future().andThen([&inner = inner] { return inner; });
+    const auto deferred = early.future().andThen([&] { return late.future(); });
+    early.setValue();
+    EXPECT_EQ(immediate.wait(kNoWait), state) << name;
+    EXPECT_EQ(immediate.error(), error) << name;
+    EXPECT_TRUE(deferred.isRunning());
+    late.setValue("late");
+    EXPECT_EQ(deferred.value(kNoWait), "late");
+  }
+  const auto nothing = mw::makeReadyFuture().andThen([] { return Future<int>(); });
+  EXPECT_FALSE(nothing.isValid());
+}
+
+TEST(Then, RunsWithoutLocksSoThatOtherThreadsMayUseTheFutureMeanwhile) {
+  Promise<int> promise;
+  const auto future = promise.future();
+  int sum = 0;
+  future.andThen([&](int value) {
+    future.andThen([&](int again) { sum += again; });
+    std::thread([&] { sum += 10 * future.value(); }).join();
+    sum += 100 * value;
+  });
+  promise.setValue(1);
+  EXPECT_EQ(sum, 111);
+}
+
+TEST(Then, DroppingTheFutureDropsOnlyTheResult) {
+  Promise<int> promise;
+  int seen = 0;
+  promise.future().andThen([&](int value) { seen = value; });
+  promise.setValue(4);
+  EXPECT_EQ(seen, 4);
+}
+
+TEST(Then, LongChainsNeedNoStack) {
+  constexpr int kLength = 100'000;
+  Promise<int> promise;
+  auto last = promise.future();
+  for (int i = 0; i < kLength; ++i) last = last.andThen([](int value) { return value + 1; });
+  promise.setValue(0);
+  EXPECT_EQ(last.value(kNoWait), kLength);
+
+  Promise<int> canceled;
+  last = canceled.future();
+  for (int i = 0; i < kLength; ++i) last = last.andThen([](int value) { return value + 1; });
+  last.cancel();
+  EXPECT_TRUE(last.isCanceled());
+}
+
+TEST(WaitForAll, ReturnsWhenEveryFutureHasFinished) {
+  Promise<int> promise;
+  const std::vector futures{Future<int>::canceled(), Future<int>::failed("no"), promise.future()};
+  std::thread producer([&] { promise.setValue(1); });
+  mw::waitForAll(futures);
+  EXPECT_TRUE(promise.future().isFinished());
+  producer.join();
+}
+
+}  // namespace

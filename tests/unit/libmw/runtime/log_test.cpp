@@ -1,0 +1,202 @@
+#include "capture_log.h"
+
+#include <libmw/log.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace log = mw::log;
+using mw::LogLevel;
+using mw::LogRecord;
+using testing::ElementsAre;
+
+// Before main(), from a static initialiser, the log has to work already.
+const bool isUsedEarly = (log::debug("early", "initialiser", "not visible"), true);
+
+struct LevelCase {
+  LogLevel set;
+  std::vector<std::string> visible;
+};
+
+struct LogLevels : testing::TestWithParam<LevelCase> {};
+INSTANTIATE_TEST_SUITE_P(All, LogLevels,
+                         testing::Values(LevelCase{LogLevel::Silent, {}}, LevelCase{LogLevel::Fatal, {"fatal"}},
+                                         LevelCase{LogLevel::Warning, {"fatal", "error", "warning"}},
+                                         LevelCase{LogLevel::Debug,
+                                                   {"fatal", "error", "warning", "info", "verbose", "debug"}}));
+
+TEST_P(LogLevels, ShowRecordsUpToTheLevelSet) {
+  const kit::CaptureLog capture({"levels"});
+  log::setLevel(GetParam().set, "levels");
+  log::fatal("levels", "f", "fatal");
+  log::error("levels", "f", "error");
+  log::warning("levels", "f", "warning");
+  log::info("levels", "f", "info");
+  log::verbose("levels", "f", "verbose");
+  log::debug("levels", "f", "debug");
+  log::write(LogLevel::Silent, "levels", "f", "never");
+  EXPECT_EQ(capture.texts(), GetParam().visible);
+}
+
+TEST(Log, TheLatestMatchingPatternDecidesForCategoriesOldAndNew) {
+  EXPECT_TRUE(isUsedEarly);
+  auto& old = log::addCategory("pattern.old");
+  log::setLevel(LogLevel::Error, "pattern.*");
+  log::setLevel(LogLevel::Debug, "pattern.new?");
+  EXPECT_EQ(old.level(), LogLevel::Error);
+  EXPECT_EQ(log::addCategory("pattern.new1").level(), LogLevel::Debug);
+  EXPECT_EQ(log::addCategory("pattern.other").level(), LogLevel::Error);
+  EXPECT_EQ(&log::addCategory("pattern.old"), &old);
+  EXPECT_EQ(log::addCategory("unruled").level(), LogLevel::Info);
+}
+
+TEST(Log, TheMacroBuildsItsTextOnlyWhenItIsVisible) {
+  const kit::CaptureLog capture({"macro"});
+  auto& category = log::addCategory("macro");
+  category.setLevel(LogLevel::Warning);
+  int built = 0;
+  const auto text = [&] { return std::to_string(++built); };
+  HX_LOG(Info, category, text());
+  HX_LOG(Warning, category, text());
+  HX_LOG_AS(Error, "macro", "stated", text());
+  using Entry = kit::CaptureLog::Entry;
+  EXPECT_THAT(capture.entries(), ElementsAre(Entry{LogLevel::Warning, "macro", "TestBody", "1"},
+                                             Entry{LogLevel::Error, "macro", "stated", "2"}));
+}
+
+TEST(Log, RecordsCarryTheTime) {
+  const auto before = mw::exchangeSystemClock([]() noexcept { return mw::SystemTimePoint(std::chrono::seconds(42)); });
+  mw::SystemTimePoint seen;
+  const auto sink = log::addSink([&](const LogRecord& record) { seen = record.time; });
+  const auto wasOn = log::setStderrSink(false);
+  log::error("time", "f", "now");
+  log::setStderrSink(wasOn);
+  log::removeSink(sink);
+  mw::exchangeSystemClock(before);
+  EXPECT_EQ(seen.time_since_epoch(), std::chrono::seconds(42));
+}
+
+// --- sinks ---
+
+struct LogSinks : testing::Test {
+  bool wasOnStderr = log::setStderrSink(false);
+  ~LogSinks() override { log::setStderrSink(wasOnStderr); }
+};
+
+TEST_F(LogSinks, OneThatThrowsOrLogsHarmsNobody) {
+  std::vector<std::string> seen;
+  const auto throwing = log::addSink([](const LogRecord&) { throw std::runtime_error("sink"); });
+  const auto logging = log::addSink([](const LogRecord& record) {
+    if (record.text == "outer") log::error("sinks", "f", "inner");
+  });
+  const auto collecting = log::addSink([&](const LogRecord& record) { seen.emplace_back(record.text); });
+  log::error("sinks", "f", "outer");
+  for (const auto id : {throwing, logging, collecting}) log::removeSink(id);
+  log::error("sinks", "f", "unheard");
+  EXPECT_THAT(seen, ElementsAre("inner", "outer"));
+}
+
+TEST_F(LogSinks, OneMayRemoveItself) {
+  int calls = 0;
+  log::SinkId id = 0;
+  id = log::addSink([&](const LogRecord&) {
+    ++calls;
+    log::removeSink(id);
+  });
+  log::error("sinks", "f", "first");
+  log::error("sinks", "f", "second");
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(LogSinks, RemovalWaitsForTheSinkToReturn) {
+  std::promise<void> entered;
+  std::promise<void> release;
+  bool hasReturned = false;
+  const auto id = log::addSink([&](const LogRecord&) {
+    entered.set_value();
+    release.get_future().wait();
+    hasReturned = true;
+  });
+  std::thread writer([] { log::error("sinks", "f", "slow"); });
+  entered.get_future().wait();
+  std::thread releaser([&] { release.set_value(); });
+  log::removeSink(id);
+  EXPECT_TRUE(hasReturned);
+  writer.join();
+  releaser.join();
+}
+
+// --- standard error ---
+
+struct LineCase {
+  std::string text;
+  std::string line;
+};
+
+struct StderrLine : testing::TestWithParam<LineCase> {};
+INSTANTIATE_TEST_SUITE_P(All, StderrLine,
+                         testing::Values(LineCase{"plain \xc3\xa9", "plain \xc3\xa9"}, LineCase{"", ""},
+                                         LineCase{"a\nerror: b\r\tc", "a\\nerror: b\\r\\tc"},
+                                         LineCase{std::string("\0\x1b[31m\x7f", 7), "\\x00\\x1b[31m\\x7f"}));
+
+TEST_P(StderrLine, IsOneLineWhateverTheTextHolds) {
+  testing::internal::CaptureStderr();
+  log::warning("lines", "say", GetParam().text);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "[warning] lines say: " + GetParam().line + "\n");
+}
+
+class LogDeathTest : public testing::Test {
+ protected:
+  LogDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(LogDeathTest, SurvivesAStandardErrorThatIsClosed) {
+  EXPECT_EXIT(
+      {
+        close(STDERR_FILENO);
+        log::error("closed", "f", "lost");
+        _exit(0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST_F(LogDeathTest, SurvivesAStandardErrorThatNobodyReads) {
+  EXPECT_EXIT(
+      {
+        int ends[2];
+        if (pipe(ends) != 0) _exit(1);
+        dup2(ends[1], STDERR_FILENO);
+        close(ends[0]);
+        log::error("pipe", "f", "lost");
+        sigset_t pending;
+        sigpending(&pending);
+        _exit(sigismember(&pending, SIGPIPE));
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+struct LogsWhileTheProcessEnds {
+  ~LogsWhileTheProcessEnds() { log::error("exit", "f", "still here"); }
+};
+
+TEST_F(LogDeathTest, WorksWhileTheProcessEnds) {
+  EXPECT_EXIT(
+      {
+        static const LogsWhileTheProcessEnds atExit;
+        std::exit(0);
+      },
+      testing::ExitedWithCode(0), "\\[error\\] exit f: still here");
+}
+
+}  // namespace

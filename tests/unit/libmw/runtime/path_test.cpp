@@ -1,0 +1,118 @@
+#include <libmw/os.h>
+#include <libmw/path.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+namespace path = mw::path;
+using testing::ElementsAre;
+
+/// A scratch tree with the user's and two system folders in it, named by the environment.
+struct DataPaths : testing::Test {
+  const fs::path root = fs::path(testing::TempDir()) / ("korvo_paths_" + std::to_string(getpid()));
+  const std::string user = root / "user";
+  const std::string first = root / "first";
+  const std::string second = root / "second";
+  const std::string oldHome = mw::os::getenv("HOME");
+
+  DataPaths() {
+    setenv("XDG_DATA_HOME", user.c_str(), 1);
+    setenv("XDG_DATA_DIRS", (first + "::relative/entry:" + second).c_str(), 1);
+  }
+  ~DataPaths() override {
+    unsetenv("XDG_DATA_HOME");
+    unsetenv("XDG_DATA_DIRS");
+    setenv("HOME", oldHome.c_str(), 1);
+    fs::remove_all(root);
+  }
+
+  std::string place(const fs::path& file) const {
+    fs::create_directories(file.parent_path());
+    std::ofstream(file) << "data";
+    return file;
+  }
+};
+
+TEST_F(DataPaths, AreSearchedUserFirstThenSystemInOrder) {
+  EXPECT_THAT(path::dataPaths("app"), ElementsAre(user + "/app", first + "/app", second + "/app"));
+  EXPECT_EQ(path::findData("app", "map.txt"), "");
+  const auto inSecond = place(second + "/app/map.txt");
+  EXPECT_EQ(path::findData("app", "map.txt"), inSecond);
+  const auto inFirst = place(first + "/app/map.txt");
+  EXPECT_EQ(path::findData("app", "map.txt"), inFirst);
+  const auto inUser = place(user + "/app/map.txt");
+  EXPECT_EQ(path::findData("app", "map.txt"), inUser);
+  EXPECT_EQ(path::findData("app", "map.txt", true), inFirst);
+}
+
+TEST_F(DataPaths, FindFilesNotFolders) {
+  fs::create_directories(user + "/app/maps");
+  const auto nested = place(first + "/app/maps/door.txt");
+  EXPECT_EQ(path::findData("app", "maps"), "");
+  EXPECT_EQ(path::findData("app", "maps/door.txt"), nested);
+}
+
+TEST_F(DataPaths, FallBackToTheUsualPlaces) {
+  unsetenv("XDG_DATA_DIRS");
+  setenv("HOME", "/home/robot", 1);
+  for (const char* useless : {"", "relative/home"}) {
+    setenv("XDG_DATA_HOME", useless, 1);
+    EXPECT_THAT(path::dataPaths("app"),
+                ElementsAre("/home/robot/.local/share/app", "/usr/local/share/app", "/usr/share/app"));
+  }
+  unsetenv("HOME");
+  EXPECT_THAT(path::dataPaths("app"), ElementsAre("/usr/local/share/app", "/usr/share/app"));
+}
+
+TEST_F(DataPaths, PrependedFoldersHoldFilesDirectlyAndTheLatestComesFirst) {
+  place(user + "/app/map.txt");
+  const auto one = place(root / "one/map.txt");
+  const auto two = place(root / "two/map.txt");
+  path::prependDataDir(root / "one");
+  EXPECT_EQ(path::findData("app", "map.txt", true), one);
+  path::prependDataDir(root / "two");
+  EXPECT_EQ(path::findData("app", "map.txt"), two);
+  path::prependDataDir(root / "one/");
+  EXPECT_EQ(path::findData("app", "map.txt"), one);
+  EXPECT_THROW(path::prependDataDir(""), std::invalid_argument);
+}
+
+struct BadName {
+  std::string application;
+  std::string filename;
+  std::string error;
+};
+
+struct DataPathsRefuse : testing::TestWithParam<BadName> {};
+INSTANTIATE_TEST_SUITE_P(All, DataPathsRefuse,
+                         testing::Values(BadName{"app", "../secret", "filename \"../secret\" has a \"..\" part"},
+                                         BadName{"app", "maps/../../x", "filename \"maps/../../x\" has a \"..\" part"},
+                                         BadName{"app", "/etc/passwd", "filename \"/etc/passwd\" is an absolute path"},
+                                         BadName{"app", "", "filename \"\" is empty"},
+                                         BadName{"app", std::string("a\0b", 3),
+                                                 "filename \"a\" contains a null character"},
+                                         BadName{"", "x", "application \"\" is empty"},
+                                         BadName{"..", "x", "application \"..\" has a \"..\" part"},
+                                         BadName{".", "x", "application \".\" is not one folder name"},
+                                         BadName{"a/b", "x", "application \"a/b\" is not one folder name"}));
+
+TEST_P(DataPathsRefuse, NamesThatLeadElsewhere) {
+  try {
+    path::findData(GetParam().application, GetParam().filename);
+    FAIL() << "accepted";
+  } catch (const std::invalid_argument& error) {
+    EXPECT_EQ(error.what(), "path::findData: " + GetParam().error);
+  }
+}
+
+}  // namespace
