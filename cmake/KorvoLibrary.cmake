@@ -85,7 +85,8 @@ endfunction()
 
 # korvo_test(<name> SOURCES <file>... [LINK <target>...] [LABELS <label>...] [TIMEOUT <seconds>])
 #
-# A GoogleTest program, run as one test. Label `concurrent` selects it for the ThreadSanitizer run.
+# A GoogleTest program, run as one test. Label `concurrent` selects it for the ThreadSanitizer run, and makes it part of
+# the target `concurrent_tests`, which is all that this run builds.
 function(korvo_test name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LINK;LABELS")
   if(NOT ARG_TIMEOUT)
@@ -94,6 +95,12 @@ function(korvo_test name)
   add_executable(${name} ${ARG_SOURCES})
   _korvo_common(${name} PRIVATE_LINK ${ARG_LINK} GTest::gmock_main UNPARSED ${ARG_UNPARSED_ARGUMENTS})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
+  if("concurrent" IN_LIST ARG_LABELS)
+    if(NOT TARGET concurrent_tests)
+      add_custom_target(concurrent_tests)
+    endif()
+    add_dependencies(concurrent_tests ${name})
+  endif()
   add_test(NAME ${name} COMMAND ${name})
   set_tests_properties(${name} PROPERTIES LABELS "${ARG_LABELS}" TIMEOUT ${ARG_TIMEOUT})
 endfunction()
