@@ -4,12 +4,16 @@
 #include "run.h"
 
 #include <algorithm>
+#include <cctype>
 #include <clocale>
 #include <functional>
 #include <iostream>
-#include <map>
+#include <memory>
+#include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
+#include <fmt/format.h>
 
 namespace korvo {
 namespace {
@@ -61,13 +65,23 @@ std::string checkName(const std::string& name) {
   return "a name has letters, digits, '-', '_' and '.' only: " + name;
 }
 
-std::map<std::string, mw::LogLevel> logLevels() {
-  std::map<std::string, mw::LogLevel> levels;
+/// From silent to debug.
+std::vector<std::string> levelNames() {
+  std::vector<std::string> names;
   for (int level = 0; level <= static_cast<int>(mw::LogLevel::Debug); ++level) {
-    const auto each = static_cast<mw::LogLevel>(level);
-    levels.emplace(mw::toString(each), each);
+    names.emplace_back(mw::toString(static_cast<mw::LogLevel>(level)));
   }
-  return levels;
+  return names;
+}
+
+std::string checkLevel(const std::string& name) {
+  if (std::ranges::count(levelNames(), name)) return {};
+  return fmt::format("no level {}; there is {}", name, fmt::join(levelNames(), ", "));
+}
+
+mw::LogLevel levelOf(const std::string& name) {
+  const auto names = levelNames();
+  return static_cast<mw::LogLevel>(std::ranges::find(names, name) - names.begin());
 }
 
 /// Each option that may be repeated takes one value at a time, so that it cannot swallow what follows.
@@ -87,15 +101,18 @@ void addRun(CLI::App& program, Action& chosen) {
       ->type_name("NAME")
       ->capture_default_str();
   addRepeated(app, "--module", options->modules, "Loads a module library; may be repeated", "LIBRARY");
-  auto* noMemory = app.add_flag("!--no-memory", options->memory, "Does not load the memory");
+  auto* noMemory = app.add_flag_callback(
+      "--no-memory", [options] { options->memory = false; }, "Does not load the memory");
   auto* console = app.add_flag("--console", options->console, "Executes commands from standard input until it ends");
-  auto* live = app.add_flag("--live", options->live, "Shows the memory as it changes");
-  live->excludes(console)->excludes(noMemory);
+  app.add_flag("--live", options->live, "Shows the memory as it changes; needs it, and not with --console")
+      ->excludes(console)
+      ->excludes(noMemory);
   addRepeated(app, "--data-dir", options->dataDirs, "Looks for data files here first; may be repeated, first one first",
               "DIR", CLI::ExistingDirectory);
-  app.add_option("--log-level", options->logLevel,
-                 "Least grave records to show on standard error: silent, fatal, error, warning, info, verbose, debug")
-      ->transform(CLI::CheckedTransformer(logLevels(), CLI::ignore_case).description(""))
+  app.add_option_function<std::string>(
+         "--log-level", [options](const std::string& name) { options->logLevel = levelOf(name); },
+         "Shows records up to this level on standard error: " + fmt::format("{}", fmt::join(levelNames(), ", ")))
+      ->check(CLI::Validator(checkLevel, ""))
       ->type_name("LEVEL")
       ->default_str("info");
   app.callback([&chosen, options] { chosen = [options] { return run(*options); }; });
@@ -103,8 +120,8 @@ void addRun(CLI::App& program, Action& chosen) {
 
 void addCheckMap(CLI::App& program, Action& chosen) {
   auto file = std::make_shared<std::string>();
-  CLI::App& app = *program.add_subcommand("check-map",
-                                          "Says of each line of a signal-to-event map what the memory makes of it.");
+  CLI::App& app =
+      *program.add_subcommand("check-map", "Says of each line of a signal-to-event map what the memory makes of it.");
   app.footer(kCheckMapNotes);
   app.add_option("FILE", *file, "The map file")->required();
   app.callback([&chosen, file] { chosen = [file] { return checkMap(*file, std::cout, std::cerr); }; });

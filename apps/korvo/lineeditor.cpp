@@ -54,7 +54,7 @@ class LineEditor::Terminal {
     el_set(
         editor_, EL_PROMPT, +[](EditLine*) { return const_cast<char*>(kPrompt); });
     el_set(editor_, EL_GETCFN, &readCharacter);
-    el_set(editor_, EL_ADDFN, "korvo-complete", "Completes a command or a key", &complete);
+    el_set(editor_, EL_ADDFN, "korvo-complete", "Completes a command or a key", &completeWord);
     el_set(editor_, EL_BIND, "^I", "korvo-complete", nullptr);
     el_set(editor_, EL_BIND, "^R", "em-inc-search-prev", nullptr);
     el_set(editor_, EL_HIST, ::history, history_);
@@ -131,7 +131,7 @@ class LineEditor::Terminal {
     }
   }
 
-  static unsigned char complete(EditLine* editor, int) {
+  static unsigned char completeWord(EditLine* editor, int) {
     Terminal& self = of(editor);
     const LineInfo* line = el_line(editor);
     const std::string_view typed(line->buffer, static_cast<std::size_t>(line->cursor - line->buffer));
