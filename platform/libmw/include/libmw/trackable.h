@@ -3,6 +3,7 @@
 #include <hxerror/api.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -56,6 +57,11 @@ class HX_API CallGate {
 
   /// Closes, if nobody has, and waits until nobody is inside except the calling thread. May be repeated.
   void drain() noexcept;
+
+  /// As drain(), but gives up after `limit`; zero and less do not wait.
+  ///
+  /// @return Whether nobody is inside except the calling thread.
+  bool drainFor(std::chrono::nanoseconds limit) noexcept;
 
   /// Whether the calling thread is inside a pass of this gate.
   bool isEnteredByThisThread() const noexcept;

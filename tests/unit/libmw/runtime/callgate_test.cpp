@@ -1,6 +1,7 @@
 #include <libmw/trackable.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <optional>
@@ -65,6 +66,23 @@ TEST(CallGate, DrainWaitsForPassesOfOtherThreads) {
   EXPECT_TRUE(hasLeft);
   caller.join();
   releaser.join();
+}
+
+TEST(CallGate, DrainForGivesUpOnACallThatDoesNotEnd) {
+  CallGate gate;
+  std::promise<void> entered;
+  std::promise<void> release;
+  std::thread caller([&] {
+    const auto pass = gate.enter();
+    entered.set_value();
+    release.get_future().wait();
+  });
+  entered.get_future().wait();
+  EXPECT_FALSE(gate.drainFor(std::chrono::nanoseconds::zero()));
+  EXPECT_FALSE(gate.enter());
+  release.set_value();
+  EXPECT_TRUE(gate.drainFor(std::chrono::minutes(1)));
+  caller.join();
 }
 
 TEST(CallGate, AThreadInsideMayDestroyTheGate) {
