@@ -19,6 +19,8 @@ enum class MetaCallType : int {
 
 namespace detail {
 
+[[noreturn]] HX_API void throwEmptyFunction();
+
 /// A callable whose types are known at run time only.
 class HX_API FunctionBase {
  public:
@@ -63,8 +65,10 @@ class HX_API AnyFunction {
 
   /// Calls with arguments that are converted where they must be.
   /// @return Empty for a function that returns nothing.
-  /// @throws std::runtime_error on a wrong number of arguments; ConversionError; whatever the callable throws.
+  /// @throws std::runtime_error on a wrong number of arguments, and when there is nothing to call; ConversionError;
+  ///         whatever the callable throws.
   AnyValue call(GenericFunctionParameters parameters, void* self = nullptr) const {
+    if (!function_) detail::throwEmptyFunction();
     return function_->invoke(self, parameters);
   }
 

@@ -49,7 +49,7 @@ class HX_API AnyReference {
     return type_ == typeOf<T>() ? static_cast<const T*>(data_) : nullptr;
   }
 
-  /// What stands inside: the reference itself, or the content of the AnyValue that it refers to.
+  /// What stands inside: the reference itself, or the content of the AnyValue that it refers to, however deep.
   AnyReference content() const;
 
   /// The object converted to `target`; an empty value where it does not convert.
@@ -83,7 +83,7 @@ class HX_API AnyValue {
   explicit AnyValue(T&& object) {
     emplace<D>(std::forward<T>(object));
   }
-  /// Copies the object that `reference` refers to.
+  /// Copies the object that `reference` refers to; of an AnyValue its content, so that they do not nest.
   /// @throws std::runtime_error when its type cannot be copied.
   explicit AnyValue(const AnyReference& reference);
   AnyValue(const AnyValue& other) : AnyValue(other.reference()) {}
@@ -95,6 +95,8 @@ class HX_API AnyValue {
   }
   ~AnyValue() { reset(); }
 
+  /// Replaces the content by a T. Moved from or failed, the AnyValue is empty.
+  /// @param args  Must not refer to the present content.
   template <class T, class... Args>
   T& emplace(Args&&... args) {
     reset();
@@ -154,7 +156,9 @@ class HX_API AnyValue {
   /// @throws ConversionError
   template <class T>
   T take() && {
-    if constexpr (!std::is_void_v<T>) {
+    if constexpr (std::is_same_v<T, AnyValue>) {
+      return std::move(*this);
+    } else if constexpr (!std::is_void_v<T>) {
       if (T* object = getIf<T>()) return std::move(*object);
       return reference().to<T>();
     }
@@ -180,7 +184,9 @@ T AnyReference::to() const {
     return AnyValue(content());
   } else {
     const AnyReference inner = content();
-    if (const T* object = inner.getIf<T>()) return *object;
+    if constexpr (std::is_copy_constructible_v<T>) {
+      if (const T* object = inner.getIf<T>()) return *object;
+    }
     AnyValue converted = inner.convert(typeOf<T>());
     if (!converted) throw ConversionError(inner.type(), typeOf<T>(), {});
     return std::move(*converted.getIf<T>());
@@ -215,7 +221,16 @@ class HX_API OwnedParameters {
 
 namespace detail {
 
-/// Keeps an argument in the form in which methods take it: characters become a string, the rest is referred to.
+/// @throws std::runtime_error for a null pointer to characters.
+HX_API std::string_view textArgument(const char* text);
+inline std::string_view textArgument(std::string_view text) { return text; }
+
+/// A number type without a record of its own, which a value holds without loss: short, long long, …
+template <class T>
+concept OtherNumber = HX::HXNumber<T> && TypeTraits<T>::kind == TypeKind::Opaque;
+
+/// Keeps an argument in the form in which methods take it: characters become a string, numbers of the types that
+/// methods do not name become a value, the rest is referred to.
 template <class T>
 struct Argument {
   explicit Argument(const T& from) : object(from) {}
@@ -225,9 +240,15 @@ struct Argument {
 template <class T>
   requires(std::is_convertible_v<const T&, std::string_view> && !std::is_same_v<T, std::string>)
 struct Argument<T> {
-  explicit Argument(const T& from) : object(std::string_view(from)) {}
+  explicit Argument(const T& from) : object(textArgument(from)) {}
   AnyReference reference() const { return AnyReference::of(object); }
   std::string object;
+};
+template <OtherNumber T>
+struct Argument<T> {
+  explicit Argument(T from) : object(from) {}
+  AnyReference reference() const { return AnyReference::of(object); }
+  HX::HXValue object;
 };
 template <>
 struct Argument<AnyReference> {

@@ -61,7 +61,7 @@ struct TypeInterface {
   bool fitsInline;  ///< May live inside an AnyValue rather than on the heap.
 
   void (*copy)(void* to, const void* from);  ///< Null for types that cannot be copied.
-  void (*move)(void* to, void* from);
+  void (*move)(void* to, void* from);        ///< Null for types that cannot be moved either.
   void (*destroy)(void* at);
 
   /// How well `value` suits this type, looking at its content.
@@ -142,7 +142,9 @@ const TypeInterface* makeType() {
     if constexpr (std::is_copy_constructible_v<T>) {
       type.copy = [](void* to, const void* from) { new (to) T(*static_cast<const T*>(from)); };
     }
-    type.move = [](void* to, void* from) { new (to) T(std::move(*static_cast<T*>(from))); };
+    if constexpr (std::is_move_constructible_v<T>) {
+      type.move = [](void* to, void* from) { new (to) T(std::move(*static_cast<T*>(from))); };
+    }
     type.destroy = [](void* at) { static_cast<T*>(at)->~T(); };
     if constexpr (ConvertsToValue<T>) {
       type.toValue = [](const void* from, HX::HXValue& out) {

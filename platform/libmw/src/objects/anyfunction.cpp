@@ -1,14 +1,16 @@
 #include <libmw/anyfunction.h>
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <stdexcept>
+
+#include <fmt/format.h>
 
 namespace mw {
 namespace detail {
 
 FunctionBase::~FunctionBase() = default;
+
+void throwEmptyFunction() { throw std::runtime_error("there is no function to call"); }
 
 void throwWrongCount(std::size_t given, std::size_t wanted) {
   throw std::runtime_error(fmt::format("Invalid number of arguments: {} given, {} wanted", given, wanted));

@@ -17,8 +17,9 @@ ConversionError::ConversionError(const TypeInterface* source, const TypeInterfac
 ConversionError::~ConversionError() = default;
 
 AnyReference AnyReference::content() const {
-  const AnyValue* inner = getIf<AnyValue>();
-  return inner ? inner->reference() : *this;
+  AnyReference inner = *this;
+  while (const auto* holder = inner.getIf<AnyValue>()) inner = holder->reference();
+  return inner;
 }
 
 bool AnyReference::toValue(HX::HXValue& out) const { return type_ && type_->toValue && type_->toValue(data_, out); }
@@ -42,12 +43,13 @@ Fit AnyReference::fit(const TypeInterface* target) const {
   if (!from) return Fit::None;
   if (const auto* value = from.getIf<HX::HXValue>()) return target->fit ? target->fit(*value) : Fit::None;
   if (from.type_ == target) return Fit::Exact;
-  if (from.type_->toObject && target->fromObject) return Fit::Exact;
+  if (from.type_->toObject && target->fromObject) return from.convert(target) ? Fit::Exact : Fit::None;
   HX::HXValue value;
   return target->fit && from.toValue(value) ? target->fit(value) : Fit::None;
 }
 
-AnyValue::AnyValue(const AnyReference& reference) {
+AnyValue::AnyValue(const AnyReference& outer) {
+  const AnyReference reference = outer.content();
   if (!reference) return;
   const TypeInterface* type = reference.type();
   if (!type->copy) throw std::runtime_error(fmt::format("a {} cannot be copied", type->name));
@@ -66,14 +68,14 @@ void AnyValue::reset() noexcept {
 
 void* AnyValue::allocate(const TypeInterface* type) {
   if (type->fitsInline) return storage_.data();
-  void* memory = ::operator new(type->size, std::align_val_t{type->alignment});
+  void* memory = ::operator new (type->size, std::align_val_t{type->alignment});
   setHeap(memory);
   return memory;
 }
 
 void AnyValue::release(const TypeInterface* type) noexcept {
   if (type->fitsInline) return;
-  ::operator delete(*reinterpret_cast<void**>(storage_.data()), std::align_val_t{type->alignment});
+  ::operator delete (*reinterpret_cast<void**>(storage_.data()), std::align_val_t{type->alignment});
 }
 
 void AnyValue::take(AnyValue& other) noexcept {
@@ -87,6 +89,11 @@ void AnyValue::take(AnyValue& other) noexcept {
     other.type_ = nullptr;
   }
   type_ = type;
+}
+
+std::string_view detail::textArgument(const char* text) {
+  if (!text) throw std::runtime_error("an argument is a null pointer to characters");
+  return text;
 }
 
 OwnedParameters::OwnedParameters(GenericFunctionParameters parameters) {

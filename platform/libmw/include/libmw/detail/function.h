@@ -75,6 +75,8 @@ template <class T>
 struct SignatureOf : SignatureOf<decltype(&T::operator())> {};
 template <class R, class... P>
 struct SignatureOf<R (*)(P...)> : Signature<R, P...> {};
+template <class R, class... P>
+struct SignatureOf<R (*)(P...) noexcept> : Signature<R, P...> {};
 template <class R, class T, class... P>
 struct SignatureOf<R (T::*)(P...)> : Signature<R, P...> {};
 template <class R, class T, class... P>

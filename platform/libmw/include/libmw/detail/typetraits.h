@@ -5,7 +5,9 @@
 #include <libmw/type.h>
 
 #include <algorithm>
+#include <limits>
 #include <new>
+#include <stdexcept>
 
 namespace mw {
 
@@ -31,13 +33,19 @@ struct PlainTraits {
 /// `value` as a T; the caller has seen that it fits.
 template <class T>
 T fromFittingValue(const HX::HXValue& value) {
-  union Slot {
-    Slot() {}
-    ~Slot() { object.~T(); }
+  union Place {
+    Place() {}
+    ~Place() {}  // Whether there is an object to destroy is known below only.
     T object;
-  } slot;
-  TypeTraits<T>::fromValue(value, &slot.object);
-  return std::move(slot.object);
+  } place;
+  if (!TypeTraits<T>::fromValue(value, &place.object)) {
+    throw std::logic_error("a value that fits a " + TypeTraits<T>::name() + " does not convert to one");
+  }
+  const struct Destroyer {
+    ~Destroyer() { object.~T(); }
+    T& object;
+  } destroyer{place.object};
+  return std::move(place.object);
 }
 
 }  // namespace detail
@@ -71,6 +79,27 @@ struct TypeTraits<std::int64_t> : detail::PlainTraits<std::int64_t, TypeKind::In
   static bool fromValue(const HX::HXValue& value, std::int64_t* to) {
     if (fit(value) == Fit::None) return false;
     *to = value.isInt64() ? value.asInt64() : value.asInt();
+    return true;
+  }
+};
+
+/// Travels as a 64-bit int, and takes every integer that is in its range.
+template <>
+struct TypeTraits<std::uint32_t> {
+  static std::string name() { return "uint"; }
+  static constexpr TypeKind kind = TypeKind::Int64;
+  static Fit fit(const HX::HXValue& value) {
+    if (!value.isInt() && !value.isInt64()) return Fit::None;
+    const std::int64_t number = value.toInt64();
+    return number >= 0 && number <= std::numeric_limits<std::uint32_t>::max() ? Fit::Widening : Fit::None;
+  }
+  static bool toValue(std::uint32_t from, HX::HXValue& out) {
+    out = HX::HXValue(from);
+    return true;
+  }
+  static bool fromValue(const HX::HXValue& value, std::uint32_t* to) {
+    if (fit(value) == Fit::None) return false;
+    *to = static_cast<std::uint32_t>(value.toInt64());
     return true;
   }
 };
@@ -145,9 +174,10 @@ struct TypeTraits<std::vector<T>> {
   }
   static bool fromValue(const HX::HXValue& value, std::vector<T>* to) {
     if (fit(value) == Fit::None) return false;
-    auto* elements = new (to) std::vector<T>;
-    elements->reserve(value.getSize());
-    for (const HX::HXValue& element : value.asList()) elements->push_back(detail::fromFittingValue<T>(element));
+    std::vector<T> elements;
+    elements.reserve(value.getSize());
+    for (const HX::HXValue& element : value.asList()) elements.push_back(detail::fromFittingValue<T>(element));
+    new (to) std::vector<T>(std::move(elements));
     return true;
   }
 };
@@ -173,8 +203,9 @@ struct TypeTraits<std::map<std::string, T>> {
   }
   static bool fromValue(const HX::HXValue& value, std::map<std::string, T>* to) {
     if (fit(value) == Fit::None) return false;
-    auto* elements = new (to) std::map<std::string, T>;
-    for (const auto& [key, element] : value.asMap()) elements->emplace(key, detail::fromFittingValue<T>(element));
+    std::map<std::string, T> elements;
+    for (const auto& [key, element] : value.asMap()) elements.emplace(key, detail::fromFittingValue<T>(element));
+    new (to) std::map<std::string, T>(std::move(elements));
     return true;
   }
 };
