@@ -92,8 +92,8 @@ class HX_API MetaObject {
   int signalId(std::string_view name) const;
   int propertyId(std::string_view name) const;
 
-  /// Chooses among the overloads of `name`: the right number of arguments first, then the best fit of their types, then
-  /// the one bound first.
+  /// Chooses among the overloads of `name`: the right number of arguments first, then the best fit of the argument that
+  /// fits worst, then the best fits of all arguments together, then the one bound first.
   /// @throws std::runtime_error naming the method when it does not exist, and the candidates when none of them fits.
   const MetaMethod& resolve(std::string_view name, GenericFunctionParameters parameters) const;
 

@@ -1,10 +1,13 @@
 #include <libmw/metaobject.h>
 
-#include <fmt/format.h>
-
+#include <algorithm>
 #include <atomic>
+#include <limits>
 #include <map>
 #include <stdexcept>
+#include <utility>
+
+#include <fmt/format.h>
 
 namespace mw {
 namespace {
@@ -24,6 +27,19 @@ std::string typesOf(GenericFunctionParameters parameters) {
     }
   }
   return joined(names, ", ");
+}
+
+/// How well arguments suit a method; smaller is better: the worst of the single fits, and then the sum of them.
+std::pair<Fit, unsigned> rank(GenericFunctionParameters parameters, const MetaMethod& method) {
+  if (method.dynamic) return {Fit::Variant, std::numeric_limits<unsigned>::max()};
+  if (parameters.size() != method.types.size()) return {Fit::None, 0};
+  std::pair<Fit, unsigned> all{Fit::Exact, 0};
+  for (std::size_t i = 0; i < parameters.size() && all.first != Fit::None; ++i) {
+    const Fit one = parameters[i].fit(method.types[i]);
+    all.first = std::max(all.first, one);
+    all.second += static_cast<unsigned>(one);
+  }
+  return all;
 }
 
 std::int32_t nextUid() {
@@ -92,9 +108,7 @@ std::span<const MetaMethod* const> MetaObject::findMethods(std::string_view name
   return found->second;
 }
 
-const MetaMethod* MetaObject::method(unsigned id) const {
-  return id < data_->byId.size() ? data_->byId[id] : nullptr;
-}
+const MetaMethod* MetaObject::method(unsigned id) const { return id < data_->byId.size() ? data_->byId[id] : nullptr; }
 
 int MetaObject::signalId(std::string_view name) const {
   for (const MetaSignal& signal : signals()) {
@@ -116,14 +130,13 @@ const MetaMethod& MetaObject::resolve(std::string_view name, GenericFunctionPara
   const std::string_view dot = owner.empty() ? "" : ".";
   if (candidates.empty()) throw std::runtime_error(fmt::format("{}{}{}: no such method", owner, dot, name));
   const MetaMethod* best = nullptr;
-  Fit bestFit = Fit::None;
+  std::pair<Fit, unsigned> bestRank{Fit::None, 0};
   for (const MetaMethod* candidate : candidates) {
-    const Fit fits = candidate->dynamic ? Fit::Variant : fit(parameters, candidate->types);
-    if (fits < bestFit) {
-      best = candidate;
-      bestFit = fits;
-      if (fits == Fit::Exact) break;
-    }
+    const auto candidateRank = rank(parameters, *candidate);
+    if (candidateRank >= bestRank) continue;
+    best = candidate;
+    bestRank = candidateRank;
+    if (bestRank.first == Fit::Exact) break;
   }
   if (best) return *best;
   std::vector<std::string> known;
