@@ -2,6 +2,7 @@
 
 #include <libmw/genericobject.h>
 
+#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -103,6 +104,8 @@ class HX_API DynamicObject : public GenericObject {
   struct State;
   Future<AnyValue> invoke(const AnyFunction& function, GenericFunctionParameters parameters);
   SignalBase& requireSignal(unsigned id) const;
+  bool hasProperty(unsigned id) const;
+  std::exception_ptr noSuchProperty(unsigned id) const;
 
   std::shared_ptr<const ObjectType> type_;
   std::shared_ptr<void> instance_;

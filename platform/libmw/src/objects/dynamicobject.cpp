@@ -1,10 +1,12 @@
 #include <libmw/dynamicobject.h>
 #include <libmw/eventloop.h>
 
-#include <fmt/format.h>
-
+#include <algorithm>
+#include <map>
 #include <mutex>
 #include <stdexcept>
+
+#include <fmt/format.h>
 
 namespace mw {
 
@@ -34,6 +36,7 @@ ObjectBuilder& ObjectBuilder::setThreadingModel(ObjectThreadingModel model) {
 unsigned ObjectBuilder::advertiseMethod(const MetaMethodBuilder& description, AnyFunction function,
                                         MetaCallType callType) {
   MetaMethod method = description.method();
+  if (!function) throw std::runtime_error(fmt::format("method {} is bound to no function", method.name));
   if (!function.isDynamic() && method.parameters.size() > function.parameterTypes().size()) {
     throw std::runtime_error(fmt::format("method {} takes {} parameters, and {} are documented", method.name,
                                          function.parameterTypes().size(), method.parameters.size()));
@@ -49,6 +52,7 @@ unsigned ObjectBuilder::advertiseMethod(const MetaMethodBuilder& description, An
 }
 
 unsigned ObjectBuilder::advertiseSignal(std::string name, std::string signature, ObjectType::SignalOf signal) {
+  if (!signal) throw std::runtime_error(fmt::format("signal {} is bound to no signal", name));
   const auto id = static_cast<unsigned>(table_.size());
   members_.signals.push_back({id, std::move(name), std::move(signature)});
   table_.push_back({{}, std::move(signal)});
@@ -77,7 +81,7 @@ std::shared_ptr<const ObjectType> ObjectBuilder::build() {
 struct DynamicObject::State {
   std::recursive_mutex serialised;  // Held around each call on objects of the single-threaded model.
   std::mutex mutex;                 // Guards `properties`.
-  std::map<unsigned, AnyValue> properties;
+  std::map<unsigned, std::shared_ptr<const AnyValue>> properties;
 };
 
 DynamicObject::DynamicObject() : type_(ObjectBuilder().build()), state_(std::make_unique<State>()) {}
@@ -97,19 +101,19 @@ void DynamicObject::setType(std::shared_ptr<const ObjectType> type) {
   GenericObject::setMetaObject(type_->metaObject());
 }
 
-Future<AnyValue> DynamicObject::metaCall(unsigned method, GenericFunctionParameters parameters,
-                                         MetaCallType callType) {
+Future<AnyValue> DynamicObject::metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) {
   const AnyFunction* function = type_->method(method);
   if (!function) {
     return Future<AnyValue>::failed(std::make_exception_ptr(
         std::runtime_error(fmt::format("{}: no method with id {}", metaObject().typeName(), method))));
   }
-  if (callType == MetaCallType::Auto) callType = metaObject().method(method)->callType;
+  if (callType == MetaCallType::Auto) {
+    if (const MetaMethod* described = metaObject().method(method)) callType = described->callType;
+  }
   if (callType != MetaCallType::Queued) return invoke(*function, parameters);
-  return defaultLoop().async([self = std::static_pointer_cast<DynamicObject>(shared_from_this()), function,
-                              owned = OwnedParameters(parameters)] {
-    return self->invoke(*function, owned.references());
-  });
+  return defaultLoop().async(
+      [self = std::static_pointer_cast<DynamicObject>(shared_from_this()), function,
+       owned = OwnedParameters(parameters)] { return self->invoke(*function, owned.references()); });
 }
 
 Future<AnyValue> DynamicObject::invoke(const AnyFunction& function, GenericFunctionParameters parameters) {
@@ -152,15 +156,30 @@ Future<void> DynamicObject::metaDisconnect(SignalLink link) {
       std::runtime_error(fmt::format("{}: no connection with link {}", metaObject().typeName(), link))));
 }
 
+bool DynamicObject::hasProperty(unsigned id) const {
+  return std::ranges::find(metaObject().properties(), id, &MetaProperty::id) != metaObject().properties().end();
+}
+
+std::exception_ptr DynamicObject::noSuchProperty(unsigned id) const {
+  return std::make_exception_ptr(
+      std::runtime_error(fmt::format("{}: no property with id {}", metaObject().typeName(), id)));
+}
+
 Future<AnyValue> DynamicObject::metaProperty(unsigned property) {
-  const std::lock_guard lock(state_->mutex);
-  return Future<AnyValue>::ready(state_->properties[property]);
+  if (!hasProperty(property)) return Future<AnyValue>::failed(noSuchProperty(property));
+  std::shared_ptr<const AnyValue> stored;
+  {
+    const std::lock_guard lock(state_->mutex);
+    stored = state_->properties[property];
+  }
+  return Future<AnyValue>::ready(stored ? *stored : AnyValue());
 }
 
 Future<void> DynamicObject::metaSetProperty(unsigned property, const AnyValue& value) {
-  AnyValue stored(value);
+  if (!hasProperty(property)) return Future<void>::failed(noSuchProperty(property));
+  auto stored = std::make_shared<const AnyValue>(value);
   const std::lock_guard lock(state_->mutex);
-  std::swap(state_->properties[property], stored);
+  state_->properties[property].swap(stored);
   return Future<void>::ready();
 }
 

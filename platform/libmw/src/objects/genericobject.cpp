@@ -11,8 +11,8 @@ void GenericObject::setMetaObject(MetaObject metaObject) { metaObject_ = std::mo
 Future<SignalLink> GenericObject::connect(std::string_view signal, const SignalSubscriber& subscriber) {
   const int id = metaObject_.signalId(signal);
   if (id < 0) {
-    throw std::runtime_error(
-        fmt::format("{}{}{}: no such signal", metaObject_.typeName(), metaObject_.typeName().empty() ? "" : ".", signal));
+    throw std::runtime_error(fmt::format("{}{}{}: no such signal", metaObject_.typeName(),
+                                         metaObject_.typeName().empty() ? "" : ".", signal));
   }
   return metaConnect(static_cast<unsigned>(id), subscriber);
 }

@@ -1,10 +1,10 @@
 #include <libmw/objecttypebuilder.h>
 
-#include <fmt/format.h>
-
 #include <mutex>
 #include <typeindex>
 #include <unordered_map>
+
+#include <fmt/format.h>
 
 namespace mw {
 namespace {
