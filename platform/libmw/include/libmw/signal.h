@@ -41,6 +41,9 @@ class HX_API SignalSubscriber {
   const AnyFunction& function() const { return function_; }
   MetaCallType callType() const { return callType_; }
 
+  /// Whether the owner that it is tied to has gone, so that the function is never called again.
+  bool isOwnerGone() const { return tracked_ && lifetime_.isClosed(); }
+
   /// Calls the function now, on this thread, unless the owner that it is tied to has gone.
   /// @return False when the owner has gone.
   bool call(GenericFunctionParameters parameters) const;
@@ -56,18 +59,21 @@ class HX_API SignalSubscriber {
 ///
 /// Any thread may connect, disconnect, emit, or destroy the signal, also while it is being emitted: an emission goes to
 /// those who were connected when it began, except those disconnected meanwhile. `disconnect` returns only when the
-/// subscriber is not being called any more; from inside that very call it returns at once. A signal that nobody ever
+/// subscriber is not being called any more; from inside that very call it returns at once. Two subscribers that each
+/// disconnect the other, called by two threads at once, therefore wait for each other. A signal that nobody ever
 /// connected to costs three words, and one load for each emission.
 class HX_API SignalBase {
  public:
-  /// Told true when the first subscriber arrives and false when the last one leaves, on the thread that does it and
-  /// with no lock held. Must not touch the signal, which may be going.
+  /// Told true when the first subscriber has arrived and false when the last one has left, with no lock held, on a
+  /// thread that connects or disconnects. Calls never overlap, and the last one tells how things stand; when threads
+  /// connect and disconnect at once, one that came and went meanwhile may pass unmentioned. Must not touch the signal,
+  /// which may be going. What it throws is logged.
   using OnSubscribers = std::function<void(bool)>;
 
   explicit SignalBase(OnSubscribers onSubscribers = {});
   SignalBase(const SignalBase&) = delete;
   SignalBase& operator=(const SignalBase&) = delete;
-  /// Disconnects everybody. Deliveries that run on other threads may outlast the signal; they do not touch it.
+  /// Disconnects everybody, as `disconnect` does. Emissions that run on other threads end without touching the signal.
   virtual ~SignalBase();
 
   /// The types of one emission's arguments: "(uint, string)".
@@ -84,10 +90,10 @@ class HX_API SignalBase {
 
  private:
   class Connections;
-  Connections& connections();
+  std::shared_ptr<Connections> connections();
 
-  std::shared_ptr<Connections> owned_;            ///< Written once, before `connected_` is.
-  std::atomic<Connections*> connected_{nullptr};  ///< Null until somebody has connected.
+  std::shared_ptr<Connections> owned_;  ///< Written once, before `connected_` is.
+  std::atomic<bool> connected_{false};  ///< Whether somebody has ever connected.
 };
 
 /// A typed signal. Calling the object goes to the virtual `trigger`.

@@ -2,12 +2,12 @@
 #include <libmw/log.h>
 #include <libmw/signal.h>
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <deque>
 #include <mutex>
 #include <vector>
+
+#include <fmt/format.h>
 
 namespace mw {
 namespace {
@@ -21,43 +21,61 @@ class Slot : public std::enable_shared_from_this<Slot> {
 
   SignalLink link() const { return link_; }
 
+  /// Calls the subscriber, or has it called. Never throws.
   /// @return False when the connection is of no more use: its subscriber's owner has gone.
   bool deliver(GenericFunctionParameters parameters, MetaCallType callType) {
+    if (subscriber_.isOwnerGone()) return false;
     const MetaCallType wanted = callType == MetaCallType::Auto ? subscriber_.callType() : callType;
-    if (wanted != MetaCallType::Queued) return run(parameters);
-    enqueue(parameters);
-    return true;
+    bool usable = true;
+    guarded([&] {
+      if (wanted == MetaCallType::Queued) {
+        enqueue(parameters);
+      } else {
+        usable = run(parameters);
+      }
+    });
+    return usable;
   }
 
+  void close() { gate_.close(); }
   /// Returns when no other thread is calling the subscriber.
-  void end() {
-    gate_.close();
-    gate_.drain();
-  }
+  void drain() { gate_.drain(); }
 
  private:
-  bool run(GenericFunctionParameters parameters) {
-    const auto pass = gate_.enter();
-    if (!pass) return true;
+  template <class Action>
+  void guarded(Action&& action) const {
     try {
-      return subscriber_.call(parameters);
+      action();
     } catch (const std::exception& error) {
       log::error(kCategory, "deliver", fmt::format("subscriber of link {} failed: {}", link_, error.what()));
     } catch (...) {
       log::error(kCategory, "deliver", fmt::format("subscriber of link {} failed", link_));
     }
-    return true;
+  }
+
+  bool run(GenericFunctionParameters parameters) const {
+    const auto pass = gate_.enter();
+    return !pass || subscriber_.call(parameters);
   }
 
   void enqueue(GenericFunctionParameters parameters) {
     OwnedParameters owned(parameters);
     {
       const std::lock_guard lock(mutex_);
+      if (stopped_) return;
       queue_.push_back(std::move(owned));
       if (draining_) return;
       draining_ = true;
     }
-    defaultLoop().post([self = shared_from_this()] { self->runQueued(); });
+    if (!defaultLoop().post([self = shared_from_this()] { self->runQueued(); })) stop();
+  }
+
+  // The loop has ended, with the process: nothing would ever take out what is queued.
+  void stop() {
+    std::deque<OwnedParameters> dropped;
+    const std::lock_guard lock(mutex_);
+    stopped_ = true;
+    dropped.swap(queue_);
   }
 
   // One task at a time drains the queue: that keeps the order of the emissions.
@@ -71,16 +89,17 @@ class Slot : public std::enable_shared_from_this<Slot> {
       const OwnedParameters next = std::move(queue_.front());
       queue_.pop_front();
       lock.unlock();
-      run(next.references());
+      guarded([&] { run(next.references()); });
     }
   }
 
   const SignalLink link_;
   const SignalSubscriber subscriber_;
   CallGate gate_{1};
-  std::mutex mutex_;  // Guards `queue_` and `draining_`.
+  std::mutex mutex_;  // Guards everything below.
   std::deque<OwnedParameters> queue_;
   bool draining_ = false;
+  bool stopped_ = false;
 };
 
 SignalLink nextLink() {
@@ -124,64 +143,99 @@ class SignalBase::Connections {
   }
 
   void add(std::shared_ptr<Slot> slot) {
-    bool first = false;
     {
       const std::lock_guard lock(mutex_);
-      first = slots_->empty();
       auto changed = std::make_shared<Slots>(*slots_);
       changed->push_back(std::move(slot));
       slots_ = std::move(changed);
     }
-    if (first && onSubscribers_) onSubscribers_(true);
+    tell();
+  }
+
+  /// @return What was removed, closed; empty when there is no such connection.
+  std::shared_ptr<Slot> take(SignalLink link) {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::ranges::find(*slots_, link, &Slot::link);
+    if (found == slots_->end()) return nullptr;
+    const std::shared_ptr<Slot> slot = *found;
+    auto changed = std::make_shared<Slots>(*slots_);
+    std::erase(*changed, slot);
+    slots_ = std::move(changed);
+    slot->close();
+    return slot;
   }
 
   bool remove(SignalLink link) {
-    std::shared_ptr<Slot> slot;
-    bool last = false;
-    {
-      const std::lock_guard lock(mutex_);
-      const auto found = std::ranges::find(*slots_, link, &Slot::link);
-      if (found == slots_->end()) return false;
-      slot = *found;
-      auto changed = std::make_shared<Slots>(*slots_);
-      std::erase(*changed, slot);
-      last = changed->empty();
-      slots_ = std::move(changed);
-    }
-    slot->end();
-    if (last && onSubscribers_) onSubscribers_(false);
+    const auto slot = take(link);
+    if (!slot) return false;
+    slot->drain();
+    tell();
     return true;
   }
 
+  /// Removes without waiting: an emission must not wait for another one that is calling the same subscriber.
+  void drop(SignalLink link) {
+    if (take(link)) tell();
+  }
+
   void removeAll() {
-    for (const auto& slot : *snapshot()) remove(slot->link());
+    const auto slots = snapshot();
+    for (const auto& slot : *slots) remove(slot->link());
   }
 
  private:
+  // One thread at a time tells, until the owner knows how things stand: told by two, they could arrive the wrong way
+  // round.
+  void tell() {
+    if (!onSubscribers_) return;
+    std::unique_lock lock(mutex_);
+    while (!telling_ && told_ == slots_->empty()) {
+      telling_ = true;
+      told_ = !told_;
+      const bool any = told_;
+      lock.unlock();
+      call(any);
+      lock.lock();
+      telling_ = false;
+    }
+  }
+
+  void call(bool any) const {
+    try {
+      onSubscribers_(any);
+    } catch (const std::exception& error) {
+      log::error(kCategory, "onSubscribers", error.what());
+    } catch (...) {
+      log::error(kCategory, "onSubscribers", "the notice that subscribers came or went failed");
+    }
+  }
+
   const OnSubscribers onSubscribers_;
-  mutable std::mutex mutex_;  // Guards `slots_`; the list that it points to never changes.
+  mutable std::mutex mutex_;  // Guards everything below. The list that `slots_` points to never changes.
   std::shared_ptr<const Slots> slots_ = std::make_shared<const Slots>();
+  bool told_ = false;
+  bool telling_ = false;
 };
 
 SignalBase::SignalBase(OnSubscribers onSubscribers) {
   if (!onSubscribers) return;
   owned_ = std::make_shared<Connections>(std::move(onSubscribers));
-  connected_.store(owned_.get(), std::memory_order_release);
+  connected_.store(true, std::memory_order_release);
 }
 
 SignalBase::~SignalBase() {
   if (connected_.load(std::memory_order_acquire)) owned_->removeAll();
 }
 
-SignalBase::Connections& SignalBase::connections() {
-  if (Connections* existing = connected_.load(std::memory_order_acquire)) return *existing;
+std::shared_ptr<SignalBase::Connections> SignalBase::connections() {
+  if (connected_.load(std::memory_order_acquire)) return owned_;
   static std::mutex creation;  // Guards the writing of `owned_`, of all signals: it happens once in a signal's life.
   const std::lock_guard lock(creation);
   if (!owned_) {
     owned_ = std::make_shared<Connections>(OnSubscribers{});
-    connected_.store(owned_.get(), std::memory_order_release);
+    connected_.store(true, std::memory_order_release);
   }
-  return *owned_;
+  return owned_;
 }
 
 void SignalBase::trigger(GenericFunctionParameters parameters, MetaCallType callType) {
@@ -190,14 +244,14 @@ void SignalBase::trigger(GenericFunctionParameters parameters, MetaCallType call
   const std::shared_ptr<Connections> held = owned_;
   const auto slots = held->snapshot();
   for (const auto& slot : *slots) {
-    if (!slot->deliver(parameters, callType)) held->remove(slot->link());
+    if (!slot->deliver(parameters, callType)) held->drop(slot->link());
   }
 }
 
 SignalLink SignalBase::connect(SignalSubscriber subscriber) {
   if (!subscriber.function()) throw std::runtime_error("cannot connect an empty function to a signal");
   const SignalLink link = nextLink();
-  connections().add(std::make_shared<Slot>(link, std::move(subscriber)));
+  connections()->add(std::make_shared<Slot>(link, std::move(subscriber)));
   return link;
 }
 
