@@ -30,7 +30,8 @@ struct ServiceInfo {
 /// Threads: every operation is safe from any thread. No lock is held while objects, resolvers or handlers are called.
 class HX_API Session {
  public:
-  /// Looks up services that this process does not offer. Must not block: it answers with a future.
+  /// Looks up services that this process does not offer. Must not block: it answers with a future. One that stands for
+  /// nothing says that there is no such service; an exception fails the look-up.
   using Resolver = std::function<Future<AnyObject>(const std::string& name)>;
 
   /// @param loop  Delivers the notices; the process-wide loop when not given. Must outlive the session.
@@ -49,13 +50,19 @@ class HX_API Session {
 
   /// Offers `object` under `name` and announces it.
   /// @return The id to unregister it by.
-  /// @throws std::runtime_error when the name is empty or taken, or the session is closed.
+  /// @throws std::runtime_error when the name is empty or taken, the object null, or the session closed.
   ServiceId registerService(const std::string& name, AnyObject object);
 
   /// Withdraws a service: refuses new calls, runs `beforeDrain` (the owner wakes up calls that sleep), waits until
-  /// the running calls of other threads have returned, and lets go of the object. A wait beyond five seconds is logged.
+  /// the running calls of other threads have returned, and lets go of the object. A wait beyond five seconds is logged
+  /// (category "mw.session", warning). From inside a call of the service itself it returns while that call still runs;
+  /// the object is then let go of once it has returned.
+  /// @param beforeDrain  Must not throw.
   /// @return False when there is no such service.
   bool unregisterService(ServiceId id, const std::function<void()>& beforeDrain = {});
+
+  /// How long `unregisterService` waits for running calls before it logs; five seconds at first.
+  void setDrainPatience(std::chrono::milliseconds patience);
 
   /// The services of this process, in the order of their registration.
   std::vector<ServiceInfo> services() const;

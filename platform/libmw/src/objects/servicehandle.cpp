@@ -3,13 +3,14 @@
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 
-#include <fmt/format.h>
-
 #include <stdexcept>
+
+#include <fmt/format.h>
 
 namespace mw {
 
 ServiceHandle::ServiceHandle(std::string name, AnyObject target) : name_(std::move(name)), target_(std::move(target)) {
+  if (!target_) throw std::runtime_error(fmt::format("cannot register service {}: there is no object", name_));
   GenericObject::setMetaObject(target_->metaObject());
   setIdentity(reinterpret_cast<const void*>(target_->identity()));
 }
@@ -29,9 +30,8 @@ Future<AnyValue> ServiceHandle::metaCall(unsigned method, GenericFunctionParamet
     if (const MetaMethod* known = metaObject().method(method)) callType = known->callType;
   }
   if (callType != MetaCallType::Queued) {
-    return withTarget<AnyValue>([&](GenericObject& target) {
-      return target.metaCall(method, parameters, MetaCallType::Direct);
-    });
+    return withTarget<AnyValue>(
+        [&](GenericObject& target) { return target.metaCall(method, parameters, MetaCallType::Direct); });
   }
   // Queued here rather than in the object, so that the gate is held while the call runs and not before.
   return defaultLoop().async([self = std::static_pointer_cast<ServiceHandle>(shared_from_this()), method,
@@ -66,17 +66,25 @@ Future<void> ServiceHandle::metaSetProperty(unsigned property, const AnyValue& v
   return withTarget<void>([&](GenericObject& target) { return target.metaSetProperty(property, value); });
 }
 
-void ServiceHandle::cutOff(const std::function<void()>& beforeDrain) {
+void ServiceHandle::drain(std::chrono::milliseconds patience) {
+  if (gate_.drainFor(patience)) return;
+  log::warning(
+      "mw.session", "unregisterService",
+      fmt::format("service {}: still waiting, after {} ms, for calls that run in it", name_, patience.count()));
+  gate_.drain();
+}
+
+void ServiceHandle::cutOff(const std::function<void()>& beforeDrain, std::chrono::milliseconds patience) {
   gate_.close();
   if (beforeDrain) beforeDrain();
-  gate_.drain();
+  drain(patience);
   if (!gate_.isEnteredByThisThread()) {
     target_.reset();
     return;
   }
   // A service that withdraws itself from inside a call of its own still needs the object until that call returns.
-  defaultLoop().post([self = std::static_pointer_cast<ServiceHandle>(shared_from_this())] {
-    self->gate_.drain();
+  defaultLoop().post([self = std::static_pointer_cast<ServiceHandle>(shared_from_this()), patience] {
+    self->drain(patience);
     self->target_.reset();
   });
 }

@@ -2,6 +2,8 @@
 
 #include <libmw/genericobject.h>
 
+#include <chrono>
+#include <exception>
 #include <functional>
 #include <string>
 
@@ -13,6 +15,7 @@ namespace mw {
 /// so the object may be destroyed right after `cutOff` although handles on it are still held.
 class ServiceHandle final : public GenericObject {
  public:
+  /// @throws std::runtime_error naming the service when there is no `target`.
   ServiceHandle(std::string name, AnyObject target);
 
   Future<AnyValue> metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) override;
@@ -23,10 +26,12 @@ class ServiceHandle final : public GenericObject {
   Future<void> metaSetProperty(unsigned property, const AnyValue& value) override;
 
   /// Refuses new calls, runs `beforeDrain`, waits for the calls of other threads, lets go of the object. Once.
-  void cutOff(const std::function<void()>& beforeDrain);
+  /// @param patience  A wait beyond it is logged.
+  void cutOff(const std::function<void()>& beforeDrain, std::chrono::milliseconds patience);
 
  private:
   std::exception_ptr gone() const;
+  void drain(std::chrono::milliseconds patience);
   template <class R, class Use>
   Future<R> withTarget(Use&& use);
 

@@ -3,87 +3,17 @@
 #include <libmw/eventloop.h>
 #include <libmw/session.h>
 
-#include <fmt/format.h>
-
+#include <atomic>
+#include <chrono>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 
+#include <fmt/format.h>
+
 namespace mw {
-
-/// The services of this process, and who finds the others.
-class Session::Directory {
- public:
-  explicit Directory(EventLoop& eventLoop) : loop(eventLoop) {}
-
-  ServiceId add(const std::string& name, std::shared_ptr<ServiceHandle> handle) {
-    const std::lock_guard lock(mutex_);
-    if (closed_) throw std::runtime_error(fmt::format("cannot register service {}: the session is closed", name));
-    const ServiceId id = nextId_;
-    if (!ids_.emplace(name, id).second) {
-      throw std::runtime_error(fmt::format("service {} is registered already", name));
-    }
-    ++nextId_;
-    services_.emplace(id, Service{name, std::move(handle)});
-    return id;
-  }
-
-  struct Service {
-    std::string name;
-    std::shared_ptr<ServiceHandle> handle;
-  };
-
-  std::optional<Service> remove(ServiceId id) {
-    const std::lock_guard lock(mutex_);
-    const auto found = services_.find(id);
-    if (found == services_.end()) return std::nullopt;
-    Service service = std::move(found->second);
-    ids_.erase(service.name);
-    services_.erase(found);
-    return service;
-  }
-
-  std::shared_ptr<ServiceHandle> find(const std::string& name) const {
-    const std::lock_guard lock(mutex_);
-    const auto found = ids_.find(name);
-    return found == ids_.end() ? nullptr : services_.at(found->second).handle;
-  }
-
-  std::vector<ServiceInfo> list() const {
-    const std::lock_guard lock(mutex_);
-    std::vector<ServiceInfo> all;
-    for (const auto& [id, service] : services_) all.push_back({id, service.name});
-    return all;
-  }
-
-  /// @return The last registered service; 0 when there is none.
-  ServiceId closeAndPickLast() {
-    const std::lock_guard lock(mutex_);
-    closed_ = true;
-    return services_.empty() ? 0 : services_.rbegin()->first;
-  }
-
-  void setResolver(Resolver resolver) {
-    const std::lock_guard lock(mutex_);
-    resolver_ = std::move(resolver);
-  }
-
-  Resolver resolver() const {
-    const std::lock_guard lock(mutex_);
-    return resolver_;
-  }
-
-  EventLoop& loop;
-
- private:
-  mutable std::mutex mutex_;  // Guards everything below.
-  std::map<ServiceId, Service> services_;
-  std::map<std::string, ServiceId> ids_;
-  ServiceId nextId_ = 1;
-  bool closed_ = false;
-  Resolver resolver_;
-};
 
 /// Notices on their way to the handlers. Shared with the task that delivers them, which may outlast the session.
 class Session::Notices : public std::enable_shared_from_this<Notices> {
@@ -149,10 +79,88 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
   bool delivering_ = false;
 };
 
+/// The services of this process, and who finds the others.
+class Session::Directory {
+ public:
+  Directory(EventLoop& eventLoop, Notices& notices) : loop(eventLoop), notices_(notices) {}
+
+  ServiceId add(const std::string& name, std::shared_ptr<ServiceHandle> handle) {
+    const std::lock_guard lock(mutex_);
+    if (closed_) throw std::runtime_error(fmt::format("cannot register service {}: the session is closed", name));
+    const ServiceId id = nextId_;
+    if (!ids_.emplace(name, id).second) {
+      throw std::runtime_error(fmt::format("service {} is registered already", name));
+    }
+    ++nextId_;
+    services_.emplace(id, Service{name, std::move(handle)});
+    notices_.add({id, name, true});
+    return id;
+  }
+
+  struct Service {
+    std::string name;
+    std::shared_ptr<ServiceHandle> handle;
+  };
+
+  std::optional<Service> remove(ServiceId id) {
+    const std::lock_guard lock(mutex_);
+    const auto found = services_.find(id);
+    if (found == services_.end()) return std::nullopt;
+    Service service = std::move(found->second);
+    ids_.erase(service.name);
+    services_.erase(found);
+    notices_.add({id, service.name, false});
+    return service;
+  }
+
+  std::shared_ptr<ServiceHandle> find(const std::string& name) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = ids_.find(name);
+    return found == ids_.end() ? nullptr : services_.at(found->second).handle;
+  }
+
+  std::vector<ServiceInfo> list() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<ServiceInfo> all;
+    for (const auto& [id, service] : services_) all.push_back({id, service.name});
+    return all;
+  }
+
+  /// @return The last registered service; 0 when there is none.
+  ServiceId closeAndPickLast() {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+    return services_.empty() ? 0 : services_.rbegin()->first;
+  }
+
+  void setResolver(Resolver resolver) {
+    const std::lock_guard lock(mutex_);
+    resolver_ = std::move(resolver);
+  }
+
+  Resolver resolver() const {
+    const std::lock_guard lock(mutex_);
+    return resolver_;
+  }
+
+  EventLoop& loop;
+  std::atomic<std::chrono::milliseconds> drainPatience{std::chrono::seconds(5)};
+
+ private:
+  Notices& notices_;
+  // Guards everything below. Outer to the mutex of the notices, so that these are in the order of what happened.
+  mutable std::mutex mutex_;
+  std::map<ServiceId, Service> services_;
+  std::map<std::string, ServiceId> ids_;
+  ServiceId nextId_ = 1;
+  bool closed_ = false;
+  Resolver resolver_;
+};
+
 Session::Session() : Session(defaultLoop()) {}
 
 Session::Session(EventLoop& loop)
-    : notices_(std::make_shared<Notices>(*this, loop)), directory_(std::make_unique<Directory>(loop)) {}
+    : notices_(std::make_shared<Notices>(*this, loop)), directory_(std::make_unique<Directory>(loop, *notices_)) {}
 
 Session::~Session() {
   close();
@@ -161,25 +169,31 @@ Session::~Session() {
 
 Future<AnyObject> Session::service(const std::string& name, const std::string&) {
   if (auto local = directory_->find(name)) return Future<AnyObject>::ready(AnyObject(std::move(local)));
-  if (const Resolver resolver = directory_->resolver()) return resolver(name);
+  if (const Resolver resolver = directory_->resolver()) {
+    try {
+      auto found = resolver(name);
+      if (found.isValid()) return found;
+    } catch (...) {
+      return Future<AnyObject>::failed(std::current_exception());
+    }
+  }
   return Future<AnyObject>::failed(fmt::format("no service named {}", name));
 }
 
 ServiceId Session::registerService(const std::string& name, AnyObject object) {
   if (name.empty()) throw std::runtime_error("cannot register a service without a name");
   auto handle = std::make_shared<ServiceHandle>(name, std::move(object));
-  const ServiceId id = directory_->add(name, std::move(handle));
-  announce(id, name, true);
-  return id;
+  return directory_->add(name, std::move(handle));
 }
 
 bool Session::unregisterService(ServiceId id, const std::function<void()>& beforeDrain) {
   const auto service = directory_->remove(id);
   if (!service) return false;
-  announce(id, service->name, false);
-  service->handle->cutOff(beforeDrain);
+  service->handle->cutOff(beforeDrain, directory_->drainPatience);
   return true;
 }
+
+void Session::setDrainPatience(std::chrono::milliseconds patience) { directory_->drainPatience = patience; }
 
 std::vector<ServiceInfo> Session::services() const { return directory_->list(); }
 
