@@ -5,14 +5,27 @@
 #include <hxcommon/hxmodule.h>
 #include <libmw/log.h>
 
-#include <fmt/format.h>
-
 #include <algorithm>
+#include <utility>
+
+#include <fmt/format.h>
 
 namespace HX {
 namespace {
 
 const char* const kCategory = "hxcommon.broker";
+
+/// Runs the foreign part of a shutdown, which must come to its end whatever this throws.
+template <class Action>
+void guarded(const std::string& what, Action&& action) {
+  try {
+    action();
+  } catch (const std::exception& error) {
+    mw::log::error(kCategory, "shutdown", fmt::format("{}: {}", what, error.what()));
+  } catch (...) {
+    mw::log::error(kCategory, "shutdown", fmt::format("{}: unknown exception", what));
+  }
+}
 
 }  // namespace
 
@@ -24,7 +37,7 @@ std::shared_ptr<HXBroker> HXBroker::create(std::string name, const std::shared_p
   // A service that leaves without the broker's doing must not be found in its table of proxies either.
   broker->session_->serviceUnregistered.connect(
       mw::SignalSubscriber([weak = std::weak_ptr(broker)](mw::ServiceId, const std::string& service) {
-        if (const auto self = weak.lock()) self->forgetProxy(service);
+        if (const auto self = weak.lock()) self->forgetStaleProxy(service);
       }));
   return broker;
 }
@@ -35,23 +48,33 @@ HXBroker::~HXBroker() { shutdown(); }
 
 std::shared_ptr<HXProxy> HXBroker::getProxy(const std::string& name, int) {
   auto found = session_->service(name);
-  if (found.hasError()) return nullptr;
+  if (!found.hasValue()) return nullptr;
   mw::AnyObject service = std::move(found).take();
+  if (!service) return nullptr;
+  std::shared_ptr<HXProxy> replaced;  // Dropped after the lock, since its object may go with it.
   const std::lock_guard lock(mutex_);
   auto& known = proxies_[name];
   if (!known || known->asObject().pointer() != service.pointer()) {
-    known = std::make_shared<HXProxy>(std::move(service), name);
+    replaced = std::exchange(known, std::make_shared<HXProxy>(std::move(service), name));
   }
   return known;
 }
 
-void HXBroker::forgetProxy(const std::string& name) {
-  std::shared_ptr<HXProxy> dropped;
+/// Forgets the proxy of a service that is not offered any more. The notice of it may come late, when a successor has
+/// been registered and asked for: that one's proxy stays.
+void HXBroker::forgetStaleProxy(const std::string& name) {
+  std::shared_ptr<HXProxy> stale;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = proxies_.find(name);
+    if (found == proxies_.end()) return;
+    stale = found->second;
+  }
+  const auto offered = session_->services();
+  if (std::ranges::find(offered, name, &mw::ServiceInfo::name) != offered.end()) return;
   const std::lock_guard lock(mutex_);
   const auto found = proxies_.find(name);
-  if (found == proxies_.end()) return;
-  dropped = std::move(found->second);
-  proxies_.erase(found);
+  if (found != proxies_.end() && found->second == stale) proxies_.erase(found);
 }
 
 void HXBroker::loadModule(const std::string& library) {
@@ -77,24 +100,42 @@ void HXBroker::loadModule(const std::string& library) {
   throw std::runtime_error(fmt::format("module library {}: {}", loaded.path(), failure));
 }
 
+void HXBroker::requireRunning(const std::string& moduleName) const {
+  if (shutDown_) throw std::runtime_error(fmt::format("module {}: broker {} is shut down", moduleName, name_));
+}
+
 void HXBroker::registerModule(std::shared_ptr<HXModuleCore> module) {
   const std::string& name = module->getName();
   const mw::ServiceId service = session_->registerService(name, mw::AnyObject(module));
-  const std::lock_guard lock(mutex_);
-  modules_.push_back({std::move(module), service});
+  try {
+    const std::lock_guard lock(mutex_);
+    requireRunning(name);
+    modules_.push_back({module, service});
+  } catch (...) {
+    session_->unregisterService(service);
+    throw;
+  }
 }
 
 bool HXBroker::unregisterModule(const std::string& name) {
+  return unregisterFirst([&](const HXModuleCore& module) { return module.getName() == name; });
+}
+
+bool HXBroker::unregisterModule(const HXModuleCore& module) {
+  return unregisterFirst([&](const HXModuleCore& one) { return &one == &module; });
+}
+
+bool HXBroker::unregisterFirst(const IsWanted& isWanted) {
   Hosted hosted;
   {
     const std::lock_guard lock(mutex_);
-    const auto found = std::ranges::find(modules_, name, [](const Hosted& one) { return one.module->getName(); });
+    const auto found = std::ranges::find_if(modules_, [&](const Hosted& one) { return isWanted(*one.module); });
     if (found == modules_.end()) return false;
     hosted = std::move(*found);
     modules_.erase(found);
   }
-  forgetProxy(name);
   session_->unregisterService(hosted.service, [&] { hosted.module->interrupt(); });
+  forgetStaleProxy(hosted.module->getName());
   return true;
 }
 
@@ -105,30 +146,30 @@ std::vector<std::string> HXBroker::modules() const {
   return names;
 }
 
-HXBroker::Hosted HXBroker::lastModule() const {
+std::shared_ptr<HXModuleCore> HXBroker::lastModule() const {
   const std::lock_guard lock(mutex_);
-  return modules_.empty() ? Hosted{} : modules_.back();
+  return modules_.empty() ? nullptr : modules_.back().module;
+}
+
+void HXBroker::exitModule(std::shared_ptr<HXModuleCore> module) {
+  const std::string name = module->getName();
+  if (auto* own = dynamic_cast<HXModule*>(module.get())) {
+    guarded(fmt::format("exit of module {}", name), [&] { own->exit(); });
+  }
+  unregisterModule(*module);  // Modules whose `exit` did not do it.
+  const std::weak_ptr<HXModuleCore> gone = module;
+  module.reset();
+  if (!gone.expired()) {
+    mw::log::warning(kCategory, "shutdown", fmt::format("module {} has left, and somebody still holds it", name));
+  }
 }
 
 void HXBroker::shutdown() {
-  while (true) {
-    Hosted last = lastModule();
-    if (!last.module) break;
-    const std::string name = last.module->getName();
-    if (auto* module = dynamic_cast<HXModule*>(last.module.get())) {
-      try {
-        module->exit();
-      } catch (const std::exception& error) {
-        mw::log::error(kCategory, "shutdown", fmt::format("module {} failed to exit: {}", name, error.what()));
-      }
-    }
-    unregisterModule(name);  // Modules whose `exit` did not do it.
-    const std::weak_ptr<mw::GenericObject> gone = last.module;
-    last.module.reset();
-    if (!gone.expired()) {
-      mw::log::warning(kCategory, "shutdown", fmt::format("module {} has left, and somebody still holds it", name));
-    }
+  {
+    const std::lock_guard lock(mutex_);
+    if (std::exchange(shutDown_, true)) return;
   }
+  while (auto last = lastModule()) exitModule(std::move(last));
   session_->close();
   closeLibraries();
 }
@@ -139,7 +180,9 @@ void HXBroker::closeLibraries() {
     const std::lock_guard lock(mutex_);
     loaded.swap(libraries_);
   }
-  for (auto library = loaded.rbegin(); library != loaded.rend(); ++library) library->closeModule();
+  for (auto library = loaded.rbegin(); library != loaded.rend(); ++library) {
+    guarded(fmt::format("closing of module library {}", library->path()), [&] { library->closeModule(); });
+  }
 }
 
 }  // namespace HX

@@ -1,9 +1,11 @@
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxmodule.h>
+#include <libmw/log.h>
+
+#include <algorithm>
+#include <stdexcept>
 
 #include <fmt/format.h>
-
-#include <stdexcept>
 
 namespace HX {
 
@@ -30,8 +32,10 @@ void HXModuleCore::initModule() {
 }
 
 void HXModuleCore::sleepFor(std::chrono::milliseconds duration) {
+  // Added to the present time, the longest durations would overflow.
+  static constexpr std::chrono::hours kLongest{24 * 365};
   std::unique_lock lock(mutex_);
-  wakeUp_.wait_for(lock, duration, [this] { return interrupted_; });
+  wakeUp_.wait_for(lock, std::min<std::chrono::milliseconds>(duration, kLongest), [this] { return interrupted_; });
   lock.unlock();
   checkRunning();
 }
@@ -64,7 +68,7 @@ void HXModuleCore::setReturn(std::string name, std::string description) {
 }
 
 void HXModuleCore::bindMethodOverload(const std::shared_ptr<const HXFunctorBase>& functor) {
-  objectBuilder().advertiseMethod(current_, functor->function());
+  objectBuilder().advertiseMethod(current_, functor ? functor->function() : mw::AnyFunction());
 }
 
 void HXModuleCore::bindSignal(std::string name, mw::SignalBase& signal) {
@@ -84,7 +88,7 @@ void HXModule::init() {}
 void HXModule::stop() {}
 
 void HXModule::exit() {
-  if (const auto broker = findParentBroker()) broker->unregisterModule(getName());
+  if (const auto broker = findParentBroker()) broker->unregisterModule(*this);
 }
 
 void HXModule::start(const std::shared_ptr<HXModule>& module) {
@@ -92,10 +96,19 @@ void HXModule::start(const std::shared_ptr<HXModule>& module) {
   try {
     module->init();
   } catch (const HXError& error) {
-    module->exit();
-    throw HXError(error);
+    const HXError reason(error);
+    try {
+      module->exit();
+    } catch (const std::exception& second) {
+      mw::log::error("hxcommon.module", "createModule",
+                     fmt::format("exit of module {} failed: {}", module->getName(), second.what()));
+    } catch (...) {
+      mw::log::error("hxcommon.module", "createModule", fmt::format("exit of module {} failed", module->getName()));
+    }
+    module->HXModule::exit();  // For an override that does not get that far.
+    throw reason;
   } catch (...) {
-    module->getParentBroker()->unregisterModule(module->getName());
+    module->HXModule::exit();
     throw;
   }
 }

@@ -2,14 +2,13 @@
 
 #include <libmw/os.h>
 
-#include <fmt/format.h>
-
 #include <dlfcn.h>
-
 #include <filesystem>
 #include <stdexcept>
 #include <string_view>
 #include <vector>
+
+#include <fmt/format.h>
 
 namespace HX {
 namespace {

@@ -4,6 +4,7 @@
 #include <hxerror/api.h>
 #include <libmw/session.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -64,10 +65,13 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   /// Lets a module go: withdraws its service, wakes up its sleepers, waits for the calls that run in it.
   /// @return False when there is no such module.
   bool unregisterModule(const std::string& name);
+  /// The same for this very module: a namesake stays.
+  bool unregisterModule(const HXModuleCore& module);
   /// The modules of this process, in the order of their registration.
   std::vector<std::string> modules() const;
 
-  /// Tells every module to exit, the last one first, and lets it go. Final; may be called again.
+  /// Tells every module to exit, the last one first, and lets it go; what an exit throws is logged. Final. Called
+  /// again it does nothing, also from inside a module's exit, and while another thread shuts down it does not wait.
   void shutdown();
 
  private:
@@ -77,8 +81,12 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   };
 
   explicit HXBroker(std::string name);
-  void forgetProxy(const std::string& name);
-  Hosted lastModule() const;
+  using IsWanted = std::function<bool(const HXModuleCore&)>;
+  bool unregisterFirst(const IsWanted& isWanted);
+  void forgetStaleProxy(const std::string& name);
+  void requireRunning(const std::string& moduleName) const;
+  std::shared_ptr<HXModuleCore> lastModule() const;
+  void exitModule(std::shared_ptr<HXModuleCore> module);
   void closeLibraries();
 
   const std::string name_;
@@ -89,6 +97,7 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   std::vector<Hosted> modules_;
   std::map<std::string, std::shared_ptr<HXProxy>> proxies_;
   std::vector<ModuleLibrary> libraries_;
+  bool shutDown_ = false;
 };
 
 }  // namespace HX
