@@ -1,0 +1,164 @@
+#include "process.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace std::chrono_literals;
+using kit::Process;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+std::string module(const std::string& name) { return TEST_MODULES "/lib" + name + ".so"; }
+
+/// The command line `korvo run ARGUMENT...`. What the memory logs is no part of these tests.
+std::vector<std::string> korvoRun(const std::vector<std::string>& arguments) {
+  std::vector<std::string> command{KORVO_PROGRAM, "run", "--log-level", "error"};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
+}
+
+Process::Result korvo(const std::vector<std::string>& arguments, std::string_view input = {}) {
+  return kit::runProcess(korvoRun(arguments), input);
+}
+
+TEST(Console, SetsGetsAndRemovesInTheMemory) {
+  const auto result = korvo({"--console"}, "set Foo 1\nget Foo\nrm Foo\nget Foo\n");
+  EXPECT_EQ(result.out, "1\n");
+  EXPECT_EQ(result.err, "error: HXMemory.getData: Data not found Foo\n");
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST(Console, GoesOnBehindEveryWrongLine) {
+  const auto result = korvo({"--console"},
+                            "frobnicate\nset Foo [1,\nset Foo\nset Foo 1 2\ncall Nobody x\ncall HXMemory x\n"
+                            "call HXMemory getData 1 2 3\nset Foo 2\nget Foo");
+  EXPECT_EQ(result.out, "2\n");
+  EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 7);
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST(Console, DrivesTheWholeMemory) {
+  const auto result = korvo({"--console"},
+                            "declare Door HXMemory\nwatch Door\nraise Door 1.0\nhistory Door\ntype Door\nevents\n"
+                            "describe Door \"Front door\"\ndescriptions Door\ninfo Door\n"
+                            "call HXMemory getIntPtr \"Count\"\nget Count\ncall HXMemory subscriber \"Door\"\n");
+  EXPECT_EQ(result.err, "");
+  EXPECT_THAT(
+      result.out,
+      AllOf(StartsWith("{\"key\":\"Door\",\"value\":1.0,\"time\":\""), HasSubstr("\n{\"value\":1.0,\"time\":\""),
+            HasSubstr("\n\"Event\"\n\"Door\"\n\"HXMemory/KeyAdded\"\n"),
+            HasSubstr("\n[\"Door\",\"event\",\"Front door\"]\n{\"key\":\"Door\",\"kind\":\"Event\""),
+            HasSubstr("\"extractor\":\"HXMemory\",\"description\":\"Front door\"}\n\"0x"),
+            HasSubstr("\"\n0\n{\"object\":\"HXMemorySubscriber\",\"id\":")));
+}
+
+TEST(Console, EndsWhileACallLasts) {
+  Process process(korvoRun({"--no-memory", "--module", module("sleeper"), "--console"}));
+  process.write("call Sleeper sleep\n");
+  ASSERT_TRUE(process.waitFor("sleeping"));
+  process.send(SIGTERM);
+  const auto result = process.finish(10s);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_LT(result.took, 2s);
+}
+
+TEST(Live, PrintsSnapshotsWhereThereIsNoTerminal) {
+  Process process(korvoRun({"--live"}));
+  ASSERT_TRUE(process.waitFor("KorvoReady               MicroEvent"));
+  process.send(SIGINT);
+  EXPECT_EQ(process.finish().status, 0);
+}
+
+TEST(Modules, AreLoadedInOrderAndLeaveInReverse) {
+  const auto result = korvo({"--module", module("greeter"), "--module", module("sleeper"), "--console"},
+                            "services\ncall Greeter greet \"you\"\n");
+  EXPECT_EQ(result.out, "\"HXMemory\"\n\"Greeter\"\n\"Sleeper\"\n\"Hello, you\"\nSleeper leaves\nGreeter leaves\n");
+  EXPECT_EQ(result.err, "");
+}
+
+TEST(Modules, AreFoundByNameInTheFoldersOfTheVariable) {
+  const auto result = kit::runProcess(korvoRun({"--no-memory", "--module", "greeter", "--console"}),
+                                      "call Greeter greet \"you\"\n", {"KORVO_MODULE_PATH=" TEST_MODULES});
+  EXPECT_THAT(result.out, StartsWith("\"Hello, you\"\n"));
+}
+
+struct BrokenModule {
+  std::string library;
+  std::string why;
+};
+
+class BrokenModules : public testing::TestWithParam<BrokenModule> {};
+
+TEST_P(BrokenModules, AreOneLineAndTheOthersRun) {
+  const auto result = korvo({"--module", GetParam().library, "--module", module("greeter"), "--console"}, "services\n");
+  EXPECT_THAT(result.out, StartsWith("\"HXMemory\"\n\"Greeter\"\n"));
+  EXPECT_EQ(result.err, "error: module library " + GetParam().library + ": " + GetParam().why + "\n");
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST_P(BrokenModules, EndTheProgramWhenThereIsNoOther) {
+  const auto result = korvo({"--no-memory", "--module", GetParam().library});
+  EXPECT_THAT(result.err, StartsWith("error: module library " + GetParam().library + ": "));
+  EXPECT_EQ(result.status, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Libraries, BrokenModules,
+                         testing::Values(BrokenModule{module("missing"), "no such file"},
+                                         BrokenModule{module("noentry"), "it has no entry point _createModule"},
+                                         BrokenModule{module("throwsinconstructor"), "no hands to build with"},
+                                         BrokenModule{module("throwsininit"), "ThrowsInInit.init: no motor"}),
+                         [](const auto& test) { return "Library" + std::to_string(test.index); });
+
+class Signals : public testing::TestWithParam<int> {};
+
+TEST_P(Signals, EndTheBrokerInOrder) {
+  Process process({KORVO_PROGRAM, "run", "--module", module("greeter")});
+  ASSERT_TRUE(process.waitFor("broker korvo is running: HXMemory, Greeter"));
+  process.send(GetParam());
+  const auto result = process.finish(10s);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out, "Greeter leaves\n");
+  EXPECT_LT(result.took, 2s);
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, Signals, testing::Values(SIGTERM, SIGINT));
+
+TEST(SecondSignal, EndsTheProgramAtOnceWhenTheFirstOneCannot) {
+  Process process(korvoRun({"--no-memory", "--module", module("sleeper"), "--console"}));
+  process.write("call Sleeper hang\n");
+  ASSERT_TRUE(process.waitFor("hanging"));
+  process.send(SIGINT);
+  ASSERT_TRUE(process.waitFor("Sleeper leaves"));
+  process.send(SIGINT);
+  EXPECT_EQ(process.finish(10s).status, 130);
+}
+
+TEST(CommandLine, IsTaughtByHelp) {
+  const auto result = kit::runProcess({KORVO_PROGRAM, "run", "--help"});
+  EXPECT_THAT(result.out, AllOf(HasSubstr("--module"), HasSubstr("Exit status"), HasSubstr("Examples")));
+  EXPECT_EQ(result.status, 0);
+}
+
+class WrongUsage : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(WrongUsage, IsToldAndExitsWithTwo) {
+  std::vector<std::string> command{KORVO_PROGRAM};
+  command.insert(command.end(), GetParam().begin(), GetParam().end());
+  const auto result = kit::runProcess(command);
+  EXPECT_EQ(result.out, "");
+  EXPECT_NE(result.err, "");
+  EXPECT_EQ(result.status, 2);
+}
+
+using Words = std::vector<std::string>;
+INSTANTIATE_TEST_SUITE_P(CommandLines, WrongUsage,
+                         testing::Values(Words{}, Words{"fly"}, Words{"run", "--fly"}, Words{"run", "more"},
+                                         Words{"run", "--name", "a/b"}, Words{"run", "--name", ".."},
+                                         Words{"run", "--name", ""}, Words{"run", "--module"},
+                                         Words{"run", "--log-level", "loud"}, Words{"run", "--live", "--console"},
+                                         Words{"run", "--data-dir", "/nowhere/at/all"}));
+
+}  // namespace

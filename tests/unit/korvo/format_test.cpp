@@ -1,0 +1,90 @@
+#include "format.h"
+
+#include <libmw/objecttypebuilder.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+namespace korvo {
+namespace {
+
+using HX::HXValue;
+
+TEST(EscapeControls, LeavesEverythingElseAsItIs) {
+  EXPECT_EQ(escapeControls("a\nb\r\tc\x1b[1m\x7f \\ h\xc3\xb6 \xff"), "a\\nb\\r\\tc\\x1b[1m\\x7f \\ h\xc3\xb6 \xff");
+}
+
+struct Door {
+  mw::Signal<int> opened;
+};
+
+struct Unknown {};
+
+TEST(FormatResult, PrintsNothingForNothingAndNullForTheInvalidValue) {
+  EXPECT_EQ(formatResult(mw::AnyValue()), std::nullopt);
+  EXPECT_EQ(formatResult(mw::AnyValue(HXValue())), "null");
+}
+
+TEST(FormatResult, KeepsDecimalsDecimal) {
+  EXPECT_EQ(formatResult(mw::AnyValue(1.0)), "1.0");
+  EXPECT_EQ(formatResult(mw::AnyValue(0.1f)), "0.1");
+  EXPECT_EQ(formatResult(mw::AnyValue(HXValue::list({1, 1.0, "x"}))), "[1,1.0,\"x\"]");
+}
+
+TEST(FormatResult, PrintsListsOfStringsAsOneList) {
+  EXPECT_EQ(formatResult(mw::AnyValue(std::vector<std::string>{"a", "b"})), "[\"a\",\"b\"]");
+}
+
+TEST(FormatResult, PrintsAPointerAsItsHexadecimalAddress) {
+  EXPECT_EQ(formatResult(mw::AnyValue(reinterpret_cast<int*>(0xabc0))), "\"0xabc0\"");
+}
+
+TEST(FormatResult, PrintsTypeAndIdentityOfAnObject) {
+  mw::ObjectTypeBuilder<Door> builder("Door");
+  builder.advertiseSignal("opened", &Door::opened).registerType();
+  const auto door = std::make_shared<Door>();
+  const std::string id = std::to_string(mw::AnyObject::from(door)->identity());
+  EXPECT_EQ(formatResult(mw::AnyValue(door)), "{\"object\":\"Door\",\"id\":" + id + "}");
+  EXPECT_EQ(formatResult(mw::AnyValue(std::shared_ptr<Door>())), "null");
+}
+
+TEST(FormatResult, NamesTheTypeOfWhatHasNoValueForm) {
+  EXPECT_NE(formatResult(mw::AnyValue(Unknown()))->find("Unknown"), std::string::npos);
+}
+
+TEST(FormatTime, IsLocalWithItsOffset) {
+  const mw::SystemTimePoint time(std::chrono::seconds(1) + std::chrono::microseconds(250));
+  const auto inZone = [&](const char* zone) {
+    setenv("TZ", zone, 1);
+    tzset();
+    return formatTime(time);
+  };
+  EXPECT_EQ(inZone("UTC"), "1970-01-01T00:00:01.000250+00:00");
+  EXPECT_EQ(inZone("XXX-05:30"), "1970-01-01T05:30:01.000250+05:30");
+  EXPECT_EQ(inZone("XXX03:30"), "1969-12-31T20:30:01.000250-03:30");
+  EXPECT_EQ(inZone("XXX00:30"), "1969-12-31T23:30:01.000250-00:30");
+  unsetenv("TZ");
+  tzset();
+}
+
+TEST(ToStamped, TakesTheThreePartsOnly) {
+  const Stamped stamped = toStamped(HXValue::list({"v", 2, 5}));
+  EXPECT_EQ(stamped.value, HXValue("v"));
+  EXPECT_EQ(stamped.time.time_since_epoch(), std::chrono::microseconds(2'000'005));
+  EXPECT_THROW(toStamped(HXValue()), std::runtime_error);
+  EXPECT_THROW(toStamped(HXValue::list({"v", 2})), std::runtime_error);
+}
+
+TEST(JsonObject, KeepsTheOrderOfItsNames) {
+  EXPECT_EQ(JsonObject().add("z", 1).addText("a", "[2]").addValue("t").text(), "{\"z\":1,\"a\":[2],\"value\":\"t\"}");
+}
+
+TEST(JsonObject, NotesValuesThatJsonCannotTell) {
+  EXPECT_EQ(JsonObject().addValue("\xff").text(), "{\"value\":\"\xef\xbf\xbd\",\"replaced\":true}");
+}
+
+}  // namespace
+}  // namespace korvo

@@ -1,0 +1,53 @@
+#include "output.h"
+
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace korvo {
+namespace {
+
+TEST(Output, KeepsErrorsOnOneLineOfTheirOwnStream) {
+  std::ostringstream values;
+  std::ostringstream errors;
+  Output output(values, errors);
+  output.line("1");
+  output.error("two\nlines");
+  EXPECT_EQ(values.str(), "1\n");
+  EXPECT_EQ(errors.str(), "error: two\\nlines\n");
+}
+
+TEST(Output, TellsWhenNobodyReadsValuesAnyMore) {
+  std::ostringstream values;
+  std::ostringstream errors;
+  Output output(values, errors);
+  errors.setstate(std::ios::badbit);
+  output.error("lost");
+  EXPECT_TRUE(output.works());
+  values.setstate(std::ios::badbit);
+  output.line("lost");
+  EXPECT_FALSE(output.works());
+}
+
+TEST(Output, PrintsWhatItKeptBackAboveTheLineBeingTyped) {
+  std::ostringstream values;
+  std::ostringstream errors;
+  Output output(values, errors);
+  int arrived = 0;
+  output.hold([&] { ++arrived; });
+  output.line("1");
+  output.error("two");
+  EXPECT_EQ(arrived, 2);
+  EXPECT_EQ(values.str(), "");
+  EXPECT_TRUE(output.writeHeld());
+  EXPECT_FALSE(output.writeHeld());
+  EXPECT_EQ(values.str(), "\r\x1b[K1\nerror: two\n");
+  output.line("3");
+  output.release();
+  output.line("4");
+  EXPECT_EQ(arrived, 3);
+  EXPECT_TRUE(values.str().ends_with("3\n4\n"));
+}
+
+}  // namespace
+}  // namespace korvo
