@@ -44,7 +44,7 @@ HXMemory::OnlyOne::OnlyOne() {
 }
 
 HXMemory::OnlyOne::~OnlyOne() {
-  staticBroker = nullptr;
+  STMValue::setBrokerInstance(nullptr);
   memoryExists.clear();
 }
 

@@ -4,6 +4,7 @@
 #include <hxcommon/hxbroker.h>
 
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 
 namespace HX {
@@ -80,25 +81,22 @@ void HXMemory::runExtractor(const std::string& event, const std::string& subscri
 }
 
 void HXMemory::stopExtractor(const std::string& event, const std::string& subscriberId) {
-  std::string extractor;
+  std::optional<std::string> extractor;
   {
     const boost::shared_lock lock(eventExtractorsLock);
     const auto found = eventExtractors.find(event);
-    if (found != eventExtractors.end()) {
-      extractor = found->second.module;
-    } else {
-      HX_LOG_AS(Info, memoryCategory(), "stopExtractor", "stopExtractor no extractor for " + event);
-    }
+    if (found != eventExtractors.end()) extractor = found->second.module;
   }
-  if (isNobody(extractor)) return;
+  if (!extractor) HX_LOG_AS(Info, memoryCategory(), "stopExtractor", "stopExtractor no extractor for " + event);
+  if (!extractor || isNobody(*extractor)) return;
   try {
     // An extractor that cannot be reached needs no telling.
-    const auto proxy = getParentBroker()->getProxy(extractor, 0);
+    const auto proxy = getParentBroker()->getProxy(*extractor, 0);
     if (!proxy || !wantsSubscribers(proxy->asObject())) return;
   } catch (const std::exception&) {
     return;
   }
-  const auto proxy = getParentBroker()->getProxy(extractor, 0);
+  const auto proxy = getParentBroker()->getProxy(*extractor, 0);
   if (!proxy) throw std::runtime_error("This object is null");
   proxy->call("unsubscribe", subscriberId);
 }

@@ -31,6 +31,7 @@ void HXMemorySignal::trigger(mw::GenericFunctionParameters parameters, mw::MetaC
     const mw::AnyReference given = parameters.front().content();
     if (!given.toValue(value)) throw mw::ConversionError(given.type(), mw::typeOf<HXValue>(), {});
   }
+  if (!memory_) throw std::runtime_error("this signal stands for no event");
   const auto pass = memoryLifetime_.enter();
   if (!pass) throw std::runtime_error("cannot raise " + eventName_ + ": its memory is gone");
   memory_->raiseEvent(eventName_, value);

@@ -27,8 +27,6 @@ std::shared_ptr<STMValue> STMValue::create(HXMemory* memory, const std::string& 
   return {new STMValue(memory, name, std::move(value), kind, time), &STMValue::retire};
 }
 
-void STMValue::setBrokerInstance(const std::shared_ptr<HXBroker>& broker) { staticBroker = broker.get(); }
-
 const char* STMValue::kindText(dataType kind) {
   switch (kind) {
     case UnknownData: return "Unknown data";

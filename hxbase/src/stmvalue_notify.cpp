@@ -40,7 +40,21 @@ class Retirement {
   int count_ = 0;
 };
 
+// Beside the broker's address: a memory may be held, and raise, when its broker has gone. Written as `staticBroker` is.
+std::weak_ptr<mw::Session> brokerSession;
+
+mw::Future<mw::AnyObject> lookUp(const std::string& module) {
+  const auto session = brokerSession.lock();
+  if (!session) return mw::makeFailedFuture<mw::AnyObject>("the broker of the memory is gone");
+  return session->service(module, "");
+}
+
 }  // namespace
+
+void STMValue::setBrokerInstance(const std::shared_ptr<HXBroker>& broker) {
+  staticBroker = broker.get();
+  brokerSession = broker ? broker->session() : nullptr;
+}
 
 /// Keeps removed records until the outermost dispatch of the item ends. Held under `notifierLock`.
 class STMValue::Dispatch {
@@ -61,11 +75,12 @@ void STMValue::retire(STMValue* item) {
     delete item;
     return;
   }
-  Retirement::instance().begin();
-  mw::defaultLoop().post([item] {
+  const auto end = [item] {
     delete item;
     Retirement::instance().end();
-  });
+  };
+  Retirement::instance().begin();
+  if (!mw::defaultLoop().post(end)) end();  // The process is ending, and the loop has: nobody else will do it.
 }
 
 void STMValue::drainRetired() { Retirement::instance().drain(); }
@@ -122,7 +137,7 @@ void STMValue::xCleanFinished() {
 void STMValue::removeNotifier(Notifiers::iterator record) {
   ++changes_;
   if (dispatching_ > 0) {
-    removed_.push_back(notifiers_.extract(record));
+    removed_.insert(notifiers_.extract(record));
   } else {
     notifiers_.erase(record);
   }
@@ -172,7 +187,7 @@ void STMValue::look(const std::string& module, const std::string& key, const HXV
   const auto finished = [item = weak_from_this(), module](const mw::Future<void>& outcome) {
     if (const auto held = item.lock()) held->reportAndClean(module, outcome);
   };
-  auto pending = staticBroker->session()->service(module, "").andThen(resolved).then(finished);
+  auto pending = lookUp(module).andThen(resolved).then(finished);
   if (!pending.isFinished()) pendingNotifications_.push_back(std::move(pending));
 }
 

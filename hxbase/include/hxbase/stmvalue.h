@@ -53,7 +53,7 @@ class STMValue : public std::enable_shared_from_this<STMValue> {
   /// Destroys what is still waiting to be destroyed on the event loop; returns when it is done.
   static void drainRetired();
 
-  /// Sets the broker that notification looks subscribers up with. Keeps the address only; empty clears it.
+  /// Sets the broker whose session notification looks subscribers up with. Neither is kept alive; empty clears it.
   static void setBrokerInstance(const std::shared_ptr<HXBroker>& broker);
 
   /// "Data", "Event", …; "Unknown" for a number that is no kind.
@@ -142,7 +142,7 @@ class STMValue : public std::enable_shared_from_this<STMValue> {
 
   // A record that goes while it is being called still owns the method's name and the call state: it waits here until
   // the outermost dispatch ends. `changes_` tells a walk whether its iterator is still good.
-  std::vector<Notifiers::node_type> removed_;
+  std::multimap<std::string, STMNotifier> removed_;
   std::uint64_t changes_ = 0;
   int dispatching_ = 0;
 };
