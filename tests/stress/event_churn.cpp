@@ -1,0 +1,128 @@
+#include "listener.h"
+#include "memory_fixture.h"
+
+#include <libmw/eventloop.h>
+#include <libmw/log.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace HX {
+namespace {
+
+/// How long the threads go on: KORVO_STRESS_SECONDS, or 3 seconds.
+std::chrono::seconds duration() {
+  const char* const seconds = std::getenv("KORVO_STRESS_SECONDS");
+  return std::chrono::seconds(seconds ? std::atoi(seconds) : 3);
+}
+
+/// Everything that can happen to one event, at once. Whoever is told a value must be told one that was raised.
+class EventChurn : public kit::MemoryFixture {
+ protected:
+  static constexpr std::int64_t kMark = 7919;  ///< Raised values are multiples of it; torn ones hardly.
+
+  void SetUp() override {
+    wasOnStderr_ = mw::log::setStderrSink(false);  // Subscribers that cannot be found any more are no news here.
+    MemoryFixture::SetUp();
+    for (const char* name : {"near", "nearer"}) {
+      broker->session()->registerService(name, mw::AnyObject(listener()));
+    }
+    broker->session()->setResolver([this](const std::string& name) { return lookUp(name); });
+  }
+
+  void TearDown() override {
+    MemoryFixture::TearDown();
+    mw::log::setStderrSink(wasOnStderr_);
+  }
+
+  std::shared_ptr<kit::Listener> listener() {
+    auto made = kit::Listener::make(false);
+    made->react = [this](const auto& heard) { check(heard.value); };
+    return made;
+  }
+
+  /// "far" is found a little later on another thread, "nowhere" is not found.
+  mw::Future<mw::AnyObject> lookUp(const std::string& name) {
+    return mw::defaultLoop().async([this, name] {
+      if (name == "nowhere") throw std::runtime_error("no service named " + name);
+      return mw::AnyObject(far_);
+    });
+  }
+
+  void check(const HXValue& value) {
+    const bool wasRaised = value.getType() == HXValue::Type::Int64 && value.asInt64() % kMark == 0 &&
+                           value.asInt64() / kMark <= raised_.load();
+    if (!wasRaised) ++strange_;
+    ++delivered_;
+  }
+
+  void raise() { memory->raiseEvent("E", HXValue(++raised_ * kMark)); }
+
+  void changeSubscriptions(unsigned step) {
+    const char* const names[] = {"near", "far", "nearer", "nowhere"};
+    const std::string name = names[step % 4];
+    if (step % 3 == 0) {
+      memory->unsubscribeToEvent("E", name);
+    } else {
+      memory->subscribeToEvent("E", name, step % 5 == 0 ? "heardToo" : "heard");
+    }
+  }
+
+  void changeEvent(unsigned step) {
+    if (step % 2 == 0) {
+      memory->removeEvent("E");
+    } else {
+      memory->declareEvent("E", "");
+    }
+  }
+
+  void changeClients(unsigned step) {
+    const auto wrapper = memory->subscriber("E");
+    const auto link = wrapper->signal.connect(mw::SignalSubscriber([this](const HXValue& value) { check(value); }));
+    if (step % 4 == 0) wrapper->signal(mw::AnyValue(HXValue(++raised_ * kMark)));
+    wrapper->signal.disconnect(link);
+  }
+
+  /// Does `step` over and over on a thread of its own. That the event or the subscription is just not there is no news.
+  void churn(std::function<void(unsigned)> step) {
+    threads_.emplace_back([this, step = std::move(step)] {
+      for (unsigned i = 0; !stopping_; ++i) {
+        try {
+          step(i);
+        } catch (const HXError&) {
+        } catch (const std::runtime_error& error) {
+          if (std::string(error.what()) != "event not found") throw;
+        }
+      }
+    });
+  }
+
+  const std::shared_ptr<kit::Listener> far_ = listener();
+  std::atomic<std::int64_t> raised_{0};
+  std::atomic<std::int64_t> delivered_{0};
+  std::atomic<std::int64_t> strange_{0};
+  std::atomic<bool> stopping_{false};
+  std::vector<std::thread> threads_;
+  bool wasOnStderr_ = true;
+};
+
+TEST_F(EventChurn, DeliversOnlyWhatWasRaisedAndEnds) {
+  churn([this](unsigned) { raise(); });
+  churn([this](unsigned) { raise(); });
+  churn([this](unsigned step) { changeSubscriptions(step); });
+  churn([this](unsigned step) { changeEvent(step); });
+  churn([this](unsigned step) { changeClients(step); });
+  std::this_thread::sleep_for(duration());
+  stopping_ = true;
+  for (auto& thread : threads_) thread.join();
+  shutDown();
+  EXPECT_GT(delivered_, 0);
+  EXPECT_EQ(strange_, 0);
+}
+
+}  // namespace
+}  // namespace HX

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "capture_log.h"
+#include "listener.h"
+#include "memory_fixture.h"
+#include "print_value.h"
+
+#include <libmw/eventloop.h>
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+namespace HX {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Entry = kit::CaptureLog::Entry;
+
+/// Runs `action`, which must fail with a runtime error, and gives its text.
+inline std::string errorOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+  ADD_FAILURE() << "nothing was thrown";
+  return {};
+}
+
+/// A memory with listeners in its broker.
+class EventsFixture : public kit::MemoryFixture {
+ protected:
+  std::shared_ptr<kit::Listener> offer(const std::string& name) {
+    auto listener = kit::Listener::make();
+    broker->session()->registerService(name, mw::AnyObject(listener));
+    return listener;
+  }
+
+  std::shared_ptr<kit::Listener> subscribed(const std::string& name, const std::string& event = "E") {
+    auto listener = offer(name);
+    memory->subscribeToEvent(event, name, "heard");
+    return listener;
+  }
+
+  std::vector<std::string> subscribers(const std::string& event = "E") { return memory->getDataSubscriber(event); }
+
+  void withdraw(const std::string& name) {
+    for (const auto& service : broker->session()->services()) {
+      if (service.name == name) broker->session()->unregisterService(service.id);
+    }
+    mw::defaultLoop().drain();
+  }
+};
+
+}  // namespace HX

@@ -1,0 +1,192 @@
+#include "events_fixture.h"
+#include "look_ups.h"
+
+#include <libmw/eventloop.h>
+
+#include <atomic>
+#include <future>
+#include <optional>
+#include <thread>
+
+namespace HX {
+namespace {
+
+/// The subscriber "far" of "E" is looked up; the test decides when that ends.
+class SlowLookUp : public EventsFixture {
+ protected:
+  void SetUp() override {
+    EventsFixture::SetUp();
+    lookUps_.emplace(*broker->session());
+    memory->subscribeToEvent("E", "far", "heard");
+  }
+
+  mw::AnyObject found() const { return mw::AnyObject(far_); }
+
+  const std::shared_ptr<kit::Listener> far_ = kit::Listener::make();
+  std::optional<kit::LookUps> lookUps_;
+};
+
+TEST_F(SlowLookUp, DoesNotDelayTheRaiserNorTheOthers) {
+  const auto near = subscribed("near");
+  memory->raiseEvent("E", HXValue(1));
+  EXPECT_THAT(near->values(), ElementsAre(HXValue(1)));
+  EXPECT_THAT(far_->values(), IsEmpty());
+  lookUps_->take("far").setValue(found());
+  EXPECT_THAT(far_->values(), ElementsAre(HXValue(1)));
+
+  memory->raiseEvent("E", HXValue(2));
+  EXPECT_THAT(far_->values(), ElementsAre(HXValue(1), HXValue(2)));
+  EXPECT_EQ(lookUps_->waiting("far"), 0U) << "found once, it is not looked up again";
+}
+
+TEST_F(SlowLookUp, DeliversEachRaiseWhenItsOwnLookUpEnds) {
+  for (int i = 1; i <= 3; ++i) memory->raiseEvent("E", HXValue(i));
+  auto first = lookUps_->take("far");
+  auto second = lookUps_->take("far");
+  auto third = lookUps_->take("far");
+  third.setValue(found());
+  first.setValue(found());
+  memory->raiseEvent("E", HXValue(4));
+  second.setValue(found());
+  EXPECT_THAT(far_->values(), ElementsAre(HXValue(3), HXValue(1), HXValue(4), HXValue(2)));
+}
+
+TEST_F(SlowLookUp, CallsTheMethodOfTheLatestSubscription) {
+  memory->raiseEvent("E", HXValue(1));
+  memory->subscribeToEvent("E", "far", "message", "heardToo");
+  lookUps_->take("far").setValue(found());
+  EXPECT_THAT(far_->notifications(),
+              ElementsAre(kit::Listener::Notification{"heardToo", "E", HXValue(1), HXValue("message")}));
+}
+
+TEST_F(SlowLookUp, CallsNobodyWhoUnsubscribedMeanwhile) {
+  memory->raiseEvent("E", HXValue(1));
+  memory->unsubscribeToEvent("E", "far");
+  const kit::CaptureLog log({"HXMemory"});
+  lookUps_->take("far").setValue(found());
+  EXPECT_THAT(far_->values(), IsEmpty());
+  EXPECT_THAT(log.entries(), IsEmpty());
+}
+
+TEST_F(SlowLookUp, ThatFailsEndsTheSubscription) {
+  memory->raiseEvent("E", HXValue(1));
+  const kit::CaptureLog log({"HXMemory"});
+  lookUps_->take("far").setError("nobody there");
+  EXPECT_THAT(log.entries(), ElementsAre(Entry{mw::LogLevel::Warning, "HXMemory", "operator()",
+                                               "can't get proxy to far: nobody there"}));
+  EXPECT_THAT(subscribers(), IsEmpty());
+  memory->raiseEvent("E", HXValue(2));
+  EXPECT_EQ(lookUps_->waiting("far"), 0U);
+}
+
+TEST_F(SlowLookUp, ThatFindsNothingEndsTheSubscription) {
+  memory->raiseEvent("E", HXValue(1));
+  const kit::CaptureLog log({"HXMemory"});
+  lookUps_->take("far").setValue(mw::AnyObject());
+  EXPECT_THAT(log.texts(), testing::Contains("far not found, removing module reference:This object is null"));
+  EXPECT_THAT(subscribers(), IsEmpty());
+}
+
+TEST_F(SlowLookUp, ThatWasCanceledIsTriedAgainByTheNextRaise) {
+  memory->raiseEvent("E", HXValue(1));
+  lookUps_->take("far").setCanceled();
+  memory->raiseEvent("E", HXValue(2));
+  lookUps_->take("far").setValue(found());
+  EXPECT_THAT(far_->values(), ElementsAre(HXValue(2)));
+}
+
+TEST_F(SlowLookUp, IsCanceledWhenTheEventIsRemoved) {
+  memory->raiseEvent("E", HXValue(1));
+  auto running = lookUps_->take("far");
+  memory->removeEvent("E");
+  STMValue::drainRetired();
+  EXPECT_TRUE(running.future().isCanceled());
+  EXPECT_FALSE(running.trySetValue(found()));
+  EXPECT_THAT(far_->values(), IsEmpty());
+}
+
+TEST_F(SlowLookUp, OfAnEventRemovedByItsOwnSubscriberEnds) {
+  far_->react = [this](const auto&) { memory->removeEvent("E"); };
+  memory->raiseEvent("E", HXValue(1));
+  memory->raiseEvent("E", HXValue(2));
+  auto first = lookUps_->take("far");
+  auto second = lookUps_->take("far");
+  first.setValue(found());
+  STMValue::drainRetired();
+  EXPECT_TRUE(second.future().isCanceled());
+  EXPECT_THAT(far_->values(), ElementsAre(HXValue(1)));
+}
+
+TEST_F(SlowLookUp, CompletesOnOneThreadWhileAnotherRemovesTheEvent) {
+  for (int round = 0; round < 200; ++round) {
+    memory->subscribeToEvent("Race", "far", "heard");
+    memory->raiseEvent("Race", HXValue(round));
+    auto running = lookUps_->take("far");
+    std::thread completing([&] { running.trySetValue(found()); });
+    memory->removeEvent("Race");
+    completing.join();
+  }
+  STMValue::drainRetired();
+}
+
+TEST_F(SlowLookUp, DoesNotHoldUpTheShutdown) {
+  memory->raiseEvent("E", HXValue(1));
+  memory->raiseEvent("E", HXValue(2));
+  auto running = lookUps_->take("far");
+  shutDown();
+  EXPECT_TRUE(running.future().isCanceled());
+}
+
+TEST_F(SlowLookUp, MayEndWithTheShutdownFromInsideTheSubscriber) {
+  far_->react = [this](const auto&) { shutDown(); };
+  memory->raiseEvent("E", HXValue(1));
+  lookUps_->take("far").setValue(found());
+  EXPECT_THAT(far_->values(), ElementsAre(HXValue(1)));
+}
+
+TEST_F(EventsFixture, DestroyingAnItemWaitsForALookUpThatCannotBeCanceled) {
+  kit::LookUps lookUps(*broker->session(), [](kit::LookUps::Promise&) {});
+  memory->subscribeToEvent("E", "far", "heard");
+  memory->raiseEvent("E", HXValue(1));
+  memory->removeEvent("E");
+  std::atomic<bool> ended{false};
+  auto drained = std::async(std::launch::async, [&] {
+    STMValue::drainRetired();
+    return ended.load();
+  });
+  auto running = lookUps.take("far");
+  EXPECT_TRUE(running.future().isRunning());
+  ended = true;
+  running.setError("too late");
+  EXPECT_TRUE(drained.get());
+}
+
+TEST_F(EventsFixture, AResolverThatThrowsOrKnowsNothingCostsTheOthersNothing) {
+  broker->session()->setResolver([](const std::string& name) -> mw::Future<mw::AnyObject> {
+    if (name == "a") throw std::logic_error("resolver broken");
+    return {};
+  });
+  memory->subscribeToEvent("E", "a", "heard");
+  memory->subscribeToEvent("E", "b", "heard");
+  const auto c = subscribed("c");
+  const kit::CaptureLog log({"HXMemory"});
+  memory->raiseEvent("E", HXValue(1));
+  EXPECT_THAT(c->values(), ElementsAre(HXValue(1)));
+  EXPECT_THAT(subscribers(), ElementsAre("c"));
+  EXPECT_THAT(log.texts(), testing::IsSupersetOf(
+                               {"can't get proxy to a: resolver broken", "can't get proxy to b: no service named b"}));
+}
+
+TEST_F(EventsFixture, AMemoryThatOutlivesItsBrokerFindsNobody) {
+  memory->subscribeToEvent("E", "far", "heard");
+  generic.reset();
+  broker->shutdown();
+  broker.reset();
+  const kit::CaptureLog log({"HXMemory"});
+  memory->raiseEvent("E", HXValue(1));
+  EXPECT_THAT(log.texts(), ElementsAre("can't get proxy to far: the broker of the memory is gone"));
+  EXPECT_THAT(subscribers(), IsEmpty());
+}
+
+}  // namespace
+}  // namespace HX

@@ -1,0 +1,327 @@
+#include "events_fixture.h"
+
+#include <libmw/path.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <thread>
+
+namespace HX {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// A service with signals of every shape.
+class Door : public mw::DynamicObject {
+ public:
+  Door() {
+    mw::ObjectBuilder builder;
+    builder.advertiseSignal("opened", opened);
+    builder.advertiseSignal("closed", closed);
+    builder.advertiseSignal("moved", moved);
+    builder.advertiseSignal("replaced", replaced);
+    setType(builder.build());
+  }
+
+  mw::Future<mw::SignalLink> metaConnect(unsigned signal, const mw::SignalSubscriber& subscriber) override {
+    if (jammed) return mw::Future<mw::SignalLink>::failed("the door is jammed");
+    return DynamicObject::metaConnect(signal, subscriber);
+  }
+
+  mw::Signal<HXValue> opened;
+  mw::Signal<> closed;
+  mw::Signal<int, int> moved;
+  mw::Signal<mw::AnyObject> replaced;
+  bool jammed = false;
+};
+
+/// The map file, for as long as it lives.
+class MapFile {
+ public:
+  explicit MapFile(const std::string& content) {
+    fs::create_directories(path().parent_path());
+    std::ofstream(path(), std::ios::binary) << content;
+  }
+  MapFile(const MapFile&) = delete;
+  MapFile& operator=(const MapFile&) = delete;
+  ~MapFile() { fs::remove_all(path()); }
+
+  static const fs::path& path() {
+    static const fs::path path = [] {
+      std::string folder = (fs::temp_directory_path() / "korvo-map-XXXXXX").string();
+      if (!::mkdtemp(folder.data())) throw std::runtime_error("no temporary folder");
+      mw::path::prependDataDir(folder);
+      return fs::path(folder) / "hxmemory_map_signal_event.txt";
+    }();
+    return path;
+  }
+};
+
+class Mapping : public EventsFixture {
+ protected:
+  std::shared_ptr<Door> offerDoor(const std::string& name = "Door") {
+    auto door = std::make_shared<Door>();
+    broker->session()->registerService(name, mw::AnyObject(door));
+    mw::defaultLoop().drain();
+    return door;
+  }
+
+  /// Begins anew with `prepare` done between the making of the broker and that of the memory.
+  template <class Prepare>
+  void startWith(Prepare prepare) {
+    shutDown();
+    broker = HXBroker::create("mapping");
+    prepare();
+    memory = HXModule::createModule<HXMemory>(broker, "HXMemory");
+  }
+
+  /// How often `emit` raises `event`.
+  template <class Emit>
+  std::size_t raisesOf(const std::string& event, Emit emit) {
+    std::size_t raises = 0;
+    const auto wrapper = memory->subscriber(event);
+    const auto link = wrapper->signal.connect(mw::SignalSubscriber([&raises](const HXValue&) { ++raises; }));
+    emit();
+    wrapper->signal.disconnect(link);
+    return raises;
+  }
+};
+
+TEST_F(Mapping, OfAServiceThatIsThereRaisesMicroEvents) {
+  const auto door = offerDoor();
+  memory->addMapping("Door", "opened", "Door/Opened");
+  EXPECT_EQ(memory->getDataType("Door/Opened"), STMValue::Event);
+  const auto m = subscribed("M", "Door/Opened");
+  door->opened(HXValue("wide"));
+  EXPECT_THAT(m->values(), ElementsAre(HXValue("wide")));
+  EXPECT_EQ(memory->getDataType("Door/Opened"), STMValue::MicroEvent);
+  EXPECT_EQ(memory->getEventHistory("Door/Opened"), HXValue());
+}
+
+TEST_F(Mapping, OfAServiceThatComesLaterWaitsSilently) {
+  const kit::CaptureLog log({"hxmemory"});
+  memory->addMapping("Door", "opened", "E");
+  EXPECT_EQ(memory->xGetSTMValue("E"), nullptr);
+  const auto door = offerDoor();
+  EXPECT_EQ(raisesOf("E", [&] { door->opened(HXValue(1)); }), 1U);
+  EXPECT_THAT(log.entries(), IsEmpty());
+}
+
+TEST_F(Mapping, FollowsAServiceThatComesBack) {
+  memory->addMapping("Door", "opened", "E");
+  const auto first = offerDoor();
+  withdraw("Door");
+  const auto second = offerDoor();
+  EXPECT_EQ(raisesOf("E", [&] { second->opened(HXValue(1)); }), 1U);
+}
+
+TEST_F(Mapping, AddedTwiceRaisesTwice) {
+  const auto door = offerDoor();
+  memory->addMapping("Door", "opened", "E");
+  memory->addMapping("Door", "opened", "E");
+  EXPECT_EQ(raisesOf("E", [&] { door->opened(HXValue(1)); }), 2U);
+}
+
+TEST_F(Mapping, OfTheSameSignalReplacesTheEventForServicesToCome) {
+  memory->addMapping("Door", "opened", "old");
+  memory->addMapping("Door", "opened", "new");
+  const auto door = offerDoor();
+  EXPECT_EQ(raisesOf("new", [&] { door->opened(HXValue(1)); }), 1U);
+  EXPECT_EQ(memory->xGetSTMValue("old"), nullptr);
+}
+
+TEST_F(Mapping, OfSeveralSignalsIsAppliedInTheirOrder) {
+  const auto bookkeeper = subscribed("bookkeeper", Memory::keyAddedKey);
+  offerDoor();
+  memory->addMapping("Door", {{"opened", "second"}, {"closed", "first"}, {"squeaked", "none"}});
+  EXPECT_THAT(bookkeeper->values(), ElementsAre(HXValue("first"), HXValue("second")));
+}
+
+TEST_F(Mapping, TakesTheValueOfTheSignal) {
+  const auto door = offerDoor();
+  memory->addMapping("Door", {{"opened", "E"}, {"closed", "E"}, {"moved", "E"}, {"replaced", "E"}});
+  const auto m = subscribed("M");
+  const kit::CaptureLog log({"hxmemory", "mw.signal"});
+  door->opened(HXValue(1));
+  door->closed();
+  EXPECT_THAT(m->values(), ElementsAre(HXValue(1), HXValue()));
+  door->moved(1, 2);
+  EXPECT_THAT(log.entries(), ElementsAre(Entry{mw::LogLevel::Error, "hxmemory", "onSignalReceived",
+                                               "Event E was triggered by a signal with more than one argument"}));
+  door->replaced(mw::AnyObject(door));
+  EXPECT_EQ(m->values().size(), 2U);
+  EXPECT_EQ(log.entries().size(), 2U) << "the signal's owner is told that there is no value in an object";
+  const mw::AnyObject object;
+  EXPECT_THROW(memory->onSignalReceived("E", {mw::AnyReference::of(object)}), mw::ConversionError);
+}
+
+TEST_F(Mapping, OfAMissingSignalDeclaresNothing) {
+  const kit::CaptureLog log({"hxmemory"});
+  memory->addMapping("Door", "squeaked", "E");
+  offerDoor();
+  memory->addMapping("Door", "squeaked", "E");
+  const std::string text = "Signal Door.squeaked does not exist";
+  EXPECT_THAT(log.entries(), ElementsAre(Entry{mw::LogLevel::Warning, "hxmemory", "declareEventsFromService", text},
+                                         Entry{mw::LogLevel::Warning, "hxmemory", "addMapping", text}));
+  EXPECT_EQ(memory->xGetSTMValue("E"), nullptr);
+}
+
+TEST_F(Mapping, ThatCannotBeConnectedRemovesTheEventAndIsKept) {
+  const auto jammed = std::make_shared<Door>();
+  jammed->jammed = true;
+  broker->session()->registerService("Door", mw::AnyObject(jammed));
+  mw::defaultLoop().drain();
+  {
+    const kit::CaptureLog log({"hxmemory"});
+    memory->addMapping("Door", "opened", "E");
+    memory->declareEventsFromService("Door", {{"closed", "F"}, {"squeaked", "G"}, {"moved", "H"}});
+    const auto error = mw::LogLevel::Error;
+    const std::string function = "declareEventsFromService";
+    EXPECT_THAT(
+        log.entries(),
+        ElementsAre(
+            Entry{error, "hxmemory", "addMapping", "HXMemory mapping failed for Door.opened to E: the door is jammed"},
+            Entry{error, "hxmemory", function, "HXMemory mapping failed for Door.closed to F: the door is jammed"},
+            Entry{error, "hxmemory", function, "HXMemory mapping failed for Door.moved to H: the door is jammed"},
+            Entry{mw::LogLevel::Warning, "hxmemory", function, "Signal Door.squeaked does not exist"}));
+  }
+  EXPECT_THAT(memory->getEventList(), testing::Not(testing::Contains(testing::AnyOf("E", "F", "G", "H"))));
+  withdraw("Door");
+  const auto door = offerDoor();
+  EXPECT_EQ(raisesOf("E", [&] { door->opened(HXValue(1)); }), 1U);
+}
+
+TEST_F(Mapping, OfAnObjectThatIsNullIsAnError) {
+  broker->session()->setResolver([](const std::string&) { return mw::Future<mw::AnyObject>::ready(mw::AnyObject()); });
+  EXPECT_EQ(errorOf([&] { memory->addMapping("Door", "opened", "E"); }), "This object is null");
+  EXPECT_EQ(errorOf([&] { memory->declareEventsFromService("Door", {{"opened", "E"}}); }), "This object is null");
+  EXPECT_NO_THROW(memory->declareEventsFromService("Door", {}));
+}
+
+TEST_F(Mapping, IsRefusedToASubscriberThatRunsWhileAnotherIsApplied) {
+  std::string refusal;
+  subscribed("bookkeeper", Memory::keyAddedKey)->react = [&](const auto&) {
+    refusal = errorOf([&] { memory->addMapping("Other", "signal", "F"); });
+  };
+  memory->addMapping("Door", "opened", "E");
+  offerDoor();
+  EXPECT_EQ(refusal, "a mapping cannot be added while one is being applied on the same thread");
+  EXPECT_NO_THROW(memory->addMapping("Other", "signal", "F")) << "later it may";
+}
+
+TEST_F(Mapping, DoesNothingMoreWhenTheMemoryHasGone) {
+  const auto door = offerDoor();
+  memory->addMapping("Door", "opened", "E");
+  shutDown();
+  door->opened(HXValue(1));
+  EXPECT_FALSE(door->opened.hasSubscribers());
+}
+
+TEST_F(Mapping, MayEndTheMemoryByItsOwnEvent) {
+  const auto door = offerDoor();
+  memory->addMapping("Door", "opened", "E");
+  memory->subscriber("E")->signal.connect(mw::SignalSubscriber([this](const HXValue&) { shutDown(); }));
+  memory->subscribeToEvent("E", "nobody", "cb");
+  door->opened(HXValue(1));
+  EXPECT_EQ(memory, nullptr);
+}
+
+TEST_F(Mapping, FromTheFileOfAServiceThatIsThereIsAppliedTwice) {
+  const MapFile file("Door.opened : E\n");
+  std::shared_ptr<Door> door;
+  startWith([&] { door = offerDoor(); });
+  EXPECT_EQ(raisesOf("E", [&] { door->opened(HXValue(1)); }), 2U);
+}
+
+TEST_F(Mapping, FromTheFileOfAServiceToComeIsAppliedOnce) {
+  const MapFile file("Door.opened : E\n");
+  start();
+  const auto door = offerDoor();
+  EXPECT_EQ(raisesOf("E", [&] { door->opened(HXValue(1)); }), 1U);
+}
+
+TEST_F(Mapping, IsNotLostForServicesThatRegisterDuringTheConstruction) {
+  const MapFile file("Early.opened : E\nProbe.opened : F\n");
+  std::shared_ptr<Door> early;
+  std::optional<mw::Session::NoticeHold> hold;
+  int probes = 0;
+  startWith([&] {
+    hold.emplace(*broker->session());  // As for the loading of a library.
+    broker->session()->setResolver([&](const std::string& name) {
+      // The second look-up of "Probe" is that of the pass over all services, which has left "Early" behind by then.
+      if (name == "Probe" && ++probes == 2) {
+        std::thread([&] {
+          early = std::make_shared<Door>();
+          broker->session()->registerService("Early", mw::AnyObject(early));
+        }).join();
+      }
+      return mw::Future<mw::AnyObject>::failed("no service named " + name);
+    });
+  });
+  ASSERT_NE(early, nullptr);
+  hold.reset();
+  mw::defaultLoop().drain();
+  EXPECT_EQ(raisesOf("E", [&] { early->opened(HXValue(1)); }), 1U);
+}
+
+TEST_F(Mapping, FileMayBeMissing) {
+  const kit::CaptureLog log({"hxmemory"});
+  start();
+  EXPECT_THAT(log.entries(), ElementsAre(Entry{mw::LogLevel::Warning, "hxmemory", "loadSignalEventMapFromFile",
+                                               "Can't not open file hxmemory_map_signal_event.txt"}));
+}
+
+TEST_F(Mapping, FileMayBeADirectory) {
+  const kit::CaptureLog log({"hxmemory"});
+  const MapFile file("");
+  fs::remove(MapFile::path());
+  fs::create_directory(MapFile::path());
+  start();
+  EXPECT_THAT(log.texts(), ElementsAre("Can't not open file hxmemory_map_signal_event.txt"));
+}
+
+TEST_F(Mapping, FileMayBeUnreadable) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root may read everything";
+  const MapFile file("Door.opened : E\n");
+  fs::permissions(MapFile::path(), fs::perms::none);
+  const kit::CaptureLog log({"hxmemory"});
+  start();
+  EXPECT_THAT(log.texts(), ElementsAre("Can't not open file hxmemory_map_signal_event.txt"));
+}
+
+TEST_F(Mapping, FileSkipsWhatItCannotUseWithoutAWord) {
+  const MapFile file("# a comment\n\nnonsense\nDoor.op : short\r\nDoor.opened : E # comment\r\nDoor.closed:F");
+  const kit::CaptureLog log({"hxmemory"});
+  start();
+  offerDoor();
+  EXPECT_THAT(log.entries(), IsEmpty());
+  EXPECT_THAT(memory->getEventList(), testing::IsSupersetOf({"E", "F"}));
+}
+
+/// Lines around the 511 characters that are read at once.
+class LongLines : public Mapping, public testing::WithParamInterface<std::size_t> {};
+
+TEST_P(LongLines, AreTakenInPieces) {
+  const std::size_t length = GetParam();
+  const std::string start = "Door.opened:";
+  const std::string line = start + std::string(length - start.size(), 'e');
+  const MapFile file(line + "\nDoor.closed:F\n");
+  this->start();
+  offerDoor();
+  const std::string event = line.substr(start.size(), std::min<std::size_t>(length, 511) - start.size());
+  EXPECT_THAT(memory->getEventList(), testing::IsSupersetOf({event, std::string("F")}));
+  EXPECT_EQ(memory->getEventList().size(), 5U) << "the rest of the line is no mapping";
+}
+
+INSTANTIATE_TEST_SUITE_P(Lengths, LongLines, testing::Values(510U, 511U, 512U, 5000U));
+
+TEST_F(Mapping, InALaterPieceOfALineCounts) {
+  const MapFile file("#" + std::string(510, ' ') + "Door.opened:E\n");
+  start();
+  offerDoor();
+  EXPECT_THAT(memory->getEventList(), testing::Contains("E"));
+}
+
+}  // namespace
+}  // namespace HX
