@@ -32,7 +32,7 @@ struct MetaMethod {
   bool dynamic = false;  ///< Takes any arguments; `types` is empty.
 
   /// "insertData(string, int)", as errors and listings show it.
-  std::string signature() const;
+  HX_API std::string signature() const;
 };
 
 struct MetaSignal {
