@@ -9,13 +9,17 @@ namespace HX {
 void* HXMemory::pointerTo(const std::string& key, const char* method, const HXValue& defaultValue,
                           const std::function<void*(HXValue&)>& access) {
   try {
-    const auto item = xRequireSTMValue(key, STMValue::Data, defaultValue);
-    if (!defaultValue.isValid() && !item->getValue().isValid()) {
-      HX_LOG_AS(Warning, memoryCategory(), "getPtrData", "getPtrValue on stmvalue with no type: " + key);
+    while (true) {
+      const auto item = xRequireSTMValue(key, STMValue::Data, defaultValue);
+      if (!defaultValue.isValid() && !item->getValue().isValid()) {
+        HX_LOG_AS(Warning, memoryCategory(), "getPtrData", "getPtrValue on stmvalue with no type: " + key);
+      }
+      // The item is marked before the address is asked for, and stays marked when there is none to be had: callers have
+      // come to rely on it.
+      void* const address = item->accessPointer(access);
+      // A removal that came between the look-up and the mark would take the address with it.
+      if (xGetSTMValue(key) == item) return address;
     }
-    // The item is marked before the address is asked for, and stays marked when there is none to be had: callers have
-    // come to rely on it.
-    return item->accessPointer(access);
   } catch (const std::exception& error) {
     fail(method, "error getting pointer to \"" + key + "\": " + error.what());
   }

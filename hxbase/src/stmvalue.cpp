@@ -51,10 +51,11 @@ void STMValue::exchangeValue(HXValue& value, dataType kind, mw::SystemTimePoint 
                     std::string("Can't change the type of the value from ") + HXValue::TypeToString(value_.getType()) +
                         " to " + HXValue::TypeToString(value.getType()) + " because getDataPtr has been called on it.");
     }
-    // Whoever holds the address reads it without a lock: the number is replaced in place, in one piece.
+    // Whoever holds the address uses it without a lock: a number is replaced in place, in one piece, and the place of
+    // one that is still to come is left alone.
     if (value.isScalar()) {
       value_.storeScalar(value);
-    } else {
+    } else if (value.isValid()) {
       value_.swap(value);
     }
   }
@@ -64,7 +65,8 @@ void STMValue::exchangeValue(HXValue& value, dataType kind, mw::SystemTimePoint 
 
 HXValue STMValue::getValue() const {
   const std::lock_guard lock(valueLock_);
-  return dataPtrAccessed_ && value_.isScalar() ? value_.loadScalar() : value_;
+  const bool addressKnown = dataPtrAccessed_ && (value_.isScalar() || !value_.isValid());
+  return addressKnown ? value_.loadScalar() : value_;
 }
 
 STMValue::dataType STMValue::getDataType() const {
