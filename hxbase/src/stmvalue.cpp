@@ -18,7 +18,10 @@ constexpr std::size_t kHistoryDepth = 50;
 }  // namespace
 
 STMValue::STMValue(HXMemory* memory, const std::string& name, HXValue value, dataType kind, mw::SystemTimePoint time)
-    : itemSignal_(std::make_shared<HXMemorySubscriber>(memory, name)), kind_(kind), timestamp_(time) {
+    : itemSignal_(std::make_shared<HXMemorySubscriber>(memory, name)),
+      notifierLock_(itemSignal_->signal.eventName()),
+      kind_(kind),
+      timestamp_(time) {
   value_ = std::move(value);
 }
 

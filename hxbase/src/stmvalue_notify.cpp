@@ -176,6 +176,7 @@ void STMValue::call(STMNotifier& record, const std::string& key, const HXValue& 
   const std::shared_ptr<HXProxy> proxy = record.proxy;
   const HXValue message = record.callbackMessage;
   static_cast<void>(message.asString());  // A message that is no text is the subscription's fault, and ends it.
+  const NotifierLock::Call calling(notifierLock_, record.callbackModule);
   proxy->pCallNotify(record.callbackMethod, key, value, message, &record.notifyCallState);
 }
 

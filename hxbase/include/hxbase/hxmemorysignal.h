@@ -35,6 +35,9 @@ class HXMemorySignal : public mw::Signal<mw::AnyValue> {
   /// Emits `value` to the connected clients without raising anything. Runs on the raising thread.
   void bounceEvent(const HXValue& value);
 
+  /// Empty for a signal that stands for no event.
+  const std::string& eventName() const { return eventName_; }
+
  private:
   HXMemory* memory_ = nullptr;
   std::string eventName_;

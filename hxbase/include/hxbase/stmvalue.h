@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxbase/hxmemorysignal.h>
+#include <hxbase/notifierlock.h>
 #include <hxbase/stmnotifier.h>
 #include <hxvalue/hxvalue.h>
 #include <libmw/clock.h>
@@ -133,7 +134,7 @@ class STMValue : public std::enable_shared_from_this<STMValue> {
   const std::shared_ptr<HXMemorySubscriber> itemSignal_;
   mutable std::recursive_mutex valueLock_;
   mutable std::recursive_mutex historyLock_;
-  mutable std::recursive_mutex notifierLock_;
+  mutable NotifierLock notifierLock_;
   std::list<mw::Future<void>> pendingNotifications_;
   dataType kind_ = UnknownData;
   mw::SystemTimePoint timestamp_{};

@@ -230,6 +230,34 @@ TEST_F(Dispatch, DropsSubscribersThatLeftOrLackTheMethodOrTakeNoText) {
   EXPECT_THAT(subscribers(), ElementsAre("right"));
 }
 
+TEST_F(Dispatch, SaysWhoWaitsLongForWhom) {
+  std::promise<void> entered;
+  std::promise<void> mayReturn;
+  const auto slow = subscribed("slow");
+  slow->react = [&](const auto& heard) {
+    if (heard.value != HXValue(1)) return;
+    entered.set_value();
+    mayReturn.get_future().wait();
+  };
+  subscribed("other", "F")->react = [this](const auto&) { memory->raiseEvent("E", HXValue(2)); };
+
+  NotifierLock::setPatience(std::chrono::milliseconds(1));
+  const kit::CaptureLog log({"HXMemory"});
+  auto first = std::async(std::launch::async, [this] { memory->raiseEvent("E", HXValue(1)); });
+  entered.get_future().wait();
+  auto second = std::async(std::launch::async, [this] { memory->raiseEvent("F", HXValue(1)); });
+  ASSERT_TRUE(log.waitFor(3)) << "slow is notified, other is notified, and other waits";
+  mayReturn.set_value();
+  first.get();
+  second.get();
+  NotifierLock::setPatience(std::chrono::seconds(5));
+  EXPECT_THAT(log.entries(), testing::Contains(Entry{
+                                 mw::LogLevel::Warning, "HXMemory", "notify",
+                                 "event E has been waited for longer than 1 ms, while it notifies slow; waiting is "
+                                 "other, which was notified of event F"}));
+  EXPECT_THAT(slow->values(), ElementsAre(HXValue(1), HXValue(2)));
+}
+
 TEST_F(Dispatch, FollowsASubscriberThatIsOfferedAnewAndSubscribesAgain) {
   subscribed("one");
   memory->raiseEvent("E", HXValue(1));
