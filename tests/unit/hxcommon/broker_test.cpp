@@ -1,0 +1,179 @@
+#include "capture_log.h"
+#include "expect_error.h"
+#include "recorder.h"
+
+#include <hxcommon/hxbrokermanager.h>
+#include <hxcommon/hxproxy.h>
+#include <libmw/eventloop.h>
+
+#include <atomic>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using HX::HXBroker;
+using HX::HXBrokerManager;
+using HX::HXModule;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+/// As a generated proxy would be.
+class RecorderProxy {
+ public:
+  explicit RecorderProxy(std::shared_ptr<HX::HXProxy> proxy) : proxy_(std::move(proxy)) {}
+  void fail(const std::string& message) { proxy_->call("fail", message); }
+
+ private:
+  const std::shared_ptr<HX::HXProxy> proxy_;
+};
+
+class Brokers : public testing::Test {
+ protected:
+  std::shared_ptr<Recorder> make(const std::string& name, Behaviour behaviour = {}) {
+    return HXModule::createModule<Recorder>(broker, name, std::move(behaviour), &log);
+  }
+
+  Recorder::Log log;
+  std::shared_ptr<HXBroker> broker = HXBroker::create("brokers");
+};
+
+TEST_F(Brokers, GiveNoProxyForAnUnknownName) {
+  EXPECT_EQ(broker->getProxy("Nobody"), nullptr);
+  EXPECT_THAT(errorOf([&] { broker->getSpecialisedProxy<RecorderProxy>("Nobody"); }), HasSubstr("Nobody"));
+  EXPECT_FALSE(broker->unregisterModule("Nobody"));
+}
+
+TEST_F(Brokers, GiveProxiesOfGeneratedTypes) {
+  make("Arm");
+  const auto arm = broker->getSpecialisedProxy<RecorderProxy>("Arm");
+  EXPECT_EQ(errorOf([&] { arm->fail("told so"); }), "Arm.fail: told so");
+}
+
+TEST_F(Brokers, GiveTheSameProxyAsLongAsTheModuleIsTheSame) {
+  make("Arm");
+  const auto* first = broker->getProxy("Arm").get();
+  EXPECT_EQ(broker->getProxy("Arm").get(), first) << "also when nobody held it meanwhile";
+  const auto old = broker->getProxy("Arm");
+  EXPECT_TRUE(broker->unregisterModule("Arm"));
+  EXPECT_EQ(broker->getProxy("Arm"), nullptr);
+  make("Arm");
+  const auto renewed = broker->getProxy("Arm");
+  EXPECT_NE(renewed, old);
+  EXPECT_EQ(errorOf([&] { old->call("nap", 0); }), "service Arm is gone");
+  EXPECT_NO_THROW(renewed->call("nap", 0));
+  broker->session()->eventLoop().drain();
+  EXPECT_EQ(broker->getProxy("Arm"), renewed) << "the late notice of the predecessor changes nothing";
+}
+
+TEST_F(Brokers, ForgetAServiceThatLeavesWithoutThem) {
+  auto object = mw::AnyObject(std::make_shared<mw::DynamicObject>());
+  const auto id = broker->session()->registerService("Guest", std::move(object));
+  const std::weak_ptr<HX::HXProxy> proxy = broker->getProxy("Guest");
+  EXPECT_FALSE(proxy.expired());
+  broker->session()->unregisterService(id);
+  broker->session()->eventLoop().drain();
+  EXPECT_TRUE(proxy.expired());
+}
+
+TEST_F(Brokers, GiveNoProxyWhereALookUpEndsWithoutAnObject) {
+  broker->session()->setResolver([](const std::string& name) {
+    return name == "Null" ? mw::makeReadyFuture(mw::AnyObject()) : mw::Future<mw::AnyObject>::canceled();
+  });
+  EXPECT_EQ(broker->getProxy("Null"), nullptr);
+  EXPECT_EQ(broker->getProxy("Cancelled"), nullptr);
+}
+
+TEST_F(Brokers, LetTheirModulesGoWhoeverHoldsProxies) {
+  const std::weak_ptr<Recorder> gone = make("Arm");
+  EXPECT_FALSE(gone.expired());
+  const auto proxy = broker->getProxy("Arm");
+  broker->unregisterModule("Arm");
+  EXPECT_TRUE(gone.expired());
+}
+
+TEST_F(Brokers, ShutDownFromTheLastModuleToTheFirst) {
+  for (const char* name : {"first", "second", "third"}) make(name);
+  EXPECT_THAT(broker->modules(), ElementsAre("first", "second", "third"));
+  broker->shutdown();
+  broker->shutdown();
+  EXPECT_THAT(log, ElementsAre("third exit", "third destroyed", "second exit", "second destroyed", "first exit",
+                               "first destroyed"));
+  EXPECT_THAT(broker->modules(), ElementsAre());
+  EXPECT_THAT(errorOf([&] { make("late"); }), HasSubstr("late"));
+}
+
+TEST_F(Brokers, ShutDownWhateverTheirModulesDo) {
+  const kit::CaptureLog errors({"hxcommon.broker"});
+  make("throws", {.exit = [] { throw std::runtime_error("jammed"); }});
+  make("throws 1", {.exit = [] { throw 1; }});
+  make("stays", {.exitLeavesBroker = false});
+  make("recurses", {.exit = [&] { broker->shutdown(); }});
+  make("registers", {.exit = [&] { EXPECT_THAT(errorOf([&] { make("too late"); }), HasSubstr("too late")); }});
+  const auto held = make("held");
+  broker->shutdown();
+  EXPECT_THAT(broker->modules(), ElementsAre());
+  EXPECT_TRUE(broker->session()->services().empty());
+  EXPECT_THAT(errors.texts(),
+              ElementsAre("module held has left, and somebody still holds it",
+                          "exit of module throws 1: unknown exception", "exit of module throws: jammed"));
+}
+
+TEST_F(Brokers, ShutDownWhenTheyGo) {
+  make("Arm");
+  const auto session = broker->session();
+  broker.reset();
+  EXPECT_THAT(log, ElementsAre("Arm exit", "Arm destroyed"));
+}
+
+TEST_F(Brokers, ServeProxiesWhileModulesComeAndGo) {
+  std::atomic<bool> stop{false};
+  std::thread asking([&] {
+    while (!stop) {
+      try {
+        if (const auto proxy = broker->getProxy("Arm")) proxy->call("nap", 0);
+      } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), testing::AnyOf(HasSubstr("service Arm is gone"), HasSubstr("shutting down")));
+      }
+    }
+  });
+  for (int i = 0; i < 200; ++i) {
+    const std::weak_ptr<Recorder> gone = make("Arm");
+    broker->unregisterModule("Arm");
+    EXPECT_TRUE(gone.expired());
+  }
+  stop = true;
+  asking.join();
+}
+
+TEST(BrokerManager, KnowsBrokersOnceAndDoesNotKeepThem) {
+  const auto manager = std::make_shared<HXBrokerManager>();
+  auto broker = HXBroker::create("one", manager);
+  EXPECT_EQ(broker->getBrokerManager().lock(), manager);
+  manager->addBroker(broker);
+  EXPECT_THAT(manager->brokers(), ElementsAre(broker));
+  EXPECT_EQ(manager->getBroker("one"), broker);
+  EXPECT_EQ(manager->getBroker("two"), nullptr);
+  const auto second = HXBroker::create("two", manager);
+  EXPECT_THAT(manager->brokers(), ElementsAre(broker, second));
+  broker.reset();
+  EXPECT_THAT(manager->brokers(), ElementsAre(second));
+  manager->removeBroker(second);
+  EXPECT_THAT(manager->brokers(), ElementsAre());
+}
+
+TEST(BrokerManager, OfTheProcessCanBeReplaced) {
+  const auto before = HXBrokerManager::getInstance();
+  EXPECT_EQ(HXBrokerManager::getInstance(), before);
+  const auto mine = std::make_shared<HXBrokerManager>();
+  HXBrokerManager::setInstance(mine);
+  EXPECT_EQ(HXBrokerManager::getInstance(), mine);
+  EXPECT_EQ(HXBroker::create("one")->getBrokerManager().lock(), mine);
+  HXBrokerManager::setInstance(nullptr);
+  EXPECT_TRUE(HXBrokerManager::getInstance());
+  HXBrokerManager::setInstance(before);
+}
+
+}  // namespace

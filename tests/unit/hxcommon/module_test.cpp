@@ -1,0 +1,231 @@
+#include "capture_log.h"
+#include "expect_error.h"
+#include "recorder.h"
+
+#include <hxcommon/hxproxy.h>
+#include <libmw/eventloop.h>
+
+#include <future>
+#include <limits>
+#include <optional>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using HX::HXBroker;
+using HX::HXError;
+using HX::HXModule;
+using HX::HXValue;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class Arm : public HXModule {
+ public:
+  Arm(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+    setModuleDescription("Moves.");
+    functionName("join", getName(), "Adds numbers.", 4);
+    addParam("left", "The first.");
+    setReturn("sum", "Both together.");
+    bindMethodOverload(HX::createFunctor(this, static_cast<int (Arm::*)(int, int)>(&Arm::join)));
+    functionName("join", getName(), "Joins texts.");
+    bindMethodOverload(
+        HX::createFunctor(this, static_cast<std::string (Arm::*)(const std::string&, const std::string&)>(&Arm::join)));
+    functionName("arms", getName(), "Counts.");
+    bindMethod(this, &Arm::arms);
+    bindSignal("moved", moved);
+  }
+  int join(int left, int right) { return left + right; }
+  std::string join(const std::string& left, const std::string& right) { return left + right; }
+  int arms() const { return 2; }
+  void bindLate() {
+    functionName("late", getName(), "");
+    bindMethod(this, &Arm::arms);
+  }
+  void bindNothing() {
+    functionName("nothing", getName(), "");
+    bindMethodOverload(nullptr);
+  }
+  mw::Signal<int> moved;
+};
+
+class Modules : public testing::Test {
+ protected:
+  std::shared_ptr<Recorder> make(Behaviour behaviour) {
+    return HXModule::createModule<Recorder>(broker, "Recorder", std::move(behaviour), &log);
+  }
+
+  std::vector<std::string> log;
+  std::shared_ptr<HXBroker> broker = HXBroker::create("modules");
+};
+
+TEST_F(Modules, AreCalledByTheNamesOfTheirMethods) {
+  const auto arm = HXModule::createModule<Arm>(broker, "Arm");
+  const auto proxy = broker->getProxy("Arm");
+  EXPECT_EQ(proxy->call<int>("join", 1, 2), 3);
+  EXPECT_EQ(proxy->call<std::string>("join", "a", std::string("b")), "ab");
+  EXPECT_EQ(proxy->call<HXValue>("join", HXValue(1), 2), HXValue(3));
+  EXPECT_EQ(proxy->call<std::int64_t>("arms"), 2);
+  EXPECT_NO_THROW(proxy->call("arms"));
+  EXPECT_THAT(errorOf([&] { proxy->call<std::string>("arms"); }), HasSubstr("cannot convert int to string"));
+  EXPECT_THAT(errorOf([&] { proxy->call("join", 1); }),
+              HasSubstr("Arm.join(int): no overload takes these arguments; there is join(int, int), join(string"));
+  int moved = 0;
+  proxy->asObject()->connect("moved", mw::SignalSubscriber([&](int by) { moved += by; })).value();
+  arm->moved(5);
+  EXPECT_EQ(moved, 5);
+}
+
+TEST_F(Modules, DescribeThemselves) {
+  HXModule::createModule<Arm>(broker, "Arm");
+  const mw::MetaObject meta = broker->getProxy("Arm")->asObject()->metaObject();
+  EXPECT_EQ(meta.typeName(), "Arm");
+  EXPECT_EQ(meta.description(), "Moves.");
+  ASSERT_EQ(meta.methods().size(), 3U);
+  ASSERT_EQ(meta.findMethods("join").size(), 2U);
+  const mw::MetaMethod& join = *meta.findMethods("join").front();
+  EXPECT_EQ(join.signature(), "join(int, int)");
+  EXPECT_EQ(join.module, "Arm");
+  EXPECT_EQ(join.description, "Adds numbers.");
+  EXPECT_EQ(join.flags, 4);
+  ASSERT_EQ(join.parameters.size(), 1U);
+  EXPECT_EQ(join.parameters[0].name + join.parameters[0].description, "leftThe first.");
+  EXPECT_EQ(join.result->name + join.result->description, "sumBoth together.");
+  EXPECT_EQ(join.resultType, mw::typeOf<int>());
+  EXPECT_FALSE(meta.findMethods("join").back()->result) << "each description begins afresh";
+  EXPECT_EQ(meta.signals().front().name + meta.signals().front().signature, "moved(int)");
+}
+
+TEST_F(Modules, BindOnlyWhileTheyAreConstructed) {
+  const auto arm = HXModule::createModule<Arm>(broker, "Arm");
+  EXPECT_THROW(arm->bindLate(), std::logic_error);
+  EXPECT_THROW(arm->initModule(), std::logic_error);
+  EXPECT_THAT(errorOf([&] { Arm(broker, "Other").bindNothing(); }), HasSubstr("nothing"));
+}
+
+TEST_F(Modules, ThatFailToConstructLeaveNothing) {
+  EXPECT_EQ(errorOf([&] { make({.construct = [](HXModule&) { throw std::runtime_error("no arms"); }}); }), "no arms");
+  EXPECT_THAT(broker->modules(), ElementsAre());
+  EXPECT_EQ(broker->getProxy("Recorder"), nullptr);
+  EXPECT_TRUE(make({}));
+}
+
+TEST_F(Modules, AreCallableWhenTheyInitialise) {
+  bool found = false;
+  make({.init = [&] { found = broker->getProxy("Recorder") != nullptr; }});
+  EXPECT_TRUE(found);
+}
+
+/// What `exit` does after an `init` that threw an HXError: the error must arrive, and the module be gone, all the same.
+struct Ending {
+  const char* name;
+  Behaviour behaviour;
+};
+
+class FailedInit : public Modules, public testing::WithParamInterface<Ending> {};
+INSTANTIATE_TEST_SUITE_P(All, FailedInit,
+                         testing::Values(Ending{"ExitWorks", {}},
+                                         Ending{"ExitThrows", {.exit = [] { throw std::runtime_error("again"); }}},
+                                         Ending{"ExitThrowsNoException", {.exit = [] { throw 1; }}},
+                                         Ending{"ExitForgetsTheBroker", {.exitLeavesBroker = false}}),
+                         [](const auto& given) { return given.param.name; });
+
+TEST_P(FailedInit, EndsInExitAndTheErrorWithItsFields) {
+  const kit::CaptureLog errors({"hxcommon.module"});
+  Behaviour behaviour = GetParam().behaviour;
+  behaviour.init = [] { throw HXError("Recorder", "init", "no power", "file.cpp", 42); };
+  std::optional<HXError> caught;
+  try {
+    make(behaviour);
+  } catch (const HXError& error) {
+    caught = error;
+  }
+  ASSERT_TRUE(caught);
+  EXPECT_EQ(caught->module(), "Recorder");
+  EXPECT_EQ(caught->method(), "init");
+  EXPECT_EQ(caught->message(), "no power");
+  EXPECT_EQ(caught->file(), "file.cpp");
+  EXPECT_EQ(caught->line(), 42);
+  EXPECT_THAT(log, ElementsAre("Recorder exit", "Recorder destroyed"));
+  EXPECT_THAT(broker->modules(), ElementsAre());
+  EXPECT_EQ(errors.entries().size(), behaviour.exit ? 1U : 0U);
+}
+
+TEST_F(Modules, PassOtherFailuresOfInitUnchangedAndLeave) {
+  EXPECT_THROW(make({.init = [] { throw std::out_of_range("odd"); }}), std::out_of_range);
+  EXPECT_THROW(make({.init = [] { throw 3; }}), int);
+  EXPECT_THAT(log, ElementsAre("Recorder destroyed", "Recorder destroyed"));
+  EXPECT_THAT(broker->modules(), ElementsAre());
+}
+
+TEST_F(Modules, WhoseNameIsTakenLeaveTheFirstAlone) {
+  const auto first = make({});
+  EXPECT_THAT(errorOf([&] { make({}); }), HasSubstr("Recorder"));
+  const auto refused = std::make_shared<Recorder>(broker, "Recorder");
+  EXPECT_THROW(refused->initModule(), std::runtime_error);
+  refused->exit();
+  EXPECT_THAT(broker->modules(), ElementsAre("Recorder"));
+  EXPECT_THAT(errorOf([&] { broker->getProxy("Recorder")->call("fail", "still there"); }), HasSubstr("still there"));
+}
+
+TEST_F(Modules, NeedABroker) {
+  EXPECT_THAT(errorOf([] { Arm(nullptr, "Arm"); }), HasSubstr("Arm needs a broker"));
+  const auto arm = HXModule::createModule<Arm>(broker, "Arm");
+  EXPECT_EQ(arm->getParentBroker(), broker);
+  broker->shutdown();
+  broker.reset();
+  EXPECT_EQ(arm->findParentBroker(), nullptr);
+  EXPECT_THAT(errorOf([&] { arm->getParentBroker(); }), HasSubstr("the broker of module Arm is gone"));
+  EXPECT_NO_THROW(arm->exit());
+}
+
+TEST_F(Modules, AnHXErrorArrivesWithItsFields) {
+  make({});
+  try {
+    broker->getProxy("Recorder")->call("fail", "told so");
+    FAIL();
+  } catch (const HXError& error) {
+    EXPECT_EQ(error.message() + "|" + error.file(), "told so|recorder.h");
+    EXPECT_EQ(error.line(), 7);
+  }
+}
+
+TEST_F(Modules, WakeUpTheirSleepersWhenTheyLeave) {
+  const auto module = make({});
+  const auto proxy = broker->getProxy("Recorder");
+  auto sleeping = std::async(std::launch::async, [&] {
+    return errorOf([&] { proxy->call("nap", std::numeric_limits<std::int64_t>::max()); });
+  });
+  EXPECT_NO_THROW(proxy->call("nap", 0));
+  EXPECT_NO_THROW(proxy->call("nap", std::numeric_limits<std::int64_t>::min()));
+  module->exit();
+  EXPECT_THAT(sleeping.get(), testing::AnyOf("module Recorder is shutting down", "service Recorder is gone"));
+  EXPECT_EQ(errorOf([&] { module->nap(0); }), "module Recorder is shutting down");
+  EXPECT_EQ(errorOf([&] { module->checkRunning(); }), "module Recorder is shutting down");
+}
+
+/// Leaves its broker from inside one of its methods.
+class Leaver : public HXModule {
+ public:
+  Leaver(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+    functionName("leave", name, "");
+    bindMethod(this, &Leaver::leave);
+  }
+  std::string leave() {
+    exit();
+    return getName() + " still works";
+  }
+};
+
+TEST_F(Modules, MayLeaveFromInsideACallOfTheirOwn) {
+  const std::weak_ptr<Leaver> gone = HXModule::createModule<Leaver>(broker, "Leaver");
+  const auto proxy = broker->getProxy("Leaver");
+  EXPECT_EQ(proxy->call<std::string>("leave"), "Leaver still works");
+  mw::defaultLoop().drain();
+  EXPECT_TRUE(gone.expired());
+  EXPECT_EQ(errorOf([&] { proxy->call("leave"); }), "service Leaver is gone");
+}
+
+}  // namespace

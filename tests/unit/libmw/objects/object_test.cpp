@@ -1,0 +1,146 @@
+#include "door.h"
+#include "expect_error.h"
+
+#include <libmw/dynamicobject.h>
+#include <libmw/eventloop.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using mw::AnyFunction;
+using mw::MetaCallType;
+using testing::HasSubstr;
+
+class TypedObjects : public testing::Test {
+ protected:
+  TypedObjects() { registerHouse(); }
+  const std::shared_ptr<Door> door = std::make_shared<Door>();
+  mw::AnyObject object = mw::AnyObject::from(door);
+};
+
+TEST_F(TypedObjects, CallTheInstance) {
+  EXPECT_EQ(object->call<int>("open"), 1);
+  EXPECT_EQ(object->call<std::string>("swap", "door "), "door 1");
+  EXPECT_EQ(object->async("open").take().take<int>(), 2);
+  EXPECT_EQ(door->number, 2);
+}
+
+TEST_F(TypedObjects, KeepTheInstance) {
+  const std::weak_ptr<Door> kept = std::exchange(const_cast<std::shared_ptr<Door>&>(door), nullptr);
+  EXPECT_FALSE(kept.expired());
+  object.reset();
+  EXPECT_TRUE(kept.expired());
+}
+
+TEST_F(TypedObjects, ConnectAndDisconnectSignals) {
+  int heard = 0;
+  const auto link = object->connect("opened", mw::SignalSubscriber([&](int by) { heard += by; })).value();
+  door->opened(1);
+  object->post("opened", 10);
+  EXPECT_EQ(heard, 11);
+  EXPECT_TRUE(object->disconnect(link).hasValue());
+  door->opened(1);
+  EXPECT_EQ(heard, 11);
+  EXPECT_THAT(object->disconnect(link).error(), HasSubstr("no connection with link"));
+}
+
+TEST_F(TypedObjects, RefuseIdsThatTheyDoNotHave) {
+  const auto member = static_cast<unsigned>(object->metaObject().signalId("opened"));
+  EXPECT_THAT(object->metaCall(99, {}).error(), HasSubstr("Door: no method with id 99"));
+  EXPECT_THAT(object->metaCall(member, {}).error(), HasSubstr("no method with id"));
+  EXPECT_THAT(object->connect(0U, mw::SignalSubscriber([] {})).error(), HasSubstr("no signal with id 0"));
+  EXPECT_THAT(object->metaProperty(0).error(), HasSubstr("no property with id 0"));
+  EXPECT_THAT(object->metaSetProperty(0, mw::AnyValue(1)).error(), HasSubstr("no property with id 0"));
+}
+
+TEST(DynamicObjects, KeepProperties) {
+  mw::ObjectBuilder builder;
+  const unsigned id = builder.advertiseProperty("colour");
+  const auto object = std::make_shared<mw::DynamicObject>(builder.build(), nullptr);
+  EXPECT_EQ(object->metaObject().propertyId("colour"), static_cast<int>(id));
+  EXPECT_FALSE(object->metaProperty(id).value());
+  object->metaSetProperty(id, mw::AnyValue(std::string("red"))).value();
+  EXPECT_EQ(object->metaProperty(id).take().take<std::string>(), "red");
+}
+
+TEST(DynamicObjects, QueuedCallsRunOnTheLoopWithCopiedArguments) {
+  mw::ObjectBuilder builder;
+  const auto onLoop = [](const std::string& text) { return text + (mw::defaultLoop().isInThisLoop() ? " loop" : ""); };
+  builder.advertiseMethod(mw::MetaMethodBuilder("where", "", ""), AnyFunction::from(onLoop), MetaCallType::Queued);
+  const auto object = std::make_shared<mw::DynamicObject>(builder.build(), nullptr);
+  EXPECT_EQ(object->call<std::string>("where", "literal"), "literal loop");
+}
+
+/// How many of the calls that two threads make are inside at once.
+int inParallel(mw::ObjectThreadingModel model) {
+  std::atomic<int> inside{0};
+  std::atomic<int> most{0};
+  std::promise<void> both;
+  mw::ObjectBuilder builder;
+  builder.setThreadingModel(model);
+  builder.advertiseMethod(mw::MetaMethodBuilder("meet", "", ""), AnyFunction::from([&](bool wait) {
+                            const int now = ++inside;
+                            if (now > most) most = now;
+                            if (now == 2) both.set_value();
+                            if (wait) both.get_future().wait();
+                            --inside;
+                          }));
+  const auto object = std::make_shared<mw::DynamicObject>(builder.build(), nullptr);
+  const bool parallel = model == mw::ObjectThreadingModel::MultiThread;
+  std::thread other([&] { object->call("meet", parallel); });
+  if (parallel) {
+    while (inside == 0) std::this_thread::yield();
+  }
+  object->call("meet", false);
+  other.join();
+  return most;
+}
+
+TEST(DynamicObjects, RunCallsAsTheirThreadingModelSays) {
+  EXPECT_EQ(inParallel(mw::ObjectThreadingModel::MultiThread), 2);
+  EXPECT_EQ(inParallel(mw::ObjectThreadingModel::SingleThread), 1);
+}
+
+TEST(DynamicObjects, OfTheSingleThreadedModelMayCallThemselves) {
+  mw::DynamicObject* self = nullptr;
+  mw::ObjectBuilder builder;
+  builder.advertiseMethod(mw::MetaMethodBuilder("factorial", "", ""), AnyFunction::from([&](int n) {
+                            return n < 2 ? 1 : n * self->call<int>("factorial", n - 1);
+                          }));
+  const auto object = std::make_shared<mw::DynamicObject>(builder.build(), nullptr);
+  self = object.get();
+  EXPECT_EQ(object->call<int>("factorial", 5), 120);
+}
+
+TEST(DynamicObjects, FailuresOfMethodsArriveUnchanged) {
+  mw::ObjectBuilder builder;
+  builder.advertiseMethod(mw::MetaMethodBuilder("fail", "", ""), AnyFunction::from([](int kind) {
+                            if (kind == 0) throw std::out_of_range("zero");
+                            throw kind;
+                          }));
+  const auto object = std::make_shared<mw::DynamicObject>(builder.build(), nullptr);
+  EXPECT_THROW(object->call("fail", 0), std::out_of_range);
+  EXPECT_THROW(object->call("fail", 1), int);
+  EXPECT_EQ(object->async("fail", 0).error(), "zero");
+}
+
+TEST(MetaObjects, AreToldApartByTheirNumber) {
+  mw::ObjectBuilder builder;
+  const auto first = builder.build();
+  const auto second = builder.build();
+  EXPECT_NE(first->metaObject().uid(), second->metaObject().uid());
+  EXPECT_NE(first->metaObject().uid(), 0);
+  const mw::MetaObject copy = first->metaObject();
+  EXPECT_EQ(copy.uid(), first->metaObject().uid());
+}
+
+}  // namespace

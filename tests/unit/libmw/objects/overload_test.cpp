@@ -1,0 +1,236 @@
+#include "door.h"
+#include "expect_error.h"
+
+#include <libmw/dynamicobject.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using HX::HXValue;
+using mw::AnyFunction;
+using mw::AnyReference;
+using mw::AnyValue;
+using testing::AllOf;
+using testing::HasSubstr;
+
+/// An object whose methods say which overload was called.
+class Chooser : public mw::DynamicObject {
+ public:
+  Chooser() {
+    builder_.setTypeName("Chooser").setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+    add<>("none");
+    add<int>("int");
+    add<std::int64_t>("int64");
+    add<float>("float");
+    add<double>("double");
+    add<std::string>("string");
+    add<std::vector<std::string>>("list<string>");
+    add<HXValue>("value");
+    add<HXValue, HXValue>("value, value");
+    add<HXValue, int>("value, int");
+    add<int, HXValue>("int, value");
+    add<std::string, double>("string, double");
+    add<std::shared_ptr<Door>>("door");
+    add<std::shared_ptr<Window>>("window");
+    add<double>("wide", "double");
+    add<std::int64_t>("wide", "int64");
+    add<int>("strict", "int");
+    add<float>("strict", "float");
+    add<AnyValue>("dynamic", "dynamic");
+    setType(builder_.build());
+  }
+
+ private:
+  template <class... P>
+  void add(const char* text) {
+    add<P...>("choose", text);
+  }
+  template <class... P>
+  void add(const char* method, const char* text) {
+    builder_.advertiseMethod(mw::MetaMethodBuilder(method, "", ""),
+                             AnyFunction::from([text](const P&...) { return std::string(text); }));
+  }
+  mw::ObjectBuilder builder_;
+};
+
+struct Choice {
+  const char* expected;
+  std::function<std::string(mw::GenericObject&)> call;
+};
+
+template <class... Args>
+Choice choose(const char* expected, Args... args) {
+  return {expected, [args...](mw::GenericObject& object) { return object.call<std::string>("choose", args...); }};
+}
+
+std::vector<Choice> choices() {
+  return {
+      choose("none"),
+      choose("int", 1),
+      choose("int64", std::int64_t{1}),
+      choose("int64", std::uint32_t{1}),
+      choose("int64", 1LL),
+      choose("int", short{1}),
+      choose("float", 1.0F),
+      choose("double", 1.0),
+      choose("value", true),
+      choose("string", "literal"),
+      choose("string", std::string("string")),
+      choose("string", std::string_view("view")),
+      choose("list<string>", std::vector<std::string>{"a"}),
+      choose("value", std::vector<int>{1}),
+      choose("int", HXValue(1)),
+      choose("float", HXValue(1.0F)),
+      choose("string", HXValue("text")),
+      choose("value", HXValue(true)),
+      choose("value", HXValue()),
+      choose("int", AnyValue(1)),
+      choose("int", AnyValue(HXValue(1))),
+      choose("value, int", 1.0, 1),
+      choose("value, int", 1, 1),  // As good as (int, value), and bound earlier.
+      choose("int, value", 1, 1.0),
+      choose("value, value", 1.0, 1.0),
+      choose("string, double", "key", 1.0),
+      choose("string, double", "key", 1.0F),
+      choose("door", std::make_shared<Door>()),
+      choose("window", std::make_shared<Window>()),
+      choose("window", mw::AnyObject::from(std::make_shared<Window>())),
+  };
+}
+
+class Overload : public testing::TestWithParam<std::size_t> {};
+INSTANTIATE_TEST_SUITE_P(All, Overload, testing::Range<std::size_t>(0, (registerHouse(), choices().size())));
+
+TEST_P(Overload, IsChosenByCountAndThenByTypes) {
+  const Choice choice = choices()[GetParam()];
+  EXPECT_EQ(choice.call(*std::make_shared<Chooser>()), choice.expected);
+}
+
+TEST(Overloads, AmongEquallyGoodOnesTheFirstBoundWins) {
+  EXPECT_EQ(std::make_shared<Chooser>()->call<std::string>("wide", 1), "double");
+}
+
+struct Refused {
+  const char* types;
+  std::function<void(mw::GenericObject&)> call;
+};
+
+template <class... Args>
+Refused refuse(const char* types, Args... args) {
+  return {types, [args...](mw::GenericObject& object) { object.call("strict", args...); }};
+}
+
+TEST(Overloads, WhereNoneFitsTheErrorNamesMethodArgumentsAndCandidates) {
+  int number = 0;
+  for (const auto& [types, call] : {
+           refuse("strict()"),
+           refuse("strict(bool)", true),
+           refuse("strict(double)", 1.0),
+           refuse("strict(int64)", std::int64_t{1}),
+           refuse("strict(string)", "text"),
+           refuse("strict(Double)", HXValue(1.0)),
+           refuse("strict(Invalid)", HXValue()),
+           refuse("strict(pointer<int>)", &number),
+           refuse("strict(nothing)", AnyValue()),
+           refuse("strict(int, int)", 1, 1),
+       }) {
+    const auto chooser = std::make_shared<Chooser>();
+    EXPECT_THAT(errorOf([&, wanted = call] { wanted(*chooser); }),
+                AllOf(HasSubstr("Chooser."), HasSubstr(types), HasSubstr("strict(int), strict(float)")));
+  }
+}
+
+TEST(Overloads, UnknownMethodsAreNamed) {
+  const auto chooser = std::make_shared<Chooser>();
+  EXPECT_EQ(errorOf([&] { chooser->call("chose", 1); }), "Chooser.chose: no such method");
+  EXPECT_EQ(chooser->async("chose", 1).error(), "Chooser.chose: no such method");
+  EXPECT_EQ(errorOf([&] { chooser->post("chose"); }), "Chooser.chose: no such method");
+  EXPECT_EQ(errorOf([&] { chooser->connect("chose", mw::SignalSubscriber([] {})); }), "Chooser.chose: no such signal");
+}
+
+TEST(Overloads, ANullPointerToCharactersIsAnError) {
+  const auto chooser = std::make_shared<Chooser>();
+  const char* const null = nullptr;
+  EXPECT_THAT(errorOf([&] { chooser->call("choose", null); }), HasSubstr("null pointer"));
+}
+
+TEST(Overloads, UnregisteredObjectsAreNamed) {
+  const auto chooser = std::make_shared<Chooser>();
+  EXPECT_THAT(errorOf([&] { chooser->call("choose", std::make_shared<Unregistered>()); }), HasSubstr("Unregistered"));
+  EXPECT_EQ(chooser->call<std::string>("dynamic", std::make_shared<Unregistered>()), "dynamic");
+}
+
+TEST(Overloads, DynamicFunctionsTakeWhatNobodyElseWants) {
+  mw::ObjectBuilder builder;
+  builder.advertiseMethod(mw::MetaMethodBuilder("count", "", ""),
+                          AnyFunction::fromDynamicFunction([](const std::vector<AnyReference>& arguments) {
+                            static thread_local int count;
+                            count = static_cast<int>(arguments.size());
+                            return AnyReference::of(count);
+                          }));
+  builder.advertiseMethod(mw::MetaMethodBuilder("count", "", ""), AnyFunction::from([](const HXValue&) { return -1; }));
+  const auto type = builder.build();
+  const auto object = std::make_shared<mw::DynamicObject>(type, nullptr);
+  EXPECT_EQ(object->call<int>("count", 1), -1);
+  EXPECT_EQ(object->call<int>("count"), 0);
+  EXPECT_EQ(object->call<int>("count", 1, "two", 3.0), 3);
+  EXPECT_EQ(type->metaObject().methods().front().signature(), "count(...)");
+}
+
+TEST(AnyFunctions, HandAStringInAVariantOnWithoutACopy) {
+  const HXValue value(std::string(100, 'x'));
+  const std::string* seen = nullptr;
+  const auto function = AnyFunction::from([&](const std::string& text) { seen = &text; });
+  const std::vector<AnyReference> plain{AnyReference::of(value)};
+  function.call(plain);
+  EXPECT_EQ(seen, &value.asString());
+  const AnyValue wrapped(value);
+  const std::vector<AnyReference> dynamic{AnyReference::of(wrapped)};
+  function.call(dynamic);
+  EXPECT_EQ(seen, &value.asString());
+}
+
+int twice(int number) noexcept { return 2 * number; }
+
+TEST(AnyFunctions, CallEveryKindOfCallable) {
+  const int given = 21;
+  const std::vector<AnyReference> parameters{AnyReference::of(given)};
+  int offset = 1;
+  const auto stateful = [offset](int number) mutable { return number + offset++; };
+  Door door(2);
+  EXPECT_EQ(AnyFunction::from(&twice).call(parameters).take<int>(), 42);
+  EXPECT_EQ(AnyFunction::from(std::function<int(int)>(twice)).call(parameters).take<int>(), 42);
+  EXPECT_EQ(AnyFunction::from(stateful).call(parameters).take<int>(), 22);
+  EXPECT_EQ(AnyFunction::from(&door, &Door::open).call({}).take<int>(), 3);
+  EXPECT_EQ(AnyFunction::ofMember<Door>(&Door::open).call({}, &door).take<int>(), 4);
+  EXPECT_FALSE(AnyFunction::from([](const HXValue&) {}).call(parameters));
+}
+
+TEST(AnyFunctions, WrongCallsAreErrors) {
+  const std::string text = "text";
+  const std::vector<AnyReference> parameters{AnyReference::of(text)};
+  const auto function = AnyFunction::from(&twice);
+  EXPECT_EQ(errorOf([&] { function.call({}); }), "Invalid number of arguments: 0 given, 1 wanted");
+  EXPECT_EQ(errorOf([&] { function.call(parameters); }), "argument 1: cannot convert string to int");
+  EXPECT_EQ(errorOf([&] { AnyFunction().call({}); }), "there is no function to call");
+  mw::ObjectBuilder builder;
+  EXPECT_THAT(errorOf([&] { builder.advertiseMethod(mw::MetaMethodBuilder("lost", "", ""), AnyFunction()); }),
+              HasSubstr("lost"));
+  EXPECT_THAT(errorOf([&] { builder.advertiseSignal("lost", "()", {}); }), HasSubstr("lost"));
+  EXPECT_THAT(errorOf([&] {
+                mw::MetaMethodBuilder described("lost", "", "");
+                described.addParameter("a", "").addParameter("b", "");
+                builder.advertiseMethod(described, function);
+              }),
+              HasSubstr("lost takes 1 parameters, and 2 are documented"));
+}
+
+}  // namespace

@@ -1,0 +1,283 @@
+#include "capture_log.h"
+#include "expect_error.h"
+#include "look_ups.h"
+
+#include <libmw/dynamicobject.h>
+#include <libmw/eventloop.h>
+#include <libmw/session.h>
+
+#include <atomic>
+#include <future>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using mw::AnyFunction;
+using mw::AnyObject;
+using mw::Session;
+using mw::SignalSubscriber;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+/// An object with one method, "run".
+AnyObject serviceThat(std::function<void()> run) {
+  mw::ObjectBuilder builder;
+  builder.setTypeName("Runner").setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+  builder.advertiseMethod(mw::MetaMethodBuilder("run", "", ""), AnyFunction::from(std::move(run)));
+  return AnyObject(std::make_shared<mw::DynamicObject>(builder.build(), nullptr));
+}
+
+class Sessions : public testing::Test {
+ protected:
+  /// Remembers the notices; a leading "-" is one of a withdrawal.
+  void listen() {
+    session.serviceRegistered.connect(SignalSubscriber([this](mw::ServiceId, const std::string& name) {
+      onLoop = onLoop && loop.isInThisLoop();
+      notices.push_back(name);
+    }));
+    session.serviceUnregistered.connect(
+        SignalSubscriber([this](mw::ServiceId, const std::string& name) { notices.push_back("-" + name); }));
+  }
+
+  mw::EventLoop loop;
+  std::vector<std::string> notices;
+  bool onLoop = true;
+  Session session{loop};
+};
+
+TEST_F(Sessions, FindTheServicesOfTheirProcess) {
+  int runs = 0;
+  const auto object = serviceThat([&] { ++runs; });
+  const auto id = session.registerService("Motor", object);
+  const auto found = session.service("Motor");
+  ASSERT_TRUE(found.isFinished()) << "at once";
+  found.value()->call("run");
+  found.value()->async("run").value();
+  EXPECT_EQ(runs, 2);
+  EXPECT_EQ(found.value(), object) << "one identity, whatever the handle";
+  EXPECT_EQ(session.service("Motor").value().pointer(), found.value().pointer());
+  ASSERT_EQ(session.services().size(), 1U);
+  EXPECT_EQ(session.services().front().id, id);
+  EXPECT_THAT(session.service("Wheel").error(), HasSubstr("Wheel"));
+}
+
+TEST_F(Sessions, RefuseServicesThatCannotBe) {
+  session.registerService("Motor", serviceThat([] {}));
+  EXPECT_THAT(errorOf([&] { session.registerService("Motor", serviceThat([] {})); }), HasSubstr("Motor"));
+  EXPECT_THAT(errorOf([&] { session.registerService("", serviceThat([] {})); }), HasSubstr("without a name"));
+  EXPECT_THAT(errorOf([&] { session.registerService("Wheel", AnyObject()); }), HasSubstr("Wheel"));
+  EXPECT_FALSE(session.unregisterService(99));
+  session.close();
+  EXPECT_THAT(errorOf([&] { session.registerService("Late", serviceThat([] {})); }), HasSubstr("Late"));
+}
+
+TEST_F(Sessions, AnnounceInOrderOnTheirLoop) {
+  listen();
+  std::vector<std::string> expected;
+  for (int i = 0; i < 50; ++i) {
+    const auto id = session.registerService("Motor", serviceThat([] {}));
+    session.unregisterService(id);
+    expected.insert(expected.end(), {"Motor", "-Motor"});
+  }
+  session.announce(1000, "Elsewhere", true);
+  expected.emplace_back("Elsewhere");
+  loop.drain();
+  EXPECT_EQ(notices, expected);
+  EXPECT_TRUE(onLoop);
+}
+
+// A service that one thread registers and another withdraws at once: the notices must not arrive the wrong way round.
+TEST_F(Sessions, AnnounceInOrderWhatSeveralThreadsDo) {
+  listen();
+  std::atomic<bool> done{false};
+  std::thread withdrawer([&] {
+    while (!done || !session.services().empty()) {
+      for (const auto& service : session.services()) session.unregisterService(service.id);
+    }
+  });
+  const auto object = serviceThat([] {});
+  for (int i = 0; i < 500; ++i) session.registerService("Service" + std::to_string(i), object);
+  done = true;
+  withdrawer.join();
+  loop.drain();
+  ASSERT_EQ(notices.size(), 1000U);
+  for (int i = 0; i < 500; ++i) {
+    const std::string name = "Service" + std::to_string(i);
+    EXPECT_LT(std::ranges::find(notices, name), std::ranges::find(notices, "-" + name));
+  }
+}
+
+TEST_F(Sessions, HoldNoticesBack) {
+  {
+    const Session::NoticeHold outer(session);
+    {
+      const Session::NoticeHold inner(session);
+      session.registerService("Motor", serviceThat([] {}));
+    }
+    loop.drain();
+    listen();
+  }
+  loop.drain();
+  EXPECT_THAT(notices, ElementsAre("Motor"));
+}
+
+TEST_F(Sessions, AnnounceNothingOnceTheyAreGone) {
+  std::atomic<int> heard{0};
+  {
+    Session other(loop);
+    other.serviceUnregistered.connect(SignalSubscriber([&](mw::ServiceId, const std::string&) { ++heard; }));
+    const Session::NoticeHold hold(other);
+    other.registerService("Motor", serviceThat([] {}));
+  }
+  loop.drain();
+  EXPECT_EQ(heard, 0);
+}
+
+TEST_F(Sessions, MayBeDestroyedByAHandler) {
+  std::optional<Session> other(std::in_place, loop);
+  other->serviceRegistered.connect(SignalSubscriber([&](mw::ServiceId, const std::string&) { other.reset(); }));
+  other->registerService("Motor", serviceThat([] {}));
+  loop.drain();
+  EXPECT_FALSE(other);
+}
+
+TEST_F(Sessions, AskTheResolverForOthers) {
+  kit::LookUps lookUps(session);
+  const auto found = session.service("Far");
+  const auto missing = session.service("Missing");
+  EXPECT_TRUE(found.isRunning());
+  const auto object = serviceThat([] {});
+  lookUps.take("Far").setValue(object);
+  lookUps.take("Missing").setError("nobody offers Missing");
+  EXPECT_EQ(found.value(), object);
+  EXPECT_EQ(missing.error(), "nobody offers Missing");
+  session.registerService("Near", object);
+  EXPECT_TRUE(session.service("Near").isFinished());
+  session.setResolver({});
+  EXPECT_THAT(session.service("Far").error(), HasSubstr("Far"));
+}
+
+TEST_F(Sessions, SurviveAResolverThatMisbehaves) {
+  session.setResolver([](const std::string&) -> mw::Future<AnyObject> { throw std::runtime_error("no network"); });
+  EXPECT_EQ(session.service("Far").error(), "no network");
+  session.setResolver([](const std::string&) { return mw::Future<AnyObject>(); });
+  EXPECT_THAT(session.service("Far").error(), HasSubstr("Far"));
+}
+
+TEST_F(Sessions, CutHandlesOffWhenAServiceIsWithdrawn) {
+  auto object = serviceThat([] {});
+  const std::weak_ptr<mw::GenericObject> gone = object.pointer();
+  const auto id = session.registerService("Motor", std::move(object));
+  const auto handle = session.service("Motor").value();
+  EXPECT_TRUE(session.unregisterService(id));
+  EXPECT_TRUE(gone.expired()) << "handles do not keep it";
+  EXPECT_EQ(errorOf([&] { handle->call("run"); }), "service Motor is gone");
+  EXPECT_EQ(handle->async("run").error(), "service Motor is gone");
+  EXPECT_EQ(handle->metaConnect(0, SignalSubscriber([] {})).error(), "service Motor is gone");
+  EXPECT_EQ(handle->metaDisconnect(1).error(), "service Motor is gone");
+  EXPECT_EQ(handle->metaProperty(0).error(), "service Motor is gone");
+  EXPECT_EQ(errorOf([&] { handle->metaPost(7, {}); }), "service Motor is gone");
+  session.registerService("Motor", serviceThat([] {}));
+  EXPECT_NE(session.service("Motor").value().pointer(), handle.pointer());
+}
+
+/// A service whose calls stay inside until they are released.
+class WithdrawalDuringACall : public Sessions {
+ protected:
+  WithdrawalDuringACall() {
+    id = session.registerService("Motor", serviceThat([this] {
+                                   entered.set_value();
+                                   release.get_future().wait();
+                                   returned = true;
+                                 }));
+    handle = session.service("Motor").value();
+    caller = std::thread([this] { handle->call("run"); });
+    entered.get_future().wait();
+  }
+  ~WithdrawalDuringACall() override { caller.join(); }
+
+  mw::ServiceId id = 0;
+  AnyObject handle;
+  std::promise<void> entered;
+  std::promise<void> release;
+  std::atomic<bool> returned{false};
+  std::thread caller;
+};
+
+TEST_F(WithdrawalDuringACall, WakesItUpAndWaitsForIt) {
+  EXPECT_TRUE(session.unregisterService(id, [&] {
+    EXPECT_THROW(handle->call("run"), std::runtime_error) << "new calls are refused by now";
+    release.set_value();
+  }));
+  EXPECT_TRUE(returned);
+}
+
+TEST_F(WithdrawalDuringACall, LogsALongWait) {
+  const kit::CaptureLog log({"mw.session"});
+  session.setDrainPatience(std::chrono::milliseconds(1));
+  auto withdrawn = std::async(std::launch::async, [&] { session.unregisterService(id); });
+  EXPECT_TRUE(log.waitFor(1));
+  EXPECT_FALSE(returned);
+  release.set_value();
+  withdrawn.get();
+  ASSERT_EQ(log.entries().size(), 1U);
+  EXPECT_THAT(log.texts().front(), HasSubstr("service Motor"));
+  EXPECT_EQ(log.entries().front().level, mw::LogLevel::Warning);
+}
+
+TEST_F(Sessions, AServiceMayWithdrawItselfFromInside) {
+  const kit::CaptureLog log({"mw.session"});
+  std::weak_ptr<mw::GenericObject> gone;
+  mw::ServiceId id = 0;
+  auto object = serviceThat([&] {
+    EXPECT_TRUE(session.unregisterService(id));
+    EXPECT_FALSE(session.unregisterService(id));
+    EXPECT_FALSE(gone.expired()) << "it is still running";
+  });
+  gone = object.pointer();
+  id = session.registerService("Motor", std::move(object));
+  const auto handle = session.service("Motor").value();
+  handle->call("run");
+  mw::defaultLoop().drain();
+  EXPECT_TRUE(gone.expired());
+  EXPECT_THROW(handle->call("run"), std::runtime_error);
+  EXPECT_THAT(log.texts(), ElementsAre());
+}
+
+TEST_F(Sessions, CloseInTheReverseOrderOfRegistration) {
+  listen();
+  for (const char* name : {"first", "second", "third"}) session.registerService(name, serviceThat([] {}));
+  session.close();
+  session.close();
+  EXPECT_TRUE(session.services().empty());
+  loop.drain();
+  EXPECT_THAT(notices, ElementsAre("first", "second", "third", "-third", "-second", "-first"));
+}
+
+TEST_F(Sessions, CallsAndWithdrawalsRace) {
+  std::atomic<int> state{0};
+  for (int round = 0; round < 200; ++round) {
+    state = 1;
+    const auto id = session.registerService("Motor", serviceThat([&] { EXPECT_EQ(state, 1); }));
+    const auto handle = session.service("Motor").value();
+    std::thread caller([&] {
+      try {
+        while (true) handle->call("run");
+      } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "service Motor is gone");
+      }
+    });
+    session.unregisterService(id);
+    state = 0;
+    caller.join();
+  }
+}
+
+}  // namespace
