@@ -89,6 +89,7 @@ struct BrokenModule {
   std::string library;
   std::string why;
 };
+void PrintTo(const BrokenModule& shown, std::ostream* stream) { *stream << shown.library; }
 
 class BrokenModules : public testing::TestWithParam<BrokenModule> {};
 

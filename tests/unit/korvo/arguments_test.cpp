@@ -13,6 +13,7 @@ struct ExtentCase {
   std::string_view text;
   std::string_view extent;
 };
+void PrintTo(const ExtentCase& shown, std::ostream* stream) { *stream << shown.text; }
 
 class JsonExtent : public testing::TestWithParam<ExtentCase> {};
 

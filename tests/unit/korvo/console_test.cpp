@@ -181,6 +181,7 @@ struct WrongLine {
   std::string line;
   std::string error;
 };
+void PrintTo(const WrongLine& shown, std::ostream* stream) { *stream << shown.line; }
 
 class WrongLines : public ConsoleTest, public testing::WithParamInterface<WrongLine> {};
 
