@@ -1,0 +1,5 @@
+#include "hosttelemetry.h"
+
+using telemetry::HostTelemetry;
+
+HX_MODULE(HostTelemetry)

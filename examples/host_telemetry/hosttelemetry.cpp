@@ -1,0 +1,168 @@
+#include "hosttelemetry.h"
+
+#include <hxcommon/hxbroker.h>
+#include <libmw/log.h>
+#include <libmw/os.h>
+
+#include <charconv>
+#include <exception>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace telemetry {
+namespace {
+
+using std::chrono::milliseconds;
+
+const char* const kCategory = "hosttelemetry";
+const char* const kPeriodVariable = "KORVO_HOST_PERIOD";
+constexpr milliseconds kDefaultPeriod{1000};
+// A directory beyond this process may take its time to answer, and leaving has to wait for it.
+constexpr milliseconds kLookUpLimit{1000};
+
+std::string rangeText() {
+  return fmt::format("{} to {} ms", HostTelemetry::kShortestPeriod.count(), HostTelemetry::kLongestPeriod.count());
+}
+
+bool isInRange(milliseconds period) {
+  return period >= HostTelemetry::kShortestPeriod && period <= HostTelemetry::kLongestPeriod;
+}
+
+milliseconds periodAtStart() {
+  const std::string text = mw::os::getenv(kPeriodVariable);
+  if (text.empty()) return kDefaultPeriod;
+  milliseconds::rep count = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  if (error == std::errc() && end == text.data() + text.size() && isInRange(milliseconds(count))) {
+    return milliseconds(count);
+  }
+  mw::log::warning(kCategory, "periodAtStart",
+                   fmt::format("{} is not a period of {}: {}", kPeriodVariable, rangeText(), text));
+  return kDefaultPeriod;
+}
+
+}  // namespace
+
+HostTelemetry::HostTelemetry(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name, Sensors sensors)
+    : HXModule(broker, name), session_(broker->session()), period_(periodAtStart()), sensors_(std::move(sensors)) {
+  setModuleDescription(
+      "HostTelemetry publishes what this machine's sensors show: its load, memory, temperatures and traffic.");
+  bindMethods();
+  session_->serviceUnregistered.connect(mw::SignalSubscriber([this](mw::ServiceId, const std::string& service) {
+                                          onServiceUnregistered(service);
+                                        }).track(lifetime_.token()));
+}
+
+HostTelemetry::~HostTelemetry() {
+  lifetime_.destroy();
+  stopSampling();
+}
+
+void HostTelemetry::bindMethods() {
+  functionName("setPeriod", getName(), "Sets the time from one sample to the next.");
+  addParam("milliseconds", fmt::format("The time, {}. It holds from the last sample on.", rangeText()));
+  bindMethod(this, &HostTelemetry::setPeriod);
+
+  functionName("getPeriod", getName(), "Gets the time from one sample to the next.");
+  setReturn("milliseconds", "The time.");
+  bindMethod(this, &HostTelemetry::getPeriod);
+
+  functionName("getCurrentPrecision", getName(),
+               "Gets how precise the events are. That there is this method has "
+               "HXMemory tell the module of its subscribers.");
+  setReturn("precision", "The precision, between 0 and 1.");
+  bindMethod(this, &HostTelemetry::getCurrentPrecision);
+
+  functionName("subscribe", getName(), "Called by HXMemory when a module subscribes to one of the events.");
+  addParam("subscriberId", "The subscriber's name with the event's name behind it. Twice the same counts once.");
+  bindMethod(this, &HostTelemetry::subscribe);
+
+  functionName("unsubscribe", getName(), "Called by HXMemory when a module unsubscribes from one of the events.");
+  addParam("subscriberId", "As it was given to subscribe.");
+  bindMethod(this, &HostTelemetry::unsubscribe);
+}
+
+void HostTelemetry::init() {
+  thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+}
+
+void HostTelemetry::exit() {
+  stopSampling();
+  HXModule::exit();
+}
+
+void HostTelemetry::setPeriod(int count) {
+  const milliseconds period(count);
+  if (!isInRange(period)) {
+    throw HX::HXError(getName(), "setPeriod", fmt::format("{} ms is out of range: {}", count, rangeText()));
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    period_ = period;
+  }
+  periodChanged_.notify_all();
+}
+
+int HostTelemetry::getPeriod() const {
+  const std::lock_guard lock(mutex_);
+  return static_cast<int>(period_.count());
+}
+
+float HostTelemetry::getCurrentPrecision() const { return 1.0F; }
+
+void HostTelemetry::subscribe(const std::string& subscriberId) { subscribers_.add(subscriberId); }
+
+void HostTelemetry::unsubscribe(const std::string& subscriberId) { subscribers_.remove(subscriberId); }
+
+void HostTelemetry::onServiceUnregistered(const std::string& service) {
+  // Notices come a moment late. A module that is there again may have subscribed again already.
+  if (session_->service(service).hasError()) subscribers_.removeModule(service, Publisher::kEventPrefix);
+}
+
+void HostTelemetry::run(const std::stop_token& stop) {
+  while (!stop.stop_requested()) {
+    const auto now = Clock::now();
+    try {
+      publisher().publish(sensors_.sample(now));
+      report({});
+    } catch (const std::exception& error) {
+      report(error.what());
+    }
+    waitForNextSample(stop, now);
+  }
+}
+
+Publisher& HostTelemetry::publisher() {
+  mw::AnyObject memory = session_->service("HXMemory").value(kLookUpLimit);
+  if (!publisher_ || memory.pointer() != memory_.pointer()) {
+    // Subscriptions went with the memory that knew them. The new one tells of its own once the events are declared.
+    subscribers_.clear();
+    publisher_.emplace(HX::HXMemoryProxy(std::make_shared<HX::HXProxy>(memory, "HXMemory")), getName(), subscribers_);
+    memory_ = std::move(memory);
+  }
+  return *publisher_;
+}
+
+void HostTelemetry::report(const std::string& failure) {
+  if (failure == failure_) return;
+  if (!failure.empty())
+    mw::log::warning(kCategory, "run", "not published, and tried again with each sample: " + failure);
+  failure_ = failure;
+}
+
+void HostTelemetry::waitForNextSample(const std::stop_token& stop, Clock::time_point sampled) {
+  std::unique_lock lock(mutex_);
+  milliseconds period{};
+  do {
+    period = period_;
+  } while (periodChanged_.wait_until(lock, stop, sampled + period, [&] { return period_ != period; }));
+}
+
+void HostTelemetry::stopSampling() {
+  if (!thread_.joinable()) return;
+  thread_.request_stop();
+  thread_.join();
+}
+
+}  // namespace telemetry

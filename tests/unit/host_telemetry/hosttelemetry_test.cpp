@@ -1,0 +1,152 @@
+#include "hosttelemetry.h"
+
+#include "capture_log.h"
+#include "memory_fixture.h"
+#include "print_value.h"
+
+#include <libmw/future.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace telemetry {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using HX::HXValue;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const std::string kEvent = "Host/Sampled/Memory/Used";
+
+/// Keeps what it is told first.
+class Display : public HX::HXModule {
+ public:
+  Display(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+    functionName("onEvent", name, "");
+    bindMethod(this, &Display::onEvent);
+  }
+
+  void onEvent(const std::string&, const HXValue& value, const std::string&) { told.trySetValue(value); }
+
+  mw::Promise<HXValue> told;
+};
+
+class RunningTelemetry : public kit::MemoryFixture {
+ protected:
+  RunningTelemetry() {
+    fs::create_directories(folder_);
+    std::ofstream(folder_ / "meminfo") << "MemTotal: 4 kB\nMemAvailable: 1 kB\n";
+  }
+  ~RunningTelemetry() override { fs::remove_all(folder_); }
+
+  void load() {
+    setenv("KORVO_HOST_PERIOD", "10", 1);
+    telemetry = HX::HXModule::createModule<HostTelemetry>(broker, "HostTelemetry", Sensors(folder_, folder_));
+  }
+
+  void TearDown() override {
+    telemetry.reset();
+    MemoryFixture::TearDown();
+    unsetenv("KORVO_HOST_PERIOD");
+  }
+
+  void leaveMemory() {
+    generic.reset();
+    memory->exit();
+    memory.reset();
+  }
+
+  void returnMemory() {
+    memory = HX::HXModule::createModule<HX::HXMemory>(broker, "HXMemory");
+    generic = broker->getProxy("HXMemory");
+  }
+
+  /// Waits until the memory has the key.
+  void waitForKey(const std::string& key) {
+    mw::Promise<void> added;
+    const auto wrapper = memory->subscriber("HXMemory/KeyAdded");
+    const mw::SignalLink link = wrapper->signal.connect(mw::SignalSubscriber([added, key](const HXValue& name) mutable {
+      if (name == HXValue(key)) added.trySetValue();
+    }));
+    // It may have come before the connection did.
+    if (memory->xGetSTMValue(key)) added.trySetValue();
+    EXPECT_NO_THROW(added.future().value(30s)) << key;
+    wrapper->signal.disconnect(link);
+  }
+
+  std::shared_ptr<HostTelemetry> telemetry;
+
+ private:
+  const fs::path folder_ = fs::temp_directory_path() / ("telemetry-" + std::to_string(getpid()));
+};
+
+TEST_F(RunningTelemetry, TellsASubscriber) {
+  load();
+  waitForKey(kEvent);
+  const auto display = HX::HXModule::createModule<Display>(broker, "Display");
+  memory->subscribeToEvent(kEvent, "Display", "onEvent");
+  EXPECT_EQ(display->told.future().value(30s), HXValue(0.75));
+}
+
+TEST_F(RunningTelemetry, WaitsForTheMemoryAndSaysSoOnce) {
+  leaveMemory();
+  const kit::CaptureLog log({"hosttelemetry"});
+  load();
+  ASSERT_TRUE(log.waitFor(1));
+  returnMemory();
+  waitForKey("Host/Memory/Used");
+  EXPECT_THAT(log.texts(), ElementsAre(HasSubstr("HXMemory")));
+}
+
+TEST_F(RunningTelemetry, TellsAMemoryThatComesAgainEverythingAnew) {
+  load();
+  waitForKey(kEvent);
+  leaveMemory();
+  returnMemory();
+  waitForKey(kEvent);
+  EXPECT_THAT(memory->getExtractorEvent("HostTelemetry"), ElementsAre(kEvent));
+}
+
+TEST_F(RunningTelemetry, IsGoneAfterItsExit) {
+  load();
+  const std::weak_ptr<HostTelemetry> gone = telemetry;
+  telemetry->exit();
+  telemetry.reset();
+  EXPECT_TRUE(gone.expired());
+}
+
+TEST_F(RunningTelemetry, SamplesAtOnceWhenALongPeriodIsCutShort) {
+  load();
+  telemetry->setPeriod(3'600'000);
+  waitForKey(kEvent);
+  const auto display = HX::HXModule::createModule<Display>(broker, "Display");
+  memory->subscribeToEvent(kEvent, "Display", "onEvent");
+  telemetry->setPeriod(10);
+  EXPECT_EQ(display->told.future().value(30s), HXValue(0.75));
+}
+
+TEST_F(RunningTelemetry, RefusesAPeriodOutOfRangeAndKeepsTheOldOne) {
+  load();
+  for (const int period : {-1, 0, 9, 3'600'001}) EXPECT_THROW(telemetry->setPeriod(period), HX::HXError) << period;
+  EXPECT_EQ(telemetry->getPeriod(), 10);
+}
+
+TEST_F(RunningTelemetry, NamesAPeriodOfTheEnvironmentThatItCannotUse) {
+  const kit::CaptureLog log({"hosttelemetry"});
+  for (const char* text : {"soon", "9", "10 ms", "99999999999999999999"}) {
+    setenv("KORVO_HOST_PERIOD", text, 1);
+    EXPECT_EQ(HostTelemetry(broker, "HostTelemetry").getPeriod(), 1000) << text;
+    EXPECT_THAT(log.texts().back(), testing::AllOf(StartsWith("KORVO_HOST_PERIOD "), testing::EndsWith(text)));
+  }
+}
+
+}  // namespace
+}  // namespace telemetry
