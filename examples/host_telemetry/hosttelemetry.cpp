@@ -136,7 +136,7 @@ void HostTelemetry::run(const std::stop_token& stop) {
 Publisher& HostTelemetry::publisher() {
   mw::AnyObject memory = session_->service("HXMemory").value(kLookUpLimit);
   if (!publisher_ || memory.pointer() != memory_.pointer()) {
-    // Subscriptions went with the memory that knew them. The new one tells of its own once the events are declared.
+    // Subscriptions went with the memory that knew them. The publisher learns of those that the new one has.
     subscribers_.clear();
     publisher_.emplace(HX::HXMemoryProxy(std::make_shared<HX::HXProxy>(memory, "HXMemory")), getName(), subscribers_);
     memory_ = std::move(memory);

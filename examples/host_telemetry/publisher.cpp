@@ -16,6 +16,7 @@ constexpr std::string_view kDataPrefix = "Host/";
 
 constexpr auto kSubjects = std::to_array<std::pair<std::string_view, std::string_view>>({
     {"Processor/", "Share of the processor's time that was spent busy since the sample before"},
+    {"Memory/Used", "Share of the main memory that is in use"},
     {"Memory/", "Main memory"},
     {"Temperature/", "Temperature"},
     {"Network/", "Traffic of a network interface"},
@@ -45,7 +46,7 @@ std::string description(const Reading& reading) {
 
 }  // namespace
 
-Publisher::Publisher(HX::HXMemoryProxy memory, std::string extractor, const Subscribers& subscribers)
+Publisher::Publisher(HX::HXMemoryProxy memory, std::string extractor, Subscribers& subscribers)
     : memory_(std::move(memory)), extractor_(std::move(extractor)), subscribers_(subscribers) {}
 
 void Publisher::publish(const std::vector<Reading>& readings) {
@@ -61,10 +62,16 @@ void Publisher::introduce(const Reading& reading) {
   memory_.setDescription(dataKey(reading), description(reading));
   if (isEvent(reading)) {
     const std::string event = eventName(reading);
-    memory_.declareEvent(event, extractor_);
+    declare(event);
     memory_.setDescription(event, description(reading));
   }
   introduced_.insert(reading.name);
+}
+
+void Publisher::declare(const std::string& event) {
+  memory_.declareEvent(event, extractor_);
+  // Asked after the declaration: a subscriber that comes in between is told of twice, and counts once.
+  for (const std::string& subscriber : memory_.getSubscribers(event)) subscribers_.add(subscriber + event);
 }
 
 void Publisher::raise(const std::vector<Reading>& readings) {

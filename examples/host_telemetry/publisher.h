@@ -24,8 +24,9 @@ class Publisher {
   static constexpr std::string_view kEventPrefix = "Host/Sampled/";
 
   /// @param extractor    The module that the events are declared for.
-  /// @param subscribers  Must outlive this object.
-  Publisher(HX::HXMemoryProxy memory, std::string extractor, const Subscribers& subscribers);
+  /// @param subscribers  Whom the memory tells the extractor of. Those who subscribed to an event before it was declared
+  ///                     for the extractor are added. Must outlive this object.
+  Publisher(HX::HXMemoryProxy memory, std::string extractor, Subscribers& subscribers);
 
   /// Stores what was read, all in one call, then raises the events that are wanted. Keys that are new are described,
   /// and their events declared.
@@ -37,11 +38,12 @@ class Publisher {
 
  private:
   void introduce(const Reading& reading);
+  void declare(const std::string& event);
   void raise(const std::vector<Reading>& readings);
 
   HX::HXMemoryProxy memory_;
   const std::string extractor_;
-  const Subscribers& subscribers_;
+  Subscribers& subscribers_;
   std::set<std::string> introduced_;  // Names of readings.
 };
 

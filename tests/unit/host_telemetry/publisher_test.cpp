@@ -92,6 +92,12 @@ TEST_F(PublishedReadings, AreRaisedOnlyWhileSomebodyIsSubscribed) {
   EXPECT_EQ(memory->getEventHistory("Host/Sampled/Processor/Load"), HXValue());
 }
 
+TEST_F(PublishedReadings, AreRaisedForThoseWhoSubscribedBeforeTheExtractorCame) {
+  memory->subscribeToEvent("Host/Sampled/Memory/Used", "Display", "onEvent");
+  makePublisher().publish({{"Memory/Used", 0.5, "ratio"}});
+  EXPECT_THAT(display->told, ElementsAre(Pair("Host/Sampled/Memory/Used", 0.5)));
+}
+
 TEST_F(PublishedReadings, AreRaisedAlsoWhenASubscriberFails) {
   auto publisher = makePublisher();
   subscribe("Host/Sampled/Disk/a/Read");
