@@ -63,8 +63,7 @@ void HXMemory::loadSignalEventMapFromFile() {
   const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(path.empty() ? nullptr : mw::os::fopen(path, "r"),
                                                              &std::fclose);
   if (!file) {
-    HX_LOG_AS(Warning, memoryCategory(), "loadSignalEventMapFromFile",
-              std::string("Can't not open file ") + fileName);
+    HX_LOG_AS(Warning, memoryCategory(), "loadSignalEventMapFromFile", std::string("Can't not open file ") + fileName);
     return;
   }
   while (const auto piece = readSignalMapPiece(file.get())) {

@@ -58,7 +58,8 @@ std::vector<std::string> HXMemory::getDataSubscriber(const std::string& name) {
 }
 
 void HXMemory::unregisterModuleReference(const std::string& /*moduleName*/) {
-  mw::log::warning("hxmemory", "unregisterModuleReference", "unregisterModuleReference is deprecated and can be removed.");
+  mw::log::warning("hxmemory", "unregisterModuleReference",
+                   "unregisterModuleReference is deprecated and can be removed.");
 }
 
 void HXMemory::subscribeOnDataSetTimePolicy(const std::string& /*name*/, const std::string& /*callbackModule*/,

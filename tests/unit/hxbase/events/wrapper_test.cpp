@@ -26,6 +26,13 @@ TEST_F(Wrapper, OfAnUnknownNameDeclaresTheEvent) {
   EXPECT_THAT(bookkeeper->values(), ElementsAre(HXValue("E")));
 }
 
+TEST_F(Wrapper, IsRefusedWhenSomebodyRemovesTheEventMeanwhile) {
+  subscribed("bookkeeper", Memory::keyAddedKey)->react = [this](const auto& heard) {
+    memory->removeEvent(heard.value.asString());
+  };
+  EXPECT_EQ(errorOf([&] { memory->subscriber("E"); }), "event not found");
+}
+
 TEST_F(Wrapper, IsTheSameObjectEachTimeWhateverTheKind) {
   memory->insertData("D", 1);
   memory->raiseMicroEvent("U", HXValue(1));
