@@ -24,7 +24,8 @@ class Publisher {
   static constexpr std::string_view kEventPrefix = "Host/Sampled/";
 
   /// @param extractor    The module that the events are declared for.
-  /// @param subscribers  Whom the memory tells the extractor of. Those who subscribed to an event before it was declared
+  /// @param subscribers  Whom the memory tells the extractor of. Those who subscribed to an event before it was
+  /// declared
   ///                     for the extractor are added. Must outlive this object.
   Publisher(HX::HXMemoryProxy memory, std::string extractor, Subscribers& subscribers);
 

@@ -67,8 +67,9 @@ HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& n
   applyPendingMappings();
   // Shared ownership does not exist yet in a constructor, so the connection is tied to the lifetime token.
   serviceRegisteredLink = broker->session()->serviceRegistered.connect(
-      mw::SignalSubscriber([this](mw::ServiceId, const std::string& service) { onServiceRegistered(service); })
-          .track(lifetime_.token()));
+      mw::SignalSubscriber([this](mw::ServiceId, const std::string& service) {
+        onServiceRegistered(service);
+      }).track(lifetime_.token()));
 }
 
 HXMemory::~HXMemory() {

@@ -101,10 +101,15 @@ void HXMemory::setDescription(const std::string& name, const std::string& descri
 HXValue HXMemory::describe(const std::string& name, const STMValue& item) const {
   HXValue kind;
   switch (item.getDataType()) {
-    case STMValue::Data: kind = "data"; break;
+    case STMValue::Data:
+      kind = "data";
+      break;
     case STMValue::Event:
-    case STMValue::MicroEvent: kind = "event"; break;
-    default: break;
+    case STMValue::MicroEvent:
+      kind = "event";
+      break;
+    default:
+      break;
   }
   return HXValue::list({name, std::move(kind), item.description});
 }

@@ -3,9 +3,9 @@
 #include <hxbase/stmvalue.h>
 #include <hxerror/hxerror.h>
 
-#include <boost/circular_buffer.hpp>
-
 #include <utility>
+
+#include <boost/circular_buffer.hpp>
 
 namespace HX {
 
@@ -32,11 +32,16 @@ std::shared_ptr<STMValue> STMValue::create(HXMemory* memory, const std::string& 
 
 const char* STMValue::kindText(dataType kind) {
   switch (kind) {
-    case UnknownData: return "Unknown data";
-    case Data: return "Data";
-    case ShmData: return "ShmData";
-    case Event: return "Event";
-    case MicroEvent: return "MicroEvent";
+    case UnknownData:
+      return "Unknown data";
+    case Data:
+      return "Data";
+    case ShmData:
+      return "ShmData";
+    case Event:
+      return "Event";
+    case MicroEvent:
+      return "MicroEvent";
   }
   return "Unknown";
 }

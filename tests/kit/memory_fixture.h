@@ -3,10 +3,10 @@
 #include <hxbase/hxmemory.h>
 #include <hxcommon/hxbroker.h>
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <memory>
+
+#include <gtest/gtest.h>
 
 namespace kit {
 

@@ -6,8 +6,6 @@
 #include <libmw/session.h>
 #include <libmw/trackable.h>
 
-#include <boost/thread/shared_mutex.hpp>
-
 #include <atomic>
 #include <functional>
 #include <map>
@@ -19,6 +17,8 @@
 #include <thread>
 #include <unordered_map>
 #include <vector>
+
+#include <boost/thread/shared_mutex.hpp>
 
 namespace HX {
 
@@ -32,8 +32,8 @@ extern const std::string keyTypeChanged;  ///< "HXMemory/KeyTypeChanged"
 
 /// The robot's shared memory: one table of named values, and the hub that hands events on.
 ///
-/// A value flows from a module's proxy through the method table into a member here, into the item of its name, and, when
-/// it was raised, on to the item's subscribers.
+/// A value flows from a module's proxy through the method table into a member here, into the item of its name, and,
+/// when it was raised, on to the item's subscribers.
 ///
 /// Threads: every public method may be called from any thread, any number at once. Only `getDataOnChange` blocks by
 /// design; raising runs the subscribers of this process on the raiser's thread.

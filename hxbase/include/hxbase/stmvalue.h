@@ -7,8 +7,6 @@
 #include <libmw/clock.h>
 #include <libmw/future.h>
 
-#include <boost/circular_buffer_fwd.hpp>
-
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -17,6 +15,8 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include <boost/circular_buffer_fwd.hpp>
 
 namespace HX {
 
@@ -30,9 +30,9 @@ extern HXBroker* staticBroker;
 /// One item of the memory: its value and kind, its history, its subscriptions, its signal.
 ///
 /// Lifetime: made by `create`, shared by the table and by whoever looked it up, so that an item taken out of the table
-/// stays whole for those who still work on it. When the last reference goes while notifications are pending, the item is
-/// destroyed on the event loop: its destructor waits for them, and the last reference may well fall inside one of them,
-/// or under a lock that they need.
+/// stays whole for those who still work on it. When the last reference goes while notifications are pending, the item
+/// is destroyed on the event loop: its destructor waits for them, and the last reference may well fall inside one of
+/// them, or under a lock that they need.
 ///
 /// Locks: `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. They are
 /// recursive because a subscriber may come back into the item on the same thread. Only `valueLock` is ever taken while
@@ -98,8 +98,8 @@ class STMValue : public std::enable_shared_from_this<STMValue> {
 
   /// Tells the signal's clients and then every subscriber of `value`, in ascending order of their names.
   ///
-  /// A subscriber met for the first time is looked up without waiting, and called as soon as it is found; the others are
-  /// called here, on this thread. Those that cannot be found, or fail with a runtime error, are forgotten.
+  /// A subscriber met for the first time is looked up without waiting, and called as soon as it is found; the others
+  /// are called here, on this thread. Those that cannot be found, or fail with a runtime error, are forgotten.
   /// @param key  The name that was raised; handed on as it is.
   /// @throws What a subscriber throws that is not a runtime error; the rest are then not told.
   void notify(const std::string& key, const HXValue& value);

@@ -114,7 +114,8 @@ class HX_API HXModule : public HXModuleCore {
   /// Makes a module of type T, registers it with `broker` under `name`, and initialises it.
   ///
   /// @return The module; the broker keeps it too, until it leaves.
-  /// @throws What the constructor throws, with nothing registered; what `init` throws, with the module out of the broker
+  /// @throws What the constructor throws, with nothing registered; what `init` throws, with the module out of the
+  /// broker
   ///         again, after its `exit` when it was an HXError.
   template <class T, class... Args>
   static std::shared_ptr<T> createModule(const std::shared_ptr<HXBroker>& broker, const std::string& name,
@@ -131,9 +132,9 @@ class HX_API HXModule : public HXModuleCore {
 }  // namespace HX
 
 /// Makes a library loadable by a broker: its one module is a `Class`, registered under the name of the class.
-#define HX_MODULE(Class)                                                                    \
-  extern "C" HX_API int _createModule(const std::shared_ptr<HX::HXBroker>& broker) {        \
-    HX::HXModule::createModule<Class>(broker, #Class);                                      \
-    return 0;                                                                               \
-  }                                                                                         \
+#define HX_MODULE(Class)                                                             \
+  extern "C" HX_API int _createModule(const std::shared_ptr<HX::HXBroker>& broker) { \
+    HX::HXModule::createModule<Class>(broker, #Class);                               \
+    return 0;                                                                        \
+  }                                                                                  \
   extern "C" HX_API int _closeModule() { return 0; }

@@ -79,8 +79,7 @@ class HX_API AnyValue {
   AnyValue() = default;
   /// @param object  Moved or copied in. A function that returns nothing yields an empty AnyValue.
   template <class T, class D = std::decay_t<T>>
-    requires(!std::is_same_v<D, AnyValue> && !std::is_same_v<D, AnyReference>)
-  explicit AnyValue(T&& object) {
+  requires(!std::is_same_v<D, AnyValue> && !std::is_same_v<D, AnyReference>) explicit AnyValue(T&& object) {
     emplace<D>(std::forward<T>(object));
   }
   /// Copies the object that `reference` refers to; of an AnyValue its content, so that they do not nest.
@@ -238,8 +237,7 @@ struct Argument {
   const T& object;
 };
 template <class T>
-  requires(std::is_convertible_v<const T&, std::string_view> && !std::is_same_v<T, std::string>)
-struct Argument<T> {
+requires(std::is_convertible_v<const T&, std::string_view> && !std::is_same_v<T, std::string>) struct Argument<T> {
   explicit Argument(const T& from) : object(textArgument(from)) {}
   AnyReference reference() const { return AnyReference::of(object); }
   std::string object;

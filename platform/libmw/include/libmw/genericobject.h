@@ -55,8 +55,8 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
   /// Calls `method` without waiting. Failures, also of the choice among overloads, are the future's.
   template <class... Args>
   Future<AnyValue> async(std::string_view method, const Args&... args) {
-    return detail::withParameters(
-        [&](GenericFunctionParameters parameters) { return callLater(method, parameters); }, args...);
+    return detail::withParameters([&](GenericFunctionParameters parameters) { return callLater(method, parameters); },
+                                  args...);
   }
 
   /// Triggers the signal `name`, or calls the method of that name if there is no such signal, and forgets about it.

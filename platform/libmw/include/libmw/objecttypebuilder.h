@@ -23,7 +23,9 @@ HX_API void registerType(const std::type_info& type, std::shared_ptr<const Objec
 template <class T>
 class ObjectTypeBuilder {
  public:
-  explicit ObjectTypeBuilder(std::string typeName = TypeTraits<T>::name()) { builder_.setTypeName(std::move(typeName)); }
+  explicit ObjectTypeBuilder(std::string typeName = TypeTraits<T>::name()) {
+    builder_.setTypeName(std::move(typeName));
+  }
 
   ObjectTypeBuilder& setThreadingModel(ObjectThreadingModel model) {
     builder_.setThreadingModel(model);

@@ -30,8 +30,10 @@ class HX_API SignalSubscriber {
 
   /// From any callable.
   template <class F>
-    requires(!std::is_same_v<std::decay_t<F>, AnyFunction> && !std::is_same_v<std::decay_t<F>, SignalSubscriber>)
-  explicit SignalSubscriber(F callable, MetaCallType callType = MetaCallType::Auto)
+  requires(!std::is_same_v<std::decay_t<F>, AnyFunction> &&
+           !std::is_same_v<std::decay_t<F>, SignalSubscriber>) explicit SignalSubscriber(F callable,
+                                                                                         MetaCallType callType =
+                                                                                             MetaCallType::Auto)
       : SignalSubscriber(AnyFunction::from(std::move(callable)), callType) {}
 
   /// Ties the subscriber to the owner of `lifetime`: once that is destroyed the subscriber is not called any more, and

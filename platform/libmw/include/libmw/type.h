@@ -117,17 +117,25 @@ inline constexpr std::size_t kInlineSize = 32;
 
 /// Whether an AnyValue holds a T inside itself. Moving such an AnyValue moves the T, so it must not throw.
 template <class T>
-inline constexpr bool kFitsInline = sizeof(T) <= kInlineSize && alignof(T) <= alignof(void*) &&
-                                    std::is_nothrow_move_constructible_v<T>;
+inline constexpr bool kFitsInline = sizeof(T) <= kInlineSize &&
+                                    alignof(T) <= alignof(void*) && std::is_nothrow_move_constructible_v<T>;
 
 template <class T>
-concept ConvertsToValue = requires(const T& from, HX::HXValue& out) { TypeTraits<T>::toValue(from, out); };
+concept ConvertsToValue = requires(const T& from, HX::HXValue& out) {
+  TypeTraits<T>::toValue(from, out);
+};
 template <class T>
-concept ConvertsFromValue = requires(const HX::HXValue& value, T* to) { TypeTraits<T>::fromValue(value, to); };
+concept ConvertsFromValue = requires(const HX::HXValue& value, T* to) {
+  TypeTraits<T>::fromValue(value, to);
+};
 template <class T>
-concept ConvertsToObject = requires(const T& from) { TypeTraits<T>::toObject(from); };
+concept ConvertsToObject = requires(const T& from) {
+  TypeTraits<T>::toObject(from);
+};
 template <class T>
-concept ConvertsFromObject = requires(const AnyObject& from, T* to) { TypeTraits<T>::fromObject(from, to); };
+concept ConvertsFromObject = requires(const AnyObject& from, T* to) {
+  TypeTraits<T>::fromObject(from, to);
+};
 
 template <class T>
 const TypeInterface* makeType() {

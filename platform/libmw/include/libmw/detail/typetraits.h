@@ -122,7 +122,7 @@ struct TypeTraits<double> : detail::PlainTraits<double, TypeKind::Double, HX::HX
   }
   static bool fromValue(const HX::HXValue& value, double* to) {
     if (fit(value) == Fit::None) return false;
-    *to = value.isDouble() ? value.asDouble() : value.isFloat() ? double{value.asFloat()} : double{1} * value.asInt();
+    *to = value.toDouble();
     return true;
   }
 };
