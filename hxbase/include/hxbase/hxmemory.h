@@ -11,7 +11,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -204,8 +203,8 @@ class HXMemory : public HXModule {
     ~OnlyOne();
   };
 
-  [[noreturn]] static void fail(const char* method, const std::string& message,
-                                int line = static_cast<int>(std::source_location::current().line()));
+  /// @param line  The caller's, where none is stated. By the builtin, since clang 14 has no std::source_location.
+  [[noreturn]] static void fail(const char* method, const std::string& message, int line = __builtin_LINE());
 
   void bindMethods();
   void bindReadingMethods();
