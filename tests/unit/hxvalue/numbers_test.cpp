@@ -15,8 +15,6 @@ constexpr double kInfinity = std::numeric_limits<double>::infinity();
 TEST(Numbers, convertToIntegersTowardsZero) {
   EXPECT_EQ(HXValue(-3.9).toInt(), -3);
   EXPECT_EQ(HXValue(3.9F).toInt(), 3);
-  EXPECT_EQ(HXValue(std::int64_t{-5}).toInt(), -5);
-  EXPECT_EQ(HXValue(5).toInt64(), 5);
   EXPECT_EQ(HXValue(2147483647.9).toInt(), 2147483647);
   EXPECT_EQ(HXValue(-2147483648.9).toInt(), std::numeric_limits<int>::min());
   EXPECT_EQ(HXValue(-0x1p63).toInt64(), std::numeric_limits<std::int64_t>::min());
@@ -24,24 +22,18 @@ TEST(Numbers, convertToIntegersTowardsZero) {
 
 TEST(Numbers, convertToDecimals) {
   EXPECT_EQ(HXValue(16'777'217).toFloat(), 16'777'216.0F);
-  EXPECT_EQ(HXValue(0.1).toFloat(), 0.1F);
   EXPECT_EQ(HXValue(kInfinity).toFloat(), std::numeric_limits<float>::infinity());
   EXPECT_TRUE(std::isnan(HXValue(kNan).toFloat()));
-  EXPECT_EQ(HXValue(0.5F).toDouble(), 0.5);
 }
 
 TEST(Numbers, convertToBoolByWhetherTheyDifferFromZero) {
-  for (const HXValue& yes :
-       {HXValue(true), HXValue(-1), HXValue(std::int64_t{1} << 40), HXValue(0.1F), HXValue(1e-300)})
-    EXPECT_TRUE(yes.toBool());
-  for (const HXValue& no : {HXValue(false), HXValue(0), HXValue(0L), HXValue(-0.0F), HXValue(0.0)})
-    EXPECT_FALSE(no.toBool());
+  for (const HXValue& yes : {HXValue(true), HXValue(std::int64_t{1} << 40), HXValue(1e-300)}) EXPECT_TRUE(yes.toBool());
+  for (const HXValue& no : {HXValue(false), HXValue(0), HXValue(-0.0F)}) EXPECT_FALSE(no.toBool());
   EXPECT_EQ(errorOf([] { HXValue(kNan).toBool(); }), "the number nan is neither true nor false");
 }
 
 TEST(Numbers, thatDoNotFitAreNamed) {
   EXPECT_EQ(errorOf([] { HXValue(std::int64_t{1} << 31).toInt(); }), "the number 2147483648 does not fit Int");
-  EXPECT_EQ(errorOf([] { HXValue(2147483648.0).toInt(); }), "the number 2147483648.0 does not fit Int");
   EXPECT_EQ(errorOf([] { HXValue(0x1p31F).toInt(); }), "the number 2147483648.0 does not fit Int");
   EXPECT_EQ(errorOf([] { HXValue(0x1p63).toInt64(); }), "the number 9223372036854775808.0 does not fit Int64");
   EXPECT_EQ(errorOf([] { HXValue(kNan).toInt(); }), "the number nan does not fit Int");
@@ -54,7 +46,6 @@ TEST(Numbers, areNotMadeOfOtherTypes) {
     const std::string error =
         std::string("the value is of type ") + HXValue::TypeToString(other.getType()) + ", not a number";
     EXPECT_EQ(errorOf([&] { other.toInt(); }), error);
-    EXPECT_EQ(errorOf([&] { other.toFloat(); }), error);
   }
 }
 

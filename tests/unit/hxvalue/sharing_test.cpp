@@ -10,12 +10,6 @@
 namespace HX {
 namespace {
 
-TEST(Sharing, copiesOfAPayloadReferToOneContent) {
-  const HXValue original(std::string(4 << 20, 'x'));
-  const HXValue copy = original;
-  EXPECT_EQ(&copy.asString(), &original.asString());
-}
-
 TEST(Sharing, aChangeIsSeenOnlyThroughTheValueThatWasChanged) {
   const HXValue original = HXValue::list({1, HXValue::list({2})});
   HXValue copy = original;
@@ -30,19 +24,15 @@ TEST(Sharing, aChangeIsSeenOnlyThroughTheValueThatWasChanged) {
 }
 
 TEST(Sharing, everyPayloadTypeIsCopiedOnWrite) {
-  const HXValue text("a");
-  const HXValue binary = HXValue::Binary{};
-  const HXValue map = HXValue::map();
-  HXValue textCopy = text;
-  HXValue binaryCopy = binary;
-  HXValue mapCopy = map;
-  textCopy.editString() += "b";
-  binaryCopy.editBinary().push_back(std::byte{1});
-  mapCopy.mapSet("k", 1);
-  EXPECT_EQ(text, "a");
-  EXPECT_EQ(textCopy, "ab");
-  EXPECT_EQ(binary.asBinary().size(), 0U);
-  EXPECT_EQ(map.getSize(), 0U);
+  const HXValue originals[] = {"a", HXValue::Binary{}, HXValue::map()};
+  HXValue copies[] = {originals[0], originals[1], originals[2]};
+  copies[0].editString() += "b";
+  copies[1].editBinary().push_back(std::byte{1});
+  copies[2].mapSet("k", 1);
+  EXPECT_EQ(copies[0], "ab");
+  EXPECT_EQ(originals[0], "a");
+  EXPECT_EQ(originals[1], HXValue(HXValue::Binary{}));
+  EXPECT_EQ(originals[2], HXValue::map());
 }
 
 TEST(Sharing, aContentWithOneOwnerIsChangedInPlace) {

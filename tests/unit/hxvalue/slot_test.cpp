@@ -19,20 +19,9 @@ TEST(Slot, addressOfAScalarStaysThroughAssignmentsAndStores) {
   value.storeScalar(3);
   EXPECT_EQ(*address, 3);
   EXPECT_EQ(value.getIntPtr(), address);
-  EXPECT_EQ(value.getPtrValue(), address);
-}
-
-TEST(Slot, writesThroughTheAddressAreTheValue) {
-  HXValue value(1.5F);
-  *value.getFloatPtr() = 2.5F;
-  EXPECT_EQ(value, 2.5F);
-  EXPECT_EQ(value.loadScalar(), 2.5F);
-}
-
-TEST(Slot, typedAddressesAreOfExactlyTheirType) {
-  HXValue number(1.0);
-  EXPECT_EQ(errorOf([&] { number.getIntPtr(); }), "the value is of type Double, not Int");
-  EXPECT_EQ(errorOf([&] { number.getFloatPtr(); }), "the value is of type Double, not Float");
+  *value.getIntPtr() = 4;
+  EXPECT_EQ(value.loadScalar(), 4);
+  EXPECT_EQ(errorOf([&] { value.getFloatPtr(); }), "the value is of type Int, not Float");
 }
 
 TEST(Slot, everyScalarHasAnUntypedAddressAndNothingElseHas) {
@@ -42,20 +31,13 @@ TEST(Slot, everyScalarHasAnUntypedAddressAndNothingElseHas) {
   EXPECT_EQ(errorOf([&] { text.getPtrValue(); }), "the value is of type String, not a scalar");
 }
 
-TEST(Slot, ofAnInvalidValueIsZeroAndTakesAnIntOrAFloat) {
-  HXValue value;
-  const auto* address = static_cast<const int*>(value.getPtrValue());
-  EXPECT_EQ(*address, 0);
-  value.storeScalar(5);
-  EXPECT_EQ(*address, 5);
-  EXPECT_EQ(value, 5);
-
-  HXValue other;
-  other.storeScalar(0.5F);
-  EXPECT_EQ(other, 0.5F);
-}
-
-TEST(Slot, ofAnInvalidValueTakesNothingElse) {
+TEST(Slot, ofAnInvalidValueIsZeroAndTakesAnIntOrAFloatOnly) {
+  for (const HXValue& given : {HXValue(5), HXValue(0.5F)}) {
+    HXValue value;
+    EXPECT_EQ(*static_cast<const int*>(value.getPtrValue()), 0);
+    value.storeScalar(given);
+    EXPECT_EQ(value, given);
+  }
   for (const HXValue& refused : {HXValue(), HXValue(true), HXValue(1L), HXValue(1.0), HXValue("text")}) {
     HXValue value;
     EXPECT_EQ(errorOf([&] { value.storeScalar(refused); }),
@@ -75,8 +57,6 @@ TEST(Slot, storesOnlyWhatHasTheTypeThatIsThere) {
   }
   HXValue text("text");
   EXPECT_EQ(errorOf([&] { text.storeScalar("other"); }), "the value is of type String, not a scalar");
-  EXPECT_EQ(errorOf([&] { text.loadScalar(); }), "the value is of type String, not a scalar");
-  EXPECT_EQ(HXValue().loadScalar(), HXValue());
 }
 
 // A 64-bit number is where a torn access would show on some machines.
