@@ -14,14 +14,6 @@ namespace {
 
 using mw::CallGate;
 
-TEST(CallGate, RefusesOnceClosed) {
-  CallGate gate;
-  EXPECT_TRUE(gate.enter());
-  gate.close();
-  EXPECT_TRUE(gate.isClosed());
-  EXPECT_FALSE(gate.enter());
-}
-
 TEST(CallGate, ATokenOutlivesItsGateAndRefuses) {
   CallGate::Token token;
   EXPECT_TRUE(token.isClosed());
@@ -36,19 +28,7 @@ TEST(CallGate, ATokenOutlivesItsGateAndRefuses) {
   EXPECT_FALSE(token.enter());
 }
 
-TEST(CallGate, KnowsWhetherTheThreadIsInside) {
-  CallGate gate;
-  CallGate other;
-  const auto outer = gate.enter();
-  {
-    const auto inner = other.enter();
-    EXPECT_TRUE(gate.isEnteredByThisThread());
-    EXPECT_FALSE(std::async(std::launch::async, [&] { return gate.isEnteredByThisThread(); }).get());
-  }
-  EXPECT_FALSE(other.isEnteredByThisThread());
-}
-
-TEST(CallGate, DrainWaitsForPassesOfOtherThreads) {
+TEST(CallGate, RefusesNewCallsAndWaitsForThoseOfOtherThreadsAsLongAsAsked) {
   CallGate gate;
   std::promise<void> entered;
   std::promise<void> release;
@@ -60,29 +40,13 @@ TEST(CallGate, DrainWaitsForPassesOfOtherThreads) {
     hasLeft = true;
   });
   entered.get_future().wait();
-  gate.close();
+  EXPECT_FALSE(gate.drainFor(std::chrono::nanoseconds::zero()));
+  EXPECT_FALSE(gate.enter());
   std::thread releaser([&] { release.set_value(); });
-  gate.drain();
+  EXPECT_TRUE(gate.drainFor(std::chrono::minutes(1)));
   EXPECT_TRUE(hasLeft);
   caller.join();
   releaser.join();
-}
-
-TEST(CallGate, DrainForGivesUpOnACallThatDoesNotEnd) {
-  CallGate gate;
-  std::promise<void> entered;
-  std::promise<void> release;
-  std::thread caller([&] {
-    const auto pass = gate.enter();
-    entered.set_value();
-    release.get_future().wait();
-  });
-  entered.get_future().wait();
-  EXPECT_FALSE(gate.drainFor(std::chrono::nanoseconds::zero()));
-  EXPECT_FALSE(gate.enter());
-  release.set_value();
-  EXPECT_TRUE(gate.drainFor(std::chrono::minutes(1)));
-  caller.join();
 }
 
 TEST(CallGate, AThreadInsideMayDestroyTheGate) {

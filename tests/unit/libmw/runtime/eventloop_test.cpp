@@ -37,14 +37,6 @@ TEST(EventLoop, StartsFunctionsInTheOrderPosted) {
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
-TEST(EventLoop, NeverRunsAFunctionInTheCaller) {
-  EventLoop loop(small(1, 1));
-  EXPECT_FALSE(loop.isInThisLoop());
-  EXPECT_TRUE(loop.async([&] { return loop.isInThisLoop(); }).value());
-  EventLoop other(small(1, 1));
-  EXPECT_FALSE(other.async([&] { return loop.isInThisLoop(); }).value());
-}
-
 TEST(EventLoop, DrainCoversWhatFunctionsPost) {
   EventLoop loop(small(2, 2));
   std::atomic<int> runs{0};
@@ -61,6 +53,8 @@ TEST(EventLoop, DrainAndJoinRefuseToWaitForThemselves) {
   EventLoop loop(small(1, 1));
   EXPECT_THROW(loop.async([&] { loop.drain(); }).value(), std::logic_error);
   EXPECT_THROW(loop.async([&] { loop.join(); }).value(), std::logic_error);
+  EventLoop other(small(1, 1));
+  EXPECT_NO_THROW(other.async([&] { loop.drain(); }).value());
 }
 
 TEST(EventLoop, AsyncGivesResultsAndErrorsAndFlattens) {
@@ -97,12 +91,8 @@ TEST(EventLoop, AThrowingFunctionIsLoggedAndTheLoopGoesOn) {
   loop.post([] { throw std::runtime_error("boom"); });
   loop.post([] { throw 1; });
   loop.drain();
-  using Entry = kit::CaptureLog::Entry;
-  EXPECT_THAT(
-      log.entries(),
-      testing::ElementsAre(
-          Entry{mw::LogLevel::Error, "mw.eventloop", "post", "loop \"small\": a function threw: boom"},
-          Entry{mw::LogLevel::Error, "mw.eventloop", "post", "loop \"small\": a function threw an unknown exception"}));
+  EXPECT_THAT(log.texts(), testing::ElementsAre("loop \"small\": a function threw: boom",
+                                                "loop \"small\": a function threw an unknown exception"));
 }
 
 // --- growth ---
@@ -171,7 +161,6 @@ TEST(EventLoop, StoppingDropsWhatHasNotStarted) {
   entered.future().wait();
   loop.stop();
   EXPECT_FALSE(loop.post([&] { isRun = true; }));
-  EXPECT_FALSE(loop.post([&] { isRun = true; }, 1h));
   const auto refused = loop.async([&] { isRun = true; });
   release.setValue();
   loop.join();
@@ -180,8 +169,6 @@ TEST(EventLoop, StoppingDropsWhatHasNotStarted) {
     EXPECT_THROW(future.value(), FutureError);
   }
   EXPECT_FALSE(isRun);
-  EXPECT_EQ(loop.threadCount(), 0U);
-  EXPECT_NO_THROW(loop.join());
 }
 
 TEST(EventLoop, MayBeDestroyedByAFunctionThatItRuns) {

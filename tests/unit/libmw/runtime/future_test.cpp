@@ -46,7 +46,6 @@ TEST(Future, StandsForNothingUntilAssigned) {
 }
 
 struct Outcome {
-  const char* name;
   Future<std::string> future;
   FutureState state;
   const char* error;
@@ -58,44 +57,25 @@ std::vector<Outcome> outcomes() {
     finish(promise);
     return promise.future();
   };
-  return {
-      {"ready", Future<std::string>::ready("v"), FutureState::FinishedWithValue, ""},
-      {"produced", produced([](auto& p) { p.setValue("v"); }), FutureState::FinishedWithValue, ""},
-      {"failed", Future<std::string>::failed(failure("far")), FutureState::FinishedWithError, "far"},
-      {"failedInWords", Future<std::string>::failed("late"), FutureState::FinishedWithError, "late"},
-      {"throwing", produced([](auto& p) { p.setException(failure("far")); }), FutureState::FinishedWithError, "far"},
-      {"refused", produced([](auto& p) { p.setError("no"); }), FutureState::FinishedWithError, "no"},
-      {"notAnException", produced([](auto& p) { p.setException(std::make_exception_ptr(1)); }),
-       FutureState::FinishedWithError, "Unknown error"},
-      {"canceled", Future<std::string>::canceled(), FutureState::Canceled, "The future was canceled"},
-      {"canceledByProducer", produced([](auto& p) { p.setCanceled(); }), FutureState::Canceled,
-       "The future was canceled"},
-      {"broken", Promise<std::string>().future(), FutureState::FinishedWithError,
-       "The future has no result: its promise is gone"},
-  };
+  const auto failed = FutureState::FinishedWithError;
+  return {{Future<std::string>::ready("v"), FutureState::FinishedWithValue, ""},
+          {Future<std::string>::failed("late"), failed, "late"},
+          {produced([](auto& p) { p.setException(failure("far")); }), failed, "far"},
+          {produced([](auto& p) { p.setException(std::make_exception_ptr(1)); }), failed, "Unknown error"},
+          {produced([](auto& p) { p.setCanceled(); }), FutureState::Canceled, "The future was canceled"},
+          {Promise<std::string>().future(), failed, "The future has no result: its promise is gone"}};
 }
 
-struct FutureOutcome : testing::TestWithParam<Outcome> {};
-INSTANTIATE_TEST_SUITE_P(All, FutureOutcome, testing::ValuesIn(outcomes()),
-                         [](const auto& each) { return std::string(each.param.name); });
-
-TEST_P(FutureOutcome, IsToldInTheSameWayHoweverItCameAbout) {
-  const auto& [name, future, state, error] = GetParam();
-  EXPECT_EQ(future.wait(), state);
-  EXPECT_TRUE(future.isFinished());
-  EXPECT_EQ(future.hasError(), state == FutureState::FinishedWithError);
-  EXPECT_EQ(future.hasValue(), state == FutureState::FinishedWithValue);
-  EXPECT_EQ(future.isCanceled(), state == FutureState::Canceled);
-  EXPECT_EQ(future.error(), error);
-}
-
-TEST_P(FutureOutcome, ReachesThenAndIsPassedOnByAndThen) {
-  const auto& [name, future, state, error] = GetParam();
-  for (const auto type : {FutureCallbackType::Auto, FutureCallbackType::Async}) {
-    EXPECT_EQ(future.then([](const Future<std::string>& source) { return source.state(); }, type).value(), state);
-    const auto length = future.andThen([](const std::string& value) { return value.size(); }, type);
-    EXPECT_EQ(length.wait(), state);
-    EXPECT_EQ(length.error(), error);
+TEST(Future, TellsHowItEndedAndAndThenPassesItOn) {
+  for (const auto& [future, state, error] : outcomes()) {
+    EXPECT_EQ(future.wait(), state);
+    EXPECT_EQ(future.error(), error);
+    for (const auto type : {FutureCallbackType::Auto, FutureCallbackType::Async}) {
+      EXPECT_EQ(future.then([](const Future<std::string>& source) { return source.state(); }, type).value(), state);
+      const auto length = future.andThen([](const std::string& value) { return value.size(); }, type);
+      EXPECT_EQ(length.wait(), state);
+      EXPECT_EQ(length.error(), error);
+    }
   }
 }
 
@@ -111,15 +91,7 @@ TEST(Future, RunsOutOfTime) {
   for (const auto timeout : {-1ms, kNoWait, 1ms}) {
     EXPECT_EQ(future.wait(timeout), FutureState::Running);
     EXPECT_EQ(kindOf(future, timeout), FutureError::Kind::Timeout);
-    EXPECT_THROW(future.hasError(timeout), FutureError);
   }
-}
-
-TEST(Future, WaitsForAnotherThread) {
-  Promise<int> promise;
-  std::thread producer([promise]() mutable { promise.setValue(7); });
-  EXPECT_EQ(promise.future().value(), 7);
-  producer.join();
 }
 
 TEST(Future, TakeLeavesTheValueToOtherCopies) {
@@ -235,17 +207,6 @@ TEST(Cancel, DoesNotInterruptAContinuationAndWaitCoversIt) {
   producer.join();
 }
 
-TEST(Cancel, ReachesTheFutureThatAContinuationReturned) {
-  Promise<void> outer;
-  Promise<int> inner;
-  auto future = outer.future().andThen([&] { return inner.future(); });
-  outer.setValue();
-  EXPECT_TRUE(future.isRunning());
-  future.cancel();
-  EXPECT_TRUE(inner.future().isCanceled());
-  EXPECT_TRUE(future.isCanceled());
-}
-
 TEST(Cancel, DuringAContinuationReachesTheFutureThatItReturns) {
   Promise<void> outer;
   Promise<int> inner;
@@ -264,48 +225,39 @@ TEST(Cancel, DuringAContinuationReachesTheFutureThatItReturns) {
 TEST(Then, RunsOnTheThreadThatFinishesBeforeTheCallReturns) {
   Promise<int> promise;
   std::vector<std::string> order;
-  const auto note = [&](const char* name) {
-    return [&order, name, caller = std::this_thread::get_id()](const Future<int>&) {
-      EXPECT_EQ(std::this_thread::get_id(), caller);
-      order.emplace_back(name);
-    };
-  };
+  const auto note = [&](const char* name) { return [&order, name](const Future<int>&) { order.emplace_back(name); }; };
   const auto future = promise.future();
   future.then(note("first")).then([&](const Future<void>&) { order.emplace_back("after first"); });
   future.then(note("second"), FutureCallbackType::Sync);
   promise.setValue(1);
-  EXPECT_THAT(order, testing::ElementsAre("first", "second", "after first"));
   future.then(note("late"));
-  EXPECT_EQ(order.back(), "late");
+  EXPECT_THAT(order, testing::ElementsAre("first", "second", "after first", "late"));
 }
 
 TEST(Then, AsyncRunsOnTheDefaultLoop) {
-  const auto inLoop = [](const Future<void>&) { return mw::defaultLoop().isInThisLoop(); };
-  EXPECT_TRUE(mw::makeReadyFuture().then(inLoop, FutureCallbackType::Async).value());
   Promise<void> promise;
-  const auto future = promise.future().then(inLoop, FutureCallbackType::Async);
+  const auto future = promise.future().then([](const Future<void>&) { return mw::defaultLoop().isInThisLoop(); },
+                                            FutureCallbackType::Async);
   promise.setValue();
   EXPECT_TRUE(future.value());
 }
 
 TEST(Then, WhatACallbackThrowsIsTheErrorOfItsFuture) {
-  const auto fail = [](int) -> int { throw std::out_of_range("callback"); };
-  EXPECT_THROW(mw::makeReadyFuture(1).andThen(fail).value(), std::out_of_range);
   Promise<int> promise;
-  const auto future = promise.future().andThen(fail);
+  const auto future = promise.future().andThen([](int) -> int { throw std::out_of_range("callback"); });
   promise.setValue(1);
   EXPECT_THROW(future.value(kNoWait), std::out_of_range);
 }
 
 TEST(Then, FlattensFuturesHoweverTheyEnd) {
-  for (const auto& [name, inner, state, error] : outcomes()) {
+  for (const auto& [inner, state, error] : outcomes()) {
     Promise<void> early;
     Promise<std::string> late;
     const auto immediate = early.future().andThen([&inner = inner] { return inner; });
     const auto deferred = early.future().andThen([&] { return late.future(); });
     early.setValue();
-    EXPECT_EQ(immediate.wait(kNoWait), state) << name;
-    EXPECT_EQ(immediate.error(), error) << name;
+    EXPECT_EQ(immediate.wait(kNoWait), state);
+    EXPECT_EQ(immediate.error(), error);
     EXPECT_TRUE(deferred.isRunning());
     late.setValue("late");
     EXPECT_EQ(deferred.value(kNoWait), "late");
@@ -327,14 +279,6 @@ TEST(Then, RunsWithoutLocksSoThatOtherThreadsMayUseTheFutureMeanwhile) {
   EXPECT_EQ(sum, 111);
 }
 
-TEST(Then, DroppingTheFutureDropsOnlyTheResult) {
-  Promise<int> promise;
-  int seen = 0;
-  promise.future().andThen([&](int value) { seen = value; });
-  promise.setValue(4);
-  EXPECT_EQ(seen, 4);
-}
-
 TEST(Then, LongChainsNeedNoStack) {
   constexpr int kLength = 100'000;
   Promise<int> promise;
@@ -348,15 +292,6 @@ TEST(Then, LongChainsNeedNoStack) {
   for (int i = 0; i < kLength; ++i) last = last.andThen([](int value) { return value + 1; });
   last.cancel();
   EXPECT_TRUE(last.isCanceled());
-}
-
-TEST(WaitForAll, ReturnsWhenEveryFutureHasFinished) {
-  Promise<int> promise;
-  const std::vector futures{Future<int>::canceled(), Future<int>::failed("no"), promise.future()};
-  std::thread producer([&] { promise.setValue(1); });
-  mw::waitForAll(futures);
-  EXPECT_TRUE(promise.future().isFinished());
-  producer.join();
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <string>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -15,46 +14,20 @@ namespace {
 using mw::Lifetime;
 
 TEST(Lifetime, TrackedFunctionsRunWhileTheOwnerLives) {
-  Lifetime lifetime;
-  int calls = 0;
-  const std::function<bool(int)> add = lifetime.track([&](int count) { calls += count; });
-  const std::function<std::optional<std::string>()> name = lifetime.track([] { return std::string("door"); });
-  EXPECT_TRUE(add(2));
-  EXPECT_EQ(name(), "door");
-
-  lifetime.destroy();
-
-  EXPECT_TRUE(lifetime.isDestroyed());
-  EXPECT_FALSE(add(3));
-  EXPECT_EQ(name(), std::nullopt);
-  EXPECT_EQ(calls, 2);
-}
-
-TEST(Lifetime, TheCallerDecidesWhatHappensWhenTheOwnerHasGone) {
   auto lifetime = std::make_unique<Lifetime>();
-  const std::function<int(int)> twice = lifetime->track([](int value) { return 2 * value; },
-                                                        []() -> int { throw std::runtime_error("module has gone"); });
-  EXPECT_EQ(twice(4), 8);
-  lifetime.reset();
-  EXPECT_THROW(twice(4), std::runtime_error);
-}
-
-struct OwnerTrackedWhileConstructed {
-  Lifetime lifetime;
   int calls = 0;
-  explicit OwnerTrackedWhileConstructed(std::function<bool()>& registered) {
-    registered = lifetime.track([this] { ++calls; });
-    registered();
-  }
-};
-
-TEST(Lifetime, IsValidInTheOwnersConstructor) {
-  std::function<bool()> registered;
-  {
-    const OwnerTrackedWhileConstructed owner(registered);
-    EXPECT_EQ(owner.calls, 1);
-  }
-  EXPECT_FALSE(registered());
+  const std::function<bool(int)> add = lifetime->track([&](int count) { calls += count; });
+  const std::function<std::optional<int>()> number = lifetime->track([] { return 5; });
+  const std::function<int()> strict =
+      lifetime->track([] { return 6; }, []() -> int { throw std::runtime_error("gone"); });
+  EXPECT_TRUE(add(2));
+  EXPECT_EQ(number(), 5);
+  EXPECT_EQ(strict(), 6);
+  lifetime.reset();
+  EXPECT_FALSE(add(3));
+  EXPECT_EQ(number(), std::nullopt);
+  EXPECT_THROW(strict(), std::runtime_error);
+  EXPECT_EQ(calls, 2);
 }
 
 struct SelfDropping {

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -24,29 +25,22 @@ using testing::ElementsAre;
 // Before main(), from a static initialiser, the log has to work already.
 const bool isUsedEarly = (log::debug("early", "initialiser", "not visible"), true);
 
-struct LevelCase {
-  LogLevel set;
-  std::vector<std::string> visible;
-};
-
-struct LogLevels : testing::TestWithParam<LevelCase> {};
-INSTANTIATE_TEST_SUITE_P(All, LogLevels,
-                         testing::Values(LevelCase{LogLevel::Silent, {}}, LevelCase{LogLevel::Fatal, {"fatal"}},
-                                         LevelCase{LogLevel::Warning, {"fatal", "error", "warning"}},
-                                         LevelCase{LogLevel::Debug,
-                                                   {"fatal", "error", "warning", "info", "verbose", "debug"}}));
-
-TEST_P(LogLevels, ShowRecordsUpToTheLevelSet) {
+TEST(Log, ShowsRecordsUpToTheLevelSet) {
   const kit::CaptureLog capture({"levels"});
-  log::setLevel(GetParam().set, "levels");
-  log::fatal("levels", "f", "fatal");
-  log::error("levels", "f", "error");
-  log::warning("levels", "f", "warning");
-  log::info("levels", "f", "info");
-  log::verbose("levels", "f", "verbose");
-  log::debug("levels", "f", "debug");
-  log::write(LogLevel::Silent, "levels", "f", "never");
-  EXPECT_EQ(capture.texts(), GetParam().visible);
+  const std::vector<std::string> names{"fatal", "error", "warning", "info", "verbose", "debug"};
+  std::vector<std::string> expected;
+  for (int level = 0; level <= static_cast<int>(LogLevel::Debug); ++level) {
+    log::setLevel(static_cast<LogLevel>(level), "levels");
+    log::fatal("levels", "f", "fatal");
+    log::error("levels", "f", "error");
+    log::warning("levels", "f", "warning");
+    log::info("levels", "f", "info");
+    log::verbose("levels", "f", "verbose");
+    log::debug("levels", "f", "debug");
+    log::write(LogLevel::Silent, "levels", "f", "never");
+    expected.insert(expected.end(), names.begin(), names.begin() + level);
+  }
+  EXPECT_EQ(capture.texts(), expected);
 }
 
 TEST(Log, TheLatestMatchingPatternDecidesForCategoriesOldAndNew) {
@@ -139,21 +133,15 @@ TEST_F(LogSinks, RemovalWaitsForTheSinkToReturn) {
 
 // --- standard error ---
 
-struct LineCase {
-  std::string text;
-  std::string line;
-};
-
-struct StderrLine : testing::TestWithParam<LineCase> {};
-INSTANTIATE_TEST_SUITE_P(All, StderrLine,
-                         testing::Values(LineCase{"plain \xc3\xa9", "plain \xc3\xa9"}, LineCase{"", ""},
-                                         LineCase{"a\nerror: b\r\tc", "a\\nerror: b\\r\\tc"},
-                                         LineCase{std::string("\0\x1b[31m\x7f", 7), "\\x00\\x1b[31m\\x7f"}));
-
-TEST_P(StderrLine, IsOneLineWhateverTheTextHolds) {
-  testing::internal::CaptureStderr();
-  log::warning("lines", "say", GetParam().text);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "[warning] lines say: " + GetParam().line + "\n");
+TEST(Log, WritesOneLineWhateverTheTextHolds) {
+  const std::pair<std::string, std::string> lines[] = {{"plain \xc3\xa9", "plain \xc3\xa9"},
+                                                       {"a\nerror: b\r\tc", "a\\nerror: b\\r\\tc"},
+                                                       {std::string("\0\x1b[31m\x7f", 7), "\\x00\\x1b[31m\\x7f"}};
+  for (const auto& [text, line] : lines) {
+    testing::internal::CaptureStderr();
+    log::warning("lines", "say", text);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[warning] lines say: " + line + "\n");
+  }
 }
 
 class LogDeathTest : public testing::Test {

@@ -45,21 +45,12 @@ struct DataPaths : testing::Test {
 
 TEST_F(DataPaths, AreSearchedUserFirstThenSystemInOrder) {
   EXPECT_THAT(path::dataPaths("app"), ElementsAre(user + "/app", first + "/app", second + "/app"));
-  EXPECT_EQ(path::findData("app", "map.txt"), "");
-  const auto inSecond = place(second + "/app/map.txt");
-  EXPECT_EQ(path::findData("app", "map.txt"), inSecond);
-  const auto inFirst = place(first + "/app/map.txt");
-  EXPECT_EQ(path::findData("app", "map.txt"), inFirst);
-  const auto inUser = place(user + "/app/map.txt");
-  EXPECT_EQ(path::findData("app", "map.txt"), inUser);
-  EXPECT_EQ(path::findData("app", "map.txt", true), inFirst);
-}
-
-TEST_F(DataPaths, FindFilesNotFolders) {
-  fs::create_directories(user + "/app/maps");
-  const auto nested = place(first + "/app/maps/door.txt");
-  EXPECT_EQ(path::findData("app", "maps"), "");
-  EXPECT_EQ(path::findData("app", "maps/door.txt"), nested);
+  for (const auto& folder : {second, first, user}) {
+    const auto placed = place(folder + "/app/maps/door.txt");
+    EXPECT_EQ(path::findData("app", "maps/door.txt"), placed);
+  }
+  EXPECT_EQ(path::findData("app", "maps/door.txt", true), first + "/app/maps/door.txt");
+  EXPECT_EQ(path::findData("app", "maps"), "") << "a folder";
 }
 
 TEST_F(DataPaths, FallBackToTheUsualPlaces) {
@@ -87,31 +78,26 @@ TEST_F(DataPaths, PrependedFoldersHoldFilesDirectlyAndTheLatestComesFirst) {
   EXPECT_THROW(path::prependDataDir(""), std::invalid_argument);
 }
 
-struct BadName {
-  std::string application;
-  std::string filename;
-  std::string error;
-};
-
-struct DataPathsRefuse : testing::TestWithParam<BadName> {};
-INSTANTIATE_TEST_SUITE_P(All, DataPathsRefuse,
-                         testing::Values(BadName{"app", "../secret", "filename \"../secret\" has a \"..\" part"},
-                                         BadName{"app", "maps/../../x", "filename \"maps/../../x\" has a \"..\" part"},
-                                         BadName{"app", "/etc/passwd", "filename \"/etc/passwd\" is an absolute path"},
-                                         BadName{"app", "", "filename \"\" is empty"},
-                                         BadName{"app", std::string("a\0b", 3),
-                                                 "filename \"a\" contains a null character"},
-                                         BadName{"", "x", "application \"\" is empty"},
-                                         BadName{"..", "x", "application \"..\" has a \"..\" part"},
-                                         BadName{".", "x", "application \".\" is not one folder name"},
-                                         BadName{"a/b", "x", "application \"a/b\" is not one folder name"}));
-
-TEST_P(DataPathsRefuse, NamesThatLeadElsewhere) {
-  try {
-    path::findData(GetParam().application, GetParam().filename);
-    FAIL() << "accepted";
-  } catch (const std::invalid_argument& error) {
-    EXPECT_EQ(error.what(), "path::findData: " + GetParam().error);
+TEST_F(DataPaths, RefuseNamesThatLeadElsewhere) {
+  const struct {
+    std::string application;
+    std::string filename;
+    std::string error;
+  } cases[] = {{"app", "maps/../../x", "filename \"maps/../../x\" has a \"..\" part"},
+               {"app", "/etc/passwd", "filename \"/etc/passwd\" is an absolute path"},
+               {"app", "", "filename \"\" is empty"},
+               {"app", std::string("a\0b", 3), "filename \"a\" contains a null character"},
+               {"", "x", "application \"\" is empty"},
+               {"..", "x", "application \"..\" has a \"..\" part"},
+               {".", "x", "application \".\" is not one folder name"},
+               {"a/b", "x", "application \"a/b\" is not one folder name"}};
+  for (const auto& [application, filename, error] : cases) {
+    try {
+      path::findData(application, filename);
+      ADD_FAILURE() << "accepted: " << error;
+    } catch (const std::invalid_argument& refused) {
+      EXPECT_EQ(refused.what(), "path::findData: " + error);
+    }
   }
 }
 
