@@ -6,7 +6,6 @@
 #include <libmw/genericobject.h>
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -23,56 +22,30 @@ using mw::AnyValue;
 using mw::Fit;
 using testing::HasSubstr;
 
-/// A C++ object and the value that it converts to and from.
-struct Pair {
-  const char* name;
-  HXValue value;
-  std::function<HXValue()> toValue;
-  std::function<bool(const HXValue&)> fromValueGivesIt;
-  const mw::TypeInterface* type;
-};
-
 template <class T>
-Pair pair(const char* name, const T& object, HXValue value) {
-  return {name, std::move(value), [object] { return AnyReference::of(object).template to<HXValue>(); },
-          [object](const HXValue& from) { return AnyReference::of(from).template to<T>() == object; }, mw::typeOf<T>()};
+void expectBothWays(const char* name, const T& object, const HXValue& value) {
+  EXPECT_EQ(mw::typeOf<T>()->name, name);
+  EXPECT_EQ(AnyReference::of(object).template to<HXValue>(), value);
+  EXPECT_TRUE(AnyReference::of(value).template to<T>() == object) << name;
 }
 
-using Strings = std::vector<std::string>;
-using Tree = std::map<std::string, std::vector<std::map<std::string, int>>>;
-
-std::vector<Pair> pairs() {
-  return {
-      pair("bool", true, HXValue(true)),
-      pair("int", -7, HXValue(-7)),
-      pair("int64", std::int64_t{1} << 40, HXValue(std::int64_t{1} << 40)),
-      pair("uint", std::uint32_t{4'000'000'000U}, HXValue(std::int64_t{4'000'000'000})),
-      pair("float", 1.5F, HXValue(1.5F)),
-      pair("double", 0.1, HXValue(0.1)),
-      pair("string", std::string("a\0b", 3), HXValue(std::string("a\0b", 3))),
-      pair("value", HXValue("inside"), HXValue("inside")),
-      pair("list<string>", Strings{"a", "b"}, HXValue::list({"a", "b"})),
-      pair("list<bool>", std::vector<bool>{true, false}, HXValue::list({true, false})),
-      pair("list<value>", std::vector<HXValue>{1, "x"}, HXValue::list({1, "x"})),
-      pair("list<list<string>>", std::vector<Strings>{{}, {"a"}},
-           HXValue::list({HXValue::list(), HXValue::list({"a"})})),
-      pair("map<string>", std::map<std::string, std::string>{{"k", "v"}}, HXValue::map({{"k", "v"}})),
-      pair("map<list<map<int>>>", Tree{{"k", {{{"x", 1}}}}},
-           HXValue::map({{"k", HXValue::list({HXValue::map({{"x", 1}})})}})),
-  };
-}
-
-class Conversion : public testing::TestWithParam<Pair> {};
-INSTANTIATE_TEST_SUITE_P(Kinds, Conversion, testing::ValuesIn(pairs()), [](const auto& given) {
-  std::string name = given.param.name;
-  for (char& c : name) c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-  return name;
-});
-
-TEST_P(Conversion, GoesBothWays) {
-  EXPECT_EQ(GetParam().type->name, GetParam().name);
-  EXPECT_EQ(GetParam().toValue(), GetParam().value);
-  EXPECT_TRUE(GetParam().fromValueGivesIt(GetParam().value));
+TEST(Conversion, GoesBothWays) {
+  using Strings = std::vector<std::string>;
+  using Tree = std::map<std::string, std::vector<std::map<std::string, int>>>;
+  expectBothWays("bool", true, true);
+  expectBothWays("int", -7, -7);
+  expectBothWays("int64", std::int64_t{1} << 40, std::int64_t{1} << 40);
+  expectBothWays("uint", std::uint32_t{4'000'000'000U}, std::int64_t{4'000'000'000});
+  expectBothWays("float", 1.5F, 1.5F);
+  expectBothWays("double", 0.1, 0.1);
+  expectBothWays("string", std::string("a\0b", 3), std::string("a\0b", 3));
+  expectBothWays("value", HXValue("inside"), "inside");
+  expectBothWays("list<bool>", std::vector<bool>{true, false}, HXValue::list({true, false}));
+  expectBothWays("list<value>", std::vector<HXValue>{1, "x"}, HXValue::list({1, "x"}));
+  expectBothWays("list<list<string>>", std::vector<Strings>{{}, {"a"}},
+                 HXValue::list({HXValue::list(), HXValue::list({"a"})}));
+  expectBothWays("map<list<map<int>>>", Tree{{"k", {{{"x", 1}}}}},
+                 HXValue::map({{"k", HXValue::list({HXValue::map({{"x", 1}})})}}));
 }
 
 /// What becomes of a value in a parameter of a type.
@@ -82,63 +55,49 @@ struct Suits {
   Fit fit;
 };
 
-std::vector<Suits> suits() {
+TEST(Conversion, OfAValueSucceedsExactlyWhereItFits) {
   const auto* const integer = mw::typeOf<int>();
   const auto* const wide = mw::typeOf<std::int64_t>();
   const auto* const unsignedInt = mw::typeOf<std::uint32_t>();
   const auto* const real = mw::typeOf<float>();
   const auto* const doubled = mw::typeOf<double>();
-  const auto* const boolean = mw::typeOf<bool>();
   const auto* const text = mw::typeOf<std::string>();
   const auto* const doubles = mw::typeOf<std::vector<double>>();
   const std::int64_t big = std::int64_t{1} << 32;
-  return {
-      {1, integer, Fit::Exact},
-      {1, wide, Fit::Widening},
-      {1, doubled, Fit::Widening},
-      {1, real, Fit::None},
-      {1, boolean, Fit::None},
-      {true, integer, Fit::None},
-      {true, wide, Fit::None},
-      {true, unsignedInt, Fit::None},
-      {true, doubled, Fit::None},
-      {big, integer, Fit::None},
-      {std::int64_t{1}, integer, Fit::None},
-      {big, doubled, Fit::None},
-      {1, unsignedInt, Fit::Widening},
-      {-1, unsignedInt, Fit::None},
-      {big - 1, unsignedInt, Fit::Widening},
-      {big, unsignedInt, Fit::None},
-      {1.0F, unsignedInt, Fit::None},
-      {1.5F, doubled, Fit::Widening},
-      {1.5F, real, Fit::Exact},
-      {1.5, real, Fit::None},
-      {3.0, integer, Fit::None},
-      {"1", integer, Fit::None},
-      {1, text, Fit::None},
-      {HXValue(), integer, Fit::None},
-      {HXValue(), text, Fit::None},
-      {HXValue(), mw::typeOf<HXValue>(), Fit::Variant},
-      {HXValue::list({1.0, 2.0}), doubles, Fit::Exact},
-      {HXValue::list({1.0, 2}), doubles, Fit::Widening},
-      {HXValue::list({1.0, true}), doubles, Fit::None},
-      {HXValue::list({1}), mw::typeOf<std::vector<HXValue>>(), Fit::Variant},
-      {HXValue::map({{"k", 1}}), mw::typeOf<std::map<std::string, std::int64_t>>(), Fit::Widening},
-      {HXValue::map(), doubles, Fit::None},
-      {1, mw::typeOf<AnyValue>(), Fit::Variant},
-      {1, mw::typeOf<int*>(), Fit::None},
-      {1, mw::typeOf<mw::AnyObject>(), Fit::None},
-  };
-}
-
-class ValueInParameter : public testing::TestWithParam<Suits> {};
-INSTANTIATE_TEST_SUITE_P(All, ValueInParameter, testing::ValuesIn(suits()));
-
-TEST_P(ValueInParameter, ConvertsExactlyWhereItFits) {
-  const auto& [value, type, fit] = GetParam();
-  const auto given = AnyReference::of(value);
-  EXPECT_EQ(given.fit(type), fit) << value.toString() << " as " << type->name;
-  EXPECT_EQ(static_cast<bool>(given.convert(type)), fit != Fit::None) << value.toString() << " as " << type->name;
+  const Suits cases[] = {{1, integer, Fit::Exact},
+                         {1, wide, Fit::Widening},
+                         {1, doubled, Fit::Widening},
+                         {1, real, Fit::None},
+                         {true, integer, Fit::None},
+                         {true, unsignedInt, Fit::None},
+                         {big, integer, Fit::None},
+                         {std::int64_t{1}, integer, Fit::None},
+                         {big, doubled, Fit::None},
+                         {1, unsignedInt, Fit::Widening},
+                         {-1, unsignedInt, Fit::None},
+                         {big - 1, unsignedInt, Fit::Widening},
+                         {big, unsignedInt, Fit::None},
+                         {1.5F, doubled, Fit::Widening},
+                         {1.5F, real, Fit::Exact},
+                         {1.5, real, Fit::None},
+                         {"1", integer, Fit::None},
+                         {1, text, Fit::None},
+                         {HXValue(), integer, Fit::None},
+                         {HXValue(), mw::typeOf<HXValue>(), Fit::Variant},
+                         {HXValue::list({1.0, 2.0}), doubles, Fit::Exact},
+                         {HXValue::list({1.0, 2}), doubles, Fit::Widening},
+                         {HXValue::list({1.0, true}), doubles, Fit::None},
+                         {HXValue::list({1}), mw::typeOf<std::vector<HXValue>>(), Fit::Variant},
+                         {HXValue::map({{"k", 1}}), mw::typeOf<std::map<std::string, std::int64_t>>(), Fit::Widening},
+                         {HXValue::map(), doubles, Fit::None},
+                         {1, mw::typeOf<AnyValue>(), Fit::Variant},
+                         {1, mw::typeOf<int*>(), Fit::None},
+                         {1, mw::typeOf<mw::AnyObject>(), Fit::None}};
+  for (const auto& [value, type, fit] : cases) {
+    const auto given = AnyReference::of(value);
+    EXPECT_EQ(given.fit(type), fit) << value.toString() << " as " << type->name;
+    EXPECT_EQ(static_cast<bool>(given.convert(type)), fit != Fit::None) << value.toString() << " as " << type->name;
+  }
 }
 
 TEST(ConversionOfObjects, SharedPointersBecomeObjectsAndBack) {
@@ -150,21 +109,9 @@ TEST(ConversionOfObjects, SharedPointersBecomeObjectsAndBack) {
   EXPECT_EQ(AnyReference::of(AnyValue(object)).to<std::shared_ptr<Door>>(), door);
   EXPECT_FALSE(AnyReference::of(std::shared_ptr<Door>()).to<mw::AnyObject>());
   EXPECT_EQ(AnyReference::of(mw::AnyObject()).to<std::shared_ptr<Door>>(), nullptr);
-}
-
-TEST(ConversionOfObjects, AnotherTypeIsRefused) {
-  registerHouse();
-  const auto object = mw::AnyObject::from(std::make_shared<Door>());
   EXPECT_THROW(AnyReference::of(object).to<std::shared_ptr<Window>>(), mw::ConversionError);
   EXPECT_THROW(AnyReference::of(object).to<HXValue>(), mw::ConversionError);
-  EXPECT_EQ(AnyReference::of(object).fit(mw::typeOf<std::shared_ptr<Window>>()), Fit::None);
-  EXPECT_EQ(AnyReference::of(object).fit(mw::typeOf<std::shared_ptr<Door>>()), Fit::Exact);
-}
-
-TEST(ConversionOfObjects, AnUnregisteredTypeIsNamed) {
-  const auto unknown = std::make_shared<Unregistered>();
-  EXPECT_THAT(errorOf([&] { mw::AnyObject::from(unknown); }), HasSubstr("Unregistered"));
-  EXPECT_THAT(errorOf([&] { AnyReference::of(unknown).to<mw::AnyObject>(); }), HasSubstr("Unregistered"));
+  EXPECT_THAT(errorOf([] { mw::AnyObject::from(std::make_shared<Unregistered>()); }), HasSubstr("Unregistered"));
 }
 
 TEST(Conversion, PointersConvertToNothing) {
@@ -176,7 +123,6 @@ TEST(Conversion, PointersConvertToNothing) {
   EXPECT_FALSE(given.toValue(untouched));
   EXPECT_EQ(untouched, HXValue("untouched"));
   EXPECT_EQ(errorOf([&] { given.to<HXValue>(); }), "cannot convert pointer<int> to value");
-  EXPECT_EQ(errorOf([&] { given.to<int>(); }), "cannot convert pointer<int> to int");
 }
 
 /// Claims to fit, and fails halfway through a list.

@@ -30,16 +30,12 @@ TEST(Signals, CallSubscribersInTheOrderOfTheirConnection) {
   signal(1, "a");
   EXPECT_THAT(heard, ElementsAre("a1", "1"));
   EXPECT_EQ(signal.signature(), "(int, string)");
-  EXPECT_EQ((Signal<std::uint32_t>().signature()), "(uint)");
-  EXPECT_EQ(Signal<>().signature(), "()");
 }
 
 TEST(Signals, LinksAreDisconnectedOnce) {
   Signal<> signal;
   Signal<> other;
-  EXPECT_FALSE(signal.disconnect(mw::kInvalidSignalLink));
   const auto link = signal.connect(SignalSubscriber([] {}));
-  EXPECT_NE(link, mw::kInvalidSignalLink);
   EXPECT_FALSE(other.disconnect(link));
   EXPECT_TRUE(signal.disconnect(link));
   EXPECT_FALSE(signal.disconnect(link));
@@ -97,17 +93,6 @@ TEST(Signals, MayBeDestroyedByASubscriber) {
   signal->connect(SignalSubscriber([&](int) { ++heard; }));
   (*signal)(1);
   EXPECT_EQ(heard, 1) << "the one that came after was disconnected with the signal";
-}
-
-TEST(Signals, ThatEmitThemselvesNest) {
-  Signal<int> signal;
-  std::vector<int> heard;
-  signal.connect(SignalSubscriber([&](int depth) {
-    heard.push_back(depth);
-    if (depth > 0) signal(depth - 1);
-  }));
-  signal(2);
-  EXPECT_THAT(heard, ElementsAre(2, 1, 0));
 }
 
 TEST(Signals, LogASubscriberThatThrowsAndCallTheOthers) {
@@ -188,50 +173,23 @@ TEST(Signals, CallTheOthersWhenArgumentsCannotBeQueued) {
   EXPECT_THAT(log.texts().front(), testing::HasSubstr("cannot be copied"));
 }
 
-TEST(Signals, TellTheirOwnerWhenTheFirstComesAndTheLastLeaves) {
+TEST(Signals, TellTheirOwnerWhenTheFirstComesAndTheLastLeavesAndLogWhatItThrows) {
+  const kit::CaptureLog log({"mw.signal"});
   std::vector<bool> told;
   {
-    Signal<> signal([&](bool any) { told.push_back(any); });
-    EXPECT_FALSE(signal.hasSubscribers());
+    Signal<> signal([&](bool any) {
+      told.push_back(any);
+      throw std::runtime_error("not now");
+    });
     const auto first = signal.connect(SignalSubscriber([] {}));
     const auto second = signal.connect(SignalSubscriber([] {}));
-    EXPECT_THAT(told, ElementsAre(true));
     signal.disconnect(first);
-    EXPECT_TRUE(signal.hasSubscribers());
-    signal.disconnect(second);
-    EXPECT_THAT(told, ElementsAre(true, false));
+    EXPECT_THAT(told, ElementsAre(true));
+    EXPECT_TRUE(signal.disconnect(second));
+    EXPECT_THAT(log.texts(), ElementsAre("not now", "not now"));
     signal.connect(SignalSubscriber([] {}));
   }
   EXPECT_THAT(told, ElementsAre(true, false, true, false));
-}
-
-TEST(Signals, LogAnOwnerThatThrows) {
-  const kit::CaptureLog log({"mw.signal"});
-  Signal<> signal([](bool) { throw std::runtime_error("not now"); });
-  const auto link = signal.connect(SignalSubscriber([] {}));
-  EXPECT_TRUE(signal.disconnect(link));
-  EXPECT_THAT(log.texts(), ElementsAre("not now", "not now"));
-}
-
-class Redirected : public Signal<int> {
- public:
-  void trigger(mw::GenericFunctionParameters parameters, MetaCallType) override { triggers += parameters.size(); }
-  void emitForReal(int n) {
-    const std::vector<mw::AnyReference> parameters{mw::AnyReference::of(n)};
-    SignalBase::trigger(parameters);
-  }
-  std::size_t triggers = 0;
-};
-
-TEST(Signals, ATriggerFromOutsideMayMeanSomethingElse) {
-  Redirected signal;
-  std::vector<int> heard;
-  signal.connect(SignalSubscriber([&](int n) { heard.push_back(n); }));
-  signal(1);
-  EXPECT_EQ(signal.triggers, 1U);
-  EXPECT_THAT(heard, ElementsAre());
-  signal.emitForReal(2);
-  EXPECT_THAT(heard, ElementsAre(2));
 }
 
 class TrackedSubscribers : public testing::TestWithParam<MetaCallType> {};
