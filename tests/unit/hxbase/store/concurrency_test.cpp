@@ -161,8 +161,7 @@ TEST_F(ConcurrentStore, MakesOneItemOfANameThatManyRequire) {
   };
   together({require, require, require});
   std::ranges::sort(addresses);
-  const auto doubles = std::ranges::unique(addresses);
-  addresses.erase(doubles.begin(), doubles.end());
+  addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
   EXPECT_EQ(addresses.size(), 200U);
 }
 

@@ -7,7 +7,6 @@ namespace HX {
 namespace {
 
 using testing::ElementsAre;
-using testing::StartsWith;
 
 class InsertedLists : public store::StoreFixture {
  protected:
