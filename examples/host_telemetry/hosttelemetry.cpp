@@ -128,6 +128,8 @@ void HostTelemetry::run(const std::stop_token& stop) {
       report({});
     } catch (const std::exception& error) {
       report(error.what());
+    } catch (...) {
+      report("unknown exception");
     }
     waitForNextSample(stop, now);
   }
@@ -145,9 +147,9 @@ Publisher& HostTelemetry::publisher() {
 }
 
 void HostTelemetry::report(const std::string& failure) {
-  if (failure == failure_) return;
-  if (!failure.empty())
+  if (!failure.empty() && failure != failure_) {
     mw::log::warning(kCategory, "run", "not published, and tried again with each sample: " + failure);
+  }
   failure_ = failure;
 }
 

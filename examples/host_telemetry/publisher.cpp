@@ -81,7 +81,7 @@ void Publisher::raise(const std::vector<Reading>& readings) {
     if (!isEvent(reading) || !subscribers_.want(event)) continue;
     try {
       memory_.raiseEvent(event, reading.value);
-    } catch (const std::exception&) {
+    } catch (...) {
       if (!failure) failure = std::current_exception();
     }
   }

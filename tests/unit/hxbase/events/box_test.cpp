@@ -68,7 +68,7 @@ TEST_F(Boxes, CannotSubscribeWithoutAFrameManager) {
       {"xBoxUnsubscribeToEvent", [this] { memory->unsubscribeToMicroEvent("E", "_BehaviorBox"); }}};
   for (const auto& [function, use] : rows) {
     const kit::CaptureLog log({"hxmemory"});
-    EXPECT_EQ(errorOf([&] { use(); }), "Cannot get frame manager proxy");
+    EXPECT_EQ(errorOf(use), "Cannot get frame manager proxy");
     EXPECT_THAT(log.entries(),
                 ElementsAre(Entry{mw::LogLevel::Error, "hxmemory", function, "Cannot get frame manager proxy"}));
   }

@@ -135,7 +135,7 @@ struct Brittle {
 template <>
 struct mw::TypeTraits<Brittle> {
   static std::string name() { return "Brittle"; }
-  static constexpr TypeKind kind = TypeKind::Int;
+  [[maybe_unused]] static constexpr TypeKind kind = TypeKind::Int;
   static Fit fit(const HXValue&) { return Fit::Exact; }
   static bool toValue(const Brittle& from, HXValue& out) { return TypeTraits<int>::toValue(from.number, out); }
   static bool fromValue(const HXValue& value, Brittle* to) {
