@@ -32,10 +32,10 @@ void HXModuleCore::initModule() {
 }
 
 void HXModuleCore::sleepFor(std::chrono::milliseconds duration) {
-  // Added to the present time, the longest durations would overflow.
-  static constexpr std::chrono::hours kLongest{24 * 365};
+  // Added to the present time, the longest durations and the most negative ones would overflow.
+  static constexpr std::chrono::milliseconds kLongest = std::chrono::hours{24 * 365};
   std::unique_lock lock(mutex_);
-  wakeUp_.wait_for(lock, std::min<std::chrono::milliseconds>(duration, kLongest), [this] { return interrupted_; });
+  wakeUp_.wait_for(lock, std::clamp(duration, std::chrono::milliseconds{0}, kLongest), [this] { return interrupted_; });
   lock.unlock();
   checkRunning();
 }
