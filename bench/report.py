@@ -81,7 +81,7 @@ def table(results):
     rows = [["benchmark", "median", "control", "ratio"] + ["allocations"] * withAllocations]
     rows.append(["---", "---:", "---:", "---:"] + ["---:"] * withAllocations)
     for result in results.values():
-        if result.name in controls:
+        if result.name in controls and not result.control:
             continue  # shown in the rows that name it
         row = [result.name, duration(result.time), "", ""]
         if result.control:
