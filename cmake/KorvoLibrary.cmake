@@ -83,6 +83,8 @@ function(korvo_program name)
   endif()
 endfunction()
 
+add_custom_target(concurrent_tests)
+
 # korvo_test(<name> SOURCES <file>... [LINK <target>...] [LABELS <label>...] [TIMEOUT <seconds>])
 #
 # A GoogleTest program, run as one test. Label `concurrent` selects it for the ThreadSanitizer run, and makes it part of
@@ -96,9 +98,6 @@ function(korvo_test name)
   _korvo_common(${name} PRIVATE_LINK ${ARG_LINK} GTest::gmock_main UNPARSED ${ARG_UNPARSED_ARGUMENTS})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/tests")
   if("concurrent" IN_LIST ARG_LABELS)
-    if(NOT TARGET concurrent_tests)
-      add_custom_target(concurrent_tests)
-    endif()
     add_dependencies(concurrent_tests ${name})
   endif()
   add_test(NAME ${name} COMMAND ${name})

@@ -30,9 +30,12 @@ std::vector<std::string> HXMemory::getDataListName() {
 }
 
 std::vector<std::string> HXMemory::getDataList(const std::string& filter) {
-  std::vector<std::string> names = getDataListName();
-  if (!filter.empty()) {
-    std::erase_if(names, [&](const std::string& name) { return name.find(filter) == std::string::npos; });
+  if (filter.empty()) return getDataListName();
+  // Filtered under the lock: copying every name of a large table keeps writers out for longer than looking at it.
+  const boost::shared_lock lock(itemsLock);
+  std::vector<std::string> names;
+  for (const auto& [name, item] : items) {
+    if (name.find(filter) != std::string::npos) names.push_back(name);
   }
   return names;
 }
