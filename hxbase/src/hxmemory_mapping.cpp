@@ -51,9 +51,10 @@ std::shared_ptr<HXMemorySubscriber> HXMemory::subscriber(const std::string& even
 bool HXMemory::_parseEventFromLine(std::string line, std::string& service, std::string& signal,
                                    std::string& event) const {
   const SignalMapLine parsed = parseSignalMapLine(std::move(line));
-  service = parsed.service;
-  signal = parsed.signal;
-  event = parsed.event;
+  // What was not reached stays as the caller had it.
+  if (parsed.parts > 0) service = parsed.service;
+  if (parsed.parts > 1) signal = parsed.signal;
+  if (parsed.parts > 2) event = parsed.event;
   return parsed.verdict == SignalMapLine::Verdict::Accepted;
 }
 

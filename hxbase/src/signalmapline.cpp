@@ -38,6 +38,7 @@ SignalMapLine parseSignalMapLine(std::string line) {
   const std::size_t dot = line.find('.');
   if (dot == std::string::npos) return reject(parsed, "there is no \".\"; write SERVICE.SIGNAL : EVENT");
   parsed.service = line.substr(0, dot);
+  parsed.parts = 1;
   if (parsed.service.empty()) return reject(parsed, "no service stands before the \".\"; write SERVICE.SIGNAL : EVENT");
 
   line.erase(0, dot + 1);
@@ -53,12 +54,14 @@ SignalMapLine parseSignalMapLine(std::string line) {
                   "use addMapping(service, signal, event) instead");
   }
   parsed.signal = line.substr(0, colon);
+  parsed.parts = 2;
   if (parsed.signal.empty()) return reject(parsed, "no signal stands before the \":\"; write SERVICE.SIGNAL : EVENT");
 
   std::size_t end = line.find("\r\n");
   if (end == std::string::npos) end = line.find('\n');
   // A line end before the colon leaves, by unsigned arithmetic, everything behind the colon.
   parsed.event = line.substr(colon + 1, end == std::string::npos ? end : end - colon - 1);
+  parsed.parts = 3;
   if (parsed.event.empty()) return reject(parsed, "no event stands after the \":\"; write SERVICE.SIGNAL : EVENT");
   parsed.verdict = SignalMapLine::Verdict::Accepted;
   return parsed;

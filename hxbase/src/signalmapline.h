@@ -23,6 +23,7 @@ struct SignalMapLine {
   std::string service;
   std::string signal;
   std::string event;
+  int parts = 0;       ///< How many of service, signal and event were found, empty ones included.
   std::string reason;  ///< Why the line was rejected, and how to mend it.
 };
 
