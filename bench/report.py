@@ -4,7 +4,8 @@
     bench/report.py <file>...
 
 A benchmark whose label holds "control=<name>" is set in relation to the benchmark of that name, from whichever file.
-Times are medians over the repetitions, of the real time. A counter called "allocs" is shown as allocations.
+Times are medians over the repetitions, of the real time. A counter called "allocs" is shown as allocations, one
+called "writer_waits_ms" as the longest wait of a writer over all repetitions.
 
 Ends with 1 when there is nothing to report, when a benchmark reported an error or did no work, or when a control is
 not among the results: a table with a hole in it would be read as one without.
@@ -28,6 +29,7 @@ class Result:
         self.name = name
         self.times = []
         self.allocations = []
+        self.waits = []
         self.control = None
 
     def add(self, run):
@@ -38,6 +40,8 @@ class Result:
         self.times.append(run["real_time"] * NANOSECONDS[run["time_unit"]])
         if "allocs" in run:
             self.allocations.append(run["allocs"])
+        if "writer_waits_ms" in run:
+            self.waits.append(run["writer_waits_ms"])
         for word in run.get("label", "").split():
             if word.startswith("control="):
                 self.control = word.removeprefix("control=")
@@ -78,8 +82,9 @@ def duration(nanoseconds):
 def table(results):
     controls = {result.control for result in results.values() if result.control}
     withAllocations = any(result.allocations for result in results.values())
-    rows = [["benchmark", "median", "control", "ratio"] + ["allocations"] * withAllocations]
-    rows.append(["---", "---:", "---:", "---:"] + ["---:"] * withAllocations)
+    withWaits = any(result.waits for result in results.values())
+    rows = [["benchmark", "median", "control", "ratio"] + ["allocations"] * withAllocations + ["writer waits"] * withWaits]
+    rows.append(["---", "---:", "---:", "---:"] + ["---:"] * (withAllocations + withWaits))
     for result in results.values():
         if result.name in controls and not result.control:
             continue  # shown in the rows that name it
@@ -91,6 +96,8 @@ def table(results):
             row[2:] = [duration(control.time), f"{result.time / control.time:.2f}"]
         if withAllocations:
             row.append(f"{statistics.median(result.allocations):g}" if result.allocations else "")
+        if withWaits:
+            row.append(duration(max(result.waits) * NANOSECONDS["ms"]) if result.waits else "")
         rows.append(row)
     if len(rows) == 2:
         raise ReportError("no benchmark in the results")
