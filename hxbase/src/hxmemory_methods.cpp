@@ -19,6 +19,9 @@ void HXMemory::bindMethods() {
   bindRemainingMethods();
 }
 
+// A table reads best in one piece, however long.
+// NOLINTBEGIN(readability-function-size)
+
 void HXMemory::bindReadingMethods() {
   functionName("declareEvent", getName(), "Declares an event to allow future subscriptions to the event");
   addParam("eventName", "The name of the event");
@@ -291,5 +294,7 @@ void HXMemory::bindRemainingMethods() {
   bindMethodOverload(createFunctor(
       this, static_cast<void (HXMemory::*)(Text, const std::map<std::string, std::string>&)>(&HXMemory::addMapping)));
 }
+
+// NOLINTEND(readability-function-size)
 
 }  // namespace HX

@@ -17,7 +17,7 @@ class LookUps {
   using Promise = mw::Promise<mw::AnyObject>;
 
   /// @param onCancel  What a look-up does when it is to be cancelled; empty lets it be cancelled at once.
-  explicit LookUps(mw::Session& session, std::function<void(Promise&)> onCancel = {}) {
+  explicit LookUps(mw::Session& session, const std::function<void(Promise&)>& onCancel = {}) {
     session.setResolver([this, onCancel](const std::string& name) {
       Promise promise(onCancel);
       const std::lock_guard lock(mutex_);

@@ -128,6 +128,7 @@ class Process {
 
   static std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> all;
+    all.reserve(texts.size() + 1);
     for (auto& text : texts) all.push_back(text.data());
     all.push_back(nullptr);
     return all;
@@ -146,7 +147,7 @@ class Process {
     if (poll(polled.data(), polled.size(), static_cast<int>(left)) <= 0) return false;
     for (std::size_t i = 0; i < 2; ++i) {
       if (polled[i].revents == 0) continue;
-      std::array<char, 65536> chunk;
+      std::array<char, 65536> chunk{};
       const ssize_t count = read(streams_[i].file, chunk.data(), chunk.size());
       if (count > 0) {
         streams_[i].text.append(chunk.data(), static_cast<std::size_t>(count));

@@ -30,7 +30,7 @@ void guarded(const std::string& what, Action&& action) {
 }  // namespace
 
 std::shared_ptr<HXBroker> HXBroker::create(std::string name, const std::shared_ptr<HXBrokerManager>& manager) {
-  const std::shared_ptr<HXBroker> broker(new HXBroker(std::move(name)));
+  std::shared_ptr<HXBroker> broker(new HXBroker(std::move(name)));
   const auto known = manager ? manager : HXBrokerManager::getInstance();
   broker->manager_ = known;
   known->addBroker(broker);
@@ -110,7 +110,7 @@ void HXBroker::registerModule(std::shared_ptr<HXModuleCore> module) {
   try {
     const std::lock_guard lock(mutex_);
     requireRunning(name);
-    modules_.push_back({module, service});
+    modules_.push_back({std::move(module), service});
   } catch (...) {
     session_->unregisterService(service);
     throw;

@@ -95,8 +95,7 @@ void HXModule::start(const std::shared_ptr<HXModule>& module) {
   module->initModule();
   try {
     module->init();
-  } catch (const HXError& error) {
-    const HXError reason(error);
+  } catch (const HXError&) {
     try {
       module->exit();
     } catch (const std::exception& second) {
@@ -106,7 +105,7 @@ void HXModule::start(const std::shared_ptr<HXModule>& module) {
       mw::log::error("hxcommon.module", "createModule", fmt::format("exit of module {} failed", module->getName()));
     }
     module->HXModule::exit();  // For an override that does not get that far.
-    throw reason;
+    throw;
   } catch (...) {
     module->HXModule::exit();
     throw;

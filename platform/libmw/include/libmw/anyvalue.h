@@ -74,8 +74,10 @@ class HX_API AnyReference {
 
 /// Owns an object of any copyable type, or nothing. Small objects (an HXValue, a string, a shared pointer) lie inside
 /// the value: a call by name allocates nothing for its result.
-class HX_API AnyValue {
+class HX_API AnyValue {  // NOLINT(cppcoreguidelines-pro-type-member-init): see storage_
  public:
+  // The forwarding constructor is constrained.
+  // NOLINTBEGIN(cppcoreguidelines-pro-type-member-init,bugprone-forwarding-reference-overload)
   AnyValue() = default;
   /// @param object  Moved or copied in. A function that returns nothing yields an empty AnyValue.
   template <class T, class D = std::decay_t<T>>
@@ -87,6 +89,7 @@ class HX_API AnyValue {
   explicit AnyValue(const AnyReference& reference);
   AnyValue(const AnyValue& other) : AnyValue(other.reference()) {}
   AnyValue(AnyValue&& other) noexcept { take(other); }
+  // NOLINTEND(cppcoreguidelines-pro-type-member-init,bugprone-forwarding-reference-overload)
   AnyValue& operator=(AnyValue other) noexcept {
     reset();
     take(other);
@@ -174,7 +177,7 @@ class HX_API AnyValue {
   void take(AnyValue& other) noexcept;
 
   const TypeInterface* type_ = nullptr;
-  alignas(void*) std::array<std::byte, detail::kInlineSize> storage_;
+  alignas(void*) std::array<std::byte, detail::kInlineSize> storage_;  // not initialised: nothing while type_ is null
 };
 
 template <class T>

@@ -156,7 +156,7 @@ auto Lifetime::track(F&& function) const {
   return [token = token(), function = std::forward<F>(function)](auto&&... args) mutable {
     using Result = std::invoke_result_t<std::decay_t<F>&, decltype(args)...>;
     // A copy, because the call may destroy this wrapper together with its owner.
-    const Token held = token;
+    const Token held = token;  // NOLINT(performance-unnecessary-copy-initialization)
     auto pass = held.enter();
     if constexpr (std::is_void_v<Result>) {
       if (!pass) return false;
@@ -174,7 +174,7 @@ auto Lifetime::track(F&& function, Gone&& gone) const {
   return [token = token(), function = std::forward<F>(function),
           gone = std::forward<Gone>(gone)](auto&&... args) mutable -> decltype(auto) {
     using Result = std::invoke_result_t<std::decay_t<F>&, decltype(args)...>;
-    const Token held = token;
+    const Token held = token;  // NOLINT(performance-unnecessary-copy-initialization)
     auto pass = held.enter();
     if (!pass) return static_cast<Result>(std::invoke(gone));
     return static_cast<Result>(std::invoke(function, std::forward<decltype(args)>(args)...));

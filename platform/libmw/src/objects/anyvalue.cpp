@@ -48,6 +48,8 @@ Fit AnyReference::fit(const TypeInterface* target) const {
   return target->fit && from.toValue(value) ? target->fit(value) : Fit::None;
 }
 
+// storage_ holds nothing until type_ is set.
+// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init)
 AnyValue::AnyValue(const AnyReference& outer) {
   const AnyReference reference = outer.content();
   if (!reference) return;

@@ -29,6 +29,8 @@ Prepended& prepended() {
 
 void checkRelative(const char* argument, const std::string& value) {
   if (value.empty()) refuse(argument, value, "is empty");
+  // Named as far as the null character.
+  // NOLINTNEXTLINE(readability-redundant-string-cstr)
   if (value.find('\0') != std::string::npos) refuse(argument, value.c_str(), "contains a null character");
   const fs::path parts(value);
   if (parts.is_absolute()) refuse(argument, value, "is an absolute path");
@@ -47,7 +49,7 @@ void appendAbsolute(std::vector<std::string>& directories, const fs::path& base,
 }
 
 fs::path userDataHome() {
-  if (const fs::path home = os::getenv("XDG_DATA_HOME"); home.is_absolute()) return home;
+  if (fs::path home = os::getenv("XDG_DATA_HOME"); home.is_absolute()) return home;
   const fs::path home = os::getenv("HOME");
   return home.empty() ? fs::path() : home / ".local/share";
 }

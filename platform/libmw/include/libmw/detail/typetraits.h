@@ -34,8 +34,9 @@ struct PlainTraits {
 template <class T>
 T fromFittingValue(const HX::HXValue& value) {
   union Place {
-    Place() {}
-    ~Place() {}  // Whether there is an object to destroy is known below only.
+    // Defaulted they would be deleted. Whether there is an object to destroy is known below only.
+    Place() {}   // NOLINT(modernize-use-equals-default)
+    ~Place() {}  // NOLINT(modernize-use-equals-default)
     T object;
   } place;
   if (!TypeTraits<T>::fromValue(value, &place.object)) {
