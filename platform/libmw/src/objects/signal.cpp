@@ -157,7 +157,7 @@ class SignalBase::Connections {
     const std::lock_guard lock(mutex_);
     const auto found = std::ranges::find(*slots_, link, &Slot::link);
     if (found == slots_->end()) return nullptr;
-    const std::shared_ptr<Slot> slot = *found;
+    std::shared_ptr<Slot> slot = *found;
     auto changed = std::make_shared<Slots>(*slots_);
     std::erase(*changed, slot);
     slots_ = std::move(changed);
