@@ -229,16 +229,23 @@ std::vector<std::byte> toMsgpack(const HXValue& value) {
   return out;
 }
 
-HXValue fromMsgpack(std::span<const std::byte> bytes, const MsgpackLimits& limits) {
+HXValue readMsgpack(std::span<const std::byte> bytes, std::size_t& size, const MsgpackLimits& limits) {
   MsgpackReader reader(bytes, limits);
   try {
     std::size_t end = 0;
     msgpack::parse(reinterpret_cast<const char*>(bytes.data()), bytes.size(), end, reader);
-    if (end < bytes.size()) throw std::runtime_error("bytes are left over after the value");
+    size = end;
   } catch (const std::runtime_error& error) {
     throw std::runtime_error("MessagePack byte " + std::to_string(reader.position()) + ": " + error.what());
   }
   return reader.take();
+}
+
+HXValue fromMsgpack(std::span<const std::byte> bytes, const MsgpackLimits& limits) {
+  std::size_t size = 0;
+  HXValue value = readMsgpack(bytes, size, limits);
+  if (size == bytes.size()) return value;
+  throw std::runtime_error("MessagePack byte " + std::to_string(size) + ": bytes are left over after the value");
 }
 
 }  // namespace HX

@@ -38,4 +38,11 @@ HX_API std::vector<std::byte> toMsgpack(const HXValue& value);
 /// @par Threads  Any.
 HX_API HXValue fromMsgpack(std::span<const std::byte> bytes, const MsgpackLimits& limits = {});
 
+/// Reads the first of the values in `bytes`, as `fromMsgpack` does.
+///
+/// @param size  How many bytes it took; unchanged on errors.
+/// @throws std::runtime_error as `fromMsgpack`, but not for what follows the value.
+/// @par Threads  Any.
+HX_API HXValue readMsgpack(std::span<const std::byte> bytes, std::size_t& size, const MsgpackLimits& limits = {});
+
 }  // namespace HX

@@ -38,6 +38,9 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
   virtual Future<AnyValue> metaProperty(unsigned property) = 0;
   virtual Future<void> metaSetProperty(unsigned property, const AnyValue& value) = 0;
 
+  /// Whether calls leave this process.
+  virtual bool isRemote() const { return false; }
+
   const MetaObject& metaObject() const { return metaObject_; }
 
   /// Calls `method` and waits for its result. Overloads are chosen as `MetaObject::resolve` says.

@@ -17,6 +17,9 @@ struct MetaParameter {
   std::string description;
 };
 
+/// Flag of methods that mean something only to callers in the process of their object.
+inline constexpr int kSameProcessOnly = 4;
+
 /// One method as callers see it: one overload of one name.
 struct MetaMethod {
   unsigned id = 0;

@@ -20,8 +20,24 @@ struct ServiceInfo {
   std::string name;
 };
 
-/// Where the services of a broker are found: those that this process offers, and beyond them whatever the resolver
-/// reaches.
+/// Finds and publishes services beyond this process. Implemented by transports.
+///
+/// @par Threads  Any, in parallel. Called with no lock held.
+class HX_API RemoteDirectory {
+ public:
+  virtual ~RemoteDirectory();
+  /// Must not wait. A future with an empty object says that there is no such service.
+  virtual Future<AnyObject> find(const std::string& name) = 0;
+  virtual Future<std::vector<ServiceInfo>> services() = 0;
+  /// Publishes a service of this process. Waits for the answer. What is offered already stays offered once.
+  /// @throws std::runtime_error naming the service when its name is taken there.
+  virtual void offer(ServiceId id, const std::string& name, const AnyObject& object) = 0;
+  /// Withdraws it. Must not throw.
+  virtual void withdraw(ServiceId id, const std::string& name) = 0;
+};
+
+/// Where the services of a broker are found: those that this process offers, and beyond them whatever the directory
+/// reaches that the session has joined.
 ///
 /// A service is handed out as a handle on the object that was registered. The handle counts the calls that run in the
 /// object and is cut off when the service is unregistered: the object can then go, whoever still holds the handle, and
@@ -30,8 +46,8 @@ struct ServiceInfo {
 /// Threads: every operation is safe from any thread. No lock is held while objects, resolvers or handlers are called.
 class HX_API Session {
  public:
-  /// Looks up services that this process does not offer. Must not block: it answers with a future. One that stands for
-  /// nothing says that there is no such service; an exception fails the look-up.
+  /// Looks up services that this process does not offer, as `RemoteDirectory::find` does and before it is asked. An
+  /// exception fails the look-up.
   using Resolver = std::function<Future<AnyObject>(const std::string& name)>;
 
   /// @param loop  Delivers the notices; the process-wide loop when not given. Must outlive the session.
@@ -64,11 +80,23 @@ class HX_API Session {
   /// How long `unregisterService` waits for running calls before it logs; five seconds at first.
   void setDrainPatience(std::chrono::milliseconds patience);
 
-  /// The services of this process, in the order of their registration.
+  /// The services of this process, in the order of their registration. In a broker's process those of the processes
+  /// that joined are among them.
   std::vector<ServiceInfo> services() const;
 
-  /// Sets what finds services beyond this process; an empty one finds none.
+  /// The service of this name among them; empty when there is none.
+  AnyObject ownService(const std::string& name) const;
+
+  /// The services that `service` finds: those of this process, and those of the directory that it joined. Fails when
+  /// the connection to that is lost.
+  Future<std::vector<ServiceInfo>> reachableServices() const;
+
+  /// Sets what finds services beyond this process in a way of its own; an empty one finds none.
   void setResolver(Resolver resolver);
+
+  /// Joins a directory beyond this process; null leaves it. What is registered already is offered to it.
+  /// @throws What the directory throws for one of the services; nothing is joined then.
+  void join(std::shared_ptr<RemoteDirectory> directory);
 
   /// Withdraws every service, the last registered one first, and refuses new ones.
   void close();
@@ -95,6 +123,11 @@ class HX_API Session {
    private:
     Session& session_;
   };
+
+  /// The connection to the directory beyond was lost, and why; it is back, and the services of this process are offered
+  /// there again. Emitted on the thread that noticed.
+  Signal<std::string> connectionLost;
+  Signal<> connectionRestored;
 
   /// Announces on `serviceRegistered` or `serviceUnregistered` what a directory beyond this process has learnt.
   void announce(ServiceId id, const std::string& name, bool registered);

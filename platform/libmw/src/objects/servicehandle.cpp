@@ -12,6 +12,7 @@ namespace mw {
 ServiceHandle::ServiceHandle(std::string name, AnyObject target) : name_(std::move(name)), target_(std::move(target)) {
   if (!target_) throw std::runtime_error(fmt::format("cannot register service {}: there is no object", name_));
   GenericObject::setMetaObject(target_->metaObject());
+  isRemote_ = target_->isRemote();
   // An address in this process, compared and never followed.
   // NOLINTNEXTLINE(performance-no-int-to-ptr)
   setIdentity(reinterpret_cast<const void*>(target_->identity()));

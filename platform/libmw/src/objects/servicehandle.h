@@ -24,6 +24,7 @@ class ServiceHandle final : public GenericObject {
   Future<void> metaDisconnect(SignalLink link) override;
   Future<AnyValue> metaProperty(unsigned property) override;
   Future<void> metaSetProperty(unsigned property, const AnyValue& value) override;
+  bool isRemote() const override { return isRemote_; }
 
   /// Refuses new calls, runs `beforeDrain`, waits for the calls of other threads, lets go of the object. Once.
   /// @param patience  A wait beyond it is logged.
@@ -36,6 +37,7 @@ class ServiceHandle final : public GenericObject {
   Future<R> withTarget(Use&& use);
 
   const std::string name_;
+  bool isRemote_ = false;  ///< Written by the constructor.
   CallGate gate_;
   AnyObject target_;  ///< Used only inside the gate, and by `cutOff` once it is drained.
 };

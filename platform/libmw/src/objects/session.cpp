@@ -3,6 +3,7 @@
 #include <libmw/eventloop.h>
 #include <libmw/session.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -133,6 +134,16 @@ class Session::Directory {
     return services_.empty() ? 0 : services_.rbegin()->first;
   }
 
+  void setRemote(std::shared_ptr<RemoteDirectory> remote) {
+    const std::lock_guard lock(mutex_);
+    remote_.swap(remote);
+  }
+
+  std::shared_ptr<RemoteDirectory> remote() const {
+    const std::lock_guard lock(mutex_);
+    return remote_;
+  }
+
   void setResolver(Resolver resolver) {
     const std::lock_guard lock(mutex_);
     resolver_ = std::move(resolver);
@@ -155,7 +166,18 @@ class Session::Directory {
   ServiceId nextId_ = 1;
   bool closed_ = false;
   Resolver resolver_;
+  std::shared_ptr<RemoteDirectory> remote_;
 };
+
+RemoteDirectory::~RemoteDirectory() = default;
+
+namespace {
+
+Future<AnyObject> noSuchService(const std::string& name) {
+  return Future<AnyObject>::failed(fmt::format("no service named {}", name));
+}
+
+}  // namespace
 
 Session::Session() : Session(defaultLoop()) {}
 
@@ -169,26 +191,40 @@ Session::~Session() {
 
 Future<AnyObject> Session::service(const std::string& name, const std::string&) {
   if (auto local = directory_->find(name)) return Future<AnyObject>::ready(AnyObject(std::move(local)));
-  if (const Resolver resolver = directory_->resolver()) {
-    try {
+  try {
+    if (const Resolver resolver = directory_->resolver()) {
       auto found = resolver(name);
       if (found.isValid()) return found;
-    } catch (...) {
-      return Future<AnyObject>::failed(std::current_exception());
     }
+    if (const auto remote = directory_->remote()) {
+      return remote->find(name).andThen(
+          [name](const AnyObject& object) { return object ? Future<AnyObject>::ready(object) : noSuchService(name); });
+    }
+  } catch (...) {
+    return Future<AnyObject>::failed(std::current_exception());
   }
-  return Future<AnyObject>::failed(fmt::format("no service named {}", name));
+  return noSuchService(name);
 }
 
 ServiceId Session::registerService(const std::string& name, AnyObject object) {
   if (name.empty()) throw std::runtime_error("cannot register a service without a name");
   auto handle = std::make_shared<ServiceHandle>(name, std::move(object));
-  return directory_->add(name, std::move(handle));
+  const ServiceId id = directory_->add(name, handle);
+  if (const auto remote = directory_->remote()) {
+    try {
+      remote->offer(id, name, AnyObject(std::move(handle)));
+    } catch (...) {
+      unregisterService(id);
+      throw;
+    }
+  }
+  return id;
 }
 
 bool Session::unregisterService(ServiceId id, const std::function<void()>& beforeDrain) {
   const auto service = directory_->remove(id);
   if (!service) return false;
+  if (const auto remote = directory_->remote()) remote->withdraw(id, service->name);
   service->handle->cutOff(beforeDrain, directory_->drainPatience);
   return true;
 }
@@ -196,6 +232,35 @@ bool Session::unregisterService(ServiceId id, const std::function<void()>& befor
 void Session::setDrainPatience(std::chrono::milliseconds patience) { directory_->drainPatience = patience; }
 
 std::vector<ServiceInfo> Session::services() const { return directory_->list(); }
+
+AnyObject Session::ownService(const std::string& name) const { return AnyObject(directory_->find(name)); }
+
+Future<std::vector<ServiceInfo>> Session::reachableServices() const {
+  const auto local = directory_->list();
+  const auto remote = directory_->remote();
+  if (!remote) return makeReadyFuture(local);
+  return remote->services().andThen([local](const std::vector<ServiceInfo>& beyond) {
+    auto all = beyond;
+    for (const ServiceInfo& own : local) {
+      if (std::ranges::find(beyond, own.name, &ServiceInfo::name) == beyond.end()) all.push_back(own);
+    }
+    return all;
+  });
+}
+
+void Session::join(std::shared_ptr<RemoteDirectory> directory) {
+  directory_->setRemote(directory);
+  if (!directory) return;
+  // Registered meanwhile, a service may be offered by its own thread as well, which does no harm.
+  try {
+    for (const ServiceInfo& own : directory_->list()) {
+      if (auto handle = directory_->find(own.name)) directory->offer(own.id, own.name, AnyObject(std::move(handle)));
+    }
+  } catch (...) {
+    directory_->setRemote(nullptr);
+    throw;
+  }
+}
 
 void Session::setResolver(Resolver resolver) { directory_->setResolver(std::move(resolver)); }
 

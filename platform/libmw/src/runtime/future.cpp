@@ -1,3 +1,5 @@
+#include "threadwait.h"
+
 #include <libmw/eventloop.h>
 #include <libmw/future.h>
 
@@ -45,8 +47,23 @@ std::string describe(const std::exception_ptr& exception) {
 FutureStateBase::FutureStateBase(Kind kind, OnCancel onCancel) : kind_(kind), onCancel_(std::move(onCancel)) {}
 FutureStateBase::~FutureStateBase() = default;
 
+Waker::~Waker() = default;
+
+bool FutureStateBase::addWaker(Waker& waker) const {
+  const std::lock_guard lock(mutex_);
+  if (state() != FutureState::Running) return false;
+  wakers_.push_back(&waker);
+  return true;
+}
+
+void FutureStateBase::removeWaker(Waker& waker) const noexcept {
+  const std::lock_guard lock(mutex_);
+  std::erase(wakers_, &waker);
+}
+
 FutureState FutureStateBase::wait(std::chrono::milliseconds timeout) const {
   if (state() != FutureState::Running || timeout <= timeout.zero()) return state();
+  if (ThreadWait* const own = ThreadWait::current()) return own->wait(*this, timeout);
   const auto isFinished = [this] { return state() != FutureState::Running; };
   std::unique_lock lock(mutex_);
   if (timeout >= kInfiniteTimeout) {
@@ -101,7 +118,9 @@ void FutureStateBase::unclaim() noexcept {
 
 void FutureStateBase::finish(FutureState outcome, std::exception_ptr error) {
   auto dependents = publish(outcome, std::move(error));
-  if (!dependents.empty()) run(shared_from_this(), std::move(dependents));
+  if (dependents.empty()) return;
+  if (!NoForeignCode::holdsHere()) return run(shared_from_this(), std::move(dependents));
+  for (const Dependent& dependent : dependents) post(shared_from_this(), dependent.state);
 }
 
 FutureStateBase::Dependents FutureStateBase::publish(FutureState outcome, std::exception_ptr error) noexcept {
@@ -114,6 +133,8 @@ FutureStateBase::Dependents FutureStateBase::publish(FutureState outcome, std::e
     unused.swap(onCancel_);
     dependents.swap(dependents_);
     state_.store(outcome, std::memory_order_release);
+    for (Waker* const waker : wakers_) waker->wake();
+    wakers_.clear();
   }
   finished_.notify_all();
   return dependents;

@@ -1,4 +1,3 @@
-#include "door.h"
 #include "expect_error.h"
 
 #include <libmw/anyvalue.h>
@@ -14,7 +13,6 @@
 
 namespace {
 
-using HX::HXValue;
 using mw::AnyReference;
 using mw::AnyValue;
 
@@ -42,24 +40,18 @@ TYPED_TEST_SUITE(AnyValueOf, Layouts);
 
 TYPED_TEST(AnyValueOf, CopiesMovesAndAssigns) {
   AnyValue first(TypeParam(7));
-  const TypeParam* held = first.getIf<TypeParam>();
-  ASSERT_TRUE(held);
-  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(held) % alignof(TypeParam), 0U);
-
+  ASSERT_TRUE(first.getIf<TypeParam>());
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(first.getIf<TypeParam>()) % alignof(TypeParam), 0U);
   AnyValue copy(first);
-  EXPECT_EQ(copy.getIf<TypeParam>()->number, 7);
   EXPECT_EQ(first.getIf<TypeParam>()->number, 7);
-
   AnyValue moved(std::move(first));
   EXPECT_FALSE(first);
   copy = std::move(moved);
   EXPECT_FALSE(moved);
-  copy = AnyValue(TypeParam(8));
-  EXPECT_EQ(copy.getIf<TypeParam>()->number, 8);
   AnyValue& same = copy;
   copy = same;
   copy = std::move(same);
-  EXPECT_EQ(copy.getIf<TypeParam>()->number, 8);
+  EXPECT_EQ(copy.getIf<TypeParam>()->number, 7);
   copy = AnyValue(std::string("text"));
   EXPECT_EQ(TypeParam::alive, 0);
   EXPECT_EQ(std::move(copy).template take<std::string>(), "text");
@@ -68,10 +60,8 @@ TYPED_TEST(AnyValueOf, CopiesMovesAndAssigns) {
 TEST(AnyValue, HoldsWhatCanOnlyBeMoved) {
   AnyValue value(std::make_unique<int>(5));
   EXPECT_NE(errorOf([&] { AnyValue copy(value); }).find("cannot be copied"), std::string::npos);
-  AnyValue moved(std::move(value));
-  AnyValue whole = std::move(moved).take<AnyValue>();
-  const auto pointer = std::move(whole).take<std::unique_ptr<int>>();
-  EXPECT_EQ(*pointer, 5);
+  AnyValue whole = std::move(value).take<AnyValue>();
+  EXPECT_EQ(*std::move(whole).take<std::unique_ptr<int>>(), 5);
 }
 
 struct ThrowsWhenMade {
@@ -85,37 +75,16 @@ TEST(AnyValue, IsEmptyWhenItsContentCannotBeMade) {
   AnyValue value(std::string("before"));
   EXPECT_EQ(errorOf([&] { value.emplace<ThrowsWhenMade>(true); }), "made to fail");
   EXPECT_FALSE(value);
-  value.emplace<ThrowsWhenMade>(false);
-  EXPECT_TRUE(value.getIf<ThrowsWhenMade>());
+  EXPECT_EQ(errorOf([&] { std::move(value).take<int>(); }), "cannot convert nothing to int");
 }
 
 TEST(AnyValue, DoesNotNest) {
   const AnyValue inner(3);
-  const AnyValue outer{AnyReference::of(inner)};
-  EXPECT_EQ(outer.type(), mw::typeOf<int>());
+  EXPECT_EQ(AnyValue(AnyReference::of(inner)).type(), mw::typeOf<int>());
   AnyValue forced;
-  forced.emplace<AnyValue>(outer);
+  forced.emplace<AnyValue>(inner);
   EXPECT_EQ(AnyReference::of(forced).to<int>(), 3);
   EXPECT_FALSE(AnyValue(AnyReference::of(AnyValue())));
-}
-
-TEST(AnyValue, NothingConvertsToNothingElse) {
-  EXPECT_EQ(errorOf([] { AnyValue().take<int>(); }), "cannot convert nothing to int");
-  EXPECT_NO_THROW(AnyValue(1).take<void>());
-  EXPECT_FALSE(AnyValue().take<AnyValue>());
-}
-
-TEST(AnyValue, IdentityOfObjectsIsTheInstances) {
-  registerHouse();
-  const auto door = std::make_shared<Door>();
-  const auto one = mw::AnyObject::from(door);
-  const auto other = AnyReference::of(door).to<mw::AnyObject>();
-  EXPECT_NE(one.pointer(), other.pointer());
-  EXPECT_EQ(one, other);
-  EXPECT_NE(one, mw::AnyObject::from(std::make_shared<Door>()));
-  EXPECT_NE(one, mw::AnyObject());
-  EXPECT_EQ(mw::AnyObject(), mw::AnyObject::from(std::shared_ptr<Door>()));
-  EXPECT_EQ(errorOf([] { mw::AnyObject()->call("open"); }), "This object is null");
 }
 
 }  // namespace

@@ -34,19 +34,18 @@ TEST(EventLoop, StartsFunctionsInTheOrderPosted) {
   for (int i = 0; i < 100; ++i) loop.post([&order, i] { order.push_back(i); });
   loop.drain();
   ASSERT_EQ(order.size(), 100U);
-  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+  EXPECT_TRUE(std::ranges::is_sorted(order));
 }
 
 TEST(EventLoop, DrainCoversWhatFunctionsPost) {
   EventLoop loop(small(2, 2));
   std::atomic<int> runs{0};
-  std::function<void(int)> cascade = [&](int left) {
-    ++runs;
-    if (left > 0) loop.post([&cascade, left] { cascade(left - 1); });
+  std::function<void()> cascade = [&] {
+    if (++runs < 50) loop.post(cascade);
   };
-  loop.post([&] { cascade(50); });
+  loop.post(cascade);
   loop.drain();
-  EXPECT_EQ(runs, 51);
+  EXPECT_EQ(runs, 50);
 }
 
 TEST(EventLoop, DrainAndJoinRefuseToWaitForThemselves) {

@@ -1,11 +1,9 @@
 #include <libmw/trackable.h>
 
 #include <functional>
-#include <future>
 #include <memory>
 #include <optional>
 #include <stdexcept>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -30,36 +28,14 @@ TEST(Lifetime, TrackedFunctionsRunWhileTheOwnerLives) {
   EXPECT_EQ(calls, 2);
 }
 
-struct SelfDropping {
-  Lifetime lifetime;
-  ~SelfDropping() { lifetime.destroy(); }
-};
-
-TEST(Lifetime, ACallbackMayDropTheLastReferenceToItsOwner) {
-  auto owner = std::make_shared<SelfDropping>();
-  const std::function<bool()> callback = owner->lifetime.track([&owner] { owner.reset(); });
-  EXPECT_TRUE(callback());
-  EXPECT_EQ(owner, nullptr);
-  EXPECT_FALSE(callback());
-}
-
-TEST(Lifetime, DestroyWaitsForACallbackOnAnotherThread) {
-  std::promise<void> entered;
-  std::promise<void> release;
-  bool hasReturned = false;
-  Lifetime lifetime;
-  auto callback = lifetime.track([&] {
-    entered.set_value();
-    release.get_future().wait();
-    hasReturned = true;
+TEST(Lifetime, ACallbackMayDestroyTheOwnerAndItself) {
+  auto owner = std::make_optional<Lifetime>();
+  std::function<bool()> callback = owner->track([&] {
+    owner.reset();
+    callback = nullptr;
   });
-  std::thread caller(std::ref(callback));
-  entered.get_future().wait();
-  std::thread releaser([&] { release.set_value(); });
-  lifetime.destroy();
-  EXPECT_TRUE(hasReturned);
-  caller.join();
-  releaser.join();
+  callback();
+  EXPECT_FALSE(owner);
 }
 
 }  // namespace

@@ -1,11 +1,16 @@
 #include <libmw/os.h>
 #include <libmw/path.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -79,26 +84,28 @@ TEST_F(DataPaths, PrependedFoldersHoldFilesDirectlyAndTheLatestComesFirst) {
 }
 
 TEST_F(DataPaths, RefuseNamesThatLeadElsewhere) {
-  const struct {
-    std::string application;
-    std::string filename;
-    std::string error;
-  } cases[] = {{"app", "maps/../../x", "filename \"maps/../../x\" has a \"..\" part"},
-               {"app", "/etc/passwd", "filename \"/etc/passwd\" is an absolute path"},
-               {"app", "", "filename \"\" is empty"},
-               {"app", std::string("a\0b", 3), "filename \"a\" contains a null character"},
-               {"", "x", "application \"\" is empty"},
-               {"..", "x", "application \"..\" has a \"..\" part"},
-               {".", "x", "application \".\" is not one folder name"},
-               {"a/b", "x", "application \"a/b\" is not one folder name"}};
+  const std::tuple<std::string, std::string, std::string> cases[] = {
+      {"app", "maps/../../x", "filename \"maps/../../x\" has a \"..\" part"},
+      {"app", "/etc/passwd", "filename \"/etc/passwd\" is an absolute path"},
+      {"app", "", "filename \"\" is empty"},
+      {"app", std::string("a\0b", 3), "filename \"a\" contains a null character"},
+      {"", "x", "application \"\" is empty"},
+      {"..", "x", "application \"..\" has a \"..\" part"},
+      {".", "x", "application \".\" is not one folder name"},
+      {"a/b", "x", "application \"a/b\" is not one folder name"}};
   for (const auto& [application, filename, error] : cases) {
-    try {
-      path::findData(application, filename);
-      ADD_FAILURE() << "accepted: " << error;
-    } catch (const std::invalid_argument& refused) {
-      EXPECT_EQ(refused.what(), "path::findData: " + error);
-    }
+    const auto find = [&one = application, &other = filename] { path::findData(one, other); };
+    EXPECT_THAT(find, testing::ThrowsMessage<std::invalid_argument>("path::findData: " + error));
   }
+}
+
+TEST_F(DataPaths, AreOpenedWithoutPassingThemOnToOtherPrograms) {
+  const auto placed = place(user + "/app/map.txt");
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(mw::os::fopen(placed, "r"), std::fclose);
+  ASSERT_TRUE(file);
+  EXPECT_TRUE(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC);
+  EXPECT_EQ(mw::os::fopen(placed + ".none", "r"), nullptr);
+  EXPECT_EQ(errno, ENOENT);
 }
 
 }  // namespace

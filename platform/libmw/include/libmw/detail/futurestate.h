@@ -34,6 +34,15 @@ struct Unit {};
 template <class T>
 using Stored = std::conditional_t<std::is_void_v<T>, Unit, T>;
 
+/// Woken when a state has finished, beside the threads that wait on the state itself: for threads that wait for more
+/// than one thing.
+class HX_API Waker {
+ public:
+  virtual ~Waker();
+  /// Called under the state's lock; must not wait, nor use the state.
+  virtual void wake() noexcept = 0;
+};
+
 /// The part of a shared state that does not depend on the type of the result.
 ///
 /// A state is finished once, in two steps: claim() decides who may, publish() makes the result visible. The value
@@ -58,6 +67,11 @@ class HX_API FutureStateBase : public std::enable_shared_from_this<FutureStateBa
 
   FutureState state() const noexcept { return state_.load(std::memory_order_acquire); }
   FutureState wait(std::chrono::milliseconds timeout) const;
+
+  /// Has `waker` woken when the state finishes. @return False, with nothing added, when it has.
+  bool addWaker(Waker& waker) const;
+  /// Once it has returned, `waker` is not woken any more.
+  void removeWaker(Waker& waker) const noexcept;
 
   /// Set when the state has finished with an error.
   const std::exception_ptr& exception() const noexcept { return exception_; }
@@ -116,6 +130,7 @@ class HX_API FutureStateBase : public std::enable_shared_from_this<FutureStateBa
 
   mutable std::mutex mutex_;  // guards everything below, and exception_ until the state is finished
   mutable std::condition_variable finished_;
+  mutable std::vector<Waker*> wakers_;
   bool claimed_ = false;
   bool cancelRequested_ = false;
   OnCancel onCancel_;
@@ -178,9 +193,7 @@ class ThenState final : public FutureSharedState<R> {
   using Base = FutureStateBase;
 
  public:
-  template <class Callback>
-  explicit ThenState(Callback&& callback)
-      : FutureSharedState<R>(Base::Kind::Dependent), callback_(std::forward<Callback>(callback)) {}
+  explicit ThenState(F callback) : FutureSharedState<R>(Base::Kind::Dependent), callback_(std::move(callback)) {}
 
  private:
   Base::Dependents resume(const std::shared_ptr<Base>& source) noexcept override;

@@ -1,0 +1,113 @@
+#pragma once
+
+#include <hxerror/api.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+/// Sessions of several processes of one machine and one user, joined by Unix-domain sockets.
+///
+/// A process *serves* its session under the name of its broker; others *join* it. Whoever has joined finds the broker's
+/// services and those of everybody else who joined, offers its own to all of them, and is told of those that come and
+/// go. Objects, signals, futures and errors cross: `Session::service` hands out a handle that is used like one of this
+/// process.
+namespace mw {
+
+class Session;
+
+/// Limits and intervals of one side of a connection. What exceeds a limit ends that connection alone, with a line in
+/// the log (category "mw.link", warning) that says why.
+struct LinkOptions {
+  /// A peer of which nothing was heard for three of these has gone, be it dead, frozen or unplugged.
+  std::chrono::milliseconds heartbeat{1000};
+  /// Bytes of one message.
+  std::size_t frameLimit = std::size_t{64} << 20;
+  /// Lists and maps inside one another, the message's own list included.
+  std::size_t depthLimit = 256;
+  /// Bytes that wait because the peer does not read.
+  std::size_t outputLimit = std::size_t{128} << 20;
+  /// Connections that one server holds at once.
+  std::size_t connectionLimit = 1024;
+};
+
+/// There is no broker of that name to join.
+class HX_API NoBrokerError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  NoBrokerError(const NoBrokerError&) = default;
+  NoBrokerError& operator=(const NoBrokerError&) = default;
+  ~NoBrokerError() override;
+};
+
+/// The folder that holds the sockets of this user's brokers: `$XDG_RUNTIME_DIR/korvo`, or without that variable a
+/// folder of the user's own below the temporary one. Made, for the user alone, when it is not there.
+/// @throws std::runtime_error when it is not a folder that belongs to the user, with no rights for others.
+HX_API std::string localSocketFolder();
+
+/// The names of this user's brokers that are running, sorted.
+HX_API std::vector<std::string> runningBrokers();
+
+/// Serves a session: while it lives, processes of the same user may join under `name`.
+///
+/// @par Threads  Any.
+class HX_API LocalServer {
+ public:
+  /// @param session  Its services are what others find; theirs are registered with it. Must outlive the server.
+  /// @param name     As `HXBroker::getName`.
+  /// @throws std::runtime_error when the name is not fit for a file, when a broker of that name is running, or when the
+  ///         socket cannot be made.
+  LocalServer(Session& session, const std::string& name, const LinkOptions& options = {});
+  LocalServer(const LocalServer&) = delete;
+  LocalServer& operator=(const LocalServer&) = delete;
+  /// Ends every connection and withdraws the services that came by them.
+  ~LocalServer();
+
+  /// How many peers are connected. For diagnosis.
+  std::size_t connectionCount() const;
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+/// Joins the session of a broker.
+///
+/// When the connection is lost, the session tells so (`Session::connectionLost`), calls fail, and the client tries again
+/// with growing pauses, up to two seconds. Once it is back, it offers the services of its session again, handles
+/// on services that it finds again work again with their signal connections, and the session tells that too
+/// (`Session::connectionRestored`). What else the broker knew of this process, its subscriptions in the memory for
+/// instance, went with the connection: state it anew then.
+///
+/// @par Threads  Any.
+class HX_API LocalClient {
+ public:
+  struct Options {
+    LinkOptions link;
+    bool reconnects = true;  ///< False: a lost connection stays lost.
+  };
+
+  /// Connects, once.
+  /// @param session  Must outlive the client. It is joined to one broker at a time.
+  /// @param broker   Name of the broker; empty for the only one that is running.
+  /// @throws NoBrokerError when it is not running, or when `broker` is empty and there is not exactly one;
+  ///         std::runtime_error when it refuses, or when a service of `session` has a name that is taken there.
+  LocalClient(Session& session, const std::string& broker);
+  LocalClient(Session& session, const std::string& broker, const Options& options);
+  LocalClient(const LocalClient&) = delete;
+  LocalClient& operator=(const LocalClient&) = delete;
+  ~LocalClient();
+
+  /// The name of the broker.
+  const std::string& broker() const;
+  bool isConnected() const;
+
+ private:
+  class Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace mw

@@ -1,0 +1,279 @@
+#include "../remote/remoteobject.h"
+#include "../remote/sessionservice.h"
+#include "socketchannel.h"
+#include "socketfolder.h"
+
+#include <libmw/eventloop.h>
+#include <libmw/local.h>
+#include <libmw/log.h>
+#include <libmw/session.h>
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace mw {
+namespace {
+
+using HX::HXValue;
+using namespace std::chrono_literals;
+
+const char* const kCategory = "mw.link";
+constexpr auto kFirstPause = 20ms;
+constexpr auto kLongestPause = 2000ms;
+/// A broker that takes a connection and does not greet is one that hangs.
+constexpr auto kGreetingTimeout = 5000ms;
+/// Ids of the broker's services, apart from those of this process.
+constexpr ServiceId kBrokerIds = 0x80000000U;
+
+std::string onlyBroker() {
+  const auto running = runningBrokers();
+  if (running.size() == 1) return running.front();
+  if (running.empty()) throw NoBrokerError("no broker is running");
+  throw NoBrokerError(fmt::format("several brokers are running, say which: {}", fmt::join(running, ", ")));
+}
+
+}  // namespace
+
+class LocalClient::Impl final : public RemoteDirectory, public std::enable_shared_from_this<Impl> {
+ public:
+  Impl(Session& session, const std::string& broker, const Options& options)
+      : session_(session),
+        options_(options),
+        pool_(detail::LoopAccess::pool(defaultLoop())),
+        broker_(broker.empty() ? onlyBroker() : broker),
+        files_(local::filesOf(broker_)) {}
+
+  void start() {
+    if (!connect()) throw NoBrokerError(fmt::format("no broker named {} is running", broker_));
+    try {
+      session_.join(shared_from_this());
+    } catch (...) {
+      stop();
+      throw;
+    }
+  }
+
+  void stop() {
+    lifetime_.destroy();
+    session_.join(nullptr);
+    const auto link = [this] {
+      const std::lock_guard lock(mutex_);
+      stopped_ = true;
+      return link_;
+    }();
+    if (!link) return;
+    link->end("the client has left");
+    link->gone().wait();
+  }
+
+  const std::string& broker() const { return broker_; }
+
+  bool isConnected() const {
+    const std::lock_guard lock(mutex_);
+    return connected_;
+  }
+
+  Future<AnyObject> find(const std::string& name) override {
+    return link()->ask("korvo.service", name).andThen([](const AnyValue& found) {
+      return found.getIf<AnyObject>() ? *found.getIf<AnyObject>() : AnyObject();
+    });
+  }
+
+  Future<std::vector<ServiceInfo>> services() override {
+    return link()->ask("korvo.services").andThen([](const AnyValue& listed) {
+      std::vector<ServiceInfo> all;
+      for (const auto& entry : listed.reference().to<std::vector<HXValue>>()) {
+        all.push_back({static_cast<ServiceId>(entry[0].toInt64()) | kBrokerIds, entry[1].asString()});
+      }
+      return all;
+    });
+  }
+
+  void offer(ServiceId id, const std::string& name, const AnyObject& object) override {
+    {
+      const std::lock_guard lock(mutex_);
+      if (!offered_.emplace(id, Offer{name, object, std::nullopt}).second) return;
+    }
+    try {
+      offerNow(*link(), id);
+    } catch (...) {
+      const std::lock_guard lock(mutex_);
+      offered_.erase(id);
+      throw;
+    }
+  }
+
+  void withdraw(ServiceId id, const std::string&) override {
+    std::optional<std::int64_t> known;
+    std::shared_ptr<remote::Link> link;
+    Offer withdrawn;
+    {
+      const std::lock_guard lock(mutex_);
+      const auto found = offered_.find(id);
+      if (found == offered_.end()) return;
+      withdrawn = std::move(found->second);
+      offered_.erase(found);
+      if (connected_) link = link_;
+    }
+    if (link && withdrawn.id) link->ask("korvo.unregister", *withdrawn.id).wait(kGreetingTimeout);
+  }
+
+ private:
+  struct Offer {
+    std::string name;
+    AnyObject object;
+    std::optional<std::int64_t> id;  ///< The broker's.
+  };
+
+  /// One attempt. @return False when no broker listens.
+  bool connect() {
+    local::File socket = local::connectTo(files_.socket);
+    if (!socket) return false;
+    if (!local::isOwnPeer(socket)) throw std::runtime_error(fmt::format("broker {} is another user's", broker_));
+    const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_.link, pool_);
+    const auto link = std::make_shared<remote::Link>(channel, &session_, options_.link);
+    link->start(std::make_shared<Greeter>(session_, link, lifetime_.token()),
+                [weak = weak_from_this(), raw = link.get()](const std::string& reason) {
+                  if (const auto self = weak.lock()) self->onEnd(raw, reason);
+                });
+    link->ask("korvo.hello", remote::kProtocol).take(kGreetingTimeout);
+    link->ask("korvo.watch").take(kGreetingTimeout);
+    const std::lock_guard lock(mutex_);
+    if (stopped_) {
+      link->end("the client has left");
+      return true;
+    }
+    link_ = link;
+    connected_ = true;
+    return true;
+  }
+
+  /// Answers the broker, and hands its notices to the session.
+  class Greeter final : public remote::ReservedService {
+   public:
+    Greeter(Session& session, const std::shared_ptr<remote::Link>& link, Lifetime::Token client)
+        : own_(std::make_shared<remote::SessionService>(session, "", link,
+                                                        remote::SessionService::Role::Client)),
+          session_(session),
+          client_(std::move(client)) {}
+
+    Future<AnyValue> call(std::string_view method, const std::vector<AnyValue>& arguments) override {
+      if (method != "registered" && method != "unregistered") return own_->call(method, arguments);
+      if (arguments.size() != 2) throw std::runtime_error("a notice has two arguments");
+      const auto id = arguments[0].reference().to<ServiceId>() | kBrokerIds;
+      const auto name = arguments[1].reference().to<std::string>();
+      if (const auto pass = client_.enter()) session_.announce(id, name, method == "registered");
+      return Future<AnyValue>::ready(AnyValue());
+    }
+    AnyObject find(const std::string& service) override { return own_->find(service); }
+    void end() override { own_->end(); }
+
+   private:
+    const std::shared_ptr<remote::SessionService> own_;
+    Session& session_;
+    const Lifetime::Token client_;
+  };
+
+  std::shared_ptr<remote::Link> link() const {
+    const std::lock_guard lock(mutex_);
+    return link_;
+  }
+
+  void offerNow(remote::Link& link, ServiceId id) {
+    Offer offer;
+    {
+      const std::lock_guard lock(mutex_);
+      const auto found = offered_.find(id);
+      if (found == offered_.end()) return;
+      offer = found->second;
+    }
+    const auto given = link.ask("korvo.register", offer.name, offer.object).take().reference().to<std::int64_t>();
+    const std::lock_guard lock(mutex_);
+    if (const auto found = offered_.find(id); found != offered_.end()) found->second.id = given;
+  }
+
+  void onEnd(const remote::Link* ended, const std::string& reason) {
+    {
+      const std::lock_guard lock(mutex_);
+      if (link_.get() != ended || !connected_) return;
+      connected_ = false;
+      if (stopped_) return;
+    }
+    const auto token = lifetime_.token();
+    if (const auto pass = token.enter()) {
+      log::warning(kCategory, "end", fmt::format("the connection to broker {} is lost: {}", broker_, reason));
+      session_.connectionLost(reason);
+    }
+    if (options_.reconnects) retryAfter(kFirstPause);
+  }
+
+  void retryAfter(std::chrono::milliseconds pause) {
+    defaultLoop().post(
+        [weak = weak_from_this(), pause] {
+          if (const auto self = weak.lock()) self->retry(pause);
+        },
+        pause);
+  }
+
+  void retry(std::chrono::milliseconds pause) {
+    const auto token = lifetime_.token();
+    const auto pass = token.enter();
+    if (!pass) return;
+    try {
+      if (!connect()) return retryAfter(std::min(2 * pause, kLongestPause));
+    } catch (const std::exception& error) {
+      log::verbose(kCategory, "retry", fmt::format("broker {}: {}", broker_, error.what()));
+      return retryAfter(std::min(2 * pause, kLongestPause));
+    }
+    offerAgain();
+    log::info(kCategory, "retry", fmt::format("the connection to broker {} is back", broker_));
+    session_.connectionRestored();
+  }
+
+  void offerAgain() {
+    std::vector<std::pair<ServiceId, std::string>> all;
+    {
+      const std::lock_guard lock(mutex_);
+      for (auto& [id, offer] : offered_) all.emplace_back(id, offer.name);
+    }
+    for (const auto& [id, name] : all) {
+      try {
+        offerNow(*link(), id);
+      } catch (const std::exception& error) {
+        log::error(kCategory, "retry", fmt::format("cannot offer service {} again: {}", name, error.what()));
+      }
+    }
+  }
+
+  Session& session_;
+  const Options options_;
+  const std::shared_ptr<detail::ThreadPool> pool_;
+  const std::string broker_;
+  const local::BrokerFiles files_;
+  Lifetime lifetime_;  // around every use of the session that the owner does not wait for otherwise
+
+  mutable std::mutex mutex_;  // Guards everything below.
+  bool stopped_ = false;
+  bool connected_ = false;
+  std::shared_ptr<remote::Link> link_;  // the latest; may have ended
+  std::map<ServiceId, Offer> offered_;
+};
+
+LocalClient::LocalClient(Session& session, const std::string& broker) : LocalClient(session, broker, Options{}) {}
+
+LocalClient::LocalClient(Session& session, const std::string& broker, const Options& options)
+    : impl_(std::make_shared<Impl>(session, broker, options)) {
+  impl_->start();
+}
+
+LocalClient::~LocalClient() { impl_->stop(); }
+
+const std::string& LocalClient::broker() const { return impl_->broker(); }
+
+bool LocalClient::isConnected() const { return impl_->isConnected(); }
+
+}  // namespace mw

@@ -1,0 +1,169 @@
+#include "../remote/sessionservice.h"
+#include "socketchannel.h"
+#include "socketfolder.h"
+
+#include <libmw/eventloop.h>
+#include <libmw/local.h>
+#include <libmw/log.h>
+#include <libmw/session.h>
+
+#include <cerrno>
+#include <map>
+#include <mutex>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <fmt/format.h>
+
+namespace mw {
+namespace {
+
+const char* const kCategory = "mw.link";
+/// Out of files, or out of memory: trying again at once would only burn time.
+constexpr std::chrono::milliseconds kPauseAfterFailure{100};
+
+}  // namespace
+
+class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
+ public:
+  Impl(Session& session, const std::string& name, const LinkOptions& options)
+      : session_(session),
+        name_(name),
+        options_(options),
+        pool_(detail::LoopAccess::pool(defaultLoop())),
+        files_(local::filesOf(name)),
+        lock_(local::lockBroker(files_)),
+        listening_(pool_->context()) {
+    if (!lock_) throw std::runtime_error(fmt::format("a broker named {} is running already", name));
+    local::File socket = local::listenOn(files_.socket);
+    ::fcntl(socket.number(), F_SETFL, O_NONBLOCK);
+    socket_ = std::move(socket);
+  }
+
+  ~Impl() {
+    if (!lock_) return;
+    ::unlink(files_.socket.c_str());
+    ::unlink(files_.lock.c_str());
+  }
+
+  void start() {
+    pool_->watch();
+    const std::lock_guard lock(mutex_);
+    listening_.assign(socket_.number());
+    watchLocked();
+  }
+
+  void stop() {
+    pool_->unwatch();
+    std::map<std::uint64_t, std::shared_ptr<remote::Link>> links;
+    {
+      const std::lock_guard lock(mutex_);
+      stopped_ = true;
+      listening_.release();
+      links.swap(links_);
+    }
+    for (const auto& [number, link] : links) link->end("the broker shuts down");
+    for (const auto& [number, link] : links) link->gone().wait();
+  }
+
+  std::size_t connectionCount() const {
+    const std::lock_guard lock(mutex_);
+    return links_.size();
+  }
+
+ private:
+  void watchLocked() {
+    listening_.async_wait(boost::asio::posix::stream_descriptor::wait_read,
+                          [self = shared_from_this()](const boost::system::error_code& error) {
+                            if (!error) self->acceptAll();
+                          });
+  }
+
+  void watch() {
+    const std::lock_guard lock(mutex_);
+    if (!stopped_) watchLocked();
+  }
+
+  void acceptAll() {
+    while (true) {
+      local::File accepted(::accept4(socket_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+      if (accepted) {
+        welcome(std::move(accepted));
+      } else if (errno == EAGAIN) {
+        return watch();
+      } else if (errno != EINTR && errno != ECONNABORTED) {
+        log::error(kCategory, "accept",
+                   fmt::format("broker {} cannot take a connection: {}", name_, std::generic_category().message(errno)));
+        defaultLoop().post([self = shared_from_this()] { self->watch(); }, kPauseAfterFailure);
+        return;
+      }
+    }
+  }
+
+  void welcome(local::File socket) {
+    if (!local::isOwnPeer(socket)) {
+      return log::warning(kCategory, "accept", fmt::format("broker {} refused a process of another user", name_));
+    }
+    try {
+      const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_, pool_);
+      const auto link = std::make_shared<remote::Link>(channel, &session_, options_);
+      if (const auto number = add(link)) {
+        link->start(std::make_shared<remote::SessionService>(session_, name_, link,
+                                                             remote::SessionService::Role::Broker),
+                    [weak = weak_from_this(), number = *number, peer = link->peer()](const std::string& reason) {
+                      log::verbose(kCategory, "end", fmt::format("{} has left: {}", peer, reason));
+                      if (const auto self = weak.lock()) self->remove(number);
+                    });
+      }
+    } catch (const std::exception& error) {
+      log::error(kCategory, "accept", fmt::format("broker {} cannot take a connection: {}", name_, error.what()));
+    }
+  }
+
+  std::optional<std::uint64_t> add(const std::shared_ptr<remote::Link>& link) {
+    const std::lock_guard lock(mutex_);
+    if (stopped_) return std::nullopt;
+    if (links_.size() >= options_.connectionLimit) {
+      log::warning(kCategory, "accept",
+                   fmt::format("broker {} refused {}: {} are connected, which is the limit", name_, link->peer(),
+                               links_.size()));
+      return std::nullopt;
+    }
+    links_.emplace(++lastNumber_, link);
+    return lastNumber_;
+  }
+
+  void remove(std::uint64_t number) {
+    std::shared_ptr<remote::Link> last;
+    const std::lock_guard lock(mutex_);
+    if (auto found = links_.extract(number)) last = std::move(found.mapped());
+  }
+
+  Session& session_;
+  const std::string name_;
+  const LinkOptions options_;
+  const std::shared_ptr<detail::ThreadPool> pool_;
+  const local::BrokerFiles files_;
+  const local::File lock_;
+  local::File socket_;
+
+  mutable std::mutex mutex_;  // Guards everything below.
+  boost::asio::posix::stream_descriptor listening_;
+  bool stopped_ = false;
+  std::uint64_t lastNumber_ = 0;
+  std::map<std::uint64_t, std::shared_ptr<remote::Link>> links_;
+};
+
+LocalServer::LocalServer(Session& session, const std::string& name, const LinkOptions& options)
+    : impl_(std::make_shared<Impl>(session, name, options)) {
+  impl_->start();
+}
+
+LocalServer::~LocalServer() { impl_->stop(); }
+
+std::size_t LocalServer::connectionCount() const { return impl_->connectionCount(); }
+
+}  // namespace mw

@@ -1,0 +1,276 @@
+#include "socketchannel.h"
+
+#include <libmw/log.h>
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <system_error>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace mw::local {
+namespace {
+
+constexpr std::size_t kBufferSize = std::size_t{16} << 10;
+/// A buffer that a long message has made larger is given back.
+constexpr std::size_t kKeptBuffer = std::size_t{1} << 20;
+/// One turn of reading ends after so much, so that what came is not kept waiting by what comes.
+constexpr std::size_t kTurn = std::size_t{256} << 10;
+/// How many messages one call of the system sends.
+constexpr std::size_t kGathered = 64;
+
+File makeEpoll(int socket) {
+  File made(::epoll_create1(EPOLL_CLOEXEC));
+  epoll_event event{};
+  if (!made || ::epoll_ctl(made.number(), EPOLL_CTL_ADD, socket, &event) != 0) {
+    throw std::system_error(errno, std::generic_category(), "watching a connection");
+  }
+  return made;
+}
+
+std::string describePeer(int socket) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return "a process";
+  return fmt::format("process {}", credentials.pid);
+}
+
+void makeNonBlocking(int socket) {
+  const int flags = ::fcntl(socket, F_GETFL);
+  ::fcntl(socket, F_SETFL, flags | O_NONBLOCK);
+}
+
+}  // namespace
+
+File::~File() {
+  if (number_ >= 0) ::close(number_);
+}
+
+SocketChannel::SocketChannel(File socket, const LinkOptions& options, std::shared_ptr<detail::ThreadPool> pool)
+    : options_(options),
+      pool_(std::move(pool)),
+      socket_(std::move(socket)),
+      epoll_(makeEpoll(socket_.number())),
+      peer_(describePeer(socket_.number())),
+      lastReceived_(Clock::now().time_since_epoch().count()),
+      splitter_(options.frameLimit, options.depthLimit),
+      watched_(pool_->context()) {
+  makeNonBlocking(socket_.number());
+  pool_->watch();
+}
+
+SocketChannel::~SocketChannel() {
+  pool_->unwatch();
+  watched_.release();  // The file is closed by its owner.
+}
+
+void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
+  sink_ = sink;
+  {
+    const std::lock_guard lock(watchMutex_);
+    watched_.assign(epoll_.number());
+  }
+  watch();
+  arm();
+}
+
+void SocketChannel::watch() {
+  const std::lock_guard lock(watchMutex_);
+  if (ended_ || !watched_.is_open()) return;
+  watched_.async_wait(boost::asio::posix::stream_descriptor::wait_read,
+                      [self = shared_from_this()](const boost::system::error_code& error) {
+                        if (!error) self->onReady();
+                      });
+}
+
+void SocketChannel::onReady() {
+  epoll_event event{};
+  const int count = ::epoll_wait(epoll_.number(), &event, 1, 0);
+  watch();
+  if (count <= 0) return;
+  if ((event.events & EPOLLOUT) != 0) flush();
+  if ((event.events & ~static_cast<std::uint32_t>(EPOLLOUT)) != 0 && !reading_.exchange(true)) {
+    readAndWork();
+  } else {
+    arm();
+  }
+}
+
+/// Watches for what is of interest now; an event disarms.
+void SocketChannel::arm() {
+  const std::lock_guard lock(armMutex_);
+  epoll_event event{};
+  if (!reading_) event.events |= EPOLLIN;
+  if (hasOutput_) event.events |= EPOLLOUT;
+  if (ended_) event.events = 0;
+  // Without an interest in anything the end of the connection would still be reported, over and over.
+  event.events |= EPOLLONESHOT;
+  ::epoll_ctl(epoll_.number(), EPOLL_CTL_MOD, socket_.number(), &event);
+}
+
+bool SocketChannel::beginReading() {
+  if (ended_ || reading_.exchange(true)) return false;
+  arm();
+  return true;
+}
+
+void SocketChannel::endReading() {
+  reading_ = false;
+  arm();
+}
+
+void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
+  std::array<pollfd, 2> files{pollfd{socket_.number(), POLLIN, 0}, pollfd{wakeFile, POLLIN, 0}};
+  if (::poll(files.data(), files.size(), static_cast<int>(timeout.count())) <= 0 || files[0].revents == 0) return;
+  std::vector<remote::Work> works;
+  receive(works);
+  for (auto& work : works) pool_->post(std::move(work));
+}
+
+void SocketChannel::readAndWork() {
+  std::vector<remote::Work> works;
+  receive(works);
+  endReading();
+  if (works.empty()) return;
+  for (std::size_t i = 1; i < works.size(); ++i) pool_->post(std::move(works[i]));
+  const detail::ThreadPool::Busy busy(*pool_);
+  works.front()();
+}
+
+/// Reads what is there, for one turn.
+/// @return False when the channel has ended.
+bool SocketChannel::receive(std::vector<remote::Work>& works) {
+  const auto sink = sink_.lock();
+  if (!sink) return false;
+  for (std::size_t turn = 0; turn < kTurn && !ended_;) {
+    if (buffer_.size() - filled_ < kBufferSize / 2) buffer_.resize(std::max(kBufferSize, 2 * buffer_.size()));
+    const std::size_t room = buffer_.size() - filled_;
+    const ssize_t received = ::recv(socket_.number(), buffer_.data() + filled_, room, 0);
+    if (received < 0 && errno == EINTR) continue;
+    if (received < 0 && (errno == EAGAIN)) return true;
+    if (received <= 0) {
+      end(received == 0 ? "it closed the connection" : std::generic_category().message(errno));
+      return false;
+    }
+    turn += static_cast<std::size_t>(received);
+    filled_ += static_cast<std::size_t>(received);
+    lastReceived_ = Clock::now().time_since_epoch().count();
+    try {
+      deliver(*sink, works);
+    } catch (const std::exception& error) {
+      end(error.what());
+      return false;
+    }
+    if (static_cast<std::size_t>(received) < room) return true;
+  }
+  return !ended_;
+}
+
+/// Hands the messages that are whole to the sink.
+void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
+  while (begin_ < filled_) {
+    const auto bytes = std::span<const std::byte>(buffer_).subspan(begin_, filled_ - begin_);
+    const std::size_t size = splitter_.advance(bytes);
+    if (size == 0) break;
+    begin_ += size;
+    if (auto work = sink.onFrame(bytes.first(size))) works.push_back(std::move(work));
+  }
+  std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_), buffer_.begin() + static_cast<std::ptrdiff_t>(filled_),
+            buffer_.begin());
+  filled_ -= std::exchange(begin_, 0);
+  if (filled_ == 0 && buffer_.size() > kKeptBuffer) std::vector<std::byte>(kBufferSize).swap(buffer_);
+}
+
+void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
+  std::unique_lock lock(outputMutex_);
+  if (ended_) return;
+  outputBytes_ += frame.size();
+  output_.push_back(std::move(frame));
+  if (outputBytes_ > options_.outputLimit) {
+    lock.unlock();
+    return end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
+  }
+  if (hasOutput_) return;  // It leaves when the peer has read.
+  if (when == remote::Sending::Now) {
+    if (writeLocked()) return;
+  } else if (!std::exchange(flushPosted_, true)) {
+    if (pool_->post([self = shared_from_this()] { self->flush(); })) return;
+    if (writeLocked()) return;
+  } else {
+    return;
+  }
+  lock.unlock();
+  end("sending failed");
+}
+
+void SocketChannel::flush() {
+  {
+    const std::lock_guard lock(outputMutex_);
+    flushPosted_ = false;
+    if (ended_ || writeLocked()) return;
+  }
+  end("sending failed");
+}
+
+/// Sends as much as the system takes now.
+/// @return False when the connection is broken.
+bool SocketChannel::writeLocked() {
+  while (!output_.empty()) {
+    std::array<iovec, kGathered> parts;
+    std::size_t count = 0;
+    for (auto frame = output_.begin(); frame != output_.end() && count < parts.size(); ++frame, ++count) {
+      const std::size_t skipped = count == 0 ? sent_ : 0;
+      parts[count] = {frame->data() + skipped, frame->size() - skipped};
+    }
+    msghdr message{};
+    message.msg_iov = parts.data();
+    message.msg_iovlen = count;
+    const ssize_t written = ::sendmsg(socket_.number(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) {
+      if (errno != EAGAIN) return false;
+      if (!hasOutput_.exchange(true)) arm();
+      return true;
+    }
+    outputBytes_ -= static_cast<std::size_t>(written);
+    sent_ += static_cast<std::size_t>(written);
+    while (!output_.empty() && sent_ >= output_.front().size()) {
+      sent_ -= output_.front().size();
+      output_.pop_front();
+    }
+  }
+  hasOutput_ = false;
+  return true;
+}
+
+void SocketChannel::end(const std::string& reason) {
+  if (ended_.exchange(true)) return;
+  ::shutdown(socket_.number(), SHUT_RDWR);
+  {
+    const std::lock_guard lock(watchMutex_);
+    if (watched_.is_open()) watched_.release();
+  }
+  {
+    const std::lock_guard lock(outputMutex_);
+    output_.clear();
+    outputBytes_ = 0;
+  }
+  if (const auto sink = sink_.lock()) sink->onEnd(reason);
+}
+
+std::chrono::milliseconds SocketChannel::silence() const {
+  int unread = 0;
+  // Bytes that wait to be read say that the peer is there and this process is slow.
+  if (::ioctl(socket_.number(), FIONREAD, &unread) == 0 && unread > 0) return {};
+  const Clock::time_point last{Clock::duration(lastReceived_.load())};
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - last);
+}
+
+}  // namespace mw::local

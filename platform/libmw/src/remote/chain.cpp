@@ -1,0 +1,258 @@
+#include "chain.h"
+
+#include "../runtime/threadwait.h"
+#include "channel.h"
+
+#include <libmw/eventloop.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <random>
+#include <stdexcept>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace mw::remote {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Task = std::function<void()>;
+
+/// What wakes a thread that waits within a chain: the end of what it waits for, and calls that it is to serve.
+class Inbox final : public detail::Waker {
+ public:
+  Inbox() = default;
+  Inbox(const Inbox&) = delete;
+  Inbox& operator=(const Inbox&) = delete;
+  ~Inbox() override {
+    if (file_ >= 0) ::close(file_);
+  }
+
+  void wake() noexcept override {
+    const std::lock_guard lock(mutex_);
+    wakeLocked();
+  }
+
+  void put(Task task) {
+    const std::lock_guard lock(mutex_);
+    tasks_.push_back(std::move(task));
+    wakeLocked();
+  }
+
+  Task take() {
+    const std::lock_guard lock(mutex_);
+    if (tasks_.empty()) return {};
+    Task task = std::move(tasks_.front());
+    tasks_.pop_front();
+    return task;
+  }
+
+  /// Sleeps until something was put in, or it was woken since `take`.
+  void sleep(Clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
+    const auto isWoken = [this] { return woken_ || !tasks_.empty(); };
+    if (deadline == Clock::time_point::max()) {
+      condition_.wait(lock, isWoken);
+    } else {
+      condition_.wait_until(lock, deadline, isWoken);
+    }
+    woken_ = false;
+  }
+
+  /// Makes wakings readable on a file, for a thread that polls. @return The file; -1 when it cannot be, or when the
+  /// inbox was woken already.
+  int beginPolling() {
+    const std::lock_guard lock(mutex_);
+    if (file_ < 0) file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (file_ < 0 || !tasks_.empty() || std::exchange(woken_, false)) return -1;
+    polling_ = true;
+    return file_;
+  }
+
+  void endPolling() {
+    const std::lock_guard lock(mutex_);
+    polling_ = false;
+    if (!std::exchange(signalled_, false)) return;
+    std::uint64_t count = 0;
+    static_cast<void>(!::read(file_, &count, sizeof count));
+  }
+
+ private:
+  void wakeLocked() noexcept {
+    woken_ = true;
+    if (!polling_) {
+      condition_.notify_one();
+    } else if (std::this_thread::get_id() != owner_ && !std::exchange(signalled_, true)) {
+      const std::uint64_t one = 1;
+      static_cast<void>(!::write(file_, &one, sizeof one));
+    }
+  }
+
+  const std::thread::id owner_ = std::this_thread::get_id();
+  std::mutex mutex_;  // Guards everything below.
+  std::condition_variable condition_;
+  std::deque<Task> tasks_;
+  bool woken_ = false;
+  bool polling_ = false;
+  bool signalled_ = false;
+  int file_ = -1;
+};
+
+/// Which threads of this process wait within which chain, and where.
+class Waiters {
+ public:
+  static Waiters& instance() {
+    static Waiters* const the = new Waiters;  // Never destroyed: threads may wait until the very end.
+    return *the;
+  }
+
+  using Place = std::pair<Caller, Domain>;
+
+  void add(const Place& place, Inbox& inbox) {
+    const std::lock_guard lock(mutex_);
+    waiting_[place].push_back(&inbox);
+  }
+
+  void remove(const Place& place, Inbox& inbox) {
+    const std::lock_guard lock(mutex_);
+    const auto found = waiting_.find(place);
+    auto& inboxes = found->second;
+    inboxes.erase(std::find(inboxes.rbegin(), inboxes.rend(), &inbox).base() - 1);
+    if (inboxes.empty()) waiting_.erase(found);
+  }
+
+  bool put(const Place& place, Task& task) {
+    const std::lock_guard lock(mutex_);
+    const auto found = waiting_.find(place);
+    if (found == waiting_.end()) return false;
+    found->second.back()->put(std::move(task));
+    return true;
+  }
+
+ private:
+  std::mutex mutex_;  // Guards `waiting_`. Outer to the mutex of an inbox.
+  std::map<Place, std::vector<Inbox*>> waiting_;
+};
+
+std::uint32_t nextThread() {
+  static std::atomic<std::uint32_t> last{0};
+  return ++last;
+}
+
+/// The calling thread as chains see it.
+class ThreadInChains final : public detail::ThreadWait {
+ public:
+  static ThreadInChains& current() {
+    static thread_local ThreadInChains the;
+    return the;
+  }
+
+  ThreadInChains() { setCurrent(this); }
+  ThreadInChains(const ThreadInChains&) = delete;
+  ThreadInChains& operator=(const ThreadInChains&) = delete;
+  ~ThreadInChains() override { setCurrent(nullptr); }
+
+  Chain chain;  ///< What it works for; its own one while it serves nobody.
+  Domain domain = nullptr;
+  std::shared_ptr<Channel> awaited;
+
+  FutureState wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) override;
+
+ private:
+  void pause(Clock::time_point deadline);
+  bool readInstead(Clock::time_point deadline);
+
+  Inbox inbox_;
+  int waits_ = 0;  // inside one another
+};
+
+FutureState ThreadInChains::wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) {
+  if (!state.addWaker(inbox_)) return state.state();
+  const auto deadline = timeout >= kInfiniteTimeout ? Clock::time_point::max() : Clock::now() + timeout;
+  const Waiters::Place place{chain.caller, domain};
+  Waiters::instance().add(place, inbox_);
+  ++waits_;
+  while (state.state() == FutureState::Running) {
+    if (const Task task = inbox_.take()) {
+      task();
+      continue;
+    }
+    if (Clock::now() >= deadline) break;
+    pause(deadline);
+  }
+  state.removeWaker(inbox_);
+  Waiters::instance().remove(place, inbox_);
+  if (--waits_ > 0) return state.state();
+  // What came last was meant for this thread while it waited.
+  while (Task task = inbox_.take()) defaultLoop().post(std::move(task));
+  return state.state();
+}
+
+void ThreadInChains::pause(Clock::time_point deadline) {
+  if (!readInstead(deadline)) inbox_.sleep(deadline);
+}
+
+bool ThreadInChains::readInstead(Clock::time_point deadline) {
+  const auto channel = awaited;
+  if (!channel || !channel->beginReading()) return false;
+  if (const int file = inbox_.beginPolling(); file >= 0) {
+    static constexpr std::chrono::milliseconds kLongest{60'000};
+    const auto left = deadline == Clock::time_point::max()
+                          ? kLongest
+                          : std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    channel->read(file, std::clamp(left, std::chrono::milliseconds(0), kLongest));
+    inbox_.endPolling();
+  }
+  channel->endReading();
+  return true;
+}
+
+}  // namespace
+
+std::uint64_t thisEndpoint() {
+  static const std::uint64_t id = [] {
+    std::random_device random;
+    return (std::uint64_t{random()} << 32U | random()) | 1U;
+  }();
+  return id;
+}
+
+Chain chainOfThisThread() {
+  auto& thread = ThreadInChains::current();
+  if (!thread.chain.caller) thread.chain.caller = {thisEndpoint(), nextThread()};
+  if (thread.chain.depth > kDeepestChain) {
+    throw std::runtime_error(fmt::format("calls between processes are nested more than {} deep", kDeepestChain));
+  }
+  return thread.chain;
+}
+
+Serving::Serving(const Chain& chain, Domain domain)
+    : outer_(std::exchange(ThreadInChains::current().chain, chain)),
+      outerDomain_(std::exchange(ThreadInChains::current().domain, domain)) {}
+
+Serving::~Serving() {
+  auto& thread = ThreadInChains::current();
+  thread.chain = outer_;
+  thread.domain = outerDomain_;
+}
+
+bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task) {
+  return Waiters::instance().put({caller, domain}, task);
+}
+
+void awaitOn(const std::shared_ptr<Channel>& channel, Domain domain) {
+  auto& thread = ThreadInChains::current();
+  thread.domain = domain;
+  if (thread.awaited != channel) thread.awaited = channel;
+}
+
+}  // namespace mw::remote

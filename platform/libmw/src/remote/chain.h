@@ -1,0 +1,68 @@
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace mw::remote {
+
+class Channel;
+
+/// Names the thread that a chain of calls began on: the process and the thread in it.
+struct Caller {
+  std::uint64_t endpoint = 0;
+  std::uint32_t thread = 0;
+  auto operator<=>(const Caller&) const = default;
+  explicit operator bool() const { return endpoint != 0; }
+};
+
+/// A place in a chain of calls. A call that is made while another one is served belongs to the same chain, one step
+/// deeper; so the processes that a chain goes through act for it like one thread.
+///
+/// The process of a thread that waits for an answer may be called back by the very call that it waits for. Were
+/// another thread to serve that, it would meet the locks that the waiting one holds, and both would wait for ever. So
+/// the waiting thread serves the calls of its chain itself.
+struct Chain {
+  Caller caller;
+  std::uint32_t depth = 0;
+};
+
+/// A part of a process that is called into by a way of its own: a session. A chain may go through several of them in
+/// one process, and each has its own waiting thread.
+using Domain = const void*;
+
+/// No chain goes deeper: each step takes stack in some process.
+inline constexpr std::uint32_t kDeepestChain = 256;
+
+/// The id of this process among all that are connected; never 0.
+std::uint64_t thisEndpoint();
+
+/// The chain for a call that the calling thread makes now. From then on, the thread serves its chain while it waits for
+/// futures.
+/// @throws std::runtime_error beyond `kDeepestChain`.
+Chain chainOfThisThread();
+
+/// While one lives, the calling thread works for `chain`, in `domain`.
+class Serving {
+ public:
+  Serving(const Chain& chain, Domain domain);
+  Serving(const Serving&) = delete;
+  Serving& operator=(const Serving&) = delete;
+  ~Serving();
+
+ private:
+  const Chain outer_;
+  const Domain outerDomain_;
+};
+
+/// Has the thread that waits within the chain of `caller`, in `domain`, run `task`; the innermost one, when several
+/// wait.
+/// @return False, with `task` untouched, when no thread does.
+bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task);
+
+/// Tells which channel of which domain the calling thread has sent a call on, so that it may read the answer itself, and
+/// is found by calls that come back.
+void awaitOn(const std::shared_ptr<Channel>& channel, Domain domain);
+
+}  // namespace mw::remote

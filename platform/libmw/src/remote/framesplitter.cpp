@@ -1,0 +1,102 @@
+#include "framesplitter.h"
+
+#include <array>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace mw::remote {
+namespace {
+
+std::uint64_t bigEndian(std::span<const std::byte> bytes) {
+  std::uint64_t number = 0;
+  for (const std::byte one : bytes) number = number << 8U | std::to_integer<std::uint64_t>(one);
+  return number;
+}
+
+enum class Kind : std::uint8_t { Fixed, Sized, Extension, List, Map, Invalid };
+
+/// What a format byte from 0xc0 to 0xdf announces: `width` bytes of a size behind it, or of content.
+struct Format {
+  Kind kind;
+  std::uint8_t width;
+};
+constexpr std::array<Format, 32> kFormats{{
+    {Kind::Fixed, 0},     {Kind::Invalid, 0},   {Kind::Fixed, 0},     {Kind::Fixed, 0},   // nil, never used, bools
+    {Kind::Sized, 1},     {Kind::Sized, 2},     {Kind::Sized, 4},                         // bin
+    {Kind::Extension, 1}, {Kind::Extension, 2}, {Kind::Extension, 4},                     // ext
+    {Kind::Fixed, 4},     {Kind::Fixed, 8},                                               // float
+    {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},   // uint
+    {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},   // int
+    {Kind::Fixed, 2},     {Kind::Fixed, 3},     {Kind::Fixed, 5},     {Kind::Fixed, 9},   // fixext, with the type
+    {Kind::Fixed, 17},    {Kind::Sized, 1},     {Kind::Sized, 2},     {Kind::Sized, 4},   // … str
+    {Kind::List, 2},      {Kind::List, 4},      {Kind::Map, 2},       {Kind::Map, 4},
+}};
+
+}  // namespace
+
+FrameSplitter::Header FrameSplitter::read(std::span<const std::byte> bytes) {
+  const auto first = std::to_integer<std::uint8_t>(bytes.front());
+  if (first <= 0x7f || first >= 0xe0) return {};
+  if (first <= 0x8f) return {.values = 2 * (first & 0x0fU)};
+  if (first <= 0x9f) return {.values = first & 0x0fU};
+  if (first <= 0xbf) return {.content = first & 0x1fU};
+  const Format format = kFormats[first - 0xc0U];
+  if (format.kind == Kind::Invalid) throw ProtocolError("a byte that begins no MessagePack value");
+  if (format.kind == Kind::Fixed) return {.content = format.width};
+  Header header{.size = 1U + format.width};
+  if (header.size > bytes.size()) return header;
+  const std::uint64_t size = bigEndian(bytes.subspan(1, format.width));
+  switch (format.kind) {
+    case Kind::List:
+      header.values = size;
+      break;
+    case Kind::Map:
+      header.values = 2 * size;
+      break;
+    case Kind::Extension:
+      header.content = size + 1;
+      break;
+    default:
+      header.content = size;
+  }
+  return header;
+}
+
+void FrameSplitter::require(std::uint64_t more) const {
+  if (more > frameLimit_ || position_ > frameLimit_ - more) {
+    throw ProtocolError(fmt::format("a message of more than {} bytes", frameLimit_));
+  }
+}
+
+void FrameSplitter::enter(std::uint64_t values) {
+  if (open_.size() >= depthLimit_) throw ProtocolError(fmt::format("lists and maps nested more than {} deep", depthLimit_));
+  open_.push_back(values);
+}
+
+void FrameSplitter::valueDone() {
+  while (!open_.empty() && --open_.back() == 0) open_.pop_back();
+}
+
+std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
+  while (!started_ || !open_.empty()) {
+    if (position_ >= bytes.size()) return 0;
+    const Header header = read(bytes.subspan(position_));
+    if (header.size > bytes.size() - position_) return 0;
+    position_ += header.size;
+    started_ = true;
+    // Each value takes a byte at least, so that a declared count is bounded like a declared size.
+    require(header.content + header.values);
+    position_ += header.content;
+    if (header.values > 0) {
+      enter(header.values);
+    } else {
+      valueDone();
+    }
+  }
+  if (position_ > bytes.size()) return 0;
+  started_ = false;
+  return std::exchange(position_, 0);
+}
+
+}  // namespace mw::remote

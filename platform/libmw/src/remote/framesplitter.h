@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <stdexcept>
+#include <vector>
+
+namespace mw::remote {
+
+/// A peer sent what is no message of the protocol. Ends the connection.
+class ProtocolError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+/// Finds where the messages of a stream end, without reading them.
+///
+/// MessagePack states no length of the whole, so each header is walked over, once, as its bytes arrive. A size that is
+/// declared beyond the limit ends the stream at once, not when that many bytes have come; an incremental parser of the
+/// library would wait for them, and lets go of the beginning of a message before it has seen the end.
+class FrameSplitter {
+ public:
+  /// @param frameLimit  Bytes of one message.
+  /// @param depthLimit  Lists and maps inside one another.
+  FrameSplitter(std::size_t frameLimit, std::size_t depthLimit) : frameLimit_(frameLimit), depthLimit_(depthLimit) {}
+
+  /// Walks on. The next message begins anew once a size was returned.
+  ///
+  /// @param bytes  From the beginning of the present message; what was there at the last call is there again.
+  /// @return The size of the message; 0 as long as it is not all there.
+  /// @throws ProtocolError
+  std::size_t advance(std::span<const std::byte> bytes);
+
+ private:
+  struct Header {
+    std::size_t size = 1;       ///< Of the header itself; more than there is when it is not all there.
+    std::uint64_t content = 0;  ///< Bytes that follow it.
+    std::uint64_t values = 0;   ///< Values that follow it.
+  };
+  static Header read(std::span<const std::byte> bytes);
+  void require(std::uint64_t more) const;
+  void enter(std::uint64_t values);
+  void valueDone();
+
+  const std::size_t frameLimit_;
+  const std::size_t depthLimit_;
+  std::size_t position_ = 0;          // everything before it was walked over; may lie beyond the bytes that are there
+  bool started_ = false;              // a first header was seen
+  std::vector<std::uint64_t> open_;   // how many values each open list or map still lacks
+};
+
+}  // namespace mw::remote

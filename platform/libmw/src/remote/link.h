@@ -1,0 +1,148 @@
+#pragma once
+
+#include "chain.h"
+#include "channel.h"
+#include "objecttable.h"
+#include "strands.h"
+
+#include <libmw/future.h>
+#include <libmw/genericobject.h>
+#include <libmw/local.h>
+#include <libmw/trackable.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace mw::remote {
+
+/// A call that has come, or an emission: what a strand does one after another.
+struct Incoming {
+  bool isRequest = false;
+  std::uint32_t id = 0;  ///< Of the request.
+  Chain chain;           ///< Without a caller when the peer states none.
+  std::string target;
+  std::vector<AnyValue> arguments;
+
+  std::vector<AnyReference> references() const;
+};
+
+/// What a peer may ask of the process itself, under the service name "korvo".
+class ReservedService {
+ public:
+  virtual ~ReservedService() = default;
+  /// @param method  Without the service name.
+  virtual Future<AnyValue> call(std::string_view method, const std::vector<AnyValue>& arguments) = 0;
+  /// Finds a service of this process by name; empty when there is none. Must not wait.
+  virtual AnyObject find(const std::string& service) = 0;
+  /// The link has ended. Takes back what the peer brought; called once, on the event loop.
+  virtual void end() = 0;
+};
+
+/// One connected process: calls, objects and signals over one channel.
+///
+/// Symmetric: either side calls, hosts, connects. Everything that this side lent to the peer, and everything that came
+/// by it, ends with the link.
+///
+/// @par Threads  Any. No lock is held while objects or continuations are called.
+class Link final : public ChannelSink, public std::enable_shared_from_this<Link> {
+ public:
+  using OnEnd = std::function<void(const std::string& reason)>;
+
+  /// @param domain  The session that the link belongs to.
+  Link(std::shared_ptr<Channel> channel, Domain domain, const LinkOptions& options);
+  ~Link() override;
+
+  /// Begins to receive. Once.
+  /// @param reserved  Answers what is asked of the process itself.
+  /// @param onEnd     Called once, on the event loop, after everything that came by the link has gone.
+  void start(std::shared_ptr<ReservedService> reserved, OnEnd onEnd);
+  /// Ends the link: pending calls fail, saying `reason`.
+  void end(const std::string& reason) { channel_->end(reason); }
+  /// Finished when the link has ended and everything that came by it has gone.
+  Future<void> gone() const { return gone_.future(); }
+
+  /// Calls a member of the peer.
+  /// @param target   As docs/wire names it.
+  /// @param returns  False for methods that return nothing: their result is then empty.
+  Future<AnyValue> call(std::string_view target, GenericFunctionParameters parameters, Sending when, bool returns);
+  /// The same without an answer.
+  void post(std::string_view target, GenericFunctionParameters parameters);
+  /// Calls what the peer's process itself offers.
+  template <class... Args>
+  Future<AnyValue> ask(std::string_view target, const Args&... args) {
+    return mw::detail::withParameters([&](GenericFunctionParameters p) { return call(target, p, Sending::Now, true); },
+                                      args...);
+  }
+  template <class... Args>
+  void tell(std::string_view target, const Args&... args) {
+    mw::detail::withParameters([&](GenericFunctionParameters p) { send(target, p, false); }, args...);
+  }
+
+  /// Sends an emission: the number of the link, and what is emitted. Never throws; what cannot cross is logged.
+  void emit(GenericFunctionParameters parameters);
+
+  Future<SignalLink> connect(std::uint32_t object, unsigned signal, const SignalSubscriber& subscriber);
+  Future<void> disconnect(SignalLink link);
+
+  /// A RemoteObject has gone, to which so many references had come.
+  void giveBack(std::uint32_t id, std::uint32_t references);
+
+  ObjectTable& objects() { return objects_; }
+  const std::string& peer() const { return channel_->peer(); }
+  /// How many calls wait for their answer. For diagnosis.
+  std::size_t pendingCount() const;
+
+  Work onFrame(std::span<const std::byte> frame) override;
+  void onEnd(const std::string& reason) override;
+
+ private:
+  struct Pending {
+    Promise<AnyValue> promise;
+    bool returns;
+  };
+  class Subscription;
+
+  void send(std::string_view target, GenericFunctionParameters parameters, bool inChain);
+  void writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
+                 GenericFunctionParameters parameters, ObjectTable::Told& told);
+  void writeValue(Writer& out, const AnyReference& value, ObjectTable::Told& told);
+  AnyValue readValue(Reader& in);
+  std::optional<Pending> takePending(std::uint32_t id);
+  std::exception_ptr endedError() const;
+
+  Work onResponse(Reader& in);
+  Work onCall(Reader& in, bool isRequest);
+  Work schedule(StrandKey key, std::unique_ptr<Incoming> call);
+  Work onEmission(const std::shared_ptr<Incoming>& emission);
+  Future<AnyValue> execute(const Incoming& call);
+  Future<AnyValue> callMember(const AnyObject& object, std::string_view member, const Incoming& call);
+  AnyObject targetOf(const Incoming& call, std::string_view& member) const;
+  void runStrand(const StrandKey& key);
+  void answer(const Incoming& call, const Future<AnyValue>& result, Sending when);
+  void tick();
+  void cleanUp(const std::string& reason);
+
+  const std::shared_ptr<Channel> channel_;
+  const Domain domain_;
+  const LinkOptions options_;
+  ObjectTable objects_;
+  Strands<StrandKey, Incoming> strands_;
+  std::shared_ptr<ReservedService> reserved_;  // set once, by `start`
+  OnEnd onEnd_;                                // likewise
+  Promise<void> gone_;
+
+  mutable std::mutex mutex_;  // Guards everything below.
+  std::optional<std::string> ended_;  // the reason
+  std::uint32_t lastRequest_ = 0;
+  std::unordered_map<std::uint32_t, Pending> pending_;
+  std::unordered_map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions_;
+};
+
+}  // namespace mw::remote

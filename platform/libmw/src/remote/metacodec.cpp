@@ -1,0 +1,202 @@
+#include "metacodec.h"
+
+#include "wire.h"
+
+#include <hxerror/hxerror.h>
+#include <libmw/genericobject.h>
+#include <libmw/remoteerror.h>
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <tuple>
+
+#include <fmt/format.h>
+
+namespace mw {
+
+RemoteError::~RemoteError() = default;
+
+namespace remote {
+namespace {
+
+using HX::HXValue;
+
+/// Types of other processes that this one does not know. Calls with them are judged there.
+Fit fitsList(const HXValue& value) { return value.isList() ? Fit::Variant : Fit::None; }
+Fit fitsMap(const HXValue& value) { return value.isMap() ? Fit::Variant : Fit::None; }
+Fit fitsAny(const HXValue& /*value*/) { return Fit::Variant; }
+
+const TypeInterface* foreignType(const std::string& name, TypeKind kind) {
+  using Key = std::tuple<std::string, TypeKind>;
+  static std::mutex mutex;  // Guards `known`.
+  static auto* const known = new std::map<Key, std::unique_ptr<TypeInterface>>;  // Records live as long as the process.
+  const std::lock_guard lock(mutex);
+  auto& record = (*known)[{name, kind}];
+  if (!record) {
+    record = std::make_unique<TypeInterface>();
+    record->info = &typeid(void);
+    record->name = name;
+    record->kind = kind;
+    if (kind == TypeKind::List) record->fit = fitsList;
+    if (kind == TypeKind::Map) record->fit = fitsMap;
+    if (kind != TypeKind::List && kind != TypeKind::Map && kind != TypeKind::Pointer) record->fit = fitsAny;
+  }
+  return record.get();
+}
+
+const TypeInterface* typeNamed(const std::string& name, TypeKind kind) {
+  static const std::array known{
+      typeOf<void>(),        typeOf<bool>(),        typeOf<int>(),
+      typeOf<std::int64_t>(), typeOf<std::uint32_t>(), typeOf<float>(),
+      typeOf<double>(),      typeOf<std::string>(), typeOf<HXValue>(),
+      typeOf<AnyValue>(),    typeOf<AnyObject>(),   typeOf<std::vector<bool>>(),
+      typeOf<std::vector<int>>(), typeOf<std::vector<float>>(), typeOf<std::vector<double>>(),
+      typeOf<std::vector<std::string>>(), typeOf<std::vector<HXValue>>(), typeOf<std::map<std::string, std::string>>(),
+      typeOf<std::map<std::string, HXValue>>()};
+  const auto found = std::ranges::find_if(known, [&](const TypeInterface* type) { return type->name == name; });
+  return found != known.end() && (*found)->kind == kind ? *found : foreignType(name, kind);
+}
+
+HXValue typeValue(const TypeInterface* type) {
+  if (!type) return {};
+  return HXValue::List{type->name, static_cast<int>(type->kind)};
+}
+
+const HXValue& part(const HXValue& list, std::size_t index) {
+  if (!list.isList() || index >= list.getSize()) throw ProtocolError("a description of an object lacks a part");
+  return list.asList()[index];
+}
+
+std::string textOf(const HXValue& value) {
+  if (!value.isString()) throw ProtocolError("a description of an object has no text where one belongs");
+  return value.asString();
+}
+
+int numberOf(const HXValue& value) {
+  if (!value.isInt()) throw ProtocolError("a description of an object has no number where one belongs");
+  return value.asInt();
+}
+
+const HXValue::List& listOf(const HXValue& value) {
+  if (!value.isList()) throw ProtocolError("a description of an object has no list where one belongs");
+  return value.asList();
+}
+
+unsigned idOf(const HXValue& value) {
+  // The largest id decides how long a table of them is.
+  static constexpr int kLargest = 0xffff;
+  const int id = numberOf(value);
+  if (id < 0 || id > kLargest) throw ProtocolError("a description of an object has an id out of range");
+  return static_cast<unsigned>(id);
+}
+
+const TypeInterface* typeFrom(const HXValue& value) {
+  if (!value.isValid()) return typeOf<void>();
+  const int kind = numberOf(part(value, 1));
+  if (kind < 0 || kind > static_cast<int>(TypeKind::Opaque)) throw ProtocolError("an unknown kind of type");
+  return typeNamed(textOf(part(value, 0)), static_cast<TypeKind>(kind));
+}
+
+HXValue parameterValue(const MetaParameter& parameter) { return HXValue::List{parameter.name, parameter.description}; }
+
+MetaParameter parameterFrom(const HXValue& value) { return {textOf(part(value, 0)), textOf(part(value, 1))}; }
+
+HXValue methodValue(const MetaMethod& method) {
+  HXValue::List types;
+  for (const TypeInterface* type : method.types) types.push_back(typeValue(type));
+  HXValue::List parameters;
+  for (const MetaParameter& parameter : method.parameters) parameters.push_back(parameterValue(parameter));
+  return HXValue::List{static_cast<int>(method.id),
+                       method.name,
+                       HXValue(std::move(types)),
+                       typeValue(method.resultType),
+                       method.dynamic,
+                       method.flags,
+                       method.module,
+                       method.description,
+                       HXValue(std::move(parameters)),
+                       method.result ? parameterValue(*method.result) : HXValue()};
+}
+
+MetaMethod methodFrom(const HXValue& value) {
+  MetaMethod method;
+  method.id = idOf(part(value, 0));
+  method.name = textOf(part(value, 1));
+  for (const HXValue& type : listOf(part(value, 2))) method.types.push_back(typeFrom(type));
+  method.resultType = typeFrom(part(value, 3));
+  method.dynamic = part(value, 4).isBool() && part(value, 4).asBool();
+  method.flags = numberOf(part(value, 5));
+  method.module = textOf(part(value, 6));
+  method.description = textOf(part(value, 7));
+  for (const HXValue& parameter : listOf(part(value, 8))) method.parameters.push_back(parameterFrom(parameter));
+  if (part(value, 9).isValid()) method.result = parameterFrom(part(value, 9));
+  return method;
+}
+
+}  // namespace
+
+HXValue toValue(const MetaObject& metaObject) {
+  HXValue::List methods;
+  for (const MetaMethod& method : metaObject.methods()) methods.push_back(methodValue(method));
+  HXValue::List signals;
+  for (const MetaSignal& signal : metaObject.signals()) {
+    signals.push_back(HXValue::List{static_cast<int>(signal.id), signal.name, signal.signature});
+  }
+  HXValue::List properties;
+  for (const MetaProperty& property : metaObject.properties()) {
+    properties.push_back(HXValue::List{static_cast<int>(property.id), property.name});
+  }
+  return HXValue::List{metaObject.typeName(), metaObject.description(), HXValue(std::move(methods)),
+                       HXValue(std::move(signals)), HXValue(std::move(properties))};
+}
+
+MetaObject metaObjectFrom(const HXValue& value) {
+  MetaObject::Members members;
+  members.typeName = textOf(part(value, 0));
+  members.description = textOf(part(value, 1));
+  for (const HXValue& method : listOf(part(value, 2))) members.methods.push_back(methodFrom(method));
+  for (const HXValue& signal : listOf(part(value, 3))) {
+    members.signals.push_back({idOf(part(signal, 0)), textOf(part(signal, 1)), textOf(part(signal, 2))});
+  }
+  for (const HXValue& property : listOf(part(value, 4))) {
+    members.properties.push_back({idOf(part(property, 0)), textOf(part(property, 1))});
+  }
+  return MetaObject(std::move(members));
+}
+
+HXValue toValue(const std::exception_ptr& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (const HX::HXError& one) {
+    return HXValue::List{"HXError", one.message(), one.module(), one.method(), one.file(), one.line()};
+  } catch (const std::runtime_error& one) {
+    return HXValue::List{"runtime", one.what()};
+  } catch (...) {
+    return HXValue::List{"other", detail::describe(error)};
+  }
+}
+
+std::exception_ptr errorFrom(const HXValue& value) {
+  const auto text = [&](std::size_t index) {
+    const bool isText = value.isList() && index < value.getSize() && value.asList()[index].isString();
+    return isText ? value.asList()[index].asString() : std::string();
+  };
+  if (!value.isList()) {
+    return std::make_exception_ptr(std::runtime_error(value.isString() ? value.asString() : value.toString()));
+  }
+  const std::string family = text(0);
+  if (family == "HXError") {
+    const bool hasLine = value.getSize() > 5 && value.asList()[5].isInt();
+    return std::make_exception_ptr(
+        HX::HXError(text(2), text(3), text(1), text(4), hasLine ? value.asList()[5].asInt() : 0));
+  }
+  if (family == "runtime") return std::make_exception_ptr(std::runtime_error(text(1)));
+  return std::make_exception_ptr(RemoteError(text(1)));
+}
+
+}  // namespace remote
+}  // namespace mw

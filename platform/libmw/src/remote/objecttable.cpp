@@ -1,0 +1,137 @@
+#include "objecttable.h"
+
+#include "link.h"
+#include "metacodec.h"
+#include "remoteobject.h"
+
+#include <hxvalue/msgpack.h>
+
+#include <optional>
+#include <utility>
+
+namespace mw::remote {
+namespace {
+
+/// Whose object a reference means, as its sender sees it.
+enum class Owner : std::uint8_t { Sender = 0, Receiver = 1 };
+
+/// A peer describes a few kinds of object, not thousands.
+constexpr std::size_t kMostDescriptions = 4096;
+
+}  // namespace
+
+AnyObject ObjectTable::leased(std::uint32_t id) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = leases_.find(id);
+  return found == leases_.end() ? AnyObject() : found->second.object;
+}
+
+std::size_t ObjectTable::leaseCount() const {
+  const std::lock_guard lock(mutex_);
+  return leases_.size();
+}
+
+std::uint32_t ObjectTable::lease(const AnyObject& object) {
+  const std::lock_guard lock(mutex_);
+  if (cleared_) return 0;
+  const auto [known, isNew] = leaseIds_.emplace(object->identity(), lastLease_ + 1);
+  if (isNew) leases_[++lastLease_].object = object;
+  ++leases_[known->second].count;
+  return known->second;
+}
+
+void ObjectTable::write(Writer& out, const AnyObject& object, const Link& link, Told& told) {
+  if (!object) return out.nil();
+  Bytes content;
+  Writer writer(content);
+  writer.list(4);
+  if (const auto* remote = dynamic_cast<const RemoteObject*>(object.pointer().get());
+      remote && remote->link().get() == &link) {
+    writer.number(static_cast<std::uint32_t>(Owner::Receiver));
+    writer.number(remote->id());
+    writer.number(0);
+    writer.nil();
+  } else {
+    const MetaObject& metaObject = object->metaObject();
+    writer.number(static_cast<std::uint32_t>(Owner::Sender));
+    writer.number(lease(object));
+    writer.number(static_cast<std::uint32_t>(metaObject.uid()));
+    const bool isTold = [&] {
+      const std::lock_guard lock(mutex_);
+      return told_.contains(metaObject.uid());
+    }();
+    if (isTold) {
+      writer.nil();
+    } else {
+      writer.value(toValue(metaObject));
+      told.push_back(metaObject.uid());
+    }
+  }
+  out.extension(Extension::Object, content);
+}
+
+void ObjectTable::markTold(const Told& told) {
+  if (told.empty()) return;
+  const std::lock_guard lock(mutex_);
+  told_.insert(told.begin(), told.end());
+}
+
+AnyObject ObjectTable::read(std::span<const std::byte> reference, const std::shared_ptr<Link>& link) {
+  Reader reader(reference);
+  if (reader.list() != 4) throw ProtocolError("a reference to an object has four parts");
+  const auto owner = static_cast<Owner>(reader.number());
+  const std::uint32_t id = reader.number();
+  const std::uint32_t description = reader.number();
+  if (owner == Owner::Receiver) {
+    // Given back meanwhile, it may be gone: then it stands for nothing.
+    return leased(id);
+  }
+  std::optional<MetaObject> told;
+  if (!reader.nil()) told = metaObjectFrom(reader.value());
+  std::shared_ptr<RemoteObject> object;  // Outlives the lock, since the last reference to it may be this one.
+  const std::lock_guard lock(mutex_);
+  if (told) {
+    if (descriptions_.size() >= kMostDescriptions) throw ProtocolError("too many descriptions of objects");
+    descriptions_.insert_or_assign(description, std::move(*told));
+  }
+  const auto known = descriptions_.find(description);
+  if (known == descriptions_.end()) throw ProtocolError("a reference to an object that was not described");
+  auto& entry = remote_[id];
+  object = entry.lock();
+  if (!object) {
+    object = std::make_shared<RemoteObject>(link, id, known->second);
+    entry = object;
+  }
+  object->addReference();
+  return AnyObject(object);
+}
+
+AnyObject ObjectTable::release(std::uint32_t id, std::uint32_t count) {
+  const std::lock_guard lock(mutex_);
+  const auto found = leases_.find(id);
+  if (found == leases_.end()) return {};
+  if (found->second.count > count) {
+    found->second.count -= count;
+    return {};
+  }
+  AnyObject last = std::move(found->second.object);
+  leases_.erase(found);
+  leaseIds_.erase(last->identity());
+  return last;
+}
+
+void ObjectTable::clear() {
+  std::unordered_map<std::uint32_t, Lease> gone;
+  const std::lock_guard lock(mutex_);
+  cleared_ = true;
+  leaseIds_.clear();
+  gone.swap(leases_);
+}
+
+void ObjectTable::forget(std::uint32_t id) {
+  const std::lock_guard lock(mutex_);
+  const auto found = remote_.find(id);
+  if (found != remote_.end() && found->second.expired()) remote_.erase(found);
+}
+
+}  // namespace mw::remote

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "wire.h"
+
+#include <libmw/genericobject.h>
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <span>
+#include <unordered_map>
+#include <vector>
+
+namespace mw::remote {
+
+class Link;
+class RemoteObject;
+
+/// The objects that cross one link: those of this process that the peer holds references to (leases), and the peer's
+/// that are used here.
+///
+/// A reference that is sent counts as a lease until the peer gives it back, one for each time it was sent, or the link
+/// ends. There is one RemoteObject for each object of the peer as long as somebody uses it, so that identity holds. A
+/// reference to an object of the peer itself goes back as such, and is the original there.
+///
+/// What an object offers is told once for each description, not with every reference.
+///
+/// @par Threads  Any. No object is destroyed, and none called, under the lock.
+class ObjectTable {
+ public:
+  /// The descriptions that a message tells for the first time. They count as told once the message is on its way.
+  using Told = std::vector<std::int32_t>;
+
+  /// The object that a lease stands for; empty when there is none of that id.
+  AnyObject leased(std::uint32_t id) const;
+  std::size_t leaseCount() const;
+
+  /// Writes a reference to `object`, which is counted as a lease.
+  void write(Writer& out, const AnyObject& object, const Link& link, Told& told);
+  void markTold(const Told& told);
+  /// The object that a reference stands for.
+  /// @throws ProtocolError
+  AnyObject read(std::span<const std::byte> reference, const std::shared_ptr<Link>& link);
+
+  /// Gives up leases. @return The object, when it was the last; to be let go of with no lock held.
+  AnyObject release(std::uint32_t id, std::uint32_t count);
+  /// Gives up all of them.
+  void clear();
+
+  /// A RemoteObject has gone.
+  void forget(std::uint32_t id);
+
+ private:
+  struct Lease {
+    AnyObject object;
+    std::uint64_t count = 0;
+  };
+  std::uint32_t lease(const AnyObject& object);
+
+  mutable std::mutex mutex_;  // Guards everything below.
+  bool cleared_ = false;
+  std::unordered_map<std::uint32_t, Lease> leases_;
+  std::unordered_map<std::uintptr_t, std::uint32_t> leaseIds_;  // by identity
+  std::uint32_t lastLease_ = 0;
+  std::set<std::int32_t> told_;
+  std::map<std::uint32_t, std::weak_ptr<RemoteObject>> remote_;
+  std::map<std::uint32_t, MetaObject> descriptions_;  // the peer's, by its numbers
+};
+
+}  // namespace mw::remote

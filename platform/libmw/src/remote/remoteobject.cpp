@@ -1,0 +1,64 @@
+#include "remoteobject.h"
+
+#include "link.h"
+
+#include <array>
+#include <charconv>
+
+#include <fmt/format.h>
+
+namespace mw::remote {
+namespace {
+
+/// "@12.7": member 7 of object 12.
+class Target {
+ public:
+  Target(std::uint32_t object, unsigned member) {
+    text_[0] = '@';
+    char* const dot = std::to_chars(text_.data() + 1, text_.data() + text_.size(), object).ptr;
+    *dot = '.';
+    end_ = std::to_chars(dot + 1, text_.data() + text_.size(), member).ptr;
+  }
+  operator std::string_view() const { return {text_.data(), static_cast<std::size_t>(end_ - text_.data())}; }
+
+ private:
+  std::array<char, 24> text_{};
+  const char* end_ = nullptr;
+};
+
+}  // namespace
+
+RemoteObject::RemoteObject(std::shared_ptr<Link> link, std::uint32_t id, MetaObject metaObject)
+    : link_(std::move(link)), id_(id) {
+  setMetaObject(std::move(metaObject));
+}
+
+RemoteObject::~RemoteObject() { link_->giveBack(id_, references_.load()); }
+
+Future<AnyValue> RemoteObject::metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) {
+  const MetaMethod* const known = metaObject().method(method);
+  const bool returns = !known || !known->resultType || known->resultType->kind != TypeKind::Void;
+  return link_->call(Target(id_, method), parameters, callType == MetaCallType::Queued ? Sending::Soon : Sending::Now,
+                     returns);
+}
+
+void RemoteObject::metaPost(unsigned member, GenericFunctionParameters parameters) {
+  link_->post(Target(id_, member), parameters);
+}
+
+Future<SignalLink> RemoteObject::metaConnect(unsigned signal, const SignalSubscriber& subscriber) {
+  return link_->connect(id_, signal, subscriber);
+}
+
+Future<void> RemoteObject::metaDisconnect(SignalLink link) { return link_->disconnect(link); }
+
+Future<AnyValue> RemoteObject::metaProperty(unsigned property) {
+  return link_->ask("korvo.property", static_cast<int>(id_), static_cast<int>(property));
+}
+
+Future<void> RemoteObject::metaSetProperty(unsigned property, const AnyValue& value) {
+  return link_->ask("korvo.setProperty", static_cast<int>(id_), static_cast<int>(property), value)
+      .andThen([](const AnyValue&) {});
+}
+
+}  // namespace mw::remote

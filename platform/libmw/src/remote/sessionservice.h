@@ -1,0 +1,79 @@
+#pragma once
+
+#include "link.h"
+
+#include <libmw/session.h>
+#include <libmw/trackable.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+namespace mw::remote {
+
+/// Answers a peer's questions to a session, and remembers what it did for the peer in order to undo it at the end: the
+/// services that it registered, the signals that it connected, the notices that it asked for.
+///
+/// @par Threads  Any.
+class SessionService final : public ReservedService, public std::enable_shared_from_this<SessionService> {
+ public:
+  /// What a peer may do.
+  enum class Role : bool {
+    Broker,  ///< Serves: peers find services and register their own.
+    Client,  ///< Has joined: the peer reaches what it holds references to.
+  };
+
+  /// @param session  Must live until `end` has returned.
+  SessionService(Session& session, std::string name, const std::shared_ptr<Link>& link, Role role);
+
+  Future<AnyValue> call(std::string_view method, const std::vector<AnyValue>& arguments) override;
+  AnyObject find(const std::string& service) override;
+  void end() override;
+
+ private:
+  using Arguments = std::vector<AnyValue>;
+  struct Connection {
+    AnyObject object;
+    SignalLink link = kInvalidSignalLink;
+  };
+  using Method = AnyValue (SessionService::*)(const Arguments&);
+
+  static Method methodNamed(std::string_view name);
+  AnyValue hello(const Arguments& arguments);
+  AnyValue service(const Arguments& arguments);
+  AnyValue services(const Arguments& arguments);
+  AnyValue registerService(const Arguments& arguments);
+  AnyValue unregisterService(const Arguments& arguments);
+  AnyValue watch(const Arguments& arguments);
+  AnyValue release(const Arguments& arguments);
+  Future<AnyValue> connect(const Arguments& arguments);
+  Future<AnyValue> disconnect(const Arguments& arguments);
+  Future<AnyValue> property(const Arguments& arguments);
+  Future<AnyValue> setProperty(const Arguments& arguments);
+
+  void requireBroker(std::string_view what) const;
+  AnyObject objectOf(const Arguments& arguments) const;
+  std::shared_ptr<Link> link() const;
+  void notify(const char* what, ServiceId id, const std::string& name);
+
+  Session& session_;
+  const std::string name_;
+  const std::weak_ptr<Link> link_;
+  const Role role_;
+  CallGate gate_{1};   // around every use of the session
+  Lifetime lifetime_;  // of the notices
+
+  std::mutex mutex_;  // Guards everything below.
+  bool ended_ = false;
+  std::set<ServiceId> registered_;
+  std::map<std::uint32_t, Connection> connections_;
+  SignalLink onRegistered_ = kInvalidSignalLink;
+  SignalLink onUnregistered_ = kInvalidSignalLink;
+};
+
+/// The version of the protocol that this side speaks.
+inline constexpr int kProtocol = 1;
+
+}  // namespace mw::remote

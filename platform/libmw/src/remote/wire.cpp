@@ -1,0 +1,147 @@
+#include "wire.h"
+
+#include <hxvalue/msgpack.h>
+
+#include <msgpack.hpp>
+
+namespace mw::remote {
+namespace {
+
+struct Appender {
+  Bytes& out;
+  void write(const char* data, std::size_t size) {
+    const auto bytes = std::as_bytes(std::span(data, size));
+    out.insert(out.end(), bytes.begin(), bytes.end());
+  }
+};
+
+template <class Use>
+void pack(Bytes& out, Use&& use) {
+  Appender appender{out};
+  msgpack::packer<Appender> packer(appender);
+  use(packer);
+}
+
+}  // namespace
+
+std::uint8_t Reader::peek() const {
+  if (rest_.empty()) throw ProtocolError("a message with too few parts");
+  return std::to_integer<std::uint8_t>(rest_.front());
+}
+
+std::span<const std::byte> Reader::take(std::size_t size) {
+  if (size > rest_.size()) throw ProtocolError("a message that ends too early");
+  const auto taken = rest_.first(size);
+  rest_ = rest_.subspan(size);
+  return taken;
+}
+
+std::uint64_t Reader::bigEndian(std::size_t width) {
+  std::uint64_t number = 0;
+  for (const std::byte one : take(width)) number = number << 8U | std::to_integer<std::uint64_t>(one);
+  return number;
+}
+
+std::uint32_t Reader::list() {
+  const std::uint8_t format = peek();
+  if (format < 0x90 || (format > 0x9f && format != 0xdc && format != 0xdd)) throw ProtocolError("no list where one belongs");
+  take(1);
+  if (format <= 0x9f) return format & 0x0fU;
+  return static_cast<std::uint32_t>(bigEndian(format == 0xdc ? 2 : 4));
+}
+
+std::uint32_t Reader::number() {
+  const std::uint8_t format = peek();
+  if (format <= 0x7f) return std::to_integer<std::uint32_t>(take(1).front());
+  // 0xcc to 0xcf are unsigned, 0xd0 to 0xd3 signed, of 1, 2, 4, 8 bytes each.
+  if (format < 0xcc || format > 0xd3) throw ProtocolError("no number where one belongs");
+  take(1);
+  const std::size_t width = std::size_t{1} << (format & 3U);
+  const std::uint64_t number = bigEndian(width);
+  const bool negative = format >= 0xd0 && number >> (8 * width - 1) != 0;
+  if (negative || number > UINT32_MAX) throw ProtocolError("a number out of range");
+  return static_cast<std::uint32_t>(number);
+}
+
+std::string_view Reader::text() {
+  const std::uint8_t format = peek();
+  std::uint64_t size = 0;
+  if (format >= 0xa0 && format <= 0xbf) {
+    take(1);
+    size = format & 0x1fU;
+  } else if (format >= 0xd9 && format <= 0xdb) {
+    take(1);
+    size = bigEndian(std::size_t{1} << (format - 0xd9U));
+  } else {
+    throw ProtocolError("no text where one belongs");
+  }
+  const auto bytes = take(size);
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+bool Reader::nil() {
+  if (peek() != 0xc0) return false;
+  take(1);
+  return true;
+}
+
+std::span<const std::byte> Reader::extension(Extension type) {
+  const std::uint8_t format = peek();
+  const auto before = rest_;
+  std::uint64_t size = 0;
+  if (format >= 0xd4 && format <= 0xd8) {
+    take(1);
+    size = std::size_t{1} << (format - 0xd4U);
+  } else if (format >= 0xc7 && format <= 0xc9) {
+    take(1);
+    size = bigEndian(std::size_t{1} << (format - 0xc7U));
+  } else {
+    return {};
+  }
+  if (std::to_integer<std::int8_t>(take(1).front()) != static_cast<std::int8_t>(type)) {
+    rest_ = before;
+    return {};
+  }
+  return take(size);
+}
+
+HX::HXValue Reader::value() {
+  std::size_t size = 0;
+  HX::HXValue read;
+  try {
+    read = HX::readMsgpack(rest_, size);
+  } catch (const std::runtime_error& error) {
+    throw ProtocolError(error.what());
+  }
+  rest_ = rest_.subspan(size);
+  return read;
+}
+
+void Writer::list(std::uint32_t size) {
+  pack(out_, [&](auto& packer) { packer.pack_array(size); });
+}
+
+void Writer::number(std::uint32_t number) {
+  pack(out_, [&](auto& packer) { packer.pack_uint32(number); });
+}
+
+void Writer::text(std::string_view text) {
+  const auto size = static_cast<std::uint32_t>(text.size());
+  pack(out_, [&](auto& packer) { packer.pack_str(size).pack_str_body(text.data(), size); });
+}
+
+void Writer::nil() {
+  pack(out_, [](auto& packer) { packer.pack_nil(); });
+}
+
+void Writer::extension(Extension type, std::span<const std::byte> content) {
+  const auto size = static_cast<std::uint32_t>(content.size());
+  pack(out_, [&](auto& packer) {
+    packer.pack_ext(size, static_cast<std::int8_t>(type));
+    packer.pack_ext_body(reinterpret_cast<const char*>(content.data()), size);
+  });
+}
+
+void Writer::value(const HX::HXValue& value) { HX::appendMsgpack(out_, value); }
+
+}  // namespace mw::remote

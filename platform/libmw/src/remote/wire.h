@@ -1,0 +1,70 @@
+#pragma once
+
+#include "framesplitter.h"
+
+#include <hxvalue/hxvalue.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+/// Messages as bytes: what docs/wire states of them.
+namespace mw::remote {
+
+using Bytes = std::vector<std::byte>;
+
+enum class MessageType : std::uint8_t { Request = 0, Response = 1, Notification = 2 };
+
+/// The extension types of MessagePack that the protocol uses.
+enum class Extension : std::int8_t {
+  Chain = 1,   ///< First argument of a call: which chain of calls it belongs to.
+  Object = 2,  ///< A reference to an object.
+};
+
+/// Reads the parts of one message, front to back. Every function throws ProtocolError when what comes next is
+/// something else.
+class Reader {
+ public:
+  explicit Reader(std::span<const std::byte> bytes) : rest_(bytes) {}
+
+  bool atEnd() const { return rest_.empty(); }
+  /// @return How many values the list has that begins here.
+  std::uint32_t list();
+  /// An integer from 0 to 2^32 - 1.
+  std::uint32_t number();
+  /// Refers into the bytes.
+  std::string_view text();
+  /// Steps over nil. @return Whether it was there.
+  bool nil();
+  /// @return The content of an extension of this type; nothing consumed, and a null pointer in it, when there is none.
+  std::span<const std::byte> extension(Extension type);
+  HX::HXValue value();
+
+ private:
+  std::uint8_t peek() const;
+  std::span<const std::byte> take(std::size_t size);
+  std::uint64_t bigEndian(std::size_t width);
+
+  std::span<const std::byte> rest_;
+};
+
+/// Appends the parts of a message to bytes.
+class Writer {
+ public:
+  explicit Writer(Bytes& out) : out_(out) {}
+
+  void list(std::uint32_t size);
+  void number(std::uint32_t number);
+  void text(std::string_view text);
+  void nil();
+  void extension(Extension type, std::span<const std::byte> content);
+  /// @throws std::runtime_error for a value too large for MessagePack.
+  void value(const HX::HXValue& value);
+
+ private:
+  Bytes& out_;
+};
+
+}  // namespace mw::remote

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <libmw/future.h>
+
+#include <chrono>
+
+namespace mw::detail {
+
+/// How the calling thread waits for futures, where it does more than sleep meanwhile: a thread that has called into
+/// another process serves the calls that come back to it.
+class ThreadWait {
+ public:
+  virtual ~ThreadWait() = default;
+  virtual FutureState wait(const FutureStateBase& state, std::chrono::milliseconds timeout) = 0;
+
+  /// Null for threads that sleep.
+  static ThreadWait* current() noexcept { return current_; }
+  /// @param wait  Must outlive the thread, or be set back.
+  static void setCurrent(ThreadWait* wait) noexcept { current_ = wait; }
+
+ private:
+  static inline thread_local ThreadWait* current_ = nullptr;
+};
+
+/// While one lives, futures that the calling thread finishes have their continuations run on the event loop. For
+/// threads that others depend on to go on: one that reads a connection would wait for itself if a continuation waited
+/// for an answer on it.
+class NoForeignCode {
+ public:
+  NoForeignCode() noexcept : outer_(std::exchange(holds_, true)) {}
+  NoForeignCode(const NoForeignCode&) = delete;
+  NoForeignCode& operator=(const NoForeignCode&) = delete;
+  ~NoForeignCode() { holds_ = outer_; }
+
+  static bool holdsHere() noexcept { return holds_; }
+
+ private:
+  static inline thread_local bool holds_ = false;
+  const bool outer_;
+};
+
+}  // namespace mw::detail

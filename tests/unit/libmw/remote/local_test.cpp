@@ -1,0 +1,248 @@
+#include "joined_sessions.h"
+
+#include <hxerror/hxerror.h>
+#include <libmw/dynamicobject.h>
+#include <libmw/objecttypebuilder.h>
+#include <libmw/remoteerror.h>
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <functional>
+#include <future>
+
+namespace mw {
+namespace {
+
+using HX::HXValue;
+using testing::HasSubstr;
+
+/// A service with the methods that a test gives it.
+class Service : public DynamicObject {
+ public:
+  explicit Service(const std::string& name) { builder_.setTypeName(name).setThreadingModel(ObjectThreadingModel::MultiThread); }
+
+  template <class F>
+  Service& method(const std::string& name, F function, int flags = 0) {
+    builder_.advertiseMethod({name, "", "About " + name, flags}, AnyFunction::from(std::move(function)));
+    return *this;
+  }
+  Service& signal(const std::string& name, SignalBase& signal) {
+    builder_.advertiseSignal(name, signal);
+    return *this;
+  }
+  AnyObject build() {
+    setType(builder_.build());
+    return AnyObject(shared_from_this());
+  }
+
+ private:
+  ObjectBuilder builder_;
+};
+
+std::shared_ptr<Service> makeService(const std::string& name) { return std::make_shared<Service>(name); }
+
+AnyObject lookUp(Session& session, const std::string& name) { return session.service(name).take(); }
+
+TEST_F(JoinedSessions, CarryValuesOfEveryTypeUnchanged) {
+  broker.registerService("Echo", makeService("Echo")->method("echo", [](const HXValue& v) { return v; }).build());
+  const AnyObject echo = lookUp(client, "Echo");
+  HXValue::Map map;
+  map["k"] = HXValue(HXValue::List{1, 2.5, "x"});
+  const std::vector<HXValue> values{
+      HXValue(),     true,          1, std::int64_t{1}, 1.0F, 2.0, "text", HXValue::binary(std::vector<std::byte>(70000)),
+      HXValue(map), HXValue(HXValue::List{}), std::string(300000, 'x')};
+  for (const HXValue& value : values) {
+    const auto back = echo->call<HXValue>("echo", value);
+    EXPECT_EQ(back.getType(), value.getType());
+    EXPECT_EQ(back, value);
+  }
+}
+
+TEST_F(JoinedSessions, ChooseAmongOverloadsAsInTheProcess) {
+  broker.registerService("Set", makeService("Set")
+                                    ->method("set", [](int) { return std::string("int"); })
+                                    .method("set", [](double) { return std::string("double"); })
+                                    .method("set", [](const std::vector<std::string>&) { return std::string("list"); })
+                                    .method("set", [](const HXValue&) { return std::string("value"); })
+                                    .build());
+  const AnyObject set = lookUp(client, "Set");
+  EXPECT_EQ(set->call<std::string>("set", 1), "int");
+  EXPECT_EQ(set->call<std::string>("set", 1.5), "double");
+  EXPECT_EQ(set->call<std::string>("set", std::vector<std::string>{"a"}), "list");
+  EXPECT_EQ(set->call<std::string>("set", true), "value");
+}
+
+TEST_F(JoinedSessions, CarryErrorsOfTheirFamily) {
+  struct Odd : std::exception {
+    const char* what() const noexcept override { return "odd"; }
+  };
+  broker.registerService("Bad", makeService("Bad")
+                                    ->method("hx", [] { throw HX::HXError("M", "m", "text", "f.cpp", 12); })
+                                    .method("runtime", [] { throw std::out_of_range("far"); })
+                                    .method("plain", [] { throw std::runtime_error("near"); })
+                                    .method("odd", [] { throw Odd(); })
+                                    .method("pointer", [] { return static_cast<int*>(nullptr); }, kSameProcessOnly)
+                                    .build());
+  const AnyObject bad = lookUp(client, "Bad");
+  try {
+    bad->call("hx");
+    FAIL();
+  } catch (const HX::HXError& error) {
+    EXPECT_EQ(error.module() + error.method() + error.message() + error.file(), "Mmtextf.cpp");
+    EXPECT_EQ(error.line(), 12);
+  }
+  EXPECT_THROW(bad->call("plain"), std::runtime_error);
+  EXPECT_THROW(bad->call("odd"), RemoteError);
+  EXPECT_THROW(bad->call("runtime"), RemoteError);  // std::out_of_range is a logic error.
+  try {
+    bad->call("pointer");
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr("only inside the process of Bad"));
+  }
+}
+
+TEST_F(JoinedSessions, OfferTheirServicesToEachOtherAndTellOfThem) {
+  std::promise<std::string> told;
+  client.serviceRegistered.connect(
+      SignalSubscriber([&](ServiceId, const std::string& name) { told.set_value(name); }));
+  broker.registerService("Head", makeService("Head")->method("nod", [] { return 1; }).build());
+  EXPECT_EQ(told.get_future().get(), "Head");
+  client.serviceRegistered.disconnectAll();
+
+  const ServiceId arm = client.registerService("Arm", makeService("Arm")->method("wave", [] { return 2; }).build());
+  EXPECT_EQ(lookUp(broker, "Arm")->call<int>("wave"), 2);
+  // A third process reaches it by way of the broker.
+  Session third;
+  const LocalClient alsoJoined(third, "");
+  const AnyObject armAtThird = lookUp(third, "Arm");
+  EXPECT_EQ(armAtThird->call<int>("wave"), 2);
+  EXPECT_THROW(third.registerService("Arm", makeService("Arm")->build()), std::runtime_error);
+  EXPECT_EQ(third.services().size(), 0U);
+
+  client.unregisterService(arm);
+  EXPECT_FALSE(broker.service("Arm").hasValue());
+  EXPECT_THROW(armAtThird->call("wave"), std::runtime_error);
+}
+
+struct Lamp {
+  Signal<int> lit;
+};
+const bool kLampKnown = [] {
+  ObjectTypeBuilder<Lamp> builder("Lamp");
+  builder.advertiseSignal("lit", &Lamp::lit);
+  builder.buildFor(true);
+  return true;
+}();
+
+TEST_F(JoinedSessions, HandOutObjectsWhoseIdentityAndSignalsHold) {
+  const auto lamp = std::make_shared<Lamp>();
+  AnyObject seen;
+  broker.registerService("House", makeService("House")
+                                      ->method("lamp", [&] { return lamp; })
+                                      .method("show", [&](const AnyObject& object) { seen = object; })
+                                      .build());
+  const AnyObject house = lookUp(client, "House");
+  AnyObject first = house->call<AnyObject>("lamp");
+  EXPECT_EQ(first, house->call<AnyObject>("lamp"));
+  house->call("show", first);
+  EXPECT_EQ(seen->identity(), AnyObject::from(lamp)->identity());
+
+  std::vector<int> values;
+  std::promise<void> all;
+  const SignalLink link = first
+                              ->connect("lit", SignalSubscriber([&](int value) {
+                                          values.push_back(value);
+                                          if (value == 99) all.set_value();
+                                        }))
+                              .take();
+  for (int i = 0; i < 100; ++i) lamp->lit(i);
+  all.get_future().get();
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(values[static_cast<std::size_t>(i)], i);
+  first->disconnect(link).value();
+  EXPECT_FALSE(lamp->lit.hasSubscribers());
+
+  seen.reset();
+  const std::weak_ptr<Lamp> gone = lamp;
+  first.reset();
+  house->call("lamp");  // Its reply comes behind what gave the reference back.
+}
+
+TEST_F(JoinedSessions, ServeNestedCallsOnTheThreadThatWaits) {
+  // Each side has a lock that its calls hold to their end, as the memory does while it notifies.
+  std::recursive_mutex atBroker;
+  std::recursive_mutex atClient;
+  const auto ping = [&](Session& from, const char* other) {
+    return [&, other](int depth) -> int {
+      const std::lock_guard lock(&from == &broker ? atBroker : atClient);
+      return depth == 0 ? 0 : 1 + lookUp(from, other)->call<int>("ping", depth - 1);
+    };
+  };
+  broker.registerService("A", makeService("A")->method("ping", ping(broker, "B")).build());
+  client.registerService("B", makeService("B")->method("ping", ping(client, "A")).build());
+  EXPECT_EQ(lookUp(client, "A")->call<int>("ping", 50), 50);
+  EXPECT_THROW(lookUp(client, "A")->call<int>("ping", 5000), std::runtime_error);
+}
+
+TEST_F(JoinedSessions, StartOneThreadsCallsInTheirOrder) {
+  std::vector<int> order;
+  std::atomic<int> inside{0};
+  broker.registerService("Log", makeService("Log")
+                                    ->method("add",
+                                             [&](int i) {
+                                               EXPECT_EQ(inside++, 0);
+                                               order.push_back(i);
+                                               --inside;
+                                             })
+                                    .build());
+  const AnyObject log = lookUp(client, "Log");
+  for (int i = 0; i < 300; i += 3) {
+    log->async("add", i);
+    log->post("add", i + 1);
+    log->call("add", i + 2);
+  }
+  ASSERT_EQ(order.size(), 300U);
+  for (int i = 0; i < 300; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
+}
+
+TEST_F(JoinedSessions, FailPendingCallsWhenThePeerGoesAndComeBackWithIt) {
+  std::promise<void> entered;
+  std::promise<void> leave;
+  broker.registerService("Slow", makeService("Slow")
+                                     ->method("wait",
+                                              [&] {
+                                                entered.set_value();
+                                                leave.get_future().get();
+                                              })
+                                     .build());
+  client.registerService("Mine", makeService("Mine")->method("one", [] { return 1; }).build());
+  std::promise<void> lost;
+  std::promise<void> restored;
+  client.connectionLost.connect(SignalSubscriber([&](const std::string&) { lost.set_value(); }));
+  client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
+  auto pending = lookUp(client, "Slow")->async("wait");
+  entered.get_future().get();
+  server.reset();
+  EXPECT_THAT(pending.error(), HasSubstr("the connection to process"));
+  leave.set_value();
+  lost.get_future().get();
+  EXPECT_FALSE(joined->isConnected());
+  EXPECT_FALSE(broker.service("Mine").hasValue());
+  EXPECT_THROW(LocalClient(broker, "torso"), NoBrokerError);
+  server.emplace(broker, "torso");
+  restored.get_future().get();
+  EXPECT_EQ(lookUp(broker, "Mine")->call<int>("one"), 1);
+}
+
+TEST_F(JoinedSessions, ServeOneBrokerOfAName) {
+  Session other;
+  EXPECT_THROW(LocalServer(other, "torso"), std::runtime_error);
+  EXPECT_THROW(LocalServer(other, "../x"), std::runtime_error);
+  const LocalServer second(other, "legs");
+  EXPECT_THAT(runningBrokers(), testing::ElementsAre("legs", "torso"));
+  EXPECT_THROW(LocalClient(client, ""), NoBrokerError);
+}
+
+}  // namespace
+}  // namespace mw
