@@ -54,7 +54,6 @@ void HXMemory::fail(const char* method, const std::string& message, int line) {
 
 HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
   STMValue::setBrokerInstance(broker);
-  items.max_load_factor(1.0F);
   items.reserve(kExpectedKeys);
   setModuleDescription(
       "HXMemory provides a centralized memory that can be used to store and retrieve named values. It also acts as a "

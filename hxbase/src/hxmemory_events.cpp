@@ -5,6 +5,7 @@
 
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <stdexcept>
 
 namespace HX {
@@ -52,7 +53,7 @@ void HXMemory::removeEvent(const std::string& name) {
 void HXMemory::removeMicroEvent(const std::string& name) { removeEvent(name); }
 
 std::vector<std::string> HXMemory::getExtractorEvent(const std::string& extractorName) {
-  const boost::shared_lock lock(eventExtractorsLock);
+  const std::shared_lock lock(eventExtractorsLock);
   std::vector<std::string> events;
   for (const auto& [event, extractor] : eventExtractors) {
     if (extractor.filed && extractor.module == extractorName) events.push_back(event);
@@ -62,7 +63,7 @@ std::vector<std::string> HXMemory::getExtractorEvent(const std::string& extracto
 
 std::string HXMemory::extractorOf(const std::string& event) {
   {
-    const boost::shared_lock lock(eventExtractorsLock);
+    const std::shared_lock lock(eventExtractorsLock);
     const auto found = eventExtractors.find(event);
     if (found != eventExtractors.end()) return found->second.module;
   }
@@ -83,7 +84,7 @@ void HXMemory::runExtractor(const std::string& event, const std::string& subscri
 void HXMemory::stopExtractor(const std::string& event, const std::string& subscriberId) {
   std::optional<std::string> extractor;
   {
-    const boost::shared_lock lock(eventExtractorsLock);
+    const std::shared_lock lock(eventExtractorsLock);
     const auto found = eventExtractors.find(event);
     if (found != eventExtractors.end()) extractor = found->second.module;
   }

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <shared_mutex>
 #include <stdexcept>
 
 namespace HX {
@@ -35,17 +36,16 @@ class HXMemory::MappingLock {
 };
 
 std::shared_ptr<HXMemorySubscriber> HXMemory::subscriber(const std::string& eventName) {
-  boost::shared_lock lock(itemsLock);
-  auto found = items.find(eventName);
-  if (found == items.end()) {
+  std::shared_lock lock(itemsLock);
+  const auto* found = items.find(eventName);
+  if (!found) {
     lock.unlock();
     declareEvent(eventName);
     lock.lock();
     found = items.find(eventName);  // Somebody may have removed it again meanwhile.
-    if (found == items.end()) throw std::runtime_error("event not found");
+    if (!found) throw std::runtime_error("event not found");
   }
-  if (!found->second) throw std::runtime_error("invalid registered event");
-  return found->second->subscriber();
+  return (*found)->subscriber();
 }
 
 bool HXMemory::_parseEventFromLine(std::string line, std::string& service, std::string& signal,

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <mutex>
+#include <shared_mutex>
 
 namespace HX {
 namespace {
@@ -22,21 +23,21 @@ HXValue HXMemory::getDataTimestamp(const std::string& key) { return requireItem(
 HXValue HXMemory::getEventHistory(const std::string& key) { return requireItem(key, "getEventHistory")->history(); }
 
 std::vector<std::string> HXMemory::getDataListName() {
-  const boost::shared_lock lock(itemsLock);
+  const std::shared_lock lock(itemsLock);
   std::vector<std::string> names;
   names.reserve(items.size());
-  for (const auto& [name, item] : items) names.push_back(name);
+  items.forEach([&](std::string_view name, const auto&) { names.emplace_back(name); });
   return names;
 }
 
 std::vector<std::string> HXMemory::getDataList(const std::string& filter) {
   if (filter.empty()) return getDataListName();
   // Filtered under the lock: copying every name of a large table keeps writers out for longer than looking at it.
-  const boost::shared_lock lock(itemsLock);
+  const std::shared_lock lock(itemsLock);
   std::vector<std::string> names;
-  for (const auto& [name, item] : items) {
-    if (name.find(filter) != std::string::npos) names.push_back(name);
-  }
+  items.forEach([&](std::string_view name, const auto&) {
+    if (name.find(filter) != std::string_view::npos) names.emplace_back(name);
+  });
   return names;
 }
 
@@ -52,7 +53,7 @@ HXValue HXMemory::getDataOnChange(const std::string& key, const int& /*deprecate
 }
 
 std::vector<std::string> HXMemory::getEventList() {
-  const boost::shared_lock lock(eventExtractorsLock);
+  const std::shared_lock lock(eventExtractorsLock);
   std::vector<std::string> names;
   names.reserve(eventExtractors.size());
   for (const auto& [event, extractor] : eventExtractors) {
@@ -66,11 +67,11 @@ std::vector<std::string> HXMemory::getMicroEventList() { return xGetListTyped(ST
 std::vector<std::string> HXMemory::getListTyped(const STMValue::dataType& type) { return xGetListTyped(type); }
 
 std::vector<std::string> HXMemory::xGetListTyped(STMValue::dataType type) const {
-  const boost::shared_lock lock(itemsLock);
+  const std::shared_lock lock(itemsLock);
   std::vector<std::string> names;
-  for (const auto& [name, item] : items) {
-    if (item->getDataType() == type) names.push_back(name);
-  }
+  items.forEach([&](std::string_view name, const auto& item) {
+    if (item->getDataType() == type) names.emplace_back(name);
+  });
   return names;
 }
 
@@ -79,8 +80,7 @@ HXValue HXMemory::getListData(const HXValue& keyList) {
   values.reserve(keyList.getSize());
   for (std::size_t i = 0; i < keyList.getSize(); ++i) {
     // An absent key leaves its place invalid, so that places and keys go together.
-    const auto item = xGetSTMValue(keyOf(keyList[i]));
-    values.push_back(item ? item->getValue() : HXValue());
+    copyData(keyOf(keyList[i]), values.emplace_back());
   }
   return HXValue(std::move(values));
 }
@@ -96,12 +96,12 @@ STMValue::dataType HXMemory::getDataType(const std::string& key) {
 void HXMemory::setDescription(const std::string& name, const std::string& description) {
   std::string text(description);  // Takes the old text out of the lock before it dies.
   const std::unique_lock lock(itemsLock);
-  const auto found = items.find(name);
-  if (found == items.end()) fail("setDescription", name + " not found");
-  found->second->description.swap(text);
+  const auto* found = items.find(name);
+  if (!found) fail("setDescription", name + " not found");
+  (*found)->description.swap(text);
 }
 
-HXValue HXMemory::describe(const std::string& name, const STMValue& item) const {
+HXValue HXMemory::describe(std::string_view name, const STMValue& item) const {
   HXValue kind;
   switch (item.getDataType()) {
     case STMValue::Data:
@@ -119,18 +119,18 @@ HXValue HXMemory::describe(const std::string& name, const STMValue& item) const 
 
 HXValue HXMemory::getDescriptionList(const std::vector<std::string>& keylist) {
   HXValue descriptions;
-  const boost::shared_lock lock(itemsLock);
+  const std::shared_lock lock(itemsLock);
   if (keylist.empty()) {
     descriptions.arrayReserve(items.size());
-    for (const auto& [name, item] : items) descriptions.arrayPush(describe(name, *item));
+    items.forEach([&](std::string_view name, const auto& item) { descriptions.arrayPush(describe(name, *item)); });
     return descriptions;
   }
   // Callers skip as many invalid entries as they asked for names, and find the descriptions behind them.
   descriptions.arraySetSize(keylist.size());
   for (const std::string& name : keylist) {
-    const auto found = items.find(name);
-    if (found == items.end()) fail("getDescriptionList", name + " not found");
-    descriptions.arrayPush(describe(name, *found->second));
+    const auto* found = items.find(name);
+    if (!found) fail("getDescriptionList", name + " not found");
+    descriptions.arrayPush(describe(name, **found));
   }
   return descriptions;
 }

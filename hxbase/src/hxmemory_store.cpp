@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <iostream>
 #include <mutex>
+#include <shared_mutex>
 
 namespace HX {
 namespace {
@@ -15,19 +16,15 @@ bool isSilent(const std::string& name) { return name.starts_with("_Behavior"); }
 
 }  // namespace
 
-void HXMemory::insertData(const std::string& key, const int& value) {
-  xInsertData(key, HXValue(value), STMValue::Data);
-}
+void HXMemory::insertData(const std::string& key, const int& value) { write(key, value, STMValue::Data, nullptr); }
 
-void HXMemory::insertData(const std::string& key, const float& value) {
-  xInsertData(key, HXValue(value), STMValue::Data);
-}
+void HXMemory::insertData(const std::string& key, const float& value) { write(key, value, STMValue::Data, nullptr); }
 
 void HXMemory::insertData(const std::string& key, const std::string& value) {
-  xInsertData(key, HXValue(value), STMValue::Data);
+  write(key, value, STMValue::Data, nullptr);
 }
 
-void HXMemory::insertData(const std::string& key, const HXValue& data) { xInsertData(key, data, STMValue::Data); }
+void HXMemory::insertData(const std::string& key, const HXValue& data) { write(key, data, STMValue::Data, nullptr); }
 
 void HXMemory::insertListData(const HXValue& list) {
   const auto malformed = [](const HXValue& element, const char* message, int line) {
@@ -45,14 +42,14 @@ void HXMemory::insertListData(const HXValue& list) {
     }
     const std::string* name = element[0].stringIf();
     if (!name) malformed(element, "malformed preferences. No HXMemory data name.", 907);
-    xInsertData(*name, element[1], STMValue::Data);
+    write(*name, element[1], STMValue::Data, nullptr);
   }
 }
 
 HXValue HXMemory::getData(const std::string& key) {
-  const auto item = xGetSTMValue(key);
-  if (!item) fail("getData", "Data not found " + key, 535);
-  return item->getValue();
+  HXValue value;
+  if (!copyData(key, value)) fail("getData", "Data not found " + key, 535);
+  return value;
 }
 
 HXValue HXMemory::getData(const std::string& key, const int& /*deprecatedParameter*/) { return getData(key); }
@@ -60,9 +57,9 @@ HXValue HXMemory::getData(const std::string& key, const int& /*deprecatedParamet
 void HXMemory::removeData(const std::string& key) { xRemoveData(key); }
 
 std::shared_ptr<STMValue> HXMemory::xGetSTMValue(const std::string& name) const {
-  const boost::shared_lock lock(itemsLock);
-  const auto found = items.find(name);
-  return found == items.end() ? nullptr : found->second;
+  const std::shared_lock lock(itemsLock);
+  const auto* found = items.find(name);
+  return found ? *found : nullptr;
 }
 
 std::shared_ptr<STMValue> HXMemory::requireItem(const std::string& name, const char* method) const {
@@ -71,35 +68,64 @@ std::shared_ptr<STMValue> HXMemory::requireItem(const std::string& name, const c
   return item;
 }
 
+/// Copies under the table's lock, which costs less than sharing the item to get out of it.
+bool HXMemory::copyData(const std::string& name, HXValue& value) const {
+  const std::shared_lock lock(itemsLock);
+  const auto* found = items.find(name);
+  if (!found) return false;
+  value = (*found)->getValue();
+  return true;
+}
+
 std::shared_ptr<STMValue> HXMemory::xInsertData(const std::string& name, const HXValue& value,
                                                 STMValue::dataType kind) {
   std::shared_ptr<STMValue> item;
-  HXValue exchanged(value);  // Takes the old value, which may be large, out of the locks before it dies.
-  const Change change = file(name, exchanged, kind, item);
-  if (change == Change::Added) announce(Memory::keyAddedKey, name);
-  if (change == Change::Retyped) announce(Memory::keyTypeChanged, name);
+  write(name, value, kind, &item);
   return item;
 }
 
+/// @param value  Takes the old value, which may be large, out of the locks before it dies.
+/// @param item   Filled when it is wanted.
+void HXMemory::write(const std::string& name, HXValue value, STMValue::dataType kind, std::shared_ptr<STMValue>* item) {
+  if (overwrite(name, value, kind, item)) return;
+  const Change change = file(name, value, kind, item);
+  if (change == Change::Added) announce(Memory::keyAddedKey, name);
+  if (change == Change::Retyped) announce(Memory::keyTypeChanged, name);
+}
+
+/// Writes what is there already and stays what it is, which changes nothing in the table: other names can be read and
+/// written meanwhile. A change of kind excludes them all, so that no listing shows some items from before it and some
+/// from after.
+bool HXMemory::overwrite(const std::string& name, HXValue& value, STMValue::dataType kind,
+                         std::shared_ptr<STMValue>* item) {
+  const std::shared_lock lock(itemsLock);
+  const auto* found = items.find(name);
+  if (!found) return false;
+  STMValue& present = **found;
+  if (kind == STMValue::Event && !present.filedAsEvent) return false;
+  if (!present.tryExchangeValue(value, kind)) return false;
+  if (item) *item = *found;
+  return true;
+}
+
 HXMemory::Change HXMemory::file(const std::string& name, HXValue& value, STMValue::dataType kind,
-                                std::shared_ptr<STMValue>& item) {
+                                std::shared_ptr<STMValue>* item) {
   const std::unique_lock lock(itemsLock);
-  const auto found = items.find(name);
-  if (found == items.end()) {
-    item = STMValue::create(this, name, std::move(value), kind, mw::systemNow());
-    items.emplace(name, item);
-    if (kind == STMValue::Event) fileEvent(name);
-    item->filedAsEvent = kind == STMValue::Event;
-    return Change::Added;
+  const auto* found = items.find(name);
+  const bool added = !found;
+  if (added) {
+    auto made = STMValue::create(this, name, std::move(value), kind, mw::systemNow());
+    found = items.insert(made->name(), made);
   }
-  item = found->second;
-  const STMValue::dataType before = item->getDataType();
-  item->exchangeValue(value, kind, mw::systemNow());
+  STMValue& present = **found;
+  const STMValue::dataType before = added ? kind : present.exchangeValue(value, kind);
   // An item that only a subscription made is an event already, and not filed as one.
-  if (kind == STMValue::Event && (before != STMValue::Event || !item->filedAsEvent)) {
+  if (kind == STMValue::Event && (before != STMValue::Event || !present.filedAsEvent)) {
     fileEvent(name);
-    item->filedAsEvent = true;
+    present.filedAsEvent = true;
   }
+  if (item) *item = *found;
+  if (added) return Change::Added;
   return before == kind ? Change::None : Change::Retyped;
 }
 
@@ -118,21 +144,22 @@ std::shared_ptr<STMValue> HXMemory::xRequireSTMValue(const std::string& name, ST
   const auto made = STMValue::create(this, name, defaultValue, kind);
   const std::unique_lock lock(itemsLock);
   // Another thread may have been faster; its item counts.
-  return items.try_emplace(name, made).first->second;
+  const auto* found = items.find(name);
+  return found ? *found : *items.insert(made->name(), made);
 }
 
 void HXMemory::xRemoveData(const std::string& name) {
-  Items::node_type removed;  // Let go of after the lock: the last reference may run what needs it.
+  std::shared_ptr<STMValue> removed;  // Let go of after the lock: the last reference may run what needs it.
   {
     const std::unique_lock lock(itemsLock);
-    const auto found = items.find(name);
-    if (found == items.end()) fail("removeData", "Data not found " + name, 1175);
-    if (found->second->isDataPtrAccessed()) {
+    const auto* found = items.find(name);
+    if (!found) fail("removeData", "Data not found " + name, 1175);
+    if ((*found)->isDataPtrAccessed()) {
       fail("removeData", "Data " + name + " can't be erased because it has been accessed using getDataPtr", 1179);
     }
-    removed = items.extract(found);
+    removed = items.extract(name);
   }
-  removed = {};
+  removed.reset();
   announce(Memory::keyRemovedKey, name);
 }
 

@@ -10,21 +10,20 @@ namespace {
 std::atomic<std::chrono::milliseconds> waitPatience{std::chrono::seconds(5)};
 
 /// What the calling thread is inside of.
-thread_local const NotifierLock::Call* innermost = nullptr;
+thread_local const NotifierLock::Calls* innermost = nullptr;
 
 }  // namespace
 
-NotifierLock::Call::Call(NotifierLock& lock, const std::string& subscriber)
-    : lock_(lock), subscriber_(subscriber), outerOfLock_(lock.call_), outerOfThread_(innermost) {
-  const std::lock_guard guard(lock_.callLock_);
-  lock_.call_ = this;
+NotifierLock::Calls::Calls(NotifierLock& lock)
+    : lock_(lock), outerOfLock_(lock.calls_.load(std::memory_order_relaxed)), outerOfThread_(innermost) {
+  lock.calls_.store(this, std::memory_order_release);
   innermost = this;
 }
 
-NotifierLock::Call::~Call() {
-  const std::lock_guard guard(lock_.callLock_);
-  lock_.call_ = outerOfLock_;
+NotifierLock::Calls::~Calls() {
   innermost = outerOfThread_;
+  const std::lock_guard guard(lock_.reading_);
+  lock_.calls_.store(outerOfLock_, std::memory_order_relaxed);
 }
 
 void NotifierLock::lock() {
@@ -42,11 +41,14 @@ void NotifierLock::reportWait() const {
   std::string text =
       "event " + event_ + " has been waited for longer than " + std::to_string(waitPatience.load().count()) + " ms";
   {
-    const std::lock_guard guard(callLock_);
-    if (call_) text += ", while it notifies " + call_->subscriber_;
+    const std::lock_guard guard(reading_);
+    const Calls* calls = calls_.load(std::memory_order_acquire);
+    if (const std::string* subscriber = calls ? calls->subscriber_.load(std::memory_order_acquire) : nullptr) {
+      text += ", while it notifies " + *subscriber;
+    }
   }
-  if (innermost) {
-    text += "; waiting is " + innermost->subscriber_ + ", which was notified of event " + innermost->lock_.event_;
+  if (const std::string* self = innermost ? innermost->subscriber_.load(std::memory_order_relaxed) : nullptr) {
+    text += "; waiting is " + *self + ", which was notified of event " + innermost->lock_.event_;
   }
   HX_LOG_AS(Warning, itemCategory(), "notify", text);
 }

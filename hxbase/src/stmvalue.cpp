@@ -3,6 +3,7 @@
 #include <hxbase/stmvalue.h>
 #include <hxerror/hxerror.h>
 
+#include <iterator>
 #include <utility>
 
 #include <boost/circular_buffer.hpp>
@@ -18,16 +19,15 @@ constexpr std::size_t kHistoryDepth = 50;
 }  // namespace
 
 STMValue::STMValue(HXMemory* memory, const std::string& name, HXValue value, dataType kind, mw::SystemTimePoint time)
-    : itemSignal_(std::make_shared<HXMemorySubscriber>(memory, name)),
-      notifierLock_(itemSignal_->signal.eventName()),
-      kind_(kind),
-      timestamp_(time) {
-  value_ = std::move(value);
+    : itemSignal_(std::make_shared<HXMemorySubscriber>(memory, name)), notifierLock_(itemSignal_->signal.eventName()) {
+  replaceValue(value, kind, time);
 }
 
 std::shared_ptr<STMValue> STMValue::create(HXMemory* memory, const std::string& name, HXValue value, dataType kind,
                                            mw::SystemTimePoint time) {
-  return {new STMValue(memory, name, std::move(value), kind, time), &STMValue::retire};
+  std::shared_ptr<STMValue> made(new STMValue(memory, name, std::move(value), kind, time), &STMValue::retire);
+  made->self_ = made;
+  return made;
 }
 
 const char* STMValue::kindText(dataType kind) {
@@ -46,12 +46,29 @@ const char* STMValue::kindText(dataType kind) {
   return "Unknown";
 }
 
-void STMValue::setValue(HXValue value, dataType kind, mw::SystemTimePoint time) { exchangeValue(value, kind, time); }
-
-void STMValue::exchangeValue(HXValue& value, dataType kind, mw::SystemTimePoint time) {
+void STMValue::setValue(HXValue value, dataType kind, mw::SystemTimePoint time) {
   const std::lock_guard lock(valueLock_);
+  replaceValue(value, kind, time);
+}
+
+STMValue::dataType STMValue::exchangeValue(HXValue& value, dataType kind) {
+  const std::lock_guard lock(valueLock_);
+  const dataType before = kind_;
+  replaceValue(value, kind, mw::systemNow());
+  return before;
+}
+
+bool STMValue::tryExchangeValue(HXValue& value, dataType kind) {
+  const std::lock_guard lock(valueLock_);
+  if (kind_ != kind) return false;
+  replaceValue(value, kind, mw::systemNow());
+  return true;
+}
+
+void STMValue::replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time) {
   if (!dataPtrAccessed_) {
     value_.swap(value);
+    show();
   } else {
     const bool first = !value_.isValid() && (value.isInt() || value.isFloat());
     if (value.getType() != value_.getType() && !first) {
@@ -71,8 +88,23 @@ void STMValue::exchangeValue(HXValue& value, dataType kind, mw::SystemTimePoint 
   timestamp_ = time;
 }
 
+void STMValue::show() {
+  // Holders of the address change the value without a word: readers then have to look at the value itself.
+  if (dataPtrAccessed_ || (value_.isValid() && !value_.isScalar())) {
+    view_.hide();
+  } else {
+    view_.show(value_);
+  }
+}
+
 HXValue STMValue::getValue() const {
+  HXValue value;
+  if (view_.read(value)) return value;
   const std::lock_guard lock(valueLock_);
+  return copyValue();
+}
+
+HXValue STMValue::copyValue() const {
   const bool addressKnown = dataPtrAccessed_ && (value_.isScalar() || !value_.isValid());
   return addressKnown ? value_.loadScalar() : value_;
 }
@@ -84,7 +116,7 @@ STMValue::dataType STMValue::getDataType() const {
 
 HXValue STMValue::getValueTimeStamp() const {
   const std::lock_guard lock(valueLock_);
-  return withTime(getValue(), timestamp_);
+  return withTime(copyValue(), timestamp_);
 }
 
 bool STMValue::isDataPtrAccessed() const {
@@ -95,13 +127,22 @@ bool STMValue::isDataPtrAccessed() const {
 void* STMValue::accessPointer(const std::function<void*(HXValue&)>& use) {
   const std::lock_guard lock(valueLock_);
   dataPtrAccessed_ = true;
+  show();
   return use(value_);
 }
 
 void STMValue::pushHistory(const HXValue& value) {
+  HXValue entry(value);  // Takes the oldest value out of the lock before it dies.
   const std::lock_guard lock(historyLock_);
   if (!historyRing_) historyRing_ = std::make_shared<History>(kHistoryDepth);
-  if (value.isValid()) historyRing_->push_back({mw::systemNow(), value});
+  if (!value.isValid()) return;
+  if (!historyRing_->full()) {
+    historyRing_->push_back({mw::systemNow(), std::move(entry)});
+  } else {
+    historyRing_->rotate(std::next(historyRing_->begin()));
+    historyRing_->back().first = mw::systemNow();
+    historyRing_->back().second.swap(entry);
+  }
 }
 
 HXValue STMValue::history() const {

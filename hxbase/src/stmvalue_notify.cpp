@@ -56,14 +56,17 @@ void STMValue::setBrokerInstance(const std::shared_ptr<HXBroker>& broker) {
   brokerSession = broker ? broker->session() : nullptr;
 }
 
-/// Keeps removed records until the outermost dispatch of the item ends. Held under `notifierLock`.
+/// Keeps what was removed until the outermost dispatch of the item ends. Held under `notifierLock`.
 class STMValue::Dispatch {
  public:
   explicit Dispatch(STMValue& item) : item_(item) { ++item_.dispatching_; }
   Dispatch(const Dispatch&) = delete;
   Dispatch& operator=(const Dispatch&) = delete;
   ~Dispatch() {
-    if (--item_.dispatching_ == 0) item_.removed_.clear();
+    if (--item_.dispatching_ != 0) return;
+    item_.removed_.clear();
+    item_.replaced_.clear();
+    item_.noteQuiet();
   }
 
  private:
@@ -109,6 +112,7 @@ void STMValue::setNotifier(const std::string& module, const HXValue& message, co
   if (const auto earlier = notifiers_.find(module); earlier != notifiers_.end()) removeNotifier(earlier);
   notifiers_.emplace(module, STMNotifier(module, message, method));
   ++changes_;
+  noteQuiet();
 }
 
 void STMValue::unsubscribeNotifier(const std::string& module, const std::string& itemName) {
@@ -141,13 +145,20 @@ void STMValue::removeNotifier(Notifiers::iterator record) {
   } else {
     notifiers_.erase(record);
   }
+  noteQuiet();
 }
+
+void STMValue::noteQuiet() { quiet_.store(notifiers_.empty() && dispatching_ == 0, std::memory_order_release); }
 
 void STMValue::notify(const std::string& key, const HXValue& value) {
   itemSignal_->signal.bounceEvent(value);
+  if (!quiet_.load(std::memory_order_acquire)) tellNotifiers(key, value);
+}
 
+void STMValue::tellNotifiers(const std::string& key, const HXValue& value) {
   const std::lock_guard lock(notifierLock_);
   const Dispatch dispatch(*this);
+  NotifierLock::Calls calls(notifierLock_);
   for (auto record = notifiers_.begin(); record != notifiers_.end();) {
     // Both stay where they are while the call runs, also when the record is removed by it.
     const std::string& module = record->first;
@@ -157,7 +168,7 @@ void STMValue::notify(const std::string& key, const HXValue& value) {
       look(module, key, value);
     } else {
       try {
-        call(notifier, key, value, "notify");
+        call(notifier, key, value, calls, "notify");
       } catch (const std::runtime_error& error) {
         HX_LOG_AS(Verbose, itemCategory(), "notify", module + " not found, removing module reference:" + error.what());
         // Gone already, or subscribed anew, if the call itself saw to that.
@@ -169,23 +180,23 @@ void STMValue::notify(const std::string& key, const HXValue& value) {
   }
 }
 
-void STMValue::call(STMNotifier& record, const std::string& key, const HXValue& value, const char* function) {
+void STMValue::call(STMNotifier& record, const std::string& key, const HXValue& value, NotifierLock::Calls& calls,
+                    const char* function) {
   HX_LOG_AS(Verbose, itemCategory(), function,
             "notifying module: " + record.callbackModule + " for datachange for key: " + key);
-  // Held for the call: a subscription that is replaced meanwhile drops its proxy.
-  const std::shared_ptr<HXProxy> proxy = record.proxy;
-  const HXValue message = record.callbackMessage;
-  static_cast<void>(message.asString());  // A message that is no text is the subscription's fault, and ends it.
-  const NotifierLock::Call calling(notifierLock_, record.callbackModule);
-  proxy->pCallNotify(record.callbackMethod, key, value, message, &record.notifyCallState);
+  // A message that is no text is the subscription's fault, and ends it.
+  static_cast<void>(record.callbackMessage.asString());
+  calls.next(record.callbackModule);
+  // Nothing of the record is copied: the dispatch keeps what is removed from the item, and what is replaced in it.
+  record.proxy->pCallNotify(record.callbackMethod, key, value, record.callbackMessage, &record.notifyCallState);
 }
 
 void STMValue::look(const std::string& module, const std::string& key, const HXValue& value) {
   // The continuations hold the item weakly: were they to own it, an item whose look-up never ends would never end.
-  const auto resolved = [item = weak_from_this(), module, key, value](const mw::AnyObject& service) {
+  const auto resolved = [item = self_, module, key, value](const mw::AnyObject& service) {
     if (const auto held = item.lock()) held->resolveAndCall(service, module, key, value);
   };
-  const auto finished = [item = weak_from_this(), module](const mw::Future<void>& outcome) {
+  const auto finished = [item = self_, module](const mw::Future<void>& outcome) {
     if (const auto held = item.lock()) held->reportAndClean(module, outcome);
   };
   auto pending = lookUp(module).andThen(resolved).then(finished);
@@ -196,11 +207,12 @@ void STMValue::resolveAndCall(const mw::AnyObject& service, const std::string& m
                               const HXValue& value) {
   const std::lock_guard lock(notifierLock_);
   const Dispatch dispatch(*this);
+  NotifierLock::Calls calls(notifierLock_);
   const auto record = notifiers_.find(module);
   if (record == notifiers_.end()) return;
   try {
-    record->second.proxy = std::make_shared<HXProxy>(service, module);
-    call(record->second, key, value, "operator()");
+    replaced_.push_back(std::exchange(record->second.proxy, std::make_shared<HXProxy>(service, module)));
+    call(record->second, key, value, calls, "operator()");
   } catch (const std::exception& error) {
     HX_LOG_AS(Verbose, itemCategory(), "operator()", module + " not found, removing module reference:" + error.what());
     if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) removeNotifier(failed);

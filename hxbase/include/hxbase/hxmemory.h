@@ -1,6 +1,8 @@
 #pragma once
 
+#include <hxbase/nametable.h>
 #include <hxbase/stmvalue.h>
+#include <hxbase/tablelock.h>
 #include <hxcommon/hxmodule.h>
 #include <hxerror/hxerror.h>
 #include <libmw/session.h>
@@ -14,10 +16,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <unordered_map>
 #include <vector>
-
-#include <boost/thread/shared_mutex.hpp>
 
 namespace HX {
 
@@ -179,12 +178,6 @@ class HXMemory : public HXModule {
   mw::AnyReference onSignalReceived(const std::string& event, const std::vector<mw::AnyReference>& args);
 
  private:
-  struct NameHash {
-    using is_transparent = void;
-    std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
-  };
-  using Items = std::unordered_map<std::string, std::shared_ptr<STMValue>, NameHash, std::equal_to<>>;
-
   /// Who generates an event. A subscription to an undeclared event leaves an entry that is not filed: it says that
   /// somebody asked, and is in no listing.
   struct Extractor {
@@ -212,13 +205,16 @@ class HXMemory : public HXModule {
   void bindSubscriptionMethods();
   void bindRemainingMethods();
 
-  Change file(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>& item);
+  bool copyData(const std::string& name, HXValue& value) const;
+  void write(const std::string& name, HXValue value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
+  bool overwrite(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
+  Change file(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
   void fileEvent(const std::string& name);
   void announce(const std::string& event, const std::string& name);
   std::shared_ptr<STMValue> requireItem(const std::string& name, const char* method) const;
   void* pointerTo(const std::string& key, const char* method, const HXValue& defaultValue,
                   const std::function<void*(HXValue&)>& access);
-  HXValue describe(const std::string& name, const STMValue& item) const;
+  HXValue describe(std::string_view name, const STMValue& item) const;
   std::string extractorOf(const std::string& event);
   std::shared_ptr<HXProxy> frameManager(const char* caller);
   mw::AnyObject findService(const std::string& service, bool& found) const;
@@ -231,9 +227,9 @@ class HXMemory : public HXModule {
   std::mutex frameManagerLock;  // Guards `frameManagerProxy`; never held across a call.
   std::weak_ptr<HXProxy> frameManagerProxy;
   std::map<std::string, Extractor> eventExtractors;
-  mutable boost::shared_mutex eventExtractorsLock;  // Guards `eventExtractors`.
-  Items items;
-  mutable boost::shared_mutex itemsLock;  // Guards `items`: which item a name means, not what is in the item.
+  mutable TableLock eventExtractorsLock;  // Guards `eventExtractors`.
+  NameTable<STMValue> items;
+  mutable TableLock itemsLock;  // Guards `items`: which item a name means, not what is in the item.
   std::map<std::string, std::map<std::string, std::string>> pendingMappings;
   class MappingLock;
   std::mutex mappingMutex;                     // Guards `pendingMappings`.

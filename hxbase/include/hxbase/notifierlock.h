@@ -1,5 +1,8 @@
 #pragma once
 
+#include <hxbase/wordlock.h>
+
+#include <atomic>
 #include <chrono>
 #include <mutex>
 #include <string>
@@ -22,21 +25,23 @@ class NotifierLock {
   void lock();
   void unlock() { mutex_.unlock(); }
 
-  /// One call of a subscriber, made by the thread that holds the lock.
-  class Call {
+  /// The calls of subscribers that one notification makes, one after another, on the thread that holds the lock.
+  class Calls {
    public:
-    /// @param subscriber  Must outlive the call.
-    Call(NotifierLock& lock, const std::string& subscriber);
-    Call(const Call&) = delete;
-    Call& operator=(const Call&) = delete;
-    ~Call();
+    explicit Calls(NotifierLock& lock);
+    Calls(const Calls&) = delete;
+    Calls& operator=(const Calls&) = delete;
+    ~Calls();
+
+    /// @param subscriber  Who is called next. Must outlive this object, for who waits may be reading it.
+    void next(const std::string& subscriber) { subscriber_.store(&subscriber, std::memory_order_release); }
 
    private:
     friend NotifierLock;
     NotifierLock& lock_;
-    const std::string& subscriber_;
-    const Call* const outerOfLock_;
-    const Call* const outerOfThread_;
+    std::atomic<const std::string*> subscriber_{nullptr};
+    const Calls* const outerOfLock_;
+    const Calls* const outerOfThread_;
   };
 
   /// How long to wait before saying so, 5 seconds at first. For all items.
@@ -47,8 +52,9 @@ class NotifierLock {
 
   const std::string& event_;
   std::recursive_timed_mutex mutex_;
-  mutable std::mutex callLock_;  // Guards `call_`; nothing else is locked while it is held.
-  const Call* call_ = nullptr;   // The innermost call of the thread that holds the lock.
+  // Held by whoever reads `calls_`, and to end what it points to; nothing else is locked meanwhile.
+  mutable WordLock reading_;
+  std::atomic<const Calls*> calls_{nullptr};  // The innermost of the thread that holds the lock.
 };
 
 }  // namespace HX

@@ -2,11 +2,14 @@
 
 #include <hxbase/hxmemorysignal.h>
 #include <hxbase/notifierlock.h>
+#include <hxbase/scalarview.h>
 #include <hxbase/stmnotifier.h>
+#include <hxbase/wordlock.h>
 #include <hxvalue/hxvalue.h>
 #include <libmw/clock.h>
 #include <libmw/future.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -34,10 +37,10 @@ extern HXBroker* staticBroker;
 /// is destroyed on the event loop: its destructor waits for them, and the last reference may well fall inside one of
 /// them, or under a lock that they need.
 ///
-/// Locks: `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. They are
-/// recursive because a subscriber may come back into the item on the same thread. Only `valueLock` is ever taken while
-/// the table's lock is held. While `notifierLock` is held, subscribers are called.
-class STMValue : public std::enable_shared_from_this<STMValue> {
+/// Locks: `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. Only
+/// `valueLock` is ever taken while the table's lock is held. While `notifierLock` is held, subscribers are called; it
+/// is recursive, because they may come back into the item on the same thread.
+class alignas(64) STMValue {
  public:
   /// What an item is kept as. The numbers are part of the interface.
   enum dataType : std::int32_t { UnknownData = 0, Data = 1, ShmData = 2, Event = 3, MicroEvent = 4 };
@@ -66,8 +69,13 @@ class STMValue : public std::enable_shared_from_this<STMValue> {
   /// @throws HXError when an address of the value was handed out and the new value is of another type; nothing changes.
   ///         A value that is not set yet takes an int or a float all the same.
   void setValue(HXValue value, dataType kind, mw::SystemTimePoint time);
-  /// As `setValue`, and leaves the old value in `value`, to be destroyed by the caller outside its locks.
-  void exchangeValue(HXValue& value, dataType kind, mw::SystemTimePoint time);
+  /// As `setValue` with the present time, and leaves the old value in `value`, to be destroyed by the caller outside
+  /// its locks.
+  /// @return The kind before.
+  dataType exchangeValue(HXValue& value, dataType kind);
+  /// The same for an item that is of this kind already.
+  /// @return False when it is of another kind; nothing changes.
+  bool tryExchangeValue(HXValue& value, dataType kind);
 
   HXValue getValue() const;
   dataType getDataType() const;
@@ -107,10 +115,8 @@ class STMValue : public std::enable_shared_from_this<STMValue> {
   /// The object that exposes the item as a signal. Never null.
   const std::shared_ptr<HXMemorySubscriber>& subscriber() const { return itemSignal_; }
 
-  /// Free text about the item. Guarded by the table's lock: written under its exclusive side.
-  std::string description;
-  /// Whether the name has been filed among the events since this item exists. Guarded by the table's lock.
-  bool filedAsEvent = false;
+  /// The name that it is filed under, at the same place for the life of the item.
+  const std::string& name() const { return itemSignal_->signal.eventName(); }
 
  private:
   using Notifiers = std::map<std::string, STMNotifier>;
@@ -121,31 +127,57 @@ class STMValue : public std::enable_shared_from_this<STMValue> {
   static void retire(STMValue* item);
   bool hasPending() const;
 
-  void call(STMNotifier& record, const std::string& key, const HXValue& value, const char* function);
+  void tellNotifiers(const std::string& key, const HXValue& value);
+  void call(STMNotifier& record, const std::string& key, const HXValue& value, NotifierLock::Calls& calls,
+            const char* function);
   void look(const std::string& module, const std::string& key, const HXValue& value);
   void resolveAndCall(const mw::AnyObject& service, const std::string& module, const std::string& key,
                       const HXValue& value);
   void reportAndClean(const std::string& module, const mw::Future<void>& outcome);
   void removeNotifier(Notifiers::iterator record);
+  void noteQuiet();
 
-  bool dataPtrAccessed_ = false;  // Guarded by valueLock_, as are value_, kind_ and timestamp_.
-  HXValue value_;
-  Notifiers notifiers_;  // Guarded by notifierLock_, as are the four members of the dispatch below.
+  void replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time);
+  void show();
+  HXValue copyValue() const;
+
+  // Together on the first cache line: all that reading a number, or writing it, touches, but for the lock.
+  ScalarView view_;  // What readers of a number get without a lock. Written under valueLock_.
+  HXValue value_;    // Guarded by valueLock_, as are the next three.
+  mw::SystemTimePoint timestamp_{};
+  dataType kind_ = UnknownData;
+  bool dataPtrAccessed_ = false;
+
+ public:
+  /// Whether the name has been filed among the events since this item exists. Guarded by the table's lock: written
+  /// under its exclusive side.
+  bool filedAsEvent = false;
+
+ private:
+  mutable WordLock valueLock_;
+  mutable WordLock historyLock_;
+  Notifiers notifiers_;  // Guarded by notifierLock_, as are the members of the dispatch below.
   const std::shared_ptr<HXMemorySubscriber> itemSignal_;
-  mutable std::recursive_mutex valueLock_;
-  mutable std::recursive_mutex historyLock_;
+  std::weak_ptr<STMValue> self_;
   mutable NotifierLock notifierLock_;
   std::list<mw::Future<void>> pendingNotifications_;
-  dataType kind_ = UnknownData;
-  mw::SystemTimePoint timestamp_{};
   using History = boost::circular_buffer<std::pair<mw::SystemTimePoint, HXValue>>;
   std::shared_ptr<History> historyRing_;  // Guarded by historyLock_. Empty until something is raised.
 
-  // A record that goes while it is being called still owns the method's name and the call state: it waits here until
-  // the outermost dispatch ends. `changes_` tells a walk whether its iterator is still good.
+  // A record that goes while it is being called still owns the method's name, the message and the call state, and a
+  // proxy that is replaced is still being called through: they wait here until the outermost dispatch ends. `changes_`
+  // tells a walk whether its iterator is still good.
   std::multimap<std::string, STMNotifier> removed_;
+  std::vector<std::shared_ptr<HXProxy>> replaced_;
   std::uint64_t changes_ = 0;
   int dispatching_ = 0;
+  // Nobody is subscribed and nobody is being called, so that a raise has no business with notifierLock_, under which
+  // this is written.
+  std::atomic<bool> quiet_{true};
+
+ public:
+  /// Free text about the item. Guarded by the table's lock: written under its exclusive side.
+  std::string description;
 };
 
 }  // namespace HX

@@ -3,6 +3,7 @@
 #include <hxerror/api.h>
 
 #include <atomic>
+#include <bit>
 #include <compare>
 #include <concepts>
 #include <cstddef>
@@ -238,6 +239,17 @@ class HX_API HXValue {
   /// A copy read as one relaxed atomic, for a scalar that holders of its address may be writing (through
   /// `std::atomic_ref`). An invalid value gives an invalid one. Errors: a type that is not a scalar.
   HXValue loadScalar() const;
+
+  /// The content of a scalar as 64 bits, for those who keep it in an atomic word; with `getType` it makes the same
+  /// value again. 0 for an invalid value; means nothing for any other type.
+  std::uint64_t scalarBits() const noexcept { return std::bit_cast<std::uint64_t>(slot_); }
+  /// @param type  Invalid or a scalar's.
+  static HXValue fromScalarBits(Type type, std::uint64_t bits) noexcept {
+    HXValue value;
+    value.slot_ = std::bit_cast<Slot>(bits);
+    value.type_ = type;
+    return value;
+  }
 
  private:
   struct Payload;
