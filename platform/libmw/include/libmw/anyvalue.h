@@ -139,7 +139,9 @@ class HX_API AnyValue {  // NOLINT(cppcoreguidelines-pro-type-member-init): see 
     return value;
   }
 
-  void reset() noexcept;
+  void reset() noexcept {
+    if (type_) destroy();
+  }
 
   const TypeInterface* type() const { return type_; }
   explicit operator bool() const { return type_ != nullptr; }
@@ -174,7 +176,18 @@ class HX_API AnyValue {  // NOLINT(cppcoreguidelines-pro-type-member-init): see 
   void setHeap(void* object) { *reinterpret_cast<void**>(storage_.data()) = object; }
   void* allocate(const TypeInterface* type);
   void release(const TypeInterface* type) noexcept;
-  void take(AnyValue& other) noexcept;
+  void destroy() noexcept;
+  /// Into an empty one.
+  void take(AnyValue& other) noexcept {
+    if (!other.type_) return;
+    if (!other.type_->movesAsBytes) {
+      moveFrom(other);
+      return;
+    }
+    storage_ = other.storage_;
+    type_ = std::exchange(other.type_, nullptr);
+  }
+  void moveFrom(AnyValue& other) noexcept;
 
   const TypeInterface* type_ = nullptr;
   alignas(void*) std::array<std::byte, detail::kInlineSize> storage_;  // not initialised: nothing while type_ is null

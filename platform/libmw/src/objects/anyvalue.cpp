@@ -61,8 +61,7 @@ AnyValue::AnyValue(const AnyReference& outer) {
   });
 }
 
-void AnyValue::reset() noexcept {
-  if (!type_) return;
+void AnyValue::destroy() noexcept {
   const TypeInterface* type = std::exchange(type_, nullptr);
   type->destroy(type->fitsInline ? storage_.data() : *reinterpret_cast<void**>(storage_.data()));
   release(type);
@@ -80,17 +79,10 @@ void AnyValue::release(const TypeInterface* type) noexcept {
   ::operator delete (*reinterpret_cast<void**>(storage_.data()), std::align_val_t{type->alignment});
 }
 
-void AnyValue::take(AnyValue& other) noexcept {
-  if (!other.type_) return;
-  const TypeInterface* type = other.type_;
-  if (type->fitsInline) {
-    type->move(storage_.data(), other.storage_.data());
-    other.reset();
-  } else {
-    storage_ = other.storage_;
-    other.type_ = nullptr;
-  }
-  type_ = type;
+void AnyValue::moveFrom(AnyValue& other) noexcept {
+  other.type_->move(storage_.data(), other.storage_.data());
+  type_ = other.type_;
+  other.destroy();
 }
 
 std::string_view detail::textArgument(const char* text) {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <atomic>
 #include <limits>
-#include <map>
 #include <stdexcept>
+#include <unordered_map>
 #include <utility>
 
 #include <fmt/format.h>
@@ -41,6 +41,12 @@ std::pair<Fit, unsigned> rank(GenericFunctionParameters parameters, const MetaMe
   }
   return all;
 }
+
+/// Lets names be looked up without making strings of them.
+struct NameHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
+};
 
 std::int32_t nextUid() {
   static std::atomic<std::int32_t> last{0};
@@ -84,7 +90,7 @@ struct MetaObject::Data {
 
   const Members members;
   const std::int32_t uid;
-  std::map<std::string, std::vector<const MetaMethod*>, std::less<>> overloads;
+  std::unordered_map<std::string, std::vector<const MetaMethod*>, NameHash, std::equal_to<>> overloads;
   std::vector<const MetaMethod*> byId;
 };
 
