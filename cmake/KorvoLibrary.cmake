@@ -21,6 +21,8 @@ function(_korvo_common target)
     message(FATAL_ERROR "${target}: not understood: '${ARG_UNPARSED}'")
   endif()
   target_compile_features(${target} PUBLIC cxx_std_20)
+  # Nothing replaces our functions from outside: calls inside a library need not go through the linker's tables.
+  target_compile_options(${target} PRIVATE -fno-semantic-interposition)
   set_target_properties(${target} PROPERTIES
     CXX_EXTENSIONS OFF
     CXX_VISIBILITY_PRESET hidden
@@ -50,6 +52,7 @@ function(korvo_library name)
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}
     INSTALL_RPATH "$ORIGIN")
+  target_link_options(${name} PRIVATE LINKER:-Bsymbolic-functions)
   if(NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
     target_link_options(${name} PRIVATE LINKER:--no-undefined)
   endif()
