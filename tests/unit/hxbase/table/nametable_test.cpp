@@ -1,0 +1,97 @@
+#include <hxbase/nametable.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+namespace HX {
+namespace {
+
+using Table = NameTable<const std::string>;
+
+void file(Table& table, std::string name) {
+  auto item = std::make_shared<const std::string>(std::move(name));
+  const std::string_view kept = *item;
+  table.insert(kept, std::move(item));
+}
+
+TEST(NameTable, HoldsWhatAMapHolds) {
+  std::mt19937 random(11);
+  Table table;
+  std::map<std::string, std::shared_ptr<const std::string>> model;
+  for (int step = 0; step < 100'000; ++step) {
+    // Few enough names that all are filed, found and taken out again many times, at every fill of the table.
+    const std::string name = fmt::format("Device/{}", random() % (step % 2000 < 1000 ? 30 : 700));
+    const auto* found = table.find(name);
+    ASSERT_EQ(found ? *found : nullptr, model.contains(name) ? model.at(name) : nullptr) << name;
+    if (!found) {
+      file(table, name);
+      model[name] = *table.find(name);
+    } else if (random() % 2 == 0) {
+      EXPECT_EQ(table.extract(name), model.at(name));
+      model.erase(name);
+    }
+    ASSERT_EQ(table.size(), model.size());
+  }
+  std::map<std::string, std::shared_ptr<const std::string>> walked;
+  table.forEach([&](std::string_view name, const auto& item) { walked.emplace(name, item); });
+  EXPECT_EQ(walked, model);
+}
+
+TEST(NameTable, TellsNamesApartByEveryByte) {
+  const std::string longName(100, 'x');
+  const std::set<std::string> names{"",
+                                    "a",
+                                    "A",
+                                    std::string("\0", 1),
+                                    std::string("a\0", 2),
+                                    "12345678",
+                                    "12345679",
+                                    "123456789",
+                                    "12345678x12345678",
+                                    longName,
+                                    longName + "x"};
+  Table table;
+  for (const std::string& name : names) file(table, name);
+  for (const std::string& name : names) {
+    const auto* found = table.find(name);
+    ASSERT_TRUE(found) << name;
+    EXPECT_EQ(**found, name);
+  }
+  EXPECT_FALSE(table.find("b"));
+  EXPECT_FALSE(table.extract("b"));
+}
+
+TEST(NameTable, AnEmptyOneFindsNothing) {
+  Table table;
+  EXPECT_FALSE(table.find("a"));
+  EXPECT_FALSE(table.extract("a"));
+  file(table, "a");
+  table.clear();
+  EXPECT_FALSE(table.find("a"));
+  EXPECT_EQ(table.size(), 0U);
+}
+
+// A poor hash is still right and hundreds of times slower, which no other test would notice.
+TEST(NameTable, HashSpreadsNamesThatDifferLittle) {
+  constexpr std::size_t kNames = 10'000;
+  std::set<std::uint64_t> low;
+  std::set<std::uint64_t> high;
+  for (std::size_t i = 0; i < kNames; ++i) {
+    const std::uint64_t hash = hashOfName(fmt::format("Device/Sensor/{:07}/Value", i));
+    low.insert(hash & 0xffff);
+    high.insert(hash >> 48U);
+  }
+  // Of 65536 places, 10000 names thrown at random take about 9274.
+  EXPECT_GT(low.size(), 9000U);
+  EXPECT_GT(high.size(), 9000U);
+}
+
+}  // namespace
+}  // namespace HX

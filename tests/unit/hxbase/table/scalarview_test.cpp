@@ -1,0 +1,61 @@
+#include <hxbase/scalarview.h>
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+namespace HX {
+namespace {
+
+class ScalarViewOf : public testing::TestWithParam<HXValue> {};
+
+TEST_P(ScalarViewOf, ShowsTheValueAsItIs) {
+  ScalarView view;
+  view.show(GetParam());
+  HXValue seen("something else");
+  ASSERT_TRUE(view.read(seen));
+  EXPECT_EQ(seen, GetParam());
+}
+
+INSTANTIATE_TEST_SUITE_P(Scalars, ScalarViewOf,
+                         testing::Values(HXValue(), HXValue(true), HXValue(-7), HXValue(std::int64_t{1} << 40),
+                                         HXValue(0.25F), HXValue(-1e300)));
+
+TEST(ScalarView, ShowsNothingWhileHidden) {
+  ScalarView view;
+  view.show(1);
+  view.hide();
+  HXValue seen("as it was");
+  EXPECT_FALSE(view.read(seen));
+  EXPECT_EQ(seen, HXValue("as it was"));
+  view.show(2);
+  ASSERT_TRUE(view.read(seen));
+  EXPECT_EQ(seen, HXValue(2));
+}
+
+// Whole numbers are written as multiples of 3, the others as multiples of 7: what was mixed from two writes is neither.
+TEST(ScalarView, ReadersGetTheTypeAndContentOfOneWrite) {
+  ScalarView view;
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    for (std::int64_t i = 1; i < 100'000; ++i) {
+      view.show(i * 3);
+      view.show(static_cast<double>(i * 7));
+    }
+    done = true;
+  });
+  std::int64_t mixed = 0;
+  while (!done) {
+    HXValue seen;
+    if (!view.read(seen) || !seen.isValid()) continue;
+    const bool whole = seen.isInt64() ? seen.asInt64() % 3 == 0 : static_cast<std::int64_t>(seen.asDouble()) % 7 == 0;
+    mixed += whole ? 0 : 1;
+  }
+  writer.join();
+  EXPECT_EQ(mixed, 0);
+}
+
+}  // namespace
+}  // namespace HX
