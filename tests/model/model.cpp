@@ -1,0 +1,329 @@
+#include "model.h"
+
+#include "call.h"
+
+#include <hxbase/hxmemory.h>
+
+#include <algorithm>
+#include <iterator>
+#include <stdexcept>
+
+namespace HX::model {
+namespace {
+
+/// In place of an offer's number: the look-up gave the object itself, which cannot be withdrawn.
+constexpr int kForGood = -1;
+
+std::string quoted(const std::string& text) { return HXValue(text).toString(); }
+
+}  // namespace
+
+/// While it lives, look-ups of the item that end still reach it, whether it is in the table or not.
+class Model::Hold {
+ public:
+  Hold(State& state, int item) : state_(state), item_(item) { ++state_.at(item_).holders; }
+  Hold(const Hold&) = delete;
+  Hold& operator=(const Hold&) = delete;
+  ~Hold() { --state_.at(item_).holders; }
+
+ private:
+  State& state_;
+  int item_;
+};
+
+Model::Model(Called called) : called_(std::move(called)) {
+  mw::ObjectBuilder builder;
+  builder.setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+  publishData(builder);
+  publishEvents(builder);
+  methods_ = std::make_shared<mw::DynamicObject>(builder.build(), nullptr);
+  for (const auto& event : {Memory::keyAddedKey, Memory::keyRemovedKey, Memory::keyTypeChanged}) declareEvent(event);
+  raiseMicroEvent("KorvoReady", 0);
+}
+
+template <class Callable>
+void Model::publish(mw::ObjectBuilder& builder, const char* name, Callable callable) {
+  builder.advertiseMethod(mw::MetaMethodBuilder(name, {}, {}), mw::AnyFunction::from(std::move(callable)));
+}
+
+template <class T>
+T* Model::address(Text key, const char* method, const HXValue& value, T* (HXValue::*get)()) {
+  try {
+    auto& item = state_.at(state_.obtain(key, STMValue::Data, value));
+    item.addressed = true;
+    return (item.value.*get)();
+  } catch (const std::exception& error) {
+    fail(method, "error getting pointer to \"" + key + "\": " + error.what());
+  }
+}
+
+void Model::publishData(mw::ObjectBuilder& to) {
+  publish(to, "insertData", [this](Text key, const HXValue& value) { write(key, value, STMValue::Data); });
+  publish(to, "_insertObject", [this](Text key, const HXValue& value, int) { write(key, value, STMValue::Data); });
+  publish(to, "insertListData", [this](const HXValue& list) { insertListData(list); });
+  publish(to, "removeData", [this](Text key) { removeData(key); });
+  publish(to, "getData", [this](Text key) { return state_.at(state_.require(key, "getData", 535)).value; });
+  publish(to, "getData", [this](Text key, int) { return state_.at(state_.require(key, "getData", 535)).value; });
+  publish(to, "getTimestamp", [this](Text key) {
+    const auto& item = state_.at(state_.require(key, "getData"));
+    return HXValue::list({item.value, item.time, 0});
+  });
+  publish(to, "getDataList", [this](Text filter) { return state_.names(filter); });
+  publish(to, "getDataListName", [this] { return state_.names(""); });
+  publish(to, "getListData", [this](const HXValue& keys) { return getListData(keys); });
+  publish(to, "getType", [this](Text key) {
+    const char* const words[] = {"Unknown data", "Data", "ShmData", "Event", "MicroEvent"};
+    return std::string(words[state_.at(state_.require(key, "getStrDataType")).kind]);
+  });
+  publish(to, "setDescription", [this](Text key, Text text) {
+    const auto item = state_.find(key);
+    if (!item) fail("setDescription", key + " not found");
+    state_.at(*item).description = text;
+  });
+  publish(to, "getDescriptionList", [this](const Strings& keys) { return getDescriptionList(keys); });
+  publish(to, "getIntPtr", [this](Text key) { return address(key, "getIntPtr", 0, &HXValue::getIntPtr); });
+  publish(to, "getFloatPtr", [this](Text key) { return address(key, "getFloatPtr", 0.0F, &HXValue::getFloatPtr); });
+  publish(to, "getDataPtr", [this](Text key) { return address(key, "getPtrData", {}, &HXValue::getPtrValue); });
+}
+
+void Model::publishEvents(mw::ObjectBuilder& to) {
+  publish(to, "declareEvent", [this](Text key) { declareEvent(key); });
+  publish(to, "declareEvent", [this](Text key, Text extractor) {
+    state_.extractors[key] = {extractor, true};
+    declareEvent(key);
+  });
+  publish(to, "raiseEvent", [this](Text key, const HXValue& value) { raiseEvent(key, value); });
+  publish(to, "raiseMicroEvent", [this](Text key, const HXValue& value) { raiseMicroEvent(key, value); });
+  publish(to, "removeEvent", [this](Text key) { removeEvent(key); });
+  publish(to, "removeMicroEvent", [this](Text key) { removeEvent(key); });
+  publish(to, "getEventHistory", [this](Text key) { return state_.history(state_.require(key, "getEventHistory")); });
+  publish(to, "getEventList", [this] { return state_.events(); });
+  publish(to, "getMicroEventList", [this] { return state_.namesOf(STMValue::MicroEvent); });
+  publish(to, "getExtractorEvent", [this](Text extractor) {
+    auto events = state_.events();
+    std::erase_if(events, [&](Text event) { return state_.extractors.at(event).module != extractor; });
+    return events;
+  });
+  publish(to, "subscribeToEvent",
+          [this](Text key, Text module, Text method) { subscribeToEvent(key, module, "", method); });
+  publish(to, "subscribeToEvent",
+          [this](Text key, Text module, Text message, Text method) { subscribeToEvent(key, module, message, method); });
+  publish(to, "subscribeToMicroEvent", [this](Text key, Text module, Text message, Text method) {
+    subscribeToMicroEvent(key, module, message, method);
+  });
+  publish(to, "unsubscribeToEvent", [this](Text key, Text module) { unsubscribeToEvent(key, module); });
+  publish(to, "unsubscribeToMicroEvent", [this](Text key, Text module) { unsubscribeToMicroEvent(key, module); });
+  publish(to, "getSubscribers",
+          [this](Text key) { return state_.subscribers(state_.require(key, "getDataSubscriber")); });
+}
+
+// --- Data ------------------------------------------------------------------------------------------------------------
+
+void Model::write(Text key, const HXValue& value, State::Kind kind, const Then& then) {
+  const auto [item, change] = state_.insert(key, value, kind);
+  const Hold hold(state_, item);
+  if (change == State::Change::Added) announce(Memory::keyAddedKey, key);
+  if (change == State::Change::Retyped) announce(Memory::keyTypeChanged, key);
+  if (then) then(item);
+}
+
+void Model::announce(Text event, Text key) {
+  if (!isBox(key)) raiseEvent(event, HXValue(key));
+}
+
+void Model::insertListData(const HXValue& list) {
+  for (std::size_t i = 0; i < list.getSize(); ++i) {
+    const auto malformed = [&](const char* message, int line) {
+      called_("standard output", "malformed data : " + list[i].toString() + "\n");
+      fail("InsertListData", message, line);
+    };
+    if (!list[i].isList() || list[i].getSize() < 2) {
+      malformed("unable to insert to Memory data with a size < 2. Must be : ['name', value]", 902);
+    }
+    if (!list[i][0].isString()) malformed("malformed preferences. No HXMemory data name.", 907);
+    write(list[i][0].asString(), list[i][1], STMValue::Data);
+  }
+}
+
+void Model::removeData(Text key) {
+  state_.erase(key);
+  announce(Memory::keyRemovedKey, key);
+}
+
+HXValue Model::getListData(const HXValue& keys) {
+  HXValue values = HXValue::list();
+  for (std::size_t i = 0; i < keys.getSize(); ++i) {
+    const HXValue key = keys[i].isList() ? keys[i][0] : keys[i];
+    const auto item = state_.find(key.isString() ? key.asString() : key.toString());
+    values.arrayPush(item ? state_.at(*item).value : HXValue());
+  }
+  return values;
+}
+
+HXValue Model::getDescriptionList(const Strings& keys) {
+  HXValue list;
+  list.arraySetSize(keys.size());
+  for (const auto& key : keys.empty() ? state_.names("") : keys) {
+    const auto place = state_.find(key);
+    if (!place) fail("getDescriptionList", key + " not found");
+    const auto& item = state_.at(*place);
+    list.arrayPush(HXValue::list({key, item.kind == STMValue::Data ? "data" : "event", item.description}));
+  }
+  return list;
+}
+
+// --- Events ----------------------------------------------------------------------------------------------------------
+
+void Model::raiseEvent(Text key, const HXValue& value) {
+  write(key, value, STMValue::Event, [&](int item) {
+    state_.remember(item, value);
+    notify(item, key, value);
+  });
+}
+
+void Model::raiseMicroEvent(Text key, const HXValue& value) {
+  write(key, value, STMValue::MicroEvent, [&](int item) { notify(item, key, value); });
+}
+
+void Model::removeEvent(Text key) {
+  removeData(key);
+  state_.extractors.erase(key);
+}
+
+// --- Notification ----------------------------------------------------------------------------------------------------
+
+void Model::notify(int item, Text key, const HXValue& value) {
+  const auto& [clients, subscriptions] = std::tie(state_.at(item).clients, state_.at(item).subscriptions);
+  for (const std::size_t client : clients)
+    called_("client " + std::to_string(client), value.toString(HXValue::Verbosity::Typed));
+  for (auto next = subscriptions.begin(); next != subscriptions.end();) {
+    const std::string module = next->first;
+    const State::Subscription subscription = next->second;
+    if (!subscription.service) {
+      lookUp(item, module, value);
+    } else {
+      try {
+        call(module, subscription, key, value);
+      } catch (const std::runtime_error&) {
+        const auto failed = subscriptions.find(module);
+        if (failed != subscriptions.end() && failed->second.id == subscription.id)
+          state_.at(item).subscriptions.erase(module);
+      }
+    }
+    next = subscriptions.upper_bound(module);
+  }
+}
+
+void Model::call(Text module, const State::Subscription& subscription, Text key, const HXValue& value) {
+  const auto offer = offered_.find(module);
+  const bool isThere =
+      subscription.service == kForGood || (offer != offered_.end() && offer->second == subscription.service);
+  if (!isThere || !isListener(module) || !subscription.method.starts_with("heard")) throw std::runtime_error("gone");
+  called_(module, notification(subscription.method, key, value, subscription.message));
+}
+
+void Model::lookUp(int item, Text module, const HXValue& value) {
+  const auto offer = offered_.find(module);
+  if (offer != offered_.end()) {
+    resolve(item, module, offer->second, value);
+  } else if (isListener(module)) {
+    waiting_[module].push_back({item, value});
+  } else {
+    state_.at(item).subscriptions.erase(module);
+  }
+}
+
+void Model::resolve(int item, Text module, int service, const HXValue& value) {
+  auto& subscriptions = state_.at(item).subscriptions;
+  const auto found = subscriptions.find(module);
+  if (found == subscriptions.end()) return;
+  found->second.service = service;
+  const State::Subscription subscription = found->second;
+  try {
+    call(module, subscription, state_.at(item).name, value);
+  } catch (const std::exception&) {
+    subscriptions.erase(module);
+  }
+}
+
+void Model::endLookUp(Text service, Ending ending) {
+  auto& waiting = waiting_[service];
+  if (waiting.empty()) return;
+  const LookUp ended = waiting.front();
+  waiting.pop_front();
+  const auto& item = state_.at(ended.item);
+  const bool isAlive = item.holders > 0 || state_.find(item.name) == ended.item;
+  if (!isAlive || ending == Ending::Canceled) return;
+  const Hold hold(state_, ended.item);
+  if (ending == Ending::Found) {
+    resolve(ended.item, service, kForGood, ended.value);
+  } else {
+    state_.at(ended.item).subscriptions.erase(service);
+  }
+}
+
+// --- Subscriptions ---------------------------------------------------------------------------------------------------
+
+void Model::tellFrameManager(Text text) {
+  if (!offered_.contains("HXFrameManager")) throw std::runtime_error("Cannot get frame manager proxy");
+  called_("HXFrameManager", text);
+}
+
+void Model::tellExtractor(Text extractor, Text text) {
+  if (extractor != "Y") called_(extractor, text);  // "Y" cannot say how precisely it works.
+}
+
+void Model::subscribeToEvent(Text key, Text module, Text message, Text method) {
+  if (isBox(module)) {
+    return tellFrameManager("+ " + key + " " + module + " " + quoted(message) + " " + method + " false");
+  }
+  state_.subscribe(state_.obtain(key, STMValue::Event, {}), module, message, method);
+  const std::string extractor = state_.extractors[key].module;
+  if (extractor.empty() || extractor == "Unknown") return;
+  if (!offered_.contains(extractor)) throw std::runtime_error("This object is null");
+  tellExtractor(extractor, "subscribe(" + module + key + ")");
+}
+
+void Model::subscribeToMicroEvent(Text key, Text module, Text message, Text method) {
+  if (isBox(module)) {
+    return tellFrameManager("+ " + key + " " + module + " " + quoted(message) + " " + method + " true");
+  }
+  state_.subscribe(state_.obtain(key, STMValue::MicroEvent, {}), module, message, method);
+}
+
+void Model::unsubscribeToMicroEvent(Text key, Text module) {
+  if (isBox(module)) return tellFrameManager("- " + key + " " + module + " true");
+  state_.unsubscribe(state_.require(key, "getData"), module);
+}
+
+void Model::unsubscribeToEvent(Text key, Text module) {
+  if (isBox(module)) return tellFrameManager("- " + key + " " + module + " false");
+  unsubscribeToMicroEvent(key, module);
+  const auto entry = state_.extractors.find(key);
+  if (entry == state_.extractors.end() || !offered_.contains(entry->second.module)) return;
+  tellExtractor(entry->second.module, "unsubscribe(" + module + key + ")");
+}
+
+// --- Signals and services --------------------------------------------------------------------------------------------
+
+std::size_t Model::follow(const std::string& key) {
+  if (!state_.find(key)) declareEvent(key);
+  const auto item = state_.find(key);
+  if (!item) throw std::runtime_error("event not found");
+  state_.at(*item).clients.insert(clients_++);
+  const auto place = std::find(followed_.begin(), followed_.end(), *item);
+  if (place == followed_.end()) followed_.push_back(*item);
+  return static_cast<std::size_t>(std::find(followed_.begin(), followed_.end(), *item) - followed_.begin());
+}
+
+void Model::unfollow(std::size_t client) {
+  for (const int item : followed_) state_.at(item).clients.erase(client);
+}
+
+void Model::trigger(std::size_t place, const std::vector<HXValue>& arguments) {
+  if (place >= followed_.size()) return;
+  if (arguments.size() > 1) throw std::runtime_error("Invalid number of arguments");
+  raiseEvent(state_.at(followed_[place]).name, arguments.empty() ? HXValue() : arguments.front());
+}
+
+}  // namespace HX::model

@@ -1,0 +1,74 @@
+#include "model.h"
+
+#include "player.h"
+#include "real_memory.h"
+
+#include <libmw/log.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
+#include <rapidcheck.h>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+namespace HX::model {
+namespace {
+
+// A sanitizer makes a call twenty times as dear.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr const char* kParameters = "seed=1 max_success=300 max_size=200";
+#else
+constexpr const char* kParameters = "seed=1 max_success=10000 max_size=200";
+#endif
+
+rc::Gen<Call> anyCall() {
+  static const std::vector<std::size_t> weighted = [] {
+    std::vector<std::size_t> methods;
+    for (std::size_t i = 0; i < std::size(kMethods); ++i) methods.insert(methods.end(), kMethods[i].weight, i);
+    return methods;
+  }();
+  // The first places come oftener, so that calls meet each other.
+  const auto place = [](std::size_t limit, std::size_t skew) {
+    return rc::gen::map(rc::gen::inRange<std::size_t>(0, limit + skew),
+                        [skew](std::size_t i) { return i - std::min(i, skew); });
+  };
+  const auto method = rc::gen::map(place(weighted.size(), 0), [](std::size_t i) { return weighted[i]; });
+  return rc::gen::construct<Call>(method, place(kKeys, 6), place(kServices, 3), place(kValues, 0), place(kNumbers, 0));
+}
+
+std::string difference(const std::vector<std::string>& expected, const std::vector<std::string>& seen) {
+  std::ostringstream text;
+  std::size_t i = 0;
+  while (i < expected.size() && i < seen.size() && expected[i] == seen[i]) text << "    " << expected[i++] << '\n';
+  text << "expected " << (i < expected.size() ? expected[i] : "nothing more") << '\n';
+  text << "but was  " << (i < seen.size() ? seen[i] : "nothing more") << '\n';
+  return text.str();
+}
+
+TEST(Memory, DoesWhatTheModelDoesInEverySequenceOfCalls) {
+  ::setenv("XDG_DATA_HOME", "/dev/null", 1);
+  ::setenv("XDG_DATA_DIRS", "/dev/null", 1);
+  ::setenv("RC_PARAMS", kParameters, 0);
+  const bool wasOnStderr = mw::log::setStderrSink(false);
+  std::size_t count = 0;
+  const auto calls = rc::gen::container<Calls>(anyCall());
+  const bool same = rc::check([&] {
+    Calls sequence;
+    for (std::size_t i = 0; i < kOffered; ++i) sequence.push_back({.method = methodNamed("offer"), .service = i});
+    const Calls made = *calls;
+    sequence.insert(sequence.end(), made.begin(), made.end());
+    for (const Call& question : allQuestions()) sequence.push_back(question);
+    count += sequence.size();
+    const auto expected = Player::play<Model>(sequence);
+    const auto seen = Player::play<RealMemory>(sequence);
+    if (expected != seen) RC_FAIL(difference(expected, seen));
+  });
+  mw::log::setStderrSink(wasOnStderr);
+  RecordProperty("calls", static_cast<int>(count));
+  EXPECT_TRUE(same);
+}
+
+}  // namespace
+}  // namespace HX::model
