@@ -26,48 +26,6 @@ class SlowLookUp : public EventsFixture {
   std::optional<kit::LookUps> lookUps_;
 };
 
-TEST_F(SlowLookUp, DoesNotDelayTheRaiserNorTheOthers) {
-  const auto near = subscribed("near");
-  memory->raiseEvent("E", HXValue(1));
-  EXPECT_THAT(near->values(), ElementsAre(HXValue(1)));
-  EXPECT_THAT(far_->values(), IsEmpty());
-  lookUps_->take("far").setValue(found());
-  EXPECT_THAT(far_->values(), ElementsAre(HXValue(1)));
-
-  memory->raiseEvent("E", HXValue(2));
-  EXPECT_THAT(far_->values(), ElementsAre(HXValue(1), HXValue(2)));
-  EXPECT_EQ(lookUps_->waiting("far"), 0U) << "found once, it is not looked up again";
-}
-
-TEST_F(SlowLookUp, DeliversEachRaiseWhenItsOwnLookUpEnds) {
-  for (int i = 1; i <= 3; ++i) memory->raiseEvent("E", HXValue(i));
-  auto first = lookUps_->take("far");
-  auto second = lookUps_->take("far");
-  auto third = lookUps_->take("far");
-  third.setValue(found());
-  first.setValue(found());
-  memory->raiseEvent("E", HXValue(4));
-  second.setValue(found());
-  EXPECT_THAT(far_->values(), ElementsAre(HXValue(3), HXValue(1), HXValue(4), HXValue(2)));
-}
-
-TEST_F(SlowLookUp, CallsTheMethodOfTheLatestSubscription) {
-  memory->raiseEvent("E", HXValue(1));
-  memory->subscribeToEvent("E", "far", "message", "heardToo");
-  lookUps_->take("far").setValue(found());
-  EXPECT_THAT(far_->notifications(),
-              ElementsAre(kit::Listener::Notification{"heardToo", "E", HXValue(1), HXValue("message")}));
-}
-
-TEST_F(SlowLookUp, CallsNobodyWhoUnsubscribedMeanwhile) {
-  memory->raiseEvent("E", HXValue(1));
-  memory->unsubscribeToEvent("E", "far");
-  const kit::CaptureLog log({"HXMemory"});
-  lookUps_->take("far").setValue(found());
-  EXPECT_THAT(far_->values(), IsEmpty());
-  EXPECT_THAT(log.entries(), IsEmpty());
-}
-
 TEST_F(SlowLookUp, ThatFailsEndsTheSubscription) {
   memory->raiseEvent("E", HXValue(1));
   const kit::CaptureLog log({"HXMemory"});
@@ -85,14 +43,6 @@ TEST_F(SlowLookUp, ThatFindsNothingEndsTheSubscription) {
   lookUps_->take("far").setValue(mw::AnyObject());
   EXPECT_THAT(log.texts(), testing::Contains("far not found, removing module reference:This object is null"));
   EXPECT_THAT(subscribers(), IsEmpty());
-}
-
-TEST_F(SlowLookUp, ThatWasCanceledIsTriedAgainByTheNextRaise) {
-  memory->raiseEvent("E", HXValue(1));
-  lookUps_->take("far").setCanceled();
-  memory->raiseEvent("E", HXValue(2));
-  lookUps_->take("far").setValue(found());
-  EXPECT_THAT(far_->values(), ElementsAre(HXValue(2)));
 }
 
 TEST_F(SlowLookUp, IsCanceledWhenTheEventIsRemoved) {

@@ -1,59 +1,13 @@
 #include "events_fixture.h"
 
+#include <latch>
+#include <mutex>
+#include <thread>
+
 namespace HX {
 namespace {
 
 class Subscriptions : public EventsFixture {};
-
-TEST_F(Subscriptions, MakeUnknownEventsWithoutAnnouncingThem) {
-  const auto bookkeeper = subscribed("bookkeeper", Memory::keyAddedKey);
-  memory->subscribeToEvent("E", "M", "cb");
-  memory->subscribeToMicroEvent("U", "M", "", "cb");
-  EXPECT_EQ(memory->getDataType("E"), STMValue::Event);
-  EXPECT_EQ(memory->getDataType("U"), STMValue::MicroEvent);
-  EXPECT_EQ(memory->getData("E"), HXValue());
-  EXPECT_THAT(subscribers(), ElementsAre("M"));
-  EXPECT_THAT(bookkeeper->values(), IsEmpty());
-}
-
-TEST_F(Subscriptions, LeaveTheKindOfAnItemAlone) {
-  memory->insertData("D", 1);
-  memory->subscribeToEvent("D", "M", "cb");
-  EXPECT_EQ(memory->getDataType("D"), STMValue::Data);
-  memory->declareEvent("E");
-  memory->subscribeToMicroEvent("E", "M", "", "cb");
-  EXPECT_EQ(memory->getDataType("E"), STMValue::Event);
-}
-
-TEST_F(Subscriptions, OfOneModuleReplaceEachOther) {
-  const auto m = subscribed("M");
-  memory->raiseEvent("E", HXValue(1));
-  memory->subscribeToEvent("E", "M", "other", "heardToo");
-  EXPECT_THAT(subscribers(), ElementsAre("M"));
-  memory->raiseEvent("E", HXValue(2));
-  ASSERT_EQ(m->notifications().size(), 2U);
-  EXPECT_EQ(m->notifications().back(), (kit::Listener::Notification{"heardToo", "E", HXValue(2), HXValue("other")}));
-}
-
-TEST_F(Subscriptions, ThatAreNotThereCannotBeEnded) {
-  memory->declareEvent("E", "X");
-  const auto end = [this](const char* event) { memory->unsubscribeToEvent(event, "M"); };
-  const auto endMicro = [this](const char* event) { memory->unsubscribeToMicroEvent(event, "M"); };
-  EXPECT_EQ(errorOf([&] { end("E"); }), "HXMemory.UnsubscribeToMicroEvent: M is not subscribed to E");
-  EXPECT_EQ(errorOf([&] { endMicro("E"); }), "HXMemory.UnsubscribeToMicroEvent: M is not subscribed to E");
-  EXPECT_EQ(errorOf([&] { end("nokey"); }), "HXMemory.getData: Data not found nokey");
-  EXPECT_EQ(errorOf([&] { endMicro("nokey"); }), "HXMemory.getData: Data not found nokey");
-  EXPECT_EQ(errorOf([&] { memory->getDataSubscriber("nokey"); }), "HXMemory.getDataSubscriber: Data not found nokey");
-  EXPECT_EQ(memory->xGetSTMValue("nokey"), nullptr);
-}
-
-TEST_F(Subscriptions, GoWithTheItem) {
-  const auto m = subscribed("M");
-  memory->removeEvent("E");
-  memory->raiseEvent("E", HXValue(1));
-  EXPECT_THAT(m->values(), IsEmpty());
-  EXPECT_THAT(subscribers(), IsEmpty());
-}
 
 TEST_F(Subscriptions, ARecordCanBeNamedAnew) {
   STMNotifier record("M", HXValue("message"), "cb");
@@ -77,31 +31,100 @@ TEST_F(Subscriptions, MethodsWithoutEffectSaySo) {
                                                "HXMemory::subscribeOnDataSetSynchronizeResponse is NO-OP"}));
 }
 
-class Events : public EventsFixture {};
-
-TEST_F(Events, KeepAHistoryAndMicroEventsDoNot) {
-  memory->raiseEvent("E", HXValue(1));
-  memory->raiseMicroEvent("E", HXValue(2));
-  memory->raiseEvent("E", HXValue(3));
-  const HXValue history = memory->getEventHistory("E");
-  ASSERT_EQ(history.getSize(), 2U);
-  EXPECT_EQ(history[0][0], HXValue(1));
-  EXPECT_EQ(history[1][0], HXValue(3));
+TEST_F(Subscriptions, LookNobodyUpForAnEventThatNobodyExtracts) {
+  broker->session()->setResolver([](const std::string& name) -> mw::Future<mw::AnyObject> {
+    ADD_FAILURE() << name << " is looked up";
+    return {};
+  });
+  const kit::CaptureLog log({"hxmemory"});
+  for (const char* nobody : {"", "Unknown"}) {
+    memory->declareEvent("E", nobody);
+    memory->subscribeToEvent("E", "M", "cb");
+    memory->unsubscribeToEvent("E", "M");
+  }
+  memory->declareEvent("F");
+  memory->subscribeToEvent("F", "M", "cb");
+  memory->unsubscribeToEvent("F", "M");
+  EXPECT_THAT(log.entries(), IsEmpty());
 }
 
-TEST_F(Events, AreListedUnderTheirExtractor) {
-  memory->declareEvent("b", "X");
-  memory->declareEvent("a", "X");
-  memory->declareEvent("c", "x");
-  memory->declareEvent("d", "");
-  memory->subscribeToEvent("undeclared", "M", "cb");
-  EXPECT_THAT(memory->getExtractorEvent("X"), ElementsAre("a", "b"));
-  EXPECT_THAT(memory->getExtractorEvent("none"), IsEmpty());
-  EXPECT_THAT(memory->getExtractorEvent(""), ElementsAre("d")) << "a subscription alone declares nothing";
-  memory->declareEvent("a", "x");
-  memory->removeMicroEvent("b");
-  EXPECT_THAT(memory->getExtractorEvent("X"), IsEmpty());
-  EXPECT_THAT(memory->getExtractorEvent("x"), ElementsAre("a", "c"));
+TEST_F(Subscriptions, MissTheExtractorOnceWhenTheyEndOnWhatIsNoEvent) {
+  const kit::CaptureLog log({"hxmemory"});
+  memory->insertData("D", 1);
+  memory->subscribeToMicroEvent("D", "M", "", "cb");
+  memory->unsubscribeToEvent("D", "M");
+  EXPECT_THAT(log.entries(),
+              ElementsAre(Entry{mw::LogLevel::Info, "hxmemory", "stopExtractor", "stopExtractor no extractor for D"}));
+  memory->subscribeToEvent("D", "M", "cb");
+  memory->unsubscribeToEvent("D", "M");
+  EXPECT_EQ(log.entries().size(), 1U) << "the subscription has left an entry, which says that there is none";
+}
+
+/// A frame manager that notes the events that boxes leave.
+class Boxes : public EventsFixture {
+ protected:
+  class FrameManager : public mw::DynamicObject {
+   public:
+    explicit FrameManager(std::vector<std::string>& calls) {
+      mw::ObjectBuilder builder;
+      builder.setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+      builder.advertiseMethod(mw::MetaMethodBuilder("_unsubscribeBoxToEvent", {}, {}),
+                              mw::AnyFunction::from([&calls](const std::string& event, const std::string&, bool) {
+                                static std::mutex mutex;
+                                const std::lock_guard lock(mutex);
+                                calls.push_back(event);
+                              }));
+      setType(builder.build());
+    }
+  };
+
+  void offerFrameManager() {
+    broker->session()->registerService("HXFrameManager", mw::AnyObject(std::make_shared<FrameManager>(calls_)));
+  }
+
+  std::vector<std::string> calls_;
+};
+
+TEST_F(Boxes, CannotSubscribeWithoutAFrameManager) {
+  const std::vector<std::pair<std::string, std::function<void()>>> rows{
+      {"xBoxSubscribeToEvent", [this] { memory->subscribeToEvent("E", "_BehaviorBox", "cb"); }},
+      {"xBoxSubscribeToEvent", [this] { memory->subscribeToMicroEvent("E", "_BehaviorBox", "", "cb"); }},
+      {"xBoxUnsubscribeToEvent", [this] { memory->unsubscribeToEvent("E", "_BehaviorBox"); }},
+      {"xBoxUnsubscribeToEvent", [this] { memory->unsubscribeToMicroEvent("E", "_BehaviorBox"); }}};
+  for (const auto& [function, use] : rows) {
+    const kit::CaptureLog log({"hxmemory"});
+    EXPECT_EQ(errorOf(use), "Cannot get frame manager proxy");
+    EXPECT_THAT(log.entries(),
+                ElementsAre(Entry{mw::LogLevel::Error, "hxmemory", function, "Cannot get frame manager proxy"}));
+  }
+}
+
+TEST_F(Boxes, FollowAFrameManagerThatIsReplaced) {
+  offerFrameManager();
+  memory->unsubscribeToEvent("first", "_BehaviorBox");
+  const std::weak_ptr<HXProxy> proxy = broker->getProxy("HXFrameManager");
+  EXPECT_FALSE(proxy.expired());
+  withdraw("HXFrameManager");
+  EXPECT_TRUE(proxy.expired()) << "the memory does not keep it";
+  EXPECT_THROW(memory->unsubscribeToEvent("none", "_BehaviorBox"), std::runtime_error);
+  offerFrameManager();
+  memory->unsubscribeToEvent("second", "_BehaviorBox");
+  EXPECT_THAT(calls_, ElementsAre("first", "second"));
+}
+
+TEST_F(Boxes, AskForTheFrameManagerAllAtOnce) {
+  offerFrameManager();
+  std::latch begin(4);
+  {
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i) {
+      threads.emplace_back([&] {
+        begin.arrive_and_wait();
+        for (int round = 0; round < 100; ++round) memory->unsubscribeToEvent("E", "_BehaviorBox");
+      });
+    }
+  }
+  EXPECT_EQ(calls_.size(), 400U);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <latch>
-#include <map>
 #include <mutex>
 #include <thread>
 
@@ -24,68 +23,7 @@ class ConcurrentStore : public store::StoreFixture {
       });
     }
   }
-
-  /// True when `action` succeeded, false when it failed because the name was absent.
-  static bool unlessAbsent(const std::function<void()>& action) {
-    try {
-      action();
-      return true;
-    } catch (const HXError& error) {
-      EXPECT_THAT(error.message(),
-                  testing::AnyOf(testing::StartsWith("Data not found "), testing::EndsWith(" not found")));
-      return false;
-    }
-  }
-
-  /// Has `count` called with the name at each raise of a bookkeeping event.
-  void follow(const std::string& event, std::function<void(const std::string&)> count) {
-    memory->subscriber(event)->signal.connect(mw::SignalSubscriber(
-        [count = std::move(count)](const HXValue& name) { count(name.asString()); }, mw::MetaCallType::Direct));
-  }
 };
-
-TEST_F(ConcurrentStore, TellsOfEachAdditionAndRemovalOnce) {
-  const std::vector<std::string> keys{"a", "b", "c"};
-  std::mutex mutex;
-  std::map<std::string, int> balance;
-  const auto count = [&](int step) {
-    return [&mutex, &balance, step](const std::string& name) {
-      const std::lock_guard lock(mutex);
-      balance[name] += step;
-    };
-  };
-  follow(Memory::keyAddedKey, count(1));
-  follow(Memory::keyRemovedKey, count(-1));
-
-  std::atomic<int> removals = 0;
-  const auto write = [&] {
-    for (int i = 0; i < kRounds; ++i) {
-      const std::string& key = keys[static_cast<std::size_t>(i) % keys.size()];
-      memory->insertData(key, i);
-      if (unlessAbsent([&] { memory->removeData(key); })) ++removals;
-      if (i % 7 == 0) memory->raiseEvent(key, i);
-    }
-  };
-  const auto read = [&] {
-    for (int i = 0; i < kRounds; ++i) {
-      const std::string& key = keys[static_cast<std::size_t>(i) % keys.size()];
-      unlessAbsent([&] { EXPECT_TRUE(memory->getData(key).isInt()); });
-      unlessAbsent([&] { EXPECT_EQ(memory->getDataTimestamp(key).getSize(), 3U); });
-      unlessAbsent([&] { memory->getEventHistory(key); });
-      unlessAbsent([&] { memory->setDescription(key, std::to_string(i)); });
-      EXPECT_LE(memory->getDataListName().size(), 7U);
-      EXPECT_GE(memory->getDescriptionList({}).getSize(), 4U);
-      memory->getListTyped(STMValue::Data);
-      memory->getEventList();
-    }
-  };
-  together({write, write, read, read});
-
-  EXPECT_GT(removals, 0);
-  for (const std::string& key : keys) {
-    EXPECT_EQ(balance[key], memory->xGetSTMValue(key) ? 1 : 0) << key;
-  }
-}
 
 TEST_F(ConcurrentStore, LeavesAnAddressWhereItIsWhileOthersWriteTheKey) {
   int* const address = memory->getIntPtr("speed");

@@ -16,35 +16,6 @@ class InsertedLists : public store::StoreFixture {
   }
 };
 
-TEST_F(InsertedLists, StoreEachPairWithItsType) {
-  const HXValue nested = HXValue::list({1, HXValue::map({{"x", 2}})});
-  memory->insertListData(HXValue::list({HXValue::list({"int", 1}), HXValue::list({"float", 1.5F, "ignored"}),
-                                        HXValue::list({"list", nested}), HXValue::list({"int", true})}));
-  EXPECT_EQ(memory->getListData(HXValue::list({"int", "float", "list"})), HXValue::list({true, 1.5F, nested}));
-  EXPECT_THAT(added(), ElementsAre("int", "float", "list"));
-}
-
-TEST_F(InsertedLists, ThatHoldNothingChangeNothing) {
-  for (const HXValue& nothing : {HXValue(), HXValue::list(), HXValue(5), HXValue("text")}) {
-    EXPECT_NO_THROW(memory->insertListData(nothing));
-  }
-  EXPECT_THAT(added(), ElementsAre());
-}
-
-TEST_F(InsertedLists, AreStoredUpToTheElementThatIsMalformed) {
-  const HXValue malformed[] = {HXValue::list({"lonely"}), HXValue::list({5, "\n"}), HXValue("text"), HXValue()};
-  const char* const printed[] = {"[\"lonely\"]", "[5, \"\\n\"]", "\"text\"", "null"};
-  for (int i = 0; i < 4; ++i) {
-    testing::internal::CaptureStdout();
-    EXPECT_THROW(memory->insertListData(
-                     HXValue::list({HXValue::list({"before", i}), malformed[i], HXValue::list({"after", i})})),
-                 HXError);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("malformed data : ") + printed[i] + "\n");
-    EXPECT_EQ(memory->getData("before"), HXValue(i));
-  }
-  EXPECT_THAT(added(), ElementsAre("before"));
-}
-
 TEST_F(InsertedLists, EndWhenTheIndexCanCountThem) {
   const HXValue::List elements(65'535, HXValue::list({"key", 1}));
   memory->insertListData(HXValue(elements));

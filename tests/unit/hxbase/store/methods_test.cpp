@@ -44,23 +44,6 @@ TEST_F(BoundMethods, AreDocumentedAsPublished) {
   }
 }
 
-TEST_F(BoundMethods, KeepTheTypeOfWhatIsInserted) {
-  const auto stored = [this](const auto& value) {
-    generic->call("insertData", "key", value);
-    return memory->getData("key");
-  };
-  EXPECT_EQ(stored(5), HXValue(5));
-  EXPECT_EQ(stored(5.5F), HXValue(5.5F));
-  EXPECT_EQ(stored("text"), HXValue("text"));
-  EXPECT_EQ(stored(std::string("text")), HXValue("text"));
-  EXPECT_EQ(stored(true), HXValue(true));
-  EXPECT_EQ(stored(5.0), HXValue(5.0));
-  EXPECT_EQ(stored(std::int64_t{5}), HXValue(std::int64_t{5}));
-  EXPECT_EQ(stored(HXValue::list({1, "a"})), HXValue::list({1, "a"}));
-  EXPECT_EQ(stored(HXValue(7)), HXValue(7));
-  EXPECT_EQ(stored(HXValue()), HXValue());
-}
-
 TEST_F(BoundMethods, AreChosenByTheInsertedType) {
   const auto entry = [this](const auto& value) {
     const std::string key = "key";
@@ -79,26 +62,6 @@ TEST_F(BoundMethods, AreChosenByTheInsertedType) {
   EXPECT_EQ(entry(HXValue::list({1})), 3);
   EXPECT_EQ(entry(HXValue(5)), 0);
   EXPECT_EQ(entry(HXValue("text")), 2);
-}
-
-TEST_F(BoundMethods, AnswerUnderTheirPublishedNames) {
-  generic->call("insertData", "key", 5);
-  EXPECT_EQ(generic->call<HXValue>("getData", "key"), HXValue(5));
-  EXPECT_EQ(generic->call<HXValue>("getData", "key", 99), HXValue(5));
-  EXPECT_EQ(generic->call<int*>("getIntPtr", "key"), memory->getIntPtr("key"));
-  EXPECT_EQ(generic->call<void*>("getDataPtr", "key"), memory->getIntPtr("key"));
-  EXPECT_EQ(*generic->call<float*>("getFloatPtr", "float"), 0.0F);
-  EXPECT_EQ(generic->call<std::string>("getType", "key"), "Data");
-  EXPECT_EQ(generic->call<HXValue>("getTimestamp", "key")[0], HXValue(5));
-  generic->call("_insertObject", "object", HXValue("x"), 1);
-  EXPECT_EQ(memory->getData("object"), HXValue("x"));
-}
-
-TEST_F(BoundMethods, HandErrorsOnWithAllTheirFields) {
-  EXPECT_EQ(store::errorOf([this] { generic->call<HXValue>("getData", "gone"); }, true),
-            (store::Fields{"getData", "Data not found gone", 535}));
-  EXPECT_THROW(generic->call<HXValue>("getData"), std::runtime_error);
-  EXPECT_THROW(generic->call<HXValue>("getData", "key", "no number"), std::runtime_error);
 }
 
 TEST_F(BoundMethods, TimeTheirOwnCost) {

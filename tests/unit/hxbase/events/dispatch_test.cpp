@@ -1,0 +1,91 @@
+#include "events_fixture.h"
+
+#include <functional>
+#include <future>
+
+namespace HX {
+namespace {
+
+class Dispatch : public EventsFixture {};
+
+TEST_F(Dispatch, ErrorsBeyondTheRuntimeFamilyReachTheRaiserAndReleaseTheEvent) {
+  const auto a = subscribed("a");
+  const auto b = subscribed("b");
+  memory->raiseEvent("E", HXValue(0));
+  a->react = [](const auto&) { throw std::logic_error("programming mistake"); };
+  EXPECT_THROW(memory->raiseEvent("E", HXValue(1)), std::logic_error);
+  EXPECT_THAT(b->values(), ElementsAre(HXValue(0)));
+  a->react = [](const auto&) { throw 42; };
+  EXPECT_THROW(memory->raiseEvent("E", HXValue(2)), int);
+
+  std::async(std::launch::async, [this] { memory->subscribeToEvent("E", "c", "heard"); }).get();
+  EXPECT_THAT(subscribers(), ElementsAre("a", "b", "c"));
+}
+
+TEST_F(Dispatch, OnTheFirstNotificationEveryStandardErrorEndsTheSubscription) {
+  const kit::CaptureLog log({"HXMemory"});
+  subscribed("a")->react = [](const auto&) { throw std::logic_error("programming mistake"); };
+  memory->raiseEvent("E", HXValue(1));
+  EXPECT_THAT(subscribers(), IsEmpty());
+  const auto verbose = mw::LogLevel::Verbose;
+  EXPECT_THAT(log.entries(),
+              ElementsAre(Entry{verbose, "HXMemory", "operator()", "notifying module: a for datachange for key: E"},
+                          Entry{verbose, "HXMemory", "operator()",
+                                "a not found, removing module reference:programming mistake"}));
+}
+
+TEST_F(Dispatch, LogsWhomItCallsAndWhomItDrops) {
+  const auto a = subscribed("a");
+  memory->raiseEvent("E", HXValue(1));
+  a->react = [](const auto&) { throw std::runtime_error("tired"); };
+  const kit::CaptureLog log({"HXMemory"});
+  memory->raiseEvent("E", HXValue(2));
+  const auto verbose = mw::LogLevel::Verbose;
+  EXPECT_THAT(log.entries(),
+              ElementsAre(Entry{verbose, "HXMemory", "notify", "notifying module: a for datachange for key: E"},
+                          Entry{verbose, "HXMemory", "notify", "a not found, removing module reference:tired"}));
+}
+
+TEST_F(Dispatch, DropsSubscribersThatLeftOrLackTheMethodOrTakeNoText) {
+  subscribed("left");
+  memory->raiseEvent("E", HXValue(1));
+  withdraw("left");
+  subscribed("right");
+  offer("lacking");
+  memory->subscribeToEvent("E", "lacking", "noSuchMethod");
+  offer("odd");
+  memory->xSubscribeToEvent("E", "odd", HXValue(5), "heard");
+  memory->raiseEvent("E", HXValue(2));
+  EXPECT_THAT(subscribers(), ElementsAre("right"));
+}
+
+TEST_F(Dispatch, SaysWhoWaitsLongForWhom) {
+  std::promise<void> entered;
+  std::promise<void> mayReturn;
+  const auto slow = subscribed("slow");
+  slow->react = [&](const auto& heard) {
+    if (heard.value != HXValue(1)) return;
+    entered.set_value();
+    mayReturn.get_future().wait();
+  };
+  subscribed("other", "F")->react = [this](const auto&) { memory->raiseEvent("E", HXValue(2)); };
+
+  NotifierLock::setPatience(std::chrono::milliseconds(1));
+  const kit::CaptureLog log({"HXMemory"});
+  auto first = std::async(std::launch::async, [this] { memory->raiseEvent("E", HXValue(1)); });
+  entered.get_future().wait();
+  auto second = std::async(std::launch::async, [this] { memory->raiseEvent("F", HXValue(1)); });
+  ASSERT_TRUE(log.waitFor(3)) << "slow is notified, other is notified, and other waits";
+  mayReturn.set_value();
+  first.get();
+  second.get();
+  NotifierLock::setPatience(std::chrono::seconds(5));
+  EXPECT_THAT(log.entries(), testing::Contains(Entry{
+                                 mw::LogLevel::Warning, "HXMemory", "notify",
+                                 "event E has been waited for longer than 1 ms, while it notifies slow; waiting is "
+                                 "other, which was notified of event F"}));
+  EXPECT_THAT(slow->values(), ElementsAre(HXValue(1), HXValue(2)));
+}
+
+}  // namespace
+}  // namespace HX
