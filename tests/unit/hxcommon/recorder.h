@@ -29,6 +29,8 @@ class Recorder : public HX::HXModule {
     bindMethod(this, &Recorder::nap);
     functionName("fail", name, "Fails.");
     bindMethod(this, &Recorder::fail);
+    functionName("leave", name, "Leaves the broker from inside a call.");
+    bindMethod(this, &Recorder::leave);
     if (behaviour_.construct) behaviour_.construct(*this);
   }
   ~Recorder() override { write("destroyed"); }
@@ -44,6 +46,10 @@ class Recorder : public HX::HXModule {
 
   void nap(std::int64_t milliseconds) { sleepFor(std::chrono::milliseconds(milliseconds)); }
   void fail(const std::string& message) { throw HX::HXError(getName(), "fail", message, "recorder.h", 7); }
+  std::string leave() {
+    HXModule::exit();
+    return getName() + " still works";
+  }
 
  private:
   void write(const char* what) {

@@ -4,6 +4,7 @@
 
 #include <hxvalue/json.h>
 
+#include <cmath>
 #include <cstdint>
 #include <limits>
 
@@ -41,10 +42,8 @@ TEST(Json, readsOtherSpellings) {
 }
 
 TEST(Json, printsFloatsAsTheShortestOfTheirPrecisionAndNoNumberAsNull) {
-  EXPECT_EQ(toJson(0.1F), "0.1");
-  EXPECT_EQ(toJson(16777216.0F), "16777216.0");
-  EXPECT_EQ(toJson(std::numeric_limits<float>::quiet_NaN()), "null");
-  EXPECT_EQ(toJson(std::numeric_limits<double>::infinity()), "null");
+  const HXValue floats = HXValue::list({0.1F, 16777216.0F, std::numeric_limits<float>::quiet_NaN(), HUGE_VAL});
+  EXPECT_EQ(toJson(floats), "[0.1,16777216.0,null,null]");
 }
 
 TEST(Json, tellsWhenBytesThatAreNotUtf8WereReplaced) {

@@ -34,8 +34,7 @@ TEST(Order, isByTypeAndThenByContent) {
 TEST(Order, countsBothZerosAsOneAndEveryNanAsOne) {
   EXPECT_EQ(HXValue(0.0), HXValue(-0.0));
   EXPECT_EQ(HXValue(0.0F), HXValue(-0.0F));
-  EXPECT_EQ(HXValue(kNan), HXValue(std::copysign(kNan, -1.0)));
-  EXPECT_LT(HXValue(kInfinity), HXValue(std::copysign(kNan, -1.0)));
+  EXPECT_EQ(HXValue(kNan), HXValue(-kNan));
 }
 
 TEST(Order, ofRandomValuesIsAntisymmetricAndAgreesWithEquality) {
