@@ -45,9 +45,12 @@ std::string commonBeginning(const std::vector<std::string>& words) {
 class LineEditor::Terminal {
  public:
   Terminal(Output& output, int stop, fs::path history, Completer complete)
-      : output_(output), stop_(stop), historyFile_(std::move(history)), complete_(std::move(complete)) {
-    editor_ = el_init("korvo", stdin, stdout, stderr);
-    history_ = history_init();
+      : output_(output),
+        stop_(stop),
+        historyFile_(std::move(history)),
+        complete_(std::move(complete)),
+        editor_(el_init("korvo", stdin, stdout, stderr)),
+        history_(history_init()) {
     if (!editor_ || !history_) throw std::system_error(errno, std::generic_category(), "terminal");
     el_set(editor_, EL_CLIENTDATA, this);
     el_set(editor_, EL_EDITOR, "emacs");
@@ -151,8 +154,8 @@ class LineEditor::Terminal {
   const fs::path historyFile_;
   const Completer complete_;
   Event printed_;
-  EditLine* editor_ = nullptr;
-  History* history_ = nullptr;
+  EditLine* const editor_;
+  History* const history_;
 };
 
 LineEditor::LineEditor(Output& output, int stop, fs::path history, Completer complete)

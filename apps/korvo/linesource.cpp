@@ -44,7 +44,7 @@ bool FileLines::readMore() {
   }
   searched_ = buffer_.size();
   if (waitReadable({stop_, file_}) == 0) return false;
-  std::array<char, 65536> chunk;
+  std::array<char, 65536> chunk;  // NOLINT(cppcoreguidelines-pro-type-member-init): read fills it
   const ssize_t count = read(file_, chunk.data(), chunk.size());
   if (count > 0) {
     buffer_.append(chunk.data(), static_cast<std::size_t>(count));
