@@ -156,8 +156,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   class Greeter final : public remote::ReservedService {
    public:
     Greeter(Session& session, const std::shared_ptr<remote::Link>& link, Lifetime::Token client)
-        : own_(std::make_shared<remote::SessionService>(session, "", link,
-                                                        remote::SessionService::Role::Client)),
+        : own_(std::make_shared<remote::SessionService>(session, "", link, remote::SessionService::Role::Client)),
           session_(session),
           client_(std::move(client)) {}
 

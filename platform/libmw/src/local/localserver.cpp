@@ -43,12 +43,6 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
     socket_ = std::move(socket);
   }
 
-  ~Impl() {
-    if (!lock_) return;
-    ::unlink(files_.socket.c_str());
-    ::unlink(files_.lock.c_str());
-  }
-
   void start() {
     pool_->watch();
     const std::lock_guard lock(mutex_);
@@ -65,6 +59,9 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
       listening_.release();
       links.swap(links_);
     }
+    ::unlink(files_.socket.c_str());
+    ::unlink(files_.lock.c_str());
+    lock_ = local::File();
     for (const auto& [number, link] : links) link->end("the broker shuts down");
     for (const auto& [number, link] : links) link->gone().wait();
   }
@@ -95,8 +92,9 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
       } else if (errno == EAGAIN) {
         return watch();
       } else if (errno != EINTR && errno != ECONNABORTED) {
-        log::error(kCategory, "accept",
-                   fmt::format("broker {} cannot take a connection: {}", name_, std::generic_category().message(errno)));
+        log::error(
+            kCategory, "accept",
+            fmt::format("broker {} cannot take a connection: {}", name_, std::generic_category().message(errno)));
         defaultLoop().post([self = shared_from_this()] { self->watch(); }, kPauseAfterFailure);
         return;
       }
@@ -111,12 +109,12 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
       const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_, pool_);
       const auto link = std::make_shared<remote::Link>(channel, &session_, options_);
       if (const auto number = add(link)) {
-        link->start(std::make_shared<remote::SessionService>(session_, name_, link,
-                                                             remote::SessionService::Role::Broker),
-                    [weak = weak_from_this(), number = *number, peer = link->peer()](const std::string& reason) {
-                      log::verbose(kCategory, "end", fmt::format("{} has left: {}", peer, reason));
-                      if (const auto self = weak.lock()) self->remove(number);
-                    });
+        link->start(
+            std::make_shared<remote::SessionService>(session_, name_, link, remote::SessionService::Role::Broker),
+            [weak = weak_from_this(), number = *number, peer = link->peer()](const std::string& reason) {
+              log::verbose(kCategory, "end", fmt::format("{} has left: {}", peer, reason));
+              if (const auto self = weak.lock()) self->remove(number);
+            });
       }
     } catch (const std::exception& error) {
       log::error(kCategory, "accept", fmt::format("broker {} cannot take a connection: {}", name_, error.what()));
@@ -147,7 +145,7 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
   const LinkOptions options_;
   const std::shared_ptr<detail::ThreadPool> pool_;
   const local::BrokerFiles files_;
-  const local::File lock_;
+  local::File lock_;
   local::File socket_;
 
   mutable std::mutex mutex_;  // Guards everything below.

@@ -182,8 +182,8 @@ void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>
     begin_ += size;
     if (auto work = sink.onFrame(bytes.first(size))) works.push_back(std::move(work));
   }
-  std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_), buffer_.begin() + static_cast<std::ptrdiff_t>(filled_),
-            buffer_.begin());
+  std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
+            buffer_.begin() + static_cast<std::ptrdiff_t>(filled_), buffer_.begin());
   filled_ -= std::exchange(begin_, 0);
   if (filled_ == 0 && buffer_.size() > kKeptBuffer) std::vector<std::byte>(kBufferSize).swap(buffer_);
 }

@@ -35,8 +35,8 @@ class File {
 
 /// A connected Unix-domain socket.
 ///
-/// **Who reads.** One thread at a time holds the reading: a worker of the event loop, when the socket became readable, or
-/// a thread that waits for a message and reads meanwhile. It hands the reading on before anything is done for what
+/// **Who reads.** One thread at a time holds the reading: a worker of the event loop, when the socket became readable,
+/// or a thread that waits for a message and reads meanwhile. It hands the reading on before anything is done for what
 /// came.
 ///
 /// The socket is not given to Asio's reactor itself, which would go on to wake a worker for each message that a waiting

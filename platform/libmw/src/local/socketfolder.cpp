@@ -31,7 +31,8 @@ std::system_error systemError(const std::string& what) {
 }
 
 std::string folderPath() {
-  if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime) return fmt::format("{}/korvo", runtime);
+  if (const char* runtime = std::getenv("XDG_RUNTIME_DIR"); runtime && *runtime)
+    return fmt::format("{}/korvo", runtime);
   const char* temporary = std::getenv("TMPDIR");
   return fmt::format("{}/korvo-{}", temporary && *temporary ? temporary : "/tmp", ::geteuid());
 }

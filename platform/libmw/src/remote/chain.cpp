@@ -27,8 +27,13 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Task = std::function<void()>;
 
+/// A thread that has called and does not wait at once may never do so. What came for it is then done by others.
+constexpr std::chrono::milliseconds kPatience{5};
+
 /// What wakes a thread that waits within a chain: the end of what it waits for, and calls that it is to serve.
-class Inbox final : public detail::Waker {
+///
+/// Calls may come before the thread waits: it has sent, and the answer is a call back. They are kept for it.
+class Inbox final : public detail::Waker, public std::enable_shared_from_this<Inbox> {
  public:
   Inbox() = default;
   Inbox(const Inbox&) = delete;
@@ -45,15 +50,37 @@ class Inbox final : public detail::Waker {
   void put(Task task) {
     const std::lock_guard lock(mutex_);
     tasks_.push_back(std::move(task));
-    wakeLocked();
+    if (waits_ > 0) return wakeLocked();
+    defaultLoop().post(
+        [self = shared_from_this()] {
+          while (const Task late = self->takeUnwaited()) late();
+        },
+        kPatience);
+  }
+
+  void beginWait() {
+    const std::lock_guard lock(mutex_);
+    ++waits_;
+  }
+
+  /// What came last was meant for the thread while it waited: it is done by others when the outermost wait has ended.
+  void endWait() {
+    std::deque<Task> left;
+    {
+      const std::lock_guard lock(mutex_);
+      if (--waits_ == 0) left.swap(tasks_);
+    }
+    for (Task& task : left) defaultLoop().post(std::move(task));
+  }
+
+  Task takeUnwaited() {
+    const std::lock_guard lock(mutex_);
+    return waits_ > 0 ? Task() : takeLocked();
   }
 
   Task take() {
     const std::lock_guard lock(mutex_);
-    if (tasks_.empty()) return {};
-    Task task = std::move(tasks_.front());
-    tasks_.pop_front();
-    return task;
+    return takeLocked();
   }
 
   /// Sleeps until something was put in, or it was woken since `take`.
@@ -87,6 +114,13 @@ class Inbox final : public detail::Waker {
   }
 
  private:
+  Task takeLocked() {
+    if (tasks_.empty()) return {};
+    Task task = std::move(tasks_.front());
+    tasks_.pop_front();
+    return task;
+  }
+
   void wakeLocked() noexcept {
     woken_ = true;
     if (!polling_) {
@@ -101,13 +135,16 @@ class Inbox final : public detail::Waker {
   std::mutex mutex_;  // Guards everything below.
   std::condition_variable condition_;
   std::deque<Task> tasks_;
+  int waits_ = 0;  // inside one another
   bool woken_ = false;
   bool polling_ = false;
   bool signalled_ = false;
   int file_ = -1;
 };
 
-/// Which threads of this process wait within which chain, and where.
+using Place = std::pair<Caller, Domain>;
+
+/// Which threads of this process wait, or are about to, within which chain, and where.
 class Waiters {
  public:
   static Waiters& instance() {
@@ -115,18 +152,16 @@ class Waiters {
     return *the;
   }
 
-  using Place = std::pair<Caller, Domain>;
-
-  void add(const Place& place, Inbox& inbox) {
+  void add(const Place& place, const std::shared_ptr<Inbox>& inbox) {
     const std::lock_guard lock(mutex_);
-    waiting_[place].push_back(&inbox);
+    waiting_[place].push_back(inbox);
   }
 
-  void remove(const Place& place, Inbox& inbox) {
+  void remove(const Place& place, const std::shared_ptr<Inbox>& inbox) {
     const std::lock_guard lock(mutex_);
     const auto found = waiting_.find(place);
     auto& inboxes = found->second;
-    inboxes.erase(std::find(inboxes.rbegin(), inboxes.rend(), &inbox).base() - 1);
+    inboxes.erase(std::find(inboxes.rbegin(), inboxes.rend(), inbox).base() - 1);
     if (inboxes.empty()) waiting_.erase(found);
   }
 
@@ -140,13 +175,28 @@ class Waiters {
 
  private:
   std::mutex mutex_;  // Guards `waiting_`. Outer to the mutex of an inbox.
-  std::map<Place, std::vector<Inbox*>> waiting_;
+  std::map<Place, std::vector<std::shared_ptr<Inbox>>> waiting_;
 };
 
 std::uint32_t nextThread() {
   static std::atomic<std::uint32_t> last{0};
   return ++last;
 }
+
+/// While one lives, calls of a chain are kept for a thread.
+class Expecting {
+ public:
+  Expecting(const Place& place, std::shared_ptr<Inbox> inbox) : place_(place), inbox_(std::move(inbox)) {
+    Waiters::instance().add(place_, inbox_);
+  }
+  Expecting(const Expecting&) = delete;
+  Expecting& operator=(const Expecting&) = delete;
+  ~Expecting() { Waiters::instance().remove(place_, inbox_); }
+
+ private:
+  const Place place_;
+  const std::shared_ptr<Inbox> inbox_;
+};
 
 /// The calling thread as chains see it.
 class ThreadInChains final : public detail::ThreadWait {
@@ -164,53 +214,49 @@ class ThreadInChains final : public detail::ThreadWait {
   Chain chain;  ///< What it works for; its own one while it serves nobody.
   Domain domain = nullptr;
   std::shared_ptr<Channel> awaited;
+  const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
 
   FutureState wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) override;
 
  private:
   void pause(Clock::time_point deadline);
   bool readInstead(Clock::time_point deadline);
-
-  Inbox inbox_;
-  int waits_ = 0;  // inside one another
 };
 
 FutureState ThreadInChains::wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) {
-  if (!state.addWaker(inbox_)) return state.state();
+  if (!state.addWaker(*inbox)) return state.state();
   const auto deadline = timeout >= kInfiniteTimeout ? Clock::time_point::max() : Clock::now() + timeout;
-  const Waiters::Place place{chain.caller, domain};
-  Waiters::instance().add(place, inbox_);
-  ++waits_;
-  while (state.state() == FutureState::Running) {
-    if (const Task task = inbox_.take()) {
-      task();
-      continue;
+  {
+    const Expecting expecting({chain.caller, domain}, inbox);
+    inbox->beginWait();
+    while (state.state() == FutureState::Running) {
+      if (const Task task = inbox->take()) {
+        task();
+        continue;
+      }
+      if (deadline != Clock::time_point::max() && Clock::now() >= deadline) break;
+      pause(deadline);
     }
-    if (Clock::now() >= deadline) break;
-    pause(deadline);
   }
-  state.removeWaker(inbox_);
-  Waiters::instance().remove(place, inbox_);
-  if (--waits_ > 0) return state.state();
-  // What came last was meant for this thread while it waited.
-  while (Task task = inbox_.take()) defaultLoop().post(std::move(task));
+  state.removeWaker(*inbox);
+  inbox->endWait();
   return state.state();
 }
 
 void ThreadInChains::pause(Clock::time_point deadline) {
-  if (!readInstead(deadline)) inbox_.sleep(deadline);
+  if (!readInstead(deadline)) inbox->sleep(deadline);
 }
 
 bool ThreadInChains::readInstead(Clock::time_point deadline) {
   const auto channel = awaited;
   if (!channel || !channel->beginReading()) return false;
-  if (const int file = inbox_.beginPolling(); file >= 0) {
+  if (const int file = inbox->beginPolling(); file >= 0) {
     static constexpr std::chrono::milliseconds kLongest{60'000};
     const auto left = deadline == Clock::time_point::max()
                           ? kLongest
                           : std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     channel->read(file, std::clamp(left, std::chrono::milliseconds(0), kLongest));
-    inbox_.endPolling();
+    inbox->endPolling();
   }
   channel->endReading();
   return true;
@@ -249,10 +295,11 @@ bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task
   return Waiters::instance().put({caller, domain}, task);
 }
 
-void awaitOn(const std::shared_ptr<Channel>& channel, Domain domain) {
+Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain) {
   auto& thread = ThreadInChains::current();
   thread.domain = domain;
   if (thread.awaited != channel) thread.awaited = channel;
+  return std::make_shared<Expecting>(Place{thread.chain.caller, domain}, thread.inbox);
 }
 
 }  // namespace mw::remote

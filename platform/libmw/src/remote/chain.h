@@ -56,13 +56,17 @@ class Serving {
   const Domain outerDomain_;
 };
 
-/// Has the thread that waits within the chain of `caller`, in `domain`, run `task`; the innermost one, when several
-/// wait.
+/// Has the thread that waits, or is about to, within the chain of `caller`, in `domain`, run `task`; the innermost one,
+/// when several wait.
 /// @return False, with `task` untouched, when no thread does.
 bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task);
 
-/// Tells which channel of which domain the calling thread has sent a call on, so that it may read the answer itself, and
-/// is found by calls that come back.
-void awaitOn(const std::shared_ptr<Channel>& channel, Domain domain);
+/// Held from before a call is sent until it is answered: calls of the chain that come meanwhile are kept for the
+/// calling thread.
+using Expectation = std::shared_ptr<const void>;
+
+/// The calling thread is about to send a call on `channel` and to wait for the answer, which it may then read itself.
+/// `chainOfThisThread` comes first.
+Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain);
 
 }  // namespace mw::remote

@@ -22,14 +22,14 @@ struct Format {
   std::uint8_t width;
 };
 constexpr std::array<Format, 32> kFormats{{
-    {Kind::Fixed, 0},     {Kind::Invalid, 0},   {Kind::Fixed, 0},     {Kind::Fixed, 0},   // nil, never used, bools
-    {Kind::Sized, 1},     {Kind::Sized, 2},     {Kind::Sized, 4},                         // bin
-    {Kind::Extension, 1}, {Kind::Extension, 2}, {Kind::Extension, 4},                     // ext
-    {Kind::Fixed, 4},     {Kind::Fixed, 8},                                               // float
-    {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},   // uint
-    {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},   // int
-    {Kind::Fixed, 2},     {Kind::Fixed, 3},     {Kind::Fixed, 5},     {Kind::Fixed, 9},   // fixext, with the type
-    {Kind::Fixed, 17},    {Kind::Sized, 1},     {Kind::Sized, 2},     {Kind::Sized, 4},   // … str
+    {Kind::Fixed, 0},     {Kind::Invalid, 0},   {Kind::Fixed, 0},     {Kind::Fixed, 0},  // nil, never used, bools
+    {Kind::Sized, 1},     {Kind::Sized, 2},     {Kind::Sized, 4},                        // bin
+    {Kind::Extension, 1}, {Kind::Extension, 2}, {Kind::Extension, 4},                    // ext
+    {Kind::Fixed, 4},     {Kind::Fixed, 8},                                              // float
+    {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},  // uint
+    {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},  // int
+    {Kind::Fixed, 2},     {Kind::Fixed, 3},     {Kind::Fixed, 5},     {Kind::Fixed, 9},  // fixext, with the type
+    {Kind::Fixed, 17},    {Kind::Sized, 1},     {Kind::Sized, 2},     {Kind::Sized, 4},  // … str
     {Kind::List, 2},      {Kind::List, 4},      {Kind::Map, 2},       {Kind::Map, 4},
 }};
 
@@ -70,7 +70,8 @@ void FrameSplitter::require(std::uint64_t more) const {
 }
 
 void FrameSplitter::enter(std::uint64_t values) {
-  if (open_.size() >= depthLimit_) throw ProtocolError(fmt::format("lists and maps nested more than {} deep", depthLimit_));
+  if (open_.size() >= depthLimit_)
+    throw ProtocolError(fmt::format("lists and maps nested more than {} deep", depthLimit_));
   open_.push_back(values);
 }
 

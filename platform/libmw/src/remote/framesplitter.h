@@ -45,9 +45,9 @@ class FrameSplitter {
 
   const std::size_t frameLimit_;
   const std::size_t depthLimit_;
-  std::size_t position_ = 0;          // everything before it was walked over; may lie beyond the bytes that are there
-  bool started_ = false;              // a first header was seen
-  std::vector<std::uint64_t> open_;   // how many values each open list or map still lacks
+  std::size_t position_ = 0;         // everything before it was walked over; may lie beyond the bytes that are there
+  bool started_ = false;             // a first header was seen
+  std::vector<std::uint64_t> open_;  // how many values each open list or map still lacks
 };
 
 }  // namespace mw::remote

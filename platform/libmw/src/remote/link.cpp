@@ -202,11 +202,13 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
   std::uint32_t id = 0;
   try {
     const Chain chain = chainOfThisThread();
+    Expectation expectation;
+    if (when == Sending::Now) expectation = expectAnswer(channel_, domain_);
     {
       const std::lock_guard lock(mutex_);
       if (ended_) return Future<AnyValue>::failed(endedError());
       id = ++lastRequest_;
-      pending_.emplace(id, Pending{std::move(promise), returns});
+      pending_.emplace(id, Pending{std::move(promise), returns, std::move(expectation)});
     }
     Bytes frame;
     ObjectTable::Told told;
@@ -221,7 +223,6 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     }
     channel_->send(std::move(frame), when);
     objects_.markTold(told);
-    if (when == Sending::Now) awaitOn(channel_, domain_);
   } catch (...) {
     takePending(id);
     return Future<AnyValue>::failed(std::current_exception());
@@ -280,12 +281,13 @@ Future<SignalLink> Link::connect(std::uint32_t object, unsigned signal, const Si
     const std::lock_guard lock(mutex_);
     if (!ended_) subscriptions_.emplace(link, std::make_shared<Subscription>(subscriber));
   }
-  return ask("korvo.connect", object, signal, link).then([self = shared_from_this(), link](const Future<AnyValue>& done) {
-    if (done.hasValue()) return Future<SignalLink>::ready(link);
-    const std::lock_guard lock(self->mutex_);
-    self->subscriptions_.erase(link);
-    return done.isCanceled() ? Future<SignalLink>::canceled() : Future<SignalLink>::failed(done.exception());
-  });
+  return ask("korvo.connect", object, signal, link)
+      .then([self = shared_from_this(), link](const Future<AnyValue>& done) {
+        if (done.hasValue()) return Future<SignalLink>::ready(link);
+        const std::lock_guard lock(self->mutex_);
+        self->subscriptions_.erase(link);
+        return done.isCanceled() ? Future<SignalLink>::canceled() : Future<SignalLink>::failed(done.exception());
+      });
 }
 
 Future<void> Link::disconnect(SignalLink link) {
@@ -355,6 +357,7 @@ Work Link::onCall(Reader& in, bool isRequest) {
       --count;
     }
   }
+  call->object = leasedTarget(call->target);
   for (; count > 0; --count) call->arguments.push_back(readValue(in));
   if (call->target == kAlive) return {};
   if (call->target == kEmit) return onEmission(std::move(call));
@@ -405,21 +408,25 @@ Work Link::onEmission(const std::shared_ptr<Incoming>& emission) {
 
 // --- Serving --------------------------------------------------------------------------------------------------------
 
+/// The object that "@12.member" is about; empty when there is none, or for other targets.
+AnyObject Link::leasedTarget(std::string_view target) const {
+  if (!target.starts_with('@')) return {};
+  const auto id = numberIn(target.substr(1, target.rfind('.') - 1));
+  return id ? objects_.leased(*id) : AnyObject();
+}
+
 AnyObject Link::targetOf(const Incoming& call, std::string_view& member) const {
   const std::string_view target = call.target;
   const std::size_t dot = target.rfind('.');
-  if (dot == std::string_view::npos) throw std::runtime_error(fmt::format("{}: a method is named SERVICE.METHOD", target));
+  if (dot == std::string_view::npos)
+    throw std::runtime_error(fmt::format("{}: a method is named SERVICE.METHOD", target));
   member = target.substr(dot + 1);
-  if (!target.starts_with('@')) {
-    const std::string service(target.substr(0, dot));
-    AnyObject found = reserved_->find(service);
-    if (!found) throw std::runtime_error(fmt::format("no service named {}", service));
-    return found;
-  }
-  const auto id = numberIn(target.substr(1, dot - 1));
-  AnyObject object = id ? objects_.leased(*id) : AnyObject();
-  if (!object) throw std::runtime_error(fmt::format("there is no object {}", target.substr(0, dot)));
-  return object;
+  if (call.object) return call.object;
+  const std::string name(target.substr(0, dot));
+  if (target.starts_with('@')) throw std::runtime_error(fmt::format("there is no object {}", name));
+  AnyObject found = reserved_->find(name);
+  if (!found) throw std::runtime_error(fmt::format("no service named {}", name));
+  return found;
 }
 
 Future<AnyValue> Link::execute(const Incoming& call) {
@@ -466,9 +473,8 @@ Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view memb
     return Future<AnyValue>::ready(AnyValue());
   }
   if ((method->flags & kSameProcessOnly) != 0) {
-    throw std::runtime_error(
-        fmt::format("{}.{} works only inside the process of {}: its result is an address there", offered.typeName(),
-                    method->name, offered.typeName()));
+    throw std::runtime_error(fmt::format("{}.{} works only inside the process of {}: its result is an address there",
+                                         offered.typeName(), method->name, offered.typeName()));
   }
   return object->metaCall(method->id, arguments);
 }
@@ -481,7 +487,8 @@ void Link::answer(const Incoming& call, const Future<AnyValue>& result, Sending 
     return;
   }
   if (!result.isFinished()) {
-    result.then([self = shared_from_this(), call](const Future<AnyValue>& done) { self->answer(call, done, Sending::Now); });
+    result.then(
+        [self = shared_from_this(), call](const Future<AnyValue>& done) { self->answer(call, done, Sending::Now); });
     return;
   }
   Bytes frame;

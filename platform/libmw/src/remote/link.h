@@ -28,6 +28,8 @@ struct Incoming {
   std::uint32_t id = 0;  ///< Of the request.
   Chain chain;           ///< Without a caller when the peer states none.
   std::string target;
+  /// Of a call on an object: held from its arrival, because what gives the object back may be right behind.
+  AnyObject object;
   std::vector<AnyValue> arguments;
 
   std::vector<AnyReference> references() const;
@@ -106,6 +108,7 @@ class Link final : public ChannelSink, public std::enable_shared_from_this<Link>
   struct Pending {
     Promise<AnyValue> promise;
     bool returns;
+    Expectation expectation;
   };
   class Subscription;
 
@@ -123,6 +126,7 @@ class Link final : public ChannelSink, public std::enable_shared_from_this<Link>
   Work onEmission(const std::shared_ptr<Incoming>& emission);
   Future<AnyValue> execute(const Incoming& call);
   Future<AnyValue> callMember(const AnyObject& object, std::string_view member, const Incoming& call);
+  AnyObject leasedTarget(std::string_view target) const;
   AnyObject targetOf(const Incoming& call, std::string_view& member) const;
   void runStrand(const StrandKey& key);
   void answer(const Incoming& call, const Future<AnyValue>& result, Sending when);
@@ -138,7 +142,7 @@ class Link final : public ChannelSink, public std::enable_shared_from_this<Link>
   OnEnd onEnd_;                                // likewise
   Promise<void> gone_;
 
-  mutable std::mutex mutex_;  // Guards everything below.
+  mutable std::mutex mutex_;          // Guards everything below.
   std::optional<std::string> ended_;  // the reason
   std::uint32_t lastRequest_ = 0;
   std::unordered_map<std::uint32_t, Pending> pending_;

@@ -32,7 +32,7 @@ Fit fitsAny(const HXValue& /*value*/) { return Fit::Variant; }
 
 const TypeInterface* foreignType(const std::string& name, TypeKind kind) {
   using Key = std::tuple<std::string, TypeKind>;
-  static std::mutex mutex;  // Guards `known`.
+  static std::mutex mutex;                                                       // Guards `known`.
   static auto* const known = new std::map<Key, std::unique_ptr<TypeInterface>>;  // Records live as long as the process.
   const std::lock_guard lock(mutex);
   auto& record = (*known)[{name, kind}];
@@ -49,14 +49,25 @@ const TypeInterface* foreignType(const std::string& name, TypeKind kind) {
 }
 
 const TypeInterface* typeNamed(const std::string& name, TypeKind kind) {
-  static const std::array known{
-      typeOf<void>(),        typeOf<bool>(),        typeOf<int>(),
-      typeOf<std::int64_t>(), typeOf<std::uint32_t>(), typeOf<float>(),
-      typeOf<double>(),      typeOf<std::string>(), typeOf<HXValue>(),
-      typeOf<AnyValue>(),    typeOf<AnyObject>(),   typeOf<std::vector<bool>>(),
-      typeOf<std::vector<int>>(), typeOf<std::vector<float>>(), typeOf<std::vector<double>>(),
-      typeOf<std::vector<std::string>>(), typeOf<std::vector<HXValue>>(), typeOf<std::map<std::string, std::string>>(),
-      typeOf<std::map<std::string, HXValue>>()};
+  static const std::array known{typeOf<void>(),
+                                typeOf<bool>(),
+                                typeOf<int>(),
+                                typeOf<std::int64_t>(),
+                                typeOf<std::uint32_t>(),
+                                typeOf<float>(),
+                                typeOf<double>(),
+                                typeOf<std::string>(),
+                                typeOf<HXValue>(),
+                                typeOf<AnyValue>(),
+                                typeOf<AnyObject>(),
+                                typeOf<std::vector<bool>>(),
+                                typeOf<std::vector<int>>(),
+                                typeOf<std::vector<float>>(),
+                                typeOf<std::vector<double>>(),
+                                typeOf<std::vector<std::string>>(),
+                                typeOf<std::vector<HXValue>>(),
+                                typeOf<std::map<std::string, std::string>>(),
+                                typeOf<std::map<std::string, HXValue>>()};
   const auto found = std::ranges::find_if(known, [&](const TypeInterface* type) { return type->name == name; });
   return found != known.end() && (*found)->kind == kind ? *found : foreignType(name, kind);
 }

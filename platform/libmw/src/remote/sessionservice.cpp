@@ -88,7 +88,8 @@ AnyValue SessionService::service(const Arguments& arguments) {
 AnyValue SessionService::services(const Arguments& /*arguments*/) {
   requireBroker("services");
   HXValue::List all;
-  for (const ServiceInfo& info : session_.services()) all.push_back(HXValue::List{static_cast<int>(info.id), info.name});
+  for (const ServiceInfo& info : session_.services())
+    all.push_back(HXValue::List{static_cast<int>(info.id), info.name});
   return AnyValue(HXValue(std::move(all)));
 }
 

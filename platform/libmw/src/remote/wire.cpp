@@ -44,7 +44,8 @@ std::uint64_t Reader::bigEndian(std::size_t width) {
 
 std::uint32_t Reader::list() {
   const std::uint8_t format = peek();
-  if (format < 0x90 || (format > 0x9f && format != 0xdc && format != 0xdd)) throw ProtocolError("no list where one belongs");
+  if (format < 0x90 || (format > 0x9f && format != 0xdc && format != 0xdd))
+    throw ProtocolError("no list where one belongs");
   take(1);
   if (format <= 0x9f) return format & 0x0fU;
   return static_cast<std::uint32_t>(bigEndian(format == 0xdc ? 2 : 4));

@@ -3,12 +3,12 @@
 #include <libmw/local.h>
 #include <libmw/session.h>
 
-#include <gtest/gtest.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
+
+#include <gtest/gtest.h>
 
 namespace mw {
 

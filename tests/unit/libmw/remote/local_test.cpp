@@ -5,11 +5,11 @@
 #include <libmw/objecttypebuilder.h>
 #include <libmw/remoteerror.h>
 
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <functional>
 #include <future>
+
+#include <gmock/gmock.h>
 
 namespace mw {
 namespace {
@@ -20,7 +20,9 @@ using testing::HasSubstr;
 /// A service with the methods that a test gives it.
 class Service : public DynamicObject {
  public:
-  explicit Service(const std::string& name) { builder_.setTypeName(name).setThreadingModel(ObjectThreadingModel::MultiThread); }
+  explicit Service(const std::string& name) {
+    builder_.setTypeName(name).setThreadingModel(ObjectThreadingModel::MultiThread);
+  }
 
   template <class F>
   Service& method(const std::string& name, F function, int flags = 0) {
@@ -49,9 +51,17 @@ TEST_F(JoinedSessions, CarryValuesOfEveryTypeUnchanged) {
   const AnyObject echo = lookUp(client, "Echo");
   HXValue::Map map;
   map["k"] = HXValue(HXValue::List{1, 2.5, "x"});
-  const std::vector<HXValue> values{
-      HXValue(),     true,          1, std::int64_t{1}, 1.0F, 2.0, "text", HXValue::binary(std::vector<std::byte>(70000)),
-      HXValue(map), HXValue(HXValue::List{}), std::string(300000, 'x')};
+  const std::vector<HXValue> values{HXValue(),
+                                    true,
+                                    1,
+                                    std::int64_t{1},
+                                    1.0F,
+                                    2.0,
+                                    "text",
+                                    HXValue::binary(std::vector<std::byte>(70000)),
+                                    HXValue(map),
+                                    HXValue(HXValue::List{}),
+                                    std::string(300000, 'x')};
   for (const HXValue& value : values) {
     const auto back = echo->call<HXValue>("echo", value);
     EXPECT_EQ(back.getType(), value.getType());
@@ -82,7 +92,8 @@ TEST_F(JoinedSessions, CarryErrorsOfTheirFamily) {
                                     .method("runtime", [] { throw std::out_of_range("far"); })
                                     .method("plain", [] { throw std::runtime_error("near"); })
                                     .method("odd", [] { throw Odd(); })
-                                    .method("pointer", [] { return static_cast<int*>(nullptr); }, kSameProcessOnly)
+                                    .method(
+                                        "pointer", [] { return static_cast<int*>(nullptr); }, kSameProcessOnly)
                                     .build());
   const AnyObject bad = lookUp(client, "Bad");
   try {
@@ -105,8 +116,7 @@ TEST_F(JoinedSessions, CarryErrorsOfTheirFamily) {
 
 TEST_F(JoinedSessions, OfferTheirServicesToEachOtherAndTellOfThem) {
   std::promise<std::string> told;
-  client.serviceRegistered.connect(
-      SignalSubscriber([&](ServiceId, const std::string& name) { told.set_value(name); }));
+  client.serviceRegistered.connect(SignalSubscriber([&](ServiceId, const std::string& name) { told.set_value(name); }));
   broker.registerService("Head", makeService("Head")->method("nod", [] { return 1; }).build());
   EXPECT_EQ(told.get_future().get(), "Head");
   client.serviceRegistered.disconnectAll();
