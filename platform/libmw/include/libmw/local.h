@@ -76,8 +76,8 @@ class HX_API LocalServer {
 
 /// Joins the session of a broker.
 ///
-/// When the connection is lost, the session tells so (`Session::connectionLost`), calls fail, and the client tries again
-/// with growing pauses, up to two seconds. Once it is back, it offers the services of its session again, handles
+/// When the connection is lost, the session tells so (`Session::connectionLost`), calls fail, and the client tries
+/// again with growing pauses, up to two seconds. Once it is back, it offers the services of its session again, handles
 /// on services that it finds again work again with their signal connections, and the session tells that too
 /// (`Session::connectionRestored`). What else the broker knew of this process, its subscriptions in the memory for
 /// instance, went with the connection: state it anew then.

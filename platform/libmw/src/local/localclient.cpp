@@ -1,4 +1,4 @@
-#include "../remote/remoteobject.h"
+#include "../remote/remoteservice.h"
 #include "../remote/sessionservice.h"
 #include "socketchannel.h"
 #include "socketfolder.h"
@@ -78,8 +78,8 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   }
 
   Future<AnyObject> find(const std::string& name) override {
-    return link()->ask("korvo.service", name).andThen([](const AnyValue& found) {
-      return found.getIf<AnyObject>() ? *found.getIf<AnyObject>() : AnyObject();
+    return link()->ask("korvo.service", name).andThen([self = shared_from_this(), name](const AnyValue& found) {
+      return found.getIf<AnyObject>() ? self->services_.handle(name, *found.getIf<AnyObject>()) : AnyObject();
     });
   }
 
@@ -229,6 +229,10 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
       return retryAfter(std::min(2 * pause, kLongestPause));
     }
     offerAgain();
+    services_.bindAll([this](const std::string& name) {
+      const AnyValue found = link()->ask("korvo.service", name).take(kGreetingTimeout);
+      return found.getIf<AnyObject>() ? *found.getIf<AnyObject>() : AnyObject();
+    });
     log::info(kCategory, "retry", fmt::format("the connection to broker {} is back", broker_));
     session_.connectionRestored();
   }
@@ -253,6 +257,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   const std::shared_ptr<detail::ThreadPool> pool_;
   const std::string broker_;
   const local::BrokerFiles files_;
+  remote::RemoteServices services_;
   Lifetime lifetime_;  // around every use of the session that the owner does not wait for otherwise
 
   mutable std::mutex mutex_;  // Guards everything below.

@@ -3,6 +3,7 @@
 #include "link.h"
 #include "metacodec.h"
 #include "remoteobject.h"
+#include "remoteservice.h"
 
 #include <hxvalue/msgpack.h>
 
@@ -40,8 +41,10 @@ std::uint32_t ObjectTable::lease(const AnyObject& object) {
   return known->second;
 }
 
-void ObjectTable::write(Writer& out, const AnyObject& object, const Link& link, Told& told) {
-  if (!object) return out.nil();
+void ObjectTable::write(Writer& out, const AnyObject& given, const Link& link, Told& told) {
+  if (!given) return out.nil();
+  const auto* service = dynamic_cast<const RemoteService*>(given.pointer().get());
+  const AnyObject object = service ? service->target() : given;
   Bytes content;
   Writer writer(content);
   writer.list(4);

@@ -245,6 +245,27 @@ TEST_F(JoinedSessions, FailPendingCallsWhenThePeerGoesAndComeBackWithIt) {
   EXPECT_EQ(lookUp(broker, "Mine")->call<int>("one"), 1);
 }
 
+TEST_F(JoinedSessions, KeepServicesInUseAcrossARestart) {
+  Signal<int> ticked;
+  const auto clock = makeService("Clock")->method("now", [] { return 7; }).signal("ticked", ticked).build();
+  broker.registerService("Clock", clock);
+  const AnyObject held = lookUp(client, "Clock");
+  EXPECT_EQ(held, lookUp(client, "Clock"));
+  std::promise<int> tick;
+  const SignalLink link =
+      held->connect("ticked", SignalSubscriber([&](int value) { tick.set_value(value); })).take();
+  std::promise<void> restored;
+  client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
+  server.reset();
+  server.emplace(broker, "torso");
+  restored.get_future().get();
+  EXPECT_EQ(held->call<int>("now"), 7);
+  ticked(3);
+  EXPECT_EQ(tick.get_future().get(), 3);
+  held->disconnect(link).value();
+  EXPECT_FALSE(ticked.hasSubscribers());
+}
+
 TEST_F(JoinedSessions, ServeOneBrokerOfAName) {
   Session other;
   EXPECT_THROW(LocalServer(other, "torso"), std::runtime_error);
