@@ -63,11 +63,12 @@ void raiseToSubscribers(benchmark::State& state) {
     memory.subscribeToEvent(event, name, "hear");
   }
   measure(state, event, static_cast<std::uint64_t>(count), listener("Listener0000").heard);
-  state.SetLabel(fmt::format("control=controlSignals2/{}", count));
+  // With a thousand the records no longer fit the first cache, which theirs just do.
+  state.SetLabel(fmt::format("control=controlSignals2/{}{}", count, count < 1000 ? " aim=3" : ""));
 }
 
 void controlSignals2(benchmark::State& state) {
-  std::thread([] {}).join();  // See memory_paths.cpp: a process that has been alone is not charged for its locks.
+  std::thread([] {}).join();  // A process that has always been alone is not charged for its locks.
   boost::signals2::signal<void(const std::string&, const HXValue&, const std::string&)> signal;
   std::uint64_t heard = 0;
   for (int i = 0; i < state.range(0); ++i) {
@@ -77,7 +78,8 @@ void controlSignals2(benchmark::State& state) {
   const std::string message;
   const HXValue value(1);
   for (auto _ : state) signal(event, value, message);
-  if (heard == 0) state.SkipWithError("nothing was delivered");
+  if (heard != static_cast<std::uint64_t>(state.iterations() * state.range(0)))
+    state.SkipWithError("nothing was delivered");
 }
 
 // Each of four events makes its subscriber raise the next; the last one is heard.

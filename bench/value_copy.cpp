@@ -18,6 +18,8 @@ void copyBinary(benchmark::State& state) {
     HXValue copy(original);
     benchmark::DoNotOptimize(copy);
   }
+  if (HXValue(original) != binaryOf(state)) state.SkipWithError("the copy differs");
+  if (state.range(0) > 4) state.SetLabel("control=copyBinary/4 aim=1.1");
 }
 BENCHMARK(copyBinary)->Arg(4)->Arg(4 << 10)->Arg(4 << 20);
 

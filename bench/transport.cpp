@@ -1,0 +1,190 @@
+// Calls into another process, against a bare echo of the same bytes and, where it is installed (bench/peers), Redis.
+
+#include "socket_peer.h"
+
+#include <hxcommon/hxproxy.h>
+#include <libmw/local.h>
+#include <libmw/session.h>
+
+#include <deque>
+#include <memory>
+
+#include <benchmark/benchmark.h>
+
+namespace {
+
+using bench::Child;
+using bench::Latencies;
+using bench::PlainSocket;
+using HX::HXProxy;
+using HX::HXValue;
+
+/// As long as a request for a key and its answer are on the wire.
+constexpr std::size_t kMessage = 48;
+constexpr std::size_t kLarge = std::size_t{1} << 20;
+constexpr int kInFlight = 64;
+
+std::string peerProgram() {
+  return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bench_transport_peer";
+}
+
+/// The process that holds the memory, joined.
+struct Broker {
+  Broker() {
+    bench::socketFolder();
+    child = std::make_unique<Child>(std::vector<std::string>{peerProgram(), "broker"});
+    for (int i = 0; !client; ++i) {
+      try {
+        client = std::make_unique<mw::LocalClient>(session, "bench");
+      } catch (const mw::NoBrokerError&) {
+        if (i == 500) throw;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+    }
+    memory = std::make_unique<HXProxy>(session.service("HXMemory").take(), "HXMemory");
+    memory->call("insertData", "key", 42);
+    memory->call("insertData", "large", HXValue::binary(std::vector<std::byte>(kLarge)));
+  }
+  static Broker& instance() {
+    static Broker the;
+    return the;
+  }
+
+  std::unique_ptr<Child> child;
+  mw::Session session;
+  std::unique_ptr<mw::LocalClient> client;
+  std::unique_ptr<HXProxy> memory;
+};
+
+struct Echo {
+  static PlainSocket& instance() {
+    static const std::string path = bench::socketFolder() + "/echo";
+    static const Child child({peerProgram(), "echo", path});
+    static PlainSocket socket(path);
+    return socket;
+  }
+};
+
+/// Redis, by the text protocol that it speaks.
+class Redis {
+ public:
+  static bool isInstalled() { return std::filesystem::exists("/usr/bin/redis-server"); }
+  static Redis& instance() {
+    static const std::string path = bench::socketFolder() + "/redis";
+    static const Child child({"redis-server", "--port", "0", "--unixsocket", path, "--save", "", "--loglevel", "warning"});
+    static Redis redis(path);
+    redis.call("*3\r\n$3\r\nSET\r\n$3\r\nkey\r\n$2\r\n42\r\n", 5);
+    return redis;
+  }
+  explicit Redis(const std::string& path) : socket_(path) {}
+
+  std::string call(std::string_view request, std::size_t answer) {
+    socket_.send(request);
+    std::string bytes(answer, ' ');
+    socket_.receive(bytes);
+    return bytes;
+  }
+
+ private:
+  PlainSocket socket_;
+};
+
+constexpr std::string_view kRedisGet = "*2\r\n$3\r\nGET\r\n$3\r\nkey\r\n";
+constexpr std::string_view kRedisAnswer = "$2\r\n42\r\n";
+
+template <class Action>
+void runRoundTrips(benchmark::State& state, Action&& action) {
+  for (int i = 0; i < 100; ++i) action();
+  Latencies latencies;
+  for (auto _ : state) {
+    latencies.measure([&] {
+      if (!action()) state.SkipWithError("a wrong answer");
+    });
+  }
+  latencies.report(state);
+}
+
+void echo(benchmark::State& state) {
+  auto& peer = Echo::instance();
+  const std::string sent(kMessage, 'x');
+  std::string received(kMessage, ' ');
+  runRoundTrips(state, [&] {
+    peer.send(sent);
+    peer.receive(received);
+    return received == sent;
+  });
+}
+
+void getFromProcess(benchmark::State& state) {
+  auto& memory = *Broker::instance().memory;
+  runRoundTrips(state, [&] { return memory.call<HXValue>("getData", "key") == HXValue(42); });
+  state.SetLabel("control=echo/real_time aim=1.6");
+}
+
+void getFromRedis(benchmark::State& state) {
+  auto& redis = Redis::instance();
+  runRoundTrips(state, [&] { return redis.call(kRedisGet, kRedisAnswer.size()) == kRedisAnswer; });
+  state.SetLabel("control=echo/real_time");
+}
+
+void pipelinedRedis(benchmark::State& state) {
+  auto& redis = Redis::instance();
+  std::string requests;
+  for (int i = 0; i < kInFlight; ++i) requests += kRedisGet;
+  for (auto _ : state) {
+    if (!redis.call(requests, kInFlight * kRedisAnswer.size()).ends_with(kRedisAnswer)) {
+      state.SkipWithError("a wrong answer");
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kInFlight);
+}
+
+void pipelinedGet(benchmark::State& state) {
+  const auto& memory = Broker::instance().memory->asObject();
+  std::deque<mw::Future<mw::AnyValue>> flying;
+  for (auto _ : state) {
+    for (int i = 0; i < kInFlight; ++i) flying.push_back(memory->async("getData", "key"));
+    for (; !flying.empty(); flying.pop_front()) {
+      if (std::move(flying.front()).take().take<HXValue>() != HXValue(42)) state.SkipWithError("a wrong answer");
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kInFlight);
+  if (Redis::isInstalled()) state.SetLabel("control=pipelinedRedis/real_time aim=2");
+}
+
+void echoLarge(benchmark::State& state) {
+  auto& peer = Echo::instance();
+  const std::string sent(kLarge, 'x');
+  std::string received(kLarge, ' ');
+  for (auto _ : state) {
+    // The echo answers while it still receives: one thread that did both in turn would fill the socket.
+    std::thread sender([&] { peer.send(sent); });
+    peer.receive(received);
+    sender.join();
+  }
+}
+
+void storeAndGetLarge(benchmark::State& state) {
+  auto& memory = *Broker::instance().memory;
+  const auto large = HXValue::binary(std::vector<std::byte>(kLarge));
+  for (auto _ : state) {
+    memory.call("insertData", "large", large);
+    if (memory.call<HXValue>("getData", "large").getSize() != kLarge) state.SkipWithError("a wrong answer");
+  }
+  state.SetLabel("control=echoLarge/real_time aim=2");
+}
+
+BENCHMARK(echo)->UseRealTime();
+BENCHMARK(getFromProcess)->UseRealTime();
+BENCHMARK(pipelinedGet)->UseRealTime();
+BENCHMARK(echoLarge)->UseRealTime();
+BENCHMARK(storeAndGetLarge)->UseRealTime();
+
+[[maybe_unused]] const bool withRedis = [] {
+  if (!Redis::isInstalled()) return false;
+  benchmark::RegisterBenchmark("getFromRedis", getFromRedis)->UseRealTime();
+  benchmark::RegisterBenchmark("pipelinedRedis", pipelinedRedis)->UseRealTime();
+  return true;
+}();
+
+}  // namespace
