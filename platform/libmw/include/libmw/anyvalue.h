@@ -179,13 +179,14 @@ class HX_API AnyValue {  // NOLINT(cppcoreguidelines-pro-type-member-init): see 
   void destroy() noexcept;
   /// Into an empty one.
   void take(AnyValue& other) noexcept {
-    if (!other.type_) return;
-    if (!other.type_->movesAsBytes) {
+    // Most results are values. Moved here, they need no call through the type; and one that was moved from is invalid,
+    // which needs no destruction.
+    if (auto* value = other.getIf<HX::HXValue>()) {
+      new (storage_.data()) HX::HXValue(std::move(*value));
+      type_ = std::exchange(other.type_, nullptr);
+    } else if (other.type_) {
       moveFrom(other);
-      return;
     }
-    storage_ = other.storage_;
-    type_ = std::exchange(other.type_, nullptr);
   }
   void moveFrom(AnyValue& other) noexcept;
 

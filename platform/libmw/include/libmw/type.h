@@ -58,8 +58,7 @@ struct TypeInterface {
   TypeKind kind;
   std::size_t size;
   std::size_t alignment;
-  bool fitsInline;    ///< May live inside an AnyValue rather than on the heap.
-  bool movesAsBytes;  ///< An AnyValue that holds one is moved by copying its bytes and forgetting the original.
+  bool fitsInline;  ///< May live inside an AnyValue rather than on the heap.
 
   void (*copy)(void* to, const void* from);  ///< Null for types that cannot be copied.
   void (*move)(void* to, void* from);        ///< Null for types that cannot be moved either.
@@ -121,11 +120,6 @@ template <class T>
 inline constexpr bool kFitsInline = sizeof(T) <= kInlineSize &&
                                     alignof(T) <= alignof(void*) && std::is_nothrow_move_constructible_v<T>;
 
-/// Whether an object may be moved by copying its bytes, without a word to either place. True of values too, which are a
-/// number or a pointer and know no address of their own; and they are what most calls return.
-template <class T>
-inline constexpr bool kMovesAsBytes = std::is_trivially_copyable_v<T> || std::is_same_v<T, HX::HXValue>;
-
 template <class T>
 concept ConvertsToValue = requires(const T& from, HX::HXValue& out) {
   TypeTraits<T>::toValue(from, out);
@@ -153,7 +147,6 @@ const TypeInterface* makeType() {
     type.size = sizeof(T);
     type.alignment = alignof(T);
     type.fitsInline = kFitsInline<T>;
-    type.movesAsBytes = !kFitsInline<T> || kMovesAsBytes<T>;
     if constexpr (std::is_copy_constructible_v<T>) {
       type.copy = [](void* to, const void* from) { new (to) T(*static_cast<const T*>(from)); };
     }

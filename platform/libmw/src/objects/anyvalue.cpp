@@ -38,6 +38,7 @@ AnyValue AnyReference::convert(const TypeInterface* target) const {
 }
 
 Fit AnyReference::fit(const TypeInterface* target) const {
+  if (type_ == target && target->kind < TypeKind::Value) return Fit::Exact;  // Most arguments of most calls.
   const AnyReference from = content();
   if (target->kind == TypeKind::Dynamic) return Fit::Variant;
   if (!from) return Fit::None;
@@ -80,9 +81,15 @@ void AnyValue::release(const TypeInterface* type) noexcept {
 }
 
 void AnyValue::moveFrom(AnyValue& other) noexcept {
-  other.type_->move(storage_.data(), other.storage_.data());
-  type_ = other.type_;
-  other.destroy();
+  const TypeInterface* type = other.type_;
+  if (type->fitsInline) {
+    type->move(storage_.data(), other.storage_.data());
+    other.destroy();
+  } else {
+    storage_ = other.storage_;
+    other.type_ = nullptr;
+  }
+  type_ = type;
 }
 
 std::string_view detail::textArgument(const char* text) {
