@@ -95,7 +95,10 @@ TEST_F(Brokers, ShutDownWhateverTheirModulesDo) {
   make("throws 1", {.exit = [] { throw 1; }});
   make("stays", {.exitLeavesBroker = false});
   make("recurses", {.exit = [&] { broker->shutdown(); }});
-  make("registers", {.exit = [&] { EXPECT_THAT(errorOf([&] { make("too late"); }), HasSubstr("too late")); }});
+  make("registers", {.exit = [&] {
+         EXPECT_THAT(errorOf([&] { make("too late"); }), HasSubstr("too late"));
+         EXPECT_EQ(broker->getProxy("too late"), nullptr);
+       }});
   const auto held = make("held");
   broker->shutdown();
   EXPECT_THAT(broker->modules(), ElementsAre());

@@ -46,8 +46,9 @@ TEST(Slot, storesOnlyWhatHasTheTypeThatIsThere) {
   for (HXValue value : {HXValue(true), HXValue(1), HXValue(1L), HXValue(1.0F), HXValue(1.0)}) {
     EXPECT_EQ(value.getPtrValue(), static_cast<void*>(&value));
     const HXValue before = value;
-    errorOf([&] { value.storeScalar("text"); });
-    errorOf([&] { value.storeScalar({}); });
+    for (const HXValue& other : {HXValue("text"), HXValue(), before.isInt() ? HXValue(1.5F) : HXValue(7)}) {
+      errorOf([&] { value.storeScalar(other); });
+    }
     EXPECT_EQ(value, before);
     value.storeScalar(before);
     EXPECT_EQ(value.loadScalar(), before);
