@@ -85,7 +85,14 @@ std::string_view Arguments::takeJson(const char* what) {
   return json;
 }
 
+std::string Arguments::takeShellWord(const char* what) {
+  if (atEnd()) throw InputError(fmt::format("{} is missing", what));
+  requireText(words_[next_], what);
+  return words_[next_++];
+}
+
 std::string Arguments::word(const char* what) {
+  if (isSplit_) return takeShellWord(what);
   if (!atEnd() && rest_[0] == '"') return parse(takeJson(what), what).asString();
   if (atEnd()) throw InputError(fmt::format("{} is missing", what));
   std::string bare(rest_.substr(0, wordExtent(rest_)));
@@ -94,7 +101,9 @@ std::string Arguments::word(const char* what) {
   return bare;
 }
 
-HXValue Arguments::json(const char* what) { return parse(takeJson(what), what); }
+HXValue Arguments::json(const char* what) {
+  return isSplit_ ? parse(takeShellWord(what), what) : parse(takeJson(what), what);
+}
 
 std::vector<std::string> Arguments::words(const char* what) {
   std::vector<std::string> all;
@@ -109,14 +118,32 @@ std::vector<HXValue> Arguments::jsons(const char* what) {
 }
 
 bool Arguments::takeFlag(std::string_view flag) {
-  if (rest_.substr(0, wordExtent(rest_)) != flag) return false;
-  rest_.remove_prefix(flag.size());
+  return isSplit_ ? std::ranges::count(flags_, flag) > 0 : takeBare(flag);
+}
+
+bool Arguments::takeBare(std::string_view word) {
+  if (atEnd()) return false;
+  if (isSplit_) {
+    if (words_[next_] != word) return false;
+    ++next_;
+    return true;
+  }
+  if (rest_.substr(0, wordExtent(rest_)) != word) return false;
+  rest_.remove_prefix(word.size());
   skipBlanks();
   return true;
 }
 
 void Arguments::end() const {
-  if (!atEnd()) throw InputError(fmt::format("unexpected text: {}", excerpt(rest_)));
+  if (atEnd()) return;
+  throw InputError(fmt::format("unexpected text: {}", excerpt(isSplit_ ? words_[next_] : rest_)));
+}
+
+void requireText(std::string_view text, const char* what) {
+  if (const auto at = text.find('\0'); at != std::string_view::npos) {
+    throw InputError(fmt::format("{} has a NUL character at byte {}", what, at + 1));
+  }
+  if (HX::toJsonText(text).replaced) throw InputError(fmt::format("{} is not UTF-8 text", what));
 }
 
 }  // namespace korvo

@@ -11,6 +11,13 @@
 namespace korvo {
 namespace {
 
+/// A shell needs quotes around JSON, the console has no use for them.
+std::string consoleExample(const Command& command) {
+  std::string example(command.example);
+  std::erase(example, '\'');
+  return example;
+}
+
 void listCommands(Output& output) {
   for (const Command& command : commands()) output.line(fmt::format("{:<34}{}", synopsis(command), command.summary));
   output.line("");
@@ -29,6 +36,7 @@ void describeCommand(Output& output, const std::string& name) {
     output.line(fmt::format("  {}", rest.substr(0, end)));
     rest.remove_prefix(std::min(end + 1, rest.size()));
   }
+  output.line(fmt::format("  Example: {}", consoleExample(*command)));
 }
 
 void help(Context& context, Arguments& arguments) {
@@ -38,14 +46,16 @@ void help(Context& context, Arguments& arguments) {
   describeCommand(context.output, name);
 }
 
-constexpr std::array kHelp{Command{"help", "[COMMAND]", "Lists the commands, or tells more of one.", "", help}};
+constexpr std::array kHelp{
+    Command{"help", "[COMMAND]", "Lists the commands, or tells more of one.", "", "help get", help, {}, Use::Console}};
 
 }  // namespace
 
 const std::vector<Command>& commands() {
   static const std::vector<Command> all = [] {
     std::vector<Command> joined;
-    for (const auto group : {valueCommands(), eventCommands(), serviceCommands(), std::span<const Command>(kHelp)}) {
+    for (const auto group :
+         {valueCommands(), eventCommands(), serviceCommands(), transferCommands(), std::span<const Command>(kHelp)}) {
       joined.insert(joined.end(), group.begin(), group.end());
     }
     return joined;

@@ -8,6 +8,7 @@
 namespace korvo {
 
 class Arguments;
+class LineSource;
 class Output;
 class Target;
 class Watches;
@@ -17,22 +18,41 @@ struct Context {
   Target& target;
   Output& output;
   Watches& watches;
+  LineSource* input = nullptr;  ///< What `-` stands for among the arguments; null for a console, which reads it itself.
 };
 
-/// One command of the console. It reads its arguments to the end of the line before it does anything, prints its result
-/// on the context's output, and throws what went wrong.
+/// A word that changes what a command does: "--json".
+struct Flag {
+  std::string_view name;
+  std::string_view summary;
+};
+
+/// Where a command is of use.
+enum class Use {
+  Everywhere,
+  Console,  ///< Only among other lines.
+  Lasting,  ///< Everywhere; as a program of its own it goes on until it is interrupted.
+};
+
+/// One command, of the console and of the command line alike. It reads its arguments to their end before it does
+/// anything, prints its result on the context's output, and throws what went wrong.
 struct Command {
   std::string_view name;
   std::string_view arguments;  ///< As in the synopsis: "KEY [TEXT]".
   std::string_view summary;    ///< One line.
   std::string_view details;    ///< More lines, or none.
+  std::string_view
+      example;  ///< What follows `korvo` in a shell; without its single quotes it is a line of the console.
   void (*run)(Context& context, Arguments& arguments);
+  std::span<const Flag> flags = {};
+  Use use = Use::Everywhere;
 };
 
 // The commands by what they are about, each group in a source of its own name.
 std::span<const Command> valueCommands();
 std::span<const Command> eventCommands();
 std::span<const Command> serviceCommands();
+std::span<const Command> transferCommands();
 
 /// All of them, `help` included, in the order in which help lists them.
 const std::vector<Command>& commands();
@@ -40,5 +60,8 @@ const std::vector<Command>& commands();
 const Command* findCommand(std::string_view name);
 /// "set KEY JSON"
 std::string synopsis(const Command& command);
+
+/// What most commands that print something offer.
+inline constexpr Flag kJsonFlag[] = {{"--json", "Print each result as one object of JSON, a line each"}};
 
 }  // namespace korvo

@@ -5,8 +5,6 @@
 #include "output.h"
 #include "target.h"
 
-#include <hxvalue/json.h>
-
 #include <algorithm>
 #include <stdexcept>
 
@@ -14,13 +12,6 @@
 
 namespace korvo {
 namespace {
-
-void requireText(std::string_view line) {
-  if (const auto at = line.find('\0'); at != std::string_view::npos) {
-    throw InputError(fmt::format("the line has a NUL character at byte {}", at + 1));
-  }
-  if (HX::toJsonText(line).replaced) throw InputError("the line is not UTF-8 text");
-}
 
 std::string_view withoutLineEnd(std::string_view line) {
   if (line.ends_with('\r')) line.remove_suffix(1);
@@ -52,7 +43,7 @@ void Console::execute(std::string_view line) noexcept {
 }
 
 void Console::dispatch(std::string_view line) {
-  requireText(line);
+  requireText(line, "the line");
   Arguments arguments(line);
   if (arguments.atEnd()) return;
   const std::string name = arguments.word("COMMAND");

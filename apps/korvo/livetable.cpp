@@ -1,15 +1,9 @@
 #include "livetable.h"
 
-#include "format.h"
-
-#include <hxcommon/hxproxy.h>
-#include <hxerror/hxerror.h>
 #include <hxvalue/json.h>
-#include <libmw/future.h>
 
 #include <algorithm>
-#include <stdexcept>
-#include <utility>
+#include <array>
 
 #include <fmt/format.h>
 
@@ -46,23 +40,6 @@ std::string withoutControls(std::string_view text) {
 
 }  // namespace
 
-std::vector<LiveRow> readRows(const HX::HXProxy& memory, std::span<const std::string> keys, mw::SystemTimePoint now) {
-  const mw::AnyObject object = memory.asObject();
-  std::vector<std::pair<mw::Future<mw::AnyValue>, mw::Future<mw::AnyValue>>> answers;
-  answers.reserve(keys.size());
-  for (const auto& key : keys) answers.emplace_back(object->async("getType", key), object->async("getTimestamp", key));
-  std::vector<LiveRow> rows;
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    try {
-      auto kind = std::move(answers[i].first).take().take<std::string>();
-      const Stamped stamped = toStamped(std::move(answers[i].second).take().take<HX::HXValue>());
-      rows.push_back({keys[i], std::move(kind), HX::toJson(stamped.value), now - stamped.time});
-    } catch (const HX::HXError&) {  // Removed since the keys were listed.
-    }
-  }
-  return rows;
-}
-
 std::string formatAge(std::chrono::nanoseconds age) {
   using namespace std::chrono;
   const double sec = std::max(0.0, duration<double>(age).count());
@@ -84,20 +61,52 @@ std::string fit(std::string_view text, std::size_t width) {
   return shown.substr(0, end) + "…";
 }
 
-std::vector<std::string> drawTable(std::span<const LiveRow> rows, std::size_t width) {
+std::string formatRate(std::optional<double> rate) {
+  if (!rate) return {};
+  if (*rate <= 0) return "-";
+  return *rate < 10 ? fmt::format("{:.1f}/s", *rate) : fmt::format("{:.0f}/s", *rate);
+}
+
+std::vector<std::string> drawTable(std::span<const LiveRow> rows, std::size_t width, mw::SystemTimePoint now) {
   const std::size_t unlimited = std::string::npos;
   std::size_t keyWidth = 3;
   for (const LiveRow& row : rows) keyWidth = std::max(keyWidth, characters(row.key));
   // A key may take half the line; what is left over goes to the value.
   if (width > 0) keyWidth = std::min(keyWidth, width / 2);
-  const auto draw = [&](std::string_view key, std::string_view kind, std::string_view age, std::string_view value) {
-    const std::string line =
-        fmt::format("{}  {:<10}  {:>5}  {}", padded(fit(key, keyWidth), keyWidth), kind, age, fit(value, unlimited));
+  const auto draw = [&](std::string_view key, const std::array<std::string, 5>& cells) {
+    const auto& [kind, age, rate, subscribers, value] = cells;
+    const std::string line = fmt::format("{}  {:<10}  {:>5}  {:>6}  {:>4}  {}", padded(fit(key, keyWidth), keyWidth),
+                                         kind, age, rate, subscribers, fit(value, unlimited));
     return fit(line, width > 0 ? width : unlimited);
   };
-  std::vector<std::string> lines{draw("KEY", "KIND", "AGE", "VALUE")};
-  for (const LiveRow& row : rows) lines.push_back(draw(row.key, row.kind, formatAge(row.age), row.value));
+  std::vector<std::string> lines{draw("KEY", {"KIND", "AGE", "RATE", "SUBS", "VALUE"})};
+  for (const LiveRow& row : rows) {
+    std::array<std::string, 5> cells;
+    if (row.facts) {
+      cells = {row.facts->kind, formatAge(now - row.facts->time), formatRate(row.rate),
+               fmt::format("{}", row.facts->subscribers), HX::toJson(row.facts->value)};
+    }
+    lines.push_back(draw(row.key, cells));
+  }
   return lines;
+}
+
+std::vector<std::string> splitKeys(std::string_view typed) {
+  std::vector<std::string> keys;
+  while (!typed.empty()) {
+    std::size_t end = 1;
+    if (typed.starts_with("\x1b[") || typed.starts_with("\x1bO")) {
+      // Parameters, and then the one that ends it.
+      end = 2;
+      while (end < typed.size() && typed[end] < '@') ++end;
+      end = std::min(end + 1, typed.size());
+    } else {
+      while (end < typed.size() && !beginsCharacter(typed[end])) ++end;
+    }
+    keys.emplace_back(typed.substr(0, end));
+    typed.remove_prefix(end);
+  }
+  return keys;
 }
 
 }  // namespace korvo

@@ -2,6 +2,9 @@
 
 #include "event.h"
 #include "format.h"
+#include "keyquestions.h"
+#include "livefeed.h"
+#include "livemodel.h"
 #include "livetable.h"
 #include "output.h"
 #include "target.h"
@@ -26,6 +29,8 @@ using namespace std::chrono_literals;
 struct Size {
   std::size_t columns = 80;
   std::size_t rows = 24;
+
+  bool operator==(const Size&) const = default;
 };
 
 Size terminalSize() {
@@ -41,6 +46,8 @@ class FullScreen {
     if (hasKeyboard_) {
       termios raw = before_;
       raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+      // Nobody would restore the screen of a process that they suspend or abort.
+      raw.c_cc[VSUSP] = raw.c_cc[VQUIT] = _POSIX_VDISABLE;
       tcsetattr(STDIN_FILENO, TCSANOW, &raw);
     }
     write("\x1b[?1049h\x1b[?25l");
@@ -102,76 +109,135 @@ class LogLine {
   std::string text_;
 };
 
-std::vector<std::string> sortedKeys(Target& target) {
-  auto keys = target.memory().getDataListName();
-  std::ranges::sort(keys);
-  return keys;
+std::string_view nameOf(LiveColumn column) {
+  constexpr std::array<std::string_view, 5> kNames{"key", "value", "age", "rate", "subscribers"};
+  return kNames[static_cast<std::size_t>(column)];
 }
 
 class LiveScreen {
  public:
-  LiveScreen(Target& target, std::string name, int stop) : target_(target), name_(std::move(name)), stop_(stop) {}
+  LiveScreen(Target& target, std::string name, const std::string& filter, int stop)
+      : name_(std::move(name)), stop_(stop), model_(filter), feed_(target, model_) {}
 
   void run() {
     while (true) {
-      screen_.show(frame());
+      const Size size = terminalSize();
+      const bool changed = feed_.advance(pageOf(size));
+      if (changed || size != drawn_ || Clock::now() >= nextDraw_) draw(size);
       const int keyboard = screen_.hasKeyboard() ? STDIN_FILENO : -1;
-      const int ready = waitReadable({stop_, keyboard}, 500ms);
-      if (ready == 0 || (ready == 1 && !obeyKeys())) return;
+      const int ready = waitReadable({stop_, keyboard}, 50ms);
+      if (ready == 0 || (ready == 1 && !obeyKeyboard())) return;
     }
   }
 
  private:
-  std::vector<std::string> frame() {
-    const Size size = terminalSize();
-    page_ = std::max<std::size_t>(size.rows, 5) - 3;  // Title, head and last line.
-    const auto keys = sortedKeys(target_);
-    first_ = std::min(first_, keys.size() > page_ ? keys.size() - page_ : 0);
+  using Clock = std::chrono::steady_clock;
+
+  /// What title, head and last line leave.
+  static std::size_t pageOf(const Size& size) { return std::max<std::size_t>(size.rows, 5) - 3; }
+
+  void draw(const Size& size) {
     const auto now = mw::systemNow();
-    const std::span visible(keys.begin() + static_cast<std::ptrdiff_t>(first_), std::min(page_, keys.size() - first_));
-    std::vector<std::string> lines{
-        fit(fmt::format("korvo {}  {} keys  {}  q quits, arrows scroll", name_, keys.size(), clockTime(now)),
-            size.columns)};
-    for (auto& line : drawTable(readRows(*target_.memory().proxy(), visible, now), size.columns)) {
-      lines.push_back(std::move(line));
-    }
-    lines.resize(std::max<std::size_t>(size.rows, 5) - 1);
-    lines.push_back(fit(log_.text(), size.columns));
-    return lines;
+    const std::size_t rows = pageOf(size);
+    std::vector<std::string> lines{fit(title(now), size.columns)};
+    for (auto& line : drawTable(model_.page(rows), size.columns, now)) lines.push_back(std::move(line));
+    lines.resize(rows + 2);
+    lines.push_back(fit(lastLine(), size.columns));
+    screen_.show(lines);
+    drawn_ = size;
+    nextDraw_ = Clock::now() + 500ms;
+  }
+
+  std::string title(mw::SystemTimePoint now) const {
+    const std::string count = model_.filter().empty()
+                                  ? fmt::format("{} keys", model_.keyCount())
+                                  : fmt::format("{} of {} keys", model_.shownCount(), model_.keyCount());
+    return fmt::format("korvo {}  {}  by {}{}  {}  q quits, / filters, k v a r s sort", name_, count,
+                       nameOf(model_.column()), model_.isReversed() ? ", turned round" : "", clockTime(now));
+  }
+
+  std::string lastLine() const {
+    if (isTyping_) return "/" + model_.filter() + "_";
+    if (!feed_.trouble().empty()) return feed_.trouble();
+    const std::string logged = log_.text();
+    return logged.empty() && !model_.filter().empty() ? "/" + model_.filter() : logged;
   }
 
   static std::string clockTime(mw::SystemTimePoint now) { return formatTime(now).substr(11, 8); }
 
   /// @return False when the person wants to leave.
-  bool obeyKeys() {
-    std::array<char, 64> typed;
+  bool obeyKeyboard() {
+    std::array<char, 64> typed{};
     const ssize_t count = read(STDIN_FILENO, typed.data(), typed.size());
     if (count <= 0) return false;
-    const std::string_view keys(typed.data(), static_cast<std::size_t>(count));
-    if (keys.find_first_of("qQ\x04") != std::string_view::npos) return false;
-    if (keys == "\x1b[A" || keys == "\x1bOA" || keys == "k") first_ -= std::min<std::size_t>(first_, 1);
-    if (keys == "\x1b[B" || keys == "\x1bOB" || keys == "j") ++first_;
-    if (keys == "\x1b[5~") first_ -= std::min(first_, page_);
-    if (keys == "\x1b[6~" || keys == " ") first_ += page_;
+    nextDraw_ = {};
+    for (const auto& key : splitKeys({typed.data(), static_cast<std::size_t>(count)})) {
+      if (isTyping_) {
+        typeFilter(key);
+      } else if (key == "q" || key == "Q" || key == "\x04") {
+        return false;
+      } else {
+        obey(key);
+      }
+    }
     return true;
   }
 
-  Target& target_;
+  void typeFilter(const std::string& key) {
+    std::string filter = model_.filter();
+    if (key == "\r" || key == "\n") {
+      isTyping_ = false;
+    } else if (key == "\x1b") {
+      isTyping_ = false;
+      filter.clear();
+    } else if (key == "\x7f" || key == "\b") {
+      while (!filter.empty() && (static_cast<unsigned char>(filter.back()) & 0xc0) == 0x80) filter.pop_back();
+      if (!filter.empty()) filter.pop_back();
+    } else if (static_cast<unsigned char>(key[0]) >= 0x20) {
+      filter += key;
+    }
+    if (filter != model_.filter()) model_.setFilter(filter);
+  }
+
+  void obey(const std::string& key) {
+    const auto page = static_cast<std::ptrdiff_t>(pageOf(drawn_));
+    if (key == "/") isTyping_ = true;
+    if (key == "k") model_.sortBy(LiveColumn::Key);
+    if (key == "v") model_.sortBy(LiveColumn::Value);
+    if (key == "a") model_.sortBy(LiveColumn::Age);
+    if (key == "r") model_.sortBy(LiveColumn::Rate);
+    if (key == "s") model_.sortBy(LiveColumn::Subscribers);
+    if (key == "\x1b[A" || key == "\x1bOA") model_.scroll(-1);
+    if (key == "\x1b[B" || key == "\x1bOB") model_.scroll(1);
+    if (key == "\x1b[5~") model_.scroll(-page);
+    if (key == "\x1b[6~" || key == " ") model_.scroll(page);
+    if (key == "\x1b[H" || key == "\x1b[1~" || key == "\x1bOH") model_.scrollToBegin();
+    if (key == "\x1b[F" || key == "\x1b[4~" || key == "\x1bOF") model_.scrollToEnd();
+  }
+
   const std::string name_;
   const int stop_;
+  LiveModel model_;
+  LiveFeed feed_;
   LogLine log_;
   FullScreen screen_;
-  std::size_t first_ = 0;  // Of the keys, on top of the page.
-  std::size_t page_ = 1;   // Keys on one.
+  bool isTyping_ = false;
+  Size drawn_;
+  Clock::time_point nextDraw_;
 };
 
-void printSnapshots(Target& target, Output& output, int stop) {
+void printSnapshots(Target& target, Output& output, const std::string& filter, int stop) {
+  LiveModel model(filter);
+  const std::vector<KeyQuestion> questions{askKind, askTimestamp, askSubscribers};
   while (output.works()) {
+    auto memory = target.memory();
+    const auto keys = memory.getDataList(filter);
+    model.setKeys(keys);
     const auto now = mw::systemNow();
+    askInParts(*memory.proxy(), keys, questions,
+               [&](const std::string& key, KeyAnswers& answers) { model.learn(key, toFacts(answers), now); });
     output.line(formatTime(now));
-    for (const auto& line : drawTable(readRows(*target.memory().proxy(), sortedKeys(target), now), 0)) {
-      output.line(line);
-    }
+    for (const auto& line : drawTable(model.page(model.keyCount()), 0, now)) output.line(line);
     output.line("");
     if (waitReadable({stop}, 1s) == 0) return;
   }
@@ -179,11 +245,11 @@ void printSnapshots(Target& target, Output& output, int stop) {
 
 }  // namespace
 
-void runLiveView(Target& target, Output& output, const std::string& name, int stop) {
+void runLiveView(Target& target, Output& output, const std::string& name, const std::string& filter, int stop) {
   if (isatty(STDOUT_FILENO)) {
-    LiveScreen(target, name, stop).run();
+    LiveScreen(target, name, filter, stop).run();
   } else {
-    printSnapshots(target, output, stop);
+    printSnapshots(target, output, filter, stop);
   }
 }
 

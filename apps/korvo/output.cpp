@@ -13,6 +13,8 @@ void Output::line(std::string_view text) { print(values_, std::string(text)); }
 
 void Output::error(std::string_view message) { print(errors_, "error: " + escapeControls(message)); }
 
+void Output::note(std::string_view message) { print(errors_, escapeControls(message)); }
+
 void Output::print(std::ostream& stream, std::string text) {
   text += '\n';
   const std::lock_guard lock(mutex_);
@@ -25,6 +27,11 @@ void Output::print(std::ostream& stream, std::string text) {
   if (!values_) works_ = false;
   // A full standard error must not silence what may be read again later.
   errors_.clear();
+}
+
+void Output::status(std::string_view text) {
+  const std::lock_guard lock(mutex_);
+  if (showsStatus_) errors_ << '\r' << text << "\x1b[K" << std::flush;
 }
 
 bool Output::works() const {

@@ -20,6 +20,14 @@ class Output {
   void line(std::string_view text);
   /// Prints `error: MESSAGE`, with line ends and control characters escaped.
   void error(std::string_view message);
+  /// Prints on the error stream what is no error.
+  void note(std::string_view message);
+
+  /// Shows how far something has come, on a line of the error stream that the next one overwrites; an empty one clears
+  /// it. Nothing unless `showStatus` was called.
+  void status(std::string_view text);
+  /// Has `status` show something: the error stream is a terminal.
+  void showStatus() { showsStatus_ = true; }
 
   /// False once a value could not be written, because the reader of the pipe has gone or the disk is full.
   bool works() const;
@@ -42,6 +50,7 @@ class Output {
   std::ostream& errors_;
   mutable std::mutex mutex_;  // Guards the streams and all below.
   bool works_ = true;
+  bool showsStatus_ = false;
   std::function<void()> arrived_;
   std::string held_;
 };

@@ -1,5 +1,7 @@
 #include "run.h"
 
+#include "brokerservice.h"
+#include "commandline.h"
 #include "console.h"
 #include "event.h"
 #include "lineeditor.h"
@@ -11,12 +13,15 @@
 #include "watches.h"
 
 #include <hxcommon/hxbroker.h>
-#include <libmw/path.h>
+#include <libmw/local.h>
 
+#include <clocale>
 #include <functional>
 #include <iostream>
+#include <optional>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -27,25 +32,11 @@ using namespace std::chrono_literals;
 
 const char* const kCategory = "korvo";
 
-/// @return False when libraries were asked for and none could be loaded.
-bool loadModules(HX::HXBroker& broker, const RunOptions& options, Output& output) {
-  std::vector<std::string> libraries = options.modules;
-  if (options.memory) libraries.insert(libraries.begin(), "hxmemory");
-  std::size_t loaded = 0;
-  for (const auto& library : libraries) {
-    try {
-      broker.loadModule(library);
-      ++loaded;
-    } catch (const std::exception& error) {
-      output.error(error.what());
-    }
-  }
-  return loaded > 0 || libraries.empty();
-}
-
 void runConsole(Context context, int stop) {
   Console console(context);
   if (isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) {
+    // For the characters that a person types; numbers keep their dots.
+    std::setlocale(LC_CTYPE, "");
     context.output.line("Commands are listed by help. Ctrl-D leaves.");
     LineEditor editor(context.output, stop, historyPath(),
                       [&](std::string_view line) { return console.complete(line); });
@@ -92,17 +83,51 @@ class FrontEnd {
 std::function<void(int)> frontEndBody(const RunOptions& options, const Context& context) {
   if (options.console) return [context](int stop) { runConsole(context, stop); };
   if (options.live) {
-    return [context, name = options.name](int stop) { runLiveView(context.target, context.output, name, stop); };
+    return [context, name = options.name](int stop) { runLiveView(context.target, context.output, name, "", stop); };
   }
   return [](int stop) { waitReadable({stop}); };
 }
 
-void host(HX::HXBroker& broker, const RunOptions& options, const Context& context, StopSignals& signals) {
+/// The broker as others see it: reachable under its name, with a service of its own.
+class PublicBroker {
+ public:
+  /// @throws std::runtime_error when the name is taken.
+  explicit PublicBroker(std::shared_ptr<HX::HXBroker> broker)
+      : broker_(std::move(broker)), server_(std::in_place, *broker_->session(), broker_->getName()) {}
+  PublicBroker(const PublicBroker&) = delete;
+  PublicBroker& operator=(const PublicBroker&) = delete;
+  ~PublicBroker() { withdraw(); }
+
+  /// Offers the broker's service. Last of all services: who finds it knows that the modules are there.
+  void offerService() {
+    const auto service = std::make_shared<BrokerService>(broker_, [this] { stopAsked_.set(); });
+    service_ = broker_->session()->registerService(BrokerService::kName, mw::AnyObject(service));
+  }
+  /// Readable once somebody has asked the service to stop.
+  int stopFile() const { return stopAsked_.file(); }
+
+  /// Ends the connections, and then the service. What modules ask of other processes fails from now on, so that a
+  /// frozen one cannot keep them from leaving.
+  void withdraw() {
+    server_.reset();
+    if (service_) broker_->session()->unregisterService(*std::exchange(service_, std::nullopt));
+  }
+
+ private:
+  const std::shared_ptr<HX::HXBroker> broker_;
+  Event stopAsked_;
+  std::optional<mw::LocalServer> server_;
+  std::optional<mw::ServiceId> service_;
+};
+
+void host(HX::HXBroker& broker, PublicBroker& access, const RunOptions& options, const Context& context,
+          StopSignals& signals) {
   FrontEnd frontEnd(context.output, frontEndBody(options, context));
-  waitReadable({signals.file(), frontEnd.endedFile()});
+  waitReadable({signals.file(), frontEnd.endedFile(), access.stopFile()});
   signals.take();
   const ImpatientExit impatient(signals);
   frontEnd.stop();
+  access.withdraw();
   context.watches.close();
   broker.shutdown();
 }
@@ -111,16 +136,18 @@ void host(HX::HXBroker& broker, const RunOptions& options, const Context& contex
 
 int run(const RunOptions& options) {
   StopSignals signals;
-  mw::log::setLevel(options.logLevel);
-  for (auto folder = options.dataDirs.rbegin(); folder != options.dataDirs.rend(); ++folder) {
-    mw::path::prependDataDir(*folder);
-  }
+  prepareHosting(options);
   Output output(std::cout, std::cerr);
   const auto broker = HX::HXBroker::create(options.name);
-  if (!loadModules(*broker, options, output)) {
+  PublicBroker access(broker);
+  std::vector<std::string> libraries = options.modules;
+  if (options.memory) libraries.insert(libraries.begin(), "hxmemory");
+  if (!loadModules(*broker, libraries, output)) {
+    access.withdraw();
     broker->shutdown();
-    return 1;
+    return kFailed;
   }
+  access.offerService();
   // Beside a console or a live view it would stand in the way.
   if (!options.console && !options.live) {
     mw::log::info(kCategory, "run",
@@ -128,8 +155,8 @@ int run(const RunOptions& options) {
   }
   BrokerTarget target(broker);
   Watches watches(output);
-  host(*broker, options, {target, output, watches}, signals);
-  return 0;
+  host(*broker, access, options, {target, output, watches}, signals);
+  return kDone;
 }
 
 }  // namespace korvo

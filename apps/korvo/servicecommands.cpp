@@ -51,6 +51,7 @@ void suitDecimals(const mw::MetaObject& object, const std::string& method, Value
 }
 
 void call(Context& context, Arguments& arguments) {
+  const bool asObject = arguments.takeFlag("--json");
   const std::string service = arguments.word("SERVICE");
   const std::string method = arguments.word("METHOD");
   Values values = arguments.jsons("JSON");
@@ -58,7 +59,12 @@ void call(Context& context, Arguments& arguments) {
   suitDecimals(object->metaObject(), method, values);
   const auto parameters = references(values);
   const mw::AnyValue result = object->metaCall(object->metaObject().resolve(method, parameters).id, parameters).take();
-  if (const auto text = formatResult(result)) context.output.line(*text);
+  const auto text = formatResult(result);
+  if (asObject) {
+    context.output.line((text ? JsonObject().addText("result", *text) : JsonObject()).text());
+  } else if (text) {
+    context.output.line(*text);
+  }
 }
 
 void emit(Context& context, Arguments& arguments) {
@@ -69,16 +75,21 @@ void emit(Context& context, Arguments& arguments) {
   const int id = object->metaObject().signalId(signal);
   if (id < 0) throw std::runtime_error(fmt::format("{}.{}: no such signal", service, signal));
   object->metaPost(static_cast<unsigned>(id), references(values));
+  context.target.settle();
 }
 
 void services(Context& context, Arguments& arguments) {
+  const bool asObjects = arguments.takeFlag("--json");
   arguments.end();
-  for (const auto& name : context.target.services()) context.output.line(HX::toJson(name));
+  for (const auto& name : context.target.services()) {
+    context.output.line(asObjects ? JsonObject().add("service", name).text() : HX::toJson(name));
+  }
 }
 
 void methods(Context& context, Arguments& arguments) {
+  const bool before = arguments.takeFlag("--json");
   const std::string service = arguments.word("SERVICE");
-  const bool asJson = arguments.takeFlag("--json");
+  const bool asJson = before || arguments.takeFlag("--json");
   arguments.end();
   const mw::AnyObject object = context.target.require(service)->asObject();
   if (asJson) {
@@ -99,19 +110,25 @@ void perf(Context& context, Arguments& arguments) {
   context.target.memory()._perf();
 }
 
+constexpr Flag kMethodsFlags[] = {{"--json", "Print the methods as one list of JSON, on one line"}};
+
 constexpr std::array kCommands{
-    Command{"services", "", "Lists the services, one a line.", "", services},
+    Command{"services", "", "Lists the services, one a line.", "With --json as {\"service\":NAME}.", "services",
+            services, kJsonFlag},
     Command{"methods", "SERVICE [--json]", "Lists what a service offers, with its documentation.",
-            "With --json the methods as one line: a list of name, description, flags, parameters, result.", methods},
+            "With --json the methods as one line: a list of name, description, flags, parameters, result.",
+            "methods HXMemory", methods, kMethodsFlags},
     Command{"call", "SERVICE METHOD [JSON...]", "Calls a method and prints what it returns, if anything.",
             "A pointer is printed as a string with its address, an object as {\"object\":TYPE,\"id\":N}.\n"
-            "Example: call HXMemory getListData [\"Battery\", \"Arm/Pose\"]",
-            call},
-    Command{"emit", "SERVICE SIGNAL [JSON...]", "Emits a signal of a service.", "", emit},
-    Command{"load", "LIBRARY", "Loads a module library: a path with a slash in it, or a name.",
-            "A name is looked for, as lib<name>.so, in the folders of KORVO_MODULE_PATH and in the installed ones.",
-            load},
-    Command{"perf", "", "Has the memory time its own insertions.", "", perf},
+            "With --json as {\"result\":RESULT}, and {} for nothing.",
+            "call HXMemory getListData '[\"Battery\", \"Arm/Pose\"]'", call, kJsonFlag},
+    Command{"emit", "SERVICE SIGNAL [JSON...]", "Emits a signal of a service.", "", "emit Motor stalled 3", emit},
+    Command{"load", "LIBRARY", "Loads a module library into the broker: a path with a slash in it, or a name.",
+            "A name is looked for, as lib<name>.so, in the folders of the broker's KORVO_MODULE_PATH and in the\n"
+            "installed ones.",
+            "load ./build/libarm.so", load},
+    Command{"perf", "", "Has the memory time its own insertions.", "The broker prints the figures, on its output.",
+            "perf", perf},
 };
 
 }  // namespace

@@ -25,6 +25,10 @@ class Target {
   virtual std::vector<std::string> services() = 0;
   /// @throws std::runtime_error when it cannot be loaded, or when this target cannot load.
   virtual void loadModule(const std::string& library) = 0;
+  /// Returns once what was posted before has reached the broker.
+  virtual void settle() {}
+  /// Changes when the broker was lost and is back: what it knew of this process went with the connection.
+  virtual unsigned connectionNumber() const { return 0; }
 
   /// As `find`. @throws std::runtime_error naming the service when there is none.
   std::shared_ptr<HX::HXProxy> require(const std::string& service);

@@ -48,6 +48,23 @@ void Watches::close() {
   for (const auto& [key, watch] : all) disconnect(watch);
 }
 
+std::vector<std::string> Watches::keys() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> all;
+  for (const auto& [key, watch] : watches_) all.push_back(key);
+  return all;
+}
+
+void Watches::beginGap(const std::string& reason) {
+  if (!gapsInOutput_) return output_.note(reason + "; watching goes on when the broker is back");
+  output_.line(JsonObject().add("gap", "begins").add("reason", reason).add("time", formatTime(mw::systemNow())).text());
+}
+
+void Watches::endGap() {
+  if (!gapsInOutput_) return output_.note("the broker is back; what was raised meanwhile is missing");
+  output_.line(JsonObject().add("gap", "ends").add("time", formatTime(mw::systemNow())).text());
+}
+
 // A watch whose host has gone needs no disconnecting, so that a failure is none.
 void Watches::disconnect(const Watch& watch) { watch.subscriber->disconnect(watch.link).wait(); }
 

@@ -2,9 +2,11 @@
 
 #include <libmw/genericobject.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace korvo {
 
@@ -30,6 +32,15 @@ class Watches {
   bool remove(const std::string& key);
   /// Ends every watch, and refuses new ones.
   void close();
+  /// What is watched, sorted.
+  std::vector<std::string> keys() const;
+
+  /// Has gaps printed as lines of JSON among the raises, {"gap":"begins",…} and {"gap":"ends",…}, instead of as
+  /// messages on the error stream.
+  void markGapsInOutput(bool inOutput) { gapsInOutput_ = inOutput; }
+  /// Prints that from now on raises are missed, and why; that they are seen again.
+  void beginGap(const std::string& reason);
+  void endGap();
 
  private:
   struct Watch {
@@ -39,7 +50,8 @@ class Watches {
   static void disconnect(const Watch& watch);
 
   Output& output_;
-  std::mutex mutex_;  // Guards all below.
+  std::atomic<bool> gapsInOutput_ = false;
+  mutable std::mutex mutex_;  // Guards all below.
   bool closed_ = false;
   std::map<std::string, Watch> watches_;
 };

@@ -23,36 +23,22 @@ struct Door {
 
 struct Unknown {};
 
-TEST(FormatResult, PrintsNothingForNothingAndNullForTheInvalidValue) {
-  EXPECT_EQ(formatResult(mw::AnyValue()), std::nullopt);
-  EXPECT_EQ(formatResult(mw::AnyValue(HXValue())), "null");
-}
-
-TEST(FormatResult, KeepsDecimalsDecimal) {
-  EXPECT_EQ(formatResult(mw::AnyValue(1.0)), "1.0");
-  EXPECT_EQ(formatResult(mw::AnyValue(0.1f)), "0.1");
-  EXPECT_EQ(formatResult(mw::AnyValue(HXValue::list({1, 1.0, "x"}))), "[1,1.0,\"x\"]");
-}
-
-TEST(FormatResult, PrintsListsOfStringsAsOneList) {
-  EXPECT_EQ(formatResult(mw::AnyValue(std::vector<std::string>{"a", "b"})), "[\"a\",\"b\"]");
-}
-
-TEST(FormatResult, PrintsAPointerAsItsHexadecimalAddress) {
-  EXPECT_EQ(formatResult(mw::AnyValue(reinterpret_cast<int*>(0xabc0))), "\"0xabc0\"");
-}
-
-TEST(FormatResult, PrintsTypeAndIdentityOfAnObject) {
+TEST(FormatResult, IsJsonAndNothingForNothing) {
   mw::ObjectTypeBuilder<Door> builder("Door");
   builder.advertiseSignal("opened", &Door::opened).registerType();
   const auto door = std::make_shared<Door>();
   const std::string id = std::to_string(mw::AnyObject::from(door)->identity());
-  EXPECT_EQ(formatResult(mw::AnyValue(door)), "{\"object\":\"Door\",\"id\":" + id + "}");
-  EXPECT_EQ(formatResult(mw::AnyValue(std::shared_ptr<Door>())), "null");
-}
-
-TEST(FormatResult, NamesTheTypeOfWhatHasNoValueForm) {
-  EXPECT_NE(formatResult(mw::AnyValue(Unknown()))->find("Unknown"), std::string::npos);
+  const std::pair<mw::AnyValue, std::optional<std::string>> cases[] = {
+      {mw::AnyValue(), std::nullopt},
+      {mw::AnyValue(HXValue()), "null"},
+      {mw::AnyValue(1.0), "1.0"},
+      {mw::AnyValue(0.1f), "0.1"},
+      {mw::AnyValue(std::vector<std::string>{"a", "b"}), "[\"a\",\"b\"]"},
+      {mw::AnyValue(reinterpret_cast<int*>(0xabc0)), "\"0xabc0\""},
+      {mw::AnyValue(door), "{\"object\":\"Door\",\"id\":" + id + "}"},
+      {mw::AnyValue(std::shared_ptr<Door>()), "null"}};
+  for (const auto& [result, text] : cases) EXPECT_EQ(formatResult(result), text);
+  EXPECT_NE(formatResult(mw::AnyValue(Unknown()))->find("Unknown"), std::string::npos) << "it has no value form";
 }
 
 TEST(FormatTime, IsLocalWithItsOffset) {
@@ -78,11 +64,8 @@ TEST(ToStamped, TakesTheThreePartsOnly) {
   EXPECT_THROW(toStamped(HXValue::list({"v", 2})), std::runtime_error);
 }
 
-TEST(JsonObject, KeepsTheOrderOfItsNames) {
+TEST(JsonObject, KeepsTheOrderOfItsNamesAndNotesValuesThatJsonCannotTell) {
   EXPECT_EQ(JsonObject().add("z", 1).addText("a", "[2]").addValue("t").text(), "{\"z\":1,\"a\":[2],\"value\":\"t\"}");
-}
-
-TEST(JsonObject, NotesValuesThatJsonCannotTell) {
   EXPECT_EQ(JsonObject().addValue("\xff").text(), "{\"value\":\"\xef\xbf\xbd\",\"replaced\":true}");
 }
 

@@ -7,20 +7,18 @@
 namespace korvo {
 namespace {
 
-TEST(Output, KeepsErrorsOnOneLineOfTheirOwnStream) {
+class OutputTest : public testing::Test {
+ protected:
   std::ostringstream values;
   std::ostringstream errors;
-  Output output(values, errors);
+  Output output{values, errors};
+};
+
+TEST_F(OutputTest, KeepsErrorsOnOneLineOfTheirOwnStreamAndTellsWhenNobodyReadsValues) {
   output.line("1");
   output.error("two\nlines");
   EXPECT_EQ(values.str(), "1\n");
   EXPECT_EQ(errors.str(), "error: two\\nlines\n");
-}
-
-TEST(Output, TellsWhenNobodyReadsValuesAnyMore) {
-  std::ostringstream values;
-  std::ostringstream errors;
-  Output output(values, errors);
   errors.setstate(std::ios::badbit);
   output.error("lost");
   EXPECT_TRUE(output.works());
@@ -29,10 +27,7 @@ TEST(Output, TellsWhenNobodyReadsValuesAnyMore) {
   EXPECT_FALSE(output.works());
 }
 
-TEST(Output, PrintsWhatItKeptBackAboveTheLineBeingTyped) {
-  std::ostringstream values;
-  std::ostringstream errors;
-  Output output(values, errors);
+TEST_F(OutputTest, PrintsWhatItKeptBackAboveTheLineBeingTyped) {
   int arrived = 0;
   output.hold([&] { ++arrived; });
   output.line("1");

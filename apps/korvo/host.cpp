@@ -1,0 +1,42 @@
+#include "host.h"
+
+#include "commandline.h"
+#include "event.h"
+#include "output.h"
+#include "stopsignals.h"
+
+#include <hxcommon/hxbroker.h>
+#include <libmw/local.h>
+
+#include <iostream>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace korvo {
+
+int host(const HostOptions& options) {
+  StopSignals signals;
+  prepareHosting(options);
+  Output output(std::cout, std::cerr);
+  const auto broker = HX::HXBroker::create(fmt::format("host-{}", getpid()));
+  mw::Session& session = *broker->session();
+  mw::Lifetime lifetime;
+  session.connectionLost.connect(
+      mw::SignalSubscriber([&](const std::string& reason) { output.note(reason); }).track(lifetime.token()));
+  session.connectionRestored.connect(
+      mw::SignalSubscriber([&] { output.note("the broker is back"); }).track(lifetime.token()));
+  const mw::LocalClient client(session, options.broker);
+  const bool loaded = loadModules(*broker, options.modules, output);
+  if (loaded) {
+    output.note(fmt::format("hosting for broker {}: {}", client.broker(), fmt::join(broker->modules(), ", ")));
+    waitReadable({signals.file()});
+    signals.take();
+  }
+  const ImpatientExit impatient(signals);
+  broker->shutdown();
+  lifetime.destroy();
+  return loaded ? kDone : kFailed;
+}
+
+}  // namespace korvo

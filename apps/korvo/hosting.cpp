@@ -1,0 +1,30 @@
+#include "hosting.h"
+
+#include "output.h"
+
+#include <hxcommon/hxbroker.h>
+#include <libmw/path.h>
+
+namespace korvo {
+
+void prepareHosting(const HostingOptions& options) {
+  mw::log::setLevel(options.logLevel);
+  for (auto folder = options.dataDirs.rbegin(); folder != options.dataDirs.rend(); ++folder) {
+    mw::path::prependDataDir(*folder);
+  }
+}
+
+bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries, Output& output) {
+  std::size_t loaded = 0;
+  for (const auto& library : libraries) {
+    try {
+      broker.loadModule(library);
+      ++loaded;
+    } catch (const std::exception& error) {
+      output.error(error.what());
+    }
+  }
+  return loaded > 0 || libraries.empty();
+}
+
+}  // namespace korvo

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <libmw/log.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace HX {
+class HXBroker;
+}
+
+namespace korvo {
+
+class Output;
+
+/// What every command that hosts modules is asked for.
+struct HostingOptions {
+  std::vector<std::string> modules;   ///< Libraries, in the order in which they are loaded.
+  std::vector<std::string> dataDirs;  ///< Searched for data files before the usual folders, the first one first.
+  mw::LogLevel logLevel = mw::LogLevel::Info;
+};
+
+/// Sets the process up as the options say.
+void prepareHosting(const HostingOptions& options);
+
+/// Loads the libraries in their order. One that cannot be loaded is reported as an error; the others are loaded all the
+/// same.
+/// @return False when there are libraries and none could be loaded.
+bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries, Output& output);
+
+}  // namespace korvo

@@ -1,0 +1,179 @@
+#include "arguments.h"
+#include "checkmap.h"
+#include "help.h"
+#include "host.h"
+#include "run.h"
+#include "verbs.h"
+
+#include <algorithm>
+#include <cctype>
+#include <iostream>
+#include <memory>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+namespace korvo {
+namespace {
+
+constexpr std::string_view kGroup = "In this terminal";
+
+std::string checkName(const std::string& name) {
+  const auto isPlain = [](unsigned char c) {
+    return (c < 0x80 && std::isalnum(c)) || c == '-' || c == '_' || c == '.';
+  };
+  if (!name.empty() && std::ranges::all_of(name, isPlain) && name != "." && name != "..") return {};
+  return "a name has letters, digits, '-', '_' and '.' only: " + name;
+}
+
+/// From silent to debug.
+std::vector<std::string> levelNames() {
+  std::vector<std::string> names;
+  for (int level = 0; level <= static_cast<int>(mw::LogLevel::Debug); ++level) {
+    names.emplace_back(mw::toString(static_cast<mw::LogLevel>(level)));
+  }
+  return names;
+}
+
+std::string checkLevel(const std::string& name) {
+  if (std::ranges::count(levelNames(), name)) return {};
+  return fmt::format("no level {}; there is {}", name, fmt::join(levelNames(), ", "));
+}
+
+mw::LogLevel levelOf(const std::string& name) {
+  const auto names = levelNames();
+  return static_cast<mw::LogLevel>(std::ranges::find(names, name) - names.begin());
+}
+
+/// Each option that may be repeated takes one value at a time, so that it cannot swallow what follows.
+CLI::Option* addRepeated(CLI::App& app, const char* name, std::vector<std::string>& values, const char* help,
+                         const char* placeholder) {
+  return app.add_option(name, values, help)->allow_extra_args(false)->type_name(placeholder);
+}
+
+CLI::Option* addModules(CLI::App& app, HostingOptions& options) {
+  return addRepeated(app, "--module", options.modules, "Load a module library; may be repeated", "LIBRARY");
+}
+
+void addHosting(CLI::App& app, const std::shared_ptr<HostingOptions>& options) {
+  addRepeated(app, "--data-dir", options->dataDirs, "Look for data files here first; may be repeated, first one first",
+              "DIR")
+      ->check(CLI::ExistingDirectory);
+  app.add_option_function<std::string>(
+         "--log-level", [options](const std::string& name) { options->logLevel = levelOf(name); },
+         "Show records up to this level on standard error: " + fmt::format("{}", fmt::join(levelNames(), ", ")))
+      ->check(CLI::Validator(checkLevel, ""))
+      ->type_name("LEVEL")
+      ->default_str("info");
+}
+
+Verb runVerb() {
+  const auto options = std::make_shared<RunOptions>();
+  const auto addOptions = [options](CLI::App& app) {
+    app.add_option("--name", options->name, "Name of the broker")
+        ->check(CLI::Validator(checkName, ""))
+        ->type_name("NAME")
+        ->capture_default_str();
+    addModules(app, *options);
+    auto* noMemory = app.add_flag_callback(
+        "--no-memory", [options] { options->memory = false; }, "Do not load the memory");
+    auto* console = app.add_flag("--console", options->console, "Execute commands from standard input until it ends");
+    app.add_flag("--live", options->live, "Show the memory as it changes; needs it, and not with --console")
+        ->excludes(console)
+        ->excludes(noMemory);
+    addHosting(app, options);
+  };
+  const auto start = [options](Arguments& arguments) {
+    arguments.end();
+    return run(*options);
+  };
+  return {
+      "run",
+      "",
+      "Hosts a broker: loads its memory and modules, and runs until told to stop.",
+      "A module library is a path with a slash in it, or a name: lib<name>.so is looked for in the folders of\n"
+      "KORVO_MODULE_PATH and in the installed ones. One that cannot be loaded is reported, and the others are loaded.\n"
+      "\n"
+      "Other processes of this user reach the broker under its name; there is one broker of a name at a time. Its\n"
+      "service \"Broker\" loads modules, lists them and ends the broker: korvo methods Broker.\n"
+      "\n"
+      "The broker ends with SIGINT (Ctrl-C) or SIGTERM, when its service is asked to stop, with the end of the input\n"
+      "of its console, or when its live view is left; the modules leave in the reverse order. A second SIGINT ends\n"
+      "it at once, with exit status 130.\n",
+      "run --name torso --module arm --module ./build/libhead.so\n"
+      "run --console < commands.txt\n"
+      "run --module ./libarm.so --live\n"
+      "run --no-memory --module ./libmine.so --log-level debug",
+      kGroup,
+      addOptions,
+      start};
+}
+
+Verb hostVerb() {
+  const auto options = std::make_shared<HostOptions>();
+  const auto addOptions = [options](CLI::App& app) {
+    addModules(app, *options)->required();
+    app.add_option("--broker", options->broker, "The broker to join; by default the only one that is running")
+        ->type_name("NAME");
+    addHosting(app, options);
+  };
+  const auto start = [options](Arguments& arguments) {
+    arguments.end();
+    return host(*options);
+  };
+  return {
+      "host",
+      "",
+      "Hosts modules in a process of their own, for a running broker.",
+      "The modules find the memory and everybody else by name, as in the broker's own process, and are found. What\n"
+      "goes wrong in them cannot take the broker along.\n"
+      "\n"
+      "Runs until SIGINT (Ctrl-C) or SIGTERM. When the broker is lost, the modules stay and find its services again\n"
+      "once it is back; both are told on standard error.",
+      "host --module ./build/libarm.so\n"
+      "host --broker torso --module arm --module hand",
+      kGroup,
+      addOptions,
+      start};
+}
+
+Verb checkMapVerb() {
+  const auto check = [](Arguments& arguments) {
+    const std::string file = arguments.word("FILE");
+    arguments.end();
+    return checkMap(file, std::cout, std::cerr);
+  };
+  return {"check-map",
+          "FILE",
+          "Says of each line of a signal-to-event map what the memory makes of it.",
+          "A line of the map is SERVICE.SIGNAL : EVENT, with # before a comment; blanks do not count.\n"
+          "Prints for each line one of\n"
+          "  N: accepted SERVICE SIGNAL EVENT\n"
+          "  N: rejected: REASON\n"
+          "  N: nothing                              for a blank or a comment\n"
+          "The memory reads lines of more than 511 characters in pieces, which are N.1, N.2, …\n"
+          "\n"
+          "The exit status is 1 when something was rejected, and 2 when the file cannot be read.",
+          "check-map ~/.local/share/korvo/hxmemory_map_signal_event.txt",
+          kGroup,
+          {},
+          check};
+}
+
+Verb helpVerb() {
+  const auto help = [](Arguments& arguments) {
+    const std::string name = arguments.atEnd() ? "" : arguments.word("COMMAND");
+    arguments.end();
+    const Verb* const verb = findVerb(name);
+    if (!name.empty() && !verb) throw InputError(noSuchVerb(name));
+    std::cout << (verb ? helpOn(*verb) : helpOnAll());
+    return 0;
+  };
+  return {"help", "[COMMAND]", "Lists the commands, or tells more of one.", "", "help get", kGroup, {}, help};
+}
+
+}  // namespace
+
+std::vector<Verb> hostingVerbs() { return {runVerb(), hostVerb(), checkMapVerb(), helpVerb()}; }
+
+}  // namespace korvo

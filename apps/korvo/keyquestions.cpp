@@ -1,0 +1,65 @@
+#include "keyquestions.h"
+
+#include <hxcommon/hxproxy.h>
+#include <hxerror/hxerror.h>
+#include <libmw/future.h>
+
+#include <algorithm>
+#include <optional>
+
+namespace korvo {
+namespace {
+
+constexpr std::size_t kKeysOfAPart = 256;
+
+using Pending = std::vector<mw::Future<mw::AnyValue>>;
+
+std::optional<KeyAnswers> await(Pending pending) {
+  KeyAnswers answers;
+  try {
+    for (auto& answer : pending) answers.push_back(std::move(answer).take());
+  } catch (const HX::HXError&) {  // How the memory says that there is no such key.
+    return std::nullopt;
+  }
+  return answers;
+}
+
+}  // namespace
+
+mw::Future<mw::AnyValue> askKind(mw::GenericObject& memory, const std::string& key) {
+  return memory.async("getType", key);
+}
+
+mw::Future<mw::AnyValue> askValue(mw::GenericObject& memory, const std::string& key) {
+  return memory.async("getData", key);
+}
+
+mw::Future<mw::AnyValue> askTimestamp(mw::GenericObject& memory, const std::string& key) {
+  return memory.async("getTimestamp", key);
+}
+
+mw::Future<mw::AnyValue> askSubscribers(mw::GenericObject& memory, const std::string& key) {
+  return memory.async("getSubscribers", key);
+}
+
+mw::Future<mw::AnyValue> askDescription(mw::GenericObject& memory, const std::string& key) {
+  return memory.async("getDescriptionList", std::vector{key});
+}
+
+void askInParts(const HX::HXProxy& memory, std::span<const std::string> keys, const std::vector<KeyQuestion>& questions,
+                const std::function<void(const std::string& key, KeyAnswers& answers)>& use) {
+  const mw::AnyObject object = memory.asObject();
+  while (!keys.empty()) {
+    const auto part = keys.first(std::min(keys.size(), kKeysOfAPart));
+    keys = keys.subspan(part.size());
+    std::vector<Pending> asked(part.size());
+    for (std::size_t i = 0; i < part.size(); ++i) {
+      for (const KeyQuestion ask : questions) asked[i].push_back(ask(object.get(), part[i]));
+    }
+    for (std::size_t i = 0; i < part.size(); ++i) {
+      if (auto answers = await(std::move(asked[i]))) use(part[i], *answers);
+    }
+  }
+}
+
+}  // namespace korvo

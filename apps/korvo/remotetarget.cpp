@@ -1,0 +1,93 @@
+#include "remotetarget.h"
+
+#include "brokerservice.h"
+#include "deadline.h"
+
+#include <hxcommon/hxproxy.h>
+#include <libmw/local.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+namespace korvo {
+struct RemoteTarget::Connection {
+  explicit Connection(RemoteTarget& target)
+      : client(target.session_, target.wanted_),
+        deadlines(target.patience_.count() > 0
+                      ? std::make_shared<Deadlines>(target.session_.eventLoop(), target.patience_,
+                                                    "broker " + client.broker())
+                      : nullptr) {}
+  const mw::LocalClient client;
+  const std::shared_ptr<Deadlines> deadlines;  // Null without a limit.
+};
+
+RemoteTarget::RemoteTarget(const std::string& broker, std::chrono::milliseconds patience)
+    : wanted_(broker), patience_(patience) {
+  session_.connectionRestored.connect(mw::SignalSubscriber([this] { ++connectionNumber_; }));
+}
+
+RemoteTarget::~RemoteTarget() { session_.connectionRestored.disconnectAll(); }
+
+RemoteTarget::Connection& RemoteTarget::connection() {
+  std::call_once(connected_, [this] { connect(); });
+  return *connection_;
+}
+
+void RemoteTarget::connect() {
+  try {
+    connection_ = std::make_unique<Connection>(*this);
+  } catch (const mw::NoBrokerError&) {
+    throw;
+  } catch (const std::exception& error) {
+    const auto running = mw::runningBrokers();
+    const std::string& name = wanted_.empty() && running.size() == 1 ? running.front() : wanted_;
+    throw std::runtime_error(fmt::format("broker {}: {}", name, error.what()));
+  }
+}
+
+std::string RemoteTarget::explain(const std::exception& error) const {
+  const bool isLost = connection_ && !connection_->client.isConnected();
+  return isLost ? fmt::format("broker {}: {}", connection_->client.broker(), error.what()) : error.what();
+}
+
+const std::string& RemoteTarget::broker() { return connection().client.broker(); }
+
+template <class T>
+T RemoteTarget::await(mw::Future<T> answer, const std::string& what) {
+  if (const auto& deadlines = connection().deadlines) {
+    if (answer.wait(deadlines->limit()) == mw::FutureState::Running) throw deadlines->error(what);
+  }
+  return std::move(answer).take();
+}
+
+std::shared_ptr<HX::HXProxy> RemoteTarget::find(const std::string& service) {
+  try {
+    const auto& deadlines = connection().deadlines;
+    const auto found = await(session_.service(service), "where service " + service + " is");
+    return std::make_shared<HX::HXProxy>(deadlines ? withDeadline(found, service, deadlines) : found, service);
+  } catch (const mw::FutureError& error) {
+    if (error.kind() == mw::FutureError::Kind::UserError) return nullptr;
+    throw;
+  }
+}
+
+std::vector<std::string> RemoteTarget::services() {
+  connection();
+  std::vector<std::string> names;
+  for (const auto& service : await(session_.reachableServices(), "which services there are")) {
+    names.push_back(service.name);
+  }
+  return names;
+}
+
+void RemoteTarget::loadModule(const std::string& library) {
+  const bool isPath = library.find('/') != std::string::npos;
+  const std::string path = isPath ? std::filesystem::absolute(library).string() : library;
+  const auto service = find(BrokerService::kName);
+  if (!service) throw std::runtime_error(fmt::format("broker {} cannot be asked to load modules", broker()));
+  service->call("loadModule", path);
+}
+
+}  // namespace korvo

@@ -1,0 +1,153 @@
+#include "arguments.h"
+#include "commandline.h"
+#include "commands.h"
+#include "follow.h"
+#include "linesource.h"
+#include "liveview.h"
+#include "output.h"
+#include "remotetarget.h"
+#include "stopsignals.h"
+#include "verbs.h"
+#include "watches.h"
+
+#include <libmw/local.h>
+#include <libmw/log.h>
+
+#include <algorithm>
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+namespace korvo {
+namespace {
+
+/// Which broker to ask, and how long to wait for it.
+struct RemoteOptions {
+  std::string broker;
+  double seconds = 5;
+
+  std::chrono::milliseconds patience() const {
+    return std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
+  }
+};
+
+void addRemote(CLI::App& app, RemoteOptions& options) {
+  app.add_option("--broker", options.broker, "The broker to ask; by default the only one that is running")
+      ->type_name("NAME");
+  app.add_option("--timeout", options.seconds, "Give up a call that has no answer by then; 0 waits without end")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, 1e6))
+      ->capture_default_str();
+}
+
+/// What the middleware logs in a process that asks one question is in the error of that question too.
+void silenceLog() { mw::log::setLevel(mw::LogLevel::Silent); }
+
+/// As `Command::run`, with errors that name the broker where it was lost.
+void execute(const Command& command, Context& context, Arguments& arguments, const RemoteTarget& target) {
+  try {
+    command.run(context, arguments);
+  } catch (const InputError&) {
+    throw;
+  } catch (const mw::NoBrokerError&) {
+    throw;
+  } catch (const std::exception& error) {
+    throw std::runtime_error(target.explain(error));
+  }
+}
+
+int runCommand(const Command& command, const RemoteOptions& options, Arguments& arguments) {
+  // Before there are threads, and only where the signals are waited for: elsewhere they simply end the process.
+  std::optional<StopSignals> signals;
+  if (command.use == Use::Lasting) signals.emplace();
+  silenceLog();
+  Output output(std::cout, std::cerr);
+  if (isatty(STDERR_FILENO)) output.showStatus();
+  FileLines input(STDIN_FILENO, -1);
+  RemoteTarget target(options.broker, options.patience());
+  Watches watches(output);
+  Context context{target, output, watches, &input};
+  if (!signals) {
+    execute(command, context, arguments, target);
+    return kDone;
+  }
+  Follower follower(target, output, watches);
+  execute(command, context, arguments, target);
+  follower.run(*signals);
+  return kDone;
+}
+
+std::string_view groupOf(const Command& command) {
+  const auto isIn = [&](std::span<const Command> group) {
+    return std::ranges::count(group, command.name, &Command::name) > 0;
+  };
+  if (isIn(valueCommands())) return "Values of a running broker";
+  if (isIn(eventCommands())) return "Events of a running broker";
+  if (isIn(transferCommands())) return "Whole sets of keys";
+  return "Services of a running broker";
+}
+
+Verb verbOf(const Command& command) {
+  const auto options = std::make_shared<RemoteOptions>();
+  const auto addOptions = [options, &command](CLI::App& app) {
+    for (const Flag& flag : command.flags) app.add_flag(std::string(flag.name))->description(std::string(flag.summary));
+    addRemote(app, *options);
+  };
+  const auto run = [options, &command](Arguments& arguments) { return runCommand(command, *options, arguments); };
+  return {command.name,    command.arguments, command.summary, command.details,
+          command.example, groupOf(command),  addOptions,      run};
+}
+
+int runTop(const RemoteOptions& options, Arguments& arguments) {
+  const std::string filter = arguments.atEnd() ? "" : arguments.word("FILTER");
+  arguments.end();
+  const StopSignals signals;
+  silenceLog();
+  Output output(std::cout, std::cerr);
+  RemoteTarget target(options.broker, options.patience());
+  runLiveView(target, output, target.broker(), filter, signals.file());
+  return kDone;
+}
+
+Verb topVerb() {
+  const auto options = std::make_shared<RemoteOptions>();
+  const auto addOptions = [options](CLI::App& app) { addRemote(app, *options); };
+  const auto run = [options](Arguments& arguments) { return runTop(*options, arguments); };
+  return {"top",
+          "[FILTER]",
+          "Shows the keys that contain FILTER, or all, as they change.",
+          "A table of each key's value, the age of it, how often it changes and how many modules subscribe. On a "
+          "terminal:\n"
+          "  /                      type a filter; Enter keeps it, Escape drops it\n"
+          "  k v a r s              sort by key, value, age, rate, subscribers; again: the other way round\n"
+          "  arrows, Page, Home, End  scroll\n"
+          "  q                      leave\n"
+          "Elsewhere all of it is printed once a second.\n"
+          "\n"
+          "The rate is an estimate: it takes changes to come evenly.",
+          "top\n"
+          "top Host/",
+          "Values of a running broker",
+          addOptions,
+          run};
+}
+
+}  // namespace
+
+std::vector<Verb> remoteVerbs() {
+  std::vector<Verb> all;
+  for (const Command& command : commands()) {
+    if (command.use != Use::Console) all.push_back(verbOf(command));
+  }
+  const auto firstOther = std::ranges::find_if(all, [&](const Verb& verb) { return verb.group != all.front().group; });
+  all.insert(firstOther, topVerb());
+  return all;
+}
+
+}  // namespace korvo

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace CLI {
+class App;
+}
+
+namespace korvo {
+
+class Arguments;
+
+/// What a shell can ask the program for: `korvo NAME [OPTION...] ARGUMENTS`. The help, the manual pages and the
+/// completion are made of it.
+struct Verb {
+  std::string_view name;
+  std::string_view arguments;  ///< As in the synopsis: "KEY [TEXT]".
+  std::string_view summary;    ///< One line.
+  std::string_view details;    ///< More lines, or none; a blank line ends a paragraph.
+  std::string_view examples;   ///< Lines, each what follows `korvo` in a shell.
+  std::string_view group;      ///< Heading of the list that it is in.
+  /// Adds its options. What they are set to is kept for `run`, which follows.
+  std::function<void(CLI::App& app)> addOptions;
+  /// Does it. @return The exit status. Throws InputError for wrong usage, and what went wrong otherwise.
+  std::function<int(Arguments& arguments)> run;
+};
+
+/// All of them but those that only other programs use, in the order in which the help lists them.
+const std::vector<Verb>& verbs();
+/// @return Null when there is none of that name.
+const Verb* findVerb(std::string_view name);
+/// What is wrong in a command line that asks for `name`: "no command NAME; …".
+std::string noSuchVerb(std::string_view name);
+
+// The verbs by where they do their work, each group in a source of its own name.
+std::vector<Verb> hostingVerbs();  ///< In this process.
+std::vector<Verb> remoteVerbs();   ///< In a running broker.
+std::vector<Verb> servantVerbs();  ///< For shells and for the build: not listed.
+
+/// An application of CLI11 with the options of `verb` and --help, to parse with or to ask.
+std::unique_ptr<CLI::App> optionsOf(const Verb& verb);
+
+/// What was given to a verb, told apart. Options may stand anywhere; a word `--` ends them. A word with a single hyphen
+/// is an argument: it may be a negative number.
+struct GivenWords {
+  std::vector<std::string> options;
+  std::vector<std::string> arguments;
+};
+GivenWords tellApart(const CLI::App& options, std::span<const std::string> words);
+
+}  // namespace korvo

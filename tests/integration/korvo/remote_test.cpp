@@ -1,0 +1,252 @@
+#include "process.h"
+
+#include <filesystem>
+#include <optional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+// The commands of a shell against a broker in another process.
+
+namespace {
+
+using namespace std::chrono_literals;
+using kit::Process;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+using Text = testing::Matcher<const std::string&>;
+using Words = std::vector<std::string>;
+
+std::string module(const std::string& name) { return TEST_MODULES "/lib" + name + ".so"; }
+
+Words korvo(Words words) {
+  words.insert(words.begin(), KORVO_PROGRAM);
+  return words;
+}
+
+Process::Result run(Words words, std::string_view input = {}) {
+  return kit::runProcess(korvo(std::move(words)), input);
+}
+
+/// A broker that others find once this has been made.
+class Broker {
+ public:
+  explicit Broker(Words options = {}) {
+    options.insert(options.begin(), "run");
+    process_.emplace(korvo(std::move(options)));
+    if (!process_->waitFor(" is running: ")) throw std::runtime_error("the broker did not start");
+  }
+  Process& operator*() { return *process_; }
+  Process* operator->() { return &*process_; }
+
+ private:
+  std::optional<Process> process_;
+};
+
+/// One command line and what comes of it.
+struct Row {
+  Words words;
+  Text out = "";
+  Text err = "";
+  int status = 0;
+  std::string input = {};
+};
+
+void check(const Row& row) {
+  SCOPED_TRACE(testing::PrintToString(row.words));
+  const auto result = run(row.words, row.input);
+  EXPECT_THAT(result.out, row.out);
+  EXPECT_THAT(result.err, row.err);
+  EXPECT_EQ(result.status, row.status);
+}
+
+TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
+  const Broker broker({"--module", module("greeter"), "--module", module("sleeper")});
+  const Row rows[] = {
+      {{"set", "Foo", "1"}},
+      {{"get", "Foo"}, "1\n"},
+      {{"get", "--json", "Foo"}, "{\"key\":\"Foo\",\"value\":1}\n"},
+      {{"get", "Nope"}, "", "error: HXMemory.getData: Data not found Nope\n", 1},
+      {{"set", "Left \"arm\"", "{\"x\": [1, -2.5]}"}},
+      {{"get", "Left \"arm\"", "--broker", "korvo"}, "{\"x\":[1,-2.5]}\n"},
+      {{"set", "--", "--json", "-1"}},
+      {{"get", "--json", "--", "--json"}, "{\"key\":\"--json\",\"value\":-1}\n"},
+      {{"ls", "Fo"}, "\"Foo\"\n"},
+      {{"ls", "--json", "F"}, "{\"key\":\"Foo\",\"kind\":\"Data\"}\n"},
+      {{"type", "Foo"}, "\"Data\"\n"},
+      {{"type", "Foo", "--json"}, "{\"key\":\"Foo\",\"kind\":\"Data\"}\n"},
+      {{"time", "Foo", "--json"}, StartsWith("{\"key\":\"Foo\",\"time\":\"2")},
+      {{"set", "Count", "-"}, "", "", 0, "1\n\n2\n3"},
+      {{"get", "Count"}, "3\n"},
+      {{"raise", "Door", "-"}, "", StartsWith("error: standard input line 2: JSON"), 1, "true\nfalse?\n1\n"},
+      {{"history", "Door"}, AllOf(StartsWith("{\"value\":true,\"time\":\""), testing::Not(HasSubstr("1}")))},
+      {{"describe", "Door", "Front door"}},
+      {{"describe", "Door"}, "\"Front door\"\n"},
+      {{"descriptions", "Door", "--json"}, "{\"key\":\"Door\",\"kind\":\"event\",\"description\":\"Front door\"}\n"},
+      {{"declare", "Window", "Greeter"}},
+      {{"events", "--json"}, HasSubstr("{\"key\":\"Window\"}\n")},
+      {{"micro-events"}, "\"KorvoReady\"\n"},
+      {{"subscribers", "Door"}, ""},
+      {{"info", "Window"}, HasSubstr("\"extractor\":\"Greeter\"")},
+      {{"map", "Greeter", "nothing", "Nothing"}},
+      {{"services"}, "\"HXMemory\"\n\"Greeter\"\n\"Sleeper\"\n\"Broker\"\n"},
+      {{"methods", "Greeter"}, StartsWith("greet(string whom) -> string\n")},
+      {{"methods", "Greeter", "--json"}, StartsWith("[{\"name\":\"greet\",")},
+      {{"call", "Greeter", "greet", "\"you\""}, "\"Hello, you\"\n"},
+      {{"call", "Greeter", "greet", "\"you\"", "--json"}, "{\"result\":\"Hello, you\"}\n"},
+      {{"call", "Greeter", "greet", "1"}, "", HasSubstr("Greeter.greet"), 1},
+      {{"call", "Nobody", "x"}, "", "error: no service named Nobody\n", 1},
+      {{"call", "Sleeper", "sleep", "--timeout", "0.1"},
+       "",
+       "error: broker korvo did not answer Sleeper.sleep within 0.1 s\n",
+       1},
+      {{"emit", "Greeter", "nothing"}, "", "error: Greeter.nothing: no such signal\n", 1},
+      {{"load", "./" + std::filesystem::relative(module("throwsininit")).string()},
+       "",
+       HasSubstr("ThrowsInInit.init: no motor"),
+       1},
+      {{"rm", "Foo"}},
+      {{"perf"}},
+      {{"complete", "--", "get", "Cou"}, "Count\n"},
+      {{"complete", "--", "call", "Gree"}, "Greeter\n"},
+      {{"complete", "--", "call", "Greeter", "gr"}, "greet\n"},
+      {{"complete", "--", "get", "--broker", ""}, "korvo\n"},
+      {{"call", "Broker", "modules"}, "[\"HXMemory\",\"Greeter\",\"Sleeper\"]\n"},
+      {{"run"}, "", "error: a broker named korvo is running already\n", 1}};
+  for (const Row& row : rows) check(row);
+}
+
+TEST(Commands, EndAtOnceWithoutABroker) {
+  const Row rows[] = {{{"get", "Foo"}, "", "error: no broker is running\n", 3},
+                      {{"watch", "Foo", "--broker", "torso"}, "", HasSubstr("torso"), 3},
+                      {{"host", "--module", module("greeter")}, "", HasSubstr("no broker is running"), 3},
+                      {{"top"}, "", HasSubstr("no broker"), 3},
+                      {{"get"}, "", HasSubstr("KEY is missing"), 2},
+                      {{"complete", "--", "get", "F"}}};
+  for (const Row& row : rows) check(row);
+}
+
+TEST(Commands, ExportAndImportWholeSetsOfKeys) {
+  const Broker broker;
+  const std::string lines =
+      "{\"key\":\"A\",\"kind\":\"Data\",\"value\":1.5,\"msgpack\":\"ca3fc00000\",\"description\":\"a float\"}\n"
+      "{\"key\":\"B\",\"kind\":\"Event\",\"value\":[1],\"description\":\"\"}\n"
+      "{\"key\":\"C\",\"kind\":\"MicroEvent\",\"value\":null,\"description\":\"\"}\n";
+  const Row rows[] = {
+      {{"import", "-"}, "", "", 0, lines},
+      {{"export"}, lines},
+      {{"export", "B"}, HasSubstr("\"B\"")},
+      {{"import", "-"},
+       "",
+       "error: standard input line 2: it has no key; nothing after it was imported\n",
+       1,
+       "{\"key\":\"D\",\"value\":1}\n{}\n{\"key\":\"E\",\"value\":1}\n"},
+      {{"ls", "E"}, testing::Not(HasSubstr("\"E\""))},
+      {{"import", "-", "--keep-going"},
+       "",
+       "error: standard input line 1: it has no key\nerror: standard input: 1 lines were not imported\n",
+       1,
+       "{}\n{\"key\":\"E\",\"value\":1}\n"},
+      {{"get", "E"}, "1\n"},
+      {{"import", "/nowhere"}, "", HasSubstr("/nowhere: No such file"), 2}};
+  for (const Row& row : rows) check(row);
+}
+
+/// Raises `key` until `process` has seen a raise, for it cannot be told from outside when it begins to watch.
+void raiseUntilSeen(Process& process, const std::string& key) {
+  for (int value = 0; value < 30; ++value) {
+    run({"raise", key, std::to_string(value)});
+    if (process.waitFor("{\"key\":\"" + key + "\",\"value\":" + std::to_string(value) + ",", 1s)) return;
+  }
+  FAIL() << "no raise of " << key << " was seen";
+}
+
+TEST(Watch, PrintsRaisesAndGoesOnWithTheNextBroker) {
+  std::optional<Broker> broker(std::in_place);
+  Process plain(korvo({"watch", "Door", "Window"}));
+  Process json(korvo({"watch", "Door", "--json"}));
+  raiseUntilSeen(plain, "Door");
+  raiseUntilSeen(plain, "Window");
+  raiseUntilSeen(json, "Door");
+  (*broker)->send(SIGTERM);
+  EXPECT_EQ((*broker)->finish().status, 0);
+  EXPECT_TRUE(plain.waitFor("watching goes on when the broker is back"));
+  EXPECT_TRUE(json.waitFor("{\"gap\":\"begins\",\"reason\":"));
+  broker.emplace();
+  EXPECT_TRUE(plain.waitFor("the broker is back; what was raised meanwhile is missing"));
+  EXPECT_TRUE(json.waitFor("{\"gap\":\"ends\",\"time\":"));
+  run({"raise", "Door", "\"after\""});
+  for (Process* process : {&plain, &json}) {
+    EXPECT_TRUE(process->waitFor("{\"key\":\"Door\",\"value\":\"after\","));
+    process->send(SIGINT);
+    EXPECT_EQ(process->finish().status, 0);
+  }
+}
+
+TEST(Host, OffersItsModulesThroughTheBrokerAndFindsItAgain) {
+  std::optional<Broker> broker(std::in_place);
+  Process host(korvo({"host", "--module", module("greeter"), "--log-level", "error"}));
+  ASSERT_TRUE(host.waitFor("hosting for broker korvo: Greeter"));
+  check({{"call", "Greeter", "greet", "\"you\""}, "\"Hello, you\"\n"});
+  (*broker)->send(SIGTERM);
+  EXPECT_EQ((*broker)->finish().status, 0);
+  broker.emplace();
+  ASSERT_TRUE(host.waitFor("the broker is back"));
+  check({{"call", "Greeter", "greet", "\"me\""}, "\"Hello, me\"\n"});
+  host.send(SIGTERM);
+  const auto result = host.finish(10s);
+  EXPECT_EQ(result.out, "Greeter leaves\n");
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST(Broker, LoadsModulesAndEndsWhenItsServiceIsAskedTo) {
+  Broker broker({"--log-level", "info"});
+  const Row rows[] = {{{"load", module("greeter")}},
+                      {{"call", "Greeter", "greet", "\"you\""}, "\"Hello, you\"\n"},
+                      {{"call", "Broker", "stop"}}};
+  for (const Row& row : rows) check(row);
+  const auto result = broker->finish(10s);
+  EXPECT_EQ(result.out, "Greeter leaves\n");
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST(Broker, ThatIsFrozenIsNamed) {
+  Broker broker;
+  broker->send(SIGSTOP);
+  const auto result = run({"get", "Foo"});
+  broker->send(SIGCONT);
+  EXPECT_THAT(result.err, AllOf(StartsWith("error: "), HasSubstr("korvo")));
+  EXPECT_EQ(result.status, 1);
+}
+
+TEST(Top, PrintsSnapshotsWhereThereIsNoTerminal) {
+  const Broker broker;
+  Process top(korvo({"top", "Korvo"}));
+  EXPECT_TRUE(top.waitFor("KorvoReady  MicroEvent"));
+  top.send(SIGINT);
+  const auto result = top.finish();
+  EXPECT_THAT(result.out, testing::Not(HasSubstr("HXMemory/")));
+  EXPECT_EQ(result.status, 0);
+}
+
+TEST(Top, FollowsSortsAndFiltersOnATerminalAndRestoresIt) {
+  const Broker broker;
+  run({"set", "Apple", "1"});
+  // What is run by script has a terminal.
+  Process top({"/usr/bin/script", "-qfec", KORVO_PROGRAM " top", "/dev/null"}, {"TERM=xterm"});
+  ASSERT_TRUE(top.waitFor("Apple"));
+  run({"set", "Pear", "2"});
+  EXPECT_TRUE(top.waitFor("Pear"));
+  top.write("/Pe\r");
+  EXPECT_TRUE(top.waitFor("1 of 6 keys"));
+  top.write(
+      "\x1b"
+      "r");
+  EXPECT_TRUE(top.waitFor("by rate"));
+  top.write("q");
+  EXPECT_TRUE(top.waitFor("\x1b[?25h\x1b[?1049l"));
+  EXPECT_EQ(top.finish().status, 0);
+}
+
+}  // namespace

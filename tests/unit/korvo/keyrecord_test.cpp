@@ -1,0 +1,64 @@
+#include "keyrecord.h"
+
+#include <limits>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace korvo {
+namespace {
+
+using HX::HXValue;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(KeyRecord, ComesBackFromItsLineAsItWas) {
+  const HXValue values[] = {{},
+                            1,
+                            std::int64_t{1},
+                            1.5,
+                            1.5f,
+                            std::numeric_limits<double>::infinity(),
+                            "text",
+                            "\xff",
+                            HXValue::binary({}),
+                            HXValue::list({1, 2.0f})};
+  for (const HXValue& value : values) {
+    const KeyRecord back = toRecord(toLine({"Left arm", "Event", value, "A \"text\""}));
+    EXPECT_EQ(back.key, "Left arm");
+    EXPECT_EQ(back.kind, "Event");
+    EXPECT_EQ(back.value, value);
+    EXPECT_EQ(back.description, "A \"text\"");
+  }
+}
+
+TEST(KeyRecord, IsPlainJsonWhereThatIsEnough) {
+  EXPECT_EQ(toLine({"k", "Data", HXValue::list({1, 2.5}), ""}),
+            "{\"key\":\"k\",\"kind\":\"Data\",\"value\":[1,2.5],\"description\":\"\"}");
+  EXPECT_THAT(toLine({"k", "Data", 1.5f, ""}), HasSubstr("\"value\":1.5,\"msgpack\":\"ca3fc00000\""));
+  EXPECT_EQ(toRecord("{\"key\":\"k\",\"value\":1,\"later\":2}").kind, "Data");
+}
+
+TEST(KeyRecord, SaysWhatIsWrongWithALine) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"{", "JSON"},
+      {"[1]", "it is no object"},
+      {"{\"value\":1}", "it has no key"},
+      {"{\"key\":1,\"value\":1}", "key is no string"},
+      {"{\"key\":\"k\"}", "it has no value"},
+      {"{\"key\":\"k\",\"kind\":\"event\",\"value\":1}", "event is no kind"},
+      {"{\"key\":\"k\",\"value\":1,\"msgpack\":\"0\"}", "msgpack: no hexadecimal digits at character 1"},
+      {"{\"key\":\"k\",\"value\":1,\"msgpack\":\"01zz\"}", "at character 3"},
+      {"{\"key\":\"k\",\"value\":1,\"msgpack\":\"c1\"}", "byte"}};
+  for (const auto& [line, error] : cases) {
+    try {
+      toRecord(line);
+      ADD_FAILURE() << line;
+    } catch (const std::runtime_error& caught) {
+      EXPECT_THAT(caught.what(), HasSubstr(error)) << line;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace korvo
