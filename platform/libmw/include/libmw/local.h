@@ -30,6 +30,8 @@ struct LinkOptions {
   std::size_t depthLimit = 256;
   /// Bytes that wait because the peer does not read.
   std::size_t outputLimit = std::size_t{128} << 20;
+  /// Bytes of calls that wait because the peer makes them faster than they are served.
+  std::size_t inputLimit = std::size_t{128} << 20;
   /// Connections that one server holds at once.
   std::size_t connectionLimit = 1024;
 };

@@ -8,11 +8,15 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace mw::remote {
 
 /// What is done for a message: work for a thread that may block.
 using Work = std::function<void()>;
+
+/// The reason of an end that is nobody's fault.
+inline constexpr std::string_view kPeerClosed = "it closed the connection";
 
 /// Receives what comes over a channel.
 class ChannelSink {

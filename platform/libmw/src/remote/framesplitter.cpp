@@ -35,6 +35,8 @@ constexpr std::array<Format, 32> kFormats{{
 
 }  // namespace
 
+ProtocolError::~ProtocolError() = default;
+
 FrameSplitter::Header FrameSplitter::read(std::span<const std::byte> bytes) {
   const auto first = std::to_integer<std::uint8_t>(bytes.front());
   if (first <= 0x7f || first >= 0xe0) return {};
@@ -80,12 +82,14 @@ void FrameSplitter::valueDone() {
 }
 
 std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
-  while (!started_ || !open_.empty()) {
+  while (values_ == 0 || !open_.empty()) {
     if (position_ >= bytes.size()) return 0;
     const Header header = read(bytes.subspan(position_));
     if (header.size > bytes.size() - position_) return 0;
     position_ += header.size;
-    started_ = true;
+    if (++values_ + header.values > kMostValues) {
+      throw ProtocolError(fmt::format("a message of more than {} values", kMostValues));
+    }
     // Each value takes a byte at least, so that a declared count is bounded like a declared size.
     require(header.content + header.values);
     position_ += header.content;
@@ -96,7 +100,7 @@ std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
     }
   }
   if (position_ > bytes.size()) return 0;
-  started_ = false;
+  values_ = 0;
   return std::exchange(position_, 0);
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <hxerror/api.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -9,17 +11,23 @@
 namespace mw::remote {
 
 /// A peer sent what is no message of the protocol. Ends the connection.
-class ProtocolError : public std::runtime_error {
+class HX_API ProtocolError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+  ProtocolError(const ProtocolError&) = default;
+  ProtocolError& operator=(const ProtocolError&) = default;
+  ~ProtocolError() override;
 };
+
+/// Values in one message: a byte on the wire can be a value of sixty-four bytes here.
+inline constexpr std::uint64_t kMostValues = std::uint64_t{4} << 20;
 
 /// Finds where the messages of a stream end, without reading them.
 ///
 /// MessagePack states no length of the whole, so each header is walked over, once, as its bytes arrive. A size that is
 /// declared beyond the limit ends the stream at once, not when that many bytes have come; an incremental parser of the
 /// library would wait for them, and lets go of the beginning of a message before it has seen the end.
-class FrameSplitter {
+class HX_API FrameSplitter {
  public:
   /// @param frameLimit  Bytes of one message.
   /// @param depthLimit  Lists and maps inside one another.
@@ -29,7 +37,7 @@ class FrameSplitter {
   ///
   /// @param bytes  From the beginning of the present message; what was there at the last call is there again.
   /// @return The size of the message; 0 as long as it is not all there.
-  /// @throws ProtocolError
+  /// @throws ProtocolError for what is over a limit, `kMostValues` included, or no MessagePack.
   std::size_t advance(std::span<const std::byte> bytes);
 
  private:
@@ -46,7 +54,7 @@ class FrameSplitter {
   const std::size_t frameLimit_;
   const std::size_t depthLimit_;
   std::size_t position_ = 0;         // everything before it was walked over; may lie beyond the bytes that are there
-  bool started_ = false;             // a first header was seen
+  std::uint64_t values_ = 0;         // headers that were seen
   std::vector<std::uint64_t> open_;  // how many values each open list or map still lacks
 };
 

@@ -20,6 +20,7 @@ namespace mw::remote {
 namespace {
 
 const char* const kCategory = "mw.link";
+constexpr std::uint32_t kMostArguments = 1024;
 constexpr std::string_view kReserved = "korvo.";
 constexpr std::string_view kAlive = "korvo.alive";
 constexpr std::string_view kEmit = "korvo.emit";
@@ -312,9 +313,9 @@ Work Link::onFrame(std::span<const std::byte> frame) {
   const auto type = static_cast<MessageType>(in.number());
   Work work;
   if (type == MessageType::Request && parts == 4) {
-    work = onCall(in, true);
+    work = onCall(in, true, frame.size());
   } else if (type == MessageType::Notification && parts == 3) {
-    work = onCall(in, false);
+    work = onCall(in, false, frame.size());
   } else if (type == MessageType::Response && parts == 4) {
     work = onResponse(in);
   } else {
@@ -345,8 +346,9 @@ Work Link::onResponse(Reader& in) {
   return {};
 }
 
-Work Link::onCall(Reader& in, bool isRequest) {
+Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
   auto call = std::make_unique<Incoming>();
+  call->size = size;
   call->isRequest = isRequest;
   if (isRequest) call->id = in.number();
   call->target = in.text();
@@ -357,12 +359,14 @@ Work Link::onCall(Reader& in, bool isRequest) {
       --count;
     }
   }
+  if (count > kMostArguments) throw ProtocolError(fmt::format("a call with more than {} arguments", kMostArguments));
   call->object = leasedTarget(call->target);
   for (; count > 0; --count) call->arguments.push_back(readValue(in));
-  if (call->target == kAlive) return {};
+  if (call->target == kAlive && !isRequest) return {};
   if (call->target == kEmit) return onEmission(std::move(call));
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
+    countWaiting(*call);
     const std::shared_ptr<Incoming> shared = std::move(call);
     Work work = [self = shared_from_this(), shared] { self->answer(*shared, self->execute(*shared), Sending::Now); };
     if (runInChain(caller, domain_, work)) return {};
@@ -373,7 +377,14 @@ Work Link::onCall(Reader& in, bool isRequest) {
   return schedule({caller, std::hash<std::string_view>()(object)}, std::move(call));
 }
 
+void Link::countWaiting(const Incoming& call) {
+  if (waitingBytes_.fetch_add(call.size) > options_.inputLimit) {
+    throw ProtocolError(fmt::format("it calls faster than it is served: more than {} bytes wait", options_.inputLimit));
+  }
+}
+
 Work Link::schedule(StrandKey key, std::unique_ptr<Incoming> call) {
+  countWaiting(*call);
   if (!strands_.push(key, std::move(call))) return {};
   return [self = shared_from_this(), key] { self->runStrand(key); };
 }
@@ -430,6 +441,7 @@ AnyObject Link::targetOf(const Incoming& call, std::string_view& member) const {
 }
 
 Future<AnyValue> Link::execute(const Incoming& call) {
+  waitingBytes_ -= call.size;
   try {
     if (call.target.starts_with(kEmit)) {
       const Serving serving({}, domain_);

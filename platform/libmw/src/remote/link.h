@@ -10,6 +10,8 @@
 #include <libmw/local.h>
 #include <libmw/trackable.h>
 
+#include <atomic>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
@@ -26,6 +28,7 @@ namespace mw::remote {
 struct Incoming {
   bool isRequest = false;
   std::uint32_t id = 0;  ///< Of the request.
+  std::size_t size = 0;  ///< Of the message, in bytes.
   Chain chain;           ///< Without a caller when the peer states none.
   std::string target;
   /// Of a call on an object: held from its arrival, because what gives the object back may be right behind.
@@ -53,7 +56,7 @@ class ReservedService {
 /// by it, ends with the link.
 ///
 /// @par Threads  Any. No lock is held while objects or continuations are called.
-class Link final : public ChannelSink, public std::enable_shared_from_this<Link> {
+class HX_API Link final : public ChannelSink, public std::enable_shared_from_this<Link> {
  public:
   using OnEnd = std::function<void(const std::string& reason)>;
 
@@ -121,7 +124,8 @@ class Link final : public ChannelSink, public std::enable_shared_from_this<Link>
   std::exception_ptr endedError() const;
 
   Work onResponse(Reader& in);
-  Work onCall(Reader& in, bool isRequest);
+  Work onCall(Reader& in, bool isRequest, std::size_t size);
+  void countWaiting(const Incoming& call);
   Work schedule(StrandKey key, std::unique_ptr<Incoming> call);
   Work onEmission(const std::shared_ptr<Incoming>& emission);
   Future<AnyValue> execute(const Incoming& call);
@@ -141,6 +145,7 @@ class Link final : public ChannelSink, public std::enable_shared_from_this<Link>
   std::shared_ptr<ReservedService> reserved_;  // set once, by `start`
   OnEnd onEnd_;                                // likewise
   Promise<void> gone_;
+  std::atomic<std::size_t> waitingBytes_{0};  // of calls that have come and are not begun
 
   mutable std::mutex mutex_;          // Guards everything below.
   std::optional<std::string> ended_;  // the reason

@@ -35,11 +35,16 @@ const TypeInterface* foreignType(const std::string& name, TypeKind kind) {
   static std::mutex mutex;                                                       // Guards `known`.
   static auto* const known = new std::map<Key, std::unique_ptr<TypeInterface>>;  // Records live as long as the process.
   const std::lock_guard lock(mutex);
-  auto& record = (*known)[{name, kind}];
+  // Since they are never given back, peers cannot make them without end. What has no record of its own is called by
+  // its kind.
+  static constexpr std::size_t kMost = 4096;
+  static constexpr std::size_t kLongest = 256;
+  const bool isKept = name.size() <= kLongest && (known->size() < kMost || known->contains({name, kind}));
+  auto& record = (*known)[{isKept ? name : "…", kind}];
   if (!record) {
     record = std::make_unique<TypeInterface>();
     record->info = &typeid(void);
-    record->name = name;
+    record->name = isKept ? name : "…";
     record->kind = kind;
     if (kind == TypeKind::List) record->fit = fitsList;
     if (kind == TypeKind::Map) record->fit = fitsMap;
@@ -99,7 +104,7 @@ const HXValue::List& listOf(const HXValue& value) {
 
 unsigned idOf(const HXValue& value) {
   // The largest id decides how long a table of them is.
-  static constexpr int kLargest = 0xffff;
+  static constexpr int kLargest = 0xfff;
   const int id = numberOf(value);
   if (id < 0 || id > kLargest) throw ProtocolError("a description of an object has an id out of range");
   return static_cast<unsigned>(id);

@@ -18,6 +18,8 @@ enum class Owner : std::uint8_t { Sender = 0, Receiver = 1 };
 
 /// A peer describes a few kinds of object, not thousands.
 constexpr std::size_t kMostDescriptions = 4096;
+/// What is described takes some twenty times as much in memory.
+constexpr std::size_t kMostDescribedBytes = std::size_t{8} << 20;
 
 }  // namespace
 
@@ -82,31 +84,44 @@ void ObjectTable::markTold(const Told& told) {
 AnyObject ObjectTable::read(std::span<const std::byte> reference, const std::shared_ptr<Link>& link) {
   Reader reader(reference);
   if (reader.list() != 4) throw ProtocolError("a reference to an object has four parts");
-  const auto owner = static_cast<Owner>(reader.number());
+  const std::uint32_t owner = reader.number();
+  if (owner > static_cast<std::uint32_t>(Owner::Receiver)) throw ProtocolError("a reference to an object of nobody");
   const std::uint32_t id = reader.number();
   const std::uint32_t description = reader.number();
-  if (owner == Owner::Receiver) {
+  if (owner == static_cast<std::uint32_t>(Owner::Receiver)) {
     // Given back meanwhile, it may be gone: then it stands for nothing.
     return leased(id);
   }
   std::optional<MetaObject> told;
+  if (reference.size() > kMostDescribedBytes) throw ProtocolError("a description of an object that is too long");
   if (!reader.nil()) told = metaObjectFrom(reader.value());
   std::shared_ptr<RemoteObject> object;  // Outlives the lock, since the last reference to it may be this one.
   const std::lock_guard lock(mutex_);
-  if (told) {
-    if (descriptions_.size() >= kMostDescriptions) throw ProtocolError("too many descriptions of objects");
-    descriptions_.insert_or_assign(description, std::move(*told));
-  }
-  const auto known = descriptions_.find(description);
-  if (known == descriptions_.end()) throw ProtocolError("a reference to an object that was not described");
+  const MetaObject& metaObject = described(description, std::move(told), reference.size());
   auto& entry = remote_[id];
   object = entry.lock();
   if (!object) {
-    object = std::make_shared<RemoteObject>(link, id, known->second);
+    object = std::make_shared<RemoteObject>(link, id, metaObject);
     entry = object;
   }
   object->addReference();
   return AnyObject(object);
+}
+
+/// What a peer's number stands for, now that it may have been told.
+const MetaObject& ObjectTable::described(std::uint32_t description, std::optional<MetaObject> told, std::size_t size) {
+  const auto known = descriptions_.find(description);
+  if (!told) {
+    if (known == descriptions_.end()) throw ProtocolError("a reference to an object that was not described");
+    return known->second.metaObject;
+  }
+  const bool isNew = known == descriptions_.end();
+  const std::size_t bytes = describedBytes_ + size - (isNew ? 0 : known->second.size);
+  if (bytes > kMostDescribedBytes || (isNew && descriptions_.size() >= kMostDescriptions)) {
+    throw ProtocolError("too many descriptions of objects");
+  }
+  describedBytes_ = bytes;
+  return descriptions_.insert_or_assign(description, Description{std::move(*told), size}).first->second.metaObject;
 }
 
 AnyObject ObjectTable::release(std::uint32_t id, std::uint32_t count) {

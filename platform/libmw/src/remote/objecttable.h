@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <span>
 #include <unordered_map>
@@ -28,7 +29,7 @@ class RemoteObject;
 /// What an object offers is told once for each description, not with every reference.
 ///
 /// @par Threads  Any. No object is destroyed, and none called, under the lock.
-class ObjectTable {
+class HX_API ObjectTable {
  public:
   /// The descriptions that a message tells for the first time. They count as told once the message is on its way.
   using Told = std::vector<std::int32_t>;
@@ -57,6 +58,11 @@ class ObjectTable {
     AnyObject object;
     std::uint64_t count = 0;
   };
+  struct Description {
+    MetaObject metaObject;
+    std::size_t size = 0;  ///< On the wire.
+  };
+  const MetaObject& described(std::uint32_t description, std::optional<MetaObject> told, std::size_t size);
   std::uint32_t lease(const AnyObject& object);
 
   mutable std::mutex mutex_;  // Guards everything below.
@@ -66,7 +72,8 @@ class ObjectTable {
   std::uint32_t lastLease_ = 0;
   std::set<std::int32_t> told_;
   std::map<std::uint32_t, std::weak_ptr<RemoteObject>> remote_;
-  std::map<std::uint32_t, MetaObject> descriptions_;  // the peer's, by its numbers
+  std::map<std::uint32_t, Description> descriptions_;  // the peer's, by its numbers
+  std::size_t describedBytes_ = 0;                     // how much they were on the wire
 };
 
 }  // namespace mw::remote

@@ -17,7 +17,7 @@ namespace mw::remote {
 /// services that it registered, the signals that it connected, the notices that it asked for.
 ///
 /// @par Threads  Any.
-class SessionService final : public ReservedService, public std::enable_shared_from_this<SessionService> {
+class HX_API SessionService final : public ReservedService, public std::enable_shared_from_this<SessionService> {
  public:
   /// What a peer may do.
   enum class Role : bool {

@@ -25,7 +25,7 @@ enum class Extension : std::int8_t {
 
 /// Reads the parts of one message, front to back. Every function throws ProtocolError when what comes next is
 /// something else.
-class Reader {
+class HX_API Reader {
  public:
   explicit Reader(std::span<const std::byte> bytes) : rest_(bytes) {}
 
@@ -51,7 +51,7 @@ class Reader {
 };
 
 /// Appends the parts of a message to bytes.
-class Writer {
+class HX_API Writer {
  public:
   explicit Writer(Bytes& out) : out_(out) {}
 
