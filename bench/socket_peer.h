@@ -2,28 +2,24 @@
 
 // The other processes of the transport's benchmarks: they are started beside this one and end with it.
 
-#include <benchmark/benchmark.h>
-
-
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
+#include <signal.h>
+#include <spawn.h>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace bench {
 
@@ -89,7 +85,8 @@ class PlainSocket {
   }
   /// As many bytes.
   void receive(std::string& bytes) {
-    for (std::size_t filled = 0; filled < bytes.size();) filled += receiveSome(bytes.data() + filled, bytes.size() - filled);
+    for (std::size_t filled = 0; filled < bytes.size();)
+      filled += receiveSome(bytes.data() + filled, bytes.size() - filled);
   }
   std::size_t receiveSome(char* at, std::size_t size) {
     const ssize_t received = ::recv(socket_, at, size, 0);
@@ -99,31 +96,6 @@ class PlainSocket {
 
  private:
   const int socket_;
-};
-
-/// Times of single round trips, for the percentiles that an average hides.
-class Latencies {
- public:
-  template <class Action>
-  void measure(Action&& action) {
-    const auto begin = std::chrono::steady_clock::now();
-    action();
-    times_.push_back(std::chrono::steady_clock::now() - begin);
-  }
-  /// Adds the counters p50_us and p99_us.
-  void report(benchmark::State& state) {
-    if (times_.empty()) return state.SkipWithError("it did no work");
-    state.counters["p50_us"] = percentile(0.5);
-    state.counters["p99_us"] = percentile(0.99);
-  }
-
- private:
-  double percentile(double part) {
-    const auto at = times_.begin() + static_cast<std::ptrdiff_t>(part * static_cast<double>(times_.size() - 1));
-    std::nth_element(times_.begin(), at, times_.end());
-    return std::chrono::duration<double, std::micro>(*at).count();
-  }
-  std::vector<std::chrono::nanoseconds> times_;
 };
 
 }  // namespace bench

@@ -14,7 +14,6 @@
 namespace {
 
 using bench::Child;
-using bench::Latencies;
 using bench::PlainSocket;
 using HX::HXProxy;
 using HX::HXValue;
@@ -23,6 +22,31 @@ using HX::HXValue;
 constexpr std::size_t kMessage = 48;
 constexpr std::size_t kLarge = std::size_t{1} << 20;
 constexpr int kInFlight = 64;
+
+/// Times of single round trips, for the percentiles that an average hides.
+class Latencies {
+ public:
+  template <class Action>
+  void measure(Action&& action) {
+    const auto begin = std::chrono::steady_clock::now();
+    action();
+    times_.push_back(std::chrono::steady_clock::now() - begin);
+  }
+  /// Adds the counters p50_us and p99_us.
+  void report(benchmark::State& state) {
+    if (times_.empty()) return state.SkipWithError("it did no work");
+    state.counters["p50_us"] = percentile(0.5);
+    state.counters["p99_us"] = percentile(0.99);
+  }
+
+ private:
+  double percentile(double part) {
+    const auto at = times_.begin() + static_cast<std::ptrdiff_t>(part * static_cast<double>(times_.size() - 1));
+    std::nth_element(times_.begin(), at, times_.end());
+    return std::chrono::duration<double, std::micro>(*at).count();
+  }
+  std::vector<std::chrono::nanoseconds> times_;
+};
 
 std::string peerProgram() {
   return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bench_transport_peer";
@@ -71,7 +95,8 @@ class Redis {
   static bool isInstalled() { return std::filesystem::exists("/usr/bin/redis-server"); }
   static Redis& instance() {
     static const std::string path = bench::socketFolder() + "/redis";
-    static const Child child({"redis-server", "--port", "0", "--unixsocket", path, "--save", "", "--loglevel", "warning"});
+    static const Child child(
+        {"redis-server", "--port", "0", "--unixsocket", path, "--save", "", "--loglevel", "warning"});
     static Redis redis(path);
     redis.call("*3\r\n$3\r\nSET\r\n$3\r\nkey\r\n$2\r\n42\r\n", 5);
     return redis;
@@ -169,7 +194,7 @@ void storeAndGetLarge(benchmark::State& state) {
   const auto large = HXValue::binary(std::vector<std::byte>(kLarge));
   for (auto _ : state) {
     memory.call("insertData", "large", large);
-    if (memory.call<HXValue>("getData", "large").getSize() != kLarge) state.SkipWithError("a wrong answer");
+    if (memory.call<HXValue>("getData", "large").asBinary().size() != kLarge) state.SkipWithError("a wrong answer");
   }
   state.SetLabel("control=echoLarge/real_time aim=2");
 }

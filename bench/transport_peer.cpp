@@ -22,7 +22,8 @@ void runEcho(const std::string& path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   path.copy(address.sun_path, sizeof address.sun_path - 1);
-  if (::bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || ::listen(listening, 1) != 0) {
+  if (::bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listening, 1) != 0) {
     throw std::runtime_error("cannot listen on " + path);
   }
   std::vector<char> buffer(std::size_t{1} << 18);
@@ -32,7 +33,8 @@ void runEcho(const std::string& path) {
       const ssize_t received = ::recv(peer, buffer.data(), buffer.size(), 0);
       if (received <= 0) break;
       for (ssize_t sent = 0; sent < received;) {
-        sent += std::max<ssize_t>(0, ::send(peer, buffer.data() + sent, static_cast<std::size_t>(received - sent), MSG_NOSIGNAL));
+        sent += std::max<ssize_t>(
+            0, ::send(peer, buffer.data() + sent, static_cast<std::size_t>(received - sent), MSG_NOSIGNAL));
       }
     }
     ::close(peer);

@@ -15,8 +15,7 @@ namespace mw {
 
 namespace detail {
 class ThreadPool;
-struct LoopAccess;
-}  // namespace detail
+}
 
 /// A queue of functions and the pool of threads that run them.
 ///
@@ -84,7 +83,6 @@ class HX_API EventLoop {
 
  private:
   friend EventLoop& defaultLoop();
-  friend struct detail::LoopAccess;
   std::shared_ptr<detail::ThreadPool> pool_;
 };
 

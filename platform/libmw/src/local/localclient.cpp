@@ -43,7 +43,6 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   Impl(Session& session, const std::string& broker, const Options& options)
       : session_(session),
         options_(options),
-        pool_(detail::LoopAccess::pool(defaultLoop())),
         broker_(broker.empty() ? onlyBroker() : broker),
         files_(local::filesOf(broker_)) {}
 
@@ -134,7 +133,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     local::File socket = local::connectTo(files_.socket);
     if (!socket) return false;
     if (!local::isOwnPeer(socket)) throw std::runtime_error(fmt::format("broker {} is another user's", broker_));
-    const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_.link, pool_);
+    const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_.link);
     const auto link = std::make_shared<remote::Link>(channel, &session_, options_.link);
     link->start(std::make_shared<Greeter>(session_, link, lifetime_.token()),
                 [weak = weak_from_this(), raw = link.get()](const std::string& reason) {
@@ -254,7 +253,6 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
 
   Session& session_;
   const Options options_;
-  const std::shared_ptr<detail::ThreadPool> pool_;
   const std::string broker_;
   const local::BrokerFiles files_;
   remote::RemoteServices services_;

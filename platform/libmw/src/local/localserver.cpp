@@ -8,35 +8,35 @@
 #include <libmw/session.h>
 
 #include <cerrno>
+#include <fcntl.h>
 #include <map>
 #include <mutex>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
-#include <boost/asio/posix/stream_descriptor.hpp>
 #include <fmt/format.h>
 
 namespace mw {
 namespace {
 
 const char* const kCategory = "mw.link";
+const char* const kShutDown = "the broker shuts down";
 /// Out of files, or out of memory: trying again at once would only burn time.
 constexpr std::chrono::milliseconds kPauseAfterFailure{100};
 
 }  // namespace
 
-class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
+class LocalServer::Impl : public local::Pollable, public std::enable_shared_from_this<Impl> {
  public:
   Impl(Session& session, const std::string& name, const LinkOptions& options)
       : session_(session),
         name_(name),
         options_(options),
-        pool_(detail::LoopAccess::pool(defaultLoop())),
         files_(local::filesOf(name)),
-        lock_(local::lockBroker(files_)),
-        listening_(pool_->context()) {
+        lock_(local::lockBroker(files_)) {
     if (!lock_) throw std::runtime_error(fmt::format("a broker named {} is running already", name));
     local::File socket = local::listenOn(files_.socket);
     ::fcntl(socket.number(), F_SETFL, O_NONBLOCK);
@@ -44,27 +44,26 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
   }
 
   void start() {
-    pool_->watch();
-    const std::lock_guard lock(mutex_);
-    listening_.assign(socket_.number());
-    watchLocked();
+    number_ = local::Poller::instance().add(socket_.number(), weak_from_this());
+    watch(EPOLLIN);
   }
 
   void stop() {
-    pool_->unwatch();
+    local::Poller::instance().remove(number_, socket_.number());
     std::map<std::uint64_t, std::shared_ptr<remote::Link>> links;
     {
       const std::lock_guard lock(mutex_);
       stopped_ = true;
-      listening_.release();
       links.swap(links_);
     }
     ::unlink(files_.socket.c_str());
     ::unlink(files_.lock.c_str());
     lock_ = local::File();
-    for (const auto& [number, link] : links) link->end("the broker shuts down");
+    for (const auto& [number, link] : links) link->end(kShutDown);
     for (const auto& [number, link] : links) link->gone().wait();
   }
+
+  void onReady(std::uint32_t /*events*/, std::vector<remote::Work>& /*works*/) override { acceptAll(); }
 
   std::size_t connectionCount() const {
     const std::lock_guard lock(mutex_);
@@ -72,17 +71,7 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
   }
 
  private:
-  void watchLocked() {
-    listening_.async_wait(boost::asio::posix::stream_descriptor::wait_read,
-                          [self = shared_from_this()](const boost::system::error_code& error) {
-                            if (!error) self->acceptAll();
-                          });
-  }
-
-  void watch() {
-    const std::lock_guard lock(mutex_);
-    if (!stopped_) watchLocked();
-  }
+  void watch(std::uint32_t events) { local::Poller::instance().watch(number_, socket_.number(), events); }
 
   void acceptAll() {
     while (true) {
@@ -90,12 +79,13 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
       if (accepted) {
         welcome(std::move(accepted));
       } else if (errno == EAGAIN) {
-        return watch();
+        return;
       } else if (errno != EINTR && errno != ECONNABORTED) {
         log::error(
             kCategory, "accept",
             fmt::format("broker {} cannot take a connection: {}", name_, std::generic_category().message(errno)));
-        defaultLoop().post([self = shared_from_this()] { self->watch(); }, kPauseAfterFailure);
+        watch(0);
+        defaultLoop().post([self = shared_from_this()] { self->watch(EPOLLIN); }, kPauseAfterFailure);
         return;
       }
     }
@@ -106,13 +96,15 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
       return log::warning(kCategory, "accept", fmt::format("broker {} refused a process of another user", name_));
     }
     try {
-      const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_, pool_);
+      const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_);
       const auto link = std::make_shared<remote::Link>(channel, &session_, options_);
       if (const auto number = add(link)) {
         link->start(
             std::make_shared<remote::SessionService>(session_, name_, link, remote::SessionService::Role::Broker),
             [weak = weak_from_this(), number = *number, peer = link->peer()](const std::string& reason) {
-              log::verbose(kCategory, "end", fmt::format("{} has left: {}", peer, reason));
+              const bool isUsual = reason == remote::kPeerClosed || reason == kShutDown;
+              log::write(isUsual ? LogLevel::Verbose : LogLevel::Warning, kCategory, "end",
+                         fmt::format("{} has left: {}", peer, reason));
               if (const auto self = weak.lock()) self->remove(number);
             });
       }
@@ -143,13 +135,12 @@ class LocalServer::Impl : public std::enable_shared_from_this<Impl> {
   Session& session_;
   const std::string name_;
   const LinkOptions options_;
-  const std::shared_ptr<detail::ThreadPool> pool_;
   const local::BrokerFiles files_;
   local::File lock_;
   local::File socket_;
+  std::uint64_t number_ = 0;  // at the poller
 
   mutable std::mutex mutex_;  // Guards everything below.
-  boost::asio::posix::stream_descriptor listening_;
   bool stopped_ = false;
   std::uint64_t lastNumber_ = 0;
   std::map<std::uint64_t, std::shared_ptr<remote::Link>> links_;

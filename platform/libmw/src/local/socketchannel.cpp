@@ -1,6 +1,6 @@
 #include "socketchannel.h"
 
-#include <libmw/log.h>
+#include <libmw/eventloop.h>
 
 #include <array>
 #include <cerrno>
@@ -26,20 +26,18 @@ constexpr std::size_t kTurn = std::size_t{256} << 10;
 /// How many messages one call of the system sends.
 constexpr std::size_t kGathered = 64;
 
-File makeEpoll(int socket) {
-  File made(::epoll_create1(EPOLL_CLOEXEC));
-  epoll_event event{};
-  if (!made || ::epoll_ctl(made.number(), EPOLL_CTL_ADD, socket, &event) != 0) {
-    throw std::system_error(errno, std::generic_category(), "watching a connection");
-  }
-  return made;
-}
-
 std::string describePeer(int socket) {
   ucred credentials{};
   socklen_t size = sizeof credentials;
   if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return "a process";
   return fmt::format("process {}", credentials.pid);
+}
+
+/// Of an end that the system reports.
+std::string reasonOf(int error) {
+  // A socket that is closed before all was read is reset.
+  if (error == ECONNRESET || error == EPIPE) return std::string(remote::kPeerClosed);
+  return std::generic_category().message(error);
 }
 
 void makeNonBlocking(int socket) {
@@ -49,81 +47,55 @@ void makeNonBlocking(int socket) {
 
 }  // namespace
 
-File::~File() {
-  if (number_ >= 0) ::close(number_);
-}
-
-SocketChannel::SocketChannel(File socket, const LinkOptions& options, std::shared_ptr<detail::ThreadPool> pool)
+SocketChannel::SocketChannel(File socket, const LinkOptions& options)
     : options_(options),
-      pool_(std::move(pool)),
+      poller_(Poller::instance()),
       socket_(std::move(socket)),
-      epoll_(makeEpoll(socket_.number())),
       peer_(describePeer(socket_.number())),
       lastReceived_(Clock::now().time_since_epoch().count()),
-      splitter_(options.frameLimit, options.depthLimit),
-      watched_(pool_->context()) {
+      splitter_(options.frameLimit, options.depthLimit) {
   makeNonBlocking(socket_.number());
-  pool_->watch();
 }
 
-SocketChannel::~SocketChannel() {
-  pool_->unwatch();
-  watched_.release();  // The file is closed by its owner.
-}
+SocketChannel::~SocketChannel() { end("nobody uses it"); }
 
 void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
   sink_ = sink;
   {
     const std::lock_guard lock(watchMutex_);
-    watched_.assign(epoll_.number());
+    if (!ended_) number_ = poller_.add(socket_.number(), weak_from_this());
   }
   watch();
-  arm();
 }
 
+/// Watches for what is of interest now.
 void SocketChannel::watch() {
   const std::lock_guard lock(watchMutex_);
-  if (ended_ || !watched_.is_open()) return;
-  watched_.async_wait(boost::asio::posix::stream_descriptor::wait_read,
-                      [self = shared_from_this()](const boost::system::error_code& error) {
-                        if (!error) self->onReady();
-                      });
+  if (number_ == 0) return;
+  std::uint32_t events = 0;
+  if (!borrowed_) events |= EPOLLIN;
+  if (hasOutput_) events |= EPOLLOUT;
+  poller_.watch(number_, socket_.number(), events);
 }
 
-void SocketChannel::onReady() {
-  epoll_event event{};
-  const int count = ::epoll_wait(epoll_.number(), &event, 1, 0);
-  watch();
-  if (count <= 0) return;
-  if ((event.events & EPOLLOUT) != 0) flush();
-  if ((event.events & ~static_cast<std::uint32_t>(EPOLLOUT)) != 0 && !reading_.exchange(true)) {
-    readAndWork();
-  } else {
-    arm();
-  }
-}
-
-/// Watches for what is of interest now; an event disarms.
-void SocketChannel::arm() {
-  const std::lock_guard lock(armMutex_);
-  epoll_event event{};
-  if (!reading_) event.events |= EPOLLIN;
-  if (hasOutput_) event.events |= EPOLLOUT;
-  if (ended_) event.events = 0;
-  // Without an interest in anything the end of the connection would still be reported, over and over.
-  event.events |= EPOLLONESHOT;
-  ::epoll_ctl(epoll_.number(), EPOLL_CTL_MOD, socket_.number(), &event);
+void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& works) {
+  if ((events & EPOLLOUT) != 0) flush();
+  if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) == 0 || reading_.exchange(true)) return;
+  receive(works);
+  reading_ = false;
 }
 
 bool SocketChannel::beginReading() {
   if (ended_ || reading_.exchange(true)) return false;
-  arm();
+  borrowed_ = true;
+  watch();
   return true;
 }
 
 void SocketChannel::endReading() {
+  borrowed_ = false;
   reading_ = false;
-  arm();
+  watch();
 }
 
 void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
@@ -131,17 +103,7 @@ void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
   if (::poll(files.data(), files.size(), static_cast<int>(timeout.count())) <= 0 || files[0].revents == 0) return;
   std::vector<remote::Work> works;
   receive(works);
-  for (auto& work : works) pool_->post(std::move(work));
-}
-
-void SocketChannel::readAndWork() {
-  std::vector<remote::Work> works;
-  receive(works);
-  endReading();
-  if (works.empty()) return;
-  for (std::size_t i = 1; i < works.size(); ++i) pool_->post(std::move(works[i]));
-  const detail::ThreadPool::Busy busy(*pool_);
-  works.front()();
+  for (auto& work : works) defaultLoop().post(std::move(work));
 }
 
 /// Reads what is there, for one turn.
@@ -156,7 +118,7 @@ bool SocketChannel::receive(std::vector<remote::Work>& works) {
     if (received < 0 && errno == EINTR) continue;
     if (received < 0 && (errno == EAGAIN)) return true;
     if (received <= 0) {
-      end(received == 0 ? "it closed the connection" : std::generic_category().message(errno));
+      end(received == 0 ? std::string(remote::kPeerClosed) : reasonOf(errno));
       return false;
     }
     turn += static_cast<std::size_t>(received);
@@ -198,30 +160,28 @@ void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
     return end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
   }
   if (hasOutput_) return;  // It leaves when the peer has read.
-  if (when == remote::Sending::Now) {
-    if (writeLocked()) return;
-  } else if (!std::exchange(flushPosted_, true)) {
-    if (pool_->post([self = shared_from_this()] { self->flush(); })) return;
-    if (writeLocked()) return;
-  } else {
-    return;
+  if (when == remote::Sending::Soon) {
+    if (std::exchange(flushPosted_, true)) return;
+    if (defaultLoop().post([self = shared_from_this()] { self->flush(); })) return;
   }
+  const int error = writeLocked();
   lock.unlock();
-  end("sending failed");
+  if (error != 0) end(reasonOf(error));
 }
 
 void SocketChannel::flush() {
+  int error = 0;
   {
     const std::lock_guard lock(outputMutex_);
     flushPosted_ = false;
-    if (ended_ || writeLocked()) return;
+    if (!ended_) error = writeLocked();
   }
-  end("sending failed");
+  if (error != 0) end(reasonOf(error));
 }
 
 /// Sends as much as the system takes now.
-/// @return False when the connection is broken.
-bool SocketChannel::writeLocked() {
+/// @return 0, or the system's error when the connection is broken.
+int SocketChannel::writeLocked() {
   while (!output_.empty()) {
     std::array<iovec, kGathered> parts;
     std::size_t count = 0;
@@ -235,9 +195,9 @@ bool SocketChannel::writeLocked() {
     const ssize_t written = ::sendmsg(socket_.number(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) {
-      if (errno != EAGAIN) return false;
-      if (!hasOutput_.exchange(true)) arm();
-      return true;
+      if (errno != EAGAIN) return errno;
+      if (!hasOutput_.exchange(true)) watch();
+      return 0;
     }
     outputBytes_ -= static_cast<std::size_t>(written);
     sent_ += static_cast<std::size_t>(written);
@@ -247,7 +207,7 @@ bool SocketChannel::writeLocked() {
     }
   }
   hasOutput_ = false;
-  return true;
+  return 0;
 }
 
 void SocketChannel::end(const std::string& reason) {
@@ -255,7 +215,7 @@ void SocketChannel::end(const std::string& reason) {
   ::shutdown(socket_.number(), SHUT_RDWR);
   {
     const std::lock_guard lock(watchMutex_);
-    if (watched_.is_open()) watched_.release();
+    if (number_ != 0) poller_.remove(std::exchange(number_, 0), socket_.number());
   }
   {
     const std::lock_guard lock(outputMutex_);

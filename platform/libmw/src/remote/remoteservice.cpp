@@ -30,8 +30,10 @@ void RemoteService::metaPost(unsigned member, GenericFunctionParameters paramete
 }
 
 Future<SignalLink> RemoteService::metaConnect(unsigned signal, const SignalSubscriber& subscriber) {
-  return target()->metaConnect(signal, subscriber).andThen(
-      [self = std::static_pointer_cast<RemoteService>(shared_from_this()), signal, subscriber](const SignalLink& link) {
+  return target()
+      ->metaConnect(signal, subscriber)
+      .andThen([self = std::static_pointer_cast<RemoteService>(shared_from_this()), signal,
+                subscriber](const SignalLink& link) {
         const std::lock_guard lock(self->mutex_);
         self->connections_[link] = {signal, subscriber, link};
         return link;

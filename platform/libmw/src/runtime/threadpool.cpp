@@ -168,7 +168,6 @@ bool ThreadPool::mayRetire() {
 void ThreadPool::execute(std::function<void()>& function) {
   running_.fetch_add(1);
   started_.fetch_add(1);
-  if (unwatched() > 0) armMonitor();
   try {
     if (!isStopped_) function();
   } catch (const std::exception& error) {
@@ -190,19 +189,7 @@ void ThreadPool::oneDone() {
 std::size_t ThreadPool::queued() const noexcept {
   const auto outstanding = outstanding_.load();
   const auto running = running_.load();  // may have grown since
-  return (outstanding > running ? outstanding - running : 0) + unwatched();
-}
-
-void ThreadPool::beginHandler() {
-  outstanding_.fetch_add(1);
-  running_.fetch_add(1);
-  started_.fetch_add(1);
-  if (isOverloaded()) armMonitor();
-}
-
-void ThreadPool::endHandler() {
-  running_.fetch_sub(1);
-  oneDone();
+  return outstanding > running ? outstanding - running : 0;
 }
 
 void ThreadPool::armMonitor() {

@@ -40,26 +40,6 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
   bool post(std::function<void()> function);
   bool postAfter(std::function<void()> function, std::chrono::nanoseconds delay);
 
-  /// Where sockets are watched. Their handlers run on the workers.
-  boost::asio::io_context& context() noexcept { return work_; }
-
-  /// Says that there is a socket to watch, until `unwatch`. While there is one, a pool whose workers all run something
-  /// grows: one of them has to watch.
-  void watch() noexcept { watched_.fetch_add(1); }
-  void unwatch() noexcept { watched_.fetch_sub(1); }
-
-  /// A call that a handler of a socket runs on a worker: it counts as a function that runs.
-  class Busy {
-   public:
-    explicit Busy(ThreadPool& pool) : pool_(pool) { pool_.beginHandler(); }
-    Busy(const Busy&) = delete;
-    Busy& operator=(const Busy&) = delete;
-    ~Busy() { pool_.endHandler(); }
-
-   private:
-    ThreadPool& pool_;
-  };
-
   bool isInThisPool() const noexcept;
   void drain();
   void stop();
@@ -88,11 +68,7 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
   void oneDone();
 
   std::size_t queued() const noexcept;
-  bool isOverloaded() const noexcept { return outstanding_.load() + unwatched() > workers_.load(); }
-  /// 1 when there are sockets and no worker is free to watch them.
-  std::size_t unwatched() const noexcept { return watched_.load() > 0 && running_.load() >= workers_.load() ? 1 : 0; }
-  void beginHandler();
-  void endHandler();
+  bool isOverloaded() const noexcept { return outstanding_.load() > workers_.load(); }
   void armMonitor();
   void scheduleTick();
   void tick();
@@ -104,7 +80,6 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
 
   std::atomic<std::size_t> outstanding_{0};  // functions queued or running
   std::atomic<std::size_t> running_{0};
-  std::atomic<std::size_t> watched_{0};
   std::atomic<std::size_t> workers_{0};
   std::atomic<std::uint64_t> started_{0};  // functions ever started
   std::atomic<bool> isStopped_{false};
@@ -125,11 +100,6 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
   std::optional<WorkGuard> serviceGuard_;
   std::map<std::thread::id, std::thread> threads_;
   std::vector<std::thread> ended_;  // to be joined
-};
-
-/// The pool behind a loop, for what is part of the middleware.
-struct LoopAccess {
-  static const std::shared_ptr<ThreadPool>& pool(EventLoop& loop) { return loop.pool_; }
 };
 
 }  // namespace mw::detail

@@ -18,8 +18,15 @@ class ThreadWait {
   /// @param wait  Must outlive the thread, or be set back.
   static void setCurrent(ThreadWait* wait) noexcept { current_ = wait; }
 
+  /// Has `function` called on the calling thread each time before it waits for a future; null for nothing.
+  static void setBeforeWaiting(void (*function)()) noexcept { beforeWaiting_ = function; }
+  static void tellOfWaiting() {
+    if (beforeWaiting_) beforeWaiting_();
+  }
+
  private:
   static inline thread_local ThreadWait* current_ = nullptr;
+  static inline thread_local void (*beforeWaiting_)() = nullptr;
 };
 
 /// While one lives, futures that the calling thread finishes have their continuations run on the event loop. For
