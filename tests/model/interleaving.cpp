@@ -17,6 +17,8 @@ namespace {
 struct Position;
 struct Thread;
 
+std::string typed(const HXValue& value) { return value.toString(HXValue::Verbosity::Typed); }
+
 /// One step of a call. What it does fails with the error of the call, or gives false when it contradicts what was seen.
 struct Step {
   std::string name;  ///< Different steps have different ones.
@@ -45,7 +47,7 @@ struct Position {
 };
 
 Step notify(int item, const HXValue& value, const std::string& last) {
-  return {fmt::format("notify {} after '{}' of {}", item, last, value.toString()),
+  return {fmt::format("notify {} after '{}' of {}", item, last, typed(value)),
           [=](Position& p, Thread& me) {
             p.dispatching[item] = me.number;
             auto& subscriptions = p.state.at(item).subscriptions;
@@ -68,7 +70,7 @@ Step notify(int item, const HXValue& value, const std::string& last) {
 }
 
 Step write(const std::string& key, const HXValue& value, State::Kind kind, bool raises) {
-  return {fmt::format("write {} {}", key, value.toString()), [=](Position& p, Thread& me) {
+  return {fmt::format("write {} {}", key, typed(value)), [=](Position& p, Thread& me) {
             const auto [item, change] = p.state.insert(key, value, kind);
             if (raises) me.todo.push_back(notify(item, value, ""));
             if (raises && kind == STMValue::Event) {
@@ -160,7 +162,6 @@ std::vector<Step> stepsOf(const Call& call) {
 std::string textOf(const Position& position) {
   std::string text;
   const auto add = [&text](const auto&... parts) { ((text += fmt::format("{},", parts)), ...); };
-  const auto typed = [](const HXValue& value) { return value.toString(HXValue::Verbosity::Typed); };
   for (const auto& thread : position.threads) {
     add('|', thread.call, thread.seen, thread.end);
     for (const auto& step : thread.todo) add(step.name);

@@ -5,16 +5,15 @@
 #include <hxbase/hxmemory.h>
 
 #include <algorithm>
-#include <iterator>
 #include <stdexcept>
+
+#include <fmt/format.h>
 
 namespace HX::model {
 namespace {
 
 /// In place of an offer's number: the look-up gave the object itself, which cannot be withdrawn.
 constexpr int kForGood = -1;
-
-std::string quoted(const std::string& text) { return HXValue(text).toString(); }
 
 }  // namespace
 
@@ -38,11 +37,11 @@ Model::Model(Called called) : called_(std::move(called)) {
   publishEvents(builder);
   methods_ = std::make_shared<mw::DynamicObject>(builder.build(), nullptr);
   for (const auto& event : {Memory::keyAddedKey, Memory::keyRemovedKey, Memory::keyTypeChanged}) declareEvent(event);
-  raiseMicroEvent("KorvoReady", 0);
+  raise("KorvoReady", 0, STMValue::MicroEvent);
 }
 
 template <class Callable>
-void Model::publish(mw::ObjectBuilder& builder, const char* name, Callable callable) {
+void Model::publish(mw::ObjectBuilder& builder, const std::string& name, Callable callable) {
   builder.advertiseMethod(mw::MetaMethodBuilder(name, {}, {}), mw::AnyFunction::from(std::move(callable)));
 }
 
@@ -72,8 +71,7 @@ void Model::publishData(mw::ObjectBuilder& to) {
   publish(to, "getDataListName", [this] { return state_.names(""); });
   publish(to, "getListData", [this](const HXValue& keys) { return getListData(keys); });
   publish(to, "getType", [this](Text key) {
-    const char* const words[] = {"Unknown data", "Data", "ShmData", "Event", "MicroEvent"};
-    return std::string(words[state_.at(state_.require(key, "getStrDataType")).kind]);
+    return std::string(STMValue::kindText(state_.at(state_.require(key, "getStrDataType")).kind));
   });
   publish(to, "setDescription", [this](Text key, Text text) {
     const auto item = state_.find(key);
@@ -92,8 +90,8 @@ void Model::publishEvents(mw::ObjectBuilder& to) {
     state_.extractors[key] = {extractor, true};
     declareEvent(key);
   });
-  publish(to, "raiseEvent", [this](Text key, const HXValue& value) { raiseEvent(key, value); });
-  publish(to, "raiseMicroEvent", [this](Text key, const HXValue& value) { raiseMicroEvent(key, value); });
+  publish(to, "raiseEvent", [this](Text key, const HXValue& value) { raise(key, value, STMValue::Event); });
+  publish(to, "raiseMicroEvent", [this](Text key, const HXValue& value) { raise(key, value, STMValue::MicroEvent); });
   publish(to, "removeEvent", [this](Text key) { removeEvent(key); });
   publish(to, "removeMicroEvent", [this](Text key) { removeEvent(key); });
   publish(to, "getEventHistory", [this](Text key) { return state_.history(state_.require(key, "getEventHistory")); });
@@ -105,21 +103,23 @@ void Model::publishEvents(mw::ObjectBuilder& to) {
     return events;
   });
   publish(to, "subscribeToEvent",
-          [this](Text key, Text module, Text method) { subscribeToEvent(key, module, "", method); });
-  publish(to, "subscribeToEvent",
-          [this](Text key, Text module, Text message, Text method) { subscribeToEvent(key, module, message, method); });
-  publish(to, "subscribeToMicroEvent", [this](Text key, Text module, Text message, Text method) {
-    subscribeToMicroEvent(key, module, message, method);
-  });
-  publish(to, "unsubscribeToEvent", [this](Text key, Text module) { unsubscribeToEvent(key, module); });
-  publish(to, "unsubscribeToMicroEvent", [this](Text key, Text module) { unsubscribeToMicroEvent(key, module); });
+          [this](Text key, Text module, Text method) { subscribe(key, module, "", method, STMValue::Event); });
+  for (const auto& [kind, word] :
+       {std::pair(STMValue::Event, "Event"), std::pair(STMValue::MicroEvent, "MicroEvent")}) {
+    publish(to, fmt::format("subscribeTo{}", word),
+            [this, kind = kind](Text key, Text module, Text message, Text method) {
+              subscribe(key, module, message, method, kind);
+            });
+    publish(to, fmt::format("unsubscribeTo{}", word),
+            [this, kind = kind](Text key, Text module) { unsubscribe(key, module, kind); });
+  }
   publish(to, "getSubscribers",
           [this](Text key) { return state_.subscribers(state_.require(key, "getDataSubscriber")); });
 }
 
 // --- Data ------------------------------------------------------------------------------------------------------------
 
-void Model::write(Text key, const HXValue& value, State::Kind kind, const Then& then) {
+void Model::write(Text key, const HXValue& value, State::Kind kind, const std::function<void(int item)>& then) {
   const auto [item, change] = state_.insert(key, value, kind);
   const Hold hold(state_, item);
   if (change == State::Change::Added) announce(Memory::keyAddedKey, key);
@@ -128,7 +128,7 @@ void Model::write(Text key, const HXValue& value, State::Kind kind, const Then& 
 }
 
 void Model::announce(Text event, Text key) {
-  if (!isBox(key)) raiseEvent(event, HXValue(key));
+  if (!isBox(key)) raise(event, key, STMValue::Event);
 }
 
 void Model::insertListData(const HXValue& list) {
@@ -174,15 +174,11 @@ HXValue Model::getDescriptionList(const Strings& keys) {
 
 // --- Events ----------------------------------------------------------------------------------------------------------
 
-void Model::raiseEvent(Text key, const HXValue& value) {
-  write(key, value, STMValue::Event, [&](int item) {
-    state_.remember(item, value);
+void Model::raise(Text key, const HXValue& value, State::Kind kind) {
+  write(key, value, kind, [&](int item) {
+    if (kind == STMValue::Event) state_.remember(item, value);
     notify(item, key, value);
   });
-}
-
-void Model::raiseMicroEvent(Text key, const HXValue& value) {
-  write(key, value, STMValue::MicroEvent, [&](int item) { notify(item, key, value); });
 }
 
 void Model::removeEvent(Text key) {
@@ -193,9 +189,11 @@ void Model::removeEvent(Text key) {
 // --- Notification ----------------------------------------------------------------------------------------------------
 
 void Model::notify(int item, Text key, const HXValue& value) {
-  const auto& [clients, subscriptions] = std::tie(state_.at(item).clients, state_.at(item).subscriptions);
-  for (const std::size_t client : clients)
-    called_("client " + std::to_string(client), value.toString(HXValue::Verbosity::Typed));
+  auto& clients = state_.at(item).clients;
+  auto& subscriptions = state_.at(item).subscriptions;
+  for (const std::size_t client : clients) {
+    called_(fmt::format("client {}", client), value.toString(HXValue::Verbosity::Typed));
+  }
   for (auto next = subscriptions.begin(); next != subscriptions.end();) {
     const std::string module = next->first;
     const State::Subscription subscription = next->second;
@@ -205,9 +203,9 @@ void Model::notify(int item, Text key, const HXValue& value) {
       try {
         call(module, subscription, key, value);
       } catch (const std::runtime_error&) {
+        // One that was made anew during the call stays.
         const auto failed = subscriptions.find(module);
-        if (failed != subscriptions.end() && failed->second.id == subscription.id)
-          state_.at(item).subscriptions.erase(module);
+        if (failed != subscriptions.end() && failed->second.id == subscription.id) subscriptions.erase(failed);
       }
     }
     next = subscriptions.upper_bound(module);
@@ -264,44 +262,34 @@ void Model::endLookUp(Text service, Ending ending) {
 
 // --- Subscriptions ---------------------------------------------------------------------------------------------------
 
-void Model::tellFrameManager(Text text) {
+void Model::tellFrameManager(Text text, State::Kind kind) {
   if (!offered_.contains("HXFrameManager")) throw std::runtime_error("Cannot get frame manager proxy");
-  called_("HXFrameManager", text);
+  called_("HXFrameManager", text + (kind == STMValue::MicroEvent ? " true" : " false"));
 }
 
-void Model::tellExtractor(Text extractor, Text text) {
-  if (extractor != "Y") called_(extractor, text);  // "Y" cannot say how precisely it works.
-}
-
-void Model::subscribeToEvent(Text key, Text module, Text message, Text method) {
-  if (isBox(module)) {
-    return tellFrameManager("+ " + key + " " + module + " " + quoted(message) + " " + method + " false");
-  }
-  state_.subscribe(state_.obtain(key, STMValue::Event, {}), module, message, method);
-  const std::string extractor = state_.extractors[key].module;
+void Model::tellExtractor(Text key, Text method, Text subscriber) {
+  const std::string extractor = state_.extractors.at(key).module;
   if (extractor.empty() || extractor == "Unknown") return;
-  if (!offered_.contains(extractor)) throw std::runtime_error("This object is null");
-  tellExtractor(extractor, "subscribe(" + module + key + ")");
+  const bool isThere = offered_.contains(extractor);
+  if (!isThere && method == "subscribe") throw std::runtime_error("This object is null");
+  // "Y" cannot say how precisely it works.
+  if (isThere && extractor != "Y") called_(extractor, method + "(" + subscriber + key + ")");
 }
 
-void Model::subscribeToMicroEvent(Text key, Text module, Text message, Text method) {
+void Model::subscribe(Text key, Text module, Text message, Text method, State::Kind kind) {
   if (isBox(module)) {
-    return tellFrameManager("+ " + key + " " + module + " " + quoted(message) + " " + method + " true");
+    return tellFrameManager(fmt::format("+ {} {} {} {}", key, module, HXValue(message).toString(), method), kind);
   }
-  state_.subscribe(state_.obtain(key, STMValue::MicroEvent, {}), module, message, method);
+  state_.subscribe(state_.obtain(key, kind, {}), module, message, method);
+  if (kind == STMValue::MicroEvent) return;
+  state_.extractors.try_emplace(key);
+  tellExtractor(key, "subscribe", module);
 }
 
-void Model::unsubscribeToMicroEvent(Text key, Text module) {
-  if (isBox(module)) return tellFrameManager("- " + key + " " + module + " true");
+void Model::unsubscribe(Text key, Text module, State::Kind kind) {
+  if (isBox(module)) return tellFrameManager(fmt::format("- {} {}", key, module), kind);
   state_.unsubscribe(state_.require(key, "getData"), module);
-}
-
-void Model::unsubscribeToEvent(Text key, Text module) {
-  if (isBox(module)) return tellFrameManager("- " + key + " " + module + " false");
-  unsubscribeToMicroEvent(key, module);
-  const auto entry = state_.extractors.find(key);
-  if (entry == state_.extractors.end() || !offered_.contains(entry->second.module)) return;
-  tellExtractor(entry->second.module, "unsubscribe(" + module + key + ")");
+  if (kind == STMValue::Event && state_.extractors.contains(key)) tellExtractor(key, "unsubscribe", module);
 }
 
 // --- Signals and services --------------------------------------------------------------------------------------------
@@ -311,9 +299,9 @@ std::size_t Model::follow(const std::string& key) {
   const auto item = state_.find(key);
   if (!item) throw std::runtime_error("event not found");
   state_.at(*item).clients.insert(clients_++);
-  const auto place = std::find(followed_.begin(), followed_.end(), *item);
-  if (place == followed_.end()) followed_.push_back(*item);
-  return static_cast<std::size_t>(std::find(followed_.begin(), followed_.end(), *item) - followed_.begin());
+  auto place = std::find(followed_.begin(), followed_.end(), *item);
+  if (place == followed_.end()) place = followed_.insert(place, *item);
+  return static_cast<std::size_t>(place - followed_.begin());
 }
 
 void Model::unfollow(std::size_t client) {
@@ -323,7 +311,7 @@ void Model::unfollow(std::size_t client) {
 void Model::trigger(std::size_t place, const std::vector<HXValue>& arguments) {
   if (place >= followed_.size()) return;
   if (arguments.size() > 1) throw std::runtime_error("Invalid number of arguments");
-  raiseEvent(state_.at(followed_[place]).name, arguments.empty() ? HXValue() : arguments.front());
+  raise(state_.at(followed_[place]).name, arguments.empty() ? HXValue() : arguments.front(), STMValue::Event);
 }
 
 }  // namespace HX::model

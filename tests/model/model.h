@@ -37,7 +37,7 @@ class Model : public Subject {
   using Strings = std::vector<std::string>;
 
   template <class Callable>
-  void publish(mw::ObjectBuilder& builder, const char* name, Callable callable);
+  void publish(mw::ObjectBuilder& builder, const std::string& name, Callable callable);
   void publishData(mw::ObjectBuilder& builder);
   void publishEvents(mw::ObjectBuilder& builder);
 
@@ -46,24 +46,20 @@ class Model : public Subject {
   HXValue getListData(const HXValue& keys);
   HXValue getDescriptionList(const Strings& keys);
   void declareEvent(Text key) { write(key, HXValue(), STMValue::Event); }
-  void raiseEvent(Text key, const HXValue& value);
-  void raiseMicroEvent(Text key, const HXValue& value);
+  void raise(Text key, const HXValue& value, State::Kind kind);
   void removeEvent(Text key);
-  void subscribeToEvent(Text key, Text module, Text message, Text method);
-  void subscribeToMicroEvent(Text key, Text module, Text message, Text method);
-  void unsubscribeToEvent(Text key, Text module);
-  void unsubscribeToMicroEvent(Text key, Text module);
+  void subscribe(Text key, Text module, Text message, Text method, State::Kind kind);
+  void unsubscribe(Text key, Text module, State::Kind kind);
 
   class Hold;
-  using Then = std::function<void(int item)>;
-  void write(Text key, const HXValue& value, State::Kind kind, const Then& then = {});
+  void write(Text key, const HXValue& value, State::Kind kind, const std::function<void(int item)>& then = {});
   void announce(Text event, Text key);
   void notify(int item, Text key, const HXValue& value);
   void lookUp(int item, Text module, const HXValue& value);
   void resolve(int item, Text module, int service, const HXValue& value);
   void call(Text module, const State::Subscription& subscription, Text key, const HXValue& value);
-  void tellFrameManager(Text text);
-  void tellExtractor(Text extractor, Text text);
+  void tellFrameManager(Text text, State::Kind kind);
+  void tellExtractor(Text key, Text method, Text subscriber);
   template <class T>
   T* address(Text key, const char* method, const HXValue& value, T* (HXValue::*get)());
 

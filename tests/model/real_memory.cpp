@@ -4,9 +4,11 @@
 
 #include <libmw/dynamicobject.h>
 #include <libmw/eventloop.h>
+#include <libmw/log.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
@@ -43,8 +45,11 @@ RealMemory::RealMemory(Called called)
     : called_(std::move(called)),
       output_(std::make_unique<Output>(called_)),
       clockBefore_(mw::exchangeSystemClock(&now)),
+      wasOnStderr_(mw::log::setStderrSink(false)),
       broker_(HXBroker::create("model")) {
   setTime(0);
+  ::setenv("XDG_DATA_HOME", "/dev/null", 1);  // No map file of this machine.
+  ::setenv("XDG_DATA_DIRS", "/dev/null", 1);
   broker_->session()->setResolver([this](const std::string& name) -> mw::Future<mw::AnyObject> {
     if (!isListener(name)) return {};
     return lookUps_[name].emplace_back().future();
@@ -56,6 +61,7 @@ RealMemory::RealMemory(Called called)
 RealMemory::~RealMemory() {
   memory_.reset();
   broker_->shutdown();
+  mw::log::setStderrSink(wasOnStderr_);
   mw::exchangeSystemClock(clockBefore_);
 }
 
@@ -116,10 +122,8 @@ mw::AnyObject RealMemory::makeService(const std::string& name) {
 
 void RealMemory::offer(const std::string& service) {
   const auto offered = broker_->session()->services();
-  if (std::find_if(offered.begin(), offered.end(), [&](const auto& one) { return one.name == service; }) !=
-      offered.end()) {
-    return;
-  }
+  const auto isIt = [&](const auto& one) { return one.name == service; };
+  if (std::any_of(offered.begin(), offered.end(), isIt)) return;
   broker_->session()->registerService(service, makeService(service));
 }
 

@@ -37,6 +37,7 @@ class RealMemory : public Subject {
   const Called called_;
   const std::unique_ptr<Output> output_;
   const mw::SystemClockSource clockBefore_;
+  const bool wasOnStderr_;
   const std::shared_ptr<HXBroker> broker_;
   std::map<std::string, std::deque<mw::Promise<mw::AnyObject>>> lookUps_;  ///< Those that wait, oldest first.
   std::shared_ptr<HXMemory> memory_;
