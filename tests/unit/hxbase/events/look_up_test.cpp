@@ -4,12 +4,15 @@
 #include <libmw/eventloop.h>
 
 #include <atomic>
+#include <chrono>
 #include <future>
 #include <optional>
 #include <thread>
 
 namespace HX {
 namespace {
+
+using namespace std::chrono_literals;
 
 /// The subscriber "far" of "E" is looked up; the test decides when that ends.
 class SlowLookUp : public EventsFixture {
@@ -109,6 +112,16 @@ TEST_F(EventsFixture, DestroyingAnItemWaitsForALookUpThatCannotBeCanceled) {
   ended = true;
   running.setError("too late");
   EXPECT_TRUE(drained.get());
+}
+
+TEST_F(EventsFixture, AMemoryThatGoesWaitsForALookUpThatCannotBeCanceled) {
+  kit::LookUps lookUps(*broker->session(), [](kit::LookUps::Promise&) {});
+  memory->subscribeToEvent("E", "far", "heard");
+  memory->raiseEvent("E", HXValue(1));
+  auto going = std::async(std::launch::async, [this] { shutDown(); });
+  EXPECT_EQ(going.wait_for(20ms), std::future_status::timeout);
+  lookUps.take("far").setError("too late");
+  going.get();
 }
 
 TEST_F(EventsFixture, AResolverThatThrowsOrKnowsNothingCostsTheOthersNothing) {

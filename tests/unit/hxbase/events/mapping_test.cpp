@@ -2,8 +2,10 @@
 
 #include <libmw/path.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <optional>
 #include <thread>
 
@@ -216,6 +218,27 @@ TEST_F(Mapping, DoesNothingMoreWhenTheMemoryHasGone) {
   shutDown();
   door->opened(HXValue(1));
   EXPECT_FALSE(door->opened.hasSubscribers());
+}
+
+TEST_F(Mapping, LetsTheMemoryGoOnlyWhenItsEventsHaveBeenRaised) {
+  const auto door = offerDoor();
+  memory->addMapping("Door", "opened", "E");
+  std::promise<void> entered;
+  std::promise<void> mayReturn;
+  std::size_t there = 0;
+  memory->subscriber("E")->signal.connect(mw::SignalSubscriber([&, used = memory.get()](const HXValue&) {
+    entered.set_value();
+    mayReturn.get_future().wait();
+    there = used->getDataList("E").size();
+  }));
+  auto raising = std::async(std::launch::async, [&] { door->opened(HXValue(1)); });
+  entered.get_future().wait();
+  auto going = std::async(std::launch::async, [this] { shutDown(); });
+  EXPECT_EQ(going.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+  mayReturn.set_value();
+  raising.get();
+  going.get();
+  EXPECT_EQ(there, 1U) << "it is whole until then";
 }
 
 TEST_F(Mapping, MayEndTheMemoryByItsOwnEvent) {

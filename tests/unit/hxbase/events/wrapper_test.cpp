@@ -33,6 +33,15 @@ TEST_F(Wrapper, RefusesWhatCannotBeRaised) {
   EXPECT_THAT(received_, IsEmpty());
 }
 
+TEST_F(Wrapper, LetsItsClientsUseTheMemoryWhenTheyGoWithTheEvent) {
+  std::size_t left = 0;
+  std::shared_ptr<void> last(nullptr, [&](void*) { left = memory->getDataList("E").size(); });
+  memory->insertData("Echo", 1);
+  memory->subscriber("E")->signal.connect(mw::SignalSubscriber([last = std::move(last)](const HXValue&) {}));
+  memory->removeEvent("E");
+  EXPECT_EQ(left, 1U);
+}
+
 TEST_F(Wrapper, OutlivesTheMemoryAndSaysSo) {
   const auto object = wrapper();
   const auto held = memory->subscriber("E");
