@@ -12,11 +12,11 @@ namespace HX {
 ///
 /// @par Threads  One writer at a time, under a lock of its own; any number of readers. A reader that meets a writer is
 ///   turned away rather than kept waiting, so that a writer that is suspended holds up nobody's processor.
-/// @par Memory ordering  A sequence lock whose data are atomic themselves. The writer makes the sequence odd, stores the
-///   bits with release, and makes the sequence even again with release. A reader that gets new bits has, by the
+/// @par Memory ordering  A sequence lock whose data are atomic themselves. The writer makes the sequence odd, stores
+///   the bits with release, and makes the sequence even again with release. A reader that gets new bits has, by the
 ///   acquire, also got the odd sequence before them, and sees on its second look that the sequence has changed. So two
-///   equal, even looks have the bits of one write between them. Fences would say the same, and ThreadSanitizer does not
-///   follow those.
+///   equal, even looks have the bits of one write between them. Fences would say the same, and ThreadSanitizer does
+///   not follow those.
 class ScalarView {
  public:
   /// @param value  Invalid or a scalar.

@@ -75,7 +75,7 @@ class TableLock {
 
   std::array<Counter, kCounters> counters_;
 
-  std::mutex mutex_;  // Guards what follows, and the closing and opening of the counters.
+  std::mutex mutex_;                     // Guards what follows, and the closing and opening of the counters.
   std::condition_variable drained_;      // A reader has left a closed counter.
   std::condition_variable writersTurn_;  // Nobody writes, and the readers that were due are in.
   std::condition_variable readersTurn_;  // `phase_` has changed.

@@ -11,6 +11,8 @@ namespace HX {
 /// @par Threads  Not recursive. Waiting sleeps; it does not spin for longer than the standard library's atomics do.
 ///   Waiters get in in no order, so it is meant for sections of a few instructions that call nothing foreign.
 /// @par Memory ordering  As std::mutex: locking acquires, unlocking releases.
+/// @par Hazards  Unlocking may touch the lock after another thread has got it: who destroys it must know that nobody is
+///   in it or leaving, not merely that it is free.
 ///
 /// Free, held, or held with someone waiting. Whoever has waited keeps the third state, for there may be others, and so
 /// wakes one of them, or nobody, when it leaves.
