@@ -13,6 +13,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include <fmt/format.h>
+
 namespace korvo {
 namespace {
 
@@ -68,7 +70,7 @@ void Follower::obeyNews() {
   }
   for (const News& news : all) {
     restored_ = !news;
-    if (news) watches_.beginGap(*news);
+    if (news) watches_.beginGap(fmt::format("broker {}: {}", target_.broker(), *news));
   }
 }
 

@@ -66,9 +66,14 @@ std::string verbatim(std::string_view text, std::string_view prefix = {}) {
   return page + ".fi\n.RE\n";
 }
 
+/// Flowing text, with lines that begin with a blank as they stand.
 std::string paragraphs(std::string_view text) {
   std::string page;
-  for (const auto line : linesOf(text)) page += line.empty() ? ".PP\n" : escaped(line) + "\n.br\n";
+  for (const auto line : linesOf(text)) {
+    const bool stands = line.starts_with(' ');
+    page +=
+        line.empty() ? ".PP\n" : fmt::format("{}{}\n{}", stands ? ".br\n" : "", escaped(line), stands ? ".br\n" : "");
+  }
   return page;
 }
 
@@ -84,6 +89,7 @@ std::string manualOptions(const Verb& verb) {
 }
 
 std::string manualHead(std::string_view name, std::string_view summary) {
+  if (summary.ends_with('.')) summary.remove_suffix(1);
   std::string title(name);
   std::ranges::transform(title, title.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
   return fmt::format(".TH {} 1 \"\" \"korvo " KORVO_VERSION "\" \"Korvo\"\n.SH NAME\n{} \\- {}\n", escaped(title),
@@ -105,7 +111,7 @@ std::string manualOfAll() {
     if (verb.group != group) page += fmt::format(".SH {}\n", escaped(group = verb.group));
     page += manualVerb(verb);
   }
-  page += ".SH EXIT STATUS\n" + paragraphs(exitStatusText());
+  page += ".SH EXIT STATUS\n" + verbatim(exitStatusText());
   return page + ".SH FILES\n.TP\n.I $XDG_RUNTIME_DIR/korvo\nThe sockets of the running brokers of this user.\n";
 }
 
@@ -115,7 +121,7 @@ std::string manualOfOne(const Verb& verb) {
       fmt::format(".SH SYNOPSIS\n.B korvo {}\n[\\fIOPTION\\fR...] {}\n", escaped(verb.name), escaped(verb.arguments));
   page += fmt::format(".SH DESCRIPTION\n{}\n.PP\n{}", escaped(verb.summary), paragraphs(verb.details));
   page += ".SH OPTIONS\n" + manualOptions(verb);
-  page += ".SH EXIT STATUS\n" + paragraphs(exitStatusText());
+  page += ".SH EXIT STATUS\n" + verbatim(exitStatusText());
   page += ".SH EXAMPLES\n" + verbatim(verb.examples, "korvo ");
   return page + ".SH SEE ALSO\n.BR korvo (1)\n";
 }

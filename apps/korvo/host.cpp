@@ -21,12 +21,14 @@ int host(const HostOptions& options) {
   Output output(std::cout, std::cerr);
   const auto broker = HX::HXBroker::create(fmt::format("host-{}", getpid()));
   mw::Session& session = *broker->session();
-  mw::Lifetime lifetime;
-  session.connectionLost.connect(
-      mw::SignalSubscriber([&](const std::string& reason) { output.note(reason); }).track(lifetime.token()));
-  session.connectionRestored.connect(
-      mw::SignalSubscriber([&] { output.note("the broker is back"); }).track(lifetime.token()));
   const mw::LocalClient client(session, options.broker);
+  mw::Lifetime lifetime;
+  const auto noteLoss = [&](const std::string& reason) {
+    output.note(fmt::format("broker {}: {}; waiting for it to come back", client.broker(), reason));
+  };
+  const auto noteReturn = [&] { output.note(fmt::format("broker {} is back", client.broker())); };
+  session.connectionLost.connect(mw::SignalSubscriber(noteLoss).track(lifetime.token()));
+  session.connectionRestored.connect(mw::SignalSubscriber(noteReturn).track(lifetime.token()));
   const bool loaded = loadModules(*broker, options.modules, output);
   if (loaded) {
     output.note(fmt::format("hosting for broker {}: {}", client.broker(), fmt::join(broker->modules(), ", ")));

@@ -58,7 +58,7 @@ CLI::Option* addModules(CLI::App& app, HostingOptions& options) {
 void addHosting(CLI::App& app, const std::shared_ptr<HostingOptions>& options) {
   addRepeated(app, "--data-dir", options->dataDirs, "Look for data files here first; may be repeated, first one first",
               "DIR")
-      ->check(CLI::ExistingDirectory);
+      ->check(CLI::Validator(CLI::ExistingDirectory).description(""));
   app.add_option_function<std::string>(
          "--log-level", [options](const std::string& name) { options->logLevel = levelOf(name); },
          "Show records up to this level on standard error: " + fmt::format("{}", fmt::join(levelNames(), ", ")))

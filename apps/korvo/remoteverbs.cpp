@@ -42,7 +42,7 @@ void addRemote(CLI::App& app, RemoteOptions& options) {
       ->type_name("NAME");
   app.add_option("--timeout", options.seconds, "Give up a call that has no answer by then; 0 waits without end")
       ->type_name("SECONDS")
-      ->check(CLI::Range(0.0, 1e6))
+      ->check(CLI::Validator(CLI::Range(0.0, 1e6)).description(""))
       ->capture_default_str();
 }
 
@@ -124,10 +124,10 @@ Verb topVerb() {
           "Shows the keys that contain FILTER, or all, as they change.",
           "A table of each key's value, the age of it, how often it changes and how many modules subscribe. On a "
           "terminal:\n"
-          "  /                      type a filter; Enter keeps it, Escape drops it\n"
-          "  k v a r s              sort by key, value, age, rate, subscribers; again: the other way round\n"
+          "  /                 type a filter; Enter keeps it, Escape drops it\n"
+          "  k v a r s         sort by key, value, age, rate, subscribers; again to turn it round\n"
           "  arrows, Page, Home, End  scroll\n"
-          "  q                      leave\n"
+          "  q                 leave\n"
           "Elsewhere all of it is printed once a second.\n"
           "\n"
           "The rate is an estimate: it takes changes to come evenly.",

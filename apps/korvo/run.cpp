@@ -15,6 +15,7 @@
 #include <hxcommon/hxbroker.h>
 #include <libmw/local.h>
 
+#include <chrono>
 #include <clocale>
 #include <functional>
 #include <iostream>
@@ -106,14 +107,21 @@ class PublicBroker {
   /// Readable once somebody has asked the service to stop.
   int stopFile() const { return stopAsked_.file(); }
 
-  /// Ends the connections, and then the service. What modules ask of other processes fails from now on, so that a
+  /// Ends the service, and then the connections. What modules ask of other processes fails from now on, so that a
   /// frozen one cannot keep them from leaving.
   void withdraw() {
-    server_.reset();
     if (service_) broker_->session()->unregisterService(*std::exchange(service_, std::nullopt));
+    if (server_ && stopAsked_.wait(0ms)) letAnswersGo();
+    server_.reset();
   }
 
  private:
+  /// Gives whoever asked for the end a moment to hear that it comes, and to leave.
+  void letAnswersGo() const {
+    const auto end = std::chrono::steady_clock::now() + 200ms;
+    while (server_->connectionCount() > 0 && std::chrono::steady_clock::now() < end) waitReadable({}, 5ms);
+  }
+
   const std::shared_ptr<HX::HXBroker> broker_;
   Event stopAsked_;
   std::optional<mw::LocalServer> server_;

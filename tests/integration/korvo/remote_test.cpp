@@ -192,7 +192,7 @@ TEST(Host, OffersItsModulesThroughTheBrokerAndFindsItAgain) {
   (*broker)->send(SIGTERM);
   EXPECT_EQ((*broker)->finish().status, 0);
   broker.emplace();
-  ASSERT_TRUE(host.waitFor("the broker is back"));
+  ASSERT_TRUE(host.waitFor("broker korvo is back"));
   check({{"call", "Greeter", "greet", "\"me\""}, "\"Hello, me\"\n"});
   host.send(SIGTERM);
   const auto result = host.finish(10s);
@@ -216,7 +216,7 @@ TEST(Broker, ThatIsFrozenIsNamed) {
   broker->send(SIGSTOP);
   const auto result = run({"get", "Foo"});
   broker->send(SIGCONT);
-  EXPECT_THAT(result.err, AllOf(StartsWith("error: "), HasSubstr("korvo")));
+  EXPECT_THAT(result.err, AllOf(StartsWith("error: "), HasSubstr("broker korvo")));
   EXPECT_EQ(result.status, 1);
 }
 
