@@ -120,7 +120,8 @@ std::shared_ptr<Pollable> Poller::find(std::uint64_t number) const {
 void Poller::startThreadLocked() {
   if (threads_ >= kMostThreads) {
     if (!std::exchange(excessReported_, true)) {
-      log::error(kCategory, "call", fmt::format("calls from other processes wait: all {} threads are in one", threads_));
+      log::error(kCategory, "call",
+                 fmt::format("calls from other processes wait: all {} threads are in one", threads_));
     }
     return;
   }

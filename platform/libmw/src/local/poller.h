@@ -46,10 +46,10 @@ class Pollable {
 
 /// Watches the sockets of the process.
 ///
-/// One thread at a time leads: it waits for all sockets, reads what came, and does itself what has to be done for it, so
-/// that a call costs no hand-over between threads. As long as it does so nobody watches; therefore it hands the lead on
-/// as soon as it is about to wait for a future, and a monitor takes the lead away from it when a call lasts. So a call
-/// that blocks, for whatever reason, keeps the others waiting for a millisecond or so, once.
+/// One thread at a time leads: it waits for all sockets, reads what came, and does itself what has to be done for it,
+/// so that a call costs no hand-over between threads. As long as it does so nobody watches; therefore it hands the lead
+/// on as soon as it is about to wait for a future, and a monitor takes the lead away from it when a call lasts. So a
+/// call that blocks, for whatever reason, keeps the others waiting for a millisecond or so, once.
 ///
 /// Asio's reactor is not used for this: it hands the lead on before each event is handled, which wakes a thread for
 /// every call.
@@ -94,10 +94,10 @@ class Poller {
   const File epoll_;
   const File wakeUp_;
 
-  std::atomic<std::uint64_t> term_{0};      // of the present leader; each has one of its own
-  std::atomic<std::uint64_t> works_{0};     // begun by leaders
-  std::atomic<bool> working_{false};        // the leader is in one
-  std::atomic<bool> monitored_{false};      // the monitor looks
+  std::atomic<std::uint64_t> term_{0};   // of the present leader; each has one of its own
+  std::atomic<std::uint64_t> works_{0};  // begun by leaders
+  std::atomic<bool> working_{false};     // the leader is in one
+  std::atomic<bool> monitored_{false};   // the monitor looks
 
   mutable std::mutex socketsMutex_;  // Guards the two below.
   std::uint64_t lastNumber_ = 0;

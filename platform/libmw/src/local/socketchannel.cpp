@@ -153,6 +153,15 @@ void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>
 void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
   std::unique_lock lock(outputMutex_);
   if (ended_) return;
+  if (when == remote::Sending::Now && output_.empty()) {
+    // What nothing waits before needs no queue.
+    const ssize_t written = ::send(socket_.number(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (written == static_cast<ssize_t>(frame.size())) return;
+    if (written > 0) {
+      sent_ = static_cast<std::size_t>(written);
+      outputBytes_ -= sent_;
+    }
+  }
   outputBytes_ += frame.size();
   output_.push_back(std::move(frame));
   if (outputBytes_ > options_.outputLimit) {

@@ -22,6 +22,7 @@
 #include <fmt/format.h>
 
 namespace mw::remote {
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -29,6 +30,8 @@ using Task = std::function<void()>;
 
 /// A thread that has called and does not wait at once may never do so. What came for it is then done by others.
 constexpr std::chrono::milliseconds kPatience{5};
+
+}  // namespace
 
 /// What wakes a thread that waits within a chain: the end of what it waits for, and calls that it is to serve.
 ///
@@ -142,7 +145,7 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   int file_ = -1;
 };
 
-using Place = std::pair<Caller, Domain>;
+namespace {
 
 /// Which threads of this process wait, or are about to, within which chain, and where.
 class Waiters {
@@ -154,49 +157,36 @@ class Waiters {
 
   void add(const Place& place, const std::shared_ptr<Inbox>& inbox) {
     const std::lock_guard lock(mutex_);
-    waiting_[place].push_back(inbox);
+    waiting_.emplace_back(place, inbox);
   }
 
   void remove(const Place& place, const std::shared_ptr<Inbox>& inbox) {
+    std::shared_ptr<Inbox> last;  // Goes after the lock.
     const std::lock_guard lock(mutex_);
-    const auto found = waiting_.find(place);
-    auto& inboxes = found->second;
-    inboxes.erase(std::find(inboxes.rbegin(), inboxes.rend(), inbox).base() - 1);
-    if (inboxes.empty()) waiting_.erase(found);
+    const auto found = std::find(waiting_.rbegin(), waiting_.rend(), std::pair(place, inbox)).base() - 1;
+    last = std::move(found->second);
+    waiting_.erase(found);
   }
 
   bool put(const Place& place, Task& task) {
     const std::lock_guard lock(mutex_);
-    const auto found = waiting_.find(place);
-    if (found == waiting_.end()) return false;
-    found->second.back()->put(std::move(task));
+    const auto found =
+        std::find_if(waiting_.rbegin(), waiting_.rend(), [&](const auto& waiting) { return waiting.first == place; });
+    if (found == waiting_.rend()) return false;
+    found->second->put(std::move(task));
     return true;
   }
 
  private:
   std::mutex mutex_;  // Guards `waiting_`. Outer to the mutex of an inbox.
-  std::map<Place, std::vector<std::shared_ptr<Inbox>>> waiting_;
+  /// In the order in which they began: few at a time, so that looking through them costs less than an index.
+  std::vector<std::pair<Place, std::shared_ptr<Inbox>>> waiting_;
 };
 
 std::uint32_t nextThread() {
   static std::atomic<std::uint32_t> last{0};
   return ++last;
 }
-
-/// While one lives, calls of a chain are kept for a thread.
-class Expecting {
- public:
-  Expecting(const Place& place, std::shared_ptr<Inbox> inbox) : place_(place), inbox_(std::move(inbox)) {
-    Waiters::instance().add(place_, inbox_);
-  }
-  Expecting(const Expecting&) = delete;
-  Expecting& operator=(const Expecting&) = delete;
-  ~Expecting() { Waiters::instance().remove(place_, inbox_); }
-
- private:
-  const Place place_;
-  const std::shared_ptr<Inbox> inbox_;
-};
 
 /// The calling thread as chains see it.
 class ThreadInChains final : public detail::ThreadWait {
@@ -227,7 +217,7 @@ FutureState ThreadInChains::wait(const detail::FutureStateBase& state, std::chro
   if (!state.addWaker(*inbox)) return state.state();
   const auto deadline = timeout >= kInfiniteTimeout ? Clock::time_point::max() : Clock::now() + timeout;
   {
-    const Expecting expecting({chain.caller, domain}, inbox);
+    const Expectation expectation({chain.caller, domain}, inbox);
     inbox->beginWait();
     while (state.state() == FutureState::Running) {
       if (const Task task = inbox->take()) {
@@ -264,6 +254,14 @@ bool ThreadInChains::readInstead(Clock::time_point deadline) {
 
 }  // namespace
 
+Expectation::Expectation(const Place& place, std::shared_ptr<Inbox> inbox) : place_(place), inbox_(std::move(inbox)) {
+  Waiters::instance().add(place_, inbox_);
+}
+
+Expectation::~Expectation() {
+  if (inbox_) Waiters::instance().remove(place_, inbox_);
+}
+
 std::uint64_t thisEndpoint() {
   static const std::uint64_t id = [] {
     std::random_device random;
@@ -299,7 +297,7 @@ Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain)
   auto& thread = ThreadInChains::current();
   thread.domain = domain;
   if (thread.awaited != channel) thread.awaited = channel;
-  return std::make_shared<Expecting>(Place{thread.chain.caller, domain}, thread.inbox);
+  return {{thread.chain.caller, domain}, thread.inbox};
 }
 
 }  // namespace mw::remote

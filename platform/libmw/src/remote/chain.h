@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <utility>
 
 namespace mw::remote {
 
@@ -61,9 +62,27 @@ class Serving {
 /// @return False, with `task` untouched, when no thread does.
 bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task);
 
+class Inbox;
+using Place = std::pair<Caller, Domain>;
+
 /// Held from before a call is sent until it is answered: calls of the chain that come meanwhile are kept for the
 /// calling thread.
-using Expectation = std::shared_ptr<const void>;
+class Expectation {
+ public:
+  Expectation() = default;
+  Expectation(const Place& place, std::shared_ptr<Inbox> inbox);
+  Expectation(Expectation&& other) noexcept = default;
+  Expectation& operator=(Expectation&& other) noexcept {
+    std::swap(place_, other.place_);
+    std::swap(inbox_, other.inbox_);
+    return *this;
+  }
+  ~Expectation();
+
+ private:
+  Place place_;
+  std::shared_ptr<Inbox> inbox_;
+};
 
 /// The calling thread is about to send a call on `channel` and to wait for the answer, which it may then read itself.
 /// `chainOfThisThread` comes first.

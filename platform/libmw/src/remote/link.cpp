@@ -21,6 +21,8 @@ namespace {
 
 const char* const kCategory = "mw.link";
 constexpr std::uint32_t kMostArguments = 1024;
+/// Bytes to begin a message with.
+constexpr std::size_t kUsualFrame = 128;
 constexpr std::string_view kReserved = "korvo.";
 constexpr std::string_view kAlive = "korvo.alive";
 constexpr std::string_view kEmit = "korvo.emit";
@@ -212,6 +214,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
       pending_.emplace(id, Pending{std::move(promise), returns, std::move(expectation)});
     }
     Bytes frame;
+    frame.reserve(kUsualFrame);
     ObjectTable::Told told;
     Writer out(frame);
     out.list(4);
@@ -243,6 +246,7 @@ void Link::send(std::string_view target, GenericFunctionParameters parameters, b
   std::optional<Chain> chain;
   if (inChain) chain = chainOfThisThread();
   Bytes frame;
+  frame.reserve(kUsualFrame);
   ObjectTable::Told told;
   Writer out(frame);
   out.list(3);
@@ -347,7 +351,7 @@ Work Link::onResponse(Reader& in) {
 }
 
 Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
-  auto call = std::make_unique<Incoming>();
+  auto call = std::make_shared<Incoming>();
   call->size = size;
   call->isRequest = isRequest;
   if (isRequest) call->id = in.number();
@@ -367,8 +371,7 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
     countWaiting(*call);
-    const std::shared_ptr<Incoming> shared = std::move(call);
-    Work work = [self = shared_from_this(), shared] { self->answer(*shared, self->execute(*shared), Sending::Now); };
+    Work work = [self = shared_from_this(), call] { self->answer(call, self->execute(*call), Sending::Now); };
     if (runInChain(caller, domain_, work)) return {};
     return work;
   }
@@ -383,29 +386,33 @@ void Link::countWaiting(const Incoming& call) {
   }
 }
 
-Work Link::schedule(StrandKey key, std::unique_ptr<Incoming> call) {
+Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call) {
   countWaiting(*call);
-  if (!strands_.push(key, std::move(call))) return {};
-  return [self = shared_from_this(), key] { self->runStrand(key); };
+  auto first = strands_.enter(key, std::move(call));
+  if (!first) return {};
+  return [self = shared_from_this(), key, first = std::move(first)] { self->runStrand(key, first); };
 }
 
-void Link::runStrand(const StrandKey& key) {
+void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
   bool more = false;
-  while (const std::shared_ptr<Incoming> call = strands_.next(key, more)) {
+  for (auto call = std::move(first); call; call = strands_.next(key, more)) {
     auto result = execute(*call);
     if (result.isFinished()) {
-      answer(*call, result, more ? Sending::Soon : Sending::Now);
+      answer(call, result, more ? Sending::Soon : Sending::Now);
       continue;
     }
     result.then([self = shared_from_this(), key, call](const Future<AnyValue>& done) {
-      self->answer(*call, done, Sending::Now);
-      postOrRun([self, key] { self->runStrand(key); });
+      self->answer(call, done, Sending::Now);
+      bool others = false;
+      if (const auto following = self->strands_.next(key, others)) {
+        postOrRun([self, key, following] { self->runStrand(key, following); });
+      }
     });
     return;
   }
 }
 
-Work Link::onEmission(const std::shared_ptr<Incoming>& emission) {
+Work Link::onEmission(std::shared_ptr<Incoming> emission) {
   const auto* number = emission->arguments.empty() ? nullptr : emission->arguments.front().getIf<HX::HXValue>();
   if (!number || !(number->isInt() || number->isInt64())) throw ProtocolError("an emission that names no link");
   const auto link = static_cast<std::uint64_t>(number->toInt64());
@@ -414,7 +421,7 @@ Work Link::onEmission(const std::shared_ptr<Incoming>& emission) {
   if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
   emission->arguments.erase(emission->arguments.begin());
   emission->target = fmt::format("{}{}", kEmit, link);
-  return schedule({{}, reinterpret_cast<std::uintptr_t>(found->second.get())}, std::make_unique<Incoming>(*emission));
+  return schedule({{}, reinterpret_cast<std::uintptr_t>(found->second.get())}, std::move(emission));
 }
 
 // --- Serving --------------------------------------------------------------------------------------------------------
@@ -491,10 +498,10 @@ Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view memb
   return object->metaCall(method->id, arguments);
 }
 
-void Link::answer(const Incoming& call, const Future<AnyValue>& result, Sending when) {
-  if (!call.isRequest) {
+void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result, Sending when) {
+  if (!call->isRequest) {
     if (result.isFinished() && result.hasError()) {
-      log::warning(kCategory, "post", fmt::format("{} of {}: {}", call.target, peer(), result.error()));
+      log::warning(kCategory, "post", fmt::format("{} of {}: {}", call->target, peer(), result.error()));
     }
     return;
   }
@@ -504,6 +511,7 @@ void Link::answer(const Incoming& call, const Future<AnyValue>& result, Sending 
     return;
   }
   Bytes frame;
+  frame.reserve(kUsualFrame);
   ObjectTable::Told told;
   const auto write = [&](const HX::HXValue& error, const AnyReference& value) {
     frame.clear();
@@ -511,7 +519,7 @@ void Link::answer(const Incoming& call, const Future<AnyValue>& result, Sending 
     Writer out(frame);
     out.list(4);
     out.number(static_cast<std::uint32_t>(MessageType::Response));
-    out.number(call.id);
+    out.number(call->id);
     out.value(error);
     writeValue(out, value, told);
     if (frame.size() > options_.frameLimit) {

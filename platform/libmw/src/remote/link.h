@@ -34,6 +34,7 @@ struct Incoming {
   /// Of a call on an object: held from its arrival, because what gives the object back may be right behind.
   AnyObject object;
   std::vector<AnyValue> arguments;
+  std::shared_ptr<Incoming> next;  ///< On its strand.
 
   std::vector<AnyReference> references() const;
 };
@@ -126,14 +127,14 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   Work onResponse(Reader& in);
   Work onCall(Reader& in, bool isRequest, std::size_t size);
   void countWaiting(const Incoming& call);
-  Work schedule(StrandKey key, std::unique_ptr<Incoming> call);
-  Work onEmission(const std::shared_ptr<Incoming>& emission);
+  Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call);
+  Work onEmission(std::shared_ptr<Incoming> emission);
   Future<AnyValue> execute(const Incoming& call);
   Future<AnyValue> callMember(const AnyObject& object, std::string_view member, const Incoming& call);
   AnyObject leasedTarget(std::string_view target) const;
   AnyObject targetOf(const Incoming& call, std::string_view& member) const;
-  void runStrand(const StrandKey& key);
-  void answer(const Incoming& call, const Future<AnyValue>& result, Sending when);
+  void runStrand(const StrandKey& key, std::shared_ptr<Incoming> first);
+  void answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result, Sending when);
   void tick();
   void cleanUp(const std::string& reason);
 

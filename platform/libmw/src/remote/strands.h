@@ -2,12 +2,12 @@
 
 #include "chain.h"
 
+#include <algorithm>
 #include <cstdint>
-#include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace mw::remote {
 
@@ -18,45 +18,53 @@ struct StrandKey {
   bool operator==(const StrandKey&) const = default;
 };
 
-/// Queues of calls, one for each key that has calls.
+/// Queues of calls, one for each key that has calls. A `Call` has a member `std::shared_ptr<Call> next`, for the queue.
 ///
 /// @par Threads  Any. Calls are destroyed with no lock held.
 template <class Key, class Call>
 class Strands {
  public:
-  /// @return Whether the strand was idle: the caller then has to run it.
-  bool push(const Key& key, std::unique_ptr<Call> call) {
+  /// @return The call when the strand was idle: the caller then has to run it, and ask for `next` until there is none.
+  ///         Null when it has to wait for others.
+  std::shared_ptr<Call> enter(const Key& key, std::shared_ptr<Call> call) {
     const std::lock_guard lock(mutex_);
-    const auto [strand, isIdle] = queues_.try_emplace(key);
-    strand->second.push_back(std::move(call));
-    return isIdle;
+    const auto found = std::find_if(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
+    if (found == busy_.end()) {
+      busy_.push_back({key, nullptr, nullptr});
+      return call;
+    }
+    Call* const last = call.get();
+    (found->last ? found->last->next : found->first) = std::move(call);
+    found->last = last;
+    return nullptr;
   }
 
   /// @param more  Set to whether others wait behind it.
   /// @return The next call; null when there is none, and the strand is idle then.
-  std::unique_ptr<Call> next(const Key& key, bool& more) {
+  std::shared_ptr<Call> next(const Key& key, bool& more) {
     const std::lock_guard lock(mutex_);
-    const auto strand = queues_.find(key);
-    if (strand == queues_.end()) return nullptr;
-    if (strand->second.empty()) {
-      queues_.erase(strand);
+    const auto found = std::find_if(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
+    if (!found->first) {
+      std::swap(*found, busy_.back());
+      busy_.pop_back();
       return nullptr;
     }
-    auto call = std::move(strand->second.front());
-    strand->second.pop_front();
-    more = !strand->second.empty();
+    std::shared_ptr<Call> call = std::move(found->first);
+    found->first = std::move(call->next);
+    more = found->first != nullptr;
+    if (!more) found->last = nullptr;
     return call;
   }
 
  private:
-  struct Hash {
-    std::size_t operator()(const Key& key) const noexcept {
-      const std::uint64_t mixed = (key.caller.endpoint ^ key.object * 0x9e3779b97f4a7c15U) + key.caller.thread;
-      return mixed * 0xff51afd7ed558ccdU;
-    }
+  struct Busy {
+    Key key;
+    std::shared_ptr<Call> first;
+    Call* last = nullptr;
   };
-  std::mutex mutex_;  // Guards `queues_`.
-  std::unordered_map<Key, std::deque<std::unique_ptr<Call>>, Hash> queues_;
+  std::mutex mutex_;  // Guards `busy_`.
+  /// As many as there are callers in the middle of a call: few, so that looking through them costs less than an index.
+  std::vector<Busy> busy_;
 };
 
 }  // namespace mw::remote
