@@ -40,6 +40,7 @@ class SocketChannel final : public remote::Channel,
 
   void watch();
   bool receive(std::vector<remote::Work>& works);
+  static void postAll(std::vector<remote::Work>& works);
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void flush();
   int writeLocked();
@@ -59,6 +60,7 @@ class SocketChannel final : public remote::Channel,
   std::vector<std::byte> buffer_;
   std::size_t begin_ = 0;  // of the present message in the buffer
   std::size_t filled_ = 0;
+  bool answersFast_ = true;
 
   std::mutex watchMutex_;              // Guards `number_` and makes what is watched agree with the two flags.
   std::uint64_t number_ = 0;           // at the poller; 0 when it is not watched
