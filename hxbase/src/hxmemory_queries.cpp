@@ -98,7 +98,7 @@ void HXMemory::setDescription(const std::string& name, const std::string& descri
   const std::unique_lock lock(itemsLock);
   const auto* found = items.find(name);
   if (!found) fail("setDescription", name + " not found");
-  (*found)->description.swap(text);
+  (*found)->swapDescription(text);
 }
 
 HXValue HXMemory::describe(std::string_view name, const STMValue& item) const {
@@ -114,7 +114,7 @@ HXValue HXMemory::describe(std::string_view name, const STMValue& item) const {
     default:
       break;
   }
-  return HXValue::list({name, std::move(kind), item.description});
+  return HXValue::list({name, std::move(kind), item.description()});
 }
 
 HXValue HXMemory::getDescriptionList(const std::vector<std::string>& keylist) {

@@ -102,7 +102,7 @@ bool HXMemory::overwrite(const std::string& name, HXValue& value, STMValue::data
   const auto* found = items.find(name);
   if (!found) return false;
   STMValue& present = **found;
-  if (kind == STMValue::Event && !present.filedAsEvent) return false;
+  if (kind == STMValue::Event && !present.isFiledAsEvent()) return false;
   if (!present.tryExchangeValue(value, kind)) return false;
   if (item) *item = *found;
   return true;
@@ -120,9 +120,9 @@ HXMemory::Change HXMemory::file(const std::string& name, HXValue& value, STMValu
   STMValue& present = **found;
   const STMValue::dataType before = added ? kind : present.exchangeValue(value, kind);
   // An item that only a subscription made is an event already, and not filed as one.
-  if (kind == STMValue::Event && (before != STMValue::Event || !present.filedAsEvent)) {
+  if (kind == STMValue::Event && (before != STMValue::Event || !present.isFiledAsEvent())) {
     fileEvent(name);
-    present.filedAsEvent = true;
+    present.setFiledAsEvent();
   }
   if (item) *item = *found;
   if (added) return Change::Added;

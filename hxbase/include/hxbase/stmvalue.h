@@ -118,6 +118,15 @@ class alignas(64) STMValue {
   /// The name that it is filed under, at the same place for the life of the item.
   const std::string& name() const { return itemSignal_->signal.eventName(); }
 
+  // Guarded by the table's lock: read under either side of it, changed under the exclusive one.
+
+  /// Whether the name has been filed among the events since this item exists.
+  bool isFiledAsEvent() const { return filedAsEvent_; }
+  void setFiledAsEvent() { filedAsEvent_ = true; }
+  /// Free text about the item.
+  const std::string& description() const { return description_; }
+  void swapDescription(std::string& text) { description_.swap(text); }
+
  private:
   using Notifiers = std::map<std::string, STMNotifier>;
   class Dispatch;
@@ -141,19 +150,13 @@ class alignas(64) STMValue {
   void show();
   HXValue copyValue() const;
 
-  // Together on the first cache line: all that reading a number, or writing it, touches, but for the lock.
+  // Together on the first cache line: all that reading a number, or writing a value, touches.
   ScalarView view_;  // What readers of a number get without a lock. Written under valueLock_.
   HXValue value_;    // Guarded by valueLock_, as are the next three.
   mw::SystemTimePoint timestamp_{};
   dataType kind_ = UnknownData;
   bool dataPtrAccessed_ = false;
-
- public:
-  /// Whether the name has been filed among the events since this item exists. Guarded by the table's lock: written
-  /// under its exclusive side.
-  bool filedAsEvent = false;
-
- private:
+  bool filedAsEvent_ = false;  // Guarded by the table's lock.
   mutable WordLock valueLock_;
   mutable WordLock historyLock_;
   Notifiers notifiers_;  // Guarded by notifierLock_, as are the members of the dispatch below.
@@ -174,10 +177,7 @@ class alignas(64) STMValue {
   // Nobody is subscribed and nobody is being called, so that a raise has no business with notifierLock_, under which
   // this is written.
   std::atomic<bool> quiet_{true};
-
- public:
-  /// Free text about the item. Guarded by the table's lock: written under its exclusive side.
-  std::string description;
+  std::string description_;  // Guarded by the table's lock.
 };
 
 }  // namespace HX
