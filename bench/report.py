@@ -5,8 +5,8 @@
     bench/report.py --compare <file>... -- <file>...
 
 The first form sets a benchmark in relation to others as its label says; bench/CMakeLists.txt tells how to write one.
-Times are medians over the repetitions: processor time where one thread measures, for the machine may be shared, real
-time where several do. A counter called "allocs" is shown as allocations, one called "writer_waits_ms" as the longest
+Times are medians over the repetitions: of processor time, for the machine may be shared, or of real time where a
+benchmark asks for it, because it waits or because several threads run it. A counter called "allocs" is shown as allocations, one called "writer_waits_ms" as the longest
 wait of a writer over all repetitions.
 
 The second form tells what is faster or slower in the files after "--" than in those before. Only a difference that
@@ -45,7 +45,7 @@ class Result:
             raise ReportError(f"{self.name}: {run.get('error_message', 'an error without a message')}")
         if run["iterations"] <= 0 or run["real_time"] <= 0:
             raise ReportError(f"{self.name}: did no work")
-        clock = "real_time" if run.get("threads", 1) > 1 else "cpu_time"
+        clock = "real_time" if "/real_time" in self.name else "cpu_time"
         self.times.append(run[clock] * NANOSECONDS[run["time_unit"]])
         if "allocs" in run:
             self.allocations.append(run["allocs"])
