@@ -123,16 +123,15 @@ bool LiveFeed::takeLook() {
       std::ranges::any_of(look_, [&](const Asked& asked) { return std::ranges::any_of(asked.answers, isOpen); })) {
     return false;
   }
-  const auto now = mw::systemNow();
-  for (Asked& asked : std::exchange(look_, {})) learn(std::move(asked), now);
+  for (Asked& asked : std::exchange(look_, {})) learn(std::move(asked));
   return true;
 }
 
-void LiveFeed::learn(Asked asked, mw::SystemTimePoint now) {
+void LiveFeed::learn(Asked asked) {
   try {
     KeyAnswers answers;
     for (Answer& answer : asked.answers) answers.push_back(std::move(answer).take());
-    model_.learn(asked.key, toFacts(answers), now);
+    model_.learn(asked.key, toFacts(answers), lookTime_);
   } catch (const HX::HXError&) {  // How the memory says that there is no such key.
     model_.remove(asked.key);
   }
@@ -140,6 +139,8 @@ void LiveFeed::learn(Asked asked, mw::SystemTimePoint now) {
 
 void LiveFeed::startLook(std::size_t rows) {
   nextLook_ = Clock::now() + kLookPeriod;
+  // Answers are taken later than they were given; this is nearer to that.
+  lookTime_ = mw::systemNow();
   std::vector<std::string> keys;
   for (LiveRow& row : model_.page(rows)) keys.push_back(std::move(row.key));
   if (model_.column() != LiveColumn::Key) {

@@ -61,7 +61,7 @@ class LiveFeed {
   void apply(const std::vector<KeyNews>& news);
   bool takeListing();
   bool takeLook();
-  void learn(Asked asked, mw::SystemTimePoint now);
+  void learn(Asked asked);
   void startLook(std::size_t rows);
   void loseMemory(const std::string& why);
 
@@ -73,6 +73,7 @@ class LiveFeed {
   std::optional<Answer> listing_;
   std::vector<KeyNews> sinceListing_;  // News that the listing asked for may not know yet.
   std::vector<Asked> look_;
+  mw::SystemTimePoint lookTime_;
   Clock::time_point nextFind_;
   Clock::time_point nextListing_;
   Clock::time_point nextLook_;
