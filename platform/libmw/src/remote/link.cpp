@@ -488,6 +488,11 @@ Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view memb
     if (signal < 0 || !offered.findMethods(member).empty()) method = &offered.resolve(member, arguments);
   }
   if (!method) {
+    const auto signals = offered.signals();
+    const auto isMeant = [&](const MetaSignal& one) { return static_cast<int>(one.id) == signal; };
+    if (std::none_of(signals.begin(), signals.end(), isMeant)) {
+      throw std::runtime_error(fmt::format("{}.{}: no such method", offered.typeName(), member));
+    }
     object->metaPost(static_cast<unsigned>(signal), arguments);
     return Future<AnyValue>::ready(AnyValue());
   }

@@ -159,7 +159,8 @@ Future<AnyValue> SessionService::connect(const Arguments& arguments) {
   const int signal = isNamed ? object->metaObject().signalId(byName->asString())
                              : static_cast<int>(argument<std::uint32_t>(arguments, 1, "a signal"));
   if (signal < 0) {
-    throw std::runtime_error(fmt::format("{}.{}: no such signal", object->metaObject().typeName(), byName->asString()));
+    throw std::runtime_error(
+        fmt::format("{}.{}: no such signal", object->metaObject().typeName(), byName ? byName->toString() : ""));
   }
   auto emit = [link = link_, number](const std::vector<AnyReference>& emitted) {
     std::vector<AnyReference> all{AnyReference::of(number)};
