@@ -1,4 +1,5 @@
 #include "joined_sessions.h"
+#include "service.h"
 
 #include <hxerror/hxerror.h>
 #include <libmw/dynamicobject.h>
@@ -16,33 +17,6 @@ namespace {
 
 using HX::HXValue;
 using testing::HasSubstr;
-
-/// A service with the methods that a test gives it.
-class Service : public DynamicObject {
- public:
-  explicit Service(const std::string& name) {
-    builder_.setTypeName(name).setThreadingModel(ObjectThreadingModel::MultiThread);
-  }
-
-  template <class F>
-  Service& method(const std::string& name, F function, int flags = 0) {
-    builder_.advertiseMethod({name, "", "About " + name, flags}, AnyFunction::from(std::move(function)));
-    return *this;
-  }
-  Service& signal(const std::string& name, SignalBase& signal) {
-    builder_.advertiseSignal(name, signal);
-    return *this;
-  }
-  AnyObject build() {
-    setType(builder_.build());
-    return AnyObject(shared_from_this());
-  }
-
- private:
-  ObjectBuilder builder_;
-};
-
-std::shared_ptr<Service> makeService(const std::string& name) { return std::make_shared<Service>(name); }
 
 AnyObject lookUp(Session& session, const std::string& name) { return session.service(name).take(); }
 
@@ -252,8 +226,7 @@ TEST_F(JoinedSessions, KeepServicesInUseAcrossARestart) {
   const AnyObject held = lookUp(client, "Clock");
   EXPECT_EQ(held, lookUp(client, "Clock"));
   std::promise<int> tick;
-  const SignalLink link =
-      held->connect("ticked", SignalSubscriber([&](int value) { tick.set_value(value); })).take();
+  const SignalLink link = held->connect("ticked", SignalSubscriber([&](int value) { tick.set_value(value); })).take();
   std::promise<void> restored;
   client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
   server.reset();

@@ -1,0 +1,115 @@
+#include <cstddef>
+#include <remote/framesplitter.h>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+namespace mw::remote {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr std::size_t kFrameLimit = std::size_t{1} << 20;
+constexpr std::size_t kDepthLimit = 4;
+
+std::string bytes(std::initializer_list<int> codes, std::size_t content = 0) {
+  std::string all;
+  for (const int code : codes) all += static_cast<char>(code);
+  return all + std::string(content, 'x');
+}
+
+/// Feeds pieces that end at `cuts` and at the end. @return The sizes of the frames that were found.
+std::vector<std::size_t> split(std::string_view stream, const std::vector<std::size_t>& cuts) {
+  FrameSplitter splitter(kFrameLimit, kDepthLimit);
+  std::vector<std::size_t> sizes;
+  std::size_t begin = 0;
+  const auto feed = [&](std::size_t end) {
+    while (begin < end) {
+      const std::size_t size = splitter.advance(std::as_bytes(std::span(stream.substr(begin, end - begin))));
+      if (size == 0) return;
+      sizes.push_back(size);
+      begin += size;
+    }
+  };
+  for (const std::size_t cut : cuts) feed(cut);
+  feed(stream.size());
+  return sizes;
+}
+
+struct Frame {
+  const char* name;
+  std::string bytes;
+};
+
+class EveryFormat : public testing::TestWithParam<Frame> {};
+
+TEST_P(EveryFormat, EndsWhereItsValueEndsHoweverItArrives) {
+  const std::string& frame = GetParam().bytes;
+  const std::string stream = frame + frame + "\x01";
+  const std::vector<std::size_t> expected{frame.size(), frame.size(), 1};
+  EXPECT_EQ(split(stream, {}), expected);
+  std::vector<std::size_t> everyByte;
+  for (std::size_t i = 1; i < stream.size(); ++i) everyByte.push_back(i);
+  EXPECT_EQ(split(stream, everyByte), expected);
+  for (const std::size_t cut : everyByte) EXPECT_EQ(split(stream, {cut}), expected) << "cut at " << cut;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    FrameSplitter, EveryFormat,
+    testing::Values(
+        Frame{"fixint", bytes({0x7f})}, Frame{"negative", bytes({0xe0})}, Frame{"nil", bytes({0xc0})},
+        Frame{"false", bytes({0xc2})}, Frame{"true", bytes({0xc3})}, Frame{"float", bytes({0xca}, 4)},
+        Frame{"double", bytes({0xcb}, 8)}, Frame{"uint8", bytes({0xcc}, 1)}, Frame{"uint16", bytes({0xcd}, 2)},
+        Frame{"uint32", bytes({0xce}, 4)}, Frame{"uint64", bytes({0xcf}, 8)}, Frame{"int8", bytes({0xd0}, 1)},
+        Frame{"int16", bytes({0xd1}, 2)}, Frame{"int32", bytes({0xd2}, 4)}, Frame{"int64", bytes({0xd3}, 8)},
+        Frame{"fixstr", bytes({0xbf}, 31)}, Frame{"emptystr", bytes({0xa0})}, Frame{"str8", bytes({0xd9, 40}, 40)},
+        Frame{"str16", bytes({0xda, 1, 0}, 256)}, Frame{"str32", bytes({0xdb, 0, 0, 1, 1}, 257)},
+        Frame{"bin8", bytes({0xc4, 0})}, Frame{"bin16", bytes({0xc5, 0, 3}, 3)},
+        Frame{"bin32", bytes({0xc6, 0, 0, 0, 2}, 2)}, Frame{"fixext1", bytes({0xd4}, 2)},
+        Frame{"fixext2", bytes({0xd5}, 3)}, Frame{"fixext4", bytes({0xd6}, 5)}, Frame{"fixext8", bytes({0xd7}, 9)},
+        Frame{"fixext16", bytes({0xd8}, 17)}, Frame{"ext8", bytes({0xc7, 0, 1})},
+        Frame{"ext16", bytes({0xc8, 0, 2, 1}, 2)}, Frame{"ext32", bytes({0xc9, 0, 0, 0, 1, 1}, 1)},
+        Frame{"emptylist", bytes({0x90})}, Frame{"fixlist", bytes({0x92, 0xa1, 'a', 0xc0})},
+        Frame{"list16", bytes({0xdc, 0, 2, 1, 2})}, Frame{"list32", bytes({0xdd, 0, 0, 0, 1, 0x90})},
+        Frame{"emptymap", bytes({0x80})}, Frame{"fixmap", bytes({0x81, 0xa1, 'a', 0x91, 1})},
+        Frame{"map16", bytes({0xde, 0, 1, 1, 2})}, Frame{"map32", bytes({0xdf, 0, 0, 0, 1, 1, 0x80})},
+        Frame{"nested", bytes({0x92, 0x91, 0x81, 1, 0x90, 0xc0})}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(FrameSplitter, RefusesAtOnceWhatIsBeyondALimit) {
+  struct Row {
+    std::string bytes;
+    const char* reason;
+  };
+  const Row rows[] = {{bytes({0xc1}), "begins no MessagePack value"},
+                      {bytes({0x92, 0, 0xc1}), "begins no MessagePack value"},
+                      {bytes({0xdb, 0xff, 0xff, 0xff, 0xff}), "more than 1048576 bytes"},
+                      {bytes({0xc6, 0, 0x10, 0, 0}), "more than 1048576 bytes"},
+                      {bytes({0xc9, 0xff, 0xff, 0xff, 0xff}), "more than 1048576 bytes"},
+                      {bytes({0xdd, 0xff, 0xff, 0xff, 0xff}), "more than 4194304 values"},
+                      {bytes({0xdf, 0xff, 0xff, 0xff, 0xff}), "more than 4194304 values"},
+                      {bytes({0xdd, 0, 0x10, 0, 0}), "more than 1048576 bytes"},
+                      {bytes({0x92, 0xc6, 0, 0x0f, 0xff, 0x00}, 0xfff00) + bytes({0xd9, 0xff}), "more than 1048576"},
+                      {bytes({0x91, 0x91, 0x81, 1, 0x91, 0x91}), "more than 4 deep"}};
+  for (const Row& row : rows) {
+    FrameSplitter splitter(kFrameLimit, kDepthLimit);
+    try {
+      splitter.advance(std::as_bytes(std::span(row.bytes)));
+      ADD_FAILURE() << row.reason;
+    } catch (const ProtocolError& error) {
+      EXPECT_THAT(error.what(), HasSubstr(row.reason));
+    }
+  }
+}
+
+TEST(FrameSplitter, TakesWhatIsJustWithinTheLimits) {
+  for (const std::string& frame :
+       {bytes({0xc6, 0, 0x0f, 0xff, 0xfb}, 0xffffb), bytes({0x91, 0x91, 0x81, 1, 0x91, 0x90})}) {
+    EXPECT_EQ(split(frame, {}), std::vector{frame.size()});
+  }
+}
+
+}  // namespace
+}  // namespace mw::remote

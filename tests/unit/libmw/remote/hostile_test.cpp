@@ -1,0 +1,387 @@
+#include "joined_sessions.h"
+#include "raw_peer.h"
+#include "service.h"
+
+#include <hxvalue/msgpack.h>
+#include <libmw/objecttypebuilder.h>
+
+#include <algorithm>
+#include <capture_log.h>
+#include <future>
+#include <random>
+#include <semaphore>
+#include <sys/resource.h>
+#include <thread>
+
+#include <fmt/format.h>
+#include <gmock/gmock.h>
+
+/// What peers may do that mean ill, or are broken. Each costs itself its connection at most: another client is served
+/// all the while, the process does not grow, and the log says why.
+namespace mw {
+namespace {
+
+using HX::HXValue;
+using testing::HasSubstr;
+
+std::string bytes(std::initializer_list<int> codes) {
+  std::string all;
+  for (const int code : codes) all += static_cast<char>(code);
+  return all;
+}
+
+std::string packed(const HXValue& value) {
+  const auto packed = HX::toMsgpack(value);
+  return {reinterpret_cast<const char*>(packed.data()), packed.size()};
+}
+
+/// A request whose arguments are in MessagePack already, so that they may hold what is no value.
+std::string rawRequest(std::string_view method, std::string_view arguments) {
+  return bytes({0x94, 0, 7}) + packed(std::string(method)) + std::string(arguments);
+}
+std::string request(std::string_view method, const HXValue::List& arguments) {
+  return rawRequest(method, packed(HXValue(arguments)));
+}
+
+std::string extension(int type, std::string_view content) {
+  return bytes({0xc8, static_cast<int>(content.size() >> 8), static_cast<int>(content.size() & 0xff), type}) +
+         std::string(content);
+}
+
+HXValue::List description(int id, const HXValue& kind) {
+  const HXValue::List method{id,
+                             "m",
+                             HXValue(HXValue::List{}),
+                             HXValue(HXValue::List{"t", kind}),
+                             true,
+                             0,
+                             "",
+                             "",
+                             HXValue(HXValue::List{}),
+                             HXValue()};
+  return {"Thing", "", HXValue(HXValue::List{HXValue(method)}), HXValue(HXValue::List{}), HXValue(HXValue::List{})};
+}
+
+std::string reference(const HXValue::List& parts) { return extension(2, packed(HXValue(parts))); }
+
+std::string thing(int object, int number, const HXValue& details) { return reference({0, object, number, details}); }
+
+class HostilePeers : public testing::Test {
+ protected:
+  explicit HostilePeers(const LinkOptions& options = {}) {
+    signal_ = std::make_shared<Signal<std::string>>();
+    broker.registerService("Echo", makeService("Echo")
+                                       ->method("echo", [](const HXValue& value) { return value; })
+                                       .signal("said", *signal_)
+                                       .build());
+    server.emplace(broker, "torso", options);
+    joined.emplace(client, "torso");
+    echo = client.service("Echo").take();
+  }
+
+  std::string socket() const { return folder.path() + "/korvo/torso.sock"; }
+  void expectOthersAreServed() const { EXPECT_EQ(echo->call<int>("echo", 4711), 4711); }
+
+  void waitForLog(const std::string& text) const {
+    std::size_t count = 0;
+    const auto isThere = [&] {
+      const auto texts = log.entries();
+      count = texts.size();
+      return std::any_of(texts.begin(), texts.end(), [&](const auto& entry) {
+        return entry.level == LogLevel::Warning && entry.text.find(text) != std::string::npos;
+      });
+    };
+    while (!isThere())
+      ASSERT_TRUE(log.waitFor(count + 1)) << text << " is not among " << testing::PrintToString(log.texts());
+  }
+
+  kit::CaptureLog log{{"mw.link"}};
+  SocketFolder folder;
+  std::shared_ptr<Signal<std::string>> signal_;
+  Session broker;
+  std::optional<LocalServer> server;
+  Session client;
+  std::optional<LocalClient> joined;
+  AnyObject echo;
+};
+
+struct Offence {
+  const char* name;
+  std::string bytes;
+  const char* reason;
+};
+
+class Offences : public HostilePeers, public testing::WithParamInterface<Offence> {};
+
+TEST_P(Offences, EndTheConnectionAndAreLogged) {
+  const RawPeer peer(socket());
+  peer.send(GetParam().bytes);
+  peer.waitForEnd();
+  waitForLog(GetParam().reason);
+  expectOthersAreServed();
+}
+
+std::string nested(std::size_t depth) { return std::string(depth, '\x91'); }
+
+const Offence kOffences[] = {
+    {"NoMessagePack", bytes({0xc1}), "begins no MessagePack value"},
+    {"Text", "GET / HTTP/1.1\r\n\r\n", "no list where one belongs"},
+    {"FourGigabytesOfText", bytes({0x93, 2, 0xdb, 0xff, 0xff, 0xff, 0xff}), "more than 67108864 bytes"},
+    {"FourGigavaluesOfList", bytes({0xdd, 0xff, 0xff, 0xff, 0xff}), "more than 4194304 values"},
+    {"DeepNesting", nested(300), "nested more than 256 deep"},
+    {"NoMessage", bytes({0x90}), "too few parts"},
+    {"UnknownMessage", bytes({0x94, 3, 7, 0xc0, 0xc0}), "neither request, response nor notification"},
+    {"ShortRequest", bytes({0x93, 0, 7, 0xa0}), "neither request"},
+    {"LongNotification", bytes({0x94, 2, 0xa3, 'a', '.', 'b', 0x90, 0xc0}), "neither request"},
+    {"TextForAnId", bytes({0x94, 0, 0xa1, '7', 0xa3, 'a', '.', 'b', 0x90}), "no number"},
+    {"NegativeId", bytes({0x94, 0, 0xd0, 0xff, 0xa3, 'a', '.', 'b', 0x90}), "out of range"},
+    {"NumberForAMethod", bytes({0x94, 0, 7, 7, 0x90}), "no text"},
+    {"MapOfArguments", rawRequest("a.b", bytes({0x80})), "no list"},
+    {"MapWithNumbersForKeys", rawRequest("a.b", bytes({0x91, 0x81, 1, 2})), "key"},
+    {"UnknownExtension", rawRequest("a.b", bytes({0x91, 0xd4, 9, 0})), "extension"},
+    {"ShortChain", rawRequest("a.b", bytes({0x91, 0xd4, 1, 0})), "a chain is 16 bytes"},
+    {"ResponseToNothing", bytes({0x94, 1, 7, 0xc0, 0xc0}), "a request 7 that was not made"},
+    {"EmissionOfNothing", bytes({0x93, 2, 0xaa}) + "korvo.emit" + bytes({0x90}), "names no link"},
+    {"TooManyArguments", request("a.b", HXValue::List(1025)), "more than 1024 arguments"},
+    {"ShortReference", rawRequest("a.b", bytes({0x91}) + reference({0, 1, 1})), "four parts"},
+    {"ReferenceToNobodys", rawRequest("a.b", bytes({0x91}) + reference({2, 1, 1, HXValue()})), "of nobody"},
+    {"ReferenceNeverDescribed", rawRequest("a.b", bytes({0x91}) + thing(1, 1, HXValue())), "not described"},
+    {"DescriptionOfOneWord", rawRequest("a.b", bytes({0x91}) + thing(1, 1, "Thing")), "lacks a part"},
+    {"DescriptionWithAHugeId", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(4096, 0))), "id out of range"},
+    {"DescriptionWithANegativeId", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(-1, 0))),
+     "id out of range"},
+    {"DescriptionOfAnUnknownKind", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(0, 99))), "kind of type"},
+    {"DescriptionWithTextForAKind", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(0, "x"))), "no number"},
+};
+INSTANTIATE_TEST_SUITE_P(HostilePeers, Offences, testing::ValuesIn(kOffences),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(HostilePeers, AreAnsweredWhenTheyCallWhatMakesNoSense) {
+  const RawPeer peer(socket());
+  struct Row {
+    std::string method;
+    HXValue::List arguments;
+    const char* answer;  ///< A part of the error; nil when there is none.
+  };
+  const std::string huge(1000, 'x');
+  const Row rows[] = {
+      {"korvo.hello", {}, "argument 1 is missing"},
+      {"korvo.hello", {"one"}, "argument 1 does not say a protocol version"},
+      {"korvo.hello", {2}, "protocol version 2"},
+      {"korvo.service", {}, "argument 1 is missing"},
+      {"korvo.service", {5}, "argument 1 does not say the name of a service"},
+      {"korvo.service", {"Nobody"}, nullptr},
+      {"korvo.register", {}, "argument 1 is missing"},
+      {"korvo.register", {"Mine"}, "argument 2 is missing"},
+      {"korvo.register", {"Mine", 5}, "argument 2 does not say an object"},
+      {"korvo.register", {"Mine", HXValue()}, ""},
+      {"korvo.unregister", {}, "argument 1 is missing"},
+      {"korvo.unregister", {-1}, "argument 1 does not say the id"},
+      {"korvo.unregister", {1}, "not one of yours"},
+      {"korvo.connect", {}, "argument 1 is missing"},
+      {"korvo.connect", {1}, ""},
+      {"korvo.connect", {99, "said", 1}, "no object 99"},
+      {"korvo.connect", {1, "said"}, "argument 3 is missing"},
+      {"korvo.connect", {1, "silence", 1}, "no such signal"},
+      {"korvo.connect", {1, 77, 1}, ""},
+      {"korvo.connect", {1, std::int64_t{4294967295}, 1}, "signal"},
+      {"korvo.connect", {1, HXValue(), 1}, "argument 2 does not say a signal"},
+      {"korvo.connect", {1, "said", "one"}, "argument 3 does not say"},
+      {"korvo.disconnect", {}, "argument 1 is missing"},
+      {"korvo.disconnect", {99}, nullptr},
+      {"korvo.property", {}, "argument 1 is missing"},
+      {"korvo.property", {1}, "argument 2 is missing"},
+      {"korvo.property", {1, 99}, ""},
+      {"korvo.setProperty", {1, 99, 5}, ""},
+      {"korvo.setProperty", {1, 99}, "argument 3 is missing"},
+      {"korvo.release", {99, 1}, nullptr},
+      {"korvo.release", {1, -1}, "argument 2 does not say"},
+      {"korvo.release", {"x", "y"}, "argument 1 does not say"},
+      {"korvo.alive", {}, "no such method"},
+      {"korvo.", {}, "no such method"},
+      {"korvo.nothing", {}, "korvo.nothing: no such method"},
+      {"", {}, "SERVICE.METHOD"},
+      {".", {}, "no service named"},
+      {"@", {}, "SERVICE.METHOD"},
+      {"@1", {}, "SERVICE.METHOD"},
+      {"@.", {}, "no object @"},
+      {"@-1.echo", {}, "no object @-1"},
+      {"@99.echo", {1}, "no object @99"},
+      {"@99999999999999999999.echo", {1}, "no object"},
+      {"@1.echo", {1}, nullptr},
+      {"@1.echo", {}, "echo"},
+      {"@1.4096", {}, ""},
+      {"@1.4294967295", {}, ""},
+      {"Echo.99999999999999999999", {}, "no such method"},
+      {"Echo." + huge, {}, "no such method"},
+      {huge + ".echo", {}, "no service named"},
+  };
+  // Object 1 is the service, as far as this peer is concerned.
+  ASSERT_TRUE(peer.send(request("korvo.service", {"Echo"})));
+  while (peer.receive().find("Echo") == std::string::npos) {
+  }
+  for (const Row& row : rows) {
+    SCOPED_TRACE(fmt::format("{} {}", row.method, HXValue(row.arguments).toString()));
+    ASSERT_TRUE(peer.send(request(row.method, row.arguments)));
+    std::string answer;
+    while (answer.find(bytes({0x94, 1, 7})) == std::string::npos) {  // Heartbeats come between.
+      answer = peer.receive();
+      ASSERT_FALSE(answer.empty()) << "the connection has ended: " << log.texts().back();
+    }
+    const bool isError = answer.find("runtime") != std::string::npos || answer.find("other") != std::string::npos;
+    EXPECT_EQ(isError, row.answer != nullptr) << answer;
+    EXPECT_THAT(answer, HasSubstr(row.answer ? row.answer : ""));
+  }
+  expectOthersAreServed();
+}
+
+std::size_t peakMegabytes() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  return static_cast<std::size_t>(usage.ru_maxrss) >> 10;
+}
+
+TEST_F(HostilePeers, SendRandomBytesInVain) {
+  std::mt19937 random(4711);
+  const std::string valid = request("korvo.connect", {1, "said", 5}) + request("korvo.service", {"Echo"}) +
+                            rawRequest("korvo.register", bytes({0x92, 0xa1, 'A'}) + thing(1, 1, description(0, 0))) +
+                            request("@1.echo", {HXValue(HXValue::List{1.5, "text", HXValue()})});
+  std::size_t sent = 0;
+  for (int round = 0; sent < 1'000'000; ++round) {
+    std::string mutated;
+    if (round % 2 == 0) {
+      for (int i = 0; i < 4000; ++i) mutated += static_cast<char>(random());
+    } else {
+      for (int i = 0; i < 20; ++i) mutated += valid;
+      for (int i = 0; i < 5; ++i) mutated[random() % mutated.size()] = static_cast<char>(random());
+    }
+    const RawPeer peer(socket());
+    for (std::size_t at = 0; at < mutated.size(); at += 997) peer.send(std::string_view(mutated).substr(at, 997));
+    sent += mutated.size();
+    if (round % 50 == 0) expectOthersAreServed();
+  }
+  expectOthersAreServed();
+}
+
+TEST_F(HostilePeers, MayLeaveInTheMiddleOfAMessage) {
+  const std::string message = request("Echo.echo", {"a text"});
+  for (std::size_t size = 0; size < message.size(); ++size) {
+    const RawPeer peer(socket());
+    peer.send(std::string_view(message).substr(0, size));
+  }
+  expectOthersAreServed();
+  for (const auto& entry : log.entries()) EXPECT_EQ(entry.level, LogLevel::Verbose) << entry.text;
+}
+
+TEST_F(HostilePeers, CannotMakeTheProcessGrow) {
+  const std::size_t before = peakMegabytes();
+  {
+    // A value of one byte each.
+    const RawPeer peer(socket());
+    peer.send(bytes({0x94, 0, 7, 0xa3, 'a', '.', 'b', 0x9f}));
+    for (int list = 0; list < 15; ++list) {
+      if (!peer.send(bytes({0xdd, 0, 0x3f, 0xff, 0x00}) + std::string(0x3fff00, '\xc0'))) break;
+    }
+    peer.waitForEnd();
+    waitForLog("more than 4194304 values");
+  }
+  {
+    const RawPeer peer(socket());
+    for (int number = 0; number < 5000; ++number) {
+      const auto details = thing(1, number, description(4095, 13));
+      if (!peer.send(rawRequest("Echo.echo", bytes({0x91}) + details))) break;
+    }
+    peer.waitForEnd();
+    waitForLog("too many descriptions of objects");
+  }
+  expectOthersAreServed();
+  EXPECT_LT(peakMegabytes() - before, 512U);
+}
+
+class WithLowLimits : public HostilePeers {
+ protected:
+  WithLowLimits() : HostilePeers(options()) {}
+  static LinkOptions options() {
+    LinkOptions options;
+    options.outputLimit = std::size_t{1} << 20;
+    options.inputLimit = std::size_t{1} << 20;
+    options.connectionLimit = 4;
+    return options;
+  }
+};
+
+TEST_F(WithLowLimits, APeerThatDoesNotReadItsEmissionsIsEnded) {
+  const RawPeer peer(socket());
+  ASSERT_TRUE(peer.send(request("korvo.service", {"Echo"}) + request("korvo.connect", {1, "said", 5})));
+  std::counting_semaphore<> seen(0);
+  const SignalLink link = echo->connect("said", SignalSubscriber([&](const std::string&) { seen.release(); })).take();
+  while (peer.receive().find(bytes({0x94, 1, 7, 0xc0, 0xc0})) == std::string::npos) {
+  }
+  for (int i = 0; i < 1000; ++i) {
+    (*signal_)(std::string(4096, 'x'));
+    seen.acquire();
+  }
+  waitForLog("it does not read");
+  echo->disconnect(link).value();
+  expectOthersAreServed();
+}
+
+TEST_F(WithLowLimits, APeerThatDoesNotReadItsAnswersIsEnded) {
+  const RawPeer peer(socket());
+  const std::string one = request("Echo.echo", {std::string(60000, 'x')});
+  while (peer.send(one)) {
+  }
+  waitForLog("it does not read");
+  expectOthersAreServed();
+}
+
+TEST_F(WithLowLimits, APeerThatCallsFasterThanItIsServedIsEnded) {
+  std::promise<void> leave;
+  broker.registerService("Slow",
+                         makeService("Slow")
+                             ->method("take", [left = leave.get_future().share()](const HXValue&) { left.wait(); })
+                             .build());
+  const RawPeer peer(socket());
+  const std::string one = request("Slow.take", {std::string(60000, 'x')});
+  while (peer.send(one)) {
+  }
+  waitForLog("it calls faster than it is served");
+  EXPECT_NO_THROW(expectOthersAreServed());
+  leave.set_value();
+}
+
+TEST_F(WithLowLimits, ConnectionsBeyondTheLimitAreRefused) {
+  std::vector<std::unique_ptr<RawPeer>> peers;
+  for (int i = 0; i < 3; ++i) {
+    peers.push_back(std::make_unique<RawPeer>(socket()));
+    peers.back()->send(request("korvo.hello", {1}));
+    while (peers.back()->receive().find("torso") == std::string::npos) {
+    }
+  }
+  for (int i = 0; i < 1000; ++i) RawPeer(socket()).waitForEnd();
+  waitForLog("4 are connected, which is the limit");
+  expectOthersAreServed();
+  EXPECT_EQ(server->connectionCount(), 4U);
+}
+
+class WithAShortHeartbeat : public HostilePeers {
+ protected:
+  WithAShortHeartbeat() : HostilePeers(options()) {}
+  static LinkOptions options() {
+    LinkOptions options;
+    options.heartbeat = std::chrono::milliseconds(700);
+    return options;
+  }
+};
+
+TEST_F(WithAShortHeartbeat, APeerThatSaysNothingIsEnded) {
+  const auto began = std::chrono::steady_clock::now();
+  const RawPeer peer(socket());
+  peer.waitForEnd();
+  EXPECT_GE(std::chrono::steady_clock::now() - began, 3 * options().heartbeat);
+  waitForLog("nothing was heard of it");
+  expectOthersAreServed();
+}
+
+}  // namespace
+}  // namespace mw

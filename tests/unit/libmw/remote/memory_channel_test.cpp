@@ -1,0 +1,122 @@
+#include "service.h"
+
+#include <atomic>
+#include <memory>
+#include <memory_channel.h>
+#include <remote/link.h>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+namespace mw::remote {
+namespace {
+
+using testing::HasSubstr;
+
+/// Offers one service, and takes back what is released.
+class OneService final : public ReservedService {
+ public:
+  Future<AnyValue> call(std::string_view method, const std::vector<AnyValue>& arguments) override {
+    if (method != "release") throw std::runtime_error("nothing else is offered");
+    const auto number = [&](std::size_t i) { return arguments.at(i).reference().to<std::uint32_t>(); };
+    objects->release(number(0), number(1));
+    return Future<AnyValue>::ready(AnyValue());
+  }
+  AnyObject find(const std::string& /*service*/) override { return service; }
+  void end() override { ++ends; }
+
+  AnyObject service;
+  ObjectTable* objects = nullptr;
+  std::atomic<int> ends{0};
+};
+
+/// One of two processes.
+struct Side {
+  explicit Side(const LinkOptions& options = {}) : link(std::make_shared<Link>(channel, this, options)) {
+    reserved->objects = &link->objects();
+    link->start(reserved, {});
+  }
+  template <class... Args>
+  Future<AnyValue> call(Side& other, std::string_view target, const Args&... args) {
+    auto answer = link->ask(target, args...);
+    kit::carry(*channel, *other.channel);
+    return answer;
+  }
+
+  std::shared_ptr<kit::MemoryChannel> channel = std::make_shared<kit::MemoryChannel>();
+  std::shared_ptr<OneService> reserved = std::make_shared<OneService>();
+  std::shared_ptr<Link> link;
+};
+
+TEST(Link, LendsAnObjectForAsLongAsThePeerHoldsIt) {
+  Side host;
+  Side peer;
+  const AnyObject lamp = makeService("Lamp")->method("lit", [] { return true; }).build();
+  host.reserved->service = makeService("House")->method("lamp", [&] { return lamp; }).build();
+  AnyObject first = peer.call(host, "House.lamp").value().reference().to<AnyObject>();
+  AnyObject second = peer.call(host, "House.lamp").value().reference().to<AnyObject>();
+  EXPECT_EQ(first, second);
+  EXPECT_EQ(first->metaObject().findMethods("lit").size(), 1U);
+  EXPECT_EQ(host.link->objects().leaseCount(), 1U);
+  first.reset();
+  kit::carry(*peer.channel, *host.channel);
+  EXPECT_EQ(host.link->objects().leaseCount(), 1U);
+  second.reset();
+  kit::carry(*peer.channel, *host.channel);
+  EXPECT_EQ(host.link->objects().leaseCount(), 0U);
+}
+
+TEST(Link, DescribesAnObjectAgainWhenTheFirstMessageDidNotLeave) {
+  LinkOptions options;
+  options.frameLimit = 4096;
+  Side host(options);
+  Side peer(options);
+  const AnyObject lamp = makeService("Lamp")->method("lit", [] { return true; }).build();
+  std::vector<std::string> seen;
+  host.reserved->service =
+      makeService("House")
+          ->method("show", [&](const AnyObject& o, const std::string&) { seen.push_back(o->metaObject().typeName()); })
+          .build();
+  EXPECT_THAT(peer.call(host, "House.show", lamp, std::string(5000, 'x')).error(), HasSubstr("exceeds the limit"));
+  EXPECT_FALSE(peer.call(host, "House.show", lamp, std::string()).hasError());
+  EXPECT_FALSE(peer.call(host, "House.show", lamp, std::string()).hasError());
+  EXPECT_THAT(seen, testing::ElementsAre("Lamp", "Lamp"));
+  EXPECT_FALSE(host.channel->isEnded());
+}
+
+TEST(Link, EndsAPeerThatIsSilentForThreeHeartbeatsAndFailsWhatPends) {
+  LinkOptions options;
+  options.heartbeat = std::chrono::milliseconds(1);
+  Side side(options);
+  const auto pending = side.link->ask("House.lamp");
+  side.channel->setSilence(std::chrono::milliseconds(3));
+  side.link->gone().wait();
+  EXPECT_THAT(pending.error(), AllOf(HasSubstr("the connection to the peer"), HasSubstr("nothing was heard")));
+  EXPECT_THAT(side.link->ask("House.lamp").error(), HasSubstr("nothing was heard"));
+  EXPECT_EQ(side.link->pendingCount(), 0U);
+  EXPECT_EQ(side.reserved->ends, 1);
+}
+
+TEST(Link, LetsGoOfWhatItLentWhenItEnds) {
+  Side host;
+  Side peer;
+  std::weak_ptr<GenericObject> lent;
+  host.reserved->service = makeService("House")
+                               ->method("lamp",
+                                        [&] {
+                                          const AnyObject lamp = makeService("Lamp")->build();
+                                          lent = lamp.pointer();
+                                          return lamp;
+                                        })
+                               .build();
+  const AnyObject held = peer.call(host, "House.lamp").value().reference().to<AnyObject>();
+  EXPECT_FALSE(lent.expired());
+  host.link->end("enough");
+  host.link->gone().wait();
+  EXPECT_TRUE(lent.expired());
+}
+
+}  // namespace
+}  // namespace mw::remote

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <poll.h>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace mw {
+
+/// A process that keeps to no protocol: bytes out, bytes in.
+class RawPeer {
+ public:
+  explicit RawPeer(const std::string& socket) : file_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    socket.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (::connect(file_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+      throw std::runtime_error("cannot connect to " + socket);
+    }
+  }
+  RawPeer(const RawPeer&) = delete;
+  RawPeer& operator=(const RawPeer&) = delete;
+  ~RawPeer() { ::close(file_); }
+
+  /// @return False when the other side has ended the connection.
+  bool send(std::string_view bytes) const {
+    while (!bytes.empty()) {
+      const ssize_t sent = ::send(file_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (sent < 0) return false;
+      bytes.remove_prefix(static_cast<std::size_t>(sent));
+    }
+    return true;
+  }
+
+  /// Waits for more bytes. @return Empty when the connection has ended.
+  std::string receive() const {
+    pollfd file{file_, POLLIN, 0};
+    if (::poll(&file, 1, 30'000) <= 0) throw std::runtime_error("nothing comes");
+    std::string bytes(65536, '\0');
+    const ssize_t count = ::recv(file_, bytes.data(), bytes.size(), 0);
+    bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return bytes;
+  }
+
+  /// Reads until the other side ends the connection.
+  void waitForEnd() const {
+    while (!receive().empty()) {
+    }
+  }
+
+ private:
+  const int file_;
+};
+
+}  // namespace mw
