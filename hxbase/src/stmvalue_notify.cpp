@@ -123,6 +123,7 @@ void STMValue::unsubscribeNotifier(const std::string& module, const std::string&
                   __LINE__);
   }
   removeNotifier(record);
+  noteQuiet();
 }
 
 std::vector<std::string> STMValue::getNotifierList() const {
@@ -145,9 +146,10 @@ void STMValue::removeNotifier(Notifiers::iterator record) {
   } else {
     notifiers_.erase(record);
   }
-  noteQuiet();
 }
 
+// Only of what a change leaves behind: a raise that met a subscription in the middle of being replaced, gone and not
+// yet back, would pass its subscriber by.
 void STMValue::noteQuiet() { quiet_.store(notifiers_.empty() && dispatching_ == 0, std::memory_order_release); }
 
 void STMValue::notify(const std::string& key, const HXValue& value) {
@@ -224,6 +226,7 @@ void STMValue::reportAndClean(const std::string& module, const mw::Future<void>&
     HX_LOG_AS(Warning, itemCategory(), "operator()", "can't get proxy to " + module + ": " + outcome.error());
     const std::lock_guard lock(notifierLock_);
     if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) removeNotifier(failed);
+    noteQuiet();
   }
   xCleanFinished();
 }
