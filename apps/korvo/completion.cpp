@@ -52,10 +52,12 @@ Words namesOf(const mw::MetaObject& object, bool signals) {
 }
 
 /// What the broker knows under a placeholder.
-Words askBroker(const std::string& broker, const std::string& wanted, const Words& arguments) {
+/// @param begun  What the word begins with; the memory need not tell what does not even contain it.
+Words askBroker(const std::string& broker, const std::string& wanted, const Words& arguments,
+                const std::string& begun) {
   try {
     RemoteTarget target(broker, kPatience);
-    if (wanted == "KEY" || wanted == "FILTER") return target.memory().getDataListName();
+    if (wanted == "KEY" || wanted == "FILTER") return target.memory().getDataList(begun);
     if (wanted == "EVENT") return target.memory().getEventList();
     if (wanted == "SERVICE" || wanted == "EXTRACTOR") return target.services();
     if (wanted == "METHOD" || wanted == "SIGNAL") {
@@ -110,7 +112,7 @@ Words candidates(std::span<const std::string> words) {
   const GivenWords given = tellApart(*options, before);
   const std::string wanted = placeholderAt(verb->arguments, given.arguments.size());
   if (wanted == "COMMAND") return verbNames();
-  return askBroker(brokerIn(given.options), wanted, given.arguments);
+  return askBroker(brokerIn(given.options), wanted, given.arguments, words.back());
 }
 
 }  // namespace

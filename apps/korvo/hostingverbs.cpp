@@ -99,7 +99,7 @@ Verb runVerb() {
       "\n"
       "The broker ends with SIGINT (Ctrl-C) or SIGTERM, when its service is asked to stop, with the end of the input\n"
       "of its console, or when its live view is left; the modules leave in the reverse order. A second SIGINT ends\n"
-      "it at once, with exit status 130.\n",
+      "it at once, with exit status 130.",
       "run --name torso --module arm --module ./build/libhead.so\n"
       "run --console < commands.txt\n"
       "run --module ./libarm.so --live\n"
