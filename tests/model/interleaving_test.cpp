@@ -20,14 +20,14 @@ namespace {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kHistories = 200;
 #else
-constexpr int kHistories = 2000;
+constexpr int kHistories = 3000;
 #endif
 
 constexpr std::array kConcurrent{
     "raiseEvent",       "insertData",         "removeEvent",       "subscribeToEvent", "removeData",
     "raiseEvent",       "unsubscribeToEvent", "declareEvent",      "getTimestamp",     "getEventHistory",
     "getType",          "getSubscribers",     "getEventList",      "getDataListName",  "raiseMicroEvent",
-    "subscribeToEvent", "raiseEvent",         "getMicroEventList", "getEventHistory"};
+    "subscribeToEvent", "raiseEvent",         "getMicroEventList", "subscribeToEvent"};
 
 /// Makes the calls of several threads at once and records what each saw.
 class Recorder {

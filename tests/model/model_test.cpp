@@ -16,7 +16,7 @@ namespace {
 
 // A sanitizer makes a call twenty times as dear.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr const char* kParameters = "seed=1 max_success=300 max_size=200";
+constexpr const char* kParameters = "seed=1 max_success=1000 max_size=200";
 #else
 constexpr const char* kParameters = "seed=1 max_success=10000 max_size=200";
 #endif
