@@ -115,7 +115,7 @@ constexpr Flag kMethodsFlags[] = {{"--json", "Print the methods as one list of J
 constexpr std::array kCommands{
     Command{"services", "", "Lists the services, one a line.", "With --json as {\"service\":NAME}.", "services",
             services, kJsonFlag},
-    Command{"methods", "SERVICE [--json]", "Lists what a service offers, with its documentation.",
+    Command{"methods", "SERVICE", "Lists what a service offers, with its documentation.",
             "With --json the methods as one line: a list of name, description, flags, parameters, result.",
             "methods HXMemory", methods, kMethodsFlags},
     Command{"call", "SERVICE METHOD [JSON...]", "Calls a method and prints what it returns, if anything.",
