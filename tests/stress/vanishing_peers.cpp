@@ -1,0 +1,213 @@
+// Processes that join a broker and vanish: killed, frozen, by the hundred. What they leave behind must go with them, and
+// nobody else may notice.
+
+#include "memory_fixture.h"
+#include "process.h"
+
+#include <hxcommon/hxmodule.h>
+#include <libmw/local.h>
+#include <libmw/log.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <malloc.h>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+
+namespace HX {
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kHeartbeat = 200ms;
+/// How long a raiser may be held by a subscriber that has gone.
+constexpr auto kBound = 3 * kHeartbeat + 1s;
+constexpr int kClients = 200;
+constexpr int kClientsOfAProcess = 20;
+
+mw::LinkOptions quick() {
+  mw::LinkOptions options;
+  options.heartbeat = kHeartbeat;
+  return options;
+}
+
+std::chrono::seconds duration() {
+  const char* const seconds = std::getenv("KORVO_STRESS_SECONDS");
+  return std::chrono::seconds(seconds ? std::atoi(seconds) : 3);
+}
+
+class Ear : public HXModule {
+ public:
+  Ear(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+    functionName("hear", name, "");
+    bindMethod(this, &Ear::hear);
+  }
+  void hear(const std::string& /*key*/, const HXValue& /*value*/, const std::string& /*message*/) {}
+};
+
+/// A subscriber of "E" in a process of its own, until it is killed. Says when it is ready.
+int runSubscriber() {
+  const auto broker = HXBroker::create("ear");
+  const mw::LocalClient client(*broker->session(), "torso", {quick(), true});
+  HXModule::createModule<Ear>(broker, "Ear");
+  broker->getProxy("HXMemory")->call("subscribeToEvent", "E", "Ear", "hear");
+  std::cout << "ready" << std::endl;
+  ::pause();
+  return 0;
+}
+
+/// Clients that call, follow signals, host services, and are cut off in the middle of it.
+int runClients() {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kClientsOfAProcess; ++i) {
+    threads.emplace_back([i] {
+      for (unsigned round = 0;; ++round) {
+        try {
+          mw::Session session;
+          const mw::LocalClient client(session, "torso", {quick(), false});
+          const auto memory = session.service("HXMemory").take();
+          const std::string key = "Key" + std::to_string(i);
+          memory->call("insertData", key, static_cast<int>(round));
+          const auto event = memory->call<mw::AnyObject>("subscriber", "E");
+          event->connect("signal", mw::SignalSubscriber([](const HXValue&) {})).value();
+          auto pending = memory->async("getData", key);
+          if (round % 2 == 0) memory->call("raiseEvent", "E", key);
+        } catch (const std::exception&) {  // The broker may be at its limit for a moment.
+        }
+      }
+    });
+  }
+  ::pause();
+  return 0;
+}
+
+class VanishingPeers : public kit::MemoryFixture {
+ protected:
+  void SetUp() override {
+    wasOnStderr_ = mw::log::setStderrSink(false);
+    std::string pattern = "/tmp/korvo_test.XXXXXX";
+    folder_ = ::mkdtemp(pattern.data());
+    ::setenv("XDG_RUNTIME_DIR", folder_.c_str(), 1);
+    MemoryFixture::SetUp();
+    server.emplace(*broker->session(), "torso", quick());
+  }
+  void TearDown() override {
+    server.reset();
+    MemoryFixture::TearDown();
+    std::filesystem::remove_all(folder_);
+    mw::log::setStderrSink(wasOnStderr_);
+  }
+
+  static std::unique_ptr<kit::Process> startAs(const std::string& role) {
+    return std::make_unique<kit::Process>(
+        std::vector<std::string>{std::filesystem::read_symlink("/proc/self/exe")},
+        std::vector<std::string>{"KORVO_STRESS_ROLE=" + role});
+  }
+
+  /// Waits until `holds`. @return False when it does not within some seconds.
+  template <class Condition>
+  static bool eventually(Condition&& holds) {
+    for (const auto end = Clock::now() + 20s; Clock::now() < end; std::this_thread::sleep_for(5ms)) {
+      if (holds()) return true;
+    }
+    return false;
+  }
+
+  /// Raises "E" and ends the subscriber in the middle. @return The longest that a raise took.
+  Clock::duration raiseWhile(int raises, kit::Process& subscriber, int signal) {
+    Clock::duration longest{};
+    for (int i = 0; i < raises; ++i) {
+      if (i == raises / 2) subscriber.send(signal);
+      const auto begin = Clock::now();
+      memory->raiseEvent("E", HXValue(i));
+      longest = std::max(longest, Clock::now() - begin);
+    }
+    return longest;
+  }
+
+  std::optional<mw::LocalServer> server;
+
+ private:
+  std::string folder_;
+  bool wasOnStderr_ = true;
+};
+
+TEST_F(VanishingPeers, HoldARaiserNoLongerThanTheirConnection) {
+  for (const int signal : {SIGKILL, SIGSTOP}) {
+    const auto subscriber = startAs("subscriber");
+    ASSERT_TRUE(subscriber->waitFor("ready"));
+    EXPECT_THAT(memory->getDataSubscriber("E"), testing::ElementsAre("Ear"));
+    EXPECT_LT(raiseWhile(10'000, *subscriber, signal), kBound);
+    EXPECT_THAT(memory->getDataSubscriber("E"), testing::IsEmpty());
+    EXPECT_EQ(memory->getData("E"), HXValue(9'999));
+    EXPECT_TRUE(eventually([&] { return !broker->session()->service("Ear").hasValue(); }));
+  }
+}
+
+/// Sanitizers keep what was freed.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+std::size_t openFiles() {
+  std::size_t count = 0;
+  for ([[maybe_unused]] const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  return count;
+}
+
+/// Bytes that are allocated, in all arenas. What the system counts as resident depends on which thread freed what.
+std::size_t allocated() { return ::mallinfo2().uordblks; }
+
+std::size_t resident() {
+  std::size_t total = 0;
+  std::size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> total >> pages;
+  return pages * static_cast<std::size_t>(::getpagesize());
+}
+
+TEST_F(VanishingPeers, LeaveNothingBehind) {
+  memory->declareEvent("E", "");
+  const std::size_t files = openFiles();
+  std::vector<std::size_t> bytes;
+  for (int round = 0; round < 3; ++round) {
+    std::vector<std::unique_ptr<kit::Process>> processes(kClients / kClientsOfAProcess);
+    std::mt19937 random(static_cast<unsigned>(round));
+    for (const auto end = Clock::now() + duration() / 3; Clock::now() < end;) {
+      auto& one = processes[random() % processes.size()];
+      one.reset();
+      one = startAs("clients");
+      memory->raiseEvent("E", HXValue(round));
+      std::this_thread::sleep_for(std::chrono::milliseconds(random() % 50));
+    }
+    for (auto& one : processes) one.reset();
+    EXPECT_TRUE(eventually([&] { return server->connectionCount() == 0; })) << server->connectionCount();
+    memory->raiseEvent("E", HXValue(round));
+    EXPECT_TRUE(eventually([&] { return openFiles() <= files + 2; })) << openFiles() << " files, before " << files;
+    bytes.push_back(allocated());
+  }
+  if (!kSanitized) {
+    EXPECT_LE(bytes[2], bytes[1] + resident() / 20);
+  }
+}
+
+}  // namespace
+}  // namespace HX
+
+int main(int argc, char** argv) {
+  const char* const role = std::getenv("KORVO_STRESS_ROLE");
+  if (role && std::string_view(role) == "subscriber") return HX::runSubscriber();
+  if (role && std::string_view(role) == "clients") return HX::runClients();
+  testing::InitGoogleMock(&argc, argv);
+  return RUN_ALL_TESTS();
+}
