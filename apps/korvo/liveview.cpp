@@ -2,6 +2,7 @@
 
 #include "event.h"
 #include "format.h"
+#include "fullscreen.h"
 #include "keyquestions.h"
 #include "livefeed.h"
 #include "livemodel.h"
@@ -9,14 +10,8 @@
 #include "output.h"
 #include "target.h"
 
-#include <libmw/log.h>
-
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <mutex>
-#include <sys/ioctl.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -25,89 +20,6 @@ namespace korvo {
 namespace {
 
 using namespace std::chrono_literals;
-
-struct Size {
-  std::size_t columns = 80;
-  std::size_t rows = 24;
-
-  bool operator==(const Size&) const = default;
-};
-
-Size terminalSize() {
-  winsize size{};
-  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) return {};
-  return {size.ws_col, size.ws_row};
-}
-
-/// The terminal's second screen, without a cursor and without echo; the first one comes back at the end.
-class FullScreen {
- public:
-  FullScreen() : hasKeyboard_(tcgetattr(STDIN_FILENO, &before_) == 0) {
-    if (hasKeyboard_) {
-      termios raw = before_;
-      raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-      // Nobody would restore the screen of a process that they suspend or abort.
-      raw.c_cc[VSUSP] = raw.c_cc[VQUIT] = _POSIX_VDISABLE;
-      tcsetattr(STDIN_FILENO, TCSANOW, &raw);
-    }
-    write("\x1b[?1049h\x1b[?25l");
-  }
-  FullScreen(const FullScreen&) = delete;
-  FullScreen& operator=(const FullScreen&) = delete;
-  ~FullScreen() {
-    write("\x1b[?25h\x1b[?1049l");
-    if (hasKeyboard_) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
-  }
-
-  bool hasKeyboard() const { return hasKeyboard_; }
-
-  void show(const std::vector<std::string>& lines) {
-    std::string frame = "\x1b[H";
-    for (std::size_t i = 0; i < lines.size(); ++i) frame += (i ? "\r\n" : "") + lines[i] + "\x1b[K";
-    write(frame + "\x1b[J");
-  }
-
- private:
-  static void write(const std::string& text) {
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
-  }
-
-  termios before_{};
-  const bool hasKeyboard_;
-};
-
-/// The latest line of the log, kept off a screen that it would spoil.
-class LogLine {
- public:
-  LogLine() : onScreen_(isatty(STDERR_FILENO) != 0) {
-    if (!onScreen_) return;
-    before_ = mw::log::setStderrSink(false);
-    sink_ = mw::log::addSink([this](const mw::LogRecord& record) {
-      const std::lock_guard lock(mutex_);
-      text_ = fmt::format("[{}] {} {}", mw::toString(record.level), record.category, record.text);
-    });
-  }
-  LogLine(const LogLine&) = delete;
-  LogLine& operator=(const LogLine&) = delete;
-  ~LogLine() {
-    if (!onScreen_) return;
-    mw::log::removeSink(sink_);
-    mw::log::setStderrSink(before_);
-  }
-
-  std::string text() const {
-    const std::lock_guard lock(mutex_);
-    return text_;
-  }
-
- private:
-  const bool onScreen_;
-  bool before_ = true;
-  mw::log::SinkId sink_ = 0;
-  mutable std::mutex mutex_;  // Guards `text_`.
-  std::string text_;
-};
 
 std::string_view nameOf(LiveColumn column) {
   constexpr std::array<std::string_view, 5> kNames{"key", "value", "age", "rate", "subscribers"};
