@@ -1,10 +1,6 @@
 // Calls into another process, against a bare echo of the same bytes and, where it is installed (bench/peers), Redis.
 
-#include "socket_peer.h"
-
-#include <hxcommon/hxproxy.h>
-#include <libmw/local.h>
-#include <libmw/session.h>
+#include "transport_hosts.h"
 
 #include <deque>
 #include <memory>
@@ -13,9 +9,9 @@
 
 namespace {
 
-using bench::Child;
-using bench::PlainSocket;
-using HX::HXProxy;
+using bench::Broker;
+using bench::Echo;
+using bench::Redis;
 using HX::HXValue;
 
 /// As long as a request for a key and its answer are on the wire.
@@ -48,72 +44,6 @@ class Latencies {
   std::vector<std::chrono::nanoseconds> times_;
 };
 
-std::string peerProgram() {
-  return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bench_transport_peer";
-}
-
-/// The process that holds the memory, joined.
-struct Broker {
-  Broker() {
-    bench::socketFolder();
-    child = std::make_unique<Child>(std::vector<std::string>{peerProgram(), "broker"});
-    for (int i = 0; !client; ++i) {
-      try {
-        client = std::make_unique<mw::LocalClient>(session, "bench");
-      } catch (const mw::NoBrokerError&) {
-        if (i == 500) throw;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      }
-    }
-    memory = std::make_unique<HXProxy>(session.service("HXMemory").take(), "HXMemory");
-    memory->call("insertData", "key", 42);
-    memory->call("insertData", "large", HXValue::binary(std::vector<std::byte>(kLarge)));
-  }
-  static Broker& instance() {
-    static Broker the;
-    return the;
-  }
-
-  std::unique_ptr<Child> child;
-  mw::Session session;
-  std::unique_ptr<mw::LocalClient> client;
-  std::unique_ptr<HXProxy> memory;
-};
-
-struct Echo {
-  static PlainSocket& instance() {
-    static const std::string path = bench::socketFolder() + "/echo";
-    static const Child child({peerProgram(), "echo", path});
-    static PlainSocket socket(path);
-    return socket;
-  }
-};
-
-/// Redis, by the text protocol that it speaks.
-class Redis {
- public:
-  static bool isInstalled() { return std::filesystem::exists("/usr/bin/redis-server"); }
-  static Redis& instance() {
-    static const std::string path = bench::socketFolder() + "/redis";
-    static const Child child(
-        {"redis-server", "--port", "0", "--unixsocket", path, "--save", "", "--loglevel", "warning"});
-    static Redis redis(path);
-    redis.call("*3\r\n$3\r\nSET\r\n$3\r\nkey\r\n$2\r\n42\r\n", 5);
-    return redis;
-  }
-  explicit Redis(const std::string& path) : socket_(path) {}
-
-  std::string call(std::string_view request, std::size_t answer) {
-    socket_.send(request);
-    std::string bytes(answer, ' ');
-    socket_.receive(bytes);
-    return bytes;
-  }
-
- private:
-  PlainSocket socket_;
-};
-
 constexpr std::string_view kRedisGet = "*2\r\n$3\r\nGET\r\n$3\r\nkey\r\n";
 constexpr std::string_view kRedisAnswer = "$2\r\n42\r\n";
 
@@ -142,6 +72,7 @@ void echo(benchmark::State& state) {
 
 void getFromProcess(benchmark::State& state) {
   auto& memory = *Broker::instance().memory;
+  memory.call("insertData", "key", 42);
   runRoundTrips(state, [&] { return memory.call<HXValue>("getData", "key") == HXValue(42); });
   state.SetLabel("control=echo/real_time aim=1.6");
 }
@@ -166,6 +97,7 @@ void pipelinedRedis(benchmark::State& state) {
 
 void pipelinedGet(benchmark::State& state) {
   const auto& memory = Broker::instance().memory->asObject();
+  memory->call("insertData", "key", 42);
   std::deque<mw::Future<mw::AnyValue>> flying;
   for (auto _ : state) {
     for (int i = 0; i < kInFlight; ++i) flying.push_back(memory->async("getData", "key"));

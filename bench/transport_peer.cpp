@@ -1,9 +1,11 @@
 // The other processes that bench_transport talks to.
 
+#include "shared_tally.h"
 #include "socket_peer.h"
 
 #include <hxcommon/hxbroker.h>
 #include <libmw/local.h>
+#include <libmw/session.h>
 
 #include <iostream>
 
@@ -41,6 +43,36 @@ void runEcho(const std::string& path) {
   }
 }
 
+/// Follows the signal of the event "Tick".
+void runListener(const std::string& tally, std::size_t number) {
+  bench::SharedTally shared(tally);
+  mw::Session session;
+  const mw::LocalClient client(session, "bench");
+  const auto memory = session.service("HXMemory").take();
+  const auto tick = memory->call<mw::AnyObject>("subscriber", "Tick");
+  tick->connect("signal",
+                mw::SignalSubscriber([&](const HX::HXValue& sent) { shared.receive(number, sent.toInt64()); }))
+      .value();
+  memory->call("insertData", "Ready/" + std::to_string(number), true);
+  ::pause();
+}
+
+/// The same of a channel of Redis: messages are lines, of which the last is the time.
+void runRedisListener(const std::string& path, const std::string& tally, std::size_t number) {
+  bench::SharedTally shared(tally);
+  bench::PlainSocket socket(path);
+  socket.send("*2\r\n$9\r\nSUBSCRIBE\r\n$4\r\nTick\r\n");
+  std::string text;
+  std::vector<char> buffer(std::size_t{1} << 16);
+  while (true) {
+    text.append(buffer.data(), socket.receiveSome(buffer.data(), buffer.size()));
+    // Seven lines a message; the confirmation has six, and its last is a number.
+    for (std::size_t end = 0; (end = text.find("\r\n")) != std::string::npos; text.erase(0, end + 2)) {
+      if (end == 15 && text[0] != '$' && text[0] != '*') shared.receive(number, std::stoll(text.substr(0, end)));
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -49,6 +81,8 @@ int main(int argc, char** argv) {
   try {
     if (role == "broker") runBroker();
     if (role == "echo" && argc > 2) runEcho(argv[2]);
+    if (role == "listener" && argc > 3) runListener(argv[2], std::stoul(argv[3]));
+    if (role == "redis-listener" && argc > 4) runRedisListener(argv[2], argv[3], std::stoul(argv[4]));
   } catch (const std::exception& error) {
     std::cerr << "bench_transport_peer " << role << ": " << error.what() << '\n';
   }

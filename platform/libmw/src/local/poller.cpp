@@ -23,9 +23,9 @@ using namespace std::chrono_literals;
 
 const char* const kCategory = "mw.link";
 /// How long a call may keep the lead, give or take as much again.
-constexpr auto kTick = 500us;
+constexpr auto kTick = 2ms;
 /// How many ticks without work end the looking.
-constexpr int kIdleTicks = 40;
+constexpr int kIdleTicks = 10;
 /// How long a thread beyond the first spare one is kept without work.
 constexpr auto kIdleThread = 10s;
 /// How long the end of the process waits for what still runs.

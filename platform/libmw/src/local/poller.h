@@ -49,7 +49,7 @@ class Pollable {
 /// One thread at a time leads: it waits for all sockets, reads what came, and does itself what has to be done for it,
 /// so that a call costs no hand-over between threads. As long as it does so nobody watches; therefore it hands the lead
 /// on as soon as it is about to wait for a future, and a monitor takes the lead away from it when a call lasts. So a
-/// call that blocks, for whatever reason, keeps the others waiting for a millisecond or so, once.
+/// call that blocks, for whatever reason, keeps the others waiting for some milliseconds, once.
 ///
 /// Asio's reactor is not used for this: it hands the lead on before each event is handled, which wakes a thread for
 /// every call.

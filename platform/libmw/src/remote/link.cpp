@@ -71,6 +71,9 @@ std::optional<unsigned> numberIn(std::string_view text) {
   return number;
 }
 
+/// Whether the calling thread does more calls right after the present one: what these send may then leave together.
+thread_local bool moreFollows = false;
+
 void postOrRun(std::function<void()> task) {
   if (!defaultLoop().post(task)) task();
 }
@@ -256,7 +259,7 @@ void Link::send(std::string_view target, GenericFunctionParameters parameters, b
     throw std::runtime_error(
         fmt::format("a message of {} bytes exceeds the limit of {}", frame.size(), options_.frameLimit));
   }
-  channel_->send(std::move(frame), Sending::Now);
+  channel_->send(std::move(frame), moreFollows ? Sending::Soon : Sending::Now);
   objects_.markTold(told);
 }
 
@@ -396,7 +399,9 @@ Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call) {
 void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
   bool more = false;
   for (auto call = std::move(first); call; call = strands_.next(key, more)) {
+    moreFollows = more;
     auto result = execute(*call);
+    moreFollows = false;
     if (result.isFinished()) {
       answer(call, result, more ? Sending::Soon : Sending::Now);
       continue;
