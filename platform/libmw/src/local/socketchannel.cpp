@@ -26,6 +26,8 @@ constexpr std::size_t kKeptBuffer = std::size_t{1} << 20;
 constexpr std::size_t kTurn = std::size_t{256} << 10;
 /// How long a thread that waits for an answer looks again and again before it sleeps, where answers come fast.
 constexpr std::chrono::microseconds kSpin{10};
+/// How long a message waits for others to leave with.
+constexpr std::chrono::microseconds kSoon{100};
 /// How many messages one call of the system sends.
 constexpr std::size_t kGathered = 64;
 
@@ -191,19 +193,26 @@ void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
   if (hasOutput_) return;  // It leaves when the peer has read.
   if (when == remote::Sending::Soon) {
     if (std::exchange(flushPosted_, true)) return;
-    if (defaultLoop().post([self = shared_from_this()] { self->flush(); })) return;
+    if (defaultLoop().post([self = shared_from_this()] { self->flushLate(); }, kSoon)) return;
   }
   const int error = writeLocked();
   lock.unlock();
   if (error != 0) end(reasonOf(error));
 }
 
+void SocketChannel::flushLate() {
+  {
+    const std::lock_guard lock(outputMutex_);
+    flushPosted_ = false;
+  }
+  flush();
+}
+
 void SocketChannel::flush() {
   int error = 0;
   {
     const std::lock_guard lock(outputMutex_);
-    flushPosted_ = false;
-    if (!ended_) error = writeLocked();
+    if (!ended_ && !output_.empty()) error = writeLocked();
   }
   if (error != 0) end(reasonOf(error));
 }

@@ -27,6 +27,7 @@ class SocketChannel final : public remote::Channel,
 
   void start(const std::shared_ptr<remote::ChannelSink>& sink) override;
   void send(remote::Bytes frame, remote::Sending when) override;
+  void flush() override;
   void end(const std::string& reason) override;
   const std::string& peer() const override { return peer_; }
   std::chrono::milliseconds silence() const override;
@@ -42,7 +43,7 @@ class SocketChannel final : public remote::Channel,
   bool receive(std::vector<remote::Work>& works);
   static void postAll(std::vector<remote::Work>& works);
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
-  void flush();
+  void flushLate();
   int writeLocked();
 
   const LinkOptions options_;

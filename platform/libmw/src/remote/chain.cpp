@@ -234,6 +234,7 @@ FutureState ThreadInChains::wait(const detail::FutureStateBase& state, std::chro
 }
 
 void ThreadInChains::pause(Clock::time_point deadline) {
+  if (awaited) awaited->flush();
   if (!readInstead(deadline)) inbox->sleep(deadline);
 }
 
@@ -293,10 +294,11 @@ bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task
   return Waiters::instance().put({caller, domain}, task);
 }
 
-Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain) {
+Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, bool waits) {
   auto& thread = ThreadInChains::current();
   thread.domain = domain;
   if (thread.awaited != channel) thread.awaited = channel;
+  if (!waits) return {};
   return {{thread.chain.caller, domain}, thread.inbox};
 }
 

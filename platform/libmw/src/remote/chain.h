@@ -84,8 +84,9 @@ class Expectation {
   std::shared_ptr<Inbox> inbox_;
 };
 
-/// The calling thread is about to send a call on `channel` and to wait for the answer, which it may then read itself.
+/// The calling thread is about to send a call on `channel`: when it waits, it may read the answer itself.
 /// `chainOfThisThread` comes first.
-Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain);
+/// @param waits  Whether it is about to wait. Calls of the chain that come before it does are then kept for it.
+Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, bool waits);
 
 }  // namespace mw::remote

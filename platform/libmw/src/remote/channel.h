@@ -33,7 +33,7 @@ class ChannelSink {
 /// When a message leaves.
 enum class Sending : bool {
   Now,
-  Soon,  ///< Together with others that follow at once: in some microseconds.
+  Soon,  ///< Together with others that follow at once: with the next one that leaves now, in a tenth of a millisecond.
 };
 
 /// Ordered messages to and from one other process: the seam between what calls mean and how bytes travel. Ends exactly
@@ -48,6 +48,8 @@ class Channel {
   virtual void start(const std::shared_ptr<ChannelSink>& sink) = 0;
   /// Messages of a channel that has ended are dropped.
   virtual void send(Bytes frame, Sending when) = 0;
+  /// Sends what was to be sent soon.
+  virtual void flush() {}
   /// Ends the channel.
   virtual void end(const std::string& reason) = 0;
 

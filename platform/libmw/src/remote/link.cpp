@@ -208,8 +208,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
   std::uint32_t id = 0;
   try {
     const Chain chain = chainOfThisThread();
-    Expectation expectation;
-    if (when == Sending::Now) expectation = expectAnswer(channel_, domain_);
+    Expectation expectation = expectAnswer(channel_, domain_, when == Sending::Now);
     {
       const std::lock_guard lock(mutex_);
       if (ended_) return Future<AnyValue>::failed(endedError());
