@@ -107,7 +107,6 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   }
 
   void withdraw(ServiceId id, const std::string&) override {
-    std::optional<std::int64_t> known;
     std::shared_ptr<remote::Link> link;
     Offer withdrawn;
     {
