@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+/// What strangers may send: one function for each boundary of the product. A harness is given any bytes; it must
+/// return, and what it says holds for all of them must hold.
+///
+/// Each is a fuzzer of its own where clang's fuzzer is there (`tools/fuzz`), and is run over its corpus as a test
+/// everywhere.
+namespace fuzz {
+
+using Input = std::span<const std::uint8_t>;
+
+void json(Input input);     ///< JSON texts: files, the console, the command line.
+void msgpack(Input input);  ///< MessagePack, and where its values end in a stream.
+void link(Input input);     ///< What a peer of a broker sends, frame by frame.
+void mapfile(Input input);  ///< Files that map signals to events.
+void console(Input input);  ///< Lines of the console.
+
+/// Ends the run with what does not hold.
+inline void require(bool holds, const char* what) {
+  if (!holds) throw std::logic_error(what);
+}
+
+inline std::string_view textOf(Input input) { return {reinterpret_cast<const char*>(input.data()), input.size()}; }
+
+}  // namespace fuzz

@@ -1,0 +1,47 @@
+#include "harness.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+const std::map<std::string, void (*)(fuzz::Input)> kHarnesses{{"console", fuzz::console},
+                                                              {"json", fuzz::json},
+                                                              {"link", fuzz::link},
+                                                              {"mapfile", fuzz::mapfile},
+                                                              {"msgpack", fuzz::msgpack}};
+
+std::vector<std::uint8_t> contentOf(const std::filesystem::path& file) {
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+class Corpus : public testing::TestWithParam<std::string> {};
+
+TEST_P(Corpus, AndEveryBeginningOfItsInputsIsTaken) {
+  const auto harness = kHarnesses.at(GetParam());
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(CORPUS) / GetParam())) {
+    SCOPED_TRACE(entry.path().string());
+    const auto content = contentOf(entry.path());
+    ASSERT_NO_THROW(harness(content));
+    // Few steps: a long input says no more when it is cut at every byte.
+    const std::size_t step = std::max<std::size_t>(1, content.size() / 50);
+    for (std::size_t size = 0; size < content.size(); size += step) {
+      ASSERT_NO_THROW(harness(fuzz::Input(content).first(size))) << "cut at " << size;
+    }
+    ++files;
+  }
+  EXPECT_GT(files, 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Harness, Corpus, testing::Values("console", "json", "link", "mapfile", "msgpack"),
+                         [](const auto& harness) { return harness.param; });
+
+}  // namespace
