@@ -27,6 +27,27 @@ void guarded(const std::string& what, Action&& action) {
   }
 }
 
+/// What the calling thread registers while one lives: a library that fails takes its own modules back, and not those
+/// that another thread loads meanwhile.
+class Registrations {
+ public:
+  Registrations() : outer_(std::exchange(current, this)) {}
+  Registrations(const Registrations&) = delete;
+  Registrations& operator=(const Registrations&) = delete;
+  ~Registrations() { current = outer_; }
+
+  static void note(const std::shared_ptr<HXModuleCore>& module) {
+    if (current) current->modules_.push_back(module);
+  }
+  const std::vector<std::shared_ptr<HXModuleCore>>& modules() const { return modules_; }
+
+ private:
+  static thread_local Registrations* current;
+  Registrations* const outer_;
+  std::vector<std::shared_ptr<HXModuleCore>> modules_;
+};
+thread_local Registrations* Registrations::current = nullptr;
+
 }  // namespace
 
 std::shared_ptr<HXBroker> HXBroker::create(std::string name, const std::shared_ptr<HXBrokerManager>& manager) {
@@ -79,9 +100,9 @@ void HXBroker::forgetStaleProxy(const std::string& name) {
 
 void HXBroker::loadModule(const std::string& library) {
   ModuleLibrary loaded = ModuleLibrary::open(library);
-  const std::vector<std::string> before = modules();
   // A module under construction does not listen for new services yet; it is told of them when it does.
   const mw::Session::NoticeHold hold(*session_);
+  const Registrations registrations;
   std::string failure;
   try {
     loaded.createModule(shared_from_this());
@@ -93,10 +114,8 @@ void HXBroker::loadModule(const std::string& library) {
   } catch (...) {
     failure = "unknown exception from its entry point";
   }
-  const std::vector<std::string> after = modules();
-  for (auto name = after.rbegin(); name != after.rend(); ++name) {
-    if (std::ranges::find(before, *name) == before.end()) unregisterModule(*name);
-  }
+  const auto& made = registrations.modules();
+  for (auto module = made.rbegin(); module != made.rend(); ++module) unregisterModule(**module);
   throw std::runtime_error(fmt::format("module library {}: {}", loaded.path(), failure));
 }
 
@@ -110,6 +129,7 @@ void HXBroker::registerModule(std::shared_ptr<HXModuleCore> module) {
   try {
     const std::lock_guard lock(mutex_);
     requireRunning(name);
+    Registrations::note(module);
     modules_.push_back({std::move(module), service});
   } catch (...) {
     session_->unregisterService(service);
