@@ -6,10 +6,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <fcntl.h>
 #include <stdexcept>
 #include <string>
-
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// One event to ten processes that follow its signal, against a channel of Redis with as many listeners, where bench/peers
-// has installed it.
+// One event to ten processes that follow its signal, against a channel of Redis with as many listeners, where
+// bench/peers has installed it.
 
 #include "shared_tally.h"
 #include "transport_hosts.h"
@@ -115,7 +115,8 @@ void sendAtRate(benchmark::State& state) {
     std::this_thread::sleep_until(next);
     sender.send();
   }
-  if (!tally.waitFor(before + static_cast<std::uint64_t>(state.iterations()))) state.SkipWithError("messages were lost");
+  if (!tally.waitFor(before + static_cast<std::uint64_t>(state.iterations())))
+    state.SkipWithError("messages were lost");
   state.counters["p50_us"] = tally.percentile(0.5);
   state.counters["p99_us"] = tally.percentile(0.99);
 }

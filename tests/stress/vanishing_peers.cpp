@@ -1,5 +1,5 @@
-// Processes that join a broker and vanish: killed, frozen, by the hundred. What they leave behind must go with them, and
-// nobody else may notice.
+// Processes that join a broker and vanish: killed, frozen, by the hundred. What they leave behind must go with them,
+// and nobody else may notice.
 
 #include "memory_fixture.h"
 #include "process.h"
@@ -108,9 +108,8 @@ class VanishingPeers : public kit::MemoryFixture {
   }
 
   static std::unique_ptr<kit::Process> startAs(const std::string& role) {
-    return std::make_unique<kit::Process>(
-        std::vector<std::string>{std::filesystem::read_symlink("/proc/self/exe")},
-        std::vector<std::string>{"KORVO_STRESS_ROLE=" + role});
+    return std::make_unique<kit::Process>(std::vector<std::string>{std::filesystem::read_symlink("/proc/self/exe")},
+                                          std::vector<std::string>{"KORVO_STRESS_ROLE=" + role});
   }
 
   /// Waits until `holds`. @return False when it does not within some seconds.

@@ -21,6 +21,9 @@ namespace {
 
 const char* const kCategory = "mw.link";
 constexpr std::uint32_t kMostArguments = 1024;
+/// Calls of one peer that run at once, each of another caller or to another object. All threads are not for one peer:
+/// the others need some, and so does the end of the process.
+constexpr std::size_t kMostAtOnce = 32;
 /// Bytes to begin a message with.
 constexpr std::size_t kUsualFrame = 128;
 constexpr std::string_view kReserved = "korvo.";
@@ -375,11 +378,27 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
     countWaiting(*call);
     Work work = [self = shared_from_this(), call] { self->answer(call, self->execute(*call), Sending::Now); };
     if (runInChain(caller, domain_, work)) return {};
-    return work;
+    return [self = shared_from_this(), call, work = std::move(work)] {
+      if (++self->unawaited_ > kMostAtOnce) {
+        self->refuse(call);
+      } else {
+        work();
+      }
+      --self->unawaited_;
+    };
   }
   const std::string_view target = call->target;
   const std::string_view object = target.substr(0, target.rfind('.'));
-  return schedule({caller, std::hash<std::string_view>()(object)}, std::move(call));
+  const StrandKey key{caller, std::hash<std::string_view>()(object)};
+  if (strands_.isFull(key, kMostAtOnce)) return [self = shared_from_this(), call] { self->refuse(call); };
+  return schedule(key, std::move(call));
+}
+
+void Link::refuse(const std::shared_ptr<Incoming>& call) {
+  answer(call,
+         Future<AnyValue>::failed(std::make_exception_ptr(std::runtime_error(
+             fmt::format("{}: {} calls of this process are running, which is the limit", call->target, kMostAtOnce)))),
+         Sending::Now);
 }
 
 void Link::countWaiting(const Incoming& call) {

@@ -126,6 +126,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
 
   Work onResponse(Reader& in);
   Work onCall(Reader& in, bool isRequest, std::size_t size);
+  void refuse(const std::shared_ptr<Incoming>& call);
   void countWaiting(const Incoming& call);
   Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call);
   Work onEmission(std::shared_ptr<Incoming> emission);
@@ -146,6 +147,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::shared_ptr<ReservedService> reserved_;  // set once, by `start`
   OnEnd onEnd_;                                // likewise
   Promise<void> gone_;
+  std::atomic<std::size_t> unawaited_{0};     // calls of chains that run although no thread waits in the chain
   std::atomic<std::size_t> waitingBytes_{0};  // of calls that have come and are not begun
 
   mutable std::mutex mutex_;          // Guards everything below.

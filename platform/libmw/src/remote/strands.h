@@ -39,6 +39,13 @@ class Strands {
     return nullptr;
   }
 
+  /// Whether a call of this key would be run although `most` others are running.
+  bool isFull(const Key& key, std::size_t most) const {
+    const std::lock_guard lock(mutex_);
+    return busy_.size() >= most &&
+           std::none_of(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
+  }
+
   /// @param more  Set to whether others wait behind it.
   /// @return The next call; null when there is none, and the strand is idle then.
   std::shared_ptr<Call> next(const Key& key, bool& more) {
@@ -62,7 +69,7 @@ class Strands {
     std::shared_ptr<Call> first;
     Call* last = nullptr;
   };
-  std::mutex mutex_;  // Guards `busy_`.
+  mutable std::mutex mutex_;  // Guards `busy_`.
   /// As many as there are callers in the middle of a call: few, so that looking through them costs less than an index.
   std::vector<Busy> busy_;
 };

@@ -350,6 +350,35 @@ TEST_F(WithLowLimits, APeerThatCallsFasterThanItIsServedIsEnded) {
   leave.set_value();
 }
 
+std::string chain(int caller, int depth) {
+  return bytes({0xd8, 1, 0, 0, 0, 0, 0, 0, 0, caller, 0, 0, 0, 1, 0, 0, 0, depth});
+}
+
+class ManyCallers : public HostilePeers, public testing::WithParamInterface<int> {};
+
+TEST_P(ManyCallers, OfOnePeerDoNotTakeAllThreads) {
+  std::promise<void> leave;
+  broker.registerService(
+      "Slow", makeService("Slow")->method("wait", [left = leave.get_future().share()] { left.wait(); }).build());
+  const RawPeer peer(socket());
+  for (int caller = 1; caller <= 200; ++caller) {
+    peer.send(rawRequest("Slow.wait", bytes({0x91}) + chain(caller, GetParam())));
+  }
+  const std::string refusal = "32 calls of this process are running";
+  std::string answers;
+  const auto refused = [&] {
+    int count = 0;
+    for (std::size_t at = 0; (at = answers.find(refusal, at)) != std::string::npos; ++at) ++count;
+    return count;
+  };
+  while (refused() < 200 - 32) answers += peer.receive();
+  EXPECT_NO_THROW(expectOthersAreServed());
+  leave.set_value();
+}
+
+INSTANTIATE_TEST_SUITE_P(HostilePeers, ManyCallers, testing::Values(0, 1),
+                         [](const auto& depth) { return depth.param == 0 ? "AtTheBegin" : "WithinAChain"; });
+
 TEST_F(WithLowLimits, ConnectionsBeyondTheLimitAreRefused) {
   std::vector<std::unique_ptr<RawPeer>> peers;
   for (int i = 0; i < 3; ++i) {
