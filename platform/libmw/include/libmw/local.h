@@ -32,6 +32,9 @@ struct LinkOptions {
   std::size_t outputLimit = std::size_t{128} << 20;
   /// Bytes of calls that wait because the peer makes them faster than they are served.
   std::size_t inputLimit = std::size_t{128} << 20;
+  /// Calls of the peer that run at once, each of another caller or to another object; more get an error. All threads
+  /// are not for one peer: others need some, and so does the end of the process.
+  std::size_t callLimit = 32;
   /// Connections that one server holds at once.
   std::size_t connectionLimit = 1024;
 };
@@ -88,8 +91,8 @@ class HX_API LocalServer {
 class HX_API LocalClient {
  public:
   struct Options {
-    LinkOptions link;
-    bool reconnects = true;  ///< False: a lost connection stays lost.
+    LinkOptions link{.callLimit = 96};  ///< More at once than from one process: a broker calls for all others.
+    bool reconnects = true;             ///< False: a lost connection stays lost.
   };
 
   /// Connects, once.

@@ -21,9 +21,6 @@ namespace {
 
 const char* const kCategory = "mw.link";
 constexpr std::uint32_t kMostArguments = 1024;
-/// Calls of one peer that run at once, each of another caller or to another object. All threads are not for one peer:
-/// the others need some, and so does the end of the process.
-constexpr std::size_t kMostAtOnce = 32;
 /// Bytes to begin a message with.
 constexpr std::size_t kUsualFrame = 128;
 constexpr std::string_view kReserved = "korvo.";
@@ -379,7 +376,7 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
     Work work = [self = shared_from_this(), call] { self->answer(call, self->execute(*call), Sending::Now); };
     if (runInChain(caller, domain_, work)) return {};
     return [self = shared_from_this(), call, work = std::move(work)] {
-      if (++self->unawaited_ > kMostAtOnce) {
+      if (++self->unawaited_ > self->options_.callLimit) {
         self->refuse(call);
       } else {
         work();
@@ -390,14 +387,14 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
   const std::string_view target = call->target;
   const std::string_view object = target.substr(0, target.rfind('.'));
   const StrandKey key{caller, std::hash<std::string_view>()(object)};
-  if (strands_.isFull(key, kMostAtOnce)) return [self = shared_from_this(), call] { self->refuse(call); };
-  return schedule(key, std::move(call));
+  return schedule(key, std::move(call), options_.callLimit);
 }
 
 void Link::refuse(const std::shared_ptr<Incoming>& call) {
+  waitingBytes_ -= call->size;
   answer(call,
-         Future<AnyValue>::failed(std::make_exception_ptr(std::runtime_error(
-             fmt::format("{}: {} calls of this process are running, which is the limit", call->target, kMostAtOnce)))),
+         Future<AnyValue>::failed(std::make_exception_ptr(std::runtime_error(fmt::format(
+             "{}: {} calls of this process are running, which is the limit", call->target, options_.callLimit)))),
          Sending::Now);
 }
 
@@ -407,9 +404,10 @@ void Link::countWaiting(const Incoming& call) {
   }
 }
 
-Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call) {
+Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::size_t most) {
   countWaiting(*call);
-  auto first = strands_.enter(key, std::move(call));
+  auto first = strands_.enter(key, call, most);
+  if (call) return [self = shared_from_this(), call = std::move(call)] { self->refuse(call); };
   if (!first) return {};
   return [self = shared_from_this(), key, first = std::move(first)] { self->runStrand(key, first); };
 }
@@ -444,7 +442,7 @@ Work Link::onEmission(std::shared_ptr<Incoming> emission) {
   if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
   emission->arguments.erase(emission->arguments.begin());
   emission->target = fmt::format("{}{}", kEmit, link);
-  return schedule({{}, reinterpret_cast<std::uintptr_t>(found->second.get())}, std::move(emission));
+  return schedule({{}, reinterpret_cast<std::uintptr_t>(found->second.get())}, std::move(emission), SIZE_MAX);
 }
 
 // --- Serving --------------------------------------------------------------------------------------------------------

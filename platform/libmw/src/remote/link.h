@@ -128,7 +128,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   Work onCall(Reader& in, bool isRequest, std::size_t size);
   void refuse(const std::shared_ptr<Incoming>& call);
   void countWaiting(const Incoming& call);
-  Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call);
+  Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::size_t most);
   Work onEmission(std::shared_ptr<Incoming> emission);
   Future<AnyValue> execute(const Incoming& call);
   Future<AnyValue> callMember(const AnyObject& object, std::string_view member, const Incoming& call);

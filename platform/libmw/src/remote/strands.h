@@ -26,24 +26,19 @@ class Strands {
  public:
   /// @return The call when the strand was idle: the caller then has to run it, and ask for `next` until there is none.
   ///         Null when it has to wait for others.
-  std::shared_ptr<Call> enter(const Key& key, std::shared_ptr<Call> call) {
+  /// @param call  Taken over, unless its strand is idle and `most` others are not.
+  std::shared_ptr<Call> enter(const Key& key, std::shared_ptr<Call>& call, std::size_t most) {
     const std::lock_guard lock(mutex_);
     const auto found = std::find_if(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
     if (found == busy_.end()) {
+      if (busy_.size() >= most) return nullptr;
       busy_.push_back({key, nullptr, nullptr});
-      return call;
+      return std::move(call);
     }
     Call* const last = call.get();
     (found->last ? found->last->next : found->first) = std::move(call);
     found->last = last;
     return nullptr;
-  }
-
-  /// Whether a call of this key would be run although `most` others are running.
-  bool isFull(const Key& key, std::size_t most) const {
-    const std::lock_guard lock(mutex_);
-    return busy_.size() >= most &&
-           std::none_of(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
   }
 
   /// @param more  Set to whether others wait behind it.
@@ -69,7 +64,7 @@ class Strands {
     std::shared_ptr<Call> first;
     Call* last = nullptr;
   };
-  mutable std::mutex mutex_;  // Guards `busy_`.
+  std::mutex mutex_;  // Guards `busy_`.
   /// As many as there are callers in the middle of a call: few, so that looking through them costs less than an index.
   std::vector<Busy> busy_;
 };
