@@ -40,7 +40,7 @@ ProtocolError::~ProtocolError() = default;
 FrameSplitter::Header FrameSplitter::read(std::span<const std::byte> bytes) {
   const auto first = std::to_integer<std::uint8_t>(bytes.front());
   if (first <= 0x7f || first >= 0xe0) return {};
-  if (first <= 0x8f) return {.values = 2 * (first & 0x0fU)};
+  if (first <= 0x8f) return {.values = std::uint64_t{2} * (first & 0x0fU)};
   if (first <= 0x9f) return {.values = first & 0x0fU};
   if (first <= 0xbf) return {.content = first & 0x1fU};
   const Format format = kFormats[first - 0xc0U];

@@ -41,7 +41,7 @@ void take(const std::byte*& at, Number& number) {
 constexpr std::size_t kChainSize = 16;
 
 void writeChain(Writer& out, const Chain& chain) {
-  std::array<std::byte, kChainSize> content;
+  std::array<std::byte, kChainSize> content{};
   std::byte* at = content.data();
   put(at, chain.caller.endpoint);
   put(at, chain.caller.thread);
@@ -74,7 +74,7 @@ std::optional<unsigned> numberIn(std::string_view text) {
 /// Whether the calling thread does more calls right after the present one: what these send may then leave together.
 thread_local bool moreFollows = false;
 
-void postOrRun(std::function<void()> task) {
+void postOrRun(const std::function<void()>& task) {
   if (!defaultLoop().post(task)) task();
 }
 

@@ -42,10 +42,11 @@ const TypeInterface* foreignType(const std::string& name, TypeKind kind) {
   const bool isKept = name.size() <= kLongest && (known->size() < kMost || known->contains({name, kind}));
   auto& record = (*known)[{isKept ? name : "…", kind}];
   if (!record) {
-    record = std::make_unique<TypeInterface>();
-    record->info = &typeid(void);
-    record->name = isKept ? name : "…";
-    record->kind = kind;
+    TypeInterface made{};
+    made.info = &typeid(void);
+    made.name = name;
+    made.kind = kind;
+    record = std::make_unique<TypeInterface>(std::move(made));
     if (kind == TypeKind::List) record->fit = fitsList;
     if (kind == TypeKind::Map) record->fit = fitsMap;
     if (kind != TypeKind::List && kind != TypeKind::Map && kind != TypeKind::Pointer) record->fit = fitsAny;
