@@ -134,9 +134,10 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     if (!local::isOwnPeer(socket)) throw std::runtime_error(fmt::format("broker {} is another user's", broker_));
     const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_.link);
     const auto link = std::make_shared<remote::Link>(channel, &session_, options_.link);
+    const auto isOver = std::make_shared<bool>(false);  // Guarded by `mutex_`.
     link->start(std::make_shared<Greeter>(session_, link, lifetime_.token()),
-                [weak = weak_from_this(), raw = link.get()](const std::string& reason) {
-                  if (const auto self = weak.lock()) self->onEnd(raw, reason);
+                [weak = weak_from_this(), raw = link.get(), isOver](const std::string& reason) {
+                  if (const auto self = weak.lock()) self->onEnd(raw, reason, *isOver);
                 });
     link->ask("korvo.hello", remote::kProtocol).take(kGreetingTimeout);
     link->ask("korvo.watch").take(kGreetingTimeout);
@@ -145,6 +146,8 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
       link->end("the client has left");
       return true;
     }
+    // Ended behind its last answer: `onEnd` did not know it yet, and nobody else would try again.
+    if (*isOver) throw std::runtime_error(std::string(remote::kPeerClosed));
     link_ = link;
     connected_ = true;
     return true;
@@ -189,15 +192,23 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
       offer = found->second;
     }
     const auto given = link.ask("korvo.register", offer.name, offer.object).take().reference().to<std::int64_t>();
-    const std::lock_guard lock(mutex_);
-    if (const auto found = offered_.find(id); found != offered_.end()) found->second.id = given;
-  }
-
-  void onEnd(const remote::Link* ended, const std::string& reason) {
     {
       const std::lock_guard lock(mutex_);
+      if (const auto found = offered_.find(id); found != offered_.end()) {
+        found->second.id = given;
+        return;
+      }
+    }
+    link.ask("korvo.unregister", given);  // Withdrawn meanwhile.
+  }
+
+  void onEnd(const remote::Link* ended, const std::string& reason, bool& isOver) {
+    {
+      const std::lock_guard lock(mutex_);
+      isOver = true;
       if (link_.get() != ended || !connected_) return;
       connected_ = false;
+      for (auto& [id, offer] : offered_) offer.id.reset();  // The next broker gives others.
       if (stopped_) return;
     }
     const auto token = lifetime_.token();

@@ -173,10 +173,13 @@ void Poller::lead(std::uint64_t term) {
 }
 
 void Poller::work(std::vector<remote::Work>& works) {
+  const std::uint64_t term = ledTerm;
   for (std::size_t i = 1; i < works.size(); ++i) defaultLoop().post(std::move(works[i]));
   works_.fetch_add(1, std::memory_order_relaxed);
-  working_.store(true, std::memory_order_relaxed);
-  if (!monitored_.load(std::memory_order_relaxed) && !monitored_.exchange(true)) {
+  // The monitor looks at the two in the other order: one sees the other. The latest term stays, whoever is late.
+  for (auto seen = working_.load(); seen < term && !working_.compare_exchange_weak(seen, term);) {
+  }
+  if (!monitored_.load() && !monitored_.exchange(true)) {
     const std::lock_guard lock(mutex_);
     if (std::exchange(monitors_, 1) == 0) std::thread([this] { monitor(); }).detach();
     monitorWanted_.notify_one();
@@ -189,14 +192,14 @@ void Poller::work(std::vector<remote::Work>& works) {
     log::error(kCategory, "call", "a call failed");
   }
   works.clear();
-  if (ledTerm == term_.load()) working_.store(false, std::memory_order_relaxed);
+  if (std::uint64_t mine = term; mine != 0) working_.compare_exchange_strong(mine, 0);
 }
 
 bool Poller::handOn(std::uint64_t term) {
   const std::lock_guard lock(mutex_);
   // Raised here and again by whoever leads next: no two leaders, and no leader and none, share a term.
   if (!hasLeader_ || !term_.compare_exchange_strong(term, term + 1)) return false;
-  working_ = false;
+  working_ = 0;
   hasLeader_ = false;
   if (stopped_) return true;
   if (spare_ == 0) startThreadLocked();
@@ -225,14 +228,14 @@ void Poller::monitor() {
     for (int idle = 0; idle < kIdleTicks;) {
       const std::uint64_t term = term_.load();
       std::this_thread::sleep_for(kTick);
-      const bool lasts = working_.load() && works_.load() == seen && term_.load() == term;
+      const bool lasts = working_.load() == term && works_.load() == seen;
       if (lasts) handOn(term);
-      idle = works_.load() == seen && !working_.load() ? idle + 1 : 0;
+      idle = works_.load() == seen && working_.load() == 0 ? idle + 1 : 0;
       seen = works_.load();
     }
     monitored_ = false;
     // A call that began just before would not be looked at.
-    if (working_.load()) monitored_ = true;
+    if (working_.load() != 0) monitored_ = true;
   }
 }
 

@@ -94,10 +94,10 @@ class Poller {
   const File epoll_;
   const File wakeUp_;
 
-  std::atomic<std::uint64_t> term_{0};   // of the present leader; each has one of its own
-  std::atomic<std::uint64_t> works_{0};  // begun by leaders
-  std::atomic<bool> working_{false};     // the leader is in one
-  std::atomic<bool> monitored_{false};   // the monitor looks
+  std::atomic<std::uint64_t> term_{0};     // of the present leader; each has one of its own
+  std::atomic<std::uint64_t> works_{0};    // begun by leaders
+  std::atomic<std::uint64_t> working_{0};  // the term of the leader that is in one
+  std::atomic<bool> monitored_{false};     // the monitor looks
 
   mutable std::mutex socketsMutex_;  // Guards the two below.
   std::uint64_t lastNumber_ = 0;

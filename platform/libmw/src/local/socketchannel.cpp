@@ -65,11 +65,12 @@ SocketChannel::SocketChannel(File socket, const LinkOptions& options)
 SocketChannel::~SocketChannel() { end("nobody uses it"); }
 
 void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
-  sink_ = sink;
   {
     const std::lock_guard lock(watchMutex_);
+    sink_ = sink;
     if (!ended_) number_ = poller_.add(socket_.number(), weak_from_this());
   }
+  if (ended_ && !toldEnd_.exchange(true)) return sink->onEnd("it ended before it began");
   watch();
 }
 
@@ -174,7 +175,7 @@ void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>
 
 void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
   std::unique_lock lock(outputMutex_);
-  if (ended_) return;
+  if (ended_ || refused_) return;
   if (when == remote::Sending::Now && output_.empty()) {
     // What nothing waits before needs no queue.
     const ssize_t written = ::send(socket_.number(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -197,7 +198,18 @@ void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
   }
   const int error = writeLocked();
   lock.unlock();
-  if (error != 0) end(reasonOf(error));
+  if (error != 0) onSendFailed(error);
+}
+
+void SocketChannel::onSendFailed(int error) {
+  if (error != EPIPE) return end(reasonOf(error));
+  // The peer takes nothing more, but what it sent before is still to be read: its end comes behind that.
+  const std::lock_guard lock(outputMutex_);
+  refused_ = true;
+  output_.clear();
+  outputBytes_ = 0;
+  sent_ = 0;
+  if (hasOutput_.exchange(false)) watch();
 }
 
 void SocketChannel::flushLate() {
@@ -214,7 +226,7 @@ void SocketChannel::flush() {
     const std::lock_guard lock(outputMutex_);
     if (!ended_ && !output_.empty()) error = writeLocked();
   }
-  if (error != 0) end(reasonOf(error));
+  if (error != 0) onSendFailed(error);
 }
 
 /// Sends as much as the system takes now.
@@ -244,7 +256,7 @@ int SocketChannel::writeLocked() {
       output_.pop_front();
     }
   }
-  hasOutput_ = false;
+  if (hasOutput_.exchange(false)) watch();
   return 0;
 }
 
@@ -260,7 +272,12 @@ void SocketChannel::end(const std::string& reason) {
     output_.clear();
     outputBytes_ = 0;
   }
-  if (const auto sink = sink_.lock()) sink->onEnd(reason);
+  if (const auto sink = sinkNow(); sink && !toldEnd_.exchange(true)) sink->onEnd(reason);
+}
+
+std::shared_ptr<remote::ChannelSink> SocketChannel::sinkNow() {
+  const std::lock_guard lock(watchMutex_);
+  return sink_.lock();
 }
 
 std::chrono::milliseconds SocketChannel::silence() const {

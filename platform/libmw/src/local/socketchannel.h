@@ -40,20 +40,23 @@ class SocketChannel final : public remote::Channel,
   using Clock = std::chrono::steady_clock;
 
   void watch();
+  std::shared_ptr<remote::ChannelSink> sinkNow();
   bool receive(std::vector<remote::Work>& works);
   static void postAll(std::vector<remote::Work>& works);
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void flushLate();
+  void onSendFailed(int error);
   int writeLocked();
 
   const LinkOptions options_;
   Poller& poller_;
   const File socket_;
   const std::string peer_;
-  std::weak_ptr<remote::ChannelSink> sink_;  // set once, by `start`
+  std::weak_ptr<remote::ChannelSink> sink_;  // set once, by `start`, under `watchMutex_`: the end may come before
 
   std::atomic<bool> reading_{false};
   std::atomic<bool> ended_{false};
+  std::atomic<bool> toldEnd_{false};
   std::atomic<Clock::rep> lastReceived_;
 
   // For the thread that holds the reading.
@@ -73,6 +76,7 @@ class SocketChannel final : public remote::Channel,
   std::size_t outputBytes_ = 0;
   std::size_t sent_ = 0;  // of the first of them
   bool flushPosted_ = false;
+  bool refused_ = false;  // the peer takes nothing more
 };
 
 }  // namespace mw::local

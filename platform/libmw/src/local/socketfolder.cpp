@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -13,6 +14,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -25,6 +27,8 @@ namespace {
 
 constexpr const char* kSocketSuffix = ".sock";
 constexpr const char* kLockSuffix = ".lock";
+constexpr int kLockTries = 10;
+constexpr std::chrono::milliseconds kLockPause{5};
 
 std::system_error systemError(const std::string& what) {
   return std::system_error(errno, std::generic_category(), what);
@@ -102,12 +106,15 @@ BrokerFiles filesOf(const std::string& broker) {
 }
 
 File lockBroker(const BrokerFiles& files) {
-  while (true) {
+  for (int tries = 0;;) {
     File file(::open(files.lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (!file) throw systemError(files.lock);
     if (::flock(file.number(), LOCK_EX | LOCK_NB) != 0) {
-      if (errno == EWOULDBLOCK) return {};
-      throw systemError(files.lock);
+      if (errno != EWOULDBLOCK) throw systemError(files.lock);
+      // Who lists the brokers that run holds it for a moment.
+      if (++tries == kLockTries) return {};
+      std::this_thread::sleep_for(kLockPause);
+      continue;
     }
     // The broker before may have removed the file between the opening and the locking: this lock would guard nothing.
     struct stat opened {};

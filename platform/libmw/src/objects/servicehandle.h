@@ -25,6 +25,7 @@ class ServiceHandle final : public GenericObject {
   Future<AnyValue> metaProperty(unsigned property) override;
   Future<void> metaSetProperty(unsigned property, const AnyValue& value) override;
   bool isRemote() const override { return isRemote_; }
+  bool isCutOff() const { return gate_.isClosed(); }
 
   /// Refuses new calls, runs `beforeDrain`, waits for the calls of other threads, lets go of the object. Once.
   /// @param patience  A wait beyond it is logged.

@@ -50,10 +50,10 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
     wakeLocked();
   }
 
-  void put(Task task) {
+  void put(const Caller& caller, Task task) {
     const std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
-    if (waits_ > 0) return wakeLocked();
+    tasks_.emplace_back(caller, std::move(task));
+    if (isAwaited(caller)) return wakeLocked();
     defaultLoop().post(
         [self = shared_from_this()] {
           while (const Task late = self->takeUnwaited()) late();
@@ -61,35 +61,33 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
         kPatience);
   }
 
-  void beginWait() {
+  /// @return The chain of the wait that this one is inside of, for `endWait`.
+  Caller beginWait(const Caller& caller) {
     const std::lock_guard lock(mutex_);
     ++waits_;
+    return std::exchange(caller_, caller);
   }
 
   /// What came last was meant for the thread while it waited: it is done by others when the outermost wait has ended.
-  void endWait() {
-    std::deque<Task> left;
+  void endWait(const Caller& outer) {
+    std::deque<std::pair<Caller, Task>> left;
     {
       const std::lock_guard lock(mutex_);
+      caller_ = outer;
       if (--waits_ == 0) left.swap(tasks_);
     }
-    for (Task& task : left) defaultLoop().post(std::move(task));
+    for (auto& [caller, task] : left) defaultLoop().post(std::move(task));
   }
 
-  Task takeUnwaited() {
-    const std::lock_guard lock(mutex_);
-    return waits_ > 0 ? Task() : takeLocked();
-  }
+  Task takeUnwaited() { return takeIf(false); }
 
-  Task take() {
-    const std::lock_guard lock(mutex_);
-    return takeLocked();
-  }
+  /// Only of the chain that the thread waits in: another one's call must not meet the locks that this one holds.
+  Task take() { return takeIf(true); }
 
   /// Sleeps until something was put in, or it was woken since `take`.
   void sleep(Clock::time_point deadline) {
     std::unique_lock lock(mutex_);
-    const auto isWoken = [this] { return woken_ || !tasks_.empty(); };
+    const auto isWoken = [this] { return woken_; };
     if (deadline == Clock::time_point::max()) {
       condition_.wait(lock, isWoken);
     } else {
@@ -98,12 +96,15 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
     woken_ = false;
   }
 
+  /// Whether there is a file to poll; the process may be out of them.
+  bool hasFile() const { return file_ >= 0; }
+
   /// Makes wakings readable on a file, for a thread that polls. @return The file; -1 when it cannot be, or when the
   /// inbox was woken already.
   int beginPolling() {
     const std::lock_guard lock(mutex_);
     if (file_ < 0) file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (file_ < 0 || !tasks_.empty() || std::exchange(woken_, false)) return -1;
+    if (file_ < 0 || std::exchange(woken_, false)) return -1;
     polling_ = true;
     return file_;
   }
@@ -117,10 +118,15 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   }
 
  private:
-  Task takeLocked() {
-    if (tasks_.empty()) return {};
-    Task task = std::move(tasks_.front());
-    tasks_.pop_front();
+  bool isAwaited(const Caller& caller) const { return waits_ > 0 && caller == caller_; }
+
+  Task takeIf(bool isAwaitedOne) {
+    const std::lock_guard lock(mutex_);
+    const auto found =
+        std::ranges::find_if(tasks_, [&](const auto& one) { return isAwaited(one.first) == isAwaitedOne; });
+    if (found == tasks_.end()) return {};
+    Task task = std::move(found->second);
+    tasks_.erase(found);
     return task;
   }
 
@@ -137,8 +143,9 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   const std::thread::id owner_ = std::this_thread::get_id();
   std::mutex mutex_;  // Guards everything below.
   std::condition_variable condition_;
-  std::deque<Task> tasks_;
-  int waits_ = 0;  // inside one another
+  std::deque<std::pair<Caller, Task>> tasks_;  // with the chain of each
+  int waits_ = 0;                              // inside one another
+  Caller caller_;                              // the chain of the innermost
   bool woken_ = false;
   bool polling_ = false;
   bool signalled_ = false;
@@ -173,7 +180,7 @@ class Waiters {
     const auto found =
         std::find_if(waiting_.rbegin(), waiting_.rend(), [&](const auto& waiting) { return waiting.first == place; });
     if (found == waiting_.rend()) return false;
-    found->second->put(std::move(task));
+    found->second->put(place.first, std::move(task));
     return true;
   }
 
@@ -203,6 +210,7 @@ class ThreadInChains final : public detail::ThreadWait {
 
   Chain chain;  ///< What it works for; its own one while it serves nobody.
   Domain domain = nullptr;
+  bool relays = false;  ///< Hands the present call on, and will not wait for its answer.
   std::shared_ptr<Channel> awaited;
   const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
 
@@ -216,9 +224,9 @@ class ThreadInChains final : public detail::ThreadWait {
 FutureState ThreadInChains::wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) {
   if (!state.addWaker(*inbox)) return state.state();
   const auto deadline = timeout >= kInfiniteTimeout ? Clock::time_point::max() : Clock::now() + timeout;
+  const Caller outer = inbox->beginWait(chain.caller);
   {
     const Expectation expectation({chain.caller, domain}, inbox);
-    inbox->beginWait();
     while (state.state() == FutureState::Running) {
       if (const Task task = inbox->take()) {
         task();
@@ -229,7 +237,7 @@ FutureState ThreadInChains::wait(const detail::FutureStateBase& state, std::chro
     }
   }
   state.removeWaker(*inbox);
-  inbox->endWait();
+  inbox->endWait(outer);
   return state.state();
 }
 
@@ -250,7 +258,7 @@ bool ThreadInChains::readInstead(Clock::time_point deadline) {
     inbox->endPolling();
   }
   channel->endReading();
-  return true;
+  return inbox->hasFile();
 }
 
 }  // namespace
@@ -280,14 +288,16 @@ Chain chainOfThisThread() {
   return thread.chain;
 }
 
-Serving::Serving(const Chain& chain, Domain domain)
+Serving::Serving(const Chain& chain, Domain domain, bool relays)
     : outer_(std::exchange(ThreadInChains::current().chain, chain)),
-      outerDomain_(std::exchange(ThreadInChains::current().domain, domain)) {}
+      outerDomain_(std::exchange(ThreadInChains::current().domain, domain)),
+      outerRelays_(std::exchange(ThreadInChains::current().relays, relays)) {}
 
 Serving::~Serving() {
   auto& thread = ThreadInChains::current();
   thread.chain = outer_;
   thread.domain = outerDomain_;
+  thread.relays = outerRelays_;
 }
 
 bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task) {
@@ -298,7 +308,7 @@ Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain,
   auto& thread = ThreadInChains::current();
   thread.domain = domain;
   if (thread.awaited != channel) thread.awaited = channel;
-  if (!waits) return {};
+  if (!waits || thread.relays) return {};
   return {{thread.chain.caller, domain}, thread.inbox};
 }
 

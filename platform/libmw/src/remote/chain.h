@@ -47,7 +47,8 @@ Chain chainOfThisThread();
 /// While one lives, the calling thread works for `chain`, in `domain`.
 class Serving {
  public:
-  Serving(const Chain& chain, Domain domain);
+  /// @param relays  The thread hands the call on to another process, and does not wait for the answer.
+  Serving(const Chain& chain, Domain domain, bool relays = false);
   Serving(const Serving&) = delete;
   Serving& operator=(const Serving&) = delete;
   ~Serving();
@@ -55,6 +56,7 @@ class Serving {
  private:
   const Chain outer_;
   const Domain outerDomain_;
+  const bool outerRelays_;
 };
 
 /// Has the thread that waits, or is about to, within the chain of `caller`, in `domain`, run `task`; the innermost one,

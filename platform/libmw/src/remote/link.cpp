@@ -171,8 +171,9 @@ void Link::cleanUp(const std::string& reason) {
     const std::lock_guard lock(mutex_);
     subscriptions.swap(subscriptions_);
   }
+  subscriptions.clear();
+  gone_.trySetValue();  // First: who is told of the end may wait for it.
   if (onEnd_) onEnd_(reason);
-  gone_.trySetValue();
 }
 
 std::size_t Link::pendingCount() const {
@@ -182,11 +183,11 @@ std::size_t Link::pendingCount() const {
 
 // --- Calling --------------------------------------------------------------------------------------------------------
 
-void Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Told& told) {
+void Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention) {
   const AnyReference content = value.content();
   if (!content) return out.nil();
   if (const auto* plain = content.getIf<HX::HXValue>()) return out.value(*plain);
-  if (content.type()->toObject) return objects_.write(out, content.type()->toObject(content.data()), *this, told);
+  if (content.type()->toObject) return objects_.write(out, content.type()->toObject(content.data()), *this, mention);
   HX::HXValue converted;
   if (!content.toValue(converted)) {
     throw std::runtime_error(fmt::format("a {} cannot go to another process", content.type()->name));
@@ -195,11 +196,11 @@ void Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Told&
 }
 
 void Link::writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
-                     GenericFunctionParameters parameters, ObjectTable::Told& told) {
+                     GenericFunctionParameters parameters, ObjectTable::Mention& mention) {
   out.text(target);
   out.list(static_cast<std::uint32_t>(parameters.size() + (chain ? 1 : 0)));
   if (chain) writeChain(out, *chain);
-  for (const AnyReference& parameter : parameters) writeValue(out, parameter, told);
+  for (const AnyReference& parameter : parameters) writeValue(out, parameter, mention);
 }
 
 Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters parameters, Sending when, bool returns) {
@@ -217,18 +218,18 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     }
     Bytes frame;
     frame.reserve(kUsualFrame);
-    ObjectTable::Told told;
+    ObjectTable::Mention mention(objects_);
     Writer out(frame);
     out.list(4);
     out.number(static_cast<std::uint32_t>(MessageType::Request));
     out.number(id);
-    writeCall(out, target, chain, parameters, told);
+    writeCall(out, target, chain, parameters, mention);
     if (frame.size() > options_.frameLimit) {
       throw std::runtime_error(
           fmt::format("a call of {} bytes exceeds the limit of {}", frame.size(), options_.frameLimit));
     }
     channel_->send(std::move(frame), when);
-    objects_.markTold(told);
+    mention.sent();
   } catch (...) {
     takePending(id);
     return Future<AnyValue>::failed(std::current_exception());
@@ -249,17 +250,17 @@ void Link::send(std::string_view target, GenericFunctionParameters parameters, b
   if (inChain) chain = chainOfThisThread();
   Bytes frame;
   frame.reserve(kUsualFrame);
-  ObjectTable::Told told;
+  ObjectTable::Mention mention(objects_);
   Writer out(frame);
   out.list(3);
   out.number(static_cast<std::uint32_t>(MessageType::Notification));
-  writeCall(out, target, chain, parameters, told);
+  writeCall(out, target, chain, parameters, mention);
   if (frame.size() > options_.frameLimit) {
     throw std::runtime_error(
         fmt::format("a message of {} bytes exceeds the limit of {}", frame.size(), options_.frameLimit));
   }
   channel_->send(std::move(frame), moreFollows ? Sending::Soon : Sending::Now);
-  objects_.markTold(told);
+  mention.sent();
 }
 
 void Link::emit(GenericFunctionParameters parameters) {
@@ -291,8 +292,11 @@ Future<SignalLink> Link::connect(std::uint32_t object, unsigned signal, const Si
   return ask("korvo.connect", object, signal, link)
       .then([self = shared_from_this(), link](const Future<AnyValue>& done) {
         if (done.hasValue()) return Future<SignalLink>::ready(link);
-        const std::lock_guard lock(self->mutex_);
-        self->subscriptions_.erase(link);
+        std::shared_ptr<Subscription> unused;  // Goes after the lock.
+        {
+          const std::lock_guard lock(self->mutex_);
+          if (auto found = self->subscriptions_.extract(link)) unused = std::move(found.mapped());
+        }
         return done.isCanceled() ? Future<SignalLink>::canceled() : Future<SignalLink>::failed(done.exception());
       });
 }
@@ -342,12 +346,18 @@ Work Link::onResponse(Reader& in) {
   const std::uint32_t id = in.number();
   auto pending = takePending(id);
   if (!pending) throw ProtocolError(fmt::format("a response to a request {} that was not made", id));
-  if (in.nil()) {
-    AnyValue result = readValue(in);
-    pending->promise.trySetValue(pending->returns ? std::move(result) : AnyValue());
-  } else {
-    pending->promise.trySetException(errorFrom(in.value()));
-    readValue(in);
+  try {
+    if (in.nil()) {
+      AnyValue result = readValue(in);
+      pending->promise.trySetValue(pending->returns ? std::move(result) : AnyValue());
+    } else {
+      pending->promise.trySetException(errorFrom(in.value()));
+      readValue(in);
+    }
+  } catch (const ProtocolError& error) {
+    const std::string text = fmt::format("the answer of {} cannot be read: {}", peer(), error.what());
+    pending->promise.trySetException(std::make_exception_ptr(std::runtime_error(text)));
+    throw;
   }
   return {};
 }
@@ -366,7 +376,7 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
     }
   }
   if (count > kMostArguments) throw ProtocolError(fmt::format("a call with more than {} arguments", kMostArguments));
-  call->object = leasedTarget(call->target);
+  call->object = targetAtArrival(call->target);
   for (; count > 0; --count) call->arguments.push_back(readValue(in));
   if (call->target == kAlive && !isRequest) return {};
   if (call->target == kEmit) return onEmission(std::move(call));
@@ -447,9 +457,11 @@ Work Link::onEmission(std::shared_ptr<Incoming> emission) {
 
 // --- Serving --------------------------------------------------------------------------------------------------------
 
-/// The object that "@12.member" is about; empty when there is none, or for other targets.
-AnyObject Link::leasedTarget(std::string_view target) const {
-  if (!target.starts_with('@')) return {};
+/// The object that is called, held from now on: what was sent before the end of the link is done after it. Empty when
+/// there is none yet, and for what the process itself answers.
+AnyObject Link::targetAtArrival(std::string_view target) const {
+  if (target.starts_with(kReserved)) return {};
+  if (!target.starts_with('@')) return reserved_->find(std::string(target.substr(0, target.rfind('.'))));
   const auto id = numberIn(target.substr(1, target.rfind('.') - 1));
   return id ? objects_.leased(*id) : AnyObject();
 }
@@ -489,7 +501,8 @@ Future<AnyValue> Link::execute(const Incoming& call) {
     std::string_view member;
     const AnyObject object = targetOf(call, member);
     // What is handed on to the object of another process stays as deep as it is.
-    const Serving serving({call.chain.caller, call.chain.depth + (object->isRemote() ? 0U : 1U)}, domain_);
+    const bool relays = object->isRemote();
+    const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, relays);
     return callMember(object, member, call);
   } catch (...) {
     return Future<AnyValue>::failed(std::current_exception());
@@ -538,16 +551,16 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
   }
   Bytes frame;
   frame.reserve(kUsualFrame);
-  ObjectTable::Told told;
+  ObjectTable::Mention mention(objects_);
   const auto write = [&](const HX::HXValue& error, const AnyReference& value) {
     frame.clear();
-    told.clear();
+    mention.takeBack();
     Writer out(frame);
     out.list(4);
     out.number(static_cast<std::uint32_t>(MessageType::Response));
     out.number(call->id);
     out.value(error);
-    writeValue(out, value, told);
+    writeValue(out, value, mention);
     if (frame.size() > options_.frameLimit) {
       throw std::runtime_error(
           fmt::format("a result of {} bytes exceeds the limit of {}", frame.size(), options_.frameLimit));
@@ -565,7 +578,7 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
     write(toValue(std::current_exception()), {});
   }
   channel_->send(std::move(frame), when);
-  objects_.markTold(told);
+  mention.sent();
 }
 
 }  // namespace mw::remote

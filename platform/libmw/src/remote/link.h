@@ -31,7 +31,7 @@ struct Incoming {
   std::size_t size = 0;  ///< Of the message, in bytes.
   Chain chain;           ///< Without a caller when the peer states none.
   std::string target;
-  /// Of a call on an object: held from its arrival, because what gives the object back may be right behind.
+  /// What is called: held from its arrival, because what gives it back, or the end of the link, may be right behind.
   AnyObject object;
   std::vector<AnyValue> arguments;
   std::shared_ptr<Incoming> next;  ///< On its strand.
@@ -118,8 +118,8 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
 
   void send(std::string_view target, GenericFunctionParameters parameters, bool inChain);
   void writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
-                 GenericFunctionParameters parameters, ObjectTable::Told& told);
-  void writeValue(Writer& out, const AnyReference& value, ObjectTable::Told& told);
+                 GenericFunctionParameters parameters, ObjectTable::Mention& mention);
+  void writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention);
   AnyValue readValue(Reader& in);
   std::optional<Pending> takePending(std::uint32_t id);
   std::exception_ptr endedError() const;
@@ -132,7 +132,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   Work onEmission(std::shared_ptr<Incoming> emission);
   Future<AnyValue> execute(const Incoming& call);
   Future<AnyValue> callMember(const AnyObject& object, std::string_view member, const Incoming& call);
-  AnyObject leasedTarget(std::string_view target) const;
+  AnyObject targetAtArrival(std::string_view target) const;
   AnyObject targetOf(const Incoming& call, std::string_view& member) const;
   void runStrand(const StrandKey& key, std::shared_ptr<Incoming> first);
   void answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result, Sending when);

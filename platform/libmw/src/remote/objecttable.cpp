@@ -1,5 +1,6 @@
 #include "objecttable.h"
 
+#include "../objects/servicehandle.h"
 #include "link.h"
 #include "metacodec.h"
 #include "remoteobject.h"
@@ -38,12 +39,18 @@ std::uint32_t ObjectTable::lease(const AnyObject& object) {
   const std::lock_guard lock(mutex_);
   if (cleared_) return 0;
   const auto [known, isNew] = leaseIds_.emplace(object->identity(), lastLease_ + 1);
-  if (isNew) leases_[++lastLease_].object = object;
+  // A handle that was cut off does not keep its object: what has the identity now may be another one.
+  const auto* handle =
+      isNew ? nullptr : dynamic_cast<const ServiceHandle*>(leases_[known->second].object.pointer().get());
+  if (isNew || (handle && handle->isCutOff())) {
+    leases_[++lastLease_].object = object;
+    known->second = lastLease_;
+  }
   ++leases_[known->second].count;
   return known->second;
 }
 
-void ObjectTable::write(Writer& out, const AnyObject& given, const Link& link, Told& told) {
+void ObjectTable::write(Writer& out, const AnyObject& given, const Link& link, Mention& mention) {
   if (!given) return out.nil();
   const auto* service = dynamic_cast<const RemoteService*>(given.pointer().get());
   const AnyObject object = service ? service->target() : given;
@@ -57,28 +64,52 @@ void ObjectTable::write(Writer& out, const AnyObject& given, const Link& link, T
     writer.number(0);
     writer.nil();
   } else {
-    const MetaObject& metaObject = object->metaObject();
+    const std::uint32_t number = numberOf(object->metaObject());
+    const std::uint32_t id = lease(object);
+    if (id != 0) mention.leases_.push_back(id);
     writer.number(static_cast<std::uint32_t>(Owner::Sender));
-    writer.number(lease(object));
-    writer.number(static_cast<std::uint32_t>(metaObject.uid()));
+    writer.number(id);
+    writer.number(number);
     const bool isTold = [&] {
       const std::lock_guard lock(mutex_);
-      return told_.contains(metaObject.uid());
+      return told_.contains(number);
     }();
     if (isTold) {
       writer.nil();
     } else {
-      writer.value(toValue(metaObject));
-      told.push_back(metaObject.uid());
+      writer.value(toValue(object->metaObject()));
+      mention.descriptions_.push_back(number);
     }
   }
   out.extension(Extension::Object, content);
 }
 
-void ObjectTable::markTold(const Told& told) {
-  if (told.empty()) return;
+std::uint32_t ObjectTable::numberOf(const MetaObject& metaObject) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (const auto known = numbersOfUids_.find(metaObject.uid()); known != numbersOfUids_.end()) return known->second;
+  }
+  HX::HXValue content = toValue(metaObject);
   const std::lock_guard lock(mutex_);
-  told_.insert(told.begin(), told.end());
+  const auto number = static_cast<std::uint32_t>(numbers_.size() + 1);
+  const std::uint32_t known = numbers_.emplace(std::move(content), number).first->second;
+  if (numbersOfUids_.size() >= kMostDescriptions) numbersOfUids_.clear();
+  numbersOfUids_.emplace(metaObject.uid(), known);
+  return known;
+}
+
+void ObjectTable::Mention::sent() {
+  leases_.clear();
+  if (descriptions_.empty()) return;
+  const std::lock_guard lock(table_.mutex_);
+  table_.told_.insert(descriptions_.begin(), descriptions_.end());
+  descriptions_.clear();
+}
+
+void ObjectTable::Mention::takeBack() {
+  for (const std::uint32_t id : leases_) table_.release(id, 1);
+  leases_.clear();
+  descriptions_.clear();
 }
 
 AnyObject ObjectTable::read(std::span<const std::byte> reference, const std::shared_ptr<Link>& link) {
@@ -134,7 +165,8 @@ AnyObject ObjectTable::release(std::uint32_t id, std::uint32_t count) {
   }
   AnyObject last = std::move(found->second.object);
   leases_.erase(found);
-  leaseIds_.erase(last->identity());
+  const auto known = leaseIds_.find(last->identity());
+  if (known != leaseIds_.end() && known->second == id) leaseIds_.erase(known);
   return last;
 }
 

@@ -31,16 +31,32 @@ class RemoteObject;
 /// @par Threads  Any. No object is destroyed, and none called, under the lock.
 class HX_API ObjectTable {
  public:
-  /// The descriptions that a message tells for the first time. They count as told once the message is on its way.
-  using Told = std::vector<std::int32_t>;
+  /// What one message says of objects: descriptions that it tells for the first time, and leases. They count once the
+  /// message is on its way, and are taken back when it does not leave.
+  class Mention {
+   public:
+    explicit Mention(ObjectTable& table) : table_(table) {}
+    Mention(const Mention&) = delete;
+    Mention& operator=(const Mention&) = delete;
+    ~Mention() { takeBack(); }
+
+    /// The message is on its way.
+    void sent();
+    void takeBack();
+
+   private:
+    friend class ObjectTable;
+    ObjectTable& table_;
+    std::vector<std::uint32_t> descriptions_;
+    std::vector<std::uint32_t> leases_;
+  };
 
   /// The object that a lease stands for; empty when there is none of that id.
   AnyObject leased(std::uint32_t id) const;
   std::size_t leaseCount() const;
 
   /// Writes a reference to `object`, which is counted as a lease.
-  void write(Writer& out, const AnyObject& object, const Link& link, Told& told);
-  void markTold(const Told& told);
+  void write(Writer& out, const AnyObject& object, const Link& link, Mention& mention);
   /// The object that a reference stands for.
   /// @throws ProtocolError
   AnyObject read(std::span<const std::byte> reference, const std::shared_ptr<Link>& link);
@@ -64,13 +80,17 @@ class HX_API ObjectTable {
   };
   const MetaObject& described(std::uint32_t description, std::optional<MetaObject> told, std::size_t size);
   std::uint32_t lease(const AnyObject& object);
+  std::uint32_t numberOf(const MetaObject& metaObject);
 
   mutable std::mutex mutex_;  // Guards everything below.
   bool cleared_ = false;
   std::unordered_map<std::uint32_t, Lease> leases_;
   std::unordered_map<std::uintptr_t, std::uint32_t> leaseIds_;  // by identity
   std::uint32_t lastLease_ = 0;
-  std::set<std::int32_t> told_;
+  /// The numbers of descriptions, by content: objects that are made anew, as after a restart, offer what was told.
+  std::map<HX::HXValue, std::uint32_t> numbers_;
+  std::unordered_map<std::int32_t, std::uint32_t> numbersOfUids_;  // found without looking at the content
+  std::set<std::uint32_t> told_;
   std::map<std::uint32_t, std::weak_ptr<RemoteObject>> remote_;
   std::map<std::uint32_t, Description> descriptions_;  // the peer's, by its numbers
   std::size_t describedBytes_ = 0;                     // how much they were on the wire

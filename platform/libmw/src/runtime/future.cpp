@@ -3,6 +3,7 @@
 #include <libmw/eventloop.h>
 #include <libmw/future.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace mw {
@@ -58,7 +59,8 @@ bool FutureStateBase::addWaker(Waker& waker) const {
 
 void FutureStateBase::removeWaker(Waker& waker) const noexcept {
   const std::lock_guard lock(mutex_);
-  std::erase(wakers_, &waker);
+  // Once: the thread may wait for this state further out as well.
+  if (const auto found = std::ranges::find(wakers_, &waker); found != wakers_.end()) wakers_.erase(found);
 }
 
 FutureState FutureStateBase::wait(std::chrono::milliseconds timeout) const {
@@ -102,6 +104,22 @@ std::shared_ptr<FutureStateBase> FutureStateBase::requestCancel() {
   return nullptr;
 }
 
+/// Continuations on their way to the event loop, which keep their order; fails them when the loop drops them.
+struct DeferredRun {
+  std::shared_ptr<FutureStateBase> source;
+  FutureStateBase::Dependents dependents;
+
+  DeferredRun(std::shared_ptr<FutureStateBase> from, FutureStateBase::Dependents to)
+      : source(std::move(from)), dependents(std::move(to)) {}
+  DeferredRun(const DeferredRun&) = delete;
+  DeferredRun& operator=(const DeferredRun&) = delete;
+  ~DeferredRun() {
+    for (const auto& dependent : dependents) dependent.state->tryFail(noState());
+  }
+
+  void operator()() { FutureStateBase::run(std::move(source), std::exchange(dependents, {})); }
+};
+
 bool FutureStateBase::isCancelRequested() const {
   const std::lock_guard lock(mutex_);
   return cancelRequested_;
@@ -121,7 +139,7 @@ void FutureStateBase::finish(FutureState outcome, std::exception_ptr error) {
   auto dependents = publish(outcome, std::move(error));
   if (dependents.empty()) return;
   if (!NoForeignCode::holdsHere()) return run(shared_from_this(), std::move(dependents));
-  for (const Dependent& dependent : dependents) post(shared_from_this(), dependent.state);
+  defaultLoop().post([run = std::make_shared<DeferredRun>(shared_from_this(), std::move(dependents))] { (*run)(); });
 }
 
 FutureStateBase::Dependents FutureStateBase::publish(FutureState outcome, std::exception_ptr error) noexcept {

@@ -6,6 +6,7 @@
 #include <libmw/objecttypebuilder.h>
 #include <libmw/remoteerror.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <future>
@@ -237,6 +238,49 @@ TEST_F(JoinedSessions, KeepServicesInUseAcrossARestart) {
   EXPECT_EQ(tick.get_future().get(), 3);
   held->disconnect(link).value();
   EXPECT_FALSE(ticked.hasSubscribers());
+}
+
+TEST_F(JoinedSessions, FindAServiceThatIsOfferedAgain) {
+  const auto service = makeService("S")->method("one", [] { return 1; }).build();
+  std::vector<AnyObject> held;
+  for (int round = 0; round < 10; ++round) {
+    const ServiceId id = broker.registerService("S", service);
+    held.push_back(lookUp(client, "S"));
+    EXPECT_EQ(held.back()->call<int>("one"), 1);
+    broker.unregisterService(id);
+  }
+}
+
+TEST_F(JoinedSessions, MayLeaveWhenTheyAreToldOfTheLoss) {
+  std::promise<void> left;
+  client.connectionLost.connect(SignalSubscriber([&](const std::string&) {
+    joined.reset();
+    left.set_value();
+  }));
+  server.reset();
+  left.get_future().get();
+}
+
+TEST_F(JoinedSessions, RunTheContinuationsOfAnAnswerInTheirOrder) {
+  std::promise<void> answer;
+  broker.registerService("Slow", makeService("Slow")->method("wait", [&] { answer.get_future().get(); }).build());
+  const AnyObject slow = lookUp(client, "Slow");
+  const auto future = slow->async("wait");
+  std::vector<int> order;
+  Future<void> last;
+  for (int i = 0; i < 100; ++i) last = future.then([&order, i](const Future<AnyValue>&) { order.push_back(i); });
+  answer.set_value();
+  last.wait();
+  EXPECT_EQ(order.size(), 100U);
+  EXPECT_TRUE(std::ranges::is_sorted(order));
+}
+
+TEST_F(JoinedSessions, DoNotTireOfServicesThatComeAgain) {
+  for (int round = 0; round < 4200; ++round) {
+    const ServiceId id = broker.registerService("S", makeService("S")->method("one", [] { return 1; }).build());
+    ASSERT_EQ(lookUp(client, "S")->call<int>("one"), 1);
+    broker.unregisterService(id);
+  }
 }
 
 TEST_F(JoinedSessions, ServeOneBrokerOfAName) {

@@ -119,6 +119,7 @@ class HX_API FutureStateBase : public std::enable_shared_from_this<FutureStateBa
 
  private:
   friend struct AsyncRun;
+  friend struct DeferredRun;
   bool attach(const Dependent& dependent);
   std::shared_ptr<FutureStateBase> requestCancel();
   static void run(std::shared_ptr<FutureStateBase> source, Dependents dependents);
