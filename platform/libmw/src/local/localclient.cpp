@@ -139,8 +139,15 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
                 [weak = weak_from_this(), raw = link.get(), isOver](const std::string& reason) {
                   if (const auto self = weak.lock()) self->onEnd(raw, reason, *isOver);
                 });
-    link->ask("korvo.hello", remote::kProtocol).take(kGreetingTimeout);
-    link->ask("korvo.watch").take(kGreetingTimeout);
+    try {
+      link->ask("korvo.hello", remote::kProtocol).take(kGreetingTimeout);
+      link->ask("korvo.watch").take(kGreetingTimeout);
+    } catch (...) {
+      // What ends with it uses the session, which may go when this fails.
+      link->end("the broker does not greet");
+      link->gone().wait();
+      throw;
+    }
     const std::lock_guard lock(mutex_);
     if (stopped_) {
       link->end("the client has left");

@@ -195,6 +195,16 @@ void Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Menti
   out.value(converted);
 }
 
+/// What exceeds a limit would end the link at the peer; here it fails the call that it belongs to.
+void Link::requireSendable(const Bytes& frame, std::string_view what) const {
+  if (frame.size() <= options_.depthLimit) return;  // It takes a byte to go one deeper.
+  try {
+    FrameSplitter(options_.frameLimit, options_.depthLimit).advance(frame);
+  } catch (const ProtocolError& error) {
+    throw std::runtime_error(fmt::format("{} cannot go to another process: {}", what, error.what()));
+  }
+}
+
 void Link::writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
                      GenericFunctionParameters parameters, ObjectTable::Mention& mention) {
   out.text(target);
@@ -224,10 +234,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     out.number(static_cast<std::uint32_t>(MessageType::Request));
     out.number(id);
     writeCall(out, target, chain, parameters, mention);
-    if (frame.size() > options_.frameLimit) {
-      throw std::runtime_error(
-          fmt::format("a call of {} bytes exceeds the limit of {}", frame.size(), options_.frameLimit));
-    }
+    requireSendable(frame, "the call");
     channel_->send(std::move(frame), when);
     mention.sent();
   } catch (...) {
@@ -255,10 +262,7 @@ void Link::send(std::string_view target, GenericFunctionParameters parameters, b
   out.list(3);
   out.number(static_cast<std::uint32_t>(MessageType::Notification));
   writeCall(out, target, chain, parameters, mention);
-  if (frame.size() > options_.frameLimit) {
-    throw std::runtime_error(
-        fmt::format("a message of {} bytes exceeds the limit of {}", frame.size(), options_.frameLimit));
-  }
+  requireSendable(frame, "the message");
   channel_->send(std::move(frame), moreFollows ? Sending::Soon : Sending::Now);
   mention.sent();
 }
@@ -561,10 +565,7 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
     out.number(call->id);
     out.value(error);
     writeValue(out, value, mention);
-    if (frame.size() > options_.frameLimit) {
-      throw std::runtime_error(
-          fmt::format("a result of {} bytes exceeds the limit of {}", frame.size(), options_.frameLimit));
-    }
+    requireSendable(frame, "the result");
   };
   try {
     if (result.hasValue()) {

@@ -120,6 +120,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
                  GenericFunctionParameters parameters, ObjectTable::Mention& mention);
   void writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention);
+  void requireSendable(const Bytes& frame, std::string_view what) const;
   AnyValue readValue(Reader& in);
   std::optional<Pending> takePending(std::uint32_t id);
   std::exception_ptr endedError() const;
