@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -48,8 +49,11 @@ bool FileLines::readMore() {
   const ssize_t count = read(file_, chunk.data(), chunk.size());
   if (count > 0) {
     buffer_.append(chunk.data(), static_cast<std::size_t>(count));
-  } else if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+  } else if (count == 0) {
     ended_ = true;
+  } else if (const int error = errno; error != EAGAIN && error != EINTR) {
+    ended_ = true;
+    throw std::system_error(error, std::generic_category(), "reading failed");
   }
   return true;
 }

@@ -39,10 +39,14 @@ struct RemoteOptions {
 
 void addRemote(CLI::App& app, RemoteOptions& options) {
   app.add_option("--broker", options.broker, "The broker to ask; by default the only one that is running")
-      ->type_name("NAME");
+      ->type_name("NAME")
+      // A variable of a script that is not set must not reach another robot.
+      ->check(CLI::Validator([](std::string& name) { return name.empty() ? "a broker has a name" : ""; }, ""));
   app.add_option("--timeout", options.seconds, "Give up a call that has no answer by then; 0 waits without end")
       ->type_name("SECONDS")
       ->check(CLI::Validator(CLI::Range(0.0, 1e6)).description(""))
+      ->check(
+          CLI::Validator([](std::string& text) { return text.find("nan") < text.size() ? "not a number" : ""; }, ""))
       ->capture_default_str();
 }
 
@@ -75,6 +79,7 @@ int runCommand(const Command& command, const RemoteOptions& options, Arguments& 
   Context context{target, output, watches, &input};
   if (!signals) {
     execute(command, context, arguments, target);
+    if (!output.works()) throw std::runtime_error("standard output cannot be written");
     return kDone;
   }
   Follower follower(target, output, watches);

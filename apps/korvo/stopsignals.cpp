@@ -22,7 +22,13 @@ sigset_t stopSet() {
 }  // namespace
 
 StopSignals::StopSignals() {
-  const sigset_t set = stopSet();
+  sigset_t set = stopSet();
+  // A terminal that closes ends the program in order, unless it was told to outlive it (nohup).
+  if (std::signal(SIGHUP, SIG_DFL) == SIG_IGN) {
+    std::signal(SIGHUP, SIG_IGN);
+  } else {
+    sigaddset(&set, SIGHUP);
+  }
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
   // A shell starts background commands with SIGINT ignored, and what is ignored never arrives.
   std::signal(SIGINT, SIG_DFL);

@@ -6,9 +6,9 @@
 
 namespace korvo {
 
-/// SIGINT and SIGTERM as something to wait for: no code runs in a signal handler.
+/// SIGINT, SIGTERM and, unless it was ignored, SIGHUP as something to wait for: no code runs in a signal handler.
 ///
-/// Made by the first thread before it starts others, which then inherit that both are blocked. Writing to a pipe that
+/// Made by the first thread before it starts others, which then inherit that they are blocked. Writing to a pipe that
 /// nobody reads becomes an error of the write instead of the end of the process.
 class StopSignals {
  public:

@@ -88,12 +88,15 @@ class Import {
   Clock::time_point next_ = Clock::now() + 200ms;
 };
 
+/// What the memory takes, with each byte escaped, fits a line.
+constexpr std::size_t kLongestRecord = std::size_t{512} << 20;
+
 void importKeys(Context& context, Arguments& arguments) {
   const bool keepsGoing = arguments.takeFlag("--keep-going");
   const std::string path = arguments.word("FILE");
   arguments.end();
   const InputFile file(path);
-  FileLines lines(file.file(), -1);
+  FileLines lines(file.file(), -1, kLongestRecord);
   const std::string name = path == "-" ? "standard input" : path;
   Import import(context.target.memory(), context.output);
   std::size_t failed = 0;

@@ -211,6 +211,25 @@ TEST(Broker, LoadsModulesAndEndsWhenItsServiceIsAskedTo) {
   EXPECT_EQ(result.status, 0);
 }
 
+TEST(Commands, FailWhereTheirOutputCannotBeWrittenOrTheirInputRead) {
+  const Broker broker;
+  Process get({"/bin/sh", "-c", KORVO_PROGRAM " get KorvoReady >/dev/full"});
+  const auto result = get.finish();
+  EXPECT_THAT(result.err, HasSubstr("standard output cannot be written"));
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(run({"import", "/"}).err, HasSubstr("Is a directory"));
+}
+
+TEST(Commands, NameAValueThatCannotCross) {
+  const Broker broker;
+  const std::string deep = std::string(300, '[') + std::string(300, ']');
+  EXPECT_THAT(run({"set", "Deep", deep}).err, HasSubstr("nested more than 256 deep"));
+  // A history has its values two lists deeper.
+  run({"raise", "Deep", deep.substr(46, 508)});
+  EXPECT_EQ(run({"get", "Deep"}).status, 0);
+  EXPECT_THAT(run({"history", "Deep"}).err, HasSubstr("nested more than 256 deep"));
+}
+
 TEST(Broker, ThatIsFrozenIsNamed) {
   Broker broker;
   broker->send(SIGSTOP);
