@@ -74,7 +74,7 @@ class Client:
     def __init__(self, broker="korvo"):
         runtime = os.environ.get("XDG_RUNTIME_DIR")
         folder = f"{runtime}/korvo" if runtime else f"{os.environ.get('TMPDIR', '/tmp')}/korvo-{os.getuid()}"
-        self._hosted, self._numbers, self._descriptions = {}, {}, {}
+        self._hosted, self._numbers, self._kinds, self._descriptions = {}, {}, {}, {}
         self._callbacks, self._answers, self._requests = {}, {}, 0
         self._chain = []  # The first argument of calls made while one is served that has it.
         self._sending = threading.RLock()  # One message at a time. A Reference may go, and tell so, within.
@@ -201,7 +201,8 @@ class Client:
         number = self._numbers.setdefault(id(value), len(self._numbers))
         self._hosted[number] = value, names
         methods = [[member, name, [], ["value", 10], True, 0, "", "", [], None] for member, name in enumerate(names)]
-        return Extension(REFERENCE, pack([0, number, number, [type(value).__name__, "", methods, [], []]]))
+        kind = self._kinds.setdefault((type(value), *names), len(self._kinds))
+        return Extension(REFERENCE, pack([0, number, kind, [type(value).__name__, "", methods, [], []]]))
 
     def _resolve(self, extension):
         if extension.kind != REFERENCE:
