@@ -1,0 +1,299 @@
+#include "linkparts.h"
+
+#include "../runtime/threadwait.h"
+#include "chaincodec.h"
+#include "metacodec.h"
+
+#include <charconv>
+#include <stdexcept>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace mw::remote {
+namespace {
+
+constexpr std::uint32_t kMostArguments = 1024;
+constexpr std::string_view kReserved = "korvo.";
+
+std::optional<unsigned> numberIn(std::string_view text) {
+  unsigned number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return number;
+}
+
+}  // namespace
+
+std::vector<AnyReference> Incoming::references() const {
+  std::vector<AnyReference> all;
+  all.reserve(arguments.size());
+  for (const AnyValue& argument : arguments) all.push_back(argument.reference());
+  return all;
+}
+
+// --- Receiving ------------------------------------------------------------------------------------------------------
+
+Work Link::onFrame(std::span<const std::byte> frame) {
+  const mw::detail::NoForeignCode scope;
+  Reader in(frame);
+  const std::uint32_t parts = in.list();
+  const auto type = static_cast<MessageType>(in.number());
+  Work work;
+  if (type == MessageType::Request && parts == 4) {
+    work = onCall(in, true, frame.size());
+  } else if (type == MessageType::Notification && parts == 3) {
+    work = onCall(in, false, frame.size());
+  } else if (type == MessageType::Response && parts == 4) {
+    work = onResponse(in);
+  } else {
+    throw ProtocolError("a message that is neither request, response nor notification");
+  }
+  if (!in.atEnd()) throw ProtocolError("a message with too many parts");
+  return work;
+}
+
+AnyValue Link::readValue(Reader& in) {
+  if (const auto reference = in.extension(Extension::Object); reference.data() != nullptr) {
+    return AnyValue(objects_.read(reference, shared_from_this()));
+  }
+  return AnyValue(in.value());
+}
+
+Work Link::onResponse(Reader& in) {
+  const std::uint32_t id = in.number();
+  auto pending = takePending(id);
+  if (!pending) throw ProtocolError(fmt::format("a response to a request {} that was not made", id));
+  try {
+    if (in.nil()) {
+      AnyValue result = readValue(in);
+      pending->promise.trySetValue(pending->returns ? std::move(result) : AnyValue());
+    } else {
+      pending->promise.trySetException(errorFrom(in.value()));
+      readValue(in);
+    }
+  } catch (const ProtocolError& error) {
+    const std::string text = fmt::format("the answer of {} cannot be read: {}", peer(), error.what());
+    pending->promise.trySetException(std::make_exception_ptr(std::runtime_error(text)));
+    throw;
+  }
+  return {};
+}
+
+Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
+  auto call = std::make_shared<Incoming>();
+  call->size = size;
+  call->isRequest = isRequest;
+  if (isRequest) call->id = in.number();
+  call->target = in.text();
+  std::uint32_t count = in.list();
+  if (count > 0) {
+    if (const auto chain = in.extension(Extension::Chain); chain.data() != nullptr) {
+      call->chain = readChain(chain);
+      --count;
+    }
+  }
+  if (count > kMostArguments) throw ProtocolError(fmt::format("a call with more than {} arguments", kMostArguments));
+  call->object = targetAtArrival(call->target);
+  for (; count > 0; --count) call->arguments.push_back(readValue(in));
+  if (call->target == kAlive && !isRequest) return {};
+  if (call->target == kEmit) return onEmission(std::move(call));
+  const Caller caller = call->chain.caller;
+  if (caller && call->chain.depth > 0) {
+    countWaiting(*call);
+    Work work = [self = shared_from_this(), call] { self->answer(call, self->execute(*call), Sending::Now); };
+    if (runInChain(caller, domain_, work)) return {};
+    return [self = shared_from_this(), call, work = std::move(work)] {
+      if (++self->unawaited_ > self->options_.callLimit) {
+        self->refuse(call);
+      } else {
+        work();
+      }
+      --self->unawaited_;
+    };
+  }
+  const std::string_view target = call->target;
+  const std::string_view object = target.substr(0, target.rfind('.'));
+  const StrandKey key{caller, std::hash<std::string_view>()(object)};
+  return schedule(key, std::move(call), options_.callLimit);
+}
+
+void Link::refuse(const std::shared_ptr<Incoming>& call) {
+  waitingBytes_ -= call->size;
+  answer(call,
+         Future<AnyValue>::failed(std::make_exception_ptr(std::runtime_error(fmt::format(
+             "{}: {} calls of this process are running, which is the limit", call->target, options_.callLimit)))),
+         Sending::Now);
+}
+
+void Link::countWaiting(const Incoming& call) {
+  if (waitingBytes_.fetch_add(call.size) > options_.inputLimit) {
+    throw ProtocolError(fmt::format("it calls faster than it is served: more than {} bytes wait", options_.inputLimit));
+  }
+}
+
+Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::size_t most) {
+  countWaiting(*call);
+  auto first = strands_.enter(key, call, most);
+  if (call) return [self = shared_from_this(), call = std::move(call)] { self->refuse(call); };
+  if (!first) return {};
+  return [self = shared_from_this(), key, first = std::move(first)] { self->runStrand(key, first); };
+}
+
+void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
+  bool more = false;
+  for (auto call = std::move(first); call; call = strands_.next(key, more)) {
+    moreFollows = more;
+    auto result = execute(*call);
+    moreFollows = false;
+    if (result.isFinished()) {
+      answer(call, result, more ? Sending::Soon : Sending::Now);
+      continue;
+    }
+    result.then([self = shared_from_this(), key, call](const Future<AnyValue>& done) {
+      self->answer(call, done, Sending::Now);
+      bool others = false;
+      if (const auto following = self->strands_.next(key, others)) {
+        postOrRun([self, key, following] { self->runStrand(key, following); });
+      }
+    });
+    return;
+  }
+}
+
+Work Link::onEmission(std::shared_ptr<Incoming> emission) {
+  const auto* number = emission->arguments.empty() ? nullptr : emission->arguments.front().getIf<HX::HXValue>();
+  if (!number || !(number->isInt() || number->isInt64())) throw ProtocolError("an emission that names no link");
+  const auto link = static_cast<std::uint64_t>(number->toInt64());
+  const std::lock_guard lock(mutex_);
+  const auto found = subscriptions_.find(link);
+  if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
+  emission->arguments.erase(emission->arguments.begin());
+  emission->target = fmt::format("{}{}", kEmit, link);
+  return schedule({{}, reinterpret_cast<std::uintptr_t>(found->second.get())}, std::move(emission), SIZE_MAX);
+}
+
+// --- Serving --------------------------------------------------------------------------------------------------------
+
+/// The object that is called, held from now on: what was sent before the end of the link is done after it. Empty when
+/// there is none yet, and for what the process itself answers.
+AnyObject Link::targetAtArrival(std::string_view target) const {
+  if (target.starts_with(kReserved)) return {};
+  if (!target.starts_with('@')) return reserved_->find(std::string(target.substr(0, target.rfind('.'))));
+  const auto id = numberIn(target.substr(1, target.rfind('.') - 1));
+  return id ? objects_.leased(*id) : AnyObject();
+}
+
+AnyObject Link::targetOf(const Incoming& call, std::string_view& member) const {
+  const std::string_view target = call.target;
+  const std::size_t dot = target.rfind('.');
+  if (dot == std::string_view::npos)
+    throw std::runtime_error(fmt::format("{}: a method is named SERVICE.METHOD", target));
+  member = target.substr(dot + 1);
+  if (call.object) return call.object;
+  const std::string name(target.substr(0, dot));
+  if (target.starts_with('@')) throw std::runtime_error(fmt::format("there is no object {}", name));
+  AnyObject found = reserved_->find(name);
+  if (!found) throw std::runtime_error(fmt::format("no service named {}", name));
+  return found;
+}
+
+Future<AnyValue> Link::execute(const Incoming& call) {
+  waitingBytes_ -= call.size;
+  try {
+    if (call.target.starts_with(kEmit)) {
+      const Serving serving({}, domain_);
+      const std::uint64_t link = numberIn(std::string_view(call.target).substr(kEmit.size())).value_or(0);
+      std::shared_ptr<Subscription> subscription;
+      {
+        const std::lock_guard lock(mutex_);
+        if (const auto found = subscriptions_.find(link); found != subscriptions_.end()) subscription = found->second;
+      }
+      if (subscription && !subscription->deliver(call)) disconnect(link);
+      return Future<AnyValue>::ready(AnyValue());
+    }
+    if (call.target.starts_with(kReserved)) {
+      const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_);
+      return reserved_->call(std::string_view(call.target).substr(kReserved.size()), call.arguments);
+    }
+    std::string_view member;
+    const AnyObject object = targetOf(call, member);
+    // What is handed on to the object of another process stays as deep as it is.
+    const bool relays = object->isRemote();
+    const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, relays);
+    return callMember(object, member, call);
+  } catch (...) {
+    return Future<AnyValue>::failed(std::current_exception());
+  }
+}
+
+Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view member, const Incoming& call) {
+  const std::vector<AnyReference> arguments = call.references();
+  const MetaObject& offered = object->metaObject();
+  const MetaMethod* method = nullptr;
+  int signal = -1;
+  if (const auto id = numberIn(member)) {
+    method = offered.method(*id);
+    signal = static_cast<int>(*id);
+  } else {
+    signal = offered.signalId(member);
+    if (signal < 0 || !offered.findMethods(member).empty()) method = &offered.resolve(member, arguments);
+  }
+  if (!method) {
+    const auto signals = offered.signals();
+    const auto isMeant = [&](const MetaSignal& one) { return static_cast<int>(one.id) == signal; };
+    if (std::none_of(signals.begin(), signals.end(), isMeant)) {
+      throw std::runtime_error(fmt::format("{}.{}: no such method", offered.typeName(), member));
+    }
+    object->metaPost(static_cast<unsigned>(signal), arguments);
+    return Future<AnyValue>::ready(AnyValue());
+  }
+  if ((method->flags & kSameProcessOnly) != 0) {
+    throw std::runtime_error(fmt::format("{}.{} works only inside the process of {}: its result is an address there",
+                                         offered.typeName(), method->name, offered.typeName()));
+  }
+  return object->metaCall(method->id, arguments);
+}
+
+void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result, Sending when) {
+  if (!call->isRequest) {
+    if (result.isFinished() && result.hasError()) {
+      log::warning(kCategory, "post", fmt::format("{} of {}: {}", call->target, peer(), result.error()));
+    }
+    return;
+  }
+  if (!result.isFinished()) {
+    result.then(
+        [self = shared_from_this(), call](const Future<AnyValue>& done) { self->answer(call, done, Sending::Now); });
+    return;
+  }
+  Bytes frame;
+  frame.reserve(kUsualFrame);
+  ObjectTable::Mention mention(objects_);
+  const auto write = [&](const HX::HXValue& error, const AnyReference& value) {
+    frame.clear();
+    mention.takeBack();
+    Writer out(frame);
+    out.list(4);
+    out.number(static_cast<std::uint32_t>(MessageType::Response));
+    out.number(call->id);
+    out.value(error);
+    writeValue(out, value, mention);
+    requireSendable(frame, "the result");
+  };
+  try {
+    if (result.hasValue()) {
+      write({}, AnyReference::of(result.value()));
+    } else {
+      write(toValue(result.isCanceled() ? std::make_exception_ptr(std::runtime_error("the call was canceled"))
+                                        : result.exception()),
+            {});
+    }
+  } catch (...) {
+    write(toValue(std::current_exception()), {});
+  }
+  channel_->send(std::move(frame), when);
+  mention.sent();
+}
+
+}  // namespace mw::remote
