@@ -233,7 +233,7 @@ void SocketChannel::flush() {
 /// @return 0, or the system's error when the connection is broken.
 int SocketChannel::writeLocked() {
   while (!output_.empty()) {
-    std::array<iovec, kGathered> parts;
+    std::array<iovec, kGathered> parts{};
     std::size_t count = 0;
     for (auto frame = output_.begin(); frame != output_.end() && count < parts.size(); ++frame, ++count) {
       const std::size_t skipped = count == 0 ? sent_ : 0;

@@ -131,8 +131,11 @@ bool FutureStateBase::claim() noexcept {
 }
 
 void FutureStateBase::unclaim() noexcept {
-  const std::lock_guard lock(mutex_);
-  claimed_ = false;
+  {
+    const std::lock_guard lock(mutex_);
+    claimed_ = false;
+  }
+  finished_.notify_all();
 }
 
 void FutureStateBase::finish(FutureState outcome, std::exception_ptr error) {
@@ -172,6 +175,9 @@ bool FutureStateBase::tryCancel() {
 }
 
 void FutureStateBase::refuseResult() const {
+  // Whoever was first may not have published its outcome yet.
+  std::unique_lock lock(mutex_);
+  finished_.wait(lock, [this] { return state() != FutureState::Running || !claimed_; });
   if (state() != FutureState::Canceled) throw std::logic_error("Promise: the future has a result already");
 }
 
