@@ -85,8 +85,11 @@ class Session::Directory {
  public:
   Directory(EventLoop& eventLoop, Notices& notices) : loop(eventLoop), notices_(notices) {}
 
-  ServiceId add(const std::string& name, std::shared_ptr<ServiceHandle> handle) {
+  /// @param remote  Set to the directory that has to be told. Whoever joins one later finds the service in the list.
+  ServiceId add(const std::string& name, std::shared_ptr<ServiceHandle> handle,
+                std::shared_ptr<RemoteDirectory>& remote) {
     const std::lock_guard lock(mutex_);
+    remote = remote_;
     if (closed_) throw std::runtime_error(fmt::format("cannot register service {}: the session is closed", name));
     const ServiceId id = nextId_;
     if (!ids_.emplace(name, id).second) {
@@ -209,8 +212,10 @@ Future<AnyObject> Session::service(const std::string& name, const std::string&) 
 ServiceId Session::registerService(const std::string& name, AnyObject object) {
   if (name.empty()) throw std::runtime_error("cannot register a service without a name");
   auto handle = std::make_shared<ServiceHandle>(name, std::move(object));
-  const ServiceId id = directory_->add(name, handle);
-  if (const auto remote = directory_->remote()) {
+  std::shared_ptr<RemoteDirectory> remote;
+  const ServiceId id = directory_->add(name, handle, remote);
+  // A handler that was told of the service may have destroyed the session by now.
+  if (remote) {
     try {
       remote->offer(id, name, AnyObject(std::move(handle)));
     } catch (...) {

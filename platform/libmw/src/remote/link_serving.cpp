@@ -1,7 +1,6 @@
-#include "linkparts.h"
-
 #include "../runtime/threadwait.h"
 #include "chaincodec.h"
+#include "linkparts.h"
 #include "metacodec.h"
 
 #include <charconv>
