@@ -209,7 +209,12 @@ bool advance(Position& position, Thread& thread) {
   return true;
 }
 
+/// Few histories have more; those that have would take minutes.
+constexpr std::size_t kMostPositions = 20'000;
+
+/// @return True also when the search was given up.
 bool isExplainedFrom(const Position& position, std::set<std::string>& visited) {
+  if (visited.size() > kMostPositions) return true;
   if (!visited.insert(textOf(position)).second) return false;
   bool done = true;
   for (std::size_t i = 0; i < position.threads.size(); ++i) {
@@ -227,11 +232,13 @@ std::string numbered(const std::string& service, int number, const std::string& 
   return fmt::format("{} is told as its number {}: {}", service, number, notification);
 }
 
-bool isExplained(const State& start, const History& history) {
+Verdict judge(const State& start, const History& history) {
   Position position{start, {}};
   for (const auto& calls : history) position.threads.push_back({static_cast<int>(position.threads.size()), &calls});
   std::set<std::string> visited;
-  return isExplainedFrom(position, visited);
+  const bool explained = isExplainedFrom(position, visited);
+  if (visited.size() > kMostPositions) return Verdict::Undecided;
+  return explained ? Verdict::Explained : Verdict::Contradicted;
 }
 
 std::string toText(const History& history) {

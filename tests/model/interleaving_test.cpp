@@ -115,10 +115,14 @@ TEST(Memory, ShowsConcurrentThreadsOnlyWhatSomeOrderOfItsStepsExplains) {
   const unsigned seed = given ? static_cast<unsigned>(std::atoi(given)) : 1;
   Generator generator(seed);
   const State start = Model([](const std::string&, const std::string&) {}).state();
+  int undecided = 0;
   for (int i = 0; i < kHistories; ++i) {
     const History history = Recorder().run(generator.next());
-    ASSERT_TRUE(isExplained(start, history)) << "history " << i << " of seed " << seed << "\n" << toText(history);
+    const Verdict verdict = judge(start, history);
+    ASSERT_NE(verdict, Verdict::Contradicted) << "history " << i << " of seed " << seed << "\n" << toText(history);
+    if (verdict == Verdict::Undecided) ++undecided;
   }
+  EXPECT_LE(undecided, kHistories / 100);
 }
 
 }  // namespace
