@@ -20,14 +20,10 @@ bool wantsSubscribers(const mw::AnyObject& extractor) {
 
 }  // namespace
 
-void HXMemory::declareEvent(const std::string& eventName) { xInsertData(eventName, HXValue(), STMValue::Event); }
+void HXMemory::declareEvent(const std::string& eventName) { write(eventName, HXValue(), STMValue::Event, nullptr); }
 
 void HXMemory::declareEvent(const std::string& eventName, const std::string& extractorName) {
-  {
-    const std::unique_lock lock(eventExtractorsLock);
-    eventExtractors.insert_or_assign(eventName, Extractor{extractorName, true});
-  }
-  declareEvent(eventName);
+  write(eventName, HXValue(), STMValue::Event, nullptr, &extractorName);
 }
 
 void HXMemory::raiseEvent(const std::string& name, const HXValue& value) { xRaiseEvent(name, value); }

@@ -11,8 +11,9 @@
 namespace HX {
 namespace {
 
-/// Names of behaviour boxes come and go with every behaviour, and nobody wants to hear of them.
-bool isSilent(const std::string& name) { return name.starts_with("_Behavior"); }
+/// The name as the bookkeeping events say it. Names of behaviour boxes come and go with every behaviour, and nobody
+/// wants to hear of them: theirs is invalid.
+HXValue announced(const std::string& name) { return name.starts_with("_Behavior") ? HXValue() : HXValue(name); }
 
 }  // namespace
 
@@ -84,13 +85,19 @@ std::shared_ptr<STMValue> HXMemory::xInsertData(const std::string& name, const H
   return item;
 }
 
-/// @param value  Takes the old value, which may be large, out of the locks before it dies.
-/// @param item   Filled when it is wanted.
-void HXMemory::write(const std::string& name, HXValue value, STMValue::dataType kind, std::shared_ptr<STMValue>* item) {
-  if (overwrite(name, value, kind, item)) return;
-  const Change change = file(name, value, kind, item);
-  if (change == Change::Added) announce(Memory::keyAddedKey, name);
-  if (change == Change::Retyped) announce(Memory::keyTypeChanged, name);
+/// All that takes memory comes before the first change, here and below: a write that fails for want of it has done
+/// nothing.
+/// @param value      Takes the old value, which may be large, out of the locks before it dies.
+/// @param item       Filled when it is wanted, by those who go on to push history.
+/// @param extractor  Of an event that is declared with one.
+void HXMemory::write(const std::string& name, HXValue value, STMValue::dataType kind, std::shared_ptr<STMValue>* item,
+                     const std::string* extractor) {
+  if (!extractor && overwrite(name, value, kind, item)) return;
+  const HXValue news = announced(name);
+  EventEntry entry = kind == STMValue::Event ? makeEntry(name, extractor) : EventEntry{};
+  const Change change = file(name, value, kind, item, entry);
+  if (change == Change::Added) announce(Memory::keyAddedKey, news);
+  if (change == Change::Retyped) announce(Memory::keyTypeChanged, news);
 }
 
 /// Writes what is there already and stays what it is, which changes nothing in the table: other names can be read and
@@ -102,53 +109,69 @@ bool HXMemory::overwrite(const std::string& name, HXValue& value, STMValue::data
   const auto* found = items.find(name);
   if (!found) return false;
   STMValue& present = **found;
-  if (kind == STMValue::Event && !present.isFiledAsEvent()) return false;
+  if (kind == STMValue::Event) {
+    if (!present.isFiledAsEvent()) return false;
+    if (item) present.reserveHistory();
+  }
   if (!present.tryExchangeValue(value, kind)) return false;
   if (item) *item = *found;
   return true;
 }
 
 HXMemory::Change HXMemory::file(const std::string& name, HXValue& value, STMValue::dataType kind,
-                                std::shared_ptr<STMValue>* item) {
+                                std::shared_ptr<STMValue>* item, EventEntry& entry) {
   const std::unique_lock lock(itemsLock);
   const auto* found = items.find(name);
   const bool added = !found;
-  if (added) {
-    auto made = STMValue::create(this, name, std::move(value), kind, mw::systemNow());
-    found = items.insert(made->name(), made);
-  }
-  STMValue& present = **found;
-  const STMValue::dataType before = added ? kind : present.exchangeValue(value, kind);
+  const auto present = found ? *found : STMValue::create(this, name, std::move(value), kind, mw::systemNow());
+  if (item && kind == STMValue::Event) present->reserveHistory();
+  if (added) items.insert(present->name(), present);
+  if (entry.namesItsExtractor) fileEvent(entry);
+  const STMValue::dataType before = added ? kind : present->exchangeValue(value, kind);
   // An item that only a subscription made is an event already, and not filed as one.
-  if (kind == STMValue::Event && (before != STMValue::Event || !present.isFiledAsEvent())) {
-    fileEvent(name);
-    present.setFiledAsEvent();
+  if (kind == STMValue::Event && (before != STMValue::Event || !present->isFiledAsEvent())) {
+    fileEvent(entry);
+    present->setFiledAsEvent();
   }
-  if (item) *item = *found;
+  if (item) *item = present;
   if (added) return Change::Added;
   return before == kind ? Change::None : Change::Retyped;
 }
 
-void HXMemory::fileEvent(const std::string& name) {
-  const std::unique_lock lock(eventExtractorsLock);
-  eventExtractors.try_emplace(name, Extractor{"Unknown", true}).first->second.filed = true;
+HXMemory::EventEntry HXMemory::makeEntry(const std::string& name, const std::string* extractor) {
+  Extractors one;
+  one.try_emplace(name, Extractor{extractor ? *extractor : "Unknown", true});
+  return {one.extract(one.begin()), extractor != nullptr};
 }
 
-void HXMemory::announce(const std::string& event, const std::string& name) {
-  if (!isSilent(name)) xRaiseEvent(event, HXValue(name));
+void HXMemory::fileEvent(EventEntry& entry) {
+  if (!entry.node) return;
+  const std::unique_lock lock(eventExtractorsLock);
+  auto filed = eventExtractors.insert(std::move(entry.node));
+  Extractor& present = filed.position->second;
+  if (!filed.inserted && entry.namesItsExtractor) present.module.swap(filed.node.mapped().module);
+  present.filed = true;
+}
+
+void HXMemory::announce(const std::string& event, const HXValue& name) {
+  if (name.isValid()) xRaiseEvent(event, name);
 }
 
 std::shared_ptr<STMValue> HXMemory::xRequireSTMValue(const std::string& name, STMValue::dataType kind,
                                                      const HXValue& defaultValue) {
   if (auto item = xGetSTMValue(name)) return item;
-  const auto made = STMValue::create(this, name, defaultValue, kind);
+  return fileUnlessPresent(STMValue::create(this, name, defaultValue, kind));
+}
+
+/// Another thread may have been faster; its item counts.
+std::shared_ptr<STMValue> HXMemory::fileUnlessPresent(const std::shared_ptr<STMValue>& made) {
   const std::unique_lock lock(itemsLock);
-  // Another thread may have been faster; its item counts.
-  const auto* found = items.find(name);
+  const auto* found = items.find(made->name());
   return found ? *found : *items.insert(made->name(), made);
 }
 
 void HXMemory::xRemoveData(const std::string& name) {
+  const HXValue news = announced(name);
   std::shared_ptr<STMValue> removed;  // Let go of after the lock: the last reference may run what needs it.
   {
     const std::unique_lock lock(itemsLock);
@@ -160,7 +183,7 @@ void HXMemory::xRemoveData(const std::string& name) {
     removed = items.extract(name);
   }
   removed.reset();
-  announce(Memory::keyRemovedKey, name);
+  announce(Memory::keyRemovedKey, news);
 }
 
 }  // namespace HX

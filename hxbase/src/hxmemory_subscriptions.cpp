@@ -75,13 +75,26 @@ void HXMemory::subscribeOnDataSetSynchronizeResponse(const std::string& /*name*/
 
 void HXMemory::xSubscribeToEvent(const std::string& name, const std::string& module, const HXValue& message,
                                  const std::string& method) {
-  xRequireSTMValue(name, STMValue::Event, HXValue())->setNotifier(module, message, method);
+  subscribe(name, STMValue::Event, module, message, method);
   runExtractor(name, module + name);
 }
 
 void HXMemory::xSubscribeToMicroEvent(const std::string& name, const std::string& module, const HXValue& message,
                                       const std::string& method) {
-  xRequireSTMValue(name, STMValue::MicroEvent, HXValue())->setNotifier(module, message, method);
+  subscribe(name, STMValue::MicroEvent, module, message, method);
+}
+
+/// An item that only the subscription makes is filed with it, so that none is left behind when that fails.
+void HXMemory::subscribe(const std::string& name, STMValue::dataType kind, const std::string& module,
+                         const HXValue& message, const std::string& method) {
+  auto item = xGetSTMValue(name);
+  if (!item) {
+    const auto made = STMValue::create(this, name, HXValue(), kind);
+    made->setNotifier(module, message, method);
+    item = fileUnlessPresent(made);
+    if (item == made) return;
+  }
+  item->setNotifier(module, message, method);
 }
 
 void HXMemory::xUnsubscribeToMicroEvent(const std::string& name, const std::string& module) {

@@ -131,10 +131,19 @@ void* STMValue::accessPointer(const std::function<void*(HXValue&)>& use) {
   return use(value_);
 }
 
+void STMValue::reserveHistory() {
+  if (historyReserved_.load(std::memory_order_relaxed)) return;
+  auto ring = std::make_shared<History>(kHistoryDepth);
+  const std::lock_guard lock(historyLock_);
+  if (!historyRing_) historyRing_.swap(ring);
+  historyReserved_.store(true, std::memory_order_relaxed);
+}
+
 void STMValue::pushHistory(const HXValue& value) {
+  reserveHistory();
   HXValue entry(value);  // Takes the oldest value out of the lock before it dies.
   const std::lock_guard lock(historyLock_);
-  if (!historyRing_) historyRing_ = std::make_shared<History>(kHistoryDepth);
+  raised_ = true;
   if (!value.isValid()) return;
   if (!historyRing_->full()) {
     historyRing_->push_back({mw::systemNow(), std::move(entry)});
@@ -147,7 +156,7 @@ void STMValue::pushHistory(const HXValue& value) {
 
 HXValue STMValue::history() const {
   const std::lock_guard lock(historyLock_);
-  if (!historyRing_) return {};
+  if (!raised_) return {};
   HXValue::List entries;
   entries.reserve(historyRing_->size());
   for (const auto& [time, value] : *historyRing_) entries.push_back(withTime(value, time));

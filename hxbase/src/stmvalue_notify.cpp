@@ -6,6 +6,7 @@
 #include <libmw/eventloop.h>
 
 #include <condition_variable>
+#include <new>
 #include <utility>
 
 namespace HX {
@@ -83,7 +84,11 @@ void STMValue::retire(STMValue* item) {
     Retirement::instance().end();
   };
   Retirement::instance().begin();
-  if (!mw::defaultLoop().post(end)) end();  // The process is ending, and the loop has: nobody else will do it.
+  try {
+    if (!mw::defaultLoop().post(end)) end();  // The process is ending, and the loop has: nobody else will do it.
+  } catch (const std::bad_alloc&) {
+    Retirement::instance().end();  // The item stays where it is: this is a deleter, from which nothing may be thrown.
+  }
 }
 
 void STMValue::drainRetired() { Retirement::instance().drain(); }
@@ -108,9 +113,11 @@ bool STMValue::hasPending() const {
 }
 
 void STMValue::setNotifier(const std::string& module, const HXValue& message, const std::string& method) {
+  Notifiers made;  // All that takes memory, before the earlier subscription goes.
+  made.emplace(module, STMNotifier(module, message, method));
   const std::lock_guard lock(notifierLock_);
   if (const auto earlier = notifiers_.find(module); earlier != notifiers_.end()) removeNotifier(earlier);
-  notifiers_.emplace(module, STMNotifier(module, message, method));
+  notifiers_.merge(made);
   ++changes_;
   noteQuiet();
 }
@@ -213,7 +220,9 @@ void STMValue::resolveAndCall(const mw::AnyObject& service, const std::string& m
   const auto record = notifiers_.find(module);
   if (record == notifiers_.end()) return;
   try {
-    replaced_.push_back(std::exchange(record->second.proxy, std::make_shared<HXProxy>(service, module)));
+    auto proxy = std::make_shared<HXProxy>(service, module);
+    replaced_.push_back(record->second.proxy);
+    record->second.proxy = std::move(proxy);
     call(record->second, key, value, calls, "operator()");
   } catch (const std::exception& error) {
     HX_LOG_AS(Verbose, itemCategory(), "operator()", module + " not found, removing module reference:" + error.what());

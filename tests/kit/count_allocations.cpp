@@ -4,17 +4,47 @@
 #include <new>
 
 namespace {
+
 thread_local std::size_t allocations = 0;
+thread_local std::size_t left = 0;  // Until one fails; 0: none will.
+thread_local bool lasts = false;
+thread_local bool hasFailed = false;
+
+void* allocate(std::size_t size, std::size_t alignment) {
+  ++allocations;
+  if (left != 0 && --left == 0) {
+    hasFailed = true;
+    if (lasts) left = 1;
+    throw std::bad_alloc();
+  }
+  // The system wants whole multiples of the alignment.
+  if (void* memory = std::aligned_alloc(alignment, (size + alignment) / alignment * alignment)) return memory;
+  throw std::bad_alloc();
 }
 
+}  // namespace
+
 namespace kit {
+
 std::size_t allocationsOfThisThread() noexcept { return allocations; }
+
+OutOfMemory::OutOfMemory(std::size_t nth, bool forGood) noexcept {
+  left = nth;
+  lasts = forGood;
+  hasFailed = false;
+}
+
+OutOfMemory::~OutOfMemory() { left = 0; }
+
+bool OutOfMemory::wasMet() noexcept { return hasFailed; }
+
 }  // namespace kit
 
-void* operator new(std::size_t size) {
-  ++allocations;
-  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-  throw std::bad_alloc();
+void* operator new(std::size_t size) { return allocate(size, __STDCPP_DEFAULT_NEW_ALIGNMENT__); }
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  return allocate(size, static_cast<std::size_t>(alignment));
 }
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory, std::align_val_t) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }

@@ -185,6 +185,13 @@ class HXMemory : public HXModule {
     std::string module;  ///< "Unknown" or empty: nobody.
     bool filed = false;
   };
+  using Extractors = std::map<std::string, Extractor>;
+
+  /// An event's entry among the extractors, made before anything is changed: filing it cannot run out of memory.
+  struct EventEntry {
+    Extractors::node_type node;      ///< Empty once it is filed, and for what is no event.
+    bool namesItsExtractor = false;  ///< Otherwise an extractor that is known already stays.
+  };
 
   enum class Change { None, Added, Retyped };
 
@@ -207,11 +214,17 @@ class HXMemory : public HXModule {
   void bindRemainingMethods();
 
   bool copyData(const std::string& name, HXValue& value) const;
-  void write(const std::string& name, HXValue value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
+  void write(const std::string& name, HXValue value, STMValue::dataType kind, std::shared_ptr<STMValue>* item,
+             const std::string* extractor = nullptr);
   bool overwrite(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
-  Change file(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
-  void fileEvent(const std::string& name);
-  void announce(const std::string& event, const std::string& name);
+  Change file(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item,
+              EventEntry& entry);
+  static EventEntry makeEntry(const std::string& name, const std::string* extractor);
+  void fileEvent(EventEntry& entry);
+  std::shared_ptr<STMValue> fileUnlessPresent(const std::shared_ptr<STMValue>& made);
+  void subscribe(const std::string& name, STMValue::dataType kind, const std::string& module, const HXValue& message,
+                 const std::string& method);
+  void announce(const std::string& event, const HXValue& name);
   std::shared_ptr<STMValue> requireItem(const std::string& name, const char* method) const;
   void* pointerTo(const std::string& key, const char* method, const HXValue& defaultValue,
                   const std::function<void*(HXValue&)>& access);
@@ -227,7 +240,7 @@ class HXMemory : public HXModule {
   mw::Lifetime lifetime_;
   std::mutex frameManagerLock;  // Guards `frameManagerProxy`; never held across a call.
   std::weak_ptr<HXProxy> frameManagerProxy;
-  std::map<std::string, Extractor> eventExtractors;
+  Extractors eventExtractors;
   mutable TableLock eventExtractorsLock;  // Guards `eventExtractors`.
   NameTable<STMValue> items;
   mutable TableLock itemsLock;  // Guards `items`: which item a name means, not what is in the item.

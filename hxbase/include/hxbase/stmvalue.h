@@ -88,6 +88,8 @@ class alignas(64) STMValue {
 
   // --- History -------------------------------------------------------------------------------------------------------
 
+  /// Makes the room that `pushHistory` needs, which then does not fail.
+  void reserveHistory();
   /// Appends a raised value with the current time; the last 50 are kept. Invalid values are not recorded.
   void pushHistory(const HXValue& value);
   /// A list of [value, seconds, microseconds], oldest first; invalid before the first `pushHistory`.
@@ -165,7 +167,9 @@ class alignas(64) STMValue {
   mutable NotifierLock notifierLock_;
   std::list<mw::Future<void>> pendingNotifications_;
   using History = boost::circular_buffer<std::pair<mw::SystemTimePoint, HXValue>>;
-  std::shared_ptr<History> historyRing_;  // Guarded by historyLock_. Empty until something is raised.
+  std::shared_ptr<History> historyRing_;      // Guarded by historyLock_, as is the next. Empty until it is needed.
+  bool raised_ = false;                       // Something was pushed, if only an invalid value.
+  std::atomic<bool> historyReserved_{false};  // `historyRing_` is there for good.
 
   // A record that goes while it is being called still owns the method's name, the message and the call state, and a
   // proxy that is replaced is still being called through: they wait here until the outermost dispatch ends. `changes_`
