@@ -7,6 +7,7 @@
 #include <libmw/log.h>
 #include <libmw/session.h>
 
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <map>
@@ -63,7 +64,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
     for (const auto& [number, link] : links) link->gone().wait();
   }
 
-  void onReady(std::uint32_t /*events*/, std::vector<remote::Work>& /*works*/) override { acceptAll(); }
+  void onReady(std::uint32_t /*events*/, std::vector<remote::Work>& /*works*/) override { acceptOne(); }
 
   std::size_t connectionCount() const {
     const std::lock_guard lock(mutex_);
@@ -73,22 +74,26 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
  private:
   void watch(std::uint32_t events) { local::Poller::instance().watch(number_, socket_.number(), events); }
 
-  void acceptAll() {
-    while (true) {
-      local::File accepted(::accept4(socket_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-      if (accepted) {
-        welcome(std::move(accepted));
-      } else if (errno == EAGAIN) {
-        return;
-      } else if (errno != EINTR && errno != ECONNABORTED) {
-        log::error(
-            kCategory, "accept",
-            fmt::format("broker {} cannot take a connection: {}", name_, std::generic_category().message(errno)));
-        watch(0);
-        defaultLoop().post([self = shared_from_this()] { self->watch(EPOLLIN); }, kPauseAfterFailure);
-        return;
-      }
+  /// One, because the socket stays ready while more wait. To try until nobody does would, with the last file, fail for
+  /// want of a file that nobody needs.
+  void acceptOne() {
+    local::File accepted(::accept4(socket_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (accepted) {
+      isShort_ = false;
+      welcome(std::move(accepted));
+    } else if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
+      waitForMore(errno);
     }
+  }
+
+  void waitForMore(int error) {
+    if (!isShort_.exchange(true)) {
+      log::error(kCategory, "accept",
+                 fmt::format("broker {} cannot take a connection: {}; newcomers wait until it can", name_,
+                             std::generic_category().message(error)));
+    }
+    watch(0);
+    defaultLoop().post([self = shared_from_this()] { self->watch(EPOLLIN); }, kPauseAfterFailure);
   }
 
   void welcome(local::File socket) {
@@ -138,7 +143,8 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   const local::BrokerFiles files_;
   local::File lock_;
   local::File socket_;
-  std::uint64_t number_ = 0;  // at the poller
+  std::uint64_t number_ = 0;          // at the poller
+  std::atomic<bool> isShort_{false};  // the last attempt to accept failed, and was told
 
   mutable std::mutex mutex_;  // Guards everything below.
   bool stopped_ = false;

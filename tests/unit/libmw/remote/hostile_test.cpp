@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <capture_log.h>
+#include <fcntl.h>
 #include <future>
+#include <malloc.h>
 #include <random>
 #include <semaphore>
 #include <sys/resource.h>
@@ -317,11 +319,16 @@ TEST_F(WithLowLimits, APeerThatDoesNotReadItsEmissionsIsEnded) {
   const SignalLink link = echo->connect("said", SignalSubscriber([&](const std::string&) { seen.release(); })).take();
   while (peer.receive().find(bytes({0x94, 1, 7, 0xc0, 0xc0})) == std::string::npos) {
   }
-  for (int i = 0; i < 1000; ++i) {
+  const std::size_t before = ::mallinfo2().uordblks;
+  std::size_t most = 0;
+  for (int i = 0; i < 10'000; ++i) {
     (*signal_)(std::string(4096, 'x'));
     seen.acquire();
+    if (i % 100 == 0) expectOthersAreServed();
+    most = std::max(most, ::mallinfo2().uordblks);
   }
   waitForLog("it does not read");
+  EXPECT_LT(most, before + 4 * options().outputLimit) << "of " << 10'000 * 4096 << " bytes that it did not read";
   echo->disconnect(link).value();
   expectOthersAreServed();
 }
@@ -391,6 +398,72 @@ TEST_F(WithLowLimits, ConnectionsBeyondTheLimitAreRefused) {
   waitForLog("4 are connected, which is the limit");
   expectOthersAreServed();
   EXPECT_EQ(server->connectionCount(), 4U);
+}
+
+/// Leaves the process no more files than `left`, the peers' ends included.
+class FewFiles {
+ public:
+  explicit FewFiles(std::size_t left) {
+    ::getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit few = before_;
+    few.rlim_cur = 256;
+    ::setrlimit(RLIMIT_NOFILE, &few);
+    for (int file = ::open("/dev/null", O_RDONLY); file >= 0; file = ::open("/dev/null", O_RDONLY)) {
+      taken_.push_back(file);
+    }
+    for (; left > 0 && !taken_.empty(); --left, taken_.pop_back()) ::close(taken_.back());
+  }
+  FewFiles(const FewFiles&) = delete;
+  FewFiles& operator=(const FewFiles&) = delete;
+  ~FewFiles() {
+    for (const int file : taken_) ::close(file);
+    ::setrlimit(RLIMIT_NOFILE, &before_);
+  }
+
+ private:
+  rlimit before_{};
+  std::vector<int> taken_;
+};
+
+std::chrono::microseconds processorTime() {
+  rusage usage{};
+  ::getrusage(RUSAGE_SELF, &usage);
+  const auto of = [](const timeval& time) {
+    return std::chrono::seconds(time.tv_sec) + std::chrono::microseconds(time.tv_usec);
+  };
+  return of(usage.ru_utime) + of(usage.ru_stime);
+}
+
+TEST_F(HostilePeers, WaitWhileTheyHoldAllFiles) {
+  const FewFiles three(3);
+  const std::string hello = request("korvo.hello", {1});
+  const auto isAnswered = [](const RawPeer& peer) {
+    std::string received;
+    for (std::string more = peer.receive(); !more.empty(); more = peer.receive()) {  // Heartbeats come between.
+      if ((received += more).find("torso") != std::string::npos) return true;
+    }
+    return false;
+  };
+  const auto shortages = [this] {
+    const auto entries = log.entries();
+    return std::ranges::count(entries, LogLevel::Error, &kit::CaptureLog::Entry::level);
+  };
+  auto peer = std::make_unique<RawPeer>(socket());
+  peer->send(hello);
+  ASSERT_TRUE(isAnswered(*peer));
+  for (const int shortage : {1, 2}) {
+    auto newcomer = std::make_unique<RawPeer>(socket());
+    newcomer->send(hello);
+    const auto before = processorTime();
+    // A few attempts of the broker's long.
+    EXPECT_FALSE(newcomer->hasMore(std::chrono::milliseconds(500)));
+    EXPECT_LT(processorTime() - before, std::chrono::milliseconds(200)) << "a busy loop";
+    EXPECT_EQ(shortages(), shortage) << testing::PrintToString(log.texts());
+    expectOthersAreServed();
+    peer.reset();
+    EXPECT_TRUE(isAnswered(*newcomer));
+    peer.swap(newcomer);
+  }
 }
 
 class WithAShortHeartbeat : public HostilePeers {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -39,10 +40,15 @@ class RawPeer {
     return true;
   }
 
+  /// Whether more bytes, or the end, come within some time.
+  bool hasMore(std::chrono::milliseconds limit) const {
+    pollfd file{file_, POLLIN, 0};
+    return ::poll(&file, 1, static_cast<int>(limit.count())) > 0;
+  }
+
   /// Waits for more bytes. @return Empty when the connection has ended.
   std::string receive() const {
-    pollfd file{file_, POLLIN, 0};
-    if (::poll(&file, 1, 30'000) <= 0) throw std::runtime_error("nothing comes");
+    if (!hasMore(std::chrono::seconds(30))) throw std::runtime_error("nothing comes");
     std::string bytes(65536, '\0');
     const ssize_t count = ::recv(file_, bytes.data(), bytes.size(), 0);
     bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
