@@ -4,6 +4,7 @@
 #include <hxvalue/hxvalue.h>
 #include <libmw/genericobject.h>
 
+#include <concepts>
 #include <map>
 #include <memory>
 #include <string>
@@ -42,6 +43,11 @@ class HX_API HXMemoryProxy {
   void insertData(const std::string& key, const std::string& value);
   void insertData(const std::string& key, const char* value);
   void insertData(const std::string& key, const HXValue& value);
+  /// A bool stays one. Only a bool: what merely converts to one, a pointer for instance, does not choose this.
+  template <std::same_as<bool> Bool>
+  void insertData(const std::string& key, Bool value) {
+    insertData(key, HXValue(value));
+  }
   /// @param list  [[key, value], …]
   void insertListData(const HXValue& list);
 

@@ -64,6 +64,11 @@ TEST_F(BoundMethods, AreChosenByTheInsertedType) {
   EXPECT_EQ(entry(HXValue("text")), 2);
 }
 
+TEST_F(BoundMethods, KeepABoolThroughTheSpecialisedProxy) {
+  HXMemoryProxy(generic).insertData("flag", true);
+  EXPECT_EQ(memory->getData("flag"), HXValue(true));
+}
+
 TEST_F(BoundMethods, TimeTheirOwnCost) {
   testing::internal::CaptureStdout();
   generic->call("_perf");
