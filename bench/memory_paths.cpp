@@ -4,7 +4,6 @@
 #include "control_table.h"
 #include "memory_keys.h"
 
-#include <array>
 #include <memory>
 #include <thread>
 
@@ -81,8 +80,9 @@ MEMORY_BENCHMARK(insertByProxy);
 constexpr double kScaling = 1 / 0.85;
 
 void privateGet(benchmark::State& state) {
-  static const std::array tables{filledControl(), filledControl()};
-  const auto& table = *tables[static_cast<std::size_t>(state.thread_index())];
+  static const auto first = filledControl();
+  static const auto second = filledControl();
+  const auto& table = state.thread_index() == 0 ? *first : *second;
   runOverKeys(state, keys(), [&](const std::string& key) { return table.get(key)->isInt(); });
 }
 

@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdlib>
 #include <filesystem>
-#include <signal.h>
 #include <spawn.h>
 #include <stdexcept>
 #include <string>
@@ -28,6 +28,7 @@ class Child {
  public:
   explicit Child(std::vector<std::string> arguments) {
     std::vector<char*> raw;
+    raw.reserve(arguments.size() + 1);
     for (auto& argument : arguments) raw.push_back(argument.data());
     raw.push_back(nullptr);
     if (::posix_spawnp(&pid_, raw.front(), nullptr, nullptr, raw.data(), environ) != 0) pid_ = -1;
