@@ -1,5 +1,7 @@
 #include "arguments.h"
 
+#include "format.h"
+
 #include <hxvalue/json.h>
 
 #include <algorithm>
@@ -41,15 +43,6 @@ std::size_t bracketExtent(std::string_view text) {
     if (depth == 0) return i;
   }
   return text.size();
-}
-
-/// As much of `text` as an error can show, cut between characters.
-std::string excerpt(std::string_view text) {
-  constexpr std::size_t kLongest = 40;
-  if (text.size() <= kLongest) return std::string(text);
-  std::size_t end = kLongest;
-  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80) --end;
-  return std::string(text.substr(0, end)) + "...";
 }
 
 HXValue parse(std::string_view json, const char* what) {

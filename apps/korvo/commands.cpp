@@ -1,6 +1,7 @@
 #include "commands.h"
 
 #include "arguments.h"
+#include "format.h"
 #include "output.h"
 
 #include <algorithm>
@@ -28,7 +29,7 @@ void listCommands(Output& output) {
 
 void describeCommand(Output& output, const std::string& name) {
   const Command* command = findCommand(name);
-  if (!command) throw InputError(fmt::format("no command {}", name));
+  if (!command) throw InputError(fmt::format("no command {}", excerpt(name)));
   output.line(synopsis(*command));
   output.line(fmt::format("  {}", command->summary));
   for (std::string_view rest = command->details; !rest.empty();) {

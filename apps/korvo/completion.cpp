@@ -55,15 +55,12 @@ Words namesOf(const mw::MetaObject& object, bool signals) {
 /// @param begun  What the word begins with; the memory need not tell what does not even contain it.
 Words askBroker(const std::string& broker, const std::string& wanted, const Words& arguments,
                 const std::string& begun) {
-  try {
-    RemoteTarget target(broker, kPatience);
-    if (wanted == "KEY" || wanted == "FILTER") return target.memory().getDataList(begun);
-    if (wanted == "EVENT") return target.memory().getEventList();
-    if (wanted == "SERVICE" || wanted == "EXTRACTOR") return target.services();
-    if (wanted == "METHOD" || wanted == "SIGNAL") {
-      return namesOf(target.require(arguments.at(0))->asObject()->metaObject(), wanted == "SIGNAL");
-    }
-  } catch (const std::exception&) {  // Nothing to offer.
+  RemoteTarget target(broker, kPatience);
+  if (wanted == "KEY" || wanted == "FILTER") return target.memory().getDataList(begun);
+  if (wanted == "EVENT") return target.memory().getEventList();
+  if (wanted == "SERVICE" || wanted == "EXTRACTOR") return target.services();
+  if (wanted == "METHOD" || wanted == "SIGNAL") {
+    return namesOf(target.require(arguments.at(0))->asObject()->metaObject(), wanted == "SIGNAL");
   }
   return {};
 }
@@ -105,7 +102,7 @@ Words candidates(std::span<const std::string> words) {
   const auto before = words.subspan(1, words.size() - 2);
   const bool isValue = [&] {
     const auto* last = before.empty() ? nullptr : options->get_option_no_throw(before.back());
-    return before.size() > 0 && before.back().starts_with("--") && last && last->get_items_expected_max() > 0;
+    return !before.empty() && before.back().starts_with("--") && last && last->get_items_expected_max() > 0;
   }();
   if (isValue) return valuesOf(before.back());
   if (words.back().starts_with("-")) return optionNames(*options);
@@ -120,7 +117,12 @@ Words candidates(std::span<const std::string> words) {
 std::vector<std::string> completions(std::span<const std::string> words) {
   if (words.empty()) return verbNames();
   mw::log::setLevel(mw::LogLevel::Silent);
-  Words found = candidates(words);
+  Words found;
+  try {
+    found = candidates(words);
+  } catch (const std::exception&) {  // Nothing to offer.
+    return {};
+  }
   const std::string& begun = words.back();
   std::erase_if(found, [&](const std::string& word) {
     return !word.starts_with(begun) || word.find_first_of("\n\r") != std::string::npos;

@@ -1,6 +1,7 @@
 #include "console.h"
 
 #include "arguments.h"
+#include "format.h"
 #include "linesource.h"
 #include "output.h"
 #include "target.h"
@@ -48,7 +49,7 @@ void Console::dispatch(std::string_view line) {
   if (arguments.atEnd()) return;
   const std::string name = arguments.word("COMMAND");
   const Command* command = findCommand(name);
-  if (!command) throw InputError(fmt::format("no command {}; try help", name));
+  if (!command) throw InputError(fmt::format("no command {}; try help", excerpt(name)));
   try {
     command->run(context_, arguments);
   } catch (const InputError& error) {

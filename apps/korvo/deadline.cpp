@@ -32,7 +32,7 @@ class WatchedObject final : public mw::GenericObject {
 
   mw::Future<mw::AnyValue> metaCall(unsigned method, mw::GenericFunctionParameters parameters,
                                     mw::MetaCallType callType) override {
-    const auto answer = object_->metaCall(method, parameters, callType);
+    auto answer = object_->metaCall(method, parameters, callType);
     if (answer.isFinished()) return answer;
     const mw::MetaMethod* const called = metaObject().method(method);
     return deadlines_->watch(answer, fmt::format("{}.{}", name_, called ? called->name : fmt::format("{}", method)));

@@ -86,7 +86,7 @@ void watch(Context& context, Arguments& arguments) {
 
 void unwatch(Context& context, Arguments& arguments) {
   for (const auto& key : someKeys(arguments)) {
-    if (!context.watches.remove(key)) throw std::runtime_error("not watched: " + key);
+    if (!context.watches.remove(key)) throw std::runtime_error("not watched: " + excerpt(key));
   }
 }
 

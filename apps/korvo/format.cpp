@@ -34,6 +34,14 @@ std::string escapeControls(std::string_view text) {
   return line;
 }
 
+std::string excerpt(std::string_view text) {
+  constexpr std::size_t kLongest = 64;
+  if (text.size() <= kLongest) return std::string(text);
+  std::size_t end = kLongest;
+  while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80) --end;
+  return fmt::format("{}...", text.substr(0, end));
+}
+
 namespace {
 
 std::string formatPointer(const void* at) {
@@ -79,7 +87,7 @@ std::string formatTime(mw::SystemTimePoint time) {
 
 Stamped toStamped(const HXValue& triple) {
   if (triple.getSize() != 3 || !triple.isList()) {
-    throw std::runtime_error("expected [value, seconds, microseconds], and got " + triple.toString());
+    throw std::runtime_error("expected [value, seconds, microseconds], and got " + excerpt(triple.toString()));
   }
   const auto time = std::chrono::seconds(triple[1].toInt64()) + std::chrono::microseconds(triple[2].toInt64());
   return {triple[0], mw::SystemTimePoint(time)};

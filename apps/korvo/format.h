@@ -13,6 +13,9 @@ namespace korvo {
 /// `text` on one line: line ends and control characters as escapes (`\n`, `\x1b`), everything else as it is.
 std::string escapeControls(std::string_view text);
 
+/// As much of what was given as an error shows of it, cut between characters.
+std::string excerpt(std::string_view text);
+
 /// What a method returned as one line of JSON; none when it returned nothing.
 ///
 /// A pointer is a string with its hexadecimal address, an object `{"object":TYPE,"id":N}` or null, and what has no

@@ -1,5 +1,6 @@
 #include "host.h"
 
+#include "brokername.h"
 #include "commandline.h"
 #include "event.h"
 #include "output.h"
@@ -21,7 +22,7 @@ int host(const HostOptions& options) {
   Output output(std::cout, std::cerr);
   const auto broker = HX::HXBroker::create(fmt::format("host-{}", getpid()));
   mw::Session& session = *broker->session();
-  const mw::LocalClient client(session, options.broker);
+  const mw::LocalClient client(session, chooseBroker(options.broker));
   mw::Lifetime lifetime;
   const auto noteLoss = [&](const std::string& reason) {
     output.note(fmt::format("broker {}: {}; waiting for it to come back", client.broker(), reason));

@@ -1,12 +1,13 @@
 #include "arguments.h"
+#include "brokername.h"
 #include "checkmap.h"
+#include "format.h"
 #include "help.h"
 #include "host.h"
 #include "run.h"
 #include "verbs.h"
 
 #include <algorithm>
-#include <cctype>
 #include <iostream>
 #include <memory>
 
@@ -17,14 +18,6 @@ namespace korvo {
 namespace {
 
 constexpr std::string_view kGroup = "In this terminal";
-
-std::string checkName(const std::string& name) {
-  const auto isPlain = [](unsigned char c) {
-    return (c < 0x80 && std::isalnum(c)) || c == '-' || c == '_' || c == '.';
-  };
-  if (!name.empty() && std::ranges::all_of(name, isPlain) && name != "." && name != "..") return {};
-  return "a name has letters, digits, '-', '_' and '.' only: " + name;
-}
 
 /// From silent to debug.
 std::vector<std::string> levelNames() {
@@ -37,7 +30,7 @@ std::vector<std::string> levelNames() {
 
 std::string checkLevel(const std::string& name) {
   if (std::ranges::count(levelNames(), name)) return {};
-  return fmt::format("no level {}; there is {}", name, fmt::join(levelNames(), ", "));
+  return fmt::format("no level {}; there is {}", excerpt(name), fmt::join(levelNames(), ", "));
 }
 
 mw::LogLevel levelOf(const std::string& name) {
@@ -71,7 +64,7 @@ Verb runVerb() {
   const auto options = std::make_shared<RunOptions>();
   const auto addOptions = [options](CLI::App& app) {
     app.add_option("--name", options->name, "Name of the broker")
-        ->check(CLI::Validator(checkName, ""))
+        ->check(CLI::Validator(checkBrokerName, ""))
         ->type_name("NAME")
         ->capture_default_str();
     addModules(app, *options);
@@ -114,6 +107,7 @@ Verb hostVerb() {
   const auto addOptions = [options](CLI::App& app) {
     addModules(app, *options)->required();
     app.add_option("--broker", options->broker, "The broker to join; by default the only one that is running")
+        ->check(CLI::Validator(checkBrokerName, ""))
         ->type_name("NAME");
     addHosting(app, options);
   };

@@ -11,27 +11,32 @@
 
 namespace korvo {
 
-void forEachLine(LineSource& lines, std::string_view name, const std::function<void(std::string_view line)>& use,
-                 const std::function<void(const std::string& error)>& fail) {
+namespace {
+
+void forEachLine(LineSource& lines, const std::function<void(std::string_view line)>& use) {
   for (std::size_t number = 1;; ++number) {
-    std::string failure;
     try {
       const auto line = lines.next();
       if (!line) return;
-      if (line->find_first_not_of(" \t\r") != std::string::npos) use(*line);
-      continue;
+      if (!isBlank(*line)) use(*line);
     } catch (const std::exception& error) {
-      failure = fmt::format("{} line {}: {}", name, number, error.what());
+      throw std::runtime_error(lineError("standard input", number, error.what()));
     }
-    if (!fail) throw std::runtime_error(failure);
-    fail(failure);
   }
+}
+
+}  // namespace
+
+bool isBlank(std::string_view line) { return line.find_first_not_of(" \t\r") == std::string_view::npos; }
+
+std::string lineError(std::string_view source, std::size_t number, std::string_view reason) {
+  return fmt::format("{} line {}: {}", source, number, reason);
 }
 
 void forEachValue(Context& context, Arguments& arguments, const std::function<void(const HX::HXValue&)>& use) {
   if (context.input && arguments.takeDash()) {
     arguments.end();
-    forEachLine(*context.input, "standard input", [&](std::string_view line) { use(HX::fromJson(line)); });
+    forEachLine(*context.input, [&](std::string_view line) { use(HX::fromJson(line)); });
     return;
   }
   const HX::HXValue value = arguments.json("JSON");

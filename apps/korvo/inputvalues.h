@@ -4,7 +4,10 @@
 
 #include <hxvalue/hxvalue.h>
 
+#include <cstddef>
 #include <functional>
+#include <string>
+#include <string_view>
 
 namespace korvo {
 
@@ -15,11 +18,9 @@ namespace korvo {
 ///   that is no JSON, or that `use` failed with. What stood above it has been used.
 void forEachValue(Context& context, Arguments& arguments, const std::function<void(const HX::HXValue&)>& use);
 
-/// Calls `use` with each line of `lines` that is not blank.
-/// @param name  Of the source, for errors.
-/// @param fail  Called with "NAME line N: REASON" where a line cannot be had or `use` throws; what it throws in turn
-///              ends the reading. By default that is a std::runtime_error with this text.
-void forEachLine(LineSource& lines, std::string_view name, const std::function<void(std::string_view line)>& use,
-                 const std::function<void(const std::string& error)>& fail = {});
+bool isBlank(std::string_view line);
+
+/// "SOURCE line N: REASON"
+std::string lineError(std::string_view source, std::size_t number, std::string_view reason);
 
 }  // namespace korvo

@@ -78,7 +78,7 @@ KeyRecord toRecord(std::string_view line) {
   record.description = textOf(object, "description", "");
   if (record.key.empty()) throw std::runtime_error("it has no key");
   if (record.kind != "Data" && record.kind != "Event" && record.kind != "MicroEvent") {
-    throw std::runtime_error(fmt::format("{} is no kind: there is Data, Event and MicroEvent", record.kind));
+    throw std::runtime_error(fmt::format("{} is no kind: there is Data, Event and MicroEvent", excerpt(record.kind)));
   }
   if (const std::string exact = textOf(object, "msgpack", ""); !exact.empty()) {
     record.value = HX::fromMsgpack(fromHex(exact));
@@ -90,17 +90,21 @@ KeyRecord toRecord(std::string_view line) {
   return record;
 }
 
-void store(HX::HXMemoryProxy& memory, const KeyRecord& record) {
+std::vector<mw::Future<mw::AnyValue>> store(mw::GenericObject& memory, const KeyRecord& record) {
+  std::vector<mw::Future<mw::AnyValue>> answers;
   if (record.kind == "Data") {
-    memory.insertData(record.key, record.value);
+    answers.push_back(memory.async("insertData", record.key, record.value));
   } else if (record.kind == "MicroEvent") {
-    memory.raiseMicroEvent(record.key, record.value);
+    answers.push_back(memory.async("raiseMicroEvent", record.key, record.value));
   } else if (record.value.isValid()) {
-    memory.raiseEvent(record.key, record.value);
+    answers.push_back(memory.async("raiseEvent", record.key, record.value));
   } else {
-    memory.declareEvent(record.key);
+    answers.push_back(memory.async("declareEvent", record.key));
   }
-  if (!record.description.empty()) memory.setDescription(record.key, record.description);
+  if (!record.description.empty()) {
+    answers.push_back(memory.async("setDescription", record.key, record.description));
+  }
+  return answers;
 }
 
 }  // namespace korvo

@@ -1,9 +1,11 @@
 #pragma once
 
-#include <hxproxies/hxmemoryproxy.h>
+#include <hxvalue/hxvalue.h>
+#include <libmw/genericobject.h>
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace korvo {
 
@@ -24,8 +26,9 @@ std::string toLine(const KeyRecord& record);
 /// @throws std::runtime_error that says what is wrong: no JSON, no object, no or an empty key, an unknown kind.
 KeyRecord toRecord(std::string_view line);
 
-/// Makes the memory hold what the record says, in the way that fits its kind: events are raised, so that their
+/// Has the memory hold what the record says, in the way that fits its kind: events are raised, so that their
 /// subscribers are told, or only declared when they have no value.
-void store(HX::HXMemoryProxy& memory, const KeyRecord& record);
+/// @return The answers of the calls that were made, not waited for.
+std::vector<mw::Future<mw::AnyValue>> store(mw::GenericObject& memory, const KeyRecord& record);
 
 }  // namespace korvo

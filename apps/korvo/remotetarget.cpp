@@ -1,7 +1,9 @@
 #include "remotetarget.h"
 
+#include "brokername.h"
 #include "brokerservice.h"
 #include "deadline.h"
+#include "format.h"
 
 #include <hxcommon/hxproxy.h>
 #include <libmw/local.h>
@@ -13,8 +15,8 @@
 
 namespace korvo {
 struct RemoteTarget::Connection {
-  explicit Connection(RemoteTarget& target)
-      : client(target.session_, target.wanted_),
+  Connection(RemoteTarget& target, const std::string& broker)
+      : client(target.session_, broker),
         deadlines(target.patience_.count() > 0
                       ? std::make_shared<Deadlines>(target.session_.eventLoop(), target.patience_,
                                                     "broker " + client.broker())
@@ -36,13 +38,12 @@ RemoteTarget::Connection& RemoteTarget::connection() {
 }
 
 void RemoteTarget::connect() {
+  const std::string name = chooseBroker(wanted_);
   try {
-    connection_ = std::make_unique<Connection>(*this);
+    connection_ = std::make_unique<Connection>(*this, name);
   } catch (const mw::NoBrokerError&) {
     throw;
   } catch (const std::exception& error) {
-    const auto running = mw::runningBrokers();
-    const std::string& name = wanted_.empty() && running.size() == 1 ? running.front() : wanted_;
     throw std::runtime_error(fmt::format("broker {}: {}", name, error.what()));
   }
 }
@@ -65,7 +66,7 @@ T RemoteTarget::await(mw::Future<T> answer, const std::string& what) {
 std::shared_ptr<HX::HXProxy> RemoteTarget::find(const std::string& service) {
   try {
     const auto& deadlines = connection().deadlines;
-    const auto found = await(session_.service(service), "where service " + service + " is");
+    const auto found = await(session_.service(service), fmt::format("where service {} is", excerpt(service)));
     return std::make_shared<HX::HXProxy>(deadlines ? withDeadline(found, service, deadlines) : found, service);
   } catch (const mw::FutureError& error) {
     if (error.kind() == mw::FutureError::Kind::UserError) return nullptr;

@@ -17,7 +17,8 @@ namespace korvo {
 /// A broker of another process. It is joined at the first use, so that a command whose arguments are wrong fails with
 /// that, and left when this object goes.
 ///
-/// The first use throws mw::NoBrokerError when there is no such broker.
+/// The first use throws mw::NoBrokerError when there is no such broker, and InputError when several are running and
+/// none was named.
 class RemoteTarget final : public Target {
  public:
   /// @param broker    Its name; empty for the only one that is running.

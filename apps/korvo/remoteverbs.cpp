@@ -1,7 +1,9 @@
 #include "arguments.h"
+#include "brokername.h"
 #include "commandline.h"
 #include "commands.h"
 #include "follow.h"
+#include "format.h"
 #include "linesource.h"
 #include "liveview.h"
 #include "output.h"
@@ -37,16 +39,21 @@ struct RemoteOptions {
   }
 };
 
+std::string checkSeconds(const std::string& text) {
+  constexpr double kMost = 1e6;
+  double seconds = 0;
+  if (CLI::detail::lexical_cast(text, seconds) && seconds >= 0 && seconds <= kMost) return {};
+  return fmt::format("{} is no time from 0 to {} seconds", excerpt(text), kMost);
+}
+
 void addRemote(CLI::App& app, RemoteOptions& options) {
   app.add_option("--broker", options.broker, "The broker to ask; by default the only one that is running")
       ->type_name("NAME")
       // A variable of a script that is not set must not reach another robot.
-      ->check(CLI::Validator([](std::string& name) { return name.empty() ? "a broker has a name" : ""; }, ""));
+      ->check(CLI::Validator(checkBrokerName, ""));
   app.add_option("--timeout", options.seconds, "Give up a call that has no answer by then; 0 waits without end")
       ->type_name("SECONDS")
-      ->check(CLI::Validator(CLI::Range(0.0, 1e6)).description(""))
-      ->check(
-          CLI::Validator([](std::string& text) { return text.find("nan") < text.size() ? "not a number" : ""; }, ""))
+      ->check(CLI::Validator(checkSeconds, ""))
       ->capture_default_str();
 }
 

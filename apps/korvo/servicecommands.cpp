@@ -73,7 +73,7 @@ void emit(Context& context, Arguments& arguments) {
   const Values values = arguments.jsons("JSON");
   const mw::AnyObject object = context.target.require(service)->asObject();
   const int id = object->metaObject().signalId(signal);
-  if (id < 0) throw std::runtime_error(fmt::format("{}.{}: no such signal", service, signal));
+  if (id < 0) throw std::runtime_error(fmt::format("{}.{}: no such signal", service, excerpt(signal)));
   object->metaPost(static_cast<unsigned>(id), references(values));
   context.target.settle();
 }

@@ -1,5 +1,7 @@
 #include "target.h"
 
+#include "format.h"
+
 #include <hxcommon/hxbroker.h>
 
 #include <stdexcept>
@@ -9,7 +11,7 @@ namespace korvo {
 
 std::shared_ptr<HX::HXProxy> Target::require(const std::string& service) {
   auto proxy = find(service);
-  if (!proxy) throw std::runtime_error("no service named " + service);
+  if (!proxy) throw std::runtime_error("no service named " + excerpt(service));
   return proxy;
 }
 

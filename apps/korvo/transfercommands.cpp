@@ -1,6 +1,6 @@
 #include "arguments.h"
 #include "commands.h"
-#include "inputvalues.h"
+#include "import.h"
 #include "keyquestions.h"
 #include "keyrecord.h"
 #include "linesource.h"
@@ -10,18 +10,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <fcntl.h>
-#include <stdexcept>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
 namespace korvo {
 namespace {
-
-using namespace std::chrono_literals;
 
 /// What the memory raises about itself means nothing at another time or in another memory.
 bool isOfTheMemoryItself(const std::string& key) {
@@ -63,31 +59,6 @@ class InputFile {
   const int file_;
 };
 
-/// Stores records and tells how many, on a terminal now and then.
-class Import {
- public:
-  Import(HX::HXMemoryProxy memory, Output& output) : memory_(std::move(memory)), output_(output) {}
-  Import(const Import&) = delete;
-  Import& operator=(const Import&) = delete;
-  ~Import() { output_.status(""); }
-
-  void add(std::string_view line) {
-    store(memory_, toRecord(line));
-    ++count_;
-    if (const auto now = Clock::now(); now >= next_) {
-      output_.status(fmt::format("{} keys imported", count_));
-      next_ = now + 200ms;
-    }
-  }
-
- private:
-  using Clock = std::chrono::steady_clock;
-  HX::HXMemoryProxy memory_;
-  Output& output_;
-  std::size_t count_ = 0;
-  Clock::time_point next_ = Clock::now() + 200ms;
-};
-
 /// What the memory takes, with each byte escaped, fits a line.
 constexpr std::size_t kLongestRecord = std::size_t{512} << 20;
 
@@ -98,16 +69,7 @@ void importKeys(Context& context, Arguments& arguments) {
   const InputFile file(path);
   FileLines lines(file.file(), -1, kLongestRecord);
   const std::string name = path == "-" ? "standard input" : path;
-  Import import(context.target.memory(), context.output);
-  std::size_t failed = 0;
-  forEachLine(
-      lines, name, [&](std::string_view line) { import.add(line); },
-      [&](const std::string& error) {
-        if (!keepsGoing) throw std::runtime_error(error + "; nothing after it was imported");
-        context.output.error(error);
-        ++failed;
-      });
-  if (failed > 0) throw std::runtime_error(fmt::format("{}: {} lines were not imported", name, failed));
+  Import(context.target.memory(), context.output, name, keepsGoing).run(lines);
 }
 
 constexpr Flag kImportFlags[] = {{"--keep-going", "Report a bad line and go on with the next"}};
@@ -119,10 +81,12 @@ constexpr std::array kCommands{
         "value as it is, a 32-bit float or bytes, \"msgpack\" has it too, in hexadecimal digits. The memory's own\n"
         "events are left out.",
         "export Arm/ > arm.jsonl", exportKeys},
-    Command{"import", "FILE", "Stores what export printed; - reads standard input.",
-            "Data is stored, events are raised. Stops at the first bad line and reports its number; what stood above\n"
-            "it is stored.",
-            "import arm.jsonl", importKeys, kImportFlags},
+    Command{
+        "import", "FILE", "Stores what export printed; - reads standard input.",
+        "Data is stored, events are raised. Stops at the first bad line and reports its number; what stood above\n"
+        "it is stored. Where the memory does not take data, lines below may have been on their way: the error says\n"
+        "which one was the last.",
+        "import arm.jsonl", importKeys, kImportFlags},
 };
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "verbs.h"
 
+#include "format.h"
+
 #include <algorithm>
 #include <memory>
 
@@ -41,7 +43,9 @@ const Verb* findVerb(std::string_view name) {
   return found ? found : findIn(servants(), name);
 }
 
-std::string noSuchVerb(std::string_view name) { return fmt::format("no command {}; korvo --help lists them", name); }
+std::string noSuchVerb(std::string_view name) {
+  return fmt::format("no command {}; korvo --help lists them", excerpt(name));
+}
 
 std::unique_ptr<CLI::App> optionsOf(const Verb& verb) {
   auto app = std::make_unique<CLI::App>();

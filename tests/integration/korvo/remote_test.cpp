@@ -44,6 +44,8 @@ class Broker {
   std::optional<Process> process_;
 };
 
+std::string nested(std::size_t depth) { return std::string(depth, '[') + "1" + std::string(depth, ']'); }
+
 /// One command line and what comes of it.
 struct Row {
   Words words;
@@ -123,8 +125,26 @@ TEST(Commands, EndAtOnceWithoutABroker) {
                       {{"host", "--module", module("greeter")}, "", HasSubstr("no broker is running"), 3},
                       {{"top"}, "", HasSubstr("no broker"), 3},
                       {{"get"}, "", HasSubstr("KEY is missing"), 2},
+                      {{"get", "Foo", "--broker", "a/b"}, "", HasSubstr("--broker: \"a/b\" cannot name a broker"), 2},
+                      {{"run", "--name", ".hid"}, "", HasSubstr("--name: \".hid\" cannot name a broker"), 2},
+                      {{"get", "Foo", "--timeout", "-1"}, "", HasSubstr("--timeout: -1 is no time"), 2},
+                      {{"get", "Foo", "--timeout", "nan"}, "", HasSubstr("--timeout: nan is no time"), 2},
                       {{"complete", "--", "get", "F"}}};
   for (const Row& row : rows) check(row);
+}
+
+TEST(Commands, FindNoBrokerWhereThereIsNoFolderOfSockets) {
+  const auto result = Process(korvo({"get", "Foo"}), {"XDG_RUNTIME_DIR=/nowhere"}).finish();
+  EXPECT_THAT(result.err, HasSubstr("/nowhere/korvo: No such file"));
+  EXPECT_EQ(result.status, 3);
+}
+
+TEST(Commands, HaveOneOfSeveralBrokersChosen) {
+  const Broker left({"--no-memory", "--name", "left"});
+  const Broker right({"--no-memory", "--name", "right"});
+  check({{"services"}, "", HasSubstr("several brokers are running: left, right; choose one with --broker"), 2});
+  check({{"host", "--module", module("greeter")}, "", HasSubstr("several brokers are running: left, right"), 2});
+  check({{"services", "--broker", "right"}, "\"Broker\"\n"});
 }
 
 TEST(Commands, ExportAndImportWholeSetsOfKeys) {
@@ -149,6 +169,14 @@ TEST(Commands, ExportAndImportWholeSetsOfKeys) {
        1,
        "{}\n{\"key\":\"E\",\"value\":1}\n"},
       {{"get", "E"}, "1\n"},
+      {{"import", "-"},
+       "",
+       AllOf(StartsWith("error: standard input line 2: "), HasSubstr("nested more than 256 deep"),
+             HasSubstr("; nothing after line 3 was imported\n")),
+       1,
+       "{\"key\":\"F\",\"value\":1}\n{\"key\":\"Deep\",\"value\":" + nested(300) + "}\n{\"key\":\"G\",\"value\":1}\n"},
+      {{"get", "F"}, "1\n"},
+      {{"get", "G"}, "1\n"},
       {{"import", "/nowhere"}, "", HasSubstr("/nowhere: No such file"), 2}};
   for (const Row& row : rows) check(row);
 }
@@ -222,7 +250,6 @@ TEST(Commands, FailWhereTheirOutputCannotBeWrittenOrTheirInputRead) {
 
 TEST(Commands, NameAValueThatCannotCross) {
   const Broker broker;
-  const auto nested = [](std::size_t depth) { return std::string(depth, '[') + "1" + std::string(depth, ']'); };
   EXPECT_THAT(run({"set", "Deep", nested(300)}).err, HasSubstr("nested more than 256 deep"));
   // A history has its values two lists deeper.
   run({"raise", "Deep", nested(254)});

@@ -1,0 +1,45 @@
+#include "brokername.h"
+
+#include "arguments.h"
+#include "format.h"
+
+#include <libmw/local.h>
+
+#include <algorithm>
+#include <cctype>
+#include <system_error>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace korvo {
+namespace {
+
+std::vector<std::string> runningBrokers() {
+  try {
+    return mw::runningBrokers();
+  } catch (const std::system_error& error) {
+    if (error.code() != std::errc::no_such_file_or_directory) throw;
+    throw mw::NoBrokerError(fmt::format("no broker is running: {}", error.what()));
+  }
+}
+
+}  // namespace
+
+std::string checkBrokerName(const std::string& name) {
+  const auto isPlain = [](unsigned char c) {
+    return (c < 0x80 && std::isalnum(c)) || c == '-' || c == '_' || c == '.';
+  };
+  if (!name.empty() && name.front() != '.' && std::ranges::all_of(name, isPlain)) return {};
+  return fmt::format("\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first", excerpt(name));
+}
+
+std::string chooseBroker(const std::string& wanted) {
+  const auto running = runningBrokers();
+  if (!wanted.empty()) return wanted;
+  if (running.empty()) throw mw::NoBrokerError("no broker is running");
+  if (running.size() == 1) return running.front();
+  throw InputError(fmt::format("several brokers are running: {}; choose one with --broker", fmt::join(running, ", ")));
+}
+
+}  // namespace korvo
