@@ -31,7 +31,8 @@ std::string checkBrokerName(const std::string& name) {
     return (c < 0x80 && std::isalnum(c)) || c == '-' || c == '_' || c == '.';
   };
   if (!name.empty() && name.front() != '.' && std::ranges::all_of(name, isPlain)) return {};
-  return fmt::format("\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first", excerpt(name));
+  return fmt::format("\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first",
+                     excerpt(name));
 }
 
 std::string chooseBroker(const std::string& wanted) {

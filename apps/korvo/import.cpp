@@ -87,8 +87,8 @@ void Import::fail(std::size_t line, std::string_view reason) {
   const std::string error = lineError(source_, line, reason);
   if (!keepsGoing_) {
     const bool isLast = line >= lastSent_;
-    throw std::runtime_error(fmt::format("{}; nothing after {} was imported", error,
-                                         isLast ? "it" : fmt::format("line {}", lastSent_)));
+    throw std::runtime_error(
+        fmt::format("{}; nothing after {} was imported", error, isLast ? "it" : fmt::format("line {}", lastSent_)));
   }
   output_.error(error);
   ++failed_;
