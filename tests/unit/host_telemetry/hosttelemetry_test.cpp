@@ -1,15 +1,15 @@
 #include "hosttelemetry.h"
 
 #include "capture_log.h"
+#include "listener.h"
 #include "memory_fixture.h"
 #include "print_value.h"
+#include "temporary_folder.h"
 
 #include <libmw/future.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,7 +17,6 @@
 namespace telemetry {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using HX::HXValue;
 using testing::ElementsAre;
@@ -26,30 +25,14 @@ using testing::StartsWith;
 
 const std::string kEvent = "Host/Sampled/Memory/Used";
 
-/// Keeps what it is told first.
-class Display : public HX::HXModule {
- public:
-  Display(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
-    functionName("onEvent", name, "");
-    bindMethod(this, &Display::onEvent);
-  }
-
-  void onEvent(const std::string&, const HXValue& value, const std::string&) { told.trySetValue(value); }
-
-  mw::Promise<HXValue> told;
-};
-
 class RunningTelemetry : public kit::MemoryFixture {
  protected:
-  RunningTelemetry() {
-    fs::create_directories(folder_);
-    std::ofstream(folder_ / "meminfo") << "MemTotal: 4 kB\nMemAvailable: 1 kB\n";
-  }
-  ~RunningTelemetry() override { fs::remove_all(folder_); }
+  RunningTelemetry() { std::ofstream(folder_.path() / "meminfo") << "MemTotal: 4 kB\nMemAvailable: 1 kB\n"; }
 
   void load() {
     setenv("KORVO_HOST_PERIOD", "10", 1);
-    telemetry = HX::HXModule::createModule<HostTelemetry>(broker, "HostTelemetry", Sensors(folder_, folder_));
+    telemetry =
+        HX::HXModule::createModule<HostTelemetry>(broker, "HostTelemetry", Sensors(folder_.path(), folder_.path()));
   }
 
   void TearDown() override {
@@ -82,18 +65,26 @@ class RunningTelemetry : public kit::MemoryFixture {
     wrapper->signal.disconnect(link);
   }
 
+  /// What a subscriber is told first.
+  mw::Future<HXValue> firstTold() {
+    mw::Promise<HXValue> told;
+    const auto listener = kit::Listener::make(false);
+    listener->react = [told](const auto& heard) mutable { told.trySetValue(heard.value); };
+    broker->session()->registerService("Display", mw::AnyObject(listener));
+    memory->subscribeToEvent(kEvent, "Display", "heard");
+    return told.future();
+  }
+
   std::shared_ptr<HostTelemetry> telemetry;
 
  private:
-  const fs::path folder_ = fs::temp_directory_path() / ("telemetry-" + std::to_string(getpid()));
+  const kit::TemporaryFolder folder_;
 };
 
 TEST_F(RunningTelemetry, TellsASubscriber) {
   load();
   waitForKey(kEvent);
-  const auto display = HX::HXModule::createModule<Display>(broker, "Display");
-  memory->subscribeToEvent(kEvent, "Display", "onEvent");
-  EXPECT_EQ(display->told.future().value(30s), HXValue(0.75));
+  EXPECT_EQ(firstTold().value(30s), HXValue(0.75));
 }
 
 TEST_F(RunningTelemetry, WaitsForTheMemoryAndSaysSoOnce) {
@@ -127,10 +118,9 @@ TEST_F(RunningTelemetry, SamplesAtOnceWhenALongPeriodIsCutShort) {
   load();
   telemetry->setPeriod(3'600'000);
   waitForKey(kEvent);
-  const auto display = HX::HXModule::createModule<Display>(broker, "Display");
-  memory->subscribeToEvent(kEvent, "Display", "onEvent");
+  const auto told = firstTold();
   telemetry->setPeriod(10);
-  EXPECT_EQ(display->told.future().value(30s), HXValue(0.75));
+  EXPECT_EQ(told.value(30s), HXValue(0.75));
 }
 
 TEST_F(RunningTelemetry, RefusesAPeriodOutOfRangeAndKeepsTheOldOne) {

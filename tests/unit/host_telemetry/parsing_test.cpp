@@ -46,33 +46,25 @@ TEST(Network, SkipsLinesThatAreNotWellFormed) {
   }
 }
 
-struct DiskCase {
-  const char* description;
-  std::vector<std::string> names;
-  std::vector<std::string> expected;
-};
-
-class Disks : public testing::TestWithParam<DiskCase> {};
-
-TEST_P(Disks, AreListedWithoutPartitionsAndDisksOfMemory) {
-  std::string text;
-  for (const auto& name : GetParam().names) text += "  8  0 " + name + " 1 0 3 0 1 0 5 0 0 0 0\n";
-  Counters expected;
-  for (const auto& name : GetParam().expected) {
-    expected["Disk/" + name + "/Read"] = 1536;
-    expected["Disk/" + name + "/Written"] = 2560;
+TEST(Disks, AreListedWithoutPartitionsAndDisksOfMemory) {
+  using Names = std::vector<std::string>;
+  const std::pair<Names, Names> cases[] = {{{"sda", "sda1", "sda12", "sdaa"}, {"sda", "sdaa"}},
+                                           {{"nvme0n1", "nvme0n1p1", "nvme0n12"}, {"nvme0n1", "nvme0n12"}},
+                                           {{"dm-1", "dm-12", "md0"}, {"dm-1", "dm-12", "md0"}},
+                                           {{"mmcblk0p1", "mmcblk0"}, {"mmcblk0"}},
+                                           {{"vda1"}, {"vda1"}},
+                                           {{"loop0", "ram1", "zram0"}, {}}};
+  for (const auto& [names, disks] : cases) {
+    std::string text;
+    for (const auto& name : names) text += "  8  0 " + name + " 1 0 3 0 1 0 5 0 0 0 0\n";
+    Counters expected;
+    for (const auto& name : disks) {
+      expected["Disk/" + name + "/Read"] = 1536;
+      expected["Disk/" + name + "/Written"] = 2560;
+    }
+    EXPECT_EQ(parseDisks(text), expected) << text;
   }
-  EXPECT_EQ(parseDisks(text), expected);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Names, Disks,
-    testing::Values(DiskCase{"numbered", {"sda", "sda1", "sda12", "sdaa"}, {"sda", "sdaa"}},
-                    DiskCase{"withP", {"nvme0n1", "nvme0n1p1", "nvme0n12"}, {"nvme0n1", "nvme0n12"}},
-                    DiskCase{"endInDigit", {"dm-1", "dm-12", "md0"}, {"dm-1", "dm-12", "md0"}},
-                    DiskCase{"partitionFirst", {"mmcblk0p1", "mmcblk0"}, {"mmcblk0"}},
-                    DiskCase{"partitionAlone", {"vda1"}, {"vda1"}}, DiskCase{"memory", {"loop0", "ram1", "zram0"}, {}}),
-    [](const auto& each) { return each.param.description; });
 
 TEST(Disks, SkipLinesThatAreNotWellFormed) {
   for (const auto* line : {"8 0 sda 1 0 3 0", "8 0 sda 1 0 x 0 1 0 5 0 0 0 0",

@@ -1,5 +1,6 @@
 #include "publisher.h"
 
+#include "listener.h"
 #include "memory_fixture.h"
 #include "print_value.h"
 
@@ -17,44 +18,33 @@ using testing::ElementsAre;
 using testing::Pair;
 using testing::UnorderedElementsAre;
 
-/// Keeps what it is told; fails when it is told of a 13.
-class Display : public HX::HXModule {
- public:
-  Display(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
-    functionName("onEvent", name, "");
-    bindMethod(this, &Display::onEvent);
-  }
-
-  void onEvent(const std::string& key, const HXValue& value, const std::string& /*message*/) {
-    if (value == HXValue(13.0)) throw std::logic_error("unlucky");
-    told.emplace_back(key, value);
-  }
-
-  std::vector<std::pair<std::string, HXValue>> told;
-};
-
 class PublishedReadings : public kit::MemoryFixture {
  protected:
   void SetUp() override {
     MemoryFixture::SetUp();
-    display = HX::HXModule::createModule<Display>(broker, "Display");
+    broker->session()->registerService("Display", mw::AnyObject(display));
+    display->react = [](const auto& heard) {
+      if (heard.value == HXValue(13.0)) throw std::logic_error("unlucky");
+    };
   }
 
   /// Has the display subscribe in the memory, and the publisher know of it as if the memory had told an extractor.
   void subscribe(const std::string& event) {
     // Not as to an event, for which the memory would turn to an extractor that is not there.
-    memory->subscribeToMicroEvent(event, "Display", "", "onEvent");
+    memory->subscribeToMicroEvent(event, "Display", "", "heard");
     subscribers.add("Display" + event);
   }
 
   Publisher makePublisher() { return {HX::HXMemoryProxy(generic), "Extractor", subscribers}; }
 
-  void TearDown() override {
-    display.reset();
-    MemoryFixture::TearDown();
+  /// Which event the display was told of, with which value.
+  std::vector<std::pair<std::string, HXValue>> told() const {
+    std::vector<std::pair<std::string, HXValue>> all;
+    for (const auto& heard : display->notifications()) all.emplace_back(heard.key, heard.value);
+    return all;
   }
 
-  std::shared_ptr<Display> display;
+  const std::shared_ptr<kit::Listener> display = kit::Listener::make();
   Subscribers subscribers;
 };
 
@@ -88,14 +78,14 @@ TEST_F(PublishedReadings, AreRaisedOnlyWhileSomebodyIsSubscribed) {
   subscribers.remove("DisplayHost/Sampled/Memory/Used");
   publisher.publish({{"Memory/Used", 0.3, "ratio"}, {"Processor/Load", 0.3, "ratio"}});
 
-  EXPECT_THAT(display->told, ElementsAre(Pair("Host/Sampled/Memory/Used", 0.2), Pair("Host/Sampled/Memory/Used", 0.2)));
+  EXPECT_THAT(told(), ElementsAre(Pair("Host/Sampled/Memory/Used", 0.2), Pair("Host/Sampled/Memory/Used", 0.2)));
   EXPECT_EQ(memory->getEventHistory("Host/Sampled/Processor/Load"), HXValue());
 }
 
 TEST_F(PublishedReadings, AreRaisedForThoseWhoSubscribedBeforeTheExtractorCame) {
-  memory->subscribeToEvent("Host/Sampled/Memory/Used", "Display", "onEvent");
+  memory->subscribeToEvent("Host/Sampled/Memory/Used", "Display", "heard");
   makePublisher().publish({{"Memory/Used", 0.5, "ratio"}});
-  EXPECT_THAT(display->told, ElementsAre(Pair("Host/Sampled/Memory/Used", 0.5)));
+  EXPECT_THAT(told(), ElementsAre(Pair("Host/Sampled/Memory/Used", 0.5)));
 }
 
 TEST_F(PublishedReadings, AreRaisedAlsoWhenASubscriberFails) {
@@ -104,9 +94,8 @@ TEST_F(PublishedReadings, AreRaisedAlsoWhenASubscriberFails) {
   subscribe("Host/Sampled/Disk/b/Read");
   // The memory keeps quiet of what goes wrong with the first notification.
   publisher.publish({{"Disk/a/Read", 1, "bytes/s"}, {"Disk/b/Read", 1, "bytes/s"}});
-  display->told.clear();
   EXPECT_THROW(publisher.publish({{"Disk/a/Read", 13, "bytes/s"}, {"Disk/b/Read", 2, "bytes/s"}}), std::logic_error);
-  EXPECT_THAT(display->told, ElementsAre(Pair("Host/Sampled/Disk/b/Read", 2.0)));
+  EXPECT_EQ(told().back(), std::pair(std::string("Host/Sampled/Disk/b/Read"), HXValue(2.0)));
 }
 
 }  // namespace

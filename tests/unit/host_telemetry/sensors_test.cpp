@@ -1,10 +1,10 @@
 #include "sensors.h"
 
+#include "temporary_folder.h"
+
 #include <cstdint>
-#include <cstdlib>
 #include <fstream>
 #include <map>
-#include <stdexcept>
 #include <sys/stat.h>
 
 #include <gmock/gmock.h>
@@ -26,8 +26,6 @@ using Values = std::map<std::string, double>;
 /// A machine made of files, and a clock that goes on by hand.
 class Machine : public testing::Test {
  protected:
-  ~Machine() override { fs::remove_all(root_); }
-
   void write(const fs::path& file, const std::string& content) {
     fs::create_directories((root_ / file).parent_path());
     std::ofstream(root_ / file, std::ios::binary) << content;
@@ -53,15 +51,10 @@ class Machine : public testing::Test {
     return values;
   }
 
-  const fs::path root_ = newFolder();
+  const kit::TemporaryFolder folder_;
+  const fs::path root_ = folder_.path();
 
  private:
-  static fs::path newFolder() {
-    auto pattern = (fs::temp_directory_path() / "sensors-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    return pattern;
-  }
-
   Sensors sensors_{root_ / "proc", root_ / "sys"};
   Sensors::Clock::time_point now_{1h};
 };

@@ -5,32 +5,18 @@
 namespace telemetry {
 namespace {
 
-TEST(Subscribers, CountOneIdentifierOnceHoweverOftenItComes) {
+TEST(Subscribers, WantAnEventUntilTheLastOfThemIsGoneHoweverOftenEachCame) {
   Subscribers subscribers;
-  subscribers.add("LoggerHost/Load");
-  subscribers.add("LoggerHost/Load");
-  EXPECT_TRUE(subscribers.want("Host/Load"));
-  subscribers.remove("LoggerHost/Load");
-  EXPECT_FALSE(subscribers.want("Host/Load"));
-  subscribers.remove("LoggerHost/Load");
-}
-
-TEST(Subscribers, WantAnEventUntilTheLastOfThemIsGone) {
-  Subscribers subscribers;
-  subscribers.add("LoggerHost/Load");
-  subscribers.add("DisplayHost/Load");
+  for (const char* id : {"LoggerHost/Load", "LoggerHost/Load", "DisplayHost/Load", "LoggerHost/Core1/Load"}) {
+    subscribers.add(id);
+  }
+  EXPECT_TRUE(subscribers.want("Host/Core1/Load"));
+  EXPECT_FALSE(subscribers.want("Host/Core0/Load"));
   subscribers.remove("LoggerHost/Load");
   EXPECT_TRUE(subscribers.want("Host/Load"));
   subscribers.remove("DisplayHost/Load");
-  EXPECT_FALSE(subscribers.want("Host/Load"));
-}
-
-TEST(Subscribers, WantOnlyTheEventsThatTheySubscribedTo) {
-  Subscribers subscribers;
-  subscribers.add("LoggerHost/Core1/Load");
-  EXPECT_TRUE(subscribers.want("Host/Core1/Load"));
-  EXPECT_FALSE(subscribers.want("Host/Load"));
-  EXPECT_FALSE(subscribers.want("Host/Core0/Load"));
+  EXPECT_FALSE(subscribers.want("Host/Load")) << "another event that ends like it does not count";
+  subscribers.remove("LoggerHost/Load");
 }
 
 TEST(Subscribers, LoseAModuleWithAllItsEventsAndNoOther) {

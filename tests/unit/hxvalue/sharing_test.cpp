@@ -1,11 +1,8 @@
 #include "expect_error.h"
 #include "print_value.h"
+#include "together.h"
 
 #include <hxvalue/hxvalue.h>
-
-#include <latch>
-#include <thread>
-#include <vector>
 
 namespace HX {
 namespace {
@@ -47,25 +44,18 @@ TEST(Sharing, aValueMayBePutIntoItself) {
 }
 
 TEST(Sharing, threadsCopyChangeAndDropOneContentIndependently) {
-  constexpr int kThreads = 4;
-  HXValue shared = HXValue::list({HXValue(std::string(100, 'x')), HXValue::map({{"k", 1}})});
+  const HXValue shared = HXValue::list({HXValue(std::string(100, 'x')), HXValue::map({{"k", 1}})});
   const HXValue expected = HXValue::list({"xx", HXValue::map({{"k", 2}})});
-  std::latch start(kThreads);
-  std::vector<std::jthread> threads;
-  for (int i = 0; i < kThreads; ++i) {
-    threads.emplace_back([&start, &expected, own = shared] {
-      start.arrive_and_wait();
-      bool right = true;
-      for (int round = 0; round < 2000; ++round) {
-        HXValue copy = own;
-        copy.editList()[0].editString().assign(2, 'x');
-        copy.editList()[1].mapSet("k", 2);
-        right = right && copy == expected;
-      }
-      EXPECT_TRUE(right);
-    });
-  }
-  shared = HXValue();
+  kit::together(4, [shared, &expected] {
+    bool right = true;
+    for (int round = 0; round < 2000; ++round) {
+      HXValue copy = shared;
+      copy.editList()[0].editString().assign(2, 'x');
+      copy.editList()[1].mapSet("k", 2);
+      right = right && copy == expected;
+    }
+    EXPECT_TRUE(right);
+  });
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
 #include "expect_error.h"
 #include "print_value.h"
+#include "together.h"
 
 #include <hxvalue/hxvalue.h>
 
 #include <atomic>
-#include <latch>
 #include <limits>
-#include <thread>
 
 namespace HX {
 namespace {
@@ -62,24 +61,23 @@ TEST(Slot, holdersOfTheAddressSeeOldOrNewNumbersWhileTheValueIsStoredAndLoaded) 
   const auto isTorn = [](std::int64_t seen) { return seen != 0 && seen != -1; };
   HXValue value(std::int64_t{0});
   auto* address = static_cast<std::int64_t*>(value.getPtrValue());
-  std::latch start(3);
-  std::jthread reader([&] {
-    start.arrive_and_wait();
+  const auto read = [&] {
     int torn = 0;
     for (int i = 0; i < kRounds; ++i) torn += isTorn(std::atomic_ref(*address).load(std::memory_order_relaxed));
     EXPECT_EQ(torn, 0);
-  });
-  std::jthread writer([&] {
-    start.arrive_and_wait();
+  };
+  const auto write = [&] {
     for (int i = 0; i < kRounds; ++i) std::atomic_ref(*address).store(number(i), std::memory_order_relaxed);
-  });
-  start.arrive_and_wait();
-  int torn = 0;
-  for (int i = 0; i < kRounds; ++i) {
-    value.storeScalar(number(i));
-    torn += isTorn(value.loadScalar().asInt64());
-  }
-  EXPECT_EQ(torn, 0);
+  };
+  const auto use = [&] {
+    int torn = 0;
+    for (int i = 0; i < kRounds; ++i) {
+      value.storeScalar(number(i));
+      torn += isTorn(value.loadScalar().asInt64());
+    }
+    EXPECT_EQ(torn, 0);
+  };
+  kit::together({read, write, use});
 }
 
 }  // namespace

@@ -10,7 +10,6 @@ namespace {
 
 using HX::HXValue;
 using testing::HasSubstr;
-using testing::Not;
 
 TEST(KeyRecord, ComesBackFromItsLineAsItWas) {
   const HXValue values[] = {{},

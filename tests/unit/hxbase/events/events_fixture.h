@@ -1,36 +1,22 @@
 #pragma once
 
 #include "capture_log.h"
+#include "expect_error.h"
 #include "listener.h"
 #include "memory_fixture.h"
 #include "print_value.h"
 
 #include <libmw/eventloop.h>
 
-#include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
 
 namespace HX {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Entry = kit::CaptureLog::Entry;
-
-/// Runs `action`, which must fail with a runtime error, and gives its text.
-inline std::string errorOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
-  ADD_FAILURE() << "nothing was thrown";
-  return {};
-}
 
 /// A memory with listeners in its broker.
 class EventsFixture : public kit::MemoryFixture {

@@ -1,8 +1,7 @@
 #include "events_fixture.h"
+#include "together.h"
 
-#include <latch>
 #include <mutex>
-#include <thread>
 
 namespace HX {
 namespace {
@@ -114,16 +113,9 @@ TEST_F(Boxes, FollowAFrameManagerThatIsReplaced) {
 
 TEST_F(Boxes, AskForTheFrameManagerAllAtOnce) {
   offerFrameManager();
-  std::latch begin(4);
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([&] {
-        begin.arrive_and_wait();
-        for (int round = 0; round < 100; ++round) memory->unsubscribeToEvent("E", "_BehaviorBox");
-      });
-    }
-  }
+  kit::together(4, [this] {
+    for (int round = 0; round < 100; ++round) memory->unsubscribeToEvent("E", "_BehaviorBox");
+  });
   EXPECT_EQ(calls_.size(), 400U);
 }
 

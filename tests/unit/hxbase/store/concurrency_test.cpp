@@ -1,7 +1,7 @@
 #include "store_fixture.h"
+#include "together.h"
 
 #include <atomic>
-#include <latch>
 #include <mutex>
 #include <thread>
 
@@ -10,20 +10,7 @@ namespace {
 
 constexpr int kRounds = 1500;
 
-class ConcurrentStore : public store::StoreFixture {
- protected:
-  /// Runs every job on a thread of its own, all begun at once, and waits for them.
-  static void together(const std::vector<std::function<void()>>& jobs) {
-    std::latch begin(static_cast<std::ptrdiff_t>(jobs.size()));
-    std::vector<std::jthread> threads;
-    for (const auto& job : jobs) {
-      threads.emplace_back([&begin, &job] {
-        begin.arrive_and_wait();
-        job();
-      });
-    }
-  }
-};
+class ConcurrentStore : public store::StoreFixture {};
 
 TEST_F(ConcurrentStore, LeavesAnAddressWhereItIsWhileOthersWriteTheKey) {
   int* const address = memory->getIntPtr("speed");
@@ -46,7 +33,7 @@ TEST_F(ConcurrentStore, LeavesAnAddressWhereItIsWhileOthersWriteTheKey) {
       EXPECT_TRUE(memory->getData("speed").isInt());
     }
   };
-  together({insert, insertOthers, use, use});
+  kit::together({insert, insertOthers, use, use});
 }
 
 TEST_F(ConcurrentStore, LeavesThePlaceOfAValueThatIsStillToComeToItsHolder) {
@@ -61,7 +48,7 @@ TEST_F(ConcurrentStore, LeavesThePlaceOfAValueThatIsStillToComeToItsHolder) {
       EXPECT_FALSE(memory->getData("later").isValid());
     }
   };
-  together({use, declare});
+  kit::together({use, declare});
   EXPECT_EQ(*address, kRounds - 1);
 }
 
@@ -70,17 +57,17 @@ TEST_F(ConcurrentStore, GivesNoAddressOfAnItemThatIsBeingRemoved) {
     const std::string key = "key" + std::to_string(i);
     memory->insertData(key, 1);
     int* address = nullptr;
-    together({[&] { address = memory->getIntPtr(key); },
-              [&] {
-                try {
-                  while (true) {
-                    memory->removeData(key);
-                    memory->insertData(key, 1);
-                  }
-                } catch (const HXError&) {
-                  // Marked, or absent for a moment: the other thread makes it anew.
-                }
-              }});
+    kit::together({[&] { address = memory->getIntPtr(key); },
+                   [&] {
+                     try {
+                       while (true) {
+                         memory->removeData(key);
+                         memory->insertData(key, 1);
+                       }
+                     } catch (const HXError&) {
+                       // Marked, or absent for a moment: the other thread makes it anew.
+                     }
+                   }});
     EXPECT_EQ(address, memory->getIntPtr(key));
     memory->insertData(key, 5);
     EXPECT_EQ(*address, 5);
@@ -97,7 +84,7 @@ TEST_F(ConcurrentStore, MakesOneItemOfANameThatManyRequire) {
       addresses.push_back(address);
     }
   };
-  together({require, require, require});
+  kit::together(3, require);
   std::ranges::sort(addresses);
   addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
   EXPECT_EQ(addresses.size(), 200U);

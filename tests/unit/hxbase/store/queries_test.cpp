@@ -40,10 +40,9 @@ TEST_F(Questions, ForAChangeWaitUntilTheValueDiffers) {
 
 TEST_F(Questions, ForAChangeEndWithAnErrorWhenTheKeyGoes) {
   memory->insertData("key", 0);
-  auto call = std::async(std::launch::async,
-                         [this] { return store::errorOf([this] { memory->getDataOnChange("key", 0); }, true); });
+  auto call = std::async(std::launch::async, [this] { return errorOf([this] { memory->getDataOnChange("key", 0); }); });
   memory->removeData("key");
-  EXPECT_EQ(call.get(), (store::Fields{"getData", "Data not found key", 535}));
+  EXPECT_EQ(call.get(), "HXMemory.getData: Data not found key");
 }
 
 TEST_F(Questions, ForAChangeEndWithAnErrorWhenTheBrokerEnds) {
@@ -77,7 +76,7 @@ TEST_F(Questions, WithNamesOfAnyBytesAreAnsweredInFull) {
     memory->raiseMicroEvent(name, 1);
     EXPECT_THAT(generic->call<Strings>("getMicroEventList"), Contains(name));
     memory->removeMicroEvent(name);
-    EXPECT_EQ(store::errorOf([&] { memory->getData(name); }).message, "Data not found " + name);
+    EXPECT_FALSE(memory->xGetSTMValue(name));
   }
 }
 

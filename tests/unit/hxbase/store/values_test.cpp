@@ -1,77 +1,28 @@
 #include "store_fixture.h"
 
+#include <libmw/clock.h>
+
+#include <chrono>
+
 namespace HX {
 namespace {
-
-using store::errorOf;
-using store::Fields;
-using namespace std::chrono_literals;
-
-struct Failure {
-  const char* what;
-  void (*action)(HXMemory& memory);
-  Fields fields;
-};
-
-void PrintTo(const Failure& failure, std::ostream* out) { *out << failure.what; }
-
-class StoreError : public store::StoreFixture, public testing::WithParamInterface<Failure> {};
-
-TEST_P(StoreError, HasTheFieldsThatCallersRelyOn) {
-  testing::internal::CaptureStdout();
-  const bool fixedLine = GetParam().fields.line != Fields::kSomeLine;
-  EXPECT_EQ(errorOf([&] { GetParam().action(*memory); }, fixedLine), GetParam().fields);
-  testing::internal::GetCapturedStdout();
-}
-
-const std::string kMissing = "Data not found gone";
-
-const std::vector<Failure> kFailures = {
-    {"getData", [](HXMemory& m) { m.getData("gone"); }, {"getData", kMissing, 535}},
-    {"removeData", [](HXMemory& m) { m.removeData("gone"); }, {"removeData", kMissing, 1175}},
-    {"removeMarked",
-     [](HXMemory& m) { m.getIntPtr("held"), m.removeData("held"); },
-     {"removeData", "Data held can't be erased because it has been accessed using getDataPtr", 1179}},
-    {"listShort",
-     [](HXMemory& m) { m.insertListData(HXValue::list({HXValue::list({"one"})})); },
-     {"InsertListData", "unable to insert to Memory data with a size < 2. Must be : ['name', value]", 902}},
-    {"listNumberAsName",
-     [](HXMemory& m) {
-       m.insertListData(HXValue::list({HXValue::list({5, 6})}));
-     },
-     {"InsertListData", "malformed preferences. No HXMemory data name.", 907}},
-    {"retypeMarked",
-     [](HXMemory& m) { m.getIntPtr("held"), m.insertData("held", HXValue("text")); },
-     {"setValue", "Can't change the type of the value from Int to String because getDataPtr has been called on it.", 0,
-      ""}},
-    {"getTimestamp", [](HXMemory& m) { m.getDataTimestamp("gone"); }, {"getData", kMissing}},
-    {"getEventHistory", [](HXMemory& m) { m.getEventHistory("gone"); }, {"getEventHistory", kMissing}},
-    {"getType", [](HXMemory& m) { m.getStrDataType("gone"); }, {"getStrDataType", kMissing}},
-    {"getDataType", [](HXMemory& m) { m.getDataType("gone"); }, {"getDataType", kMissing}},
-    {"getSubscribers", [](HXMemory& m) { m.getDataSubscriber("gone"); }, {"getDataSubscriber", kMissing}},
-    {"unsubscribe", [](HXMemory& m) { m.unsubscribeToEvent("gone", "M"); }, {"getData", kMissing}},
-    {"unsubscribeStranger",
-     [](HXMemory& m) { m.unsubscribeToEvent("KorvoReady", "M"); },
-     {"UnsubscribeToMicroEvent", "M is not subscribed to KorvoReady"}},
-    {"getDataOnChangeEmpty",
-     [](HXMemory& m) { m.getDataOnChange("", 0); },
-     {"getDataOnChange", "Empty data name cannot be found."}},
-    {"setDescription", [](HXMemory& m) { m.setDescription("gone", "x"); }, {"setDescription", "gone not found"}},
-    {"getDescriptionList",
-     [](HXMemory& m) { m.getDescriptionList({"gone"}); },
-     {"getDescriptionList", "gone not found"}}};
-
-INSTANTIATE_TEST_SUITE_P(Store, StoreError, testing::ValuesIn(kFailures),
-                         [](const auto& one) { return std::string(one.param.what); });
 
 class StoredValues : public store::StoreFixture {};
 
 TEST_F(StoredValues, CarryTheTimeOfTheirLastWriteInWholeMicroseconds) {
-  const store::FakeClock clock(12s + 345678999ns);
+  const auto before =
+      mw::exchangeSystemClock([]() noexcept { return mw::SystemTimePoint(std::chrono::nanoseconds(12'345'678'999)); });
   memory->raiseEvent("key", 1);
+  mw::exchangeSystemClock(before);
   const HXValue raised = HXValue::list({1, 12, 345678});
   EXPECT_EQ(memory->getDataTimestamp("key"), raised);
   EXPECT_EQ(memory->getEventHistory("key"), HXValue::list({raised}));
+}
+
+TEST_F(StoredValues, ThatAreMissingAreNamed) {
+  EXPECT_EQ(errorOf([&] { memory->getDataType("gone"); }), "HXMemory.getDataType: Data not found gone");
+  EXPECT_EQ(errorOf([&] { memory->getDataOnChange("", 0); }),
+            "HXMemory.getDataOnChange: Empty data name cannot be found.");
 }
 
 TEST_F(StoredValues, OfOtherKindsAreNamedButNotDescribed) {

@@ -1,16 +1,16 @@
 // Locks under load. Every test ends only if both sides get their turn, and ThreadSanitizer sees what they guard.
 
+#include "together.h"
+
 #include <hxbase/tablelock.h>
 #include <hxbase/wordlock.h>
 
 #include <array>
 #include <atomic>
 #include <barrier>
-#include <functional>
 #include <mutex>
 #include <shared_mutex>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -19,49 +19,24 @@ namespace {
 
 constexpr int kRounds = 2000;
 
-/// Threads that all begin at once and have ended when this does.
-class Crew {
- public:
-  explicit Crew(std::ptrdiff_t size) : start_(size) {}
-  void add(std::function<void()> work) {
-    threads_.emplace_back([this, work = std::move(work)] {
-      start_.arrive_and_wait();
-      work();
-    });
-  }
-  ~Crew() {
-    for (auto& thread : threads_) thread.join();
-  }
-
- private:
-  std::barrier<> start_;
-  std::vector<std::thread> threads_;
-};
-
 TEST(TableLock, ReadersSeeNoWriteHalfDone) {
   TableLock lock;
   std::array<int, 2> pair{};
   std::atomic<int> torn{0};
-  {
-    Crew crew(6);
-    for (int writer = 0; writer < 2; ++writer) {
-      crew.add([&] {
-        for (int i = 0; i < kRounds; ++i) {
-          const std::unique_lock guard(lock);
-          ++pair[0];
-          ++pair[1];
-        }
-      });
+  const auto write = [&] {
+    for (int i = 0; i < kRounds; ++i) {
+      const std::unique_lock guard(lock);
+      ++pair[0];
+      ++pair[1];
     }
-    for (int reader = 0; reader < 4; ++reader) {
-      crew.add([&] {
-        for (int i = 0; i < kRounds; ++i) {
-          const std::shared_lock guard(lock);
-          torn += pair[0] != pair[1] ? 1 : 0;
-        }
-      });
+  };
+  const auto read = [&] {
+    for (int i = 0; i < kRounds; ++i) {
+      const std::shared_lock guard(lock);
+      torn += pair[0] != pair[1] ? 1 : 0;
     }
-  }
+  };
+  kit::together({write, write, read, read, read, read});
   EXPECT_EQ(torn, 0);
   EXPECT_EQ(pair[0], 2 * kRounds);
 }
@@ -71,47 +46,32 @@ TEST(TableLock, AnyNumberOfReadersIsInAtOnce) {
   TableLock lock;
   std::barrier<> everybody(kMoreThanCounters);
   int guarded = 0;
-  {
-    Crew crew(kMoreThanCounters);
-    for (int i = 0; i < kMoreThanCounters; ++i) {
-      crew.add([&] {
-        const std::shared_lock guard(lock);
-        everybody.arrive_and_wait();
-      });
-    }
-  }
+  kit::together(kMoreThanCounters, [&] {
+    const std::shared_lock guard(lock);
+    everybody.arrive_and_wait();
+  });
   const std::unique_lock guard(lock);  // All have left their counters, those that shared one too.
   EXPECT_EQ(++guarded, 1);
 }
 
-TEST(TableLock, ReadersWithoutAPauseLetWritersIn) {
+/// Two threads that take one side without a pause, and one that has to get the other side often.
+template <class Greedy, class Patient>
+void expectLetsIn() {
   TableLock lock;
   std::atomic<bool> done{false};
-  Crew crew(3);
-  for (int reader = 0; reader < 2; ++reader) {
-    crew.add([&] {
-      while (!done) const std::shared_lock guard(lock);
-    });
-  }
-  crew.add([&] {
-    for (int i = 0; i < kRounds; ++i) const std::unique_lock guard(lock);
+  const auto take = [&] {
+    while (!done) const Greedy guard(lock);
+  };
+  const auto getIn = [&] {
+    for (int i = 0; i < kRounds; ++i) const Patient guard(lock);
     done = true;
-  });
+  };
+  kit::together({take, take, getIn});
 }
 
-TEST(TableLock, WritersWithoutAPauseLetReadersIn) {
-  TableLock lock;
-  std::atomic<bool> done{false};
-  Crew crew(3);
-  for (int writer = 0; writer < 2; ++writer) {
-    crew.add([&] {
-      while (!done) const std::unique_lock guard(lock);
-    });
-  }
-  crew.add([&] {
-    for (int i = 0; i < kRounds; ++i) const std::shared_lock guard(lock);
-    done = true;
-  });
+TEST(TableLock, NeitherSideKeepsTheOtherOut) {
+  expectLetsIn<std::shared_lock<TableLock>, std::unique_lock<TableLock>>();
+  expectLetsIn<std::unique_lock<TableLock>, std::shared_lock<TableLock>>();
 }
 
 TEST(TableLock, WriterWaitsForReadersThatAreIn) {
@@ -119,37 +79,30 @@ TEST(TableLock, WriterWaitsForReadersThatAreIn) {
   std::atomic<bool> left{false};
   std::barrier<> inside(2);
   bool leftBeforeWriting = false;
-  {
-    Crew crew(2);
-    crew.add([&] {
-      std::shared_lock guard(lock);
-      inside.arrive_and_wait();
-      for (int i = 0; i < kRounds; ++i) std::this_thread::yield();
-      left = true;
-    });
-    crew.add([&] {
-      inside.arrive_and_wait();
-      const std::unique_lock guard(lock);
-      leftBeforeWriting = left;
-    });
-  }
+  const auto read = [&] {
+    const std::shared_lock guard(lock);
+    inside.arrive_and_wait();
+    for (int i = 0; i < kRounds; ++i) std::this_thread::yield();
+    left = true;
+  };
+  const auto write = [&] {
+    inside.arrive_and_wait();
+    const std::unique_lock guard(lock);
+    leftBeforeWriting = left;
+  };
+  kit::together({read, write});
   EXPECT_TRUE(leftBeforeWriting);
 }
 
 TEST(WordLock, LetsOneInAtATime) {
   WordLock lock;
   int count = 0;
-  {
-    Crew crew(4);
-    for (int i = 0; i < 4; ++i) {
-      crew.add([&] {
-        for (int round = 0; round < kRounds * 10; ++round) {
-          const std::lock_guard guard(lock);
-          ++count;
-        }
-      });
+  kit::together(4, [&] {
+    for (int round = 0; round < kRounds * 10; ++round) {
+      const std::lock_guard guard(lock);
+      ++count;
     }
-  }
+  });
   EXPECT_EQ(count, 4 * kRounds * 10);
 }
 

@@ -45,9 +45,9 @@ TYPED_TEST(AnyValueOf, CopiesMovesAndAssigns) {
   AnyValue copy(first);
   EXPECT_EQ(first.getIf<TypeParam>()->number, 7);
   AnyValue moved(std::move(first));
-  EXPECT_FALSE(first);
+  EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): the point.
   copy = std::move(moved);
-  EXPECT_FALSE(moved);
+  EXPECT_FALSE(moved);  // NOLINT(bugprone-use-after-move): the point.
   AnyValue& same = copy;
   copy = same;
   copy = std::move(same);

@@ -1,12 +1,13 @@
 // What signals promise when several threads use them at once.
 
+#include "together.h"
+
 #include <libmw/signal.h>
 
 #include <atomic>
 #include <future>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -101,9 +102,7 @@ TEST(SignalRaces, TwoEmissionsMayDisconnectTheirOneSubscriberFromInside) {
       ++inside;
       signal.disconnect(link);
     }));
-    std::thread other([&] { signal(); });
-    signal();
-    other.join();
+    kit::together(2, [&] { signal(); });
     EXPECT_GE(inside, 1);
     EXPECT_FALSE(signal.hasSubscribers());
   }
@@ -117,15 +116,11 @@ TEST(SignalRaces, TheOwnerIsToldLastHowThingsStand) {
     EXPECT_NE(told.exchange(any), any) << "the same notice twice";
     --talking;
   });
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([&, i] {
-        for (int n = 0; n < 300; ++n) signal.disconnect(signal.connect(SignalSubscriber([] {})));
-        if (i == 0) signal.connect(SignalSubscriber([] {}));
-      });
-    }
-  }
+  std::atomic<bool> stays{false};
+  kit::together(4, [&] {
+    for (int n = 0; n < 300; ++n) signal.disconnect(signal.connect(SignalSubscriber([] {})));
+    if (!stays.exchange(true)) signal.connect(SignalSubscriber([] {}));
+  });
   EXPECT_TRUE(told);
   signal.disconnectAll();
   EXPECT_FALSE(told);

@@ -1,10 +1,11 @@
 #pragma once
 
+#include "temporary_folder.h"
+
 #include <libmw/local.h>
 #include <libmw/session.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <optional>
 #include <string>
 
@@ -15,19 +16,12 @@ namespace mw {
 /// A folder for sockets of the test's own.
 class SocketFolder {
  public:
-  SocketFolder() {
-    std::string pattern = "/tmp/korvo_test.XXXXXX";
-    path_ = ::mkdtemp(pattern.data());
-    ::setenv("XDG_RUNTIME_DIR", path_.c_str(), 1);
-  }
-  SocketFolder(const SocketFolder&) = delete;
-  SocketFolder& operator=(const SocketFolder&) = delete;
-  ~SocketFolder() { std::filesystem::remove_all(path_); }
+  SocketFolder() { ::setenv("XDG_RUNTIME_DIR", path().c_str(), 1); }
 
-  const std::string& path() const { return path_; }
+  std::string path() const { return folder_.path(); }
 
  private:
-  std::string path_;
+  const kit::TemporaryFolder folder_;
 };
 
 /// A broker's session and another that has joined it, by a socket.

@@ -21,8 +21,7 @@ using mw::EventLoop;
 using mw::FutureError;
 using mw::FutureState;
 using mw::Promise;
-using std::chrono_literals::operator""h;
-using std::chrono_literals::operator""ms;
+using namespace std::chrono_literals;
 
 EventLoop::Options small(std::size_t minThreads, std::size_t maxThreads) {
   return {.name = "small", .minThreads = minThreads, .maxThreads = maxThreads, .growAfter = 1ms};

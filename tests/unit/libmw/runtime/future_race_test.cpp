@@ -1,11 +1,10 @@
+#include "together.h"
+
 #include <libmw/eventloop.h>
 #include <libmw/future.h>
 
 #include <atomic>
-#include <latch>
 #include <memory>
-#include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -20,18 +19,6 @@ using mw::Promise;
 
 constexpr int kRounds = 1'000;
 
-template <class First, class Second>
-void race(First&& first, Second&& second) {
-  std::latch start(2);
-  std::thread other([&] {
-    start.arrive_and_wait();
-    second();
-  });
-  start.arrive_and_wait();
-  first();
-  other.join();
-}
-
 TEST(FutureRace, AResultAndACancellationGiveOneOutcome) {
   for (int round = 0; round < kRounds; ++round) {
     Promise<int> promise;
@@ -42,7 +29,7 @@ TEST(FutureRace, AResultAndACancellationGiveOneOutcome) {
       return source.state();
     });
     bool isFirst = false;
-    race([&] { isFirst = promise.trySetValue(1); }, [&] { chained.cancel(); });
+    kit::together({[&] { isFirst = promise.trySetValue(1); }, [&] { chained.cancel(); }});
     EXPECT_EQ(chained.value(), isFirst ? FutureState::FinishedWithValue : FutureState::Canceled);
     EXPECT_EQ(runs, 1);
   }
@@ -53,7 +40,7 @@ TEST(FutureRace, AContinuationAddedWhileFinishingRunsOnce) {
     Promise<int> promise;
     const auto future = promise.future();
     std::atomic<int> runs{0};
-    race([&] { promise.setValue(1); }, [&] { future.andThen([&](int) { ++runs; }); });
+    kit::together({[&] { promise.setValue(1); }, [&] { future.andThen([&](int) { ++runs; }); }});
     EXPECT_EQ(runs, 1);
   }
 }
@@ -63,7 +50,7 @@ TEST(FutureRace, CancellingMeetsTheHandOverToAnInnerFuture) {
     Promise<void> outer;
     Promise<int> inner;
     auto future = outer.future().andThen([&] { return inner.future(); });
-    race([&] { outer.setValue(); }, [&] { future.cancel(); });
+    kit::together({[&] { outer.setValue(); }, [&] { future.cancel(); }});
     // Either the outer future was cancelled in time, or the request reached the inner one.
     EXPECT_EQ(future.wait(), FutureState::Canceled);
   }
@@ -76,12 +63,11 @@ TEST(FutureRace, PromisesAndFuturesGoAwayTogether) {
     auto future = std::make_unique<Future<int>>(promise->future());
     std::atomic<int> runs{0};
     future->then([&](const Future<int>&) { ++runs; });
-    race(
-        [&] {
-          promise.reset();
-          future.reset();
-        },
-        [&] { copy.reset(); });
+    kit::together({[&] {
+                     promise.reset();
+                     future.reset();
+                   },
+                   [&] { copy.reset(); }});
     EXPECT_EQ(runs, 1);
   }
 }
@@ -94,12 +80,12 @@ TEST(FutureRace, CancelThenWaitLeavesNothingBehindThatRuns) {
     auto pending = lookUp.future()
                        .andThen([&owned](int value) { *owned = value; }, FutureCallbackType::Auto)
                        .then([&owned](const Future<void>&) { ++*owned; });
-    race([&] { lookUp.trySetValue(1); },
-         [&] {
-           pending.cancel();
-           pending.wait();
-           owned.reset();
-         });
+    kit::together({[&] { lookUp.trySetValue(1); },
+                   [&] {
+                     pending.cancel();
+                     pending.wait();
+                     owned.reset();
+                   }});
   }
 }
 

@@ -18,7 +18,7 @@ using mw::FutureCallbackType;
 using mw::FutureError;
 using mw::FutureState;
 using mw::Promise;
-using std::chrono_literals::operator""ms;
+using namespace std::chrono_literals;
 
 constexpr auto kNoWait = 0ms;
 
