@@ -26,6 +26,12 @@ int fail(ExitStatus status, std::string_view message) {
   return status;
 }
 
+/// What stays in the buffer of a full disk was not done.
+int withAllWritten(int status) {
+  if (std::cout.flush() || status != kDone) return status;
+  return fail(kFailed, "standard output cannot be written");
+}
+
 /// The flags among the options, for a command to ask for.
 Words flagsIn(const Words& options) {
   Words flags = options;
@@ -75,7 +81,7 @@ int runWords(std::span<const std::string> words) {
 
 int runProgram(int argc, const char* const* argv) {
   try {
-    return runWords(Words(argv + 1, argv + argc));
+    return withAllWritten(runWords(Words(argv + 1, argv + argc)));
   } catch (const mw::NoBrokerError& error) {
     return fail(kNoBroker, error.what());
   } catch (const std::exception& error) {

@@ -14,6 +14,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include <fmt/format.h>
+
 namespace korvo {
 
 namespace fs = std::filesystem;
@@ -90,16 +92,22 @@ class LineEditor::Terminal {
 
  private:
   template <class Argument>
-  void useHistory(int operation, Argument argument) {
+  int useHistory(int operation, Argument argument) {
     HistEvent event;
-    ::history(history_, &event, operation, argument);
+    return ::history(history_, &event, operation, argument);
   }
 
+  /// Writes it beside the old one, which it replaces when it is whole: a full disk must not cost what was there.
   void saveHistory() {
     if (historyFile_.empty()) return;
     std::error_code impossible;  // A console without a writable home works all the same.
     fs::create_directories(historyFile_.parent_path(), impossible);
-    useHistory(H_SAVE, historyFile_.c_str());
+    const std::string made = fmt::format("{}.{}", historyFile_.string(), getpid());
+    std::FILE* const file = std::fopen(made.c_str(), "we");
+    if (!file) return;
+    const bool written = useHistory(H_SAVE_FP, file) >= 0 && std::ferror(file) == 0;
+    if (std::fclose(file) == 0 && written) fs::rename(made, historyFile_, impossible);
+    fs::remove(made, impossible);
   }
 
   static Terminal& of(EditLine* editor) {
