@@ -1,7 +1,6 @@
 #pragma once
 
 #include <hxvalue/hxvalue.h>
-#include <libmw/anyvalue.h>
 
 #include <cstddef>
 #include <ostream>
@@ -11,29 +10,15 @@
 
 namespace HX::model {
 
-/// What a call is: one of a published method, or something that happens around the memory.
-enum class Action {
-  Call,
-  Burst,      ///< Raises an event more often than its history is long.
-  Poke,       ///< Writes through an address that was handed out.
-  Follow,     ///< Connects a client to an event's signal.
-  Unfollow,   ///< Disconnects one.
-  Trigger,    ///< Emits on a signal from outside.
-  Offer,      ///< A service appears,
-  Withdraw,   ///< and goes.
-  EndLookUp,  ///< A look-up that was waiting ends in one of four ways.
-  React,      ///< The calls that come next are not made now, but by a service when it is called; then it may fail.
-};
-
-/// In `arguments`, k is a key, m and s are services, x is an extractor, c a callback, v a value, n a number, e an
-/// ending, p pairs, l a list of keys as a value, K one of strings.
+/// In `arguments`, k is a key, s a service, x an extractor, c a callback, v a value, n a number, e an ending, p pairs,
+/// l a list of keys as a value, K one of strings.
 struct Method {
   const char* name;
   const char* arguments;
   std::size_t weight;  ///< How often it is made up, among all of them.
-  Action action = Action::Call;
 };
 
+/// The published methods, and behind them what happens around the memory.
 inline constexpr Method kMethods[] = {
     {"insertData", "kv", 6},
     {"insertListData", "p", 2},
@@ -48,7 +33,7 @@ inline constexpr Method kMethods[] = {
     {"getMicroEventList", "", 1},
     {"getListData", "l", 1},
     {"getType", "k", 2},
-    {"setDescription", "km", 1},
+    {"setDescription", "ks", 1},
     {"getDescriptionList", "K", 1},
     {"getIntPtr", "k", 1},
     {"getFloatPtr", "k", 1},
@@ -61,21 +46,21 @@ inline constexpr Method kMethods[] = {
     {"removeEvent", "k", 5},
     {"removeMicroEvent", "k", 2},
     {"getExtractorEvent", "x", 2},
-    {"subscribeToEvent", "kmc", 8},
-    {"subscribeToEvent", "kmxc", 3},
-    {"subscribeToMicroEvent", "kmxc", 5},
-    {"unsubscribeToEvent", "km", 6},
-    {"unsubscribeToMicroEvent", "km", 3},
+    {"subscribeToEvent", "ksc", 8},
+    {"subscribeToEvent", "ksxc", 3},
+    {"subscribeToMicroEvent", "ksxc", 5},
+    {"unsubscribeToEvent", "ks", 6},
+    {"unsubscribeToMicroEvent", "ks", 3},
     {"getSubscribers", "k", 3},
-    {"burst", "k", 1, Action::Burst},
-    {"poke", "kn", 1, Action::Poke},
-    {"follow", "k", 2, Action::Follow},
-    {"unfollow", "n", 1, Action::Unfollow},
-    {"trigger", "nv", 2, Action::Trigger},
-    {"offer", "s", 3, Action::Offer},
-    {"withdraw", "s", 3, Action::Withdraw},
-    {"endLookUp", "sn", 4, Action::EndLookUp},
-    {"react", "sne", 14, Action::React},
+    {"burst", "k", 1},       // Raises an event more often than its history is long.
+    {"poke", "kn", 1},       // Writes through an address that was handed out.
+    {"follow", "k", 2},      // Connects a client to an event's signal.
+    {"unfollow", "n", 1},    // Disconnects one.
+    {"trigger", "nv", 2},    // Emits on a signal from outside.
+    {"offer", "s", 3},       // A service appears,
+    {"withdraw", "s", 3},    // and goes.
+    {"endLookUp", "sn", 4},  // A look-up that was waiting ends in one of four ways.
+    {"react", "sne", 14},    // The next n calls are not made now, but by a service when it is called; then it may fail.
 };
 
 /// The first one of that name.
@@ -90,16 +75,10 @@ struct Call {
   std::size_t number = 0;
 
   const Method& what() const { return kMethods[method]; }
-  const std::string& keyName() const;
-  const std::string& serviceName() const;
-  const std::string& extractor() const;
-  const std::string& callback() const;
-  const HXValue& data() const;
-  std::vector<std::string> keyNames() const;
-  /// How a reaction ends: "", or with which kind of error.
-  const char* ending() const;
-  /// The argument that a letter of `Method::arguments` stands for.
-  mw::AnyValue argument(char letter) const;
+  std::string_view name() const { return what().name; }
+  /// The argument that a letter of `Method::arguments` stands for, for as long as the program runs.
+  const HXValue& argument(char letter) const;
+  const std::string& text(char letter) const { return argument(letter).asString(); }
 };
 
 using Calls = std::vector<Call>;

@@ -113,16 +113,17 @@ Step withItem(const std::string& key, const char* method, bool locked, Use actio
 
 /// The steps of a call, the first one last.
 std::vector<Step> stepsOf(const Call& call) {
-  const std::string key = call.keyName();
-  const std::string module = call.serviceName();
-  const std::string_view name = call.what().name;
-  if (name == "insertData") return {write(key, call.data(), STMValue::Data, false)};
+  const std::string key = call.text('k');
+  const std::string module = call.text('s');
+  const HXValue& data = call.argument('v');
+  const std::string_view name = call.name();
+  if (name == "insertData") return {write(key, data, STMValue::Data, false)};
   if (name == "declareEvent") return {write(key, {}, STMValue::Event, false)};
-  if (name == "raiseEvent") return {write(key, call.data(), STMValue::Event, true)};
-  if (name == "raiseMicroEvent") return {write(key, call.data(), STMValue::MicroEvent, true)};
+  if (name == "raiseEvent") return {write(key, data, STMValue::Event, true)};
+  if (name == "raiseMicroEvent") return {write(key, data, STMValue::MicroEvent, true)};
   if (name == "subscribeToEvent") {
     return {asStep("ask for the extractor", -1, [=](State& state) { state.extractors.try_emplace(key); }),
-            withItem(key, nullptr, true, [=, method = call.callback()](State& state, int item) {
+            withItem(key, nullptr, true, [=, method = call.text('c')](State& state, int item) {
               state.subscribe(item, module, "", method);
             })};
   }

@@ -33,7 +33,7 @@ constexpr std::array kConcurrent{
 class Recorder {
  public:
   Recorder() : memory_([this](const std::string& service, const std::string& text) { told(service, text); }) {
-    for (std::size_t i = 0; i < kListeners; ++i) memory_.offer(Call{.service = i}.serviceName());
+    for (std::size_t i = 0; i < kListeners; ++i) memory_.offer(Call{.service = i}.text('s'));
   }
 
   History run(const std::vector<Calls>& threads) {
@@ -54,8 +54,7 @@ class Recorder {
     }
     // Afterwards, alone: what the memory has come to.
     for (const Call& question : allQuestions()) {
-      const std::string_view name = question.what().name;
-      if (question.key < 2 && name != "getDescriptionList" && name != "getExtractorEvent") {
+      if (question.key < 2 && question.name() != "getDescriptionList" && question.name() != "getExtractorEvent") {
         history[0].push_back(make(question));
       }
     }
@@ -87,37 +86,29 @@ class Recorder {
   RealMemory memory_;
 };
 
-class Generator {
- public:
-  explicit Generator(unsigned seed) : engine_(seed) {}
-
-  /// As many calls for each thread, those of one round about the same key and half the time the same ones.
-  std::vector<Calls> next() {
-    std::vector<Calls> threads(below(3) == 0 ? 3 + below(2) : 2);
-    for (std::size_t round = 0; round < 8 / threads.size() + 1; ++round) {
-      const std::size_t key = below(4) == 0 ? 1 : 0;
-      const std::size_t method = below(kConcurrent.size());
-      for (auto& calls : threads) {
-        const std::size_t own = below(2) == 0 ? method : below(kConcurrent.size());
-        calls.push_back({methodNamed(kConcurrent[own]), key, below(kListeners), below(kValues), below(8) / 7 * 3});
-      }
+/// As many calls for each thread, those of one round about the same key and half the time the same ones.
+std::vector<Calls> someCalls(std::mt19937& engine) {
+  const auto below = [&engine](std::size_t limit) { return engine() % limit; };
+  std::vector<Calls> threads(below(3) == 0 ? 3 + below(2) : 2);
+  for (std::size_t round = 0; round < 8 / threads.size() + 1; ++round) {
+    const std::size_t key = below(4) == 0 ? 1 : 0;
+    const std::size_t method = below(kConcurrent.size());
+    for (auto& calls : threads) {
+      const std::size_t own = below(2) == 0 ? method : below(kConcurrent.size());
+      calls.push_back({methodNamed(kConcurrent[own]), key, below(kListeners), below(kValues), below(8) / 7 * 3});
     }
-    return threads;
   }
-
- private:
-  std::size_t below(std::size_t limit) { return engine_() % limit; }
-  std::mt19937 engine_;
-};
+  return threads;
+}
 
 TEST(Memory, ShowsConcurrentThreadsOnlyWhatSomeOrderOfItsStepsExplains) {
   const char* const given = std::getenv("KORVO_MODEL_SEED");
   const unsigned seed = given ? static_cast<unsigned>(std::atoi(given)) : 1;
-  Generator generator(seed);
+  std::mt19937 engine(seed);
   const State start = Model([](const std::string&, const std::string&) {}).state();
   int undecided = 0;
   for (int i = 0; i < kHistories; ++i) {
-    const History history = Recorder().run(generator.next());
+    const History history = Recorder().run(someCalls(engine));
     const Verdict verdict = judge(start, history);
     ASSERT_NE(verdict, Verdict::Contradicted) << "history " << i << " of seed " << seed << "\n" << toText(history);
     if (verdict == Verdict::Undecided) ++undecided;

@@ -17,19 +17,6 @@ constexpr int kForGood = -1;
 
 }  // namespace
 
-/// While it lives, look-ups of the item that end still reach it, whether it is in the table or not.
-class Model::Hold {
- public:
-  Hold(State& state, int item) : state_(state), item_(item) { ++state_.at(item_).holders; }
-  Hold(const Hold&) = delete;
-  Hold& operator=(const Hold&) = delete;
-  ~Hold() { --state_.at(item_).holders; }
-
- private:
-  State& state_;
-  int item_;
-};
-
 Model::Model(Called called) : called_(std::move(called)) {
   mw::ObjectBuilder builder;
   builder.setThreadingModel(mw::ObjectThreadingModel::MultiThread);
@@ -121,10 +108,15 @@ void Model::publishEvents(mw::ObjectBuilder& to) {
 
 void Model::write(Text key, const HXValue& value, State::Kind kind, const std::function<void(int item)>& then) {
   const auto [item, change] = state_.insert(key, value, kind);
-  const Hold hold(state_, item);
+  const auto held = hold(item);
   if (change == State::Change::Added) announce(Memory::keyAddedKey, key);
   if (change == State::Change::Retyped) announce(Memory::keyTypeChanged, key);
   if (then) then(item);
+}
+
+std::shared_ptr<void> Model::hold(int item) {
+  ++state_.at(item).holders;
+  return {nullptr, [this, item](void*) { --state_.at(item).holders; }};
 }
 
 void Model::announce(Text event, Text key) {
@@ -252,7 +244,7 @@ void Model::endLookUp(Text service, Ending ending) {
   const auto& item = state_.at(ended.item);
   const bool isAlive = item.holders > 0 || state_.find(item.name) == ended.item;
   if (!isAlive || ending == Ending::Canceled) return;
-  const Hold hold(state_, ended.item);
+  const auto held = hold(ended.item);
   if (ending == Ending::Found) {
     resolve(ended.item, service, kForGood, ended.value);
   } else {

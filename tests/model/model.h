@@ -51,7 +51,8 @@ class Model : public Subject {
   void subscribe(Text key, Text module, Text message, Text method, State::Kind kind);
   void unsubscribe(Text key, Text module, State::Kind kind);
 
-  class Hold;
+  /// While the result lives, look-ups of the item that end still reach it, whether it is in the table or not.
+  std::shared_ptr<void> hold(int item);
   void write(Text key, const HXValue& value, State::Kind kind, const std::function<void(int item)>& then = {});
   void announce(Text event, Text key);
   void notify(int item, Text key, const HXValue& value);

@@ -22,19 +22,18 @@ std::string shown(const HXError& error) {
 
 /// A list of keys in the order of the table, which is none to rely on.
 bool isUnordered(const Call& call) {
-  const std::string_view name = call.what().name;
-  return name == "getDataList" || name == "getDataListName" || name == "getMicroEventList" ||
-         (name == "getDescriptionList" && call.keyNames().empty());
+  return call.name() == "getDataList" || call.name() == "getDataListName" || call.name() == "getMicroEventList" ||
+         (call.name() == "getDescriptionList" && call.argument('K').asList().empty());
 }
 
 }  // namespace
 
 mw::AnyValue callMethod(mw::GenericObject& memory, const Call& call) {
-  std::vector<mw::AnyValue> arguments;
-  for (const char* letter = call.what().arguments; *letter; ++letter) arguments.push_back(call.argument(*letter));
-  std::vector<mw::AnyReference> references;
-  for (const auto& argument : arguments) references.push_back(argument.reference());
-  return memory.metaCall(memory.metaObject().resolve(call.what().name, references).id, references).take();
+  std::vector<mw::AnyReference> arguments;
+  for (const char* letter = call.what().arguments; *letter; ++letter) {
+    arguments.push_back(mw::AnyReference::of(call.argument(*letter)));
+  }
+  return memory.metaCall(memory.metaObject().resolve(call.what().name, arguments).id, arguments).take();
 }
 
 std::string shown(const Call& call, const mw::AnyValue& result) {
@@ -61,9 +60,9 @@ void Player::playAll(const Calls& calls) {
   int time = 0;
   for (auto next = calls.begin(); next != calls.end(); ++next) {
     subject_->setTime(++time);
-    if (next->what().action == Action::React) {
+    if (next->name() == "react") {
       const auto count = std::min<std::ptrdiff_t>(calls.end() - next - 1, static_cast<std::ptrdiff_t>(next->number));
-      reactions_[next->serviceName()].push_back({Calls(next + 1, next + 1 + count), next->ending()});
+      reactions_[next->text('s')].push_back({Calls(next + 1, next + 1 + count), next->text('e')});
       next += count;
     } else {
       record(*next);
@@ -93,39 +92,28 @@ void Player::called(const std::string& service, const std::string& text) {
 }
 
 std::string Player::perform(const Call& call) {
-  const std::string& service = call.serviceName();
+  const std::string_view name = call.name();
   const bool mayMove = call.service < kListeners || (call.service < kOffered && !nested_);
-  switch (call.what().action) {
-    case Action::Call: {
-      const mw::AnyValue result = callMethod(subject_->methods(), call);
-      if (int* const* const address = result.getIf<int*>()) addresses_[call.keyName()] = *address;
-      return shown(call, result);
-    }
-    case Action::Burst:
-      for (int i = 0; i < 52; ++i) subject_->methods().call("raiseEvent", call.keyName(), i);
-      break;
-    case Action::Poke:
-      if (addresses_.contains(call.keyName())) *addresses_[call.keyName()] = static_cast<int>(call.number);
-      break;
-    case Action::Follow:
-      return fmt::format("signal {}", subject_->follow(call.keyName()));
-    case Action::Unfollow:
-      subject_->unfollow(call.number);
-      break;
-    case Action::Trigger:
-      subject_->trigger(call.number, std::vector<HXValue>(call.value % 3, call.data()));
-      break;
-    case Action::Offer:
-      if (mayMove) subject_->offer(service);
-      break;
-    case Action::Withdraw:
-      if (mayMove) subject_->withdraw(service);
-      break;
-    case Action::EndLookUp:
-      subject_->endLookUp(service, static_cast<Subject::Ending>(call.number % 4));
-      break;
-    case Action::React:
-      break;
+  if (name == "burst") {
+    for (int i = 0; i < 52; ++i) subject_->methods().call("raiseEvent", call.text('k'), i);
+  } else if (name == "poke") {
+    if (addresses_.contains(call.text('k'))) *addresses_[call.text('k')] = static_cast<int>(call.number);
+  } else if (name == "follow") {
+    return fmt::format("signal {}", subject_->follow(call.text('k')));
+  } else if (name == "unfollow") {
+    subject_->unfollow(call.number);
+  } else if (name == "trigger") {
+    subject_->trigger(call.number, std::vector<HXValue>(call.value % 3, call.argument('v')));
+  } else if (name == "offer") {
+    if (mayMove) subject_->offer(call.text('s'));
+  } else if (name == "withdraw") {
+    if (mayMove) subject_->withdraw(call.text('s'));
+  } else if (name == "endLookUp") {
+    subject_->endLookUp(call.text('s'), static_cast<Subject::Ending>(call.number % 4));
+  } else if (name != "react") {
+    const mw::AnyValue result = callMethod(subject_->methods(), call);
+    if (int* const* const address = result.getIf<int*>()) addresses_[call.text('k')] = *address;
+    return shown(call, result);
   }
   return "done";
 }

@@ -1,6 +1,7 @@
 #include "real_memory.h"
 
 #include "call.h"
+#include "listener.h"
 
 #include <libmw/dynamicobject.h>
 #include <libmw/eventloop.h>
@@ -99,12 +100,13 @@ mw::AnyObject RealMemory::makeService(const std::string& name) {
   using Text = const std::string&;
   const auto told = [this, name](Text text) { called_(name, text); };
   if (isListener(name)) {
-    for (const char* method : {"heard", "heardToo"}) {
-      add(method, [told, method](Text key, const HXValue& value, const HXValue& message) {
-        told(notification(method, key, value, message));
-      });
-    }
-  } else if (name == "HXFrameManager") {
+    const auto listener = kit::Listener::make(false);
+    listener->react = [told](const auto& heard) {
+      told(notification(heard.method, heard.key, heard.value, heard.message));
+    };
+    return mw::AnyObject(listener);
+  }
+  if (name == "HXFrameManager") {
     add("_subscribeBoxToEvent", [told](Text event, Text box, const HXValue& message, Text method, bool micro) {
       told(fmt::format("+ {} {} {} {} {}", event, box, message.toString(), method, micro));
     });
@@ -121,16 +123,14 @@ mw::AnyObject RealMemory::makeService(const std::string& name) {
 }
 
 void RealMemory::offer(const std::string& service) {
-  const auto offered = broker_->session()->services();
-  const auto isIt = [&](const auto& one) { return one.name == service; };
-  if (std::any_of(offered.begin(), offered.end(), isIt)) return;
-  broker_->session()->registerService(service, makeService(service));
+  if (!offered_.contains(service)) {
+    offered_[service] = broker_->session()->registerService(service, makeService(service));
+  }
 }
 
 void RealMemory::withdraw(const std::string& service) {
-  for (const auto& offered : broker_->session()->services()) {
-    if (offered.name == service) broker_->session()->unregisterService(offered.id);
-  }
+  if (!offered_.contains(service)) return;
+  broker_->session()->unregisterService(offered_.extract(service).mapped());
   // The broker forgets its proxy to an extractor or the frame manager on the loop.
   if (!isListener(service)) mw::defaultLoop().drain();
 }
@@ -140,20 +140,10 @@ void RealMemory::endLookUp(const std::string& service, Ending ending) {
   if (waiting.empty()) return;
   auto promise = waiting.front();
   waiting.pop_front();
-  switch (ending) {
-    case Ending::Found:
-      promise.trySetValue(makeService(service));
-      break;
-    case Ending::Nothing:
-      promise.trySetValue({});
-      break;
-    case Ending::Failed:
-      promise.trySetException(std::make_exception_ptr(std::runtime_error("nobody there")));
-      break;
-    case Ending::Canceled:
-      promise.trySetCanceled();
-      break;
-  }
+  if (ending == Ending::Found) promise.trySetValue(makeService(service));
+  if (ending == Ending::Nothing) promise.trySetValue({});
+  if (ending == Ending::Failed) promise.trySetException(std::make_exception_ptr(std::runtime_error("nobody there")));
+  if (ending == Ending::Canceled) promise.trySetCanceled();
 }
 
 }  // namespace HX::model

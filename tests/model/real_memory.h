@@ -40,6 +40,7 @@ class RealMemory : public Subject {
   const bool wasOnStderr_;
   const std::shared_ptr<HXBroker> broker_;
   std::map<std::string, std::deque<mw::Promise<mw::AnyObject>>> lookUps_;  ///< Those that wait, oldest first.
+  std::map<std::string, mw::ServiceId> offered_;
   std::shared_ptr<HXMemory> memory_;
   mw::AnyObject methods_;
   std::vector<std::shared_ptr<HXMemorySubscriber>> followed_;
