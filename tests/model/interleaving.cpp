@@ -130,25 +130,12 @@ std::vector<Step> stepsOf(const Call& call) {
   if (name == "unsubscribeToEvent") {
     return {withItem(key, "getData", true, [=](State& state, int item) { state.unsubscribe(item, module); })};
   }
-  if (name == "getSubscribers") {
-    return {withItem(key, "getDataSubscriber", true, [](State& state, int item) { return state.subscribers(item); })};
+  for (const Question& asked : kQuestions) {
+    const bool ofSubscriptions = name == "getSubscribers";
+    if (name == asked.method) return {withItem(key, asked.failsAs, ofSubscriptions, asked.answer)};
   }
-  if (name == "getTimestamp") {
-    return {withItem(key, "getData", false, [](State& state, int item) {
-      return HXValue::list({state.at(item).value, state.at(item).time, 0});
-    })};
-  }
-  if (name == "getEventHistory") {
-    return {withItem(key, "getEventHistory", false, [](State& state, int item) { return state.history(item); })};
-  }
-  if (name == "getType") {
-    return {withItem(key, "getStrDataType", false,
-                     [](State& state, int item) { return std::string(STMValue::kindText(state.at(item).kind)); })};
-  }
-  if (name == "getEventList") return {asStep("events", -1, [](State& state) { return state.events(); })};
-  if (name == "getDataListName") return {asStep("names", -1, [](State& state) { return state.names(""); })};
-  if (name == "getMicroEventList") {
-    return {asStep("micro-events", -1, [](State& state) { return state.namesOf(STMValue::MicroEvent); })};
+  for (const Listing& listing : kListings) {
+    if (name == listing.method) return {asStep(listing.method, -1, listing.names)};
   }
   const Step erase{"erase", [=](Position& p, Thread& me) {
                      p.state.erase(key);

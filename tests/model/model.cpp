@@ -44,22 +44,19 @@ T* Model::address(Text key, const char* method, const HXValue& value, T* (HXValu
 }
 
 void Model::publishData(mw::ObjectBuilder& to) {
+  for (const Question& asked : kQuestions) {
+    publish(to, asked.method,
+            [this, asked](Text key) { return asked.answer(state_, state_.require(key, asked.failsAs, asked.line)); });
+  }
+  for (const Listing& listing : kListings)
+    publish(to, listing.method, [this, listing] { return listing.names(state_); });
   publish(to, "insertData", [this](Text key, const HXValue& value) { write(key, value, STMValue::Data); });
   publish(to, "_insertObject", [this](Text key, const HXValue& value, int) { write(key, value, STMValue::Data); });
   publish(to, "insertListData", [this](const HXValue& list) { insertListData(list); });
   publish(to, "removeData", [this](Text key) { removeData(key); });
-  publish(to, "getData", [this](Text key) { return state_.at(state_.require(key, "getData", 535)).value; });
   publish(to, "getData", [this](Text key, int) { return state_.at(state_.require(key, "getData", 535)).value; });
-  publish(to, "getTimestamp", [this](Text key) {
-    const auto& item = state_.at(state_.require(key, "getData"));
-    return HXValue::list({item.value, item.time, 0});
-  });
   publish(to, "getDataList", [this](Text filter) { return state_.names(filter); });
-  publish(to, "getDataListName", [this] { return state_.names(""); });
   publish(to, "getListData", [this](const HXValue& keys) { return getListData(keys); });
-  publish(to, "getType", [this](Text key) {
-    return std::string(STMValue::kindText(state_.at(state_.require(key, "getStrDataType")).kind));
-  });
   publish(to, "setDescription", [this](Text key, Text text) {
     const auto item = state_.find(key);
     if (!item) fail("setDescription", key + " not found");
@@ -81,9 +78,6 @@ void Model::publishEvents(mw::ObjectBuilder& to) {
   publish(to, "raiseMicroEvent", [this](Text key, const HXValue& value) { raise(key, value, STMValue::MicroEvent); });
   publish(to, "removeEvent", [this](Text key) { removeEvent(key); });
   publish(to, "removeMicroEvent", [this](Text key) { removeEvent(key); });
-  publish(to, "getEventHistory", [this](Text key) { return state_.history(state_.require(key, "getEventHistory")); });
-  publish(to, "getEventList", [this] { return state_.events(); });
-  publish(to, "getMicroEventList", [this] { return state_.namesOf(STMValue::MicroEvent); });
   publish(to, "getExtractorEvent", [this](Text extractor) {
     auto events = state_.events();
     std::erase_if(events, [&](Text event) { return state_.extractors.at(event).module != extractor; });
@@ -100,8 +94,6 @@ void Model::publishEvents(mw::ObjectBuilder& to) {
     publish(to, fmt::format("unsubscribeTo{}", word),
             [this, kind = kind](Text key, Text module) { unsubscribe(key, module, kind); });
   }
-  publish(to, "getSubscribers",
-          [this](Text key) { return state_.subscribers(state_.require(key, "getDataSubscriber")); });
 }
 
 // --- Data ------------------------------------------------------------------------------------------------------------

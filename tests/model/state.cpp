@@ -7,7 +7,26 @@ namespace {
 
 constexpr std::size_t kHistoryDepth = 50;
 
+HXValue toList(const std::vector<std::string>& names) { return HXValue(HXValue::List(names.begin(), names.end())); }
+
 }  // namespace
+
+const std::vector<Question> kQuestions{
+    {"getData", "getData", 535, [](const State& state, int item) { return state.at(item).value; }},
+    {"getTimestamp", "getData", 1,
+     [](const State& state, int item) {
+       return HXValue::list({state.at(item).value, state.at(item).time, 0});
+     }},
+    {"getEventHistory", "getEventHistory", 1, [](const State& state, int item) { return state.history(item); }},
+    {"getType", "getStrDataType", 1,
+     [](const State& state, int item) { return HXValue(STMValue::kindText(state.at(item).kind)); }},
+    {"getSubscribers", "getDataSubscriber", 1,
+     [](const State& state, int item) { return toList(state.subscribers(item)); }}};
+
+const std::vector<Listing> kListings{
+    {"getDataListName", [](const State& state) { return state.names(""); }},
+    {"getEventList", [](const State& state) { return state.events(); }},
+    {"getMicroEventList", [](const State& state) { return state.namesOf(STMValue::MicroEvent); }}};
 
 void fail(const char* method, const std::string& message, int line) {
   throw HXError("HXMemory", method, message, "../hxbase/src/hxmemory", line);

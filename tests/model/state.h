@@ -77,6 +77,22 @@ struct State {
   std::uint64_t lastSubscription = 0;
 };
 
+/// A published method that only asks for something of an item.
+struct Question {
+  const char* method;
+  const char* failsAs;  ///< In whose name it fails when there is no such item, and on which line of the source.
+  int line;
+  HXValue (*answer)(const State& state, int item);
+};
+extern const std::vector<Question> kQuestions;
+
+/// A published method that lists names.
+struct Listing {
+  const char* method;
+  std::vector<std::string> (*names)(const State& state);
+};
+extern const std::vector<Listing> kListings;
+
 /// Ends with the error of the memory. Lines that callers do not rely on are 1 here.
 [[noreturn]] void fail(const char* method, const std::string& message, int line = 1);
 

@@ -23,10 +23,7 @@ using testing::HasSubstr;
 class Arm : public HXModule {
  public:
   Arm(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
-    setModuleDescription("Moves.");
-    functionName("join", getName(), "Adds numbers.", 4);
-    addParam("left", "The first.");
-    setReturn("sum", "Both together.");
+    functionName("join", getName(), "Adds numbers.");
     bindMethodOverload(HX::createFunctor(this, static_cast<int (Arm::*)(int, int)>(&Arm::join)));
     functionName("join", getName(), "Joins texts.");
     bindMethodOverload(
@@ -69,26 +66,6 @@ TEST_F(Modules, AreCalledByTheNamesOfTheirMethods) {
   proxy->asObject()->connect("moved", mw::SignalSubscriber([&](int by) { moved += by; })).value();
   arm->moved(5);
   EXPECT_EQ(moved, 5);
-}
-
-TEST_F(Modules, DescribeThemselves) {
-  HXModule::createModule<Arm>(broker, "Arm");
-  const mw::MetaObject meta = broker->getProxy("Arm")->asObject()->metaObject();
-  EXPECT_EQ(meta.typeName(), "Arm");
-  EXPECT_EQ(meta.description(), "Moves.");
-  ASSERT_EQ(meta.methods().size(), 3U);
-  ASSERT_EQ(meta.findMethods("join").size(), 2U);
-  const mw::MetaMethod& join = *meta.findMethods("join").front();
-  EXPECT_EQ(join.signature(), "join(int, int)");
-  EXPECT_EQ(join.module, "Arm");
-  EXPECT_EQ(join.description, "Adds numbers.");
-  EXPECT_EQ(join.flags, 4);
-  ASSERT_EQ(join.parameters.size(), 1U);
-  EXPECT_EQ(join.parameters[0].name + join.parameters[0].description, "leftThe first.");
-  EXPECT_EQ(join.result->name + join.result->description, "sumBoth together.");
-  EXPECT_EQ(join.resultType, mw::typeOf<int>());
-  EXPECT_FALSE(meta.findMethods("join").back()->result) << "each description begins afresh";
-  EXPECT_EQ(meta.signals().front().name + meta.signals().front().signature, "moved(int)");
 }
 
 TEST_F(Modules, BindOnlyWhileTheyAreConstructed) {
@@ -152,17 +129,6 @@ TEST_F(Modules, NeedABroker) {
   broker.reset();
   EXPECT_THAT(errorOf([&] { arm->getParentBroker(); }), HasSubstr("the broker of module Arm is gone"));
   EXPECT_NO_THROW(arm->exit());
-}
-
-TEST_F(Modules, AnHXErrorArrivesWithItsFields) {
-  make({});
-  try {
-    broker->getProxy("Recorder")->call("fail", "told so");
-    FAIL();
-  } catch (const HXError& error) {
-    EXPECT_EQ(error.message() + "|" + error.file(), "told so|recorder.h");
-    EXPECT_EQ(error.line(), 7);
-  }
 }
 
 TEST_F(Modules, WakeUpTheirSleepersWhenTheyLeave) {
