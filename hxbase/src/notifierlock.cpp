@@ -9,6 +9,16 @@ namespace {
 
 std::atomic<std::chrono::milliseconds> waitPatience{std::chrono::seconds(5)};
 
+#ifndef __has_feature
+#define __has_feature(feature) 0
+#endif
+#if defined(__SANITIZE_THREAD__) || __has_feature(thread_sanitizer)
+using PatienceClock =
+    std::chrono::system_clock;  // ThreadSanitizer does not see locks that are taken by the steady one.
+#else
+using PatienceClock = std::chrono::steady_clock;
+#endif
+
 /// What the calling thread is inside of.
 thread_local const NotifierLock::Calls* innermost = nullptr;
 
@@ -28,9 +38,7 @@ NotifierLock::Calls::~Calls() {
 
 void NotifierLock::lock() {
   if (mutex_.try_lock()) return;
-  // By the system clock, because ThreadSanitizer does not see locks that are taken by the steady one. A clock that is
-  // set meanwhile moves a log line, nothing more.
-  if (mutex_.try_lock_until(std::chrono::system_clock::now() + waitPatience.load())) return;
+  if (mutex_.try_lock_until(PatienceClock::now() + waitPatience.load())) return;
   reportWait();
   mutex_.lock();
 }
