@@ -32,43 +32,24 @@ class RandomValues {
  private:
   HXValue make(HXValue::Type type, int depth) {
     using Type = HXValue::Type;
-    switch (type) {
-      case Type::Bool:
-        return below(2) == 0;
-      case Type::Int:
-        return integer<std::int32_t>();
-      case Type::Int64:
-        return int64();
-      case Type::Float:
-        return decimal<float, std::uint32_t>();
-      case Type::Double:
-        return decimal<double, std::uint64_t>();
-      case Type::String:
-        return text();
-      case Type::Binary:
-        return binary();
-      case Type::List:
-        return list(depth - 1);
-      case Type::Map:
-        return map(depth - 1);
-      default:
-        return {};
-    }
+    if (type == Type::Bool) return below(2) == 0;
+    if (type == Type::Int) return integer<std::int32_t>();
+    if (type == Type::Int64) return int64();
+    if (type == Type::Float) return decimal<float, std::uint32_t>();
+    if (type == Type::Double) return decimal<double, std::uint64_t>();
+    if (type == Type::String) return text();
+    if (type == Type::Binary) return binary();
+    if (type == Type::List) return list(depth - 1);
+    if (type == Type::Map) return map(depth - 1);
+    return {};
   }
 
   template <typename Integer>
   Integer integer() {
     using Limits = std::numeric_limits<Integer>;
-    switch (below(4)) {
-      case 0:
-        return Limits::min();
-      case 1:
-        return Limits::max();
-      case 2:
-        return static_cast<Integer>(static_cast<int>(below(300)) - 150);
-      default:
-        return static_cast<Integer>(engine_());
-    }
+    const Integer choices[] = {Limits::min(), Limits::max(), static_cast<Integer>(static_cast<int>(below(300)) - 150),
+                               static_cast<Integer>(engine_())};
+    return choices[below(4)];
   }
 
   // JSON does not tell an Int64 that fits 32 bits from an Int.

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <iterator>
 #include <rapidcheck.h>
-#include <sstream>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 namespace HX::model {
@@ -36,13 +36,11 @@ rc::Gen<Call> anyCall() {
   return rc::gen::construct<Call>(method, place(kKeys, 6), place(kServices, 3), place(kValues, 0), place(kNumbers, 0));
 }
 
+/// All that was the same, and what follows in each.
 std::string difference(const std::vector<std::string>& expected, const std::vector<std::string>& seen) {
-  std::ostringstream text;
-  std::size_t i = 0;
-  while (i < expected.size() && i < seen.size() && expected[i] == seen[i]) text << "    " << expected[i++] << '\n';
-  text << "expected " << (i < expected.size() ? expected[i] : "nothing more") << '\n';
-  text << "but was  " << (i < seen.size() ? seen[i] : "nothing more") << '\n';
-  return text.str();
+  const auto [wanted, was] = std::mismatch(expected.begin(), expected.end(), seen.begin(), seen.end());
+  return fmt::format("    {}\nexpected {}\nbut was  {}\n", fmt::join(expected.begin(), wanted, "\n    "),
+                     wanted == expected.end() ? "nothing more" : *wanted, was == seen.end() ? "nothing more" : *was);
 }
 
 TEST(Memory, DoesWhatTheModelDoesInEverySequenceOfCalls) {

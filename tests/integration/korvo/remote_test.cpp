@@ -1,4 +1,4 @@
-#include "process.h"
+#include "program.h"
 
 #include <filesystem>
 #include <optional>
@@ -11,23 +11,14 @@
 namespace {
 
 using namespace std::chrono_literals;
+using kit::korvo;
+using kit::module;
 using kit::Process;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 using Text = testing::Matcher<const std::string&>;
 using Words = std::vector<std::string>;
-
-std::string module(const std::string& name) { return TEST_MODULES "/lib" + name + ".so"; }
-
-Words korvo(Words words) {
-  words.insert(words.begin(), KORVO_PROGRAM);
-  return words;
-}
-
-Process::Result run(Words words, std::string_view input = {}) {
-  return kit::runProcess(korvo(std::move(words)), input);
-}
 
 /// A broker that others find once this has been made.
 class Broker {
@@ -57,7 +48,7 @@ struct Row {
 
 void check(const Row& row) {
   SCOPED_TRACE(testing::PrintToString(row.words));
-  const auto result = run(row.words, row.input);
+  const auto result = kit::runKorvo(row.words, row.input);
   EXPECT_THAT(result.out, row.out);
   EXPECT_THAT(result.err, row.err);
   EXPECT_EQ(result.status, row.status);
@@ -184,7 +175,7 @@ TEST(Commands, ExportAndImportWholeSetsOfKeys) {
 /// Raises `key` until `process` has seen a raise, for it cannot be told from outside when it begins to watch.
 void raiseUntilSeen(Process& process, const std::string& key) {
   for (int value = 0; value < 30; ++value) {
-    run({"raise", key, std::to_string(value)});
+    kit::runKorvo({"raise", key, std::to_string(value)});
     if (process.waitFor("{\"key\":\"" + key + "\",\"value\":" + std::to_string(value) + ",", 1s)) return;
   }
   FAIL() << "no raise of " << key << " was seen";
@@ -204,7 +195,7 @@ TEST(Watch, PrintsRaisesAndGoesOnWithTheNextBroker) {
   broker.emplace();
   EXPECT_TRUE(plain.waitFor("the broker is back; what was raised meanwhile is missing"));
   EXPECT_TRUE(json.waitFor("{\"gap\":\"ends\",\"time\":"));
-  run({"raise", "Door", "\"after\""});
+  kit::runKorvo({"raise", "Door", "\"after\""});
   for (Process* process : {&plain, &json}) {
     EXPECT_TRUE(process->waitFor("{\"key\":\"Door\",\"value\":\"after\","));
     process->send(SIGINT);
@@ -245,22 +236,22 @@ TEST(Commands, FailWhereTheirOutputCannotBeWrittenOrTheirInputRead) {
   const auto result = get.finish();
   EXPECT_THAT(result.err, HasSubstr("standard output cannot be written"));
   EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(run({"import", "/"}).err, HasSubstr("Is a directory"));
+  EXPECT_THAT(kit::runKorvo({"import", "/"}).err, HasSubstr("Is a directory"));
 }
 
 TEST(Commands, NameAValueThatCannotCross) {
   const Broker broker;
-  EXPECT_THAT(run({"set", "Deep", nested(300)}).err, HasSubstr("nested more than 256 deep"));
+  EXPECT_THAT(kit::runKorvo({"set", "Deep", nested(300)}).err, HasSubstr("nested more than 256 deep"));
   // A history has its values two lists deeper.
-  run({"raise", "Deep", nested(254)});
-  EXPECT_EQ(run({"get", "Deep"}).status, 0);
-  EXPECT_THAT(run({"history", "Deep"}).err, HasSubstr("nested more than 256 deep"));
+  kit::runKorvo({"raise", "Deep", nested(254)});
+  EXPECT_EQ(kit::runKorvo({"get", "Deep"}).status, 0);
+  EXPECT_THAT(kit::runKorvo({"history", "Deep"}).err, HasSubstr("nested more than 256 deep"));
 }
 
 TEST(Broker, ThatIsFrozenIsNamed) {
   Broker broker;
   broker->send(SIGSTOP);
-  const auto result = run({"get", "Foo"});
+  const auto result = kit::runKorvo({"get", "Foo"});
   broker->send(SIGCONT);
   EXPECT_THAT(result.err, AllOf(StartsWith("error: "), HasSubstr("broker korvo")));
   EXPECT_EQ(result.status, 1);
@@ -278,11 +269,11 @@ TEST(Top, PrintsSnapshotsWhereThereIsNoTerminal) {
 
 TEST(Top, FollowsSortsAndFiltersOnATerminalAndRestoresIt) {
   const Broker broker;
-  run({"set", "Apple", "1"});
+  kit::runKorvo({"set", "Apple", "1"});
   // What is run by script has a terminal.
   Process top({"/usr/bin/script", "-qfec", KORVO_PROGRAM " top", "/dev/null"}, {"TERM=xterm"});
   ASSERT_TRUE(top.waitFor("Apple"));
-  run({"set", "Pear", "2"});
+  kit::runKorvo({"set", "Pear", "2"});
   EXPECT_TRUE(top.waitFor("Pear"));
   top.write("/Pe\r");
   EXPECT_TRUE(top.waitFor("1 of 6 keys"));

@@ -1,4 +1,4 @@
-#include "process.h"
+#include "program.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -6,18 +6,16 @@
 namespace {
 
 using namespace std::chrono_literals;
+using kit::module;
 using kit::Process;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-std::string module(const std::string& name) { return TEST_MODULES "/lib" + name + ".so"; }
-
 /// The command line `korvo run ARGUMENT...`. What the memory logs is no part of these tests.
-std::vector<std::string> korvoRun(const std::vector<std::string>& arguments) {
-  std::vector<std::string> command{KORVO_PROGRAM, "run", "--log-level", "error"};
-  command.insert(command.end(), arguments.begin(), arguments.end());
-  return command;
+std::vector<std::string> korvoRun(std::vector<std::string> arguments) {
+  arguments.insert(arguments.begin(), {"run", "--log-level", "error"});
+  return kit::korvo(std::move(arguments));
 }
 
 Process::Result korvo(const std::vector<std::string>& arguments, std::string_view input = {}) {
@@ -93,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(Libraries, BrokenModules,
 class Signals : public testing::TestWithParam<int> {};
 
 TEST_P(Signals, EndTheBrokerInOrder) {
-  Process process({KORVO_PROGRAM, "run", "--module", module("greeter")});
+  Process process(kit::korvo({"run", "--module", module("greeter")}));
   ASSERT_TRUE(process.waitFor("broker korvo is running: HXMemory, Greeter"));
   process.send(GetParam());
   const auto result = process.finish(10s);
@@ -115,7 +113,7 @@ TEST(SecondSignal, EndsTheProgramAtOnceWhenTheFirstOneCannot) {
 }
 
 TEST(CommandLine, IsTaughtByHelp) {
-  const auto result = kit::runProcess({KORVO_PROGRAM, "run", "--help"});
+  const auto result = kit::runKorvo({"run", "--help"});
   EXPECT_THAT(result.out, AllOf(HasSubstr("--module"), HasSubstr("Exit status"), HasSubstr("Examples")));
   EXPECT_EQ(result.status, 0);
 }
@@ -123,9 +121,7 @@ TEST(CommandLine, IsTaughtByHelp) {
 class WrongUsage : public testing::TestWithParam<std::vector<std::string>> {};
 
 TEST_P(WrongUsage, IsToldAndExitsWithTwo) {
-  std::vector<std::string> command{KORVO_PROGRAM};
-  command.insert(command.end(), GetParam().begin(), GetParam().end());
-  const auto result = kit::runProcess(command);
+  const auto result = kit::runKorvo(GetParam());
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   EXPECT_EQ(result.status, 2);

@@ -1,4 +1,5 @@
 #include "joined_sessions.h"
+#include "random_value.h"
 #include "service.h"
 
 #include <hxerror/hxerror.h>
@@ -24,19 +25,9 @@ AnyObject lookUp(Session& session, const std::string& name) { return session.ser
 TEST_F(JoinedSessions, CarryValuesOfEveryTypeUnchanged) {
   broker.registerService("Echo", makeService("Echo")->method("echo", [](const HXValue& v) { return v; }).build());
   const AnyObject echo = lookUp(client, "Echo");
-  HXValue::Map map;
-  map["k"] = HXValue(HXValue::List{1, 2.5, "x"});
-  const std::vector<HXValue> values{HXValue(),
-                                    true,
-                                    1,
-                                    std::int64_t{1},
-                                    1.0F,
-                                    2.0,
-                                    "text",
-                                    HXValue::binary(std::vector<std::byte>(70000)),
-                                    HXValue(map),
-                                    HXValue(HXValue::List{}),
-                                    std::string(300000, 'x')};
+  std::vector<HXValue> values{HXValue::binary(std::vector<std::byte>(70000)), std::string(300000, 'x')};
+  HX::kit::RandomValues random(5);
+  for (int i = 0; i < 200; ++i) values.push_back(random.next());
   for (const HXValue& value : values) {
     const auto back = echo->call<HXValue>("echo", value);
     EXPECT_EQ(back.getType(), value.getType());
@@ -240,17 +231,6 @@ TEST_F(JoinedSessions, KeepServicesInUseAcrossARestart) {
   EXPECT_FALSE(ticked.hasSubscribers());
 }
 
-TEST_F(JoinedSessions, FindAServiceThatIsOfferedAgain) {
-  const auto service = makeService("S")->method("one", [] { return 1; }).build();
-  std::vector<AnyObject> held;
-  for (int round = 0; round < 10; ++round) {
-    const ServiceId id = broker.registerService("S", service);
-    held.push_back(lookUp(client, "S"));
-    EXPECT_EQ(held.back()->call<int>("one"), 1);
-    broker.unregisterService(id);
-  }
-}
-
 TEST_F(JoinedSessions, MayLeaveWhenTheyAreToldOfTheLoss) {
   std::promise<void> left;
   client.connectionLost.connect(SignalSubscriber([&](const std::string&) {
@@ -276,9 +256,12 @@ TEST_F(JoinedSessions, RunTheContinuationsOfAnAnswerInTheirOrder) {
 }
 
 TEST_F(JoinedSessions, DoNotTireOfServicesThatComeAgain) {
+  std::vector<AnyObject> held;
   for (int round = 0; round < 4200; ++round) {
     const ServiceId id = broker.registerService("S", makeService("S")->method("one", [] { return 1; }).build());
-    ASSERT_EQ(lookUp(client, "S")->call<int>("one"), 1);
+    const AnyObject found = lookUp(client, "S");
+    if (round < 10) held.push_back(found);
+    ASSERT_EQ(found->call<int>("one"), 1);
     broker.unregisterService(id);
   }
 }
