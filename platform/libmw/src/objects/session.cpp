@@ -254,12 +254,13 @@ Future<std::vector<ServiceInfo>> Session::reachableServices() const {
 }
 
 void Session::join(std::shared_ptr<RemoteDirectory> directory) {
-  directory_->setRemote(directory);
-  if (!directory) return;
+  directory_->setRemote(std::move(directory));
+  const auto joined = directory_->remote();
+  if (!joined) return;
   // Registered meanwhile, a service may be offered by its own thread as well, which does no harm.
   try {
     for (const ServiceInfo& own : directory_->list()) {
-      if (auto handle = directory_->find(own.name)) directory->offer(own.id, own.name, AnyObject(std::move(handle)));
+      if (auto handle = directory_->find(own.name)) joined->offer(own.id, own.name, AnyObject(std::move(handle)));
     }
   } catch (...) {
     directory_->setRemote(nullptr);
