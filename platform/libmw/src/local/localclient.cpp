@@ -168,7 +168,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
           session_(session),
           client_(std::move(client)) {}
 
-    Future<AnyValue> call(std::string_view method, const std::vector<AnyValue>& arguments) override {
+    Future<AnyValue> call(std::string_view method, std::span<const AnyValue> arguments) override {
       if (method != "registered" && method != "unregistered") return own_->call(method, arguments);
       if (arguments.size() != 2) throw std::runtime_error("a notice has two arguments");
       const auto id = arguments[0].reference().to<ServiceId>() | kBrokerIds;

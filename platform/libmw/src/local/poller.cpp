@@ -179,11 +179,7 @@ void Poller::work(std::vector<remote::Work>& works) {
   // The monitor looks at the two in the other order: one sees the other. The latest term stays, whoever is late.
   for (auto seen = working_.load(); seen < term && !working_.compare_exchange_weak(seen, term);) {
   }
-  if (!monitored_.load() && !monitored_.exchange(true)) {
-    const std::lock_guard lock(mutex_);
-    if (std::exchange(monitors_, 1) == 0) std::thread([this] { monitor(); }).detach();
-    monitorWanted_.notify_one();
-  }
+  lookAfter();
   try {
     works.front()();
   } catch (const std::exception& error) {
@@ -193,6 +189,19 @@ void Poller::work(std::vector<remote::Work>& works) {
   }
   works.clear();
   if (std::uint64_t mine = term; mine != 0) working_.compare_exchange_strong(mine, 0);
+}
+
+void Poller::lookAfter() {
+  if (monitored_.load() || monitored_.exchange(true)) return;
+  const std::lock_guard lock(mutex_);
+  if (stopped_) return;
+  if (std::exchange(monitors_, 1) == 0) std::thread([this] { monitor(); }).detach();
+  monitorWanted_.notify_one();
+}
+
+void Poller::lookAfterClaims() {
+  ++claims_;
+  lookAfter();
 }
 
 bool Poller::handOn(std::uint64_t term) {
@@ -212,6 +221,17 @@ void Poller::aboutToWait() {
   instance().handOn(std::exchange(ledTerm, 0));
 }
 
+void Poller::takeBackClaims() {
+  std::vector<std::shared_ptr<Pollable>> all;
+  {
+    const std::lock_guard lock(socketsMutex_);
+    for (const auto& [number, socket] : sockets_) {
+      if (auto held = socket.lock()) all.push_back(std::move(held));
+    }
+  }
+  for (const auto& socket : all) socket->takeBackClaim();
+}
+
 void Poller::monitor() {
   ::pthread_setname_np(::pthread_self(), "link.monitor");
   while (true) {
@@ -225,17 +245,22 @@ void Poller::monitor() {
       }
     }
     std::uint64_t seen = works_.load();
+    std::uint64_t claims = 0;
+    bool wasClaimed = false;
     for (int idle = 0; idle < kIdleTicks;) {
       const std::uint64_t term = term_.load();
       std::this_thread::sleep_for(kTick);
       const bool lasts = working_.load() == term && works_.load() == seen;
       if (lasts) handOn(term);
-      idle = works_.load() == seen && working_.load() == 0 ? idle + 1 : 0;
+      const bool isClaimed = claims_.load() != std::exchange(claims, claims_.load());
+      if (isClaimed || wasClaimed) takeBackClaims();  // What is taken back was seen a tick before.
+      wasClaimed = isClaimed;
+      idle = works_.load() == seen && working_.load() == 0 && !isClaimed ? idle + 1 : 0;
       seen = works_.load();
     }
     monitored_ = false;
     // A call that began just before would not be looked at.
-    if (working_.load() != 0) monitored_ = true;
+    if (working_.load() != 0 || claims_.load() != claims) monitored_ = true;
   }
 }
 

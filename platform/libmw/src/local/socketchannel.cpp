@@ -28,7 +28,10 @@ constexpr std::size_t kTurn = std::size_t{256} << 10;
 constexpr std::chrono::microseconds kSpin{10};
 /// How long a message waits for others to leave with.
 constexpr std::chrono::microseconds kSoon{100};
-/// How many messages one call of the system sends.
+/// Messages up to this size are copied, so that many of them wait in one piece of memory.
+constexpr std::size_t kShort = std::size_t{1} << 10;
+constexpr std::size_t kTogether = std::size_t{8} << 10;
+/// How many pieces one call of the system sends.
 constexpr std::size_t kGathered = 64;
 
 std::string describePeer(int socket) {
@@ -43,6 +46,12 @@ std::string reasonOf(int error) {
   // A socket that is closed before all was read is reset.
   if (error == ECONNRESET || error == EPIPE) return std::string(remote::kPeerClosed);
   return std::generic_category().message(error);
+}
+
+/// Unique, so that no claim is taken for one on another channel, and even.
+std::uint64_t nextClaim() {
+  static std::atomic<std::uint64_t> last{4};
+  return last += 2;
 }
 
 void makeNonBlocking(int socket) {
@@ -79,43 +88,84 @@ void SocketChannel::watch() {
   const std::lock_guard lock(watchMutex_);
   if (number_ == 0) return;
   std::uint32_t events = 0;
-  if (!borrowed_) events |= EPOLLIN;
+  if (reading_.load() <= Leader) events |= EPOLLIN;
   if (hasOutput_) events |= EPOLLOUT;
   poller_.watch(number_, socket_.number(), events);
 }
 
 void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& works) {
   if ((events & EPOLLOUT) != 0) flush();
-  if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) == 0 || reading_.exchange(true)) return;
+  if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) == 0) return;
+  if (std::uint64_t nobody = Nobody; !reading_.compare_exchange_strong(nobody, Leader)) return;
   receive(works);
-  reading_ = false;
+  reading_ = Nobody;
 }
 
-bool SocketChannel::beginReading() {
-  if (ended_ || reading_.exchange(true)) return false;
-  borrowed_ = true;
+/// For the changes that begin or end the watching for input.
+bool SocketChannel::changeReading(std::uint64_t from, std::uint64_t to) {
+  if (!reading_.compare_exchange_strong(from, to)) return false;
   watch();
   return true;
 }
 
+/// For what finds the socket unwatched, and leaves it so.
+bool SocketChannel::takeParked(std::uint64_t to) {
+  std::uint64_t reading = reading_;
+  return isParked(reading) && reading_.compare_exchange_strong(reading, to);
+}
+
+std::uint64_t SocketChannel::claimReading() {
+  const std::uint64_t claim = nextClaim();
+  if (ended_ || !(takeParked(claim) || changeReading(Nobody, claim))) return 0;
+  poller_.lookAfterClaims();
+  return claim;
+}
+
+bool SocketChannel::beginReading(std::uint64_t claim) {
+  if (ended_) return false;
+  if (claim != 0 && reading_.compare_exchange_strong(claim, Waiting)) return true;
+  return takeParked(Waiting) || changeReading(Nobody, Waiting);
+}
+
 void SocketChannel::endReading() {
-  borrowed_ = false;
-  reading_ = false;
-  watch();
+  // Parked first, asked then: who expects something meanwhile asks for what is parked after having said so.
+  reading_ = nextClaim() | kParked;
+  poller_.lookAfterClaims();
+  const auto sink = sink_.lock();
+  if (ended_ || !sink || !sink->isIdle()) resumeWatching();
+}
+
+void SocketChannel::resumeWatching() {
+  const std::uint64_t reading = reading_;
+  if (isParked(reading)) changeReading(reading, Nobody);
+}
+
+void SocketChannel::takeBackClaim() {
+  const std::uint64_t reading = reading_;
+  if (reading < FirstClaim || std::exchange(seenClaim_, reading) != reading) return;
+  changeReading(reading, Nobody);
+}
+
+bool SocketChannel::readSoon() {
+  if (!answersFast_) return false;
+  // An answer that comes within microseconds is there sooner than a thread that sleeps could be woken up.
+  std::vector<remote::Work> works;
+  const auto before = lastReceived_.load();
+  Clock::time_point limit;
+  do {
+    receive(works);
+    if (lastReceived_.load() != before || ended_) {
+      postAll(works);
+      return true;
+    }
+    if (limit == Clock::time_point()) limit = Clock::now() + kSpin;
+    ::sched_yield();
+  } while (Clock::now() < limit);
+  return false;
 }
 
 void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
   std::vector<remote::Work> works;
-  const auto before = lastReceived_.load();
-  if (answersFast_) {
-    // An answer that comes within microseconds is there sooner than a thread that sleeps could be woken up.
-    const auto limit = Clock::now() + kSpin;
-    do {
-      receive(works);
-      if (lastReceived_.load() != before || ended_) return postAll(works);
-      ::sched_yield();
-    } while (Clock::now() < limit);
-  }
   const auto begin = Clock::now();
   std::array<pollfd, 2> files{pollfd{socket_.number(), POLLIN, 0}, pollfd{wakeFile, POLLIN, 0}};
   const int count = ::poll(files.data(), files.size(), static_cast<int>(timeout.count()));
@@ -173,7 +223,7 @@ void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>
   if (filled_ == 0 && buffer_.size() > kKeptBuffer) std::vector<std::byte>(kBufferSize).swap(buffer_);
 }
 
-void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
+void SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
   std::unique_lock lock(outputMutex_);
   if (ended_ || refused_) return;
   if (when == remote::Sending::Now && output_.empty()) {
@@ -185,8 +235,7 @@ void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
       outputBytes_ -= sent_;
     }
   }
-  outputBytes_ += frame.size();
-  output_.push_back(std::move(frame));
+  queueLocked(frame);
   if (outputBytes_ > options_.outputLimit) {
     lock.unlock();
     return end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
@@ -199,6 +248,17 @@ void SocketChannel::send(remote::Bytes frame, remote::Sending when) {
   const int error = writeLocked();
   lock.unlock();
   if (error != 0) onSendFailed(error);
+}
+
+void SocketChannel::queueLocked(remote::Bytes& frame) {
+  outputBytes_ += frame.size();
+  if (frame.size() > kShort) return output_.push_back(std::move(frame));
+  if (output_.empty() || output_.back().capacity() - output_.back().size() < frame.size()) {
+    output_.push_back(std::exchange(spare_, {}));
+    output_.back().clear();
+    output_.back().reserve(kTogether);
+  }
+  output_.back().insert(output_.back().end(), frame.begin(), frame.end());
 }
 
 void SocketChannel::onSendFailed(int error) {
@@ -253,6 +313,7 @@ int SocketChannel::writeLocked() {
     sent_ += static_cast<std::size_t>(written);
     while (!output_.empty() && sent_ >= output_.front().size()) {
       sent_ -= output_.front().size();
+      if (output_.front().capacity() <= 2 * kTogether) spare_ = std::move(output_.front());
       output_.pop_front();
     }
   }

@@ -65,6 +65,7 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   Caller beginWait(const Caller& caller) {
     const std::lock_guard lock(mutex_);
     ++waits_;
+    woken_ = false;  // The thread looks for whatever it was before it sleeps.
     return std::exchange(caller_, caller);
   }
 
@@ -112,6 +113,7 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   void endPolling() {
     const std::lock_guard lock(mutex_);
     polling_ = false;
+    woken_ = false;  // Whatever it was for is looked at next.
     if (!std::exchange(signalled_, false)) return;
     std::uint64_t count = 0;
     static_cast<void>(!::read(file_, &count, sizeof count));
@@ -212,6 +214,7 @@ class ThreadInChains final : public detail::ThreadWait {
   Domain domain = nullptr;
   bool relays = false;  ///< Hands the present call on, and will not wait for its answer.
   std::shared_ptr<Channel> awaited;
+  std::uint64_t claim = 0;  ///< on the reading of `awaited`
   const std::shared_ptr<Inbox> inbox = std::make_shared<Inbox>();
 
   FutureState wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) override;
@@ -242,13 +245,20 @@ FutureState ThreadInChains::wait(const detail::FutureStateBase& state, std::chro
 }
 
 void ThreadInChains::pause(Clock::time_point deadline) {
-  if (awaited) awaited->flush();
   if (!readInstead(deadline)) inbox->sleep(deadline);
 }
 
 bool ThreadInChains::readInstead(Clock::time_point deadline) {
   const auto channel = awaited;
-  if (!channel || !channel->beginReading()) return false;
+  if (!channel) return false;
+  // What is to be sent leaves after that: the answer may come at once, and would wake another thread.
+  const bool reads = channel->beginReading(std::exchange(claim, 0));
+  channel->flush();
+  if (!reads) return false;
+  if (channel->readSoon()) {
+    channel->endReading();
+    return true;
+  }
   if (const int file = inbox->beginPolling(); file >= 0) {
     static constexpr std::chrono::milliseconds kLongest{60'000};
     const auto left = deadline == Clock::time_point::max()
@@ -304,11 +314,15 @@ bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task
   return Waiters::instance().put({caller, domain}, task);
 }
 
-Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, bool waits) {
+Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, Calling then) {
   auto& thread = ThreadInChains::current();
   thread.domain = domain;
-  if (thread.awaited != channel) thread.awaited = channel;
-  if (!waits || thread.relays) return {};
+  if (thread.awaited != channel) {
+    thread.awaited = channel;
+    thread.claim = 0;
+  }
+  if (then == Calling::GoesOn || thread.relays) return {};
+  if (then == Calling::Waits && thread.claim == 0) thread.claim = channel->claimReading();
   return {{thread.chain.caller, domain}, thread.inbox};
 }
 

@@ -81,14 +81,22 @@ class Expectation {
   }
   ~Expectation();
 
+  explicit operator bool() const { return inbox_ != nullptr; }
+
  private:
   Place place_;
   std::shared_ptr<Inbox> inbox_;
 };
 
-/// The calling thread is about to send a call on `channel`: when it waits, it may read the answer itself.
-/// `chainOfThisThread` comes first.
-/// @param waits  Whether it is about to wait. Calls of the chain that come before it does are then kept for it.
-Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, bool waits);
+/// What a thread does once it has made a call.
+enum class Calling : std::uint8_t {
+  Waits,    ///< For the answer, at once.
+  MayWait,  ///< It is not known.
+  GoesOn,   ///< It makes more calls first, which leave together.
+};
+
+/// The calling thread is about to send a call on `channel`: when it waits, it may read the answer itself. Unless it
+/// goes on, calls of the chain that come before it does are kept for it. `chainOfThisThread` comes first.
+Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, Calling then);
 
 }  // namespace mw::remote

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
@@ -26,6 +27,8 @@ class ChannelSink {
   /// @return What is to be done for it once reading goes on elsewhere; empty when nothing is left.
   /// @throws ProtocolError to end the channel.
   virtual Work onFrame(std::span<const std::byte> frame) = 0;
+  /// Whether nothing is to be expected from the peer, as long as nothing is sent to it. Must not wait.
+  virtual bool isIdle() const { return false; }
   /// The channel has ended. Called once, after the last message, on any thread.
   virtual void onEnd(const std::string& reason) = 0;
 };
@@ -47,7 +50,8 @@ class Channel {
   /// Begins to receive. Once.
   virtual void start(const std::shared_ptr<ChannelSink>& sink) = 0;
   /// Messages of a channel that has ended are dropped.
-  virtual void send(Bytes frame, Sending when) = 0;
+  /// @param frame  Copied or taken; nothing that matters is in it afterwards.
+  virtual void send(Bytes& frame, Sending when) = 0;
   /// Sends what was to be sent soon.
   virtual void flush() {}
   /// Ends the channel.
@@ -60,15 +64,29 @@ class Channel {
 
   /// A thread that waits for a message may read the channel itself, which saves waking it up by another.
   ///
+  /// The calling thread is about to send, and to wait for the answer: from now on no other begins to read. Where it
+  /// does not come to read within some milliseconds, the claim is void.
+  /// @return For `beginReading`; 0 when another thread is reading, or the channel cannot be read so.
+  virtual std::uint64_t claimReading() { return 0; }
+  /// @param claim  What `claimReading` returned to this thread.
   /// @return False when another thread is reading, or the channel cannot be read so.
-  virtual bool beginReading() { return false; }
-  /// Between `beginReading` and `endReading`: waits until something has come and been handed to the sink, until
-  /// `wakeFile` can be read, or `timeout` has passed. What the sink leaves to be done is put on the event loop.
+  virtual bool beginReading(std::uint64_t claim) {
+    static_cast<void>(claim);
+    return false;
+  }
+  /// Between `beginReading` and `endReading`: looks for some microseconds, where answers come fast. What the sink
+  /// leaves to be done is put on the event loop.
+  /// @return Whether something has come and been handed to the sink, or the channel has ended.
+  virtual bool readSoon() { return false; }
+  /// The same, until something has come, until `wakeFile` can be read, or `timeout` has passed.
   virtual void read(int wakeFile, std::chrono::milliseconds timeout) {
     static_cast<void>(wakeFile);
     static_cast<void>(timeout);
   }
+  /// Where the sink is idle, it may take some milliseconds until another thread reads.
   virtual void endReading() {}
+  /// Something is expected that no thread waits for by reading itself.
+  virtual void resumeWatching() {}
 };
 
 }  // namespace mw::remote

@@ -88,6 +88,16 @@ std::size_t Link::pendingCount() const {
   return pending_.size();
 }
 
+/// The peer has nothing to answer, nothing to emit to, and no object to call. That it tells of services, and that it is
+/// there, does not matter at once.
+bool Link::isIdle() const {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!pending_.empty() || !subscriptions_.empty()) return false;
+  }
+  return objects_.leaseCount() == 0;
+}
+
 // --- Calling --------------------------------------------------------------------------------------------------------
 
 void Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention) {
@@ -120,21 +130,23 @@ void Link::writeCall(Writer& out, std::string_view target, const std::optional<C
   for (const AnyReference& parameter : parameters) writeValue(out, parameter, mention);
 }
 
-Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters parameters, Sending when, bool returns) {
+Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters parameters, Calling then, bool returns) {
   Promise<AnyValue> promise;
   auto future = promise.future();
   std::uint32_t id = 0;
   try {
     const Chain chain = chainOfThisThread();
-    Expectation expectation = expectAnswer(channel_, domain_, when == Sending::Now);
+    Expectation expectation = expectAnswer(channel_, domain_, then);
+    const bool waits = expectation && then == Calling::Waits;
     {
       const std::lock_guard lock(mutex_);
       if (ended_) return Future<AnyValue>::failed(endedError());
       id = ++lastRequest_;
       pending_.emplace(id, Pending{std::move(promise), returns, std::move(expectation)});
     }
-    Bytes frame;
-    frame.reserve(kUsualFrame);
+    if (!waits) channel_->resumeWatching();
+    FrameBuffer buffer;
+    Bytes& frame = buffer.bytes();
     ObjectTable::Mention mention(objects_);
     Writer out(frame);
     out.list(4);
@@ -142,7 +154,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     out.number(id);
     writeCall(out, target, chain, parameters, mention);
     requireSendable(frame, "the call");
-    channel_->send(std::move(frame), when);
+    channel_->send(frame, then == Calling::GoesOn ? Sending::Soon : Sending::Now);
     mention.sent();
   } catch (...) {
     takePending(id);
@@ -162,15 +174,15 @@ void Link::post(std::string_view target, GenericFunctionParameters parameters) {
 void Link::send(std::string_view target, GenericFunctionParameters parameters, bool inChain) {
   std::optional<Chain> chain;
   if (inChain) chain = chainOfThisThread();
-  Bytes frame;
-  frame.reserve(kUsualFrame);
+  FrameBuffer buffer;
+  Bytes& frame = buffer.bytes();
   ObjectTable::Mention mention(objects_);
   Writer out(frame);
   out.list(3);
   out.number(static_cast<std::uint32_t>(MessageType::Notification));
   writeCall(out, target, chain, parameters, mention);
   requireSendable(frame, "the message");
-  channel_->send(std::move(frame), moreFollows ? Sending::Soon : Sending::Now);
+  channel_->send(frame, moreFollows ? Sending::Soon : Sending::Now);
   mention.sent();
 }
 

@@ -17,10 +17,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
+
+#include <boost/container/small_vector.hpp>
 
 namespace mw::remote {
 
@@ -33,10 +36,16 @@ struct Incoming {
   std::string target;
   /// What is called: held from its arrival, because what gives it back, or the end of the link, may be right behind.
   AnyObject object;
-  std::vector<AnyValue> arguments;
+  boost::container::small_vector<AnyValue, 2> arguments;
   std::shared_ptr<Incoming> next;  ///< On its strand.
 
-  std::vector<AnyReference> references() const;
+  /// Calls `use` with references to the arguments.
+  template <class Use>
+  auto withReferences(const Use& use) const {
+    boost::container::small_vector<AnyReference, 4> all;
+    for (const AnyValue& argument : arguments) all.push_back(argument.reference());
+    return use(GenericFunctionParameters(all.data(), all.size()));
+  }
 };
 
 /// What a peer may ask of the process itself, under the service name "korvo".
@@ -44,7 +53,7 @@ class ReservedService {
  public:
   virtual ~ReservedService() = default;
   /// @param method  Without the service name.
-  virtual Future<AnyValue> call(std::string_view method, const std::vector<AnyValue>& arguments) = 0;
+  virtual Future<AnyValue> call(std::string_view method, std::span<const AnyValue> arguments) = 0;
   /// Finds a service of this process by name; empty when there is none. Must not wait.
   virtual AnyObject find(const std::string& service) = 0;
   /// The link has ended. Takes back what the peer brought; called once, on the event loop.
@@ -77,14 +86,14 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   /// Calls a member of the peer.
   /// @param target   As docs/wire names it.
   /// @param returns  False for methods that return nothing: their result is then empty.
-  Future<AnyValue> call(std::string_view target, GenericFunctionParameters parameters, Sending when, bool returns);
+  Future<AnyValue> call(std::string_view target, GenericFunctionParameters parameters, Calling then, bool returns);
   /// The same without an answer.
   void post(std::string_view target, GenericFunctionParameters parameters);
   /// Calls what the peer's process itself offers.
   template <class... Args>
   Future<AnyValue> ask(std::string_view target, const Args&... args) {
-    return mw::detail::withParameters([&](GenericFunctionParameters p) { return call(target, p, Sending::Now, true); },
-                                      args...);
+    return mw::detail::withParameters(
+        [&](GenericFunctionParameters p) { return call(target, p, Calling::MayWait, true); }, args...);
   }
   template <class... Args>
   void tell(std::string_view target, const Args&... args) {
@@ -106,6 +115,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::size_t pendingCount() const;
 
   Work onFrame(std::span<const std::byte> frame) override;
+  bool isIdle() const override;
   void onEnd(const std::string& reason) override;
 
  private:
@@ -132,7 +142,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::size_t most);
   Work onEmission(std::shared_ptr<Incoming> emission);
   Future<AnyValue> execute(const Incoming& call);
-  Future<AnyValue> callMember(const AnyObject& object, std::string_view member, const Incoming& call);
+  Future<AnyValue> callMember(const AnyObject& object, std::string_view member, GenericFunctionParameters arguments);
   AnyObject targetAtArrival(std::string_view target) const;
   AnyObject targetOf(const Incoming& call, std::string_view& member) const;
   void runStrand(const StrandKey& key, std::shared_ptr<Incoming> first);

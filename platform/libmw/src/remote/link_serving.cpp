@@ -24,13 +24,6 @@ std::optional<unsigned> numberIn(std::string_view text) {
 
 }  // namespace
 
-std::vector<AnyReference> Incoming::references() const {
-  std::vector<AnyReference> all;
-  all.reserve(arguments.size());
-  for (const AnyValue& argument : arguments) all.push_back(argument.reference());
-  return all;
-}
-
 // --- Receiving ------------------------------------------------------------------------------------------------------
 
 Work Link::onFrame(std::span<const std::byte> frame) {
@@ -213,21 +206,23 @@ Future<AnyValue> Link::execute(const Incoming& call) {
     }
     if (call.target.starts_with(kReserved)) {
       const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_);
-      return reserved_->call(std::string_view(call.target).substr(kReserved.size()), call.arguments);
+      return reserved_->call(std::string_view(call.target).substr(kReserved.size()),
+                             std::span<const AnyValue>(call.arguments.data(), call.arguments.size()));
     }
     std::string_view member;
     const AnyObject object = targetOf(call, member);
     // What is handed on to the object of another process stays as deep as it is.
     const bool relays = object->isRemote();
     const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, relays);
-    return callMember(object, member, call);
+    return call.withReferences(
+        [&](GenericFunctionParameters arguments) { return callMember(object, member, arguments); });
   } catch (...) {
     return Future<AnyValue>::failed(std::current_exception());
   }
 }
 
-Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view member, const Incoming& call) {
-  const std::vector<AnyReference> arguments = call.references();
+Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view member,
+                                  GenericFunctionParameters arguments) {
   const MetaObject& offered = object->metaObject();
   const MetaMethod* method = nullptr;
   int signal = -1;
@@ -266,8 +261,8 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
         [self = shared_from_this(), call](const Future<AnyValue>& done) { self->answer(call, done, Sending::Now); });
     return;
   }
-  Bytes frame;
-  frame.reserve(kUsualFrame);
+  FrameBuffer buffer;
+  Bytes& frame = buffer.bytes();
   ObjectTable::Mention mention(objects_);
   const auto write = [&](const HX::HXValue& error, const AnyReference& value) {
     frame.clear();
@@ -291,7 +286,7 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
   } catch (...) {
     write(toValue(std::current_exception()), {});
   }
-  channel_->send(std::move(frame), when);
+  channel_->send(frame, when);
   mention.sent();
 }
 

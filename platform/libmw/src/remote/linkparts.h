@@ -18,8 +18,41 @@ namespace mw::remote {
 inline constexpr const char* kCategory = "mw.link";
 /// Bytes to begin a message with.
 inline constexpr std::size_t kUsualFrame = 128;
+inline constexpr std::size_t kKeptFrame = std::size_t{64} << 10;
 inline constexpr std::string_view kAlive = "korvo.alive";
 inline constexpr std::string_view kEmit = "korvo.emit";
+
+/// Where a message is written. Memory comes from the thread's last one, so that it is not asked for with every message.
+class FrameBuffer {
+ public:
+  FrameBuffer() {
+    if (!isThreadOver) bytes_.swap(kept());
+    bytes_.reserve(kUsualFrame);
+  }
+  FrameBuffer(const FrameBuffer&) = delete;
+  FrameBuffer& operator=(const FrameBuffer&) = delete;
+  ~FrameBuffer() {
+    bytes_.clear();
+    if (!isThreadOver && bytes_.capacity() <= kKeptFrame) bytes_.swap(kept());
+  }
+  Bytes& bytes() { return bytes_; }
+
+ private:
+  struct Kept : Bytes {
+    Kept() = default;
+    Kept(const Kept&) = delete;
+    Kept& operator=(const Kept&) = delete;
+    ~Kept() { isThreadOver = true; }
+  };
+  static Bytes& kept() {
+    static thread_local Kept the;
+    return the;
+  }
+  /// Objects that go when the thread ends may still send: what belongs to the thread has gone then.
+  static inline thread_local bool isThreadOver = false;
+
+  Bytes bytes_;
+};
 
 /// Whether the calling thread does more calls right after the present one: what these send may then leave together.
 inline thread_local bool moreFollows = false;
@@ -39,7 +72,7 @@ class Link::Subscription {
     const auto pass = gate_.enter();
     if (!pass) return true;
     try {
-      return subscriber_.call(emission.references());
+      return emission.withReferences([this](GenericFunctionParameters all) { return subscriber_.call(all); });
     } catch (...) {
       log::error(kCategory, "deliver",
                  fmt::format("a subscriber failed: {}", mw::detail::describe(std::current_exception())));

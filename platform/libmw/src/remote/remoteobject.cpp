@@ -38,8 +38,8 @@ RemoteObject::~RemoteObject() { link_->giveBack(id_, references_.load()); }
 Future<AnyValue> RemoteObject::metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) {
   const MetaMethod* const known = metaObject().method(method);
   const bool returns = !known || !known->resultType || known->resultType->kind != TypeKind::Void;
-  return link_->call(Target(id_, method), parameters, callType == MetaCallType::Queued ? Sending::Soon : Sending::Now,
-                     returns);
+  return link_->call(Target(id_, method), parameters,
+                     callType == MetaCallType::Queued ? Calling::GoesOn : Calling::Waits, returns);
 }
 
 void RemoteObject::metaPost(unsigned member, GenericFunctionParameters parameters) {

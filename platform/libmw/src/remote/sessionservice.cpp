@@ -14,7 +14,7 @@ namespace {
 using HX::HXValue;
 
 template <class T>
-T argument(const std::vector<AnyValue>& arguments, std::size_t index, const char* what) {
+T argument(std::span<const AnyValue> arguments, std::size_t index, const char* what) {
   if (index >= arguments.size()) throw std::runtime_error(fmt::format("argument {} is missing: {}", index + 1, what));
   try {
     return arguments[index].reference().to<T>();
@@ -57,7 +57,7 @@ SessionService::Method SessionService::methodNamed(std::string_view name) {
   return found == methods.end() ? nullptr : found->second;
 }
 
-Future<AnyValue> SessionService::call(std::string_view method, const Arguments& arguments) {
+Future<AnyValue> SessionService::call(std::string_view method, std::span<const AnyValue> arguments) {
   const auto pass = gate_.enter();
   // What is given back at the end has been taken back already.
   if (!pass && method == "release") return Future<AnyValue>::ready(AnyValue());
@@ -70,7 +70,7 @@ Future<AnyValue> SessionService::call(std::string_view method, const Arguments& 
   throw std::runtime_error(fmt::format("korvo.{}: no such method", method));
 }
 
-AnyValue SessionService::hello(const Arguments& arguments) {
+AnyValue SessionService::hello(Arguments arguments) {
   const int version = argument<int>(arguments, 0, "a protocol version");
   if (version != kProtocol) {
     throw std::runtime_error(fmt::format("protocol version {} is not spoken here, but {}", version, kProtocol));
@@ -82,12 +82,12 @@ AnyValue SessionService::hello(const Arguments& arguments) {
   return AnyValue(HXValue(std::move(reply)));
 }
 
-AnyValue SessionService::service(const Arguments& arguments) {
+AnyValue SessionService::service(Arguments arguments) {
   requireBroker("service");
   return AnyValue(session_.ownService(argument<std::string>(arguments, 0, "the name of a service")));
 }
 
-AnyValue SessionService::services(const Arguments& /*arguments*/) {
+AnyValue SessionService::services(Arguments /*arguments*/) {
   requireBroker("services");
   HXValue::List all;
   for (const ServiceInfo& info : session_.services())
@@ -95,7 +95,7 @@ AnyValue SessionService::services(const Arguments& /*arguments*/) {
   return AnyValue(HXValue(std::move(all)));
 }
 
-AnyValue SessionService::registerService(const Arguments& arguments) {
+AnyValue SessionService::registerService(Arguments arguments) {
   requireBroker("register");
   const auto name = argument<std::string>(arguments, 0, "the name of a service");
   const auto object = argument<AnyObject>(arguments, 1, "an object");
@@ -108,7 +108,7 @@ AnyValue SessionService::registerService(const Arguments& arguments) {
   return AnyValue(HXValue(static_cast<int>(id)));
 }
 
-AnyValue SessionService::unregisterService(const Arguments& arguments) {
+AnyValue SessionService::unregisterService(Arguments arguments) {
   requireBroker("unregister");
   const auto id = argument<std::uint32_t>(arguments, 0, "the id of a service");
   {
@@ -126,7 +126,7 @@ void SessionService::notify(const char* what, ServiceId id, const std::string& n
   if (const auto link = link_.lock()) link->tell(what, id, name);
 }
 
-AnyValue SessionService::watch(const Arguments& /*arguments*/) {
+AnyValue SessionService::watch(Arguments /*arguments*/) {
   requireBroker("watch");
   const auto subscriber = [this](const char* what) {
     return SignalSubscriber([this, what](ServiceId id, const std::string& name) { notify(what, id, name); })
@@ -139,21 +139,21 @@ AnyValue SessionService::watch(const Arguments& /*arguments*/) {
   return AnyValue();
 }
 
-AnyObject SessionService::objectOf(const Arguments& arguments) const {
+AnyObject SessionService::objectOf(Arguments arguments) const {
   const auto id = argument<std::uint32_t>(arguments, 0, "the id of an object");
   AnyObject object = link()->objects().leased(id);
   if (!object) throw std::runtime_error(fmt::format("there is no object {}", id));
   return object;
 }
 
-AnyValue SessionService::release(const Arguments& arguments) {
+AnyValue SessionService::release(Arguments arguments) {
   const auto id = argument<std::uint32_t>(arguments, 0, "the id of an object");
   const auto count = argument<std::uint32_t>(arguments, 1, "how many references");
   const AnyObject last = link()->objects().release(id, count);
   return AnyValue();
 }
 
-Future<AnyValue> SessionService::connect(const Arguments& arguments) {
+Future<AnyValue> SessionService::connect(Arguments arguments) {
   const AnyObject object = objectOf(arguments);
   const auto number = argument<std::uint32_t>(arguments, 2, "the number of a link");
   const auto* byName = arguments[1].getIf<HXValue>();
@@ -183,7 +183,7 @@ Future<AnyValue> SessionService::connect(const Arguments& arguments) {
       });
 }
 
-Future<AnyValue> SessionService::disconnect(const Arguments& arguments) {
+Future<AnyValue> SessionService::disconnect(Arguments arguments) {
   const auto number = argument<std::uint32_t>(arguments, 0, "the number of a link");
   Connection connection;
   {
@@ -196,11 +196,11 @@ Future<AnyValue> SessionService::disconnect(const Arguments& arguments) {
   return connection.object->disconnect(connection.link).andThen([] { return AnyValue(); });
 }
 
-Future<AnyValue> SessionService::property(const Arguments& arguments) {
+Future<AnyValue> SessionService::property(Arguments arguments) {
   return objectOf(arguments)->metaProperty(argument<std::uint32_t>(arguments, 1, "the id of a property"));
 }
 
-Future<AnyValue> SessionService::setProperty(const Arguments& arguments) {
+Future<AnyValue> SessionService::setProperty(Arguments arguments) {
   const auto id = argument<std::uint32_t>(arguments, 1, "the id of a property");
   return objectOf(arguments)->metaSetProperty(id, argument<AnyValue>(arguments, 2, "a value")).andThen([] {
     return AnyValue();

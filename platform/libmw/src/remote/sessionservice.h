@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
 
 namespace mw::remote {
@@ -28,33 +29,33 @@ class HX_API SessionService final : public ReservedService, public std::enable_s
   /// @param session  Must live until `end` has returned.
   SessionService(Session& session, std::string name, const std::shared_ptr<Link>& link, Role role);
 
-  Future<AnyValue> call(std::string_view method, const std::vector<AnyValue>& arguments) override;
+  Future<AnyValue> call(std::string_view method, std::span<const AnyValue> arguments) override;
   AnyObject find(const std::string& service) override;
   void end() override;
 
  private:
-  using Arguments = std::vector<AnyValue>;
+  using Arguments = std::span<const AnyValue>;
   struct Connection {
     AnyObject object;
     SignalLink link = kInvalidSignalLink;
   };
-  using Method = AnyValue (SessionService::*)(const Arguments&);
+  using Method = AnyValue (SessionService::*)(Arguments);
 
   static Method methodNamed(std::string_view name);
-  AnyValue hello(const Arguments& arguments);
-  AnyValue service(const Arguments& arguments);
-  AnyValue services(const Arguments& arguments);
-  AnyValue registerService(const Arguments& arguments);
-  AnyValue unregisterService(const Arguments& arguments);
-  AnyValue watch(const Arguments& arguments);
-  AnyValue release(const Arguments& arguments);
-  Future<AnyValue> connect(const Arguments& arguments);
-  Future<AnyValue> disconnect(const Arguments& arguments);
-  Future<AnyValue> property(const Arguments& arguments);
-  Future<AnyValue> setProperty(const Arguments& arguments);
+  AnyValue hello(Arguments arguments);
+  AnyValue service(Arguments arguments);
+  AnyValue services(Arguments arguments);
+  AnyValue registerService(Arguments arguments);
+  AnyValue unregisterService(Arguments arguments);
+  AnyValue watch(Arguments arguments);
+  AnyValue release(Arguments arguments);
+  Future<AnyValue> connect(Arguments arguments);
+  Future<AnyValue> disconnect(Arguments arguments);
+  Future<AnyValue> property(Arguments arguments);
+  Future<AnyValue> setProperty(Arguments arguments);
 
   void requireBroker(std::string_view what) const;
-  AnyObject objectOf(const Arguments& arguments) const;
+  AnyObject objectOf(Arguments arguments) const;
   std::shared_ptr<Link> link() const;
   void notify(const char* what, ServiceId id, const std::string& name);
 

@@ -18,9 +18,9 @@ using testing::HasSubstr;
 /// Offers one service, and takes back what is released.
 class OneService final : public ReservedService {
  public:
-  Future<AnyValue> call(std::string_view method, const std::vector<AnyValue>& arguments) override {
+  Future<AnyValue> call(std::string_view method, std::span<const AnyValue> arguments) override {
     if (method != "release") throw std::runtime_error("nothing else is offered");
-    const auto number = [&](std::size_t i) { return arguments.at(i).reference().to<std::uint32_t>(); };
+    const auto number = [&](std::size_t i) { return arguments.subspan(i, 1).front().reference().to<std::uint32_t>(); };
     objects->release(number(0), number(1));
     return Future<AnyValue>::ready(AnyValue());
   }
