@@ -152,7 +152,7 @@ void Poller::runThread() {
 void Poller::lead(std::uint64_t term) {
   ledTerm = term;
   detail::ThreadWait::setBeforeWaiting(&Poller::aboutToWait);
-  std::array<epoll_event, 64> events;
+  std::array<epoll_event, 64> events;  // NOLINT(cppcoreguidelines-pro-type-member-init): epoll_wait fills it
   std::vector<remote::Work> works;
   while (term_.load() == term) {
     const int count = ::epoll_wait(epoll_.number(), events.data(), static_cast<int>(events.size()), -1);
