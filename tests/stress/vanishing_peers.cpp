@@ -1,6 +1,8 @@
 // Processes that join a broker and vanish: killed, frozen, by the hundred. What they leave behind must go with them,
 // and nobody else may notice.
 
+#include "capture_log.h"
+#include "listener.h"
 #include "memory_fixture.h"
 #include "process.h"
 
@@ -13,6 +15,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iostream>
 #include <malloc.h>
 #include <optional>
@@ -197,6 +200,130 @@ TEST_F(VanishingPeers, LeaveNothingBehind) {
   }
   if (!kSanitized) {
     EXPECT_LE(bytes[2], bytes[1] + resident() / 20);
+  }
+}
+
+TEST_F(VanishingPeers, AreNamedWhileTheyHang) {
+  mw::Session session;
+  const mw::LocalClient client(session, "torso", {quick(), false});
+  std::promise<void> entered;
+  std::promise<void> mayReturn;
+  const auto ear = kit::Listener::make();
+  ear->react = [&](const auto& heard) {
+    if (heard.value != HXValue(1)) return;
+    entered.set_value();
+    mayReturn.get_future().wait();
+  };
+  session.registerService("Ear", mw::AnyObject(ear));
+  memory->subscribeToEvent("E", "Ear", "heard");
+  NotifierLock::setPatience(1ms);
+  const kit::CaptureLog log({"HXMemory"});
+  const auto raise = [this](int value) {
+    return std::async(std::launch::async, [this, value] { memory->raiseEvent("E", HXValue(value)); });
+  };
+  const auto first = raise(1);
+  entered.get_future().wait();
+  const auto second = raise(2);
+  const std::string report = "event E has been waited for longer than 1 ms, while it notifies Ear";
+  EXPECT_TRUE(eventually([&] { return testing::Matches(testing::Contains(report))(log.texts()); }));
+  mayReturn.set_value();
+  NotifierLock::setPatience(5s);
+}
+
+/// What the modules of a robot do all day, in no order.
+class Traffic {
+ public:
+  Traffic(HXMemory& memory, unsigned seed) : memory_(memory), random_(seed) { join(); }
+  Traffic(const Traffic&) = delete;
+  Traffic& operator=(const Traffic&) = delete;
+
+  void step() {
+    const std::string key = "Key" + std::to_string(random_() % 500);
+    try {
+      switch (random_() % 10) {
+        case 0:
+          return memory_.insertData(key, value());
+        case 1:
+          return remote_->call<void>("raiseEvent", key, value());
+        case 2:
+          return remote_->call<void>("subscribeToEvent", key, name_, "heard");
+        case 3:
+          return memory_.subscribeToEvent(key, "Nobody", "heard");
+        case 4:
+          return remote_->call<void>("unsubscribeToEvent", key, name_);
+        case 5:
+          return follow(key);
+        case 6:
+          return memory_.declareEvent(key, "");
+        case 7:
+          return memory_.raiseMicroEvent(key, remote_->call<HXValue>("getData", key));
+        case 8:
+          return memory_.removeEvent(key);
+        default:
+          if (random_() % 100 == 0) join();
+      }
+    } catch (const HXError&) {  // There is no such key, or no such subscription, just then.
+    }
+  }
+
+ private:
+  HXValue value() {
+    if (random_() % 2 == 0) return HXValue(static_cast<int>(random_()));
+    return HXValue(std::string(std::size_t{1} << random_() % 15, 'x'));
+  }
+
+  /// As a module that starts anew.
+  void join() {
+    remote_ = {};
+    client_.reset();
+    session_.emplace();
+    client_.emplace(*session_, "torso", mw::LocalClient::Options{quick(), true});
+    name_ = "Ear" + std::to_string(++joined_);  // The broker may not have heard yet that the one before has left.
+    session_->registerService(name_, mw::AnyObject(kit::Listener::make(false)));
+    remote_ = session_->service("HXMemory").take();
+  }
+
+  void follow(const std::string& event) const {
+    const auto wrapper = remote_->call<mw::AnyObject>("subscriber", event);
+    const auto link = wrapper->connect("signal", mw::SignalSubscriber([](const HXValue&) {})).take();
+    remote_->call<void>("raiseEvent", event, event);
+    wrapper->disconnect(link).value();
+  }
+
+  HXMemory& memory_;
+  std::mt19937 random_;
+  std::optional<mw::Session> session_;
+  std::optional<mw::LocalClient> client_;
+  mw::AnyObject remote_;
+  std::string name_;
+  int joined_ = 0;
+};
+
+class DayOfTraffic : public VanishingPeers {};
+
+TEST_F(DayOfTraffic, LeavesTheProcessAsSmallAsItWas) {
+  constexpr int kRounds = 4;
+  std::vector<std::size_t> bytes;
+  std::size_t steps = 0;
+  for (unsigned round = 0; round < kRounds; ++round) {
+    {
+      Traffic traffic(*memory, round);
+      for (const auto end = Clock::now() + std::chrono::milliseconds(duration()) / kRounds; Clock::now() < end; ++steps)
+        traffic.step();
+    }
+    EXPECT_TRUE(eventually([&] { return server->connectionCount() == 0; })) << server->connectionCount();
+    for (const auto& key : memory->getDataListName()) {
+      if (key.starts_with("Key")) memory->removeEvent(key);
+    }
+    bytes.push_back(allocated());
+  }
+  EXPECT_GT(steps, 1000U);
+  // The first round makes what stays: the table's places, the threads and their buffers. Connections that have ended
+  // are kept until their next heartbeat would be due.
+  const std::size_t bound = bytes[1] + 256 * 1024;
+  if (!kSanitized) {
+    EXPECT_TRUE(eventually([&] { return allocated() <= bound; }))
+        << allocated() << " bytes, after each round " << testing::PrintToString(bytes) << ", " << steps << " steps";
   }
 }
 
