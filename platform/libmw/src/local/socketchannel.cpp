@@ -19,9 +19,6 @@
 namespace mw::local {
 namespace {
 
-constexpr std::size_t kBufferSize = std::size_t{16} << 10;
-/// A buffer that a long message has made larger is given back.
-constexpr std::size_t kKeptBuffer = std::size_t{1} << 20;
 /// One turn of reading ends after so much, so that what came is not kept waiting by what comes.
 constexpr std::size_t kTurn = std::size_t{256} << 10;
 /// How long a thread that waits for an answer looks again and again before it sleeps, where answers come fast.
@@ -184,10 +181,18 @@ void SocketChannel::postAll(std::vector<remote::Work>& works) {
 bool SocketChannel::receive(std::vector<remote::Work>& works) {
   const auto sink = sink_.lock();
   if (!sink) return false;
+  try {
+    return receive(*sink, works);
+  } catch (const std::exception& error) {
+    end(error.what());
+    return false;
+  }
+}
+
+bool SocketChannel::receive(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
   for (std::size_t turn = 0; turn < kTurn && !ended_;) {
-    if (buffer_.size() - filled_ < kBufferSize / 2) buffer_.resize(std::max(kBufferSize, 2 * buffer_.size()));
-    const std::size_t room = buffer_.size() - filled_;
-    const ssize_t received = ::recv(socket_.number(), buffer_.data() + filled_, room, 0);
+    const auto room = buffer_.room(splitter_.missing(buffer_.bytes().size()));
+    const ssize_t received = ::recv(socket_.number(), room.data(), room.size(), 0);
     if (received < 0 && errno == EINTR) continue;
     if (received < 0 && (errno == EAGAIN)) return true;
     if (received <= 0) {
@@ -195,32 +200,24 @@ bool SocketChannel::receive(std::vector<remote::Work>& works) {
       return false;
     }
     turn += static_cast<std::size_t>(received);
-    filled_ += static_cast<std::size_t>(received);
+    buffer_.received(static_cast<std::size_t>(received));
     lastReceived_ = Clock::now().time_since_epoch().count();
-    try {
-      deliver(*sink, works);
-    } catch (const std::exception& error) {
-      end(error.what());
-      return false;
-    }
-    if (static_cast<std::size_t>(received) < room) return true;
+    deliver(sink, works);
+    if (static_cast<std::size_t>(received) < room.size()) return true;
   }
   return !ended_;
 }
 
 /// Hands the messages that are whole to the sink.
 void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
-  while (begin_ < filled_) {
-    const auto bytes = std::span<const std::byte>(buffer_).subspan(begin_, filled_ - begin_);
-    const std::size_t size = splitter_.advance(bytes);
+  auto rest = buffer_.bytes();
+  while (!rest.empty()) {
+    const std::size_t size = splitter_.advance(rest);
     if (size == 0) break;
-    begin_ += size;
-    if (auto work = sink.onFrame(bytes.first(size))) works.push_back(std::move(work));
+    if (auto work = sink.onFrame(rest.first(size))) works.push_back(std::move(work));
+    rest = rest.subspan(size);
   }
-  std::copy(buffer_.begin() + static_cast<std::ptrdiff_t>(begin_),
-            buffer_.begin() + static_cast<std::ptrdiff_t>(filled_), buffer_.begin());
-  filled_ -= std::exchange(begin_, 0);
-  if (filled_ == 0 && buffer_.size() > kKeptBuffer) std::vector<std::byte>(kBufferSize).swap(buffer_);
+  buffer_.drop(buffer_.bytes().size() - rest.size());
 }
 
 void SocketChannel::send(remote::Bytes& frame, remote::Sending when) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "poller.h"
+#include "receivebuffer.h"
 
 #include <libmw/local.h>
 
@@ -57,6 +58,7 @@ class SocketChannel final : public remote::Channel,
   void watch();
   std::shared_ptr<remote::ChannelSink> sinkNow();
   bool receive(std::vector<remote::Work>& works);
+  bool receive(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   static void postAll(std::vector<remote::Work>& works);
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void flushLate();
@@ -77,9 +79,7 @@ class SocketChannel final : public remote::Channel,
 
   // For the thread that holds the reading.
   remote::FrameSplitter splitter_;
-  std::vector<std::byte> buffer_;
-  std::size_t begin_ = 0;  // of the present message in the buffer
-  std::size_t filled_ = 0;
+  ReceiveBuffer buffer_;
   bool answersFast_ = true;
 
   std::mutex watchMutex_;     // Guards `number_`, and makes what is watched agree with `reading_` and `hasOutput_`.

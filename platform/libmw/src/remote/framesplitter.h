@@ -39,6 +39,8 @@ class HX_API FrameSplitter {
   /// @return The size of the message; 0 as long as it is not all there.
   /// @throws ProtocolError for what is over a limit, `kMostValues` included, or no MessagePack.
   std::size_t advance(std::span<const std::byte> bytes);
+  /// How many bytes the present message lacks at least, where `size` of it are there.
+  std::size_t missing(std::size_t size) const { return position_ > size ? position_ - size : 0; }
 
  private:
   struct Header {
