@@ -186,9 +186,11 @@ void Link::send(std::string_view target, GenericFunctionParameters parameters, b
   mention.sent();
 }
 
-void Link::emit(GenericFunctionParameters parameters) {
+void Link::emit(std::uint32_t number, GenericFunctionParameters emitted) {
   try {
-    send(kEmit, parameters, false);
+    boost::container::small_vector<AnyReference, 4> all{AnyReference::of(number)};
+    all.insert(all.end(), emitted.begin(), emitted.end());
+    send(kEmit, {all.data(), all.size()}, false);
   } catch (const std::exception& error) {
     log::warning(kCategory, "emit", fmt::format("an emission does not reach {}: {}", peer(), error.what()));
   }

@@ -27,6 +27,8 @@
 
 namespace mw::remote {
 
+class Subscription;
+
 /// A call that has come, or an emission: what a strand does one after another.
 struct Incoming {
   bool isRequest = false;
@@ -37,7 +39,9 @@ struct Incoming {
   /// What is called: held from its arrival, because what gives it back, or the end of the link, may be right behind.
   AnyObject object;
   boost::container::small_vector<AnyValue, 2> arguments;
-  std::shared_ptr<Incoming> next;  ///< On its strand.
+  std::uint64_t link = 0;                      ///< Of an emission.
+  std::shared_ptr<Subscription> subscription;  ///< Of an emission; null for a call.
+  std::shared_ptr<Incoming> next;              ///< On its strand.
 
   /// Calls `use` with references to the arguments.
   template <class Use>
@@ -100,8 +104,9 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
     mw::detail::withParameters([&](GenericFunctionParameters p) { send(target, p, false); }, args...);
   }
 
-  /// Sends an emission: the number of the link, and what is emitted. Never throws; what cannot cross is logged.
-  void emit(GenericFunctionParameters parameters);
+  /// Sends what a signal that the peer has connected emits. Never throws; what cannot cross is logged.
+  /// @param number  Of the connection, as the peer has given it.
+  void emit(std::uint32_t number, GenericFunctionParameters emitted);
 
   Future<SignalLink> connect(std::uint32_t object, unsigned signal, const SignalSubscriber& subscriber);
   Future<void> disconnect(SignalLink link);
@@ -124,8 +129,6 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
     bool returns;
     Expectation expectation;
   };
-  class Subscription;
-
   void send(std::string_view target, GenericFunctionParameters parameters, bool inChain);
   void writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
                  GenericFunctionParameters parameters, ObjectTable::Mention& mention);

@@ -161,7 +161,8 @@ Work Link::onEmission(std::shared_ptr<Incoming> emission) {
   const auto found = subscriptions_.find(link);
   if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
   emission->arguments.erase(emission->arguments.begin());
-  emission->target = fmt::format("{}{}", kEmit, link);
+  emission->link = link;
+  emission->subscription = found->second;
   return schedule({{}, reinterpret_cast<std::uintptr_t>(found->second.get())}, std::move(emission), SIZE_MAX);
 }
 
@@ -193,16 +194,11 @@ AnyObject Link::targetOf(const Incoming& call, std::string_view& member) const {
 Future<AnyValue> Link::execute(const Incoming& call) {
   waitingBytes_ -= call.size;
   try {
-    if (call.target.starts_with(kEmit)) {
+    if (call.subscription) {
       const Serving serving({}, domain_);
-      const std::uint64_t link = numberIn(std::string_view(call.target).substr(kEmit.size())).value_or(0);
-      std::shared_ptr<Subscription> subscription;
-      {
-        const std::lock_guard lock(mutex_);
-        if (const auto found = subscriptions_.find(link); found != subscriptions_.end()) subscription = found->second;
-      }
-      if (subscription && !subscription->deliver(call)) disconnect(link);
-      return Future<AnyValue>::ready(AnyValue());
+      if (!call.subscription->deliver(call)) disconnect(call.link);
+      static const auto done = Future<AnyValue>::ready(AnyValue());
+      return done;
     }
     if (call.target.starts_with(kReserved)) {
       const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_);

@@ -63,7 +63,7 @@ inline void postOrRun(const std::function<void()>& task) {
 }
 
 /// A subscriber of this process on a signal of the peer's.
-class Link::Subscription {
+class Subscription {
  public:
   explicit Subscription(const SignalSubscriber& subscriber) : subscriber_(subscriber) {}
 

@@ -165,9 +165,7 @@ Future<AnyValue> SessionService::connect(Arguments arguments) {
         fmt::format("{}.{}: no such signal", object->metaObject().typeName(), byName ? byName->toString() : ""));
   }
   auto emit = [link = link_, number](const std::vector<AnyReference>& emitted) {
-    std::vector<AnyReference> all{AnyReference::of(number)};
-    all.insert(all.end(), emitted.begin(), emitted.end());
-    if (const auto held = link.lock()) held->emit(all);
+    if (const auto held = link.lock()) held->emit(number, emitted);
     return AnyReference();
   };
   SignalSubscriber subscriber(AnyFunction::fromDynamicFunction(std::move(emit)));
