@@ -81,12 +81,6 @@ class RunningTelemetry : public kit::MemoryFixture {
   const kit::TemporaryFolder folder_;
 };
 
-TEST_F(RunningTelemetry, TellsASubscriber) {
-  load();
-  waitForKey(kEvent);
-  EXPECT_EQ(firstTold().value(30s), HXValue(0.75));
-}
-
 TEST_F(RunningTelemetry, WaitsForTheMemoryAndSaysSoOnce) {
   leaveMemory();
   const kit::CaptureLog log({"hosttelemetry"});
