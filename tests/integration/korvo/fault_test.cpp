@@ -1,6 +1,6 @@
 #include "process.h"
+#include "temporary_folder.h"
 
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <optional>
@@ -58,26 +58,19 @@ INSTANTIATE_TEST_SUITE_P(Missing, StandardStreams,
 
 class History : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = std::filesystem::temp_directory_path() / "korvo-test-XXXXXX";
-    ASSERT_TRUE(mkdtemp(pattern.data()));
-    state = pattern;
-  }
-  void TearDown() override { std::filesystem::remove_all(state); }
-
   /// A console on a terminal, in which `line` is typed. @return The history afterwards.
   std::string historyAfter(const std::string& line, const std::string& prelude) const {
     // What is run by script has a terminal.
     Process console(
         {"/usr/bin/script", "-qfec", prelude + "exec " KORVO_PROGRAM " run --no-memory --console", "/dev/null"},
-        {"TERM=xterm", "SHELL=/bin/sh", "XDG_STATE_HOME=" + state.string()});
+        {"TERM=xterm", "SHELL=/bin/sh", "XDG_STATE_HOME=" + state.path().string()});
     console.write(line + "\ncall Broker stop\n");
     EXPECT_EQ(console.finish().status, 0);
-    std::ifstream file(state / "korvo" / "history");
+    std::ifstream file(state.path() / "korvo" / "history");
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
-  std::filesystem::path state;
+  const kit::TemporaryFolder state;
 };
 
 TEST_F(History, StaysWhereTheDiskIsFull) {
@@ -85,7 +78,7 @@ TEST_F(History, StaysWhereTheDiskIsFull) {
   EXPECT_THAT(before, HasSubstr("help\n"));
   // A limit on the size of files fails where a full disk would.
   EXPECT_EQ(historyAfter("help  ", "trap '' XFSZ; ulimit -f 0; "), before);
-  const std::filesystem::directory_iterator files(state / "korvo");
+  const std::filesystem::directory_iterator files(state.path() / "korvo");
   EXPECT_EQ(std::distance(begin(files), end(files)), 1) << "something was left beside it";
   EXPECT_NE(historyAfter("help  ", ""), before);
 }

@@ -60,14 +60,11 @@ TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
       {{"set", "Foo", "1"}},
       {{"get", "Foo"}, "1\n"},
       {{"get", "--json", "Foo"}, "{\"key\":\"Foo\",\"value\":1}\n"},
-      {{"get", "Nope"}, "", "error: HXMemory.getData: Data not found Nope\n", 1},
       {{"set", "Left \"arm\"", "{\"x\": [1, -2.5]}"}},
       {{"get", "Left \"arm\"", "--broker", "korvo"}, "{\"x\":[1,-2.5]}\n"},
       {{"set", "--", "--json", "-1"}},
       {{"get", "--json", "--", "--json"}, "{\"key\":\"--json\",\"value\":-1}\n"},
-      {{"ls", "Fo"}, "\"Foo\"\n"},
       {{"ls", "--json", "F"}, "{\"key\":\"Foo\",\"kind\":\"Data\"}\n"},
-      {{"type", "Foo"}, "\"Data\"\n"},
       {{"type", "Foo", "--json"}, "{\"key\":\"Foo\",\"kind\":\"Data\"}\n"},
       {{"time", "Foo", "--json"}, StartsWith("{\"key\":\"Foo\",\"time\":\"2")},
       {{"set", "Count", "-"}, "", "", 0, "1\n\n2\n3"},
@@ -75,26 +72,20 @@ TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
       {{"raise", "Door", "-"}, "", StartsWith("error: standard input line 2: JSON"), 1, "true\nfalse?\n1\n"},
       {{"history", "Door"}, AllOf(StartsWith("{\"value\":true,\"time\":\""), testing::Not(HasSubstr("1}")))},
       {{"describe", "Door", "Front door"}},
-      {{"describe", "Door"}, "\"Front door\"\n"},
       {{"descriptions", "Door", "--json"}, "{\"key\":\"Door\",\"kind\":\"event\",\"description\":\"Front door\"}\n"},
       {{"declare", "Window", "Greeter"}},
       {{"events", "--json"}, HasSubstr("{\"key\":\"Window\"}\n")},
       {{"micro-events"}, "\"KorvoReady\"\n"},
       {{"subscribers", "Door"}, ""},
-      {{"info", "Window"}, HasSubstr("\"extractor\":\"Greeter\"")},
       {{"map", "Greeter", "nothing", "Nothing"}},
       {{"services"}, "\"HXMemory\"\n\"Greeter\"\n\"Sleeper\"\n\"Broker\"\n"},
       {{"methods", "Greeter"}, StartsWith("greet(string whom) -> string\n")},
-      {{"methods", "Greeter", "--json"}, StartsWith("[{\"name\":\"greet\",")},
       {{"call", "Greeter", "greet", "\"you\""}, "\"Hello, you\"\n"},
       {{"call", "Greeter", "greet", "\"you\"", "--json"}, "{\"result\":\"Hello, you\"}\n"},
-      {{"call", "Greeter", "greet", "1"}, "", HasSubstr("Greeter.greet"), 1},
-      {{"call", "Nobody", "x"}, "", "error: no service named Nobody\n", 1},
       {{"call", "Sleeper", "sleep", "--timeout", "0.1"},
        "",
        "error: broker korvo did not answer Sleeper.sleep within 0.1 s\n",
        1},
-      {{"emit", "Greeter", "nothing"}, "", "error: Greeter.nothing: no such signal\n", 1},
       {{"load", "./" + std::filesystem::relative(module("throwsininit")).string()},
        "",
        HasSubstr("ThrowsInInit.init: no motor"),
@@ -115,10 +106,8 @@ TEST(Commands, EndAtOnceWithoutABroker) {
                       {{"watch", "Foo", "--broker", "torso"}, "", HasSubstr("torso"), 3},
                       {{"host", "--module", module("greeter")}, "", HasSubstr("no broker is running"), 3},
                       {{"top"}, "", HasSubstr("no broker"), 3},
-                      {{"get"}, "", HasSubstr("KEY is missing"), 2},
                       {{"get", "Foo", "--broker", "a/b"}, "", HasSubstr("--broker: \"a/b\" cannot name a broker"), 2},
                       {{"run", "--name", ".hid"}, "", HasSubstr("--name: \".hid\" cannot name a broker"), 2},
-                      {{"get", "Foo", "--timeout", "-1"}, "", HasSubstr("--timeout: -1 is no time"), 2},
                       {{"get", "Foo", "--timeout", "nan"}, "", HasSubstr("--timeout: nan is no time"), 2},
                       {{"complete", "--", "get", "F"}}};
   for (const Row& row : rows) check(row);
@@ -168,6 +157,7 @@ TEST(Commands, ExportAndImportWholeSetsOfKeys) {
        "{\"key\":\"F\",\"value\":1}\n{\"key\":\"Deep\",\"value\":" + nested(300) + "}\n{\"key\":\"G\",\"value\":1}\n"},
       {{"get", "F"}, "1\n"},
       {{"get", "G"}, "1\n"},
+      {{"import", "/"}, "", HasSubstr("Is a directory"), 1},
       {{"import", "/nowhere"}, "", HasSubstr("/nowhere: No such file"), 2}};
   for (const Row& row : rows) check(row);
 }
@@ -228,15 +218,6 @@ TEST(Broker, LoadsModulesAndEndsWhenItsServiceIsAskedTo) {
   const auto result = broker->finish(10s);
   EXPECT_EQ(result.out, "Greeter leaves\n");
   EXPECT_EQ(result.status, 0);
-}
-
-TEST(Commands, FailWhereTheirOutputCannotBeWrittenOrTheirInputRead) {
-  const Broker broker;
-  Process get({"/bin/sh", "-c", KORVO_PROGRAM " get KorvoReady >/dev/full"});
-  const auto result = get.finish();
-  EXPECT_THAT(result.err, HasSubstr("standard output cannot be written"));
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(kit::runKorvo({"import", "/"}).err, HasSubstr("Is a directory"));
 }
 
 TEST(Commands, NameAValueThatCannotCross) {

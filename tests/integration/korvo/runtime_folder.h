@@ -1,9 +1,8 @@
 #pragma once
 
+#include "temporary_folder.h"
+
 #include <cstdlib>
-#include <filesystem>
-#include <stdexcept>
-#include <string>
 
 #include <gtest/gtest.h>
 
@@ -14,18 +13,14 @@ namespace kit {
 class RuntimeFolder : public testing::Environment {
  public:
   void SetUp() override {
-    std::string pattern = std::filesystem::temp_directory_path() / "korvo-test-XXXXXX";
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("no folder " + pattern);
-    folder_ = pattern;
-    setenv("XDG_RUNTIME_DIR", folder_.c_str(), 1);
+    setenv("XDG_RUNTIME_DIR", folder_.path().c_str(), 1);
     // A map file of this machine would add events of its own.
     setenv("XDG_DATA_HOME", "/nonexistent", 1);
     setenv("XDG_DATA_DIRS", "/nonexistent", 1);
   }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
 
  private:
-  std::filesystem::path folder_;
+  const TemporaryFolder folder_;
 };
 
 }  // namespace kit

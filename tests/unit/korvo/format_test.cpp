@@ -13,10 +13,6 @@ namespace {
 
 using HX::HXValue;
 
-TEST(EscapeControls, LeavesEverythingElseAsItIs) {
-  EXPECT_EQ(escapeControls("a\nb\r\tc\x1b[1m\x7f \\ h\xc3\xb6 \xff"), "a\\nb\\r\\tc\\x1b[1m\\x7f \\ h\xc3\xb6 \xff");
-}
-
 struct Door {
   mw::Signal<int> opened;
 };

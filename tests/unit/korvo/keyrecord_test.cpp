@@ -31,13 +31,6 @@ TEST(KeyRecord, ComesBackFromItsLineAsItWas) {
   }
 }
 
-TEST(KeyRecord, IsPlainJsonWhereThatIsEnough) {
-  EXPECT_EQ(toLine({"k", "Data", HXValue::list({1, 2.5}), ""}),
-            "{\"key\":\"k\",\"kind\":\"Data\",\"value\":[1,2.5],\"description\":\"\"}");
-  EXPECT_THAT(toLine({"k", "Data", 1.5f, ""}), HasSubstr("\"value\":1.5,\"msgpack\":\"ca3fc00000\""));
-  EXPECT_EQ(toRecord("{\"key\":\"k\",\"value\":1,\"later\":2}").kind, "Data");
-}
-
 TEST(KeyRecord, SaysWhatIsWrongWithALine) {
   const std::pair<const char*, const char*> cases[] = {
       {"{", "JSON"},

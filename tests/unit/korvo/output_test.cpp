@@ -16,9 +16,9 @@ class OutputTest : public testing::Test {
 
 TEST_F(OutputTest, KeepsErrorsOnOneLineOfTheirOwnStreamAndTellsWhenNobodyReadsValues) {
   output.line("1");
-  output.error("two\nlines");
+  output.error("two\nlines\r\t\x1b[1m\x7f \\ h\xc3\xb6 \xff");
   EXPECT_EQ(values.str(), "1\n");
-  EXPECT_EQ(errors.str(), "error: two\\nlines\n");
+  EXPECT_EQ(errors.str(), "error: two\\nlines\\r\\t\\x1b[1m\\x7f \\ h\xc3\xb6 \xff\n");
   errors.setstate(std::ios::badbit);
   output.error("lost");
   EXPECT_TRUE(output.works());
