@@ -5,8 +5,6 @@
 
 #include <libmw/local.h>
 
-#include <algorithm>
-#include <cctype>
 #include <system_error>
 #include <vector>
 
@@ -27,12 +25,12 @@ std::vector<std::string> runningBrokers() {
 }  // namespace
 
 std::string checkBrokerName(const std::string& name) {
-  const auto isPlain = [](unsigned char c) {
-    return (c < 0x80 && std::isalnum(c)) || c == '-' || c == '_' || c == '.';
-  };
-  if (!name.empty() && name.front() != '.' && std::ranges::all_of(name, isPlain)) return {};
-  return fmt::format("\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first",
-                     excerpt(name));
+  if (mw::isBrokerName(name)) return {};
+  return fmt::format(
+      "\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first, and not too many for the "
+      "path "
+      "of a socket",
+      excerpt(name));
 }
 
 std::string chooseBroker(const std::string& wanted) {

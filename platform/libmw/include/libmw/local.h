@@ -7,6 +7,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// Sessions of several processes of one machine and one user, joined by Unix-domain sockets.
@@ -53,6 +54,10 @@ class HX_API NoBrokerError : public std::runtime_error {
 /// @throws std::runtime_error when it is not a folder that belongs to the user, with no rights for others.
 HX_API std::string localSocketFolder();
 
+/// Whether a broker that others join can have this name: ASCII letters, digits, '-', '_' and '.', no dot first, and so
+/// few that the path of its socket in `localSocketFolder`, which need not be there, has no more than 107 bytes.
+HX_API bool isBrokerName(std::string_view name);
+
 /// The names of this user's brokers that are running, sorted.
 HX_API std::vector<std::string> runningBrokers();
 
@@ -63,7 +68,7 @@ class HX_API LocalServer {
  public:
   /// @param session  Its services are what others find; theirs are registered with it. Must outlive the server.
   /// @param name     As `HXBroker::getName`.
-  /// @throws std::runtime_error when the name is not fit for a file, when a broker of that name is running, or when the
+  /// @throws std::runtime_error when it is no `isBrokerName`, when a broker of that name is running, or when the
   ///         socket cannot be made.
   LocalServer(Session& session, const std::string& name, const LinkOptions& options = {});
   LocalServer(const LocalServer&) = delete;

@@ -1,7 +1,6 @@
 #include "socketfolder.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -9,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <stdexcept>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -39,6 +39,10 @@ std::string folderPath() {
     return fmt::format("{}/korvo", runtime);
   const char* temporary = std::getenv("TMPDIR");
   return fmt::format("{}/korvo-{}", temporary && *temporary ? temporary : "/tmp", ::geteuid());
+}
+
+std::string pathOf(const std::string& folder, std::string_view broker, const char* suffix) {
+  return fmt::format("{}/{}{}", folder, broker, suffix);
 }
 
 /// Whoever could write into the folder could put a socket of their own into it.
@@ -79,6 +83,15 @@ std::string localSocketFolder() {
   return path;
 }
 
+bool isBrokerName(std::string_view name) {
+  const auto isPlain = [](char c) {
+    return ('a' <= c && c <= 'z') || ('A' <= c && c <= 'Z') || ('0' <= c && c <= '9') || c == '-' || c == '_' ||
+           c == '.';
+  };
+  return !name.empty() && name.front() != '.' && std::ranges::all_of(name, isPlain) &&
+         pathOf(folderPath(), name, kSocketSuffix).size() < sizeof(sockaddr_un::sun_path);
+}
+
 std::vector<std::string> runningBrokers() {
   const std::string folder = localSocketFolder();
   std::vector<std::string> names;
@@ -93,16 +106,14 @@ std::vector<std::string> runningBrokers() {
 namespace local {
 
 BrokerFiles filesOf(const std::string& broker) {
-  const auto isPlain = [](unsigned char c) { return std::isalnum(c) || c == '-' || c == '_' || c == '.'; };
-  if (broker.empty() || broker.front() == '.' || !std::ranges::all_of(broker, isPlain)) {
-    throw std::runtime_error(fmt::format("\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can", broker));
+  if (!isBrokerName(broker)) {
+    throw std::runtime_error(
+        fmt::format("\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first, and no more "
+                    "than the path of a socket in {} has room for",
+                    broker, folderPath()));
   }
-  const std::string path = fmt::format("{}/{}", localSocketFolder(), broker);
-  BrokerFiles files{path + kSocketSuffix, path + kLockSuffix};
-  if (files.socket.size() >= sizeof(sockaddr_un::sun_path)) {
-    throw std::runtime_error(fmt::format("the path {} is too long for a socket", files.socket));
-  }
-  return files;
+  const std::string folder = localSocketFolder();
+  return {pathOf(folder, broker, kSocketSuffix), pathOf(folder, broker, kLockSuffix)};
 }
 
 File lockBroker(const BrokerFiles& files) {

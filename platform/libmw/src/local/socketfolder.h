@@ -11,7 +11,7 @@ struct BrokerFiles {
   std::string socket;
   std::string lock;
 };
-/// @throws std::runtime_error when the name does not suit a file, or its path is too long for a socket.
+/// @throws std::runtime_error when it is no `isBrokerName`, or as `localSocketFolder`.
 BrokerFiles filesOf(const std::string& broker);
 
 /// Takes the lock of a broker's name.

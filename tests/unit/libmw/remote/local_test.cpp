@@ -269,7 +269,10 @@ TEST_F(JoinedSessions, DoNotTireOfServicesThatComeAgain) {
 TEST_F(JoinedSessions, ServeOneBrokerOfAName) {
   Session other;
   EXPECT_THROW(LocalServer(other, "torso"), std::runtime_error);
-  EXPECT_THROW(LocalServer(other, "../x"), std::runtime_error);
+  for (const std::string& name : {std::string("../x"), std::string(".x"), std::string(), std::string(100, 'x')}) {
+    EXPECT_FALSE(isBrokerName(name));
+    EXPECT_THROW(LocalServer(other, name), std::runtime_error);
+  }
   const LocalServer second(other, "legs");
   EXPECT_THAT(runningBrokers(), testing::ElementsAre("legs", "torso"));
   EXPECT_THROW(LocalClient(client, ""), NoBrokerError);
