@@ -60,6 +60,7 @@ struct Signals {
   static void send() { Broker::instance().memory->call("raiseEvent", "Tick", bench::sharedNow()); }
   static void sendMany(int count) {
     std::vector<mw::Future<mw::AnyValue>> flying;
+    flying.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
       flying.push_back(Broker::instance().memory->asObject()->async("raiseEvent", "Tick", bench::sharedNow()));
     }
