@@ -128,13 +128,10 @@ std::string nested(std::size_t depth) { return std::string(depth, '\x91'); }
 const Offence kOffences[] = {
     {"NoMessagePack", bytes({0xc1}), "begins no MessagePack value"},
     {"Text", "GET / HTTP/1.1\r\n\r\n", "no list where one belongs"},
-    {"FourGigabytesOfText", bytes({0x93, 2, 0xdb, 0xff, 0xff, 0xff, 0xff}), "more than 67108864 bytes"},
-    {"FourGigavaluesOfList", bytes({0xdd, 0xff, 0xff, 0xff, 0xff}), "more than 4194304 values"},
     {"DeepNesting", nested(300), "nested more than 256 deep"},
     {"NoMessage", bytes({0x90}), "too few parts"},
     {"UnknownMessage", bytes({0x94, 3, 7, 0xc0, 0xc0}), "neither request, response nor notification"},
     {"ShortRequest", bytes({0x93, 0, 7, 0xa0}), "neither request"},
-    {"LongNotification", bytes({0x94, 2, 0xa3, 'a', '.', 'b', 0x90, 0xc0}), "neither request"},
     {"TextForAnId", bytes({0x94, 0, 0xa1, '7', 0xa3, 'a', '.', 'b', 0x90}), "no number"},
     {"NegativeId", bytes({0x94, 0, 0xd0, 0xff, 0xa3, 'a', '.', 'b', 0x90}), "out of range"},
     {"NumberForAMethod", bytes({0x94, 0, 7, 7, 0x90}), "no text"},
@@ -150,8 +147,6 @@ const Offence kOffences[] = {
     {"ReferenceNeverDescribed", rawRequest("a.b", bytes({0x91}) + thing(1, 1, HXValue())), "not described"},
     {"DescriptionOfOneWord", rawRequest("a.b", bytes({0x91}) + thing(1, 1, "Thing")), "lacks a part"},
     {"DescriptionWithAHugeId", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(4096, 0))), "id out of range"},
-    {"DescriptionWithANegativeId", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(-1, 0))),
-     "id out of range"},
     {"DescriptionOfAnUnknownKind", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(0, 99))), "kind of type"},
     {"DescriptionWithTextForAKind", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(0, "x"))), "no number"},
 };
@@ -170,66 +165,39 @@ TEST_F(HostilePeers, AreAnsweredWhenTheyCallWhatMakesNoSense) {
       {"korvo.hello", {}, "argument 1 is missing"},
       {"korvo.hello", {"one"}, "argument 1 does not say a protocol version"},
       {"korvo.hello", {2}, "protocol version 2"},
-      {"korvo.service", {}, "argument 1 is missing"},
-      {"korvo.service", {5}, "argument 1 does not say the name of a service"},
       {"korvo.service", {"Nobody"}, nullptr},
-      {"korvo.register", {}, "argument 1 is missing"},
-      {"korvo.register", {"Mine"}, "argument 2 is missing"},
       {"korvo.register", {"Mine", 5}, "argument 2 does not say an object"},
       {"korvo.register", {"Mine", HXValue()}, ""},
-      {"korvo.unregister", {}, "argument 1 is missing"},
-      {"korvo.unregister", {-1}, "argument 1 does not say the id"},
       {"korvo.unregister", {1}, "not one of yours"},
-      {"korvo.connect", {}, "argument 1 is missing"},
       {"korvo.connect", {1}, ""},
       {"korvo.connect", {99, "said", 1}, "no object 99"},
       {"korvo.connect", {1, "said"}, "argument 3 is missing"},
       {"korvo.connect", {1, "silence", 1}, "no such signal"},
-      {"korvo.connect", {1, 77, 1}, ""},
       {"korvo.connect", {1, std::int64_t{4294967295}, 1}, "signal"},
       {"korvo.connect", {1, HXValue(), 1}, "argument 2 does not say a signal"},
-      {"korvo.connect", {1, "said", "one"}, "argument 3 does not say"},
-      {"korvo.disconnect", {}, "argument 1 is missing"},
       {"korvo.disconnect", {99}, nullptr},
-      {"korvo.property", {}, "argument 1 is missing"},
-      {"korvo.property", {1}, "argument 2 is missing"},
       {"korvo.property", {1, 99}, ""},
-      {"korvo.setProperty", {1, 99, 5}, ""},
       {"korvo.setProperty", {1, 99}, "argument 3 is missing"},
       {"korvo.release", {99, 1}, nullptr},
-      {"korvo.release", {1, -1}, "argument 2 does not say"},
-      {"korvo.release", {"x", "y"}, "argument 1 does not say"},
-      {"korvo.alive", {}, "no such method"},
-      {"korvo.", {}, "no such method"},
       {"korvo.nothing", {}, "korvo.nothing: no such method"},
-      {"", {}, "SERVICE.METHOD"},
       {".", {}, "no service named"},
-      {"@", {}, "SERVICE.METHOD"},
       {"@1", {}, "SERVICE.METHOD"},
-      {"@.", {}, "no object @"},
-      {"@-1.echo", {}, "no object @-1"},
       {"@99.echo", {1}, "no object @99"},
       {"@99999999999999999999.echo", {1}, "no object"},
       {"@1.echo", {1}, nullptr},
       {"@1.echo", {}, "echo"},
-      {"@1.4096", {}, ""},
       {"@1.4294967295", {}, ""},
-      {"Echo.99999999999999999999", {}, "no such method"},
       {"Echo." + huge, {}, "no such method"},
       {huge + ".echo", {}, "no service named"},
   };
   // Object 1 is the service, as far as this peer is concerned.
   ASSERT_TRUE(peer.send(request("korvo.service", {"Echo"})));
-  while (peer.receive().find("Echo") == std::string::npos) {
-  }
+  peer.awaitText("Echo");
   for (const Row& row : rows) {
     SCOPED_TRACE(fmt::format("{} {}", row.method, HXValue(row.arguments).toString()));
     ASSERT_TRUE(peer.send(request(row.method, row.arguments)));
-    std::string answer;
-    while (answer.find(bytes({0x94, 1, 7})) == std::string::npos) {  // Heartbeats come between.
-      answer = peer.receive();
-      ASSERT_FALSE(answer.empty()) << "the connection has ended: " << log.texts().back();
-    }
+    const std::string answer = peer.awaitText(bytes({0x94, 1, 7}));
+    ASSERT_FALSE(answer.empty()) << "the connection has ended: " << log.texts().back();
     const bool isError = answer.find("runtime") != std::string::npos || answer.find("other") != std::string::npos;
     EXPECT_EQ(isError, row.answer != nullptr) << answer;
     EXPECT_THAT(answer, HasSubstr(row.answer ? row.answer : ""));
@@ -317,8 +285,7 @@ TEST_F(WithLowLimits, APeerThatDoesNotReadItsEmissionsIsEnded) {
   ASSERT_TRUE(peer.send(request("korvo.service", {"Echo"}) + request("korvo.connect", {1, "said", 5})));
   std::counting_semaphore<> seen(0);
   const SignalLink link = echo->connect("said", SignalSubscriber([&](const std::string&) { seen.release(); })).take();
-  while (peer.receive().find(bytes({0x94, 1, 7, 0xc0, 0xc0})) == std::string::npos) {
-  }
+  peer.awaitText(bytes({0x94, 1, 7, 0xc0, 0xc0}));
   const std::size_t before = ::mallinfo2().uordblks;
   std::size_t most = 0;
   for (int i = 0; i < 10'000; ++i) {
@@ -391,8 +358,7 @@ TEST_F(WithLowLimits, ConnectionsBeyondTheLimitAreRefused) {
   for (int i = 0; i < 3; ++i) {
     peers.push_back(std::make_unique<RawPeer>(socket()));
     peers.back()->send(request("korvo.hello", {1}));
-    while (peers.back()->receive().find("torso") == std::string::npos) {
-    }
+    peers.back()->awaitText("torso");
   }
   for (int i = 0; i < 1000; ++i) RawPeer(socket()).waitForEnd();
   waitForLog("4 are connected, which is the limit");
@@ -442,13 +408,6 @@ TEST_F(HostilePeers, WaitWhileTheyHoldAllFiles) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
   GTEST_SKIP() << "a sanitizer needs files of its own to tell whether an object is one";
 #endif
-  const auto isAnswered = [](const RawPeer& peer) {
-    std::string received;
-    for (std::string more = peer.receive(); !more.empty(); more = peer.receive()) {  // Heartbeats come between.
-      if ((received += more).find("torso") != std::string::npos) return true;
-    }
-    return false;
-  };
   const auto shortages = [this] {
     const auto entries = log.entries();
     return std::ranges::count(entries, LogLevel::Error, &kit::CaptureLog::Entry::level);
@@ -470,27 +429,8 @@ TEST_F(HostilePeers, WaitWhileTheyHoldAllFiles) {
     EXPECT_EQ(shortages() - told, 1) << testing::PrintToString(log.texts());
     expectOthersAreServed();
     files.giveBackOne();
-    EXPECT_TRUE(isAnswered(*peers.back()));
+    EXPECT_NE(peers.back()->awaitText("torso"), "");
   }
-}
-
-class WithAShortHeartbeat : public HostilePeers {
- protected:
-  WithAShortHeartbeat() : HostilePeers(options()) {}
-  static LinkOptions options() {
-    LinkOptions options;
-    options.heartbeat = std::chrono::milliseconds(700);
-    return options;
-  }
-};
-
-TEST_F(WithAShortHeartbeat, APeerThatSaysNothingIsEnded) {
-  const auto began = std::chrono::steady_clock::now();
-  const RawPeer peer(socket());
-  peer.waitForEnd();
-  EXPECT_GE(std::chrono::steady_clock::now() - began, 3 * options().heartbeat);
-  waitForLog("nothing was heard of it");
-  expectOthersAreServed();
 }
 
 }  // namespace

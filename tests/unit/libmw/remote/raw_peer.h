@@ -55,6 +55,15 @@ class RawPeer {
     return bytes;
   }
 
+  /// Reads up to `text`, for heartbeats come between. @return What was read; empty when the connection has ended.
+  std::string awaitText(std::string_view text) const {
+    std::string received;
+    for (std::string more = receive(); !more.empty(); more = receive()) {
+      if ((received += more).find(text) != std::string::npos) return received;
+    }
+    return {};
+  }
+
   /// Reads until the other side ends the connection.
   void waitForEnd() const {
     while (!receive().empty()) {
