@@ -8,15 +8,6 @@ namespace {
 
 class Subscriptions : public EventsFixture {};
 
-TEST_F(Subscriptions, ARecordCanBeNamedAnew) {
-  STMNotifier record("M", HXValue("message"), "cb");
-  record.addSubscriber("ignored", "N", HXValue(1), "other");
-  EXPECT_EQ(record.callbackModule, "N");
-  EXPECT_EQ(record.callbackMessage, HXValue(1));
-  EXPECT_EQ(record.callbackMethod, "other");
-  EXPECT_EQ(record.notifyCallState, HXProxy::CallState(0, 0));
-}
-
 TEST_F(Subscriptions, MethodsWithoutEffectSaySo) {
   const kit::CaptureLog log({"hxmemory"});
   memory->unregisterModuleReference("M");
