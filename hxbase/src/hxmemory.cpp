@@ -1,9 +1,13 @@
 #include "logcategories.h"
 
 #include <hxbase/hxmemory.h>
+#include <hxbase/notifierlock.h>
 #include <hxcommon/hxbroker.h>
+#include <libmw/eventloop.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 
 namespace HX {
 namespace Memory {
@@ -69,6 +73,19 @@ HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& n
       mw::SignalSubscriber([this](mw::ServiceId, const std::string& service) {
         onServiceRegistered(service);
       }).track(lifetime_.token()));
+  patrol();
+}
+
+void HXMemory::patrol() {
+  constexpr int kLooks = 5;  // In the time after which a call is reported.
+  mw::defaultLoop().post(
+      [this, memory = lifetime_.token()] {
+        const auto pass = memory.enter();
+        if (!pass) return;
+        NotifierLock::patrol();
+        patrol();
+      },
+      std::max(NotifierLock::patience() / kLooks, std::chrono::milliseconds(1)));
 }
 
 HXMemory::~HXMemory() {

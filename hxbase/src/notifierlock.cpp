@@ -3,6 +3,9 @@
 #include <hxbase/notifierlock.h>
 
 #include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <vector>
 
 namespace HX {
 namespace {
@@ -19,21 +22,87 @@ using PatienceClock =
 using PatienceClock = std::chrono::steady_clock;
 #endif
 
-/// What the calling thread is inside of.
-thread_local const NotifierLock::Calls* innermost = nullptr;
-
 }  // namespace
 
+/// What one thread is inside of. Known to the others as long as the thread lives.
+struct NotifierLock::Thread {
+  Thread();
+  Thread(const Thread&) = delete;
+  Thread& operator=(const Thread&) = delete;
+  ~Thread();
+
+  static Thread& current() {
+    static thread_local Thread the;
+    return the;
+  }
+
+  WordLock reading;  // Held by whoever reads what `innermost` points to, and to end that.
+  std::atomic<const Calls*> innermost{nullptr};
+  std::atomic<std::uint64_t> step{0};  // another one with each call, written by the thread alone
+
+  // For the patrol.
+  std::uint64_t seenStep = 0;
+  PatienceClock::time_point seenSince;
+  bool isReported = false;
+
+  void nextStep() { step.store(step.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed); }
+
+  /// @return The notification of that event that the thread is inside of; null when it is in none.
+  const Calls* find(const NotifierLock& lock) const {
+    const Calls* calls = innermost.load(std::memory_order_acquire);
+    while (calls && &calls->lock_ != &lock) calls = calls->outer_;
+    return calls;
+  }
+};
+
+class NotifierLock::Threads {
+ public:
+  static Threads& instance() {
+    static Threads* const the = new Threads;  // Never destroyed: threads may end after everything else.
+    return *the;
+  }
+
+  void add(Thread& thread) {
+    const std::lock_guard lock(mutex_);
+    all_.push_back(&thread);
+  }
+  void remove(Thread& thread) {
+    const std::lock_guard lock(mutex_);
+    std::erase(all_, &thread);
+  }
+
+  /// Calls `look` with each thread, which may read meanwhile what that is inside of.
+  template <class Look>
+  void forEach(const Look& look) {
+    const std::lock_guard lock(mutex_);
+    for (Thread* const thread : all_) {
+      const std::lock_guard reading(thread->reading);
+      look(*thread);
+    }
+  }
+
+ private:
+  std::mutex mutex_;  // Guards `all_`. Outer to the `reading` of each.
+  std::vector<Thread*> all_;
+};
+
+NotifierLock::Thread::Thread() { Threads::instance().add(*this); }
+NotifierLock::Thread::~Thread() { Threads::instance().remove(*this); }
+
 NotifierLock::Calls::Calls(NotifierLock& lock)
-    : lock_(lock), outerOfLock_(lock.calls_.load(std::memory_order_relaxed)), outerOfThread_(innermost) {
-  lock.calls_.store(this, std::memory_order_release);
-  innermost = this;
+    : lock_(lock), thread_(Thread::current()), outer_(thread_.innermost.load(std::memory_order_relaxed)) {
+  thread_.innermost.store(this, std::memory_order_release);
 }
 
 NotifierLock::Calls::~Calls() {
-  innermost = outerOfThread_;
-  const std::lock_guard guard(lock_.reading_);
-  lock_.calls_.store(outerOfLock_, std::memory_order_relaxed);
+  const std::lock_guard guard(thread_.reading);
+  thread_.innermost.store(outer_, std::memory_order_relaxed);
+  thread_.nextStep();
+}
+
+void NotifierLock::Calls::next(const std::string& subscriber) {
+  subscriber_.store(&subscriber, std::memory_order_release);
+  thread_.nextStep();
 }
 
 void NotifierLock::lock() {
@@ -44,21 +113,44 @@ void NotifierLock::lock() {
 }
 
 void NotifierLock::setPatience(std::chrono::milliseconds patience) { waitPatience = patience; }
+std::chrono::milliseconds NotifierLock::patience() { return waitPatience; }
 
 void NotifierLock::reportWait() const {
   std::string text =
       "event " + event_ + " has been waited for longer than " + std::to_string(waitPatience.load().count()) + " ms";
-  {
-    const std::lock_guard guard(reading_);
-    const Calls* calls = calls_.load(std::memory_order_acquire);
-    if (const std::string* subscriber = calls ? calls->subscriber_.load(std::memory_order_acquire) : nullptr) {
-      text += ", while it notifies " + *subscriber;
-    }
-  }
-  if (const std::string* self = innermost ? innermost->subscriber_.load(std::memory_order_relaxed) : nullptr) {
-    text += "; waiting is " + *self + ", which was notified of event " + innermost->lock_.event_;
+  Threads::instance().forEach([&](const Thread& thread) {
+    // One thread at most is inside of it: calls are made with the lock held.
+    const Calls* const calls = thread.find(*this);
+    const std::string* const subscriber = calls ? calls->subscriber_.load(std::memory_order_acquire) : nullptr;
+    if (subscriber) text += ", while it notifies " + *subscriber;
+  });
+  const Calls* const own = Thread::current().innermost.load(std::memory_order_relaxed);
+  if (const std::string* self = own ? own->subscriber_.load(std::memory_order_relaxed) : nullptr) {
+    text += "; waiting is " + *self + ", which was notified of event " + own->lock_.event_;
   }
   HX_LOG_AS(Warning, itemCategory(), "notify", text);
+}
+
+void NotifierLock::patrol() {
+  const auto now = PatienceClock::now();
+  const auto patience = waitPatience.load();
+  std::vector<std::string> texts;
+  Threads::instance().forEach([&](Thread& thread) {
+    const std::uint64_t step = thread.step.load(std::memory_order_relaxed);
+    const Calls* const calls = thread.innermost.load(std::memory_order_acquire);
+    if (!calls || thread.seenStep != step) {
+      thread.seenStep = step;
+      thread.seenSince = now;
+      thread.isReported = false;
+      return;
+    }
+    const std::string* const subscriber = calls->subscriber_.load(std::memory_order_acquire);
+    if (!subscriber || thread.isReported || now - thread.seenSince < patience) return;
+    thread.isReported = true;
+    texts.push_back("event " + calls->lock_.event_ + " has been notifying " + *subscriber + " for longer than " +
+                    std::to_string(patience.count()) + " ms; who raised it waits");
+  });
+  for (const std::string& text : texts) HX_LOG_AS(Warning, itemCategory(), "notify", text);
 }
 
 }  // namespace HX

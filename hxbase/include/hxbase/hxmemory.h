@@ -207,6 +207,8 @@ class HXMemory : public HXModule {
   /// @param line  The caller's, where none is stated. By the builtin, since clang 14 has no std::source_location.
   [[noreturn]] static void fail(const char* method, const std::string& message, int line = __builtin_LINE());
 
+  /// Looks at the calls of subscribers now and then, as long as the memory lives, and reports those that last.
+  void patrol();
   void bindMethods();
   void bindReadingMethods();
   void bindWritingMethods();

@@ -11,11 +11,13 @@ namespace HX {
 
 /// The recursive lock around the subscriptions of one item, which is held while subscribers are called.
 ///
-/// A subscriber that does not return keeps everybody from the item; two events whose subscribers raise each other
-/// crosswise on two threads keep each other for ever. Neither can be prevented without calling subscribers unlocked, so
-/// it is made visible: who waits longer than the patience logs, once, for which event and subscriber, and inside which
-/// notification.
+/// A subscriber that does not return keeps its raiser and everybody else from the item; two events whose subscribers
+/// raise each other crosswise on two threads keep each other for ever. Neither can be prevented without calling
+/// subscribers unlocked, so it is made visible: who waits longer than the patience logs, once, for which event and
+/// subscriber, and inside which notification; and `patrol` logs, once, which call lasts longer.
 class NotifierLock {
+  struct Thread;
+
  public:
   /// @param event  Name of the item; must outlive the lock.
   explicit NotifierLock(const std::string& event) : event_(event) {}
@@ -34,27 +36,32 @@ class NotifierLock {
     ~Calls();
 
     /// @param subscriber  Who is called next. Must outlive this object, for who waits may be reading it.
-    void next(const std::string& subscriber) { subscriber_.store(&subscriber, std::memory_order_release); }
+    void next(const std::string& subscriber);
 
    private:
     friend NotifierLock;
     NotifierLock& lock_;
+    Thread& thread_;
     std::atomic<const std::string*> subscriber_{nullptr};
-    const Calls* const outerOfLock_;
-    const Calls* const outerOfThread_;
+    const Calls* const outer_;  // of the same thread
   };
 
   /// How long to wait before saying so, 5 seconds at first. For all items.
   static void setPatience(std::chrono::milliseconds patience);
+  static std::chrono::milliseconds patience();
+
+  /// Looks at the calls of all threads, and logs those that last longer than the patience. To be called several times
+  /// in that time.
+  static void patrol();
 
  private:
+  /// What a thread is calling. Read by others with its lock held, and with that the threads are known by.
+  class Threads;
+
   void reportWait() const;
 
   const std::string& event_;
   std::recursive_timed_mutex mutex_;
-  // Held by whoever reads `calls_`, and to end what it points to; nothing else is locked meanwhile.
-  mutable WordLock reading_;
-  std::atomic<const Calls*> calls_{nullptr};  // The innermost of the thread that holds the lock.
 };
 
 }  // namespace HX

@@ -76,5 +76,20 @@ TEST_F(Dispatch, SaysWhoWaitsLongForWhom) {
   EXPECT_THAT(slow->values(), ElementsAre(HXValue(1), HXValue(2)));
 }
 
+TEST_F(Dispatch, NamesTheSubscriberThatDoesNotReturnToItsRaiser) {
+  std::promise<void> mayReturn;
+  subscribed("slow")->react = [&](const auto&) { mayReturn.get_future().wait(); };
+  NotifierLock::setPatience(std::chrono::milliseconds(1));
+  const kit::CaptureLog log({"HXMemory"});
+  auto raise = std::async(std::launch::async, [this] { memory->raiseEvent("E", HXValue(1)); });
+  while (log.texts().size() < 2) NotifierLock::patrol();  // It is notified, and lasts.
+  for (int i = 0; i < 3; ++i) NotifierLock::patrol();
+  mayReturn.set_value();
+  raise.get();
+  NotifierLock::setPatience(std::chrono::seconds(5));
+  const std::string report = "event E has been notifying slow for longer than 1 ms; who raised it waits";
+  EXPECT_EQ(std::ranges::count(log.texts(), report), 1);
+}
+
 }  // namespace
 }  // namespace HX
