@@ -6,8 +6,9 @@
 
 The first form sets a benchmark in relation to others as its label says; bench/CMakeLists.txt tells how to write one.
 Times are medians over the repetitions: of processor time, for the machine may be shared, or of real time where a
-benchmark asks for it, because it waits or because several threads run it. A counter called "allocs" is shown as allocations, one called "writer_waits_ms" as the longest
-wait of a writer over all repetitions.
+benchmark asks for it, because it waits or because several threads run it; of counters called "p50_us" and "p99_us",
+where single times were taken. A counter called "allocs" is shown as allocations, one called "writer_waits_ms" as the
+longest wait of a writer over all repetitions. What a file called *.one-processor.json says is marked so.
 
 The second form tells what is faster or slower in the files after "--" than in those before. Only a difference that
 the noise of both does not explain is called one: all repetitions but the worst of one side lie beyond the median of
@@ -24,6 +25,7 @@ import sys
 
 NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 NOISE = 1.05
+ONE_PROCESSOR = " (one processor)"
 
 
 class ReportError(Exception):
@@ -33,9 +35,11 @@ class ReportError(Exception):
 class Result:
     """All repetitions of one benchmark."""
 
-    def __init__(self, name):
-        self.name = name
+    def __init__(self, name, mark=""):
+        self.name = name + mark
+        self.mark = mark  # of the conditions, which its control shares
         self.times = []
+        self.ninetyNinths = []
         self.allocations = []
         self.waits = []
         self.label = {}
@@ -46,12 +50,19 @@ class Result:
         if run["iterations"] <= 0 or run["real_time"] <= 0:
             raise ReportError(f"{self.name}: did no work")
         clock = "real_time" if "/real_time" in self.name else "cpu_time"
-        self.times.append(run[clock] * NANOSECONDS[run["time_unit"]])
+        if "p50_us" in run:
+            self.times.append(run["p50_us"] * NANOSECONDS["us"])
+            self.ninetyNinths.append(run["p99_us"] * NANOSECONDS["us"])
+        else:
+            self.times.append(run[clock] * NANOSECONDS[run["time_unit"]])
         if "allocs" in run:
             self.allocations.append(run["allocs"])
         if "writer_waits_ms" in run:
             self.waits.append(run["writer_waits_ms"])
         self.label = dict(word.split("=", 1) for word in run.get("label", "").split() if "=" in word)
+        for other in ("control", "relative"):
+            if other in self.label:
+                self.label[other] += self.mark
 
     @property
     def time(self):
@@ -78,11 +89,12 @@ def read(paths):
                 text = file.read()
             # A program none of whose benchmarks matched the filter writes an empty file.
             runs = json.loads(text)["benchmarks"] if text.strip() else []
+            mark = ONE_PROCESSOR if path.endswith(".one-processor.json") else ""
             # Interleaved runs stand in the order in which they ran.
             for run in sorted(runs, key=lambda run: (run["family_index"], run["per_family_instance_index"])):
                 if run.get("run_type", "iteration") == "iteration":
                     name = run.get("run_name", run["name"])
-                    results.setdefault(name, Result(name)).add(run)
+                    results.setdefault(name + mark, Result(name, mark)).add(run)
         except (OSError, ValueError, KeyError, TypeError) as error:
             raise ReportError(f"{path}: not the output of a benchmark program ({error!r})") from error
     if not results:
@@ -101,7 +113,7 @@ def markdown(rows):
 
 def shown(name):
     """Without what Google Benchmark adds to all names of a kind."""
-    return re.sub(r"/real_time|/threads:1$", "", name)
+    return re.sub(r"/real_time|/threads:1\b", "", name)
 
 
 def aimCell(result, reached):
@@ -113,8 +125,8 @@ def aimCell(result, reached):
 
 def table(results):
     controls = {result.label.get("control") for result in results.values()}
-    rows = [["benchmark", "median", "control", "ratio", "relative", "aim", "allocations", "writer waits"]]
-    rows.append(["---"] + ["---:"] * 7)
+    rows = [["benchmark", "median", "control", "ratio", "relative", "aim", "99 %", "allocations", "writer waits"]]
+    rows.append(["---"] + ["---:"] * 8)
     for result in results.values():
         row = [shown(result.name), duration(result.time), "", "", "", ""]
         if "control" in result.label:
@@ -127,6 +139,7 @@ def table(results):
             row[5] = aimCell(result, reached)
         elif result.name in controls:
             continue  # shown in the rows that name it
+        row.append(duration(statistics.median(result.ninetyNinths)) if result.ninetyNinths else "")
         row.append(f"{statistics.median(result.allocations):.2g}" if result.allocations else "")
         row.append(duration(max(result.waits) * NANOSECONDS["ms"]) if result.waits else "")
         rows.append(row)
