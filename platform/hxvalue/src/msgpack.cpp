@@ -7,6 +7,7 @@
 #include <bit>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -210,6 +211,52 @@ class MsgpackReader : public msgpack::null_visitor {
   Builder builder_;
 };
 
+// What stands behind a format of one value without parts; nothing for other formats.
+std::optional<HXValue> scalar(std::uint8_t format, std::uint64_t bits) {
+  switch (format) {
+    case 0xc0:
+      return HXValue();
+    case 0xc2:
+    case 0xc3:
+      return HXValue(format == 0xc3);
+    case 0xca:
+      return HXValue(std::bit_cast<float>(static_cast<std::uint32_t>(bits)));
+    case 0xcb:
+      return HXValue(std::bit_cast<double>(bits));
+    case 0xcc:
+    case 0xcd:
+      return HXValue(static_cast<std::int32_t>(bits));
+    case 0xd0:
+      return HXValue(static_cast<std::int32_t>(static_cast<std::int8_t>(bits)));
+    case 0xd1:
+      return HXValue(static_cast<std::int32_t>(static_cast<std::int16_t>(bits)));
+    case 0xd2:
+      return HXValue(static_cast<std::int32_t>(bits));
+    case 0xd3:
+      return HXValue(static_cast<std::int64_t>(bits));
+    default:
+      return std::nullopt;
+  }
+}
+
+// Scalars and short texts, of which most messages consist: to set up the parser takes longer than to read them. Nothing
+// for anything else, and for what is wrong, of which the parser tells.
+std::optional<HXValue> readPlain(std::span<const std::byte> bytes, std::size_t& size) {
+  if (bytes.empty()) return std::nullopt;
+  const auto format = std::to_integer<std::uint8_t>(bytes.front());
+  constexpr std::uint8_t kShortText = 0xa0;
+  constexpr std::uint8_t kLength = 0x1f;
+  const bool isText = (format & ~kLength) == kShortText;
+  size = isText ? 1U + (format & kLength) : headerSize(format);
+  if (bytes.size() < size) return std::nullopt;
+  const auto content = bytes.subspan(1, size - 1);
+  if (isText) return HXValue(std::string(reinterpret_cast<const char*>(content.data()), content.size()));
+  if (format <= 0x7f || format >= 0xe0) return HXValue(static_cast<std::int32_t>(static_cast<std::int8_t>(format)));
+  std::uint64_t bits = 0;
+  for (const std::byte one : content) bits = bits << 8U | std::to_integer<std::uint64_t>(one);
+  return scalar(format, bits);
+}
+
 }  // namespace
 
 void appendMsgpack(std::vector<std::byte>& out, const HXValue& value) {
@@ -230,6 +277,7 @@ std::vector<std::byte> toMsgpack(const HXValue& value) {
 }
 
 HXValue readMsgpack(std::span<const std::byte> bytes, std::size_t& size, const MsgpackLimits& limits) {
+  if (auto plain = limits.values > 0 ? readPlain(bytes, size) : std::nullopt) return *std::move(plain);
   MsgpackReader reader(bytes, limits);
   try {
     std::size_t end = 0;

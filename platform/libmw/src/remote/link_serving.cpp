@@ -86,10 +86,16 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
     }
   }
   if (count > kMostArguments) throw ProtocolError(fmt::format("a call with more than {} arguments", kMostArguments));
-  call->object = targetAtArrival(call->target);
+  const bool isEmission = call->target == kEmit;
+  if (isEmission) {
+    if (count-- == 0) throw ProtocolError("an emission that names no link");
+    call->link = in.number();
+  } else {
+    call->object = targetAtArrival(call->target);
+  }
   for (; count > 0; --count) call->arguments.push_back(readValue(in));
   if (call->target == kAlive && !isRequest) return {};
-  if (call->target == kEmit) return onEmission(std::move(call));
+  if (isEmission) return onEmission(std::move(call));
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
     countWaiting(*call);
@@ -154,14 +160,9 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
 }
 
 Work Link::onEmission(std::shared_ptr<Incoming> emission) {
-  const auto* number = emission->arguments.empty() ? nullptr : emission->arguments.front().getIf<HX::HXValue>();
-  if (!number || !(number->isInt() || number->isInt64())) throw ProtocolError("an emission that names no link");
-  const auto link = static_cast<std::uint64_t>(number->toInt64());
   const std::lock_guard lock(mutex_);
-  const auto found = subscriptions_.find(link);
+  const auto found = subscriptions_.find(emission->link);
   if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
-  emission->arguments.erase(emission->arguments.begin());
-  emission->link = link;
   emission->subscription = found->second;
   return schedule({{}, reinterpret_cast<std::uintptr_t>(found->second.get())}, std::move(emission), SIZE_MAX);
 }
