@@ -1,4 +1,5 @@
 #include "events_fixture.h"
+#include "sitter.h"
 #include "temporary_folder.h"
 
 #include <libmw/path.h>
@@ -208,19 +209,17 @@ TEST_F(Mapping, DoesNothingMoreWhenTheMemoryHasGone) {
 TEST_F(Mapping, LetsTheMemoryGoOnlyWhenItsEventsHaveBeenRaised) {
   const auto door = offerDoor();
   memory->addMapping("Door", "opened", "E");
-  std::promise<void> entered;
-  std::promise<void> mayReturn;
+  kit::Sitter sitter;
   std::size_t there = 0;
   memory->subscriber("E")->signal.connect(mw::SignalSubscriber([&, used = memory.get()](const HXValue&) {
-    entered.set_value();
-    mayReturn.get_future().wait();
+    sitter.sit();
     there = used->getDataList("E").size();
   }));
   auto raising = std::async(std::launch::async, [&] { door->opened(HXValue(1)); });
-  entered.get_future().wait();
+  sitter.awaitEntry();
   auto going = std::async(std::launch::async, [this] { shutDown(); });
   EXPECT_EQ(going.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-  mayReturn.set_value();
+  sitter.release();
   raising.get();
   going.get();
   EXPECT_EQ(there, 1U) << "it is whole until then";

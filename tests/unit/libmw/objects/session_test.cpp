@@ -1,6 +1,7 @@
 #include "capture_log.h"
 #include "expect_error.h"
 #include "look_ups.h"
+#include "sitter.h"
 
 #include <libmw/dynamicobject.h>
 #include <libmw/eventloop.h>
@@ -184,31 +185,25 @@ TEST_F(Sessions, CutHandlesOffWhenAServiceIsWithdrawn) {
 class WithdrawalDuringACall : public Sessions {
  protected:
   WithdrawalDuringACall() {
-    id = session.registerService("Motor", serviceThat([this] {
-                                   entered.set_value();
-                                   release.get_future().wait();
-                                   returned = true;
-                                 }));
+    id = session.registerService("Motor", serviceThat([this] { sitter.sit(); }));
     handle = session.service("Motor").value();
     caller = std::thread([this] { handle->call("run"); });
-    entered.get_future().wait();
+    sitter.awaitEntry();
   }
   ~WithdrawalDuringACall() override { caller.join(); }
 
   mw::ServiceId id = 0;
   AnyObject handle;
-  std::promise<void> entered;
-  std::promise<void> release;
-  std::atomic<bool> returned{false};
+  kit::Sitter sitter;
   std::thread caller;
 };
 
 TEST_F(WithdrawalDuringACall, WakesItUpAndWaitsForIt) {
   EXPECT_TRUE(session.unregisterService(id, [&] {
     EXPECT_THROW(handle->call("run"), std::runtime_error) << "new calls are refused by now";
-    release.set_value();
+    sitter.release();
   }));
-  EXPECT_TRUE(returned);
+  EXPECT_TRUE(sitter.left);
 }
 
 TEST_F(WithdrawalDuringACall, LogsALongWait) {
@@ -216,8 +211,8 @@ TEST_F(WithdrawalDuringACall, LogsALongWait) {
   session.setDrainPatience(std::chrono::milliseconds(1));
   auto withdrawn = std::async(std::launch::async, [&] { session.unregisterService(id); });
   EXPECT_TRUE(log.waitFor(1));
-  EXPECT_FALSE(returned);
-  release.set_value();
+  EXPECT_FALSE(sitter.left);
+  sitter.release();
   withdrawn.get();
   ASSERT_EQ(log.entries().size(), 1U);
   EXPECT_THAT(log.texts().front(), HasSubstr("service Motor"));

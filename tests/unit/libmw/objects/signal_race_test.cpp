@@ -1,5 +1,6 @@
 // What signals promise when several threads use them at once.
 
+#include "sitter.h"
 #include "together.h"
 
 #include <libmw/signal.h>
@@ -16,29 +17,10 @@ namespace {
 using mw::Signal;
 using mw::SignalSubscriber;
 
-/// A subscriber that stays inside its call until it is released.
-class Sitter {
- public:
-  SignalSubscriber subscriber() {
-    return SignalSubscriber([this] {
-      entered_.set_value();
-      release_.get_future().wait();
-      left = true;
-    });
-  }
-  void awaitEntry() { entered_.get_future().wait(); }
-  void release() { release_.set_value(); }
-
-  std::atomic<bool> left{false};
-
- private:
-  std::promise<void> entered_;
-  std::promise<void> release_;
-};
-
 /// Runs `leave` while another thread sits in a subscriber of `signal`, and checks that it waits for that one.
 template <class Leave>
-void expectWaitsForTheCall(Signal<>& signal, Sitter& sitter, const std::function<bool()>& hasBegun, Leave&& leave) {
+void expectWaitsForTheCall(Signal<>& signal, kit::Sitter& sitter, const std::function<bool()>& hasBegun,
+                           Leave&& leave) {
   std::thread emitter([&] { signal(); });
   sitter.awaitEntry();
   auto leaving = std::async(std::launch::async, [&] {
@@ -53,8 +35,8 @@ void expectWaitsForTheCall(Signal<>& signal, Sitter& sitter, const std::function
 
 TEST(SignalRaces, DisconnectWaitsForTheCallOnAnotherThread) {
   Signal<> signal;
-  Sitter sitter;
-  const auto link = signal.connect(sitter.subscriber());
+  kit::Sitter sitter;
+  const auto link = signal.connect(SignalSubscriber([&] { sitter.sit(); }));
   expectWaitsForTheCall(
       signal, sitter, [&] { return !signal.hasSubscribers(); }, [&] { signal.disconnect(link); });
 }
@@ -62,9 +44,9 @@ TEST(SignalRaces, DisconnectWaitsForTheCallOnAnotherThread) {
 TEST(SignalRaces, DestructionWaitsForTheCallAndTheEmissionEndsWithoutTheSignal) {
   auto signal = std::make_unique<Signal<>>();
   Signal<>& used = *signal;
-  Sitter sitter;
+  kit::Sitter sitter;
   std::atomic<bool> going{false};
-  used.connect(sitter.subscriber());
+  used.connect(SignalSubscriber([&] { sitter.sit(); }));
   used.connect(SignalSubscriber([] {}));
   expectWaitsForTheCall(
       used, sitter, [&] { return going.load(); },
@@ -78,18 +60,16 @@ TEST(SignalRaces, DestructionWaitsForTheCallAndTheEmissionEndsWithoutTheSignal) 
 TEST(SignalRaces, RemovingADeadSubscriberDoesNotWaitForItsCall) {
   Signal<> signal;
   mw::Lifetime lifetime;
-  std::promise<void> destroyed;
-  std::promise<void> release;
+  kit::Sitter sitter;
   signal.connect(SignalSubscriber([&] {
                    lifetime.destroy();
-                   destroyed.set_value();
-                   release.get_future().wait();
+                   sitter.sit();
                  }).track(lifetime.token()));
   std::thread inside([&] { signal(); });
-  destroyed.get_future().wait();
+  sitter.awaitEntry();
   signal();
   EXPECT_FALSE(signal.hasSubscribers());
-  release.set_value();
+  sitter.release();
   inside.join();
 }
 

@@ -1,5 +1,6 @@
 #include "capture_log.h"
 #include "expect_error.h"
+#include "sitter.h"
 
 #include <libmw/eventloop.h>
 #include <libmw/signal.h>
@@ -116,23 +117,20 @@ TEST(Signals, DeliverQueuedOnTheLoopInOrder) {
 
 TEST(Signals, DropWhatIsQueuedForASubscriberThatLeaves) {
   Signal<int> signal;
-  std::promise<void> release;
+  kit::Sitter sitter;
   std::atomic<int> heard{0};
-  std::promise<void> started;
   const auto link = signal.connect(SignalSubscriber(
       [&](int n) {
         ++heard;
-        if (n > 0) return;
-        started.set_value();
-        release.get_future().wait();
+        if (n == 0) sitter.sit();
       },
       MetaCallType::Queued));
   signal(0);
   signal(1);
-  started.get_future().wait();
+  sitter.awaitEntry();
   auto disconnected = std::async(std::launch::async, [&] { return signal.disconnect(link); });
   while (signal.hasSubscribers()) std::this_thread::yield();
-  release.set_value();
+  sitter.release();
   EXPECT_TRUE(disconnected.get());
   mw::defaultLoop().drain();
   EXPECT_EQ(heard, 1);

@@ -1,6 +1,7 @@
 #include "joined_sessions.h"
 #include "random_value.h"
 #include "service.h"
+#include "sitter.h"
 
 #include <hxerror/hxerror.h>
 #include <libmw/dynamicobject.h>
@@ -183,25 +184,18 @@ TEST_F(JoinedSessions, StartOneThreadsCallsInTheirOrder) {
 }
 
 TEST_F(JoinedSessions, FailPendingCallsWhenThePeerGoesAndComeBackWithIt) {
-  std::promise<void> entered;
-  std::promise<void> leave;
-  broker.registerService("Slow", makeService("Slow")
-                                     ->method("wait",
-                                              [&] {
-                                                entered.set_value();
-                                                leave.get_future().get();
-                                              })
-                                     .build());
+  kit::Sitter sitter;
+  broker.registerService("Slow", makeService("Slow")->method("wait", [&] { sitter.sit(); }).build());
   client.registerService("Mine", makeService("Mine")->method("one", [] { return 1; }).build());
   std::promise<void> lost;
   std::promise<void> restored;
   client.connectionLost.connect(SignalSubscriber([&](const std::string&) { lost.set_value(); }));
   client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
   auto pending = lookUp(client, "Slow")->async("wait");
-  entered.get_future().get();
+  sitter.awaitEntry();
   server.reset();
   EXPECT_THAT(pending.error(), HasSubstr("the connection to process"));
-  leave.set_value();
+  sitter.release();
   lost.get_future().get();
   EXPECT_FALSE(joined->isConnected());
   EXPECT_FALSE(broker.service("Mine").hasValue());

@@ -1,4 +1,5 @@
 #include "capture_log.h"
+#include "sitter.h"
 
 #include <libmw/eventloop.h>
 
@@ -147,20 +148,16 @@ TEST(EventLoop, ReportsWorkThatWaitsAtTheLimitOncePerEpisode) {
 
 TEST(EventLoop, StoppingDropsWhatHasNotStarted) {
   EventLoop loop(small(1, 1));
-  Promise<void> entered;
-  Promise<void> release;
-  loop.post([&] {
-    entered.setValue();
-    release.future().wait();
-  });
+  kit::Sitter sitter;
+  loop.post([&] { sitter.sit(); });
   bool isRun = false;
   const auto queued = loop.async([&] { isRun = true; });
   const auto delayed = loop.async([&] { isRun = true; }, 1h);
-  entered.future().wait();
+  sitter.awaitEntry();
   loop.stop();
   EXPECT_FALSE(loop.post([&] { isRun = true; }));
   const auto refused = loop.async([&] { isRun = true; });
-  release.setValue();
+  sitter.release();
   loop.join();
   for (const auto& future : {queued, delayed, refused}) {
     EXPECT_EQ(future.wait(0ms), FutureState::FinishedWithError);

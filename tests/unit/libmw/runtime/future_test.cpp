@@ -1,3 +1,5 @@
+#include "sitter.h"
+
 #include <libmw/eventloop.h>
 #include <libmw/future.h>
 
@@ -175,19 +177,15 @@ TEST(Cancel, GoesUpAChainAndRunsItsContinuations) {
 }
 
 TEST(Cancel, DoesNotInterruptAContinuationAndWaitCoversIt) {
-  Promise<void> entered;
-  Promise<void> release;
+  kit::Sitter sitter;
   Promise<void> promise;
   const auto captured = std::make_shared<int>();
-  auto future = promise.future().andThen([&, captured] {
-    entered.setValue();
-    release.future().wait();
-  });
+  auto future = promise.future().andThen([&, captured] { sitter.sit(); });
   std::thread producer([&] { promise.setValue(); });
-  entered.future().wait();
+  sitter.awaitEntry();
   future.cancel();
   EXPECT_TRUE(future.isRunning());
-  release.setValue();
+  sitter.release();
   EXPECT_EQ(future.wait(), FutureState::FinishedWithValue);
   EXPECT_EQ(captured.use_count(), 1);
   producer.join();

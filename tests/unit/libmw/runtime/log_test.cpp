@@ -1,11 +1,11 @@
 #include "capture_log.h"
+#include "sitter.h"
 
 #include <libmw/log.h>
 
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <future>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -105,19 +105,13 @@ TEST_F(LogSinks, OneThatThrowsLogsOrRemovesItselfHarmsNobody) {
 }
 
 TEST_F(LogSinks, RemovalWaitsForTheSinkToReturn) {
-  std::promise<void> entered;
-  std::promise<void> release;
-  bool hasReturned = false;
-  const auto id = log::addSink([&](const LogRecord&) {
-    entered.set_value();
-    release.get_future().wait();
-    hasReturned = true;
-  });
+  kit::Sitter sitter;
+  const auto id = log::addSink([&](const LogRecord&) { sitter.sit(); });
   std::thread writer([] { log::error("sinks", "f", "slow"); });
-  entered.get_future().wait();
-  std::thread releaser([&] { release.set_value(); });
+  sitter.awaitEntry();
+  std::thread releaser([&] { sitter.release(); });
   log::removeSink(id);
-  EXPECT_TRUE(hasReturned);
+  EXPECT_TRUE(sitter.left);
   writer.join();
   releaser.join();
 }

@@ -1,3 +1,5 @@
+#include "temporary_folder.h"
+
 #include <libmw/os.h>
 #include <libmw/path.h>
 
@@ -11,7 +13,6 @@
 #include <stdexcept>
 #include <string>
 #include <tuple>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,7 +25,8 @@ using testing::ElementsAre;
 
 /// A scratch tree with the user's and two system folders in it, named by the environment.
 struct DataPaths : testing::Test {
-  const fs::path root = fs::path(testing::TempDir()) / ("korvo_paths_" + std::to_string(getpid()));
+  const kit::TemporaryFolder scratch;
+  const fs::path root = scratch.path();
   const std::string user = root / "user";
   const std::string first = root / "first";
   const std::string second = root / "second";
@@ -38,7 +40,6 @@ struct DataPaths : testing::Test {
     unsetenv("XDG_DATA_HOME");
     unsetenv("XDG_DATA_DIRS");
     setenv("HOME", oldHome.c_str(), 1);
-    fs::remove_all(root);
   }
 
   std::string place(const fs::path& file) const {
