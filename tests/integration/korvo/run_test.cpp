@@ -8,8 +8,6 @@ namespace {
 using namespace std::chrono_literals;
 using kit::module;
 using kit::Process;
-using testing::AllOf;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 /// The command line `korvo run ARGUMENT...`. What the memory logs is no part of these tests.
@@ -88,12 +86,6 @@ TEST(SecondSignal, EndsTheProgramAtOnceWhenTheFirstOneCannot) {
   ASSERT_TRUE(process.waitFor("Sleeper leaves"));
   process.send(SIGINT);
   EXPECT_EQ(process.finish(10s).status, 130);
-}
-
-TEST(CommandLine, IsTaughtByHelp) {
-  const auto result = kit::runKorvo({"run", "--help"});
-  EXPECT_THAT(result.out, AllOf(HasSubstr("--module"), HasSubstr("Exit status"), HasSubstr("Examples")));
-  EXPECT_EQ(result.status, 0);
 }
 
 class WrongUsage : public testing::TestWithParam<std::vector<std::string>> {};

@@ -79,14 +79,6 @@ class PythonClient(unittest.TestCase):
             with self.subTest(call=call[0]), self.assertRaisesRegex(RemoteError, re.escape(text)):
                 self.robot.call(*call)
 
-    def test_gets_the_five_fields_of_an_error(self):
-        with self.assertRaises(HXError) as caught:
-            self.memory.getData("Nope")
-        error = caught.exception
-        self.assertEqual((error.message, error.module, error.method), ("Data not found Nope", "HXMemory", "getData"))
-        self.assertIn("hxmemory", error.file)
-        self.assertGreater(error.line, 0)
-
     def test_gives_the_five_fields_of_an_error(self):
         class Motor:
             def turn(self):

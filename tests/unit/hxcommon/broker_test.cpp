@@ -66,15 +66,6 @@ TEST_F(Brokers, GiveTheSameProxyAsLongAsTheModuleIsTheSame) {
   EXPECT_EQ(broker->getProxy("Arm"), renewed) << "the late notice of the predecessor changes nothing";
 }
 
-TEST_F(Brokers, ForgetAServiceThatLeavesWithoutThem) {
-  const auto id = broker->session()->registerService("Guest", mw::AnyObject(std::make_shared<mw::DynamicObject>()));
-  const std::weak_ptr<HX::HXProxy> proxy = broker->getProxy("Guest");
-  EXPECT_FALSE(proxy.expired());
-  broker->session()->unregisterService(id);
-  broker->session()->eventLoop().drain();
-  EXPECT_TRUE(proxy.expired());
-}
-
 TEST_F(Brokers, ShutDownFromTheLastModuleToTheFirstAlsoWhenTheyGo) {
   for (const char* name : {"first", "second"}) make(name);
   EXPECT_THAT(broker->modules(), ElementsAre("first", "second"));

@@ -28,11 +28,6 @@ TEST(JsonExtent, EndsWhereTheTextDoes) {
   for (const auto& [text, extent] : cases) EXPECT_EQ(text.substr(0, jsonExtent(text)), extent);
 }
 
-TEST(JsonExtent, OfManyOpenBracketsIsFoundWithoutRecursion) {
-  const std::string deep(1'000'000, '[');
-  EXPECT_EQ(jsonExtent(deep), deep.size());
-}
-
 TEST(Arguments, AreReadFromLeftToRight) {
   Arguments arguments("  Foo \"a b\"\t{\"x\": [1, 2.0]}  --json --jsonx 7 ");
   EXPECT_EQ(arguments.word("KEY"), "Foo");

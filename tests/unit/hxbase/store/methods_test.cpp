@@ -44,26 +44,6 @@ TEST_F(BoundMethods, AreDocumentedAsPublished) {
   }
 }
 
-TEST_F(BoundMethods, AreChosenByTheInsertedType) {
-  const auto entry = [this](const auto& value) {
-    const std::string key = "key";
-    const std::array parameters{mw::AnyReference::of(key), mw::AnyReference::of(value)};
-    const mw::MetaObject& object = generic->asObject()->metaObject();
-    const auto& chosen = object.resolve("insertData", parameters);
-    const auto overloads = object.findMethods("insertData");
-    return std::ranges::find(overloads, &chosen) - overloads.begin();
-  };
-  EXPECT_EQ(entry(5), 0);
-  EXPECT_EQ(entry(5.5F), 1);
-  EXPECT_EQ(entry(std::string("text")), 2);
-  EXPECT_EQ(entry(true), 3);
-  EXPECT_EQ(entry(5.5), 3);
-  EXPECT_EQ(entry(std::int64_t{1} << 40), 3);
-  EXPECT_EQ(entry(HXValue::list({1})), 3);
-  EXPECT_EQ(entry(HXValue(5)), 0);
-  EXPECT_EQ(entry(HXValue("text")), 2);
-}
-
 TEST_F(BoundMethods, KeepABoolThroughTheSpecialisedProxy) {
   HXMemoryProxy(generic).insertData("flag", true);
   EXPECT_EQ(memory->getData("flag"), HXValue(true));

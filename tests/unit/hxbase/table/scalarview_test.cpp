@@ -9,20 +9,6 @@
 namespace HX {
 namespace {
 
-class ScalarViewOf : public testing::TestWithParam<HXValue> {};
-
-TEST_P(ScalarViewOf, ShowsTheValueAsItIs) {
-  ScalarView view;
-  view.show(GetParam());
-  HXValue seen("something else");
-  ASSERT_TRUE(view.read(seen));
-  EXPECT_EQ(seen, GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(Scalars, ScalarViewOf,
-                         testing::Values(HXValue(), HXValue(true), HXValue(-7), HXValue(std::int64_t{1} << 40),
-                                         HXValue(0.25F), HXValue(-1e300)));
-
 TEST(ScalarView, ShowsNothingWhileHidden) {
   ScalarView view;
   view.show(1);

@@ -1,8 +1,6 @@
 #include <libmw/trackable.h>
 
 #include <atomic>
-#include <chrono>
-#include <future>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -26,27 +24,6 @@ TEST(CallGate, ATokenOutlivesItsGateAndRefuses) {
   }
   EXPECT_TRUE(token.isClosed());
   EXPECT_FALSE(token.enter());
-}
-
-TEST(CallGate, RefusesNewCallsAndWaitsForThoseOfOtherThreadsAsLongAsAsked) {
-  CallGate gate;
-  std::promise<void> entered;
-  std::promise<void> release;
-  std::atomic<bool> hasLeft{false};
-  std::thread caller([&] {
-    const auto pass = gate.enter();
-    entered.set_value();
-    release.get_future().wait();
-    hasLeft = true;
-  });
-  entered.get_future().wait();
-  EXPECT_FALSE(gate.drainFor(std::chrono::nanoseconds::zero()));
-  EXPECT_FALSE(gate.enter());
-  std::thread releaser([&] { release.set_value(); });
-  EXPECT_TRUE(gate.drainFor(std::chrono::minutes(1)));
-  EXPECT_TRUE(hasLeft);
-  caller.join();
-  releaser.join();
 }
 
 TEST(CallGate, AThreadInsideMayDestroyTheGate) {
