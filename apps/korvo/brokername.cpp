@@ -27,9 +27,8 @@ std::vector<std::string> runningBrokers() {
 std::string checkBrokerName(const std::string& name) {
   if (mw::isBrokerName(name)) return {};
   return fmt::format(
-      "\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first, and not too many for the "
-      "path "
-      "of a socket",
+      "\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first, and not too many "
+      "for the path of a socket",
       excerpt(name));
 }
 
