@@ -31,6 +31,14 @@ class Subscription;
 
 /// A call that has come, or an emission: what a strand does one after another.
 struct Incoming {
+  Incoming() = default;
+  Incoming(const Incoming&) = delete;
+  Incoming& operator=(const Incoming&) = delete;
+  /// Those behind it go one by one, not inside one another.
+  ~Incoming() {
+    for (auto rest = std::move(next); rest && rest.use_count() == 1;) rest = std::move(rest->next);
+  }
+
   bool isRequest = false;
   std::uint32_t id = 0;  ///< Of the request.
   std::size_t size = 0;  ///< Of the message, in bytes.

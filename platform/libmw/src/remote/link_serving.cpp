@@ -139,8 +139,8 @@ Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::s
 }
 
 void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
-  bool more = false;
-  for (auto call = std::move(first); call; call = strands_.next(key, more)) {
+  for (auto call = std::move(first); call; call = strands_.next(key, *call)) {
+    const bool more = call->next != nullptr;
     moreFollows = more;
     auto result = execute(*call);
     moreFollows = false;
@@ -150,8 +150,7 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
     }
     result.then([self = shared_from_this(), key, call](const Future<AnyValue>& done) {
       self->answer(call, done, Sending::Now);
-      bool others = false;
-      if (const auto following = self->strands_.next(key, others)) {
+      if (const auto following = self->strands_.next(key, *call)) {
         postOrRun([self, key, following] { self->runStrand(key, following); });
       }
     });
@@ -160,11 +159,14 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
 }
 
 Work Link::onEmission(std::shared_ptr<Incoming> emission) {
-  const std::lock_guard lock(mutex_);
-  const auto found = subscriptions_.find(emission->link);
-  if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
-  emission->subscription = found->second;
-  return schedule({{}, reinterpret_cast<std::uintptr_t>(found->second.get())}, std::move(emission), SIZE_MAX);
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = subscriptions_.find(emission->link);
+    if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
+    emission->subscription = found->second;
+  }
+  const StrandKey key{{}, reinterpret_cast<std::uintptr_t>(emission->subscription.get())};
+  return schedule(key, std::move(emission), SIZE_MAX);
 }
 
 // --- Serving --------------------------------------------------------------------------------------------------------

@@ -41,9 +41,10 @@ class Strands {
     return nullptr;
   }
 
-  /// @param more  Set to whether others wait behind it.
+  /// @param done  The call that was run last. What waits behind it has been taken from the queue together with it.
   /// @return The next call; null when there is none, and the strand is idle then.
-  std::shared_ptr<Call> next(const Key& key, bool& more) {
+  std::shared_ptr<Call> next(const Key& key, Call& done) {
+    if (done.next) return std::move(done.next);
     const std::lock_guard lock(mutex_);
     const auto found = std::find_if(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
     if (!found->first) {
@@ -51,11 +52,8 @@ class Strands {
       busy_.pop_back();
       return nullptr;
     }
-    std::shared_ptr<Call> call = std::move(found->first);
-    found->first = std::move(call->next);
-    more = found->first != nullptr;
-    if (!more) found->last = nullptr;
-    return call;
+    found->last = nullptr;
+    return std::move(found->first);
   }
 
  private:
