@@ -13,20 +13,13 @@ namespace HX::kit {
 /// Makes values of every type, nested, with a liking for the edges of each type. The same seed gives the same values.
 class RandomValues {
  public:
-  /// Which values: all, or only those that JSON can say and read back equal.
-  enum class Kind { Any, Json };
-
-  explicit RandomValues(std::uint32_t seed, Kind kind = Kind::Any) : engine_(seed), kind_(kind) {}
+  explicit RandomValues(std::uint32_t seed) : engine_(seed) {}
 
   /// @param depth  Lists and maps inside one another, at most.
   HXValue next(int depth = 4) {
     using Type = HXValue::Type;
     const auto last = depth > 0 ? Type::Map : Type::Binary;
-    while (true) {
-      const auto type = static_cast<Type>(below(static_cast<std::uint32_t>(last) + 1));
-      if (kind_ == Kind::Json && (type == Type::Float || type == Type::Binary)) continue;
-      return make(type, depth);
-    }
+    return make(static_cast<Type>(below(static_cast<std::uint32_t>(last) + 1)), depth);
   }
 
  private:
@@ -34,7 +27,7 @@ class RandomValues {
     using Type = HXValue::Type;
     if (type == Type::Bool) return below(2) == 0;
     if (type == Type::Int) return integer<std::int32_t>();
-    if (type == Type::Int64) return int64();
+    if (type == Type::Int64) return integer<std::int64_t>();
     if (type == Type::Float) return decimal<float, std::uint32_t>();
     if (type == Type::Double) return decimal<double, std::uint64_t>();
     if (type == Type::String) return text();
@@ -52,23 +45,13 @@ class RandomValues {
     return choices[below(4)];
   }
 
-  // JSON does not tell an Int64 that fits 32 bits from an Int.
-  std::int64_t int64() {
-    std::int64_t number = integer<std::int64_t>();
-    while (kind_ == Kind::Json && std::in_range<std::int32_t>(number)) number = integer<std::int64_t>();
-    return number;
-  }
-
   // Any bits are a number of the type: subnormals, infinities and NaN come along.
   template <typename Decimal, typename Bits>
   Decimal decimal() {
-    while (true) {
-      const auto bits = static_cast<Bits>(engine_());
-      Decimal number;
-      std::memcpy(&number, &bits, sizeof number);
-      const bool finite = number - number == 0;
-      if (finite || kind_ == Kind::Any) return number;
-    }
+    const auto bits = static_cast<Bits>(engine_());
+    Decimal number;
+    std::memcpy(&number, &bits, sizeof number);
+    return number;
   }
 
   std::string text() {
@@ -76,7 +59,7 @@ class RandomValues {
     std::string text;
     for (std::uint32_t left = below(40); left > 0; --left) text += kPieces[below(8)];
     if (below(4) == 0) text += '\0';
-    if (kind_ == Kind::Any && below(4) == 0) text += '\xff';
+    if (below(4) == 0) text += '\xff';
     return text;
   }
 
@@ -101,7 +84,6 @@ class RandomValues {
   std::uint32_t below(std::uint32_t limit) { return static_cast<std::uint32_t>(engine_() % limit); }
 
   std::mt19937_64 engine_;
-  Kind kind_;
 };
 
 }  // namespace HX::kit

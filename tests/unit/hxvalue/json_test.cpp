@@ -1,6 +1,5 @@
 #include "expect_error.h"
 #include "print_value.h"
-#include "random_value.h"
 
 #include <hxvalue/json.h>
 
@@ -57,14 +56,6 @@ TEST(Json, tellsWhenBytesThatAreNotUtf8WereReplaced) {
   const HXValue::Binary ascii{std::byte{'a'}};
   EXPECT_EQ(toJson(ascii), R"("a")");
   EXPECT_FALSE(toJsonText(ascii).replaced);
-}
-
-TEST(Json, roundTripsRandomValues) {
-  kit::RandomValues random(2, kit::RandomValues::Kind::Json);
-  for (int i = 0; i < 300; ++i) {
-    const HXValue value = random.next();
-    ASSERT_EQ(fromJson(toJson(value)), value);
-  }
 }
 
 TEST(Json, acceptsAsManyLevelsAsItPromises) {

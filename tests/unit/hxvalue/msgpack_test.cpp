@@ -86,6 +86,22 @@ TEST(Msgpack, roundTripsRandomValuesWithTheirTypes) {
   }
 }
 
+TEST(Msgpack, neverCrashesOnRandomBytes) {
+  std::mt19937 engine(4);
+  int accepted = 0;
+  for (int i = 0; i < 20'000; ++i) {
+    Bytes noise(engine() % 40);
+    for (std::byte& byte : noise) byte = static_cast<std::byte>(engine());
+    try {
+      const HXValue value = fromMsgpack(noise);
+      EXPECT_EQ(fromMsgpack(toMsgpack(value)), value);
+      ++accepted;
+    } catch (const std::runtime_error&) {
+    }
+  }
+  EXPECT_GT(accepted, 0);
+}
+
 TEST(Msgpack, isRefusedInOneLineThatSaysWhere) {
   const std::string end = ": the bytes end in the middle of a value";
   const std::pair<Bytes, std::string> cases[] = {
