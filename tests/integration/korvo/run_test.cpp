@@ -64,20 +64,6 @@ TEST(BrokenModules, AreOneLineAndTheOthersRun) {
   EXPECT_EQ(korvo({"--no-memory", "--module", module("missing")}).status, 1) << "there is no other";
 }
 
-class Signals : public testing::TestWithParam<int> {};
-
-TEST_P(Signals, EndTheBrokerInOrder) {
-  Process process(kit::korvo({"run", "--module", module("greeter")}));
-  ASSERT_TRUE(process.waitFor("broker korvo is running: HXMemory, Greeter"));
-  process.send(GetParam());
-  const auto result = process.finish(10s);
-  EXPECT_EQ(result.status, 0);
-  EXPECT_EQ(result.out, "Greeter leaves\n");
-  EXPECT_LT(result.took, 2s);
-}
-
-INSTANTIATE_TEST_SUITE_P(Both, Signals, testing::Values(SIGTERM, SIGINT));
-
 TEST(SecondSignal, EndsTheProgramAtOnceWhenTheFirstOneCannot) {
   Process process(korvoRun({"--no-memory", "--module", module("sleeper"), "--console"}));
   process.write("call Sleeper hang\n");

@@ -1,4 +1,5 @@
 #include "events_fixture.h"
+#include "sitter.h"
 
 #include <functional>
 #include <future>
@@ -49,23 +50,20 @@ TEST_F(Dispatch, DropsASubscriberWhoseMessageIsNoText) {
 }
 
 TEST_F(Dispatch, SaysWhoWaitsLongForWhom) {
-  std::promise<void> entered;
-  std::promise<void> mayReturn;
+  kit::Sitter sitter;
   const auto slow = subscribed("slow");
   slow->react = [&](const auto& heard) {
-    if (heard.value != HXValue(1)) return;
-    entered.set_value();
-    mayReturn.get_future().wait();
+    if (heard.value == HXValue(1)) sitter.sit();
   };
   subscribed("other", "F")->react = [this](const auto&) { memory->raiseEvent("E", HXValue(2)); };
 
   NotifierLock::setPatience(std::chrono::milliseconds(1));
   const kit::CaptureLog log({"HXMemory"});
   auto first = std::async(std::launch::async, [this] { memory->raiseEvent("E", HXValue(1)); });
-  entered.get_future().wait();
+  sitter.awaitEntry();
   auto second = std::async(std::launch::async, [this] { memory->raiseEvent("F", HXValue(1)); });
   ASSERT_TRUE(log.waitFor(3)) << "slow is notified, other is notified, and other waits";
-  mayReturn.set_value();
+  sitter.release();
   first.get();
   second.get();
   NotifierLock::setPatience(std::chrono::seconds(5));

@@ -6,6 +6,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -46,17 +47,11 @@ TEST(NameTable, HoldsWhatAMapHolds) {
 
 TEST(NameTable, TellsNamesApartByEveryByte) {
   const std::string longName(100, 'x');
-  const std::set<std::string> names{"",
-                                    "a",
-                                    "A",
-                                    std::string("\0", 1),
-                                    std::string("a\0", 2),
-                                    "12345678",
-                                    "12345679",
-                                    "123456789",
-                                    "12345678x12345678",
-                                    longName,
-                                    longName + "x"};
+  std::set<std::string> names{longName, longName + "x"};
+  using namespace std::string_view_literals;
+  for (const auto name : {""sv, "a"sv, "A"sv, "\0"sv, "a\0"sv, "12345678"sv, "12345679"sv, "123456789"sv})
+    names.emplace(name);
+  names.emplace("12345678x12345678");
   Table table;
   for (const std::string& name : names) file(table, name);
   for (const std::string& name : names) {

@@ -64,7 +64,6 @@ TEST(Conversion, OfAValueSucceedsExactlyWhereItFits) {
       {1, wide, Fit::Widening},
       {1, doubled, Fit::Widening},
       {true, integer, Fit::None},
-      {big, integer, Fit::None},
       {std::int64_t{1}, integer, Fit::None},
       {big, doubled, Fit::None},
       {1, unsignedInt, Fit::Widening},
@@ -72,18 +71,15 @@ TEST(Conversion, OfAValueSucceedsExactlyWhereItFits) {
       {big - 1, unsignedInt, Fit::Widening},
       {big, unsignedInt, Fit::None},
       {1.5F, doubled, Fit::Widening},
-      {1.5F, real, Fit::Exact},
       {1.5, real, Fit::None},
       {1, text, Fit::None},
       {HXValue(), integer, Fit::None},
       {HXValue(), mw::typeOf<HXValue>(), Fit::Variant},
-      {HXValue::list({1.0, 2.0}), doubles, Fit::Exact},
       {HXValue::list({1.0, 2}), doubles, Fit::Widening},
       {HXValue::list({1.0, true}), doubles, Fit::None},
       {HXValue::list({1}), mw::typeOf<std::vector<HXValue>>(), Fit::Variant},
       {HXValue::map({{"k", 1}}), mw::typeOf<std::map<std::string, std::int64_t>>(), Fit::Widening},
       {1, mw::typeOf<AnyValue>(), Fit::Variant},
-      {1, mw::typeOf<int*>(), Fit::None},
       {1, mw::typeOf<mw::AnyObject>(), Fit::None}};
   for (const auto& [value, type, fit] : cases) {
     const auto given = AnyReference::of(value);
