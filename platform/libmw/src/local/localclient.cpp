@@ -135,7 +135,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_.link);
     const auto link = std::make_shared<remote::Link>(channel, &session_, options_.link);
     const auto isOver = std::make_shared<bool>(false);  // Guarded by `mutex_`.
-    link->start(std::make_shared<Greeter>(session_, link, lifetime_.token()),
+    link->start(std::make_shared<Greeter>(session_, link, weak_from_this(), lifetime_.token()),
                 [weak = weak_from_this(), raw = link.get(), isOver](const std::string& reason) {
                   if (const auto self = weak.lock()) self->onEnd(raw, reason, *isOver);
                 });
@@ -163,9 +163,11 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   /// Answers the broker, and hands its notices to the session.
   class Greeter final : public remote::ReservedService {
    public:
-    Greeter(Session& session, const std::shared_ptr<remote::Link>& link, Lifetime::Token client)
+    Greeter(Session& session, const std::shared_ptr<remote::Link>& link, std::weak_ptr<Impl> impl,
+            Lifetime::Token client)
         : own_(std::make_shared<remote::SessionService>(session, "", link, remote::SessionService::Role::Client)),
           session_(session),
+          impl_(std::move(impl)),
           client_(std::move(client)) {}
 
     Future<AnyValue> call(std::string_view method, std::span<const AnyValue> arguments) override {
@@ -173,7 +175,10 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
       if (arguments.size() != 2) throw std::runtime_error("a notice has two arguments");
       const auto id = arguments[0].reference().to<ServiceId>() | kBrokerIds;
       const auto name = arguments[1].reference().to<std::string>();
-      if (const auto pass = client_.enter()) session_.announce(id, name, method == "registered");
+      const auto pass = client_.enter();
+      if (!pass) return Future<AnyValue>::ready(AnyValue());
+      session_.announce(id, name, method == "registered");
+      if (const auto impl = impl_.lock(); impl && method == "unregistered") impl->onNameFree(name);
       return Future<AnyValue>::ready(AnyValue());
     }
     AnyObject find(const std::string& service) override { return own_->find(service); }
@@ -182,6 +187,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
    private:
     const std::shared_ptr<remote::SessionService> own_;
     Session& session_;
+    const std::weak_ptr<Impl> impl_;
     const Lifetime::Token client_;
   };
 
@@ -266,6 +272,30 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
         log::error(kCategory, "retry", fmt::format("cannot offer service {} again: {}", name, error.what()));
       }
     }
+  }
+
+  /// Somebody else may have taken a name while the connection was lost, and have left it now.
+  void onNameFree(const std::string& name) {
+    std::optional<ServiceId> missing;
+    {
+      const std::lock_guard lock(mutex_);
+      const auto isMissing = [&](const auto& one) { return one.second.name == name && !one.second.id; };
+      const auto found = std::find_if(offered_.begin(), offered_.end(), isMissing);
+      if (connected_ && found != offered_.end()) missing = found->first;
+    }
+    if (!missing) return;
+    defaultLoop().post([weak = weak_from_this(), id = *missing, name] {
+      const auto self = weak.lock();
+      const auto token = self ? self->lifetime_.token() : Lifetime::Token();
+      const auto pass = token.enter();
+      if (!self || !pass) return;
+      try {
+        self->offerNow(*self->link(), id);
+        log::info(kCategory, "offer", fmt::format("service {} is offered again: its name is free", name));
+      } catch (const std::exception& error) {
+        log::warning(kCategory, "offer", fmt::format("cannot offer service {} again: {}", name, error.what()));
+      }
+    });
   }
 
   Session& session_;

@@ -220,6 +220,23 @@ TEST_F(JoinedSessions, KeepServicesInUseAcrossARestart) {
   EXPECT_FALSE(ticked.hasSubscribers());
 }
 
+TEST_F(JoinedSessions, OfferAgainWhatWasTakenMeanwhileOnceItIsFree) {
+  const auto ear = [](int number) { return makeService("Ear")->method("number", [number] { return number; }).build(); };
+  client.registerService("Ear", ear(1));
+  std::promise<void> restored;
+  client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
+  server.reset();
+  const ServiceId other = broker.registerService("Ear", ear(2));
+  server.emplace(broker, "torso");
+  restored.get_future().get();
+  EXPECT_EQ(lookUp(broker, "Ear")->call<int>("number"), 2);
+  std::promise<void> offered;
+  broker.serviceRegistered.connect(SignalSubscriber([&](ServiceId, const std::string&) { offered.set_value(); }));
+  broker.unregisterService(other);
+  offered.get_future().get();
+  EXPECT_EQ(lookUp(broker, "Ear")->call<int>("number"), 1);
+}
+
 TEST_F(JoinedSessions, MayLeaveWhenTheyAreToldOfTheLoss) {
   std::promise<void> left;
   client.connectionLost.connect(SignalSubscriber([&](const std::string&) {
