@@ -101,8 +101,8 @@ NotifierLock::Calls::~Calls() {
 }
 
 void NotifierLock::Calls::next(const std::string& subscriber) {
+  thread_.nextStep();  // First: a patrol between the two takes the earlier subscriber for a new one, and waits.
   subscriber_.store(&subscriber, std::memory_order_release);
-  thread_.nextStep();
 }
 
 void NotifierLock::lock() {

@@ -125,6 +125,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     std::string name;
     AnyObject object;
     std::optional<std::int64_t> id;  ///< The broker's.
+    bool isRefused = false;          ///< The broker has it of somebody else.
   };
 
   /// One attempt. @return False when no broker listens.
@@ -270,6 +271,8 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
         offerNow(*link(), id);
       } catch (const std::exception& error) {
         log::error(kCategory, "retry", fmt::format("cannot offer service {} again: {}", name, error.what()));
+        const std::lock_guard lock(mutex_);
+        if (const auto found = offered_.find(id); found != offered_.end()) found->second.isRefused = true;
       }
     }
   }
@@ -279,9 +282,12 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     std::optional<ServiceId> missing;
     {
       const std::lock_guard lock(mutex_);
-      const auto isMissing = [&](const auto& one) { return one.second.name == name && !one.second.id; };
+      const auto isMissing = [&](const auto& one) { return one.second.name == name && one.second.isRefused; };
       const auto found = std::find_if(offered_.begin(), offered_.end(), isMissing);
-      if (connected_ && found != offered_.end()) missing = found->first;
+      if (connected_ && found != offered_.end()) {
+        missing = found->first;
+        found->second.isRefused = false;
+      }
     }
     if (!missing) return;
     defaultLoop().post([weak = weak_from_this(), id = *missing, name] {

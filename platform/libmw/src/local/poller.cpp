@@ -247,12 +247,13 @@ void Poller::monitor() {
     std::uint64_t seen = works_.load();
     std::uint64_t claims = 0;
     bool wasClaimed = false;
-    for (int idle = 0; idle < kIdleTicks;) {
+    for (int idle = 0; idle < kIdleTicks && !stopped_;) {
       const std::uint64_t term = term_.load();
       std::this_thread::sleep_for(kTick);
       const bool lasts = working_.load() == term && works_.load() == seen;
       if (lasts) handOn(term);
-      const bool isClaimed = claims_.load() != std::exchange(claims, claims_.load());
+      const std::uint64_t made = claims_.load();
+      const bool isClaimed = made != std::exchange(claims, made);
       if (isClaimed || wasClaimed) takeBackClaims();  // What is taken back was seen a tick before.
       wasClaimed = isClaimed;
       idle = works_.load() == seen && working_.load() == 0 && !isClaimed ? idle + 1 : 0;

@@ -115,7 +115,7 @@ class Poller {
   std::condition_variable changed_;
   std::condition_variable monitorWanted_;
   bool hasLeader_ = false;
-  bool stopped_ = false;
+  std::atomic<bool> stopped_{false};  // written with the mutex held
   bool excessReported_ = false;
   std::size_t threads_ = 0;
   std::size_t spare_ = 0;

@@ -12,11 +12,11 @@ namespace mw::local {
 class ReceiveBuffer {
  public:
   /// Where to receive: behind what is there.
-  /// @param missing  Bytes that the message which is there in part still lacks, for all that is known. A peer may claim
-  ///                 what it likes: it gets room as it sends.
+  /// @param missing  Bytes that the message which is there in part still lacks, for all that is known: of a list of
+  ///                 numbers next to nothing. And a peer may claim what it likes: it gets room as it sends.
   std::span<std::byte> room(std::size_t missing) {
     const std::size_t wanted = std::clamp(missing, kLeastRoom, std::max(kMostAhead, filled_));
-    if (size_ - filled_ < wanted) grow(std::max(filled_ + wanted, kUsual));
+    if (size_ - filled_ < wanted) grow(std::max({filled_ + wanted, 2 * size_, kUsual}));
     return {bytes_.get() + filled_, size_ - filled_};
   }
   void received(std::size_t size) { filled_ += size; }

@@ -93,6 +93,8 @@ void SocketChannel::watch() {
 void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& works) {
   if ((events & EPOLLOUT) != 0) flush();
   if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) == 0) return;
+  // The end of the peer is told also of a socket that is not watched, again and again.
+  if ((events & (EPOLLHUP | EPOLLERR)) != 0) resumeWatching();
   if (std::uint64_t nobody = Nobody; !reading_.compare_exchange_strong(nobody, Leader)) return;
   receive(works);
   reading_ = Nobody;

@@ -32,9 +32,10 @@ Future<AnyValue> ServiceHandle::metaCall(unsigned method, GenericFunctionParamet
   if (callType == MetaCallType::Auto) {
     if (const MetaMethod* known = metaObject().method(method)) callType = known->callType;
   }
-  if (callType != MetaCallType::Queued) {
-    return withTarget<AnyValue>(
-        [&](GenericObject& target) { return target.metaCall(method, parameters, MetaCallType::Direct); });
+  // What goes to another process takes no thread here, and nobody waits for a queued one.
+  if (callType != MetaCallType::Queued || isRemote_) {
+    const auto handedOn = isRemote_ ? callType : MetaCallType::Direct;
+    return withTarget<AnyValue>([&](GenericObject& target) { return target.metaCall(method, parameters, handedOn); });
   }
   // Queued here rather than in the object, so that the gate is held while the call runs and not before.
   return defaultLoop().async([self = std::static_pointer_cast<ServiceHandle>(shared_from_this()), method,

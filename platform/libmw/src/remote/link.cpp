@@ -78,6 +78,8 @@ void Link::cleanUp(const std::string& reason) {
     const std::lock_guard lock(mutex_);
     subscriptions.swap(subscriptions_);
   }
+  // What is queued is not delivered any more: subscribers may go once they know of the end.
+  for (const auto& [number, subscription] : subscriptions) subscription->close();
   subscriptions.clear();
   gone_.trySetValue();  // First: who is told of the end may wait for it.
   if (onEnd_) onEnd_(reason);

@@ -200,7 +200,8 @@ Future<AnyValue> Link::execute(const Incoming& call) {
     if (call.subscription) {
       const Serving serving({}, domain_);
       if (!call.subscription->deliver(call)) disconnect(call.link);
-      static const auto done = Future<AnyValue>::ready(AnyValue());
+      // Never destroyed: emissions may come until the very end.
+      static const auto& done = *new const Future<AnyValue>(Future<AnyValue>::ready(AnyValue()));
       return done;
     }
     if (call.target.starts_with(kReserved)) {

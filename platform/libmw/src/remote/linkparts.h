@@ -80,6 +80,8 @@ class Subscription {
     }
   }
   void end() { gate_.drain(); }
+  /// The same without waiting for a delivery that is under way.
+  void close() { gate_.close(); }
 
  private:
   const SignalSubscriber subscriber_;
