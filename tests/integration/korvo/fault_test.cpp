@@ -60,11 +60,11 @@ class History : public testing::Test {
  protected:
   /// A console on a terminal, in which `line` is typed. @return The history afterwards.
   std::string historyAfter(const std::string& line, const std::string& prelude) const {
-    // What is run by script has a terminal.
+    // What is run by script has a terminal. Libedit keeps the names of the functions that it is given: that is no leak.
     Process console(
-        {"/usr/bin/script", "-qfec", prelude + "exec " KORVO_PROGRAM " run --no-memory --console", "/dev/null"},
-        {"TERM=xterm", "SHELL=/bin/sh", "XDG_STATE_HOME=" + state.path().string(),
-         "ASAN_OPTIONS=detect_leaks=0"});  // libedit keeps the names of the functions that it is given.
+        {"/usr/bin/script", "-qfec",
+         prelude + "export ASAN_OPTIONS=detect_leaks=0; exec " KORVO_PROGRAM " run --no-memory --console", "/dev/null"},
+        {"TERM=xterm", "SHELL=/bin/sh", "XDG_STATE_HOME=" + state.path().string()});
     console.write(line + "\ncall Broker stop\n");
     EXPECT_EQ(console.finish().status, 0);
     std::ifstream file(state.path() / "korvo" / "history");
