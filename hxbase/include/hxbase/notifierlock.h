@@ -16,7 +16,8 @@ namespace HX {
 /// subscribers unlocked, so it is made visible: who waits longer than the patience logs, once, for which event and
 /// subscriber, and inside which notification; and `patrol` logs, once, which call lasts longer.
 class NotifierLock {
-  struct Thread;
+  struct Thread;  // What one thread is calling.
+  class Threads;  // All of them, for who waits and for the patrol.
 
  public:
   /// @param event  Name of the item; must outlive the lock.
@@ -55,9 +56,6 @@ class NotifierLock {
   static void patrol();
 
  private:
-  /// What a thread is calling. Read by others with its lock held, and with that the threads are known by.
-  class Threads;
-
   void reportWait() const;
 
   const std::string& event_;

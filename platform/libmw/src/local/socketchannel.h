@@ -83,6 +83,7 @@ class SocketChannel final : public remote::Channel,
   bool answersFast_ = true;
 
   std::mutex watchMutex_;     // Guards `number_`, and makes what is watched agree with `reading_` and `hasOutput_`.
+                              // Outer to those of the poller.
   std::uint64_t number_ = 0;  // at the poller; 0 when it is not watched
   std::atomic<bool> hasOutput_{false};
 
