@@ -24,9 +24,10 @@ class MemoryChannel final : public mw::remote::Channel {
 
   void start(const std::shared_ptr<mw::remote::ChannelSink>& sink) override { sink_ = sink; }
 
-  void send(mw::remote::Bytes& frame, mw::remote::Sending /*when*/) override {
+  bool send(mw::remote::Bytes& frame, mw::remote::Sending /*when*/) override {
     const std::lock_guard lock(mutex_);
     if (!ended_) sent_.push_back(std::move(frame));
+    return false;
   }
 
   void end(const std::string& reason) override {

@@ -199,8 +199,8 @@ void Poller::lookAfter() {
   monitorWanted_.notify_one();
 }
 
-void Poller::lookAfterClaims() {
-  ++claims_;
+void Poller::lookAfterSockets() {
+  ++wishes_;
   lookAfter();
 }
 
@@ -221,7 +221,7 @@ void Poller::aboutToWait() {
   instance().handOn(std::exchange(ledTerm, 0));
 }
 
-void Poller::takeBackClaims() {
+void Poller::askSockets() {
   std::vector<std::shared_ptr<Pollable>> all;
   {
     const std::lock_guard lock(socketsMutex_);
@@ -229,7 +229,7 @@ void Poller::takeBackClaims() {
       if (auto held = socket.lock()) all.push_back(std::move(held));
     }
   }
-  for (const auto& socket : all) socket->takeBackClaim();
+  for (const auto& socket : all) socket->lookAfter();
 }
 
 void Poller::monitor() {
@@ -245,23 +245,23 @@ void Poller::monitor() {
       }
     }
     std::uint64_t seen = works_.load();
-    std::uint64_t claims = 0;
-    bool wasClaimed = false;
+    std::uint64_t wishes = 0;
+    bool wasWished = false;
     for (int idle = 0; idle < kIdleTicks && !stopped_;) {
       const std::uint64_t term = term_.load();
       std::this_thread::sleep_for(kTick);
       const bool lasts = working_.load() == term && works_.load() == seen;
       if (lasts) handOn(term);
-      const std::uint64_t made = claims_.load();
-      const bool isClaimed = made != std::exchange(claims, made);
-      if (isClaimed || wasClaimed) takeBackClaims();  // What is taken back was seen a tick before.
-      wasClaimed = isClaimed;
-      idle = works_.load() == seen && working_.load() == 0 && !isClaimed ? idle + 1 : 0;
+      const std::uint64_t made = wishes_.load();
+      const bool isWished = made != std::exchange(wishes, made);
+      if (isWished || wasWished) askSockets();  // Twice: what is too new at first is not then.
+      wasWished = isWished;
+      idle = works_.load() == seen && working_.load() == 0 && !isWished ? idle + 1 : 0;
       seen = works_.load();
     }
     monitored_ = false;
     // A call that began just before would not be looked at.
-    if (working_.load() != 0 || claims_.load() != claims) monitored_ = true;
+    if (working_.load() != 0 || wishes_.load() != wishes) monitored_ = true;
   }
 }
 

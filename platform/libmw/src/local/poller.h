@@ -42,8 +42,9 @@ class Pollable {
   /// @param events  As poll(2) says them.
   /// @param works   Takes what is to be done for what came.
   virtual void onReady(std::uint32_t events, std::vector<remote::Work>& works) = 0;
-  /// Takes the reading back from a thread that has had a claim on it since the last call of this, and does not read.
-  virtual void takeBackClaim() {}
+  /// Does what was left for later, and was told of by `Poller::lookAfterSockets`: some milliseconds have passed. Must
+  /// not wait.
+  virtual void lookAfter() {}
 };
 
 /// Watches the sockets of the process.
@@ -71,8 +72,8 @@ class Poller {
   /// Ends the watching. `onReady` may still be running.
   void remove(std::uint64_t number, int socket);
 
-  /// Tells of a claim on the reading of a socket. Some milliseconds later sockets are asked to take them back.
-  void lookAfterClaims();
+  /// Has sockets asked to look after themselves, in one to two milliseconds, and again as much later.
+  void lookAfterSockets();
 
   /// Tells that the calling thread is about to wait: if it leads, it hands the lead on.
   static void aboutToWait();
@@ -94,7 +95,7 @@ class Poller {
   void startThreadLocked();
   void lookAfter();
   void monitor();
-  void takeBackClaims();
+  void askSockets();
   void stop();
   std::shared_ptr<Pollable> find(std::uint64_t number) const;
 
@@ -105,7 +106,7 @@ class Poller {
   std::atomic<std::uint64_t> works_{0};    // begun by leaders
   std::atomic<std::uint64_t> working_{0};  // the term of the leader that is in one
   std::atomic<bool> monitored_{false};     // the monitor looks
-  std::atomic<std::uint64_t> claims_{0};   // made so far
+  std::atomic<std::uint64_t> wishes_{0};   // that sockets be asked, so far
 
   mutable std::mutex socketsMutex_;  // Guards the two below.
   std::uint64_t lastNumber_ = 0;

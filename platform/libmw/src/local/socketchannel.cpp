@@ -23,8 +23,6 @@ namespace {
 constexpr std::size_t kTurn = std::size_t{256} << 10;
 /// How long a thread that waits for an answer looks again and again before it sleeps, where answers come fast.
 constexpr std::chrono::microseconds kSpin{10};
-/// How long a message waits for others to leave with.
-constexpr std::chrono::microseconds kSoon{100};
 /// Messages up to this size are copied, so that many of them wait in one piece of memory.
 constexpr std::size_t kShort = std::size_t{1} << 10;
 constexpr std::size_t kTogether = std::size_t{8} << 10;
@@ -116,7 +114,7 @@ bool SocketChannel::takeParked(std::uint64_t to) {
 std::uint64_t SocketChannel::claimReading() {
   const std::uint64_t claim = nextClaim();
   if (ended_ || !(takeParked(claim) || changeReading(Nobody, claim))) return 0;
-  poller_.lookAfterClaims();
+  poller_.lookAfterSockets();
   return claim;
 }
 
@@ -129,7 +127,7 @@ bool SocketChannel::beginReading(std::uint64_t claim) {
 void SocketChannel::endReading() {
   // Parked first, asked then: who expects something meanwhile asks for what is parked after having said so.
   reading_ = nextClaim() | kParked;
-  poller_.lookAfterClaims();
+  poller_.lookAfterSockets();
   const auto sink = sink_.lock();
   if (ended_ || !sink || !sink->isIdle()) resumeWatching();
 }
@@ -139,7 +137,11 @@ void SocketChannel::resumeWatching() {
   if (isParked(reading)) changeReading(reading, Nobody);
 }
 
-void SocketChannel::takeBackClaim() {
+void SocketChannel::lookAfter() {
+  if (holdsBack_) {
+    flush();
+    resumeWatching();
+  }
   const std::uint64_t reading = reading_;
   if (reading < FirstClaim || std::exchange(seenClaim_, reading) != reading) return;
   changeReading(reading, Nobody);
@@ -222,13 +224,13 @@ void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>
   buffer_.drop(buffer_.bytes().size() - rest.size());
 }
 
-void SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
+bool SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
   std::unique_lock lock(outputMutex_);
-  if (ended_ || refused_) return;
+  if (ended_ || refused_) return false;
   if (when == remote::Sending::Now && output_.empty()) {
     // What nothing waits before needs no queue.
     const ssize_t written = ::send(socket_.number(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (written == static_cast<ssize_t>(frame.size())) return;
+    if (written == static_cast<ssize_t>(frame.size())) return false;
     if (written > 0) {
       sent_ = static_cast<std::size_t>(written);
       outputBytes_ -= sent_;
@@ -237,16 +239,19 @@ void SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
   queueLocked(frame);
   if (outputBytes_ > options_.outputLimit) {
     lock.unlock();
-    return end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
+    end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
+    return false;
   }
-  if (hasOutput_) return;  // It leaves when the peer has read.
   if (when == remote::Sending::Soon) {
-    if (std::exchange(flushPosted_, true)) return;
-    if (defaultLoop().post([self = shared_from_this()] { self->flushLate(); }, kSoon)) return;
+    if (holdsBack_.exchange(true)) return false;
+    poller_.lookAfterSockets();
+    return true;
   }
+  if (hasOutput_) return false;  // It leaves when the peer has read.
   const int error = writeLocked();
   lock.unlock();
   if (error != 0) onSendFailed(error);
+  return false;
 }
 
 void SocketChannel::queueLocked(remote::Bytes& frame) {
@@ -271,14 +276,6 @@ void SocketChannel::onSendFailed(int error) {
   if (hasOutput_.exchange(false)) watch();
 }
 
-void SocketChannel::flushLate() {
-  {
-    const std::lock_guard lock(outputMutex_);
-    flushPosted_ = false;
-  }
-  flush();
-}
-
 void SocketChannel::flush() {
   int error = 0;
   {
@@ -291,6 +288,7 @@ void SocketChannel::flush() {
 /// Sends as much as the system takes now.
 /// @return 0, or the system's error when the connection is broken.
 int SocketChannel::writeLocked() {
+  holdsBack_ = false;
   while (!output_.empty()) {
     std::array<iovec, kGathered> parts{};
     std::size_t count = 0;

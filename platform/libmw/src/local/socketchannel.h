@@ -32,7 +32,7 @@ class SocketChannel final : public remote::Channel,
   ~SocketChannel() override;
 
   void start(const std::shared_ptr<remote::ChannelSink>& sink) override;
-  void send(remote::Bytes& frame, remote::Sending when) override;
+  bool send(remote::Bytes& frame, remote::Sending when) override;
   void flush() override;
   void end(const std::string& reason) override;
   const std::string& peer() const override { return peer_; }
@@ -44,7 +44,7 @@ class SocketChannel final : public remote::Channel,
   void endReading() override;
   void resumeWatching() override;
   void onReady(std::uint32_t events, std::vector<remote::Work>& works) override;
-  void takeBackClaim() override;
+  void lookAfter() override;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -61,7 +61,6 @@ class SocketChannel final : public remote::Channel,
   bool receive(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   static void postAll(std::vector<remote::Work>& works);
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
-  void flushLate();
   void onSendFailed(int error);
   void queueLocked(remote::Bytes& frame);
   int writeLocked();
@@ -86,15 +85,15 @@ class SocketChannel final : public remote::Channel,
                               // Outer to those of the poller.
   std::uint64_t number_ = 0;  // at the poller; 0 when it is not watched
   std::atomic<bool> hasOutput_{false};
+  std::atomic<bool> holdsBack_{false};  // messages wait for others to leave with
 
-  std::uint64_t seenClaim_ = 0;  // by the last `takeBackClaim`, which one thread calls
+  std::uint64_t seenClaim_ = 0;  // by the last `lookAfter`, which one thread calls
 
   std::mutex outputMutex_;            // Guards everything below. Outer to `watchMutex_`.
   std::deque<remote::Bytes> output_;  // messages, short ones together
   remote::Bytes spare_;               // memory for short ones
   std::size_t outputBytes_ = 0;
   std::size_t sent_ = 0;  // of the first of them
-  bool flushPosted_ = false;
   bool refused_ = false;  // the peer takes nothing more
 };
 

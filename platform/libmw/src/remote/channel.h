@@ -36,7 +36,8 @@ class ChannelSink {
 /// When a message leaves.
 enum class Sending : bool {
   Now,
-  Soon,  ///< Together with others that follow at once: with the next one that leaves now, in a tenth of a millisecond.
+  Soon,  ///< Together with others that follow at once: with the next one that leaves now, or when it is flushed. Who
+         ///< forgets to is helped out after some milliseconds.
 };
 
 /// Ordered messages to and from one other process: the seam between what calls mean and how bytes travel. Ends exactly
@@ -51,7 +52,8 @@ class Channel {
   virtual void start(const std::shared_ptr<ChannelSink>& sink) = 0;
   /// Messages of a channel that has ended are dropped.
   /// @param frame  Copied or taken; nothing that matters is in it afterwards.
-  virtual void send(Bytes& frame, Sending when) = 0;
+  /// @return Whether it is the first of those that wait to be flushed.
+  virtual bool send(Bytes& frame, Sending when) = 0;
   /// Sends what was to be sent soon.
   virtual void flush() {}
   /// Ends the channel.

@@ -54,17 +54,17 @@ std::exception_ptr Link::endedError() const {
 }
 
 void Link::onEnd(const std::string& reason) {
-  std::unordered_map<std::uint32_t, Pending> failed;
+  std::vector<Pending> failed;
   std::exception_ptr error;
   {
     const std::lock_guard lock(mutex_);
     ended_ = reason;
     error = endedError();
-    failed.swap(pending_);
+    failed = pending_.takeAll();
   }
   {
     const mw::detail::NoForeignCode scope;
-    for (auto& [id, pending] : failed) pending.promise.trySetException(error);
+    for (Pending& pending : failed) pending.promise.trySetException(error);
   }
   // Not held by whoever ends it: the task may be the last that knows the link.
   if (const auto self = weak_from_this().lock()) postOrRun([self, reason] { self->cleanUp(reason); });
@@ -87,7 +87,7 @@ void Link::cleanUp(const std::string& reason) {
 
 std::size_t Link::pendingCount() const {
   const std::lock_guard lock(mutex_);
-  return pending_.size();
+  return pending_.count();
 }
 
 /// The peer has nothing to answer, nothing to emit to, and no object to call. That it tells of services, and that it is
@@ -95,7 +95,7 @@ std::size_t Link::pendingCount() const {
 bool Link::isIdle() const {
   {
     const std::lock_guard lock(mutex_);
-    if (!pending_.empty() || !subscriptions_.empty()) return false;
+    if (pending_.count() > 0 || !subscriptions_.empty()) return false;
   }
   return objects_.leaseCount() == 0;
 }
@@ -136,6 +136,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
   Promise<AnyValue> promise;
   auto future = promise.future();
   std::uint32_t id = 0;
+  bool isFirst = false;
   try {
     const Chain chain = chainOfThisThread();
     Expectation expectation = expectAnswer(channel_, domain_, then);
@@ -143,10 +144,11 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     {
       const std::lock_guard lock(mutex_);
       if (ended_) return Future<AnyValue>::failed(endedError());
-      id = ++lastRequest_;
-      pending_.emplace(id, Pending{std::move(promise), returns, std::move(expectation)});
+      isFirst = pending_.count() == 0;
+      id = pending_.add({std::move(promise), returns, std::move(expectation)});
     }
-    if (!waits) channel_->resumeWatching();
+    const bool leavesSoon = then == Calling::GoesOn && !isFirst;
+    if (!waits && !leavesSoon) channel_->resumeWatching();
     FrameBuffer buffer;
     Bytes& frame = buffer.bytes();
     ObjectTable::Mention mention(objects_);
@@ -156,7 +158,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     out.number(id);
     writeCall(out, target, chain, parameters, mention);
     requireSendable(frame, "the call");
-    channel_->send(frame, then == Calling::GoesOn ? Sending::Soon : Sending::Now);
+    channel_->send(frame, leavesSoon ? Sending::Soon : Sending::Now);
     mention.sent();
   } catch (...) {
     takePending(id);
@@ -184,7 +186,7 @@ void Link::send(std::string_view target, GenericFunctionParameters parameters, b
   out.number(static_cast<std::uint32_t>(MessageType::Notification));
   writeCall(out, target, chain, parameters, mention);
   requireSendable(frame, "the message");
-  channel_->send(frame, moreFollows ? Sending::Soon : Sending::Now);
+  Together::send(channel_, frame);
   mention.sent();
 }
 
@@ -200,9 +202,7 @@ void Link::emit(std::uint32_t number, GenericFunctionParameters emitted) {
 
 std::optional<Link::Pending> Link::takePending(std::uint32_t id) {
   const std::lock_guard lock(mutex_);
-  auto found = pending_.extract(id);
-  if (!found) return std::nullopt;
-  return std::move(found.mapped());
+  return pending_.take(id);
 }
 
 void Link::giveBack(std::uint32_t id, std::uint32_t references) {

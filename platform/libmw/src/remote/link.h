@@ -3,6 +3,7 @@
 #include "chain.h"
 #include "channel.h"
 #include "objecttable.h"
+#include "pendingcalls.h"
 #include "strands.h"
 
 #include <libmw/future.h>
@@ -174,8 +175,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
 
   mutable std::mutex mutex_;          // Guards everything below.
   std::optional<std::string> ended_;  // the reason
-  std::uint32_t lastRequest_ = 0;
-  std::unordered_map<std::uint32_t, Pending> pending_;
+  PendingCalls<Pending> pending_;
   std::unordered_map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions_;
 };
 

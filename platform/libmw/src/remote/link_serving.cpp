@@ -99,7 +99,10 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
     countWaiting(*call);
-    Work work = [self = shared_from_this(), call] { self->answer(call, self->execute(*call), Sending::Now); };
+    Work work = [self = shared_from_this(), call] {
+      const Together atOnce;
+      self->answer(call, self->execute(*call), Sending::Now);
+    };
     if (runInChain(caller, domain_, work)) return {};
     return [self = shared_from_this(), call, work = std::move(work)] {
       if (++self->unawaited_ > self->options_.callLimit) {
@@ -132,25 +135,34 @@ void Link::countWaiting(const Incoming& call) {
 
 Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::size_t most) {
   countWaiting(*call);
-  auto first = strands_.enter(key, call, most);
-  if (call) return [self = shared_from_this(), call = std::move(call)] { self->refuse(call); };
-  if (!first) return {};
-  return [self = shared_from_this(), key, first = std::move(first)] { self->runStrand(key, first); };
+  using Entry = Strands<StrandKey, Incoming>::Entry;
+  switch (strands_.enter(key, call, most)) {
+    case Entry::Begins:
+      // What is read until then runs with it.
+      return [self = shared_from_this(), key] { self->runStrand(key, self->strands_.next(key, nullptr)); };
+    case Entry::Follows:
+      return {};
+    case Entry::Refused:
+      break;
+  }
+  return [self = shared_from_this(), call = std::move(call)] { self->refuse(call); };
 }
 
 void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
-  for (auto call = std::move(first); call; call = strands_.next(key, *call)) {
+  Together together;
+  for (auto call = std::move(first); call; call = strands_.next(key, call.get())) {
     const bool more = call->next != nullptr;
-    moreFollows = more;
+    together.hold(more);
     auto result = execute(*call);
-    moreFollows = false;
+    together.hold(false);
     if (result.isFinished()) {
       answer(call, result, more ? Sending::Soon : Sending::Now);
       continue;
     }
+    channel_->flush();  // It may last until that one is answered.
     result.then([self = shared_from_this(), key, call](const Future<AnyValue>& done) {
       self->answer(call, done, Sending::Now);
-      if (const auto following = self->strands_.next(key, *call)) {
+      if (const auto following = self->strands_.next(key, call.get())) {
         postOrRun([self, key, following] { self->runStrand(key, following); });
       }
     });

@@ -9,7 +9,10 @@
 
 #include <cstddef>
 #include <functional>
+#include <memory>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -54,8 +57,31 @@ class FrameBuffer {
   Bytes bytes_;
 };
 
-/// Whether the calling thread does more calls right after the present one: what these send may then leave together.
-inline thread_local bool moreFollows = false;
+/// While one lives, what the calling thread sends may leave together at its end.
+class Together {
+ public:
+  Together() = default;
+  Together(const Together&) = delete;
+  Together& operator=(const Together&) = delete;
+  ~Together() {
+    present_ = outer_;
+    for (const auto& channel : held_) channel->flush();
+  }
+
+  /// @param holds  False when what is sent from now on leaves at once: nothing follows that is sure not to wait.
+  void hold(bool holds) { present_ = holds ? this : nullptr; }
+
+  static void send(const std::shared_ptr<Channel>& channel, Bytes& frame) {
+    const bool isFirst = channel->send(frame, present_ ? Sending::Soon : Sending::Now);
+    if (isFirst) present_->held_.push_back(channel);
+  }
+
+ private:
+  static inline thread_local Together* present_ = nullptr;
+
+  Together* const outer_ = std::exchange(present_, nullptr);
+  std::vector<std::shared_ptr<Channel>> held_;
+};
 
 /// Done here and now where the event loop has ended with the process.
 inline void postOrRun(const std::function<void()>& task) {

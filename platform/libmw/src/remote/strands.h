@@ -24,27 +24,31 @@ struct StrandKey {
 template <class Key, class Call>
 class Strands {
  public:
-  /// @return The call when the strand was idle: the caller then has to run it, and ask for `next` until there is none.
-  ///         Null when it has to wait for others.
-  /// @param call  Taken over, unless its strand is idle and `most` others are not.
-  std::shared_ptr<Call> enter(const Key& key, std::shared_ptr<Call>& call, std::size_t most) {
+  enum class Entry : std::uint8_t {
+    Begins,   ///< The strand was idle: the caller has to run it, and asks for `next` until there is none.
+    Follows,  ///< Whoever runs the strand comes to it.
+    Refused,  ///< The strand was idle, and `most` others were not. The call is left with the caller.
+  };
+
+  Entry enter(const Key& key, std::shared_ptr<Call>& call, std::size_t most) {
+    Call* const last = call.get();
     const std::lock_guard lock(mutex_);
     const auto found = std::find_if(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
     if (found == busy_.end()) {
-      if (busy_.size() >= most) return nullptr;
-      busy_.push_back({key, nullptr, nullptr});
-      return std::move(call);
+      if (busy_.size() >= most) return Entry::Refused;
+      busy_.push_back({key, std::move(call), last});
+      return Entry::Begins;
     }
-    Call* const last = call.get();
     (found->last ? found->last->next : found->first) = std::move(call);
     found->last = last;
-    return nullptr;
+    return Entry::Follows;
   }
 
-  /// @param done  The call that was run last. What waits behind it has been taken from the queue together with it.
+  /// @param done  The call that was run last, if any. What waits behind it has been taken from the queue together
+  ///              with it.
   /// @return The next call; null when there is none, and the strand is idle then.
-  std::shared_ptr<Call> next(const Key& key, Call& done) {
-    if (done.next) return std::move(done.next);
+  std::shared_ptr<Call> next(const Key& key, Call* done) {
+    if (done && done->next) return std::move(done->next);
     const std::lock_guard lock(mutex_);
     const auto found = std::find_if(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
     if (!found->first) {

@@ -125,10 +125,7 @@ bool FutureStateBase::isCancelRequested() const {
   return cancelRequested_;
 }
 
-bool FutureStateBase::claim() noexcept {
-  const std::lock_guard lock(mutex_);
-  return !std::exchange(claimed_, true);
-}
+bool FutureStateBase::claim() noexcept { return !claimed_.exchange(true); }
 
 void FutureStateBase::unclaim() noexcept {
   {

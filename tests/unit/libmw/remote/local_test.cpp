@@ -7,6 +7,7 @@
 #include <libmw/dynamicobject.h>
 #include <libmw/objecttypebuilder.h>
 #include <libmw/remoteerror.h>
+#include <libmw/signal.h>
 
 #include <algorithm>
 #include <atomic>
@@ -259,6 +260,58 @@ TEST_F(JoinedSessions, RunTheContinuationsOfAnAnswerInTheirOrder) {
   last.wait();
   EXPECT_EQ(order.size(), 100U);
   EXPECT_TRUE(std::ranges::is_sorted(order));
+}
+
+/// Two sessions that send nothing by themselves, which would take along what waits.
+class QuietSessions : public JoinedSessions {
+ protected:
+  QuietSessions() {
+    constexpr std::chrono::hours kNever{1};
+    joined.reset();
+    server.reset();
+    server.emplace(broker, "torso", LinkOptions{.heartbeat = kNever});
+    joined.emplace(client, "torso", LocalClient::Options{.link = {.heartbeat = kNever}});
+  }
+};
+
+TEST_F(QuietSessions, SendWhatWaitsForOthersThoughNoneFollow) {
+  std::promise<void> told;
+  std::promise<void> done;
+  broker.registerService("Slow", makeService("Slow")
+                                     ->method("wait",
+                                              [&] {
+                                                told.get_future().get();
+                                                done.set_value();
+                                              })
+                                     .build());
+  broker.registerService("Teller", makeService("Teller")->method("tell", [&] { told.set_value(); }).build());
+  const AnyObject slow = lookUp(client, "Slow");
+  const AnyObject teller = lookUp(client, "Teller");
+  const auto first = slow->async("wait");
+  const auto second = teller->async("tell");
+  done.get_future().get();
+  EXPECT_TRUE(second.hasValue());
+}
+
+TEST_F(QuietSessions, EmitWhatWaitsForOthersThoughTheNextCallLasts) {
+  std::promise<void> begin;
+  std::promise<void> heard;
+  const auto rang = std::make_shared<Signal<int>>();  // Outlives the service, as what the service calls does.
+  broker.registerService("Bell", makeService("Bell")
+                                     ->signal("rang", *rang)
+                                     .method("begin", [&] { begin.get_future().get(); })
+                                     .method("ring", [rang] { (*rang)(1); })
+                                     .method("hear", [&] { heard.get_future().get(); })
+                                     .build());
+  broker.registerService("Other", makeService("Other")->method("ping", [] {}).build());
+  const AnyObject bell = lookUp(client, "Bell");
+  bell->connect("rang", SignalSubscriber([&](int) { heard.set_value(); })).value();
+  const auto first = bell->async("begin");
+  const auto second = bell->async("ring");
+  const auto third = bell->async("hear");
+  lookUp(client, "Other")->call("ping");  // Everything is there now: the last two are done in one go.
+  begin.set_value();
+  EXPECT_TRUE(third.hasValue());
 }
 
 TEST_F(JoinedSessions, DoNotTireOfServicesThatComeAgain) {

@@ -126,13 +126,13 @@ class HX_API FutureStateBase : public std::enable_shared_from_this<FutureStateBa
   static void post(std::shared_ptr<FutureStateBase> source, std::shared_ptr<FutureStateBase> dependent);
 
   std::atomic<FutureState> state_{FutureState::Running};  // written under mutex_
+  std::atomic<bool> claimed_{false};                      // cleared under mutex_
   std::atomic<int> promises_{0};
   const Kind kind_;
 
   mutable std::mutex mutex_;  // guards everything below, and exception_ until the state is finished
   mutable std::condition_variable finished_;
   mutable std::vector<Waker*> wakers_;
-  bool claimed_ = false;
   bool cancelRequested_ = false;
   OnCancel onCancel_;
   Dependents dependents_;
