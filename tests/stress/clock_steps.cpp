@@ -4,6 +4,8 @@
 #include "listener.h"
 #include "memory_fixture.h"
 #include "raw_peer.h"
+#include "sitter.h"
+#include "socket_folder.h"
 
 #include <libmw/clock.h>
 #include <libmw/eventloop.h>
@@ -12,9 +14,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <future>
 #include <ostream>
 #include <sys/syscall.h>
@@ -64,17 +64,10 @@ constexpr std::int64_t kHour = 3600;
 
 class ClockSteps : public kit::MemoryFixture {
  protected:
-  void SetUp() override {
-    std::string pattern = "/tmp/korvo_test.XXXXXX";
-    folder_ = ::mkdtemp(pattern.data());
-    ::setenv("XDG_RUNTIME_DIR", folder_.c_str(), 1);
-    MemoryFixture::SetUp();
-  }
   void TearDown() override {
     secondsEachTime = 0;
     secondsOff = 0;
     MemoryFixture::TearDown();
-    std::filesystem::remove_all(folder_);
   }
 
  public:
@@ -107,13 +100,10 @@ class ClockSteps : public kit::MemoryFixture {
   }
 
   void waitForAReport() {
-    std::promise<void> entered;
-    std::promise<void> mayReturn;
+    kit::Sitter sitter;
     const auto slow = kit::Listener::make();
     slow->react = [&](const auto& heard) {
-      if (heard.value != HXValue(1)) return;
-      entered.set_value();
-      mayReturn.get_future().wait();
+      if (heard.value == HXValue(1)) sitter.sit();
     };
     const auto service = broker->session()->registerService("slow", mw::AnyObject(slow));
     memory->subscribeToEvent("E", "slow", "heard");
@@ -123,25 +113,23 @@ class ClockSteps : public kit::MemoryFixture {
       return std::async(std::launch::async, [&, value] { memory->raiseEvent("E", HXValue(value)); });
     };
     const auto first = raise(1);
-    entered.get_future().wait();
+    sitter.awaitEntry();
     const auto second = raise(2);
     EXPECT_TRUE(log.waitFor(2)) << "slow is notified, and is waited for";
-    mayReturn.set_value();
+    sitter.release();
     broker->session()->unregisterService(service);
   }
 
   void waitForASilentPeer() {
-    mw::LinkOptions options;
-    options.heartbeat = kShort;
-    const mw::LocalServer server(*broker->session(), "torso", options);
-    const mw::RawPeer peer(folder_ + "/korvo/torso.sock");
+    const mw::LocalServer server(*broker->session(), "torso", {.heartbeat = kShort});
+    const mw::RawPeer peer(folder_.path() + "/korvo/torso.sock");
     peer.waitForEnd();
   }
 
   void sleep() { mw::os::sleep(kShort); }
 
  private:
-  std::string folder_;
+  const kit::SocketFolder folder_;
 };
 
 TEST_F(ClockSteps, ShowInTheTimesOfEventsAndData) {

@@ -1,24 +1,17 @@
 #include "listener.h"
 #include "memory_fixture.h"
+#include "stress.h"
 
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 
 #include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <thread>
 #include <vector>
 
 namespace HX {
 namespace {
-
-/// How long the threads go on: KORVO_STRESS_SECONDS, or 3 seconds.
-std::chrono::seconds duration() {
-  const char* const seconds = std::getenv("KORVO_STRESS_SECONDS");
-  return std::chrono::seconds(seconds ? std::atoi(seconds) : 3);
-}
 
 /// Everything that can happen to one event, at once. Whoever is told a value must be told one that was raised.
 class EventChurn : public kit::MemoryFixture {
@@ -116,7 +109,7 @@ TEST_F(EventChurn, DeliversOnlyWhatWasRaisedAndEnds) {
   churn([this](unsigned step) { changeSubscriptions(step); });
   churn([this](unsigned step) { changeEvent(step); });
   churn([this](unsigned step) { changeClients(step); });
-  std::this_thread::sleep_for(duration());
+  std::this_thread::sleep_for(kit::stressDuration());
   stopping_ = true;
   for (auto& thread : threads_) thread.join();
   shutDown();

@@ -5,6 +5,9 @@
 #include "listener.h"
 #include "memory_fixture.h"
 #include "process.h"
+#include "sitter.h"
+#include "socket_folder.h"
+#include "stress.h"
 
 #include <hxcommon/hxmodule.h>
 #include <libmw/local.h>
@@ -37,16 +40,7 @@ constexpr auto kBound = 3 * kHeartbeat + 1s;
 constexpr int kClients = 200;
 constexpr int kClientsOfAProcess = 20;
 
-mw::LinkOptions quick() {
-  mw::LinkOptions options;
-  options.heartbeat = kHeartbeat;
-  return options;
-}
-
-std::chrono::seconds duration() {
-  const char* const seconds = std::getenv("KORVO_STRESS_SECONDS");
-  return std::chrono::seconds(seconds ? std::atoi(seconds) : 3);
-}
+mw::LinkOptions quick() { return {.heartbeat = kHeartbeat}; }
 
 class Ear : public HXModule {
  public:
@@ -97,16 +91,12 @@ class VanishingPeers : public kit::MemoryFixture {
  protected:
   void SetUp() override {
     wasOnStderr_ = mw::log::setStderrSink(false);
-    std::string pattern = "/tmp/korvo_test.XXXXXX";
-    folder_ = ::mkdtemp(pattern.data());
-    ::setenv("XDG_RUNTIME_DIR", folder_.c_str(), 1);
     MemoryFixture::SetUp();
     server.emplace(*broker->session(), "torso", quick());
   }
   void TearDown() override {
     server.reset();
     MemoryFixture::TearDown();
-    std::filesystem::remove_all(folder_);
     mw::log::setStderrSink(wasOnStderr_);
   }
 
@@ -139,7 +129,7 @@ class VanishingPeers : public kit::MemoryFixture {
   std::optional<mw::LocalServer> server;
 
  private:
-  std::string folder_;
+  const kit::SocketFolder folder_;
   bool wasOnStderr_ = true;
 };
 
@@ -185,7 +175,7 @@ TEST_F(VanishingPeers, LeaveNothingBehind) {
   for (int round = 0; round < 3; ++round) {
     std::vector<std::unique_ptr<kit::Process>> processes(kClients / kClientsOfAProcess);
     std::mt19937 random(static_cast<unsigned>(round));
-    for (const auto end = Clock::now() + duration() / 3; Clock::now() < end;) {
+    for (const auto end = Clock::now() + kit::stressDuration() / 3; Clock::now() < end;) {
       auto& one = processes[random() % processes.size()];
       one.reset();
       one = startAs("clients");
@@ -206,13 +196,10 @@ TEST_F(VanishingPeers, LeaveNothingBehind) {
 TEST_F(VanishingPeers, AreNamedWhileTheyHang) {
   mw::Session session;
   const mw::LocalClient client(session, "torso", {quick(), false});
-  std::promise<void> entered;
-  std::promise<void> mayReturn;
+  kit::Sitter sitter;
   const auto ear = kit::Listener::make();
   ear->react = [&](const auto& heard) {
-    if (heard.value != HXValue(1)) return;
-    entered.set_value();
-    mayReturn.get_future().wait();
+    if (heard.value == HXValue(1)) sitter.sit();
   };
   session.registerService("Ear", mw::AnyObject(ear));
   memory->subscribeToEvent("E", "Ear", "heard");
@@ -222,11 +209,11 @@ TEST_F(VanishingPeers, AreNamedWhileTheyHang) {
     return std::async(std::launch::async, [this, value] { memory->raiseEvent("E", HXValue(value)); });
   };
   const auto first = raise(1);
-  entered.get_future().wait();
+  sitter.awaitEntry();
   const auto second = raise(2);
   const std::string report = "event E has been waited for longer than 1 ms, while it notifies Ear";
   EXPECT_TRUE(eventually([&] { return testing::Matches(testing::Contains(report))(log.texts()); }));
-  mayReturn.set_value();
+  sitter.release();
   NotifierLock::setPatience(5s);
 }
 
@@ -308,7 +295,8 @@ TEST_F(DayOfTraffic, LeavesTheProcessAsSmallAsItWas) {
   for (unsigned round = 0; round < kRounds; ++round) {
     {
       Traffic traffic(*memory, round);
-      for (const auto end = Clock::now() + std::chrono::milliseconds(duration()) / kRounds; Clock::now() < end; ++steps)
+      for (const auto end = Clock::now() + std::chrono::milliseconds(kit::stressDuration()) / kRounds;
+           Clock::now() < end; ++steps)
         traffic.step();
     }
     EXPECT_TRUE(eventually([&] { return server->connectionCount() == 0; })) << server->connectionCount();

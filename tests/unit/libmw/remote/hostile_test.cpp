@@ -50,17 +50,9 @@ std::string extension(int type, std::string_view content) {
 }
 
 HXValue::List description(int id, const HXValue& kind) {
-  const HXValue::List method{id,
-                             "m",
-                             HXValue(HXValue::List{}),
-                             HXValue(HXValue::List{"t", kind}),
-                             true,
-                             0,
-                             "",
-                             "",
-                             HXValue(HXValue::List{}),
-                             HXValue()};
-  return {"Thing", "", HXValue(HXValue::List{HXValue(method)}), HXValue(HXValue::List{}), HXValue(HXValue::List{})};
+  const HXValue none = HXValue::list();
+  const HXValue method = HXValue::list({id, "m", none, HXValue::list({"t", kind}), true, 0, "", "", none, HXValue()});
+  return {"Thing", "", HXValue::list({method}), none, none};
 }
 
 std::string reference(const HXValue::List& parts) { return extension(2, packed(HXValue(parts))); }
@@ -97,7 +89,7 @@ class HostilePeers : public testing::Test {
   }
 
   kit::CaptureLog log{{"mw.link"}};
-  SocketFolder folder;
+  kit::SocketFolder folder;
   std::shared_ptr<Signal<std::string>> signal_;
   Session broker;
   std::optional<LocalServer> server;
@@ -246,11 +238,8 @@ class WithLowLimits : public HostilePeers {
  protected:
   WithLowLimits() : HostilePeers(options()) {}
   static LinkOptions options() {
-    LinkOptions options;
-    options.outputLimit = std::size_t{1} << 20;
-    options.inputLimit = std::size_t{1} << 20;
-    options.connectionLimit = 4;
-    return options;
+    constexpr std::size_t kMegabyte = 1 << 20;
+    return {.outputLimit = kMegabyte, .inputLimit = kMegabyte, .connectionLimit = 4};
   }
 };
 

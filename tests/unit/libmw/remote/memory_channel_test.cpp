@@ -69,8 +69,7 @@ TEST(Link, LendsAnObjectForAsLongAsThePeerHoldsIt) {
 }
 
 TEST(Link, DescribesAnObjectAgainWhenTheFirstMessageDidNotLeave) {
-  LinkOptions options;
-  options.frameLimit = 4096;
+  const LinkOptions options{.frameLimit = 4096};
   Side host(options);
   Side peer(options);
   const AnyObject lamp = makeService("Lamp")->method("lit", [] { return true; }).build();
@@ -88,9 +87,7 @@ TEST(Link, DescribesAnObjectAgainWhenTheFirstMessageDidNotLeave) {
 }
 
 TEST(Link, EndsAPeerThatIsSilentForThreeHeartbeatsAndFailsWhatPends) {
-  LinkOptions options;
-  options.heartbeat = std::chrono::milliseconds(1);
-  Side side(options);
+  Side side({.heartbeat = std::chrono::milliseconds(1)});
   const auto pending = side.link->ask("House.lamp");
   side.channel->setSilence(std::chrono::milliseconds(3));
   side.link->gone().wait();
