@@ -195,7 +195,15 @@ void Poller::lookAfter() {
   if (monitored_.load() || monitored_.exchange(true)) return;
   const std::lock_guard lock(mutex_);
   if (stopped_) return;
-  if (std::exchange(monitors_, 1) == 0) std::thread([this] { monitor(); }).detach();
+  if (monitors_ == 0) {
+    try {
+      std::thread([this] { monitor(); }).detach();
+    } catch (const std::system_error&) {
+      monitored_ = false;  // Whoever is next tries again.
+      return;
+    }
+    monitors_ = 1;
+  }
   monitorWanted_.notify_one();
 }
 
