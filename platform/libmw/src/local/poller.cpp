@@ -191,25 +191,27 @@ void Poller::work(std::vector<remote::Work>& works) {
   if (std::uint64_t mine = term; mine != 0) working_.compare_exchange_strong(mine, 0);
 }
 
-void Poller::lookAfter() {
-  if (monitored_.load() || monitored_.exchange(true)) return;
+bool Poller::lookAfter() {
+  if (stopped_) return false;
+  if (monitored_.load() || monitored_.exchange(true)) return true;
   const std::lock_guard lock(mutex_);
-  if (stopped_) return;
+  if (stopped_) return false;
   if (monitors_ == 0) {
     try {
       std::thread([this] { monitor(); }).detach();
     } catch (const std::system_error&) {
       monitored_ = false;  // Whoever is next tries again.
-      return;
+      return false;
     }
     monitors_ = 1;
   }
   monitorWanted_.notify_one();
+  return true;
 }
 
-void Poller::lookAfterSockets() {
+bool Poller::lookAfterSockets() {
   ++wishes_;
-  lookAfter();
+  return lookAfter();
 }
 
 bool Poller::handOn(std::uint64_t term) {
@@ -237,7 +239,13 @@ void Poller::askSockets() {
       if (auto held = socket.lock()) all.push_back(std::move(held));
     }
   }
-  for (const auto& socket : all) socket->lookAfter();
+  for (const auto& socket : all) {
+    try {
+      socket->lookAfter();
+    } catch (const std::exception& error) {
+      log::error(kCategory, "monitor", fmt::format("a connection is not looked after: {}", error.what()));
+    }
+  }
 }
 
 void Poller::monitor() {
@@ -267,6 +275,7 @@ void Poller::monitor() {
       idle = works_.load() == seen && working_.load() == 0 && !isWished ? idle + 1 : 0;
       seen = works_.load();
     }
+    if (stopped_) askSockets();  // Nobody else will.
     monitored_ = false;
     // A call that began just before would not be looked at.
     if (working_.load() != 0 || wishes_.load() != wishes) monitored_ = true;

@@ -72,8 +72,9 @@ class Poller {
   /// Ends the watching. `onReady` may still be running.
   void remove(std::uint64_t number, int socket);
 
-  /// Has sockets asked to look after themselves, in one to two milliseconds, and again as much later.
-  void lookAfterSockets();
+  /// Has sockets asked to look after themselves, within two milliseconds, and again as much later.
+  /// @return False when they will not be: the process ends, or has no thread for it.
+  bool lookAfterSockets();
 
   /// Tells that the calling thread is about to wait: if it leads, it hands the lead on.
   static void aboutToWait();
@@ -93,7 +94,7 @@ class Poller {
   void work(std::vector<remote::Work>& works);
   bool handOn(std::uint64_t term);
   void startThreadLocked();
-  void lookAfter();
+  bool lookAfter();
   void monitor();
   void askSockets();
   void stop();

@@ -244,8 +244,7 @@ bool SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
   }
   if (when == remote::Sending::Soon) {
     if (holdsBack_.exchange(true)) return false;
-    poller_.lookAfterSockets();
-    return true;
+    if (poller_.lookAfterSockets()) return true;
   }
   if (hasOutput_) return false;  // It leaves when the peer has read.
   const int error = writeLocked();
@@ -320,6 +319,10 @@ int SocketChannel::writeLocked() {
 
 void SocketChannel::end(const std::string& reason) {
   if (ended_.exchange(true)) return;
+  {
+    const std::lock_guard lock(outputMutex_);
+    if (holdsBack_) static_cast<void>(writeLocked());  // It was sent before the end.
+  }
   ::shutdown(socket_.number(), SHUT_RDWR);
   {
     const std::lock_guard lock(watchMutex_);

@@ -318,6 +318,7 @@ Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain,
   auto& thread = ThreadInChains::current();
   thread.domain = domain;
   if (thread.awaited != channel) {
+    if (thread.awaited) thread.awaited->flush();  // The thread will not come to it when it waits.
     thread.awaited = channel;
     thread.claim = 0;
   }

@@ -11,6 +11,9 @@
 namespace mw::remote {
 namespace {
 
+/// Calls that follow one another faster are made in one go: no answer comes so soon.
+constexpr std::chrono::microseconds kBurst{4};
+
 std::uint32_t nextLink() {
   static std::atomic<std::uint32_t> last{0};
   return ++last;
@@ -136,7 +139,6 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
   Promise<AnyValue> promise;
   auto future = promise.future();
   std::uint32_t id = 0;
-  bool isFirst = false;
   try {
     const Chain chain = chainOfThisThread();
     Expectation expectation = expectAnswer(channel_, domain_, then);
@@ -144,10 +146,9 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     {
       const std::lock_guard lock(mutex_);
       if (ended_) return Future<AnyValue>::failed(endedError());
-      isFirst = pending_.count() == 0;
       id = pending_.add({std::move(promise), returns, std::move(expectation)});
     }
-    const bool leavesSoon = then == Calling::GoesOn && !isFirst;
+    const bool leavesSoon = then == Calling::GoesOn && isOneOfMany();
     if (!waits && !leavesSoon) channel_->resumeWatching();
     FrameBuffer buffer;
     Bytes& frame = buffer.bytes();
@@ -165,6 +166,13 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     return Future<AnyValue>::failed(std::current_exception());
   }
   return future;
+}
+
+/// A call that is made on its own leaves at once; of those that are made one right after another only the first does.
+bool Link::isOneOfMany() {
+  using Clock = std::chrono::steady_clock;
+  const auto now = Clock::now().time_since_epoch();
+  return now - Clock::duration(lastMade_.exchange(now.count())) < kBurst;
 }
 
 void Link::post(std::string_view target, GenericFunctionParameters parameters) {

@@ -12,6 +12,7 @@
 #include <libmw/trackable.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -142,6 +143,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
                  GenericFunctionParameters parameters, ObjectTable::Mention& mention);
   void writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention);
+  bool isOneOfMany();
   void requireSendable(const Bytes& frame, std::string_view what) const;
   AnyValue readValue(Reader& in);
   std::optional<Pending> takePending(std::uint32_t id);
@@ -170,6 +172,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::shared_ptr<ReservedService> reserved_;  // set once, by `start`
   OnEnd onEnd_;                                // likewise
   Promise<void> gone_;
+  std::atomic<std::chrono::steady_clock::rep> lastMade_{0};  // a call whose caller went on
   std::atomic<std::size_t> unawaited_{0};     // calls of chains that run although no thread waits in the chain
   std::atomic<std::size_t> waitingBytes_{0};  // of calls that have come and are not begun
 

@@ -150,6 +150,7 @@ Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::s
 
 void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
   Together together;
+  bool wereMore = false;
   for (auto call = std::move(first); call; call = strands_.next(key, call.get())) {
     const bool more = call->next != nullptr;
     together.hold(more);
@@ -157,6 +158,10 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
     together.hold(false);
     if (result.isFinished()) {
       answer(call, result, more ? Sending::Soon : Sending::Now);
+      if (std::exchange(wereMore, more) && !more) {
+        channel_->flush();  // The last one may have had no answer.
+        together.flush();
+      }
       continue;
     }
     channel_->flush();  // It may last until that one is answered.

@@ -57,7 +57,7 @@ class FrameBuffer {
   Bytes bytes_;
 };
 
-/// While one lives, what the calling thread sends may leave together at its end.
+/// While one lives, what the calling thread sends may leave together: when it is flushed, at its end at the latest.
 class Together {
  public:
   Together() = default;
@@ -65,11 +65,16 @@ class Together {
   Together& operator=(const Together&) = delete;
   ~Together() {
     present_ = outer_;
-    for (const auto& channel : held_) channel->flush();
+    flush();
   }
 
   /// @param holds  False when what is sent from now on leaves at once: nothing follows that is sure not to wait.
   void hold(bool holds) { present_ = holds ? this : nullptr; }
+
+  void flush() {
+    for (const auto& channel : held_) channel->flush();
+    held_.clear();
+  }
 
   static void send(const std::shared_ptr<Channel>& channel, Bytes& frame) {
     const bool isFirst = channel->send(frame, present_ ? Sending::Soon : Sending::Now);
