@@ -1,3 +1,4 @@
+#include "expect_error.h"
 #include "joined_sessions.h"
 #include "random_value.h"
 #include "service.h"
@@ -74,12 +75,7 @@ TEST_F(JoinedSessions, CarryErrorsOfTheirFamily) {
   EXPECT_THROW(bad->call("plain"), std::runtime_error);
   EXPECT_THROW(bad->call("odd"), RemoteError);
   EXPECT_THROW(bad->call("runtime"), RemoteError);  // std::out_of_range is a logic error.
-  try {
-    bad->call("pointer");
-    FAIL();
-  } catch (const std::runtime_error& error) {
-    EXPECT_THAT(error.what(), HasSubstr("only inside the process of Bad"));
-  }
+  EXPECT_THAT(errorOf([&] { bad->call("pointer"); }), HasSubstr("only inside the process of Bad"));
 }
 
 TEST_F(JoinedSessions, OfferTheirServicesToEachOtherAndTellOfThem) {
