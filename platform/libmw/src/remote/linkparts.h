@@ -68,7 +68,7 @@ class Together {
     flush();
   }
 
-  /// @param holds  False when what is sent from now on leaves at once: nothing follows that is sure not to wait.
+  /// @param holds  Whether more follows. What is sent leaves at once otherwise.
   void hold(bool holds) { present_ = holds ? this : nullptr; }
 
   void flush() {
