@@ -5,6 +5,7 @@
 #include "objecttable.h"
 #include "pendingcalls.h"
 #include "strands.h"
+#include "subscription.h"
 
 #include <libmw/future.h>
 #include <libmw/genericobject.h>
@@ -25,13 +26,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include <boost/container/small_vector.hpp>
-
 namespace mw::remote {
 
-class Subscription;
-
-/// A call that has come, or an emission: what a strand does one after another.
+/// A call that has come: what a strand does one after another.
 struct Incoming {
   Incoming() = default;
   Incoming(const Incoming&) = delete;
@@ -48,18 +45,8 @@ struct Incoming {
   std::string target;
   /// What is called: held from its arrival, because what gives it back, or the end of the link, may be right behind.
   AnyObject object;
-  boost::container::small_vector<AnyValue, 2> arguments;
-  std::uint64_t link = 0;                      ///< Of an emission.
-  std::shared_ptr<Subscription> subscription;  ///< Of an emission; null for a call.
-  std::shared_ptr<Incoming> next;              ///< On its strand.
-
-  /// Calls `use` with references to the arguments.
-  template <class Use>
-  auto withReferences(const Use& use) const {
-    boost::container::small_vector<AnyReference, 4> all;
-    for (const AnyValue& argument : arguments) all.push_back(argument.reference());
-    return use(GenericFunctionParameters(all.data(), all.size()));
-  }
+  ArgumentValues arguments;
+  std::shared_ptr<Incoming> next;  ///< On its strand.
 };
 
 /// What a peer may ask of the process itself, under the service name "korvo".
@@ -150,11 +137,15 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::exception_ptr endedError() const;
 
   Work onResponse(Reader& in);
-  Work onCall(Reader& in, bool isRequest, std::size_t size);
+  Work onRequest(Reader& in, std::size_t size);
+  Work onNotification(Reader& in, std::size_t size);
+  Work onCall(Reader& in, std::shared_ptr<Incoming> call);
   void refuse(const std::shared_ptr<Incoming>& call);
-  void countWaiting(const Incoming& call);
-  Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::size_t most);
-  Work onEmission(std::shared_ptr<Incoming> emission);
+  void countWaiting(std::size_t size);
+  Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call);
+  Work onEmission(Reader& in, std::size_t size);
+  bool takeEmissions(Subscription& subscription, std::vector<Emission>& taken);
+  void deliver(SignalLink link, Subscription& subscription);
   Future<AnyValue> execute(const Incoming& call);
   Future<AnyValue> callMember(const AnyObject& object, std::string_view member, GenericFunctionParameters arguments);
   AnyObject targetAtArrival(std::string_view target) const;

@@ -33,9 +33,9 @@ Work Link::onFrame(std::span<const std::byte> frame) {
   const auto type = static_cast<MessageType>(in.number());
   Work work;
   if (type == MessageType::Request && parts == 4) {
-    work = onCall(in, true, frame.size());
+    work = onRequest(in, frame.size());
   } else if (type == MessageType::Notification && parts == 3) {
-    work = onCall(in, false, frame.size());
+    work = onNotification(in, frame.size());
   } else if (type == MessageType::Response && parts == 4) {
     work = onResponse(in);
   } else {
@@ -72,12 +72,25 @@ Work Link::onResponse(Reader& in) {
   return {};
 }
 
-Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
+Work Link::onRequest(Reader& in, std::size_t size) {
   auto call = std::make_shared<Incoming>();
   call->size = size;
-  call->isRequest = isRequest;
-  if (isRequest) call->id = in.number();
+  call->isRequest = true;
+  call->id = in.number();
   call->target = in.text();
+  return onCall(in, std::move(call));
+}
+
+Work Link::onNotification(Reader& in, std::size_t size) {
+  const std::string_view target = in.text();
+  if (target == kEmit) return onEmission(in, size);
+  auto call = std::make_shared<Incoming>();
+  call->size = size;
+  call->target = target;
+  return onCall(in, std::move(call));
+}
+
+Work Link::onCall(Reader& in, std::shared_ptr<Incoming> call) {
   std::uint32_t count = in.list();
   if (count > 0) {
     if (const auto chain = in.extension(Extension::Chain); chain.data() != nullptr) {
@@ -86,19 +99,12 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
     }
   }
   if (count > kMostArguments) throw ProtocolError(fmt::format("a call with more than {} arguments", kMostArguments));
-  const bool isEmission = call->target == kEmit;
-  if (isEmission) {
-    if (count-- == 0) throw ProtocolError("an emission that names no link");
-    call->link = in.number();
-  } else {
-    call->object = targetAtArrival(call->target);
-  }
+  call->object = targetAtArrival(call->target);
   for (; count > 0; --count) call->arguments.push_back(readValue(in));
-  if (call->target == kAlive && !isRequest) return {};
-  if (isEmission) return onEmission(std::move(call));
+  if (call->target == kAlive && !call->isRequest) return {};
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
-    countWaiting(*call);
+    countWaiting(call->size);
     Work work = [self = shared_from_this(), call] {
       const Together atOnce;
       self->answer(call, self->execute(*call), Sending::Now);
@@ -116,7 +122,7 @@ Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
   const std::string_view target = call->target;
   const std::string_view object = target.substr(0, target.rfind('.'));
   const StrandKey key{caller, std::hash<std::string_view>()(object)};
-  return schedule(key, std::move(call), options_.callLimit);
+  return schedule(key, std::move(call));
 }
 
 void Link::refuse(const std::shared_ptr<Incoming>& call) {
@@ -127,16 +133,16 @@ void Link::refuse(const std::shared_ptr<Incoming>& call) {
          Sending::Now);
 }
 
-void Link::countWaiting(const Incoming& call) {
-  if (waitingBytes_.fetch_add(call.size) > options_.inputLimit) {
+void Link::countWaiting(std::size_t size) {
+  if (waitingBytes_.fetch_add(size) > options_.inputLimit) {
     throw ProtocolError(fmt::format("it calls faster than it is served: more than {} bytes wait", options_.inputLimit));
   }
 }
 
-Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call, std::size_t most) {
-  countWaiting(*call);
+Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call) {
+  countWaiting(call->size);
   using Entry = Strands<StrandKey, Incoming>::Entry;
-  switch (strands_.enter(key, call, most)) {
+  switch (strands_.enter(key, call, options_.callLimit)) {
     case Entry::Begins:
       // What is read until then runs with it.
       return [self = shared_from_this(), key] { self->runStrand(key, self->strands_.next(key, nullptr)); };
@@ -175,15 +181,46 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
   }
 }
 
-Work Link::onEmission(std::shared_ptr<Incoming> emission) {
+Work Link::onEmission(Reader& in, std::size_t size) {
+  std::uint32_t count = in.list();
+  if (count == 0) throw ProtocolError("an emission that names no link");
+  if (count > kMostArguments) throw ProtocolError(fmt::format("an emission of more than {} arguments", kMostArguments));
+  const SignalLink link = in.number();
+  Emission emission{{}, size};
+  while (--count > 0) emission.arguments.push_back(readValue(in));
+  std::shared_ptr<Subscription> idle;
   {
     const std::lock_guard lock(mutex_);
-    const auto found = subscriptions_.find(emission->link);
+    const auto found = subscriptions_.find(link);
     if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
-    emission->subscription = found->second;
+    countWaiting(size);
+    if (!found->second->waiting.add(std::move(emission))) return {};
+    idle = found->second;
   }
-  const StrandKey key{{}, reinterpret_cast<std::uintptr_t>(emission->subscription.get())};
-  return schedule(key, std::move(emission), SIZE_MAX);
+  return [self = shared_from_this(), link, idle = std::move(idle)] { self->deliver(link, *idle); };
+}
+
+bool Link::takeEmissions(Subscription& subscription, std::vector<Emission>& taken) {
+  const std::lock_guard lock(mutex_);
+  return subscription.waiting.take(taken);
+}
+
+/// Until none waits.
+void Link::deliver(SignalLink link, Subscription& subscription) {
+  Together together;
+  const Serving serving({}, domain_);
+  std::vector<Emission> emissions;
+  while (takeEmissions(subscription, emissions)) {
+    for (Emission& emission : emissions) {
+      waitingBytes_ -= emission.size;
+      together.hold(&emission != &emissions.back());
+      if (!subscription.deliver(emission)) disconnect(link);
+      together.hold(false);
+      emission.arguments.clear();
+    }
+    together.flush();
+    emissions.clear();
+  }
 }
 
 // --- Serving --------------------------------------------------------------------------------------------------------
@@ -214,13 +251,6 @@ AnyObject Link::targetOf(const Incoming& call, std::string_view& member) const {
 Future<AnyValue> Link::execute(const Incoming& call) {
   waitingBytes_ -= call.size;
   try {
-    if (call.subscription) {
-      const Serving serving({}, domain_);
-      if (!call.subscription->deliver(call)) disconnect(call.link);
-      // Never destroyed: emissions may come until the very end.
-      static const auto& done = *new const Future<AnyValue>(Future<AnyValue>::ready(AnyValue()));
-      return done;
-    }
     if (call.target.starts_with(kReserved)) {
       const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_);
       return reserved_->call(std::string_view(call.target).substr(kReserved.size()),
@@ -231,8 +261,8 @@ Future<AnyValue> Link::execute(const Incoming& call) {
     // What is handed on to the object of another process stays as deep as it is.
     const bool relays = object->isRemote();
     const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, relays);
-    return call.withReferences(
-        [&](GenericFunctionParameters arguments) { return callMember(object, member, arguments); });
+    return withReferences(call.arguments,
+                          [&](GenericFunctionParameters arguments) { return callMember(object, member, arguments); });
   } catch (...) {
     return Future<AnyValue>::failed(std::current_exception());
   }

@@ -93,30 +93,4 @@ inline void postOrRun(const std::function<void()>& task) {
   if (!defaultLoop().post(task)) task();
 }
 
-/// A subscriber of this process on a signal of the peer's.
-class Subscription {
- public:
-  explicit Subscription(const SignalSubscriber& subscriber) : subscriber_(subscriber) {}
-
-  /// @return False when the subscriber is of no more use.
-  bool deliver(const Incoming& emission) const {
-    const auto pass = gate_.enter();
-    if (!pass) return true;
-    try {
-      return emission.withReferences([this](GenericFunctionParameters all) { return subscriber_.call(all); });
-    } catch (...) {
-      log::error(kCategory, "deliver",
-                 fmt::format("a subscriber failed: {}", mw::detail::describe(std::current_exception())));
-      return true;
-    }
-  }
-  void end() { gate_.drain(); }
-  /// The same without waiting for a delivery that is under way.
-  void close() { gate_.close(); }
-
- private:
-  const SignalSubscriber subscriber_;
-  CallGate gate_{1};
-};
-
 }  // namespace mw::remote

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <libmw/signal.h>
+#include <libmw/trackable.h>
+
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+#include <boost/container/small_vector.hpp>
+
+namespace mw::remote {
+
+/// The arguments of a call or an emission that has come.
+using ArgumentValues = boost::container::small_vector<AnyValue, 2>;
+
+/// Calls `use` with references to the arguments.
+template <class Use>
+auto withReferences(const ArgumentValues& arguments, const Use& use) {
+  boost::container::small_vector<AnyReference, 4> all;
+  for (const AnyValue& argument : arguments) all.push_back(argument.reference());
+  return use(GenericFunctionParameters(all.data(), all.size()));
+}
+
+/// What a signal of the peer's has emitted.
+struct Emission {
+  ArgumentValues arguments;
+  std::size_t size = 0;  ///< Of the message, in bytes.
+};
+
+/// Emissions that wait for their subscriber, in their order. They lie in memory that is used again, since a signal
+/// emits as a rule what it emitted before.
+///
+/// @par Threads  One at a time.
+class EmissionQueue {
+ public:
+  /// @return True when nobody takes from the queue: the caller sees that it is done.
+  bool add(Emission emission) {
+    waiting_.push_back(std::move(emission));
+    return !std::exchange(isTaken_, true);
+  }
+
+  /// @param taken  Empty; receives all that wait. Its memory is used for those that come next.
+  /// @return False when none waits: the caller does not take any more, and the next `add` returns true.
+  bool take(std::vector<Emission>& taken) {
+    const bool hasSome = !waiting_.empty();
+    if (hasSome || (waiting_.capacity() < taken.capacity() && taken.capacity() <= kKept)) waiting_.swap(taken);
+    isTaken_ = hasSome;
+    return hasSome;
+  }
+
+ private:
+  /// What a burst has made larger is given back.
+  static constexpr std::size_t kKept = 256;
+
+  std::vector<Emission> waiting_;
+  bool isTaken_ = false;
+};
+
+/// A subscriber of this process on a signal of the peer's.
+class Subscription {
+ public:
+  explicit Subscription(SignalSubscriber subscriber) : subscriber_(std::move(subscriber)) {}
+
+  /// Calls the subscriber, unless the subscription has ended. What it throws is logged.
+  /// @return False when the subscriber is of no more use.
+  bool deliver(const Emission& emission) const;
+
+  /// Returns when no other thread is calling the subscriber.
+  void end() { gate_.drain(); }
+  /// The same without waiting for a delivery that is under way.
+  void close() { gate_.close(); }
+
+  EmissionQueue waiting;  ///< Guarded by the lock of the link.
+
+ private:
+  const SignalSubscriber subscriber_;
+  CallGate gate_{1};
+};
+
+}  // namespace mw::remote
