@@ -38,6 +38,7 @@ class HX_API FunctionBase {
 class HX_API AnyFunction {
  public:
   using DynamicFunction = std::function<AnyReference(const std::vector<AnyReference>&)>;
+  using ParametersFunction = std::function<void(GenericFunctionParameters)>;
 
   AnyFunction() = default;
 
@@ -55,6 +56,9 @@ class HX_API AnyFunction {
 
   /// From a function that takes its arguments as they come, in any number. Its result is copied.
   static AnyFunction fromDynamicFunction(DynamicFunction function);
+
+  /// The same for a function without a result, which is given the arguments where they lie: nothing is allocated.
+  static AnyFunction fromParametersFunction(ParametersFunction function);
 
   explicit operator bool() const { return function_ != nullptr; }
 

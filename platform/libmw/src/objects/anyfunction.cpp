@@ -33,6 +33,18 @@ class Dynamic final : public FunctionBase {
   AnyFunction::DynamicFunction function_;
 };
 
+class OfParameters final : public FunctionBase {
+ public:
+  explicit OfParameters(AnyFunction::ParametersFunction function) : function_(std::move(function)) {}
+  AnyValue invoke(void*, GenericFunctionParameters parameters) const override {
+    function_(parameters);
+    return {};
+  }
+
+ private:
+  AnyFunction::ParametersFunction function_;
+};
+
 }  // namespace
 }  // namespace detail
 
@@ -40,6 +52,14 @@ AnyFunction AnyFunction::fromDynamicFunction(DynamicFunction function) {
   AnyFunction made;
   made.function_ = std::make_shared<detail::Dynamic>(std::move(function));
   made.returnType_ = typeOf<AnyValue>();
+  made.dynamic_ = true;
+  return made;
+}
+
+AnyFunction AnyFunction::fromParametersFunction(ParametersFunction function) {
+  AnyFunction made;
+  made.function_ = std::make_shared<detail::OfParameters>(std::move(function));
+  made.returnType_ = typeOf<void>();
   made.dynamic_ = true;
   return made;
 }

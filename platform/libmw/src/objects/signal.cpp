@@ -1,3 +1,5 @@
+#include "emissionscope.h"
+
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 #include <libmw/signal.h>
@@ -89,6 +91,7 @@ class Slot : public std::enable_shared_from_this<Slot> {
       const OwnedParameters next = std::move(queue_.front());
       queue_.pop_front();
       lock.unlock();
+      const EmissionScope scope(false);
       guarded([&] { run(next.references()); });
     }
   }
@@ -107,7 +110,19 @@ SignalLink nextLink() {
   return ++last;
 }
 
+struct EmissionsOfThread {
+  std::uint64_t current = 0;
+  std::uint64_t last = 0;
+};
+// The fastest model: it takes sixteen bytes of what a process reserves for libraries loaded while it runs.
+[[gnu::tls_model("initial-exec")]] constinit thread_local EmissionsOfThread emissions;
+
 }  // namespace
+
+EmissionScope::EmissionScope(bool isShared) noexcept
+    : outer_(std::exchange(emissions.current, isShared ? ++emissions.last : 0)) {}
+EmissionScope::~EmissionScope() { emissions.current = outer_; }
+std::uint64_t EmissionScope::current() noexcept { return emissions.current; }
 
 SignalSubscriber::SignalSubscriber(AnyFunction function, MetaCallType callType)
     : function_(std::move(function)), callType_(callType) {}
@@ -243,6 +258,7 @@ void SignalBase::trigger(GenericFunctionParameters parameters, MetaCallType call
   // From here on the signal may be destroyed by a subscriber: only what is held here is used.
   const std::shared_ptr<Connections> held = owned_;
   const auto slots = held->snapshot();
+  const EmissionScope scope(slots->size() > 1);
   for (const auto& slot : *slots) {
     if (!slot->deliver(parameters, callType)) held->drop(slot->link());
   }

@@ -1,3 +1,4 @@
+#include "../objects/emissionscope.h"
 #include "../runtime/threadwait.h"
 #include "chaincodec.h"
 #include "linkparts.h"
@@ -18,6 +19,13 @@ std::uint32_t nextLink() {
   static std::atomic<std::uint32_t> last{0};
   return ++last;
 }
+
+/// What the thread has encoded last for one of several subscribers.
+struct EncodedArguments {
+  std::uint64_t emission = 0;
+  const AnyReference* of = nullptr;
+  Bytes bytes;
+};
 
 }  // namespace
 
@@ -105,16 +113,27 @@ bool Link::isIdle() const {
 
 // --- Calling --------------------------------------------------------------------------------------------------------
 
-void Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention) {
+/// @return Whether every process is told the same.
+bool Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention) {
   const AnyReference content = value.content();
-  if (!content) return out.nil();
-  if (const auto* plain = content.getIf<HX::HXValue>()) return out.value(*plain);
-  if (content.type()->toObject) return objects_.write(out, content.type()->toObject(content.data()), *this, mention);
+  if (!content) {
+    out.nil();
+    return true;
+  }
+  if (const auto* plain = content.getIf<HX::HXValue>()) {
+    out.value(*plain);
+    return true;
+  }
+  if (content.type()->toObject) {
+    objects_.write(out, content.type()->toObject(content.data()), *this, mention);
+    return false;
+  }
   HX::HXValue converted;
   if (!content.toValue(converted)) {
     throw std::runtime_error(fmt::format("a {} cannot go to another process", content.type()->name));
   }
   out.value(converted);
+  return true;
 }
 
 /// What exceeds a limit would end the link at the peer; here it fails the call that it belongs to.
@@ -200,12 +219,41 @@ void Link::send(std::string_view target, GenericFunctionParameters parameters, b
 
 void Link::emit(std::uint32_t number, GenericFunctionParameters emitted) {
   try {
-    boost::container::small_vector<AnyReference, 4> all{AnyReference::of(number)};
-    all.insert(all.end(), emitted.begin(), emitted.end());
-    send(kEmit, {all.data(), all.size()}, false);
+    FrameBuffer buffer;
+    Bytes& frame = buffer.bytes();
+    ObjectTable::Mention mention(objects_);
+    Writer out(frame);
+    out.list(3);
+    out.number(static_cast<std::uint32_t>(MessageType::Notification));
+    out.text(kEmit);
+    out.list(static_cast<std::uint32_t>(1 + emitted.size()));
+    out.number(number);
+    writeEmitted(frame, emitted, mention);
+    requireSendable(frame, "the message");
+    Together::send(channel_, frame);
+    mention.sent();
   } catch (const std::exception& error) {
     log::warning(kCategory, "emit", fmt::format("an emission does not reach {}: {}", peer(), error.what()));
   }
+}
+
+/// What goes to several processes is encoded once.
+void Link::writeEmitted(Bytes& frame, GenericFunctionParameters emitted, ObjectTable::Mention& mention) {
+  const std::uint64_t emission = EmissionScope::current();
+  auto* const kept = emission == 0 ? nullptr : keptByThread<EncodedArguments>();
+  if (kept && kept->emission == emission && kept->of == emitted.data()) {
+    frame.insert(frame.end(), kept->bytes.begin(), kept->bytes.end());
+    return;
+  }
+  const auto begin = static_cast<std::ptrdiff_t>(frame.size());
+  Writer out(frame);
+  bool isForAll = true;
+  for (const AnyReference& argument : emitted) isForAll = writeValue(out, argument, mention) && isForAll;
+  if (!kept || !isForAll || frame.size() > kKeptFrame) return;
+  kept->emission = 0;
+  kept->bytes.assign(frame.begin() + begin, frame.end());
+  kept->emission = emission;
+  kept->of = emitted.data();
 }
 
 std::optional<Link::Pending> Link::takePending(std::uint32_t id) {

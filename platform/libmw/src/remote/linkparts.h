@@ -25,35 +25,39 @@ inline constexpr std::size_t kKeptFrame = std::size_t{64} << 10;
 inline constexpr std::string_view kAlive = "korvo.alive";
 inline constexpr std::string_view kEmit = "korvo.emit";
 
+/// The T of the calling thread. Null when that has gone: objects that go when the thread ends may still send.
+template <class T>
+T* keptByThread() {
+  static thread_local bool isOver = false;
+  struct Kept {
+    Kept() = default;
+    Kept(const Kept&) = delete;
+    Kept& operator=(const Kept&) = delete;
+    ~Kept() { isOver = true; }
+    T value;
+  };
+  if (isOver) return nullptr;
+  static thread_local Kept kept;
+  return &kept.value;
+}
+
 /// Where a message is written. Memory comes from the thread's last one, so that it is not asked for with every message.
 class FrameBuffer {
  public:
   FrameBuffer() {
-    if (!isThreadOver) bytes_.swap(kept());
+    if (auto* const kept = keptByThread<Bytes>()) bytes_.swap(*kept);
     bytes_.reserve(kUsualFrame);
   }
   FrameBuffer(const FrameBuffer&) = delete;
   FrameBuffer& operator=(const FrameBuffer&) = delete;
   ~FrameBuffer() {
     bytes_.clear();
-    if (!isThreadOver && bytes_.capacity() <= kKeptFrame) bytes_.swap(kept());
+    auto* const kept = keptByThread<Bytes>();
+    if (kept && bytes_.capacity() <= kKeptFrame) bytes_.swap(*kept);
   }
   Bytes& bytes() { return bytes_; }
 
  private:
-  struct Kept : Bytes {
-    Kept() = default;
-    Kept(const Kept&) = delete;
-    Kept& operator=(const Kept&) = delete;
-    ~Kept() { isThreadOver = true; }
-  };
-  static Bytes& kept() {
-    static thread_local Kept the;
-    return the;
-  }
-  /// Objects that go when the thread ends may still send: what belongs to the thread has gone then.
-  static inline thread_local bool isThreadOver = false;
-
   Bytes bytes_;
 };
 

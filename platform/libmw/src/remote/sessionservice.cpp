@@ -164,11 +164,10 @@ Future<AnyValue> SessionService::connect(Arguments arguments) {
     throw std::runtime_error(
         fmt::format("{}.{}: no such signal", object->metaObject().typeName(), byName ? byName->toString() : ""));
   }
-  auto emit = [link = link_, number](const std::vector<AnyReference>& emitted) {
-    if (const auto held = link.lock()) held->emit(number, emitted);
-    return AnyReference();
-  };
-  SignalSubscriber subscriber(AnyFunction::fromDynamicFunction(std::move(emit)));
+  const SignalSubscriber subscriber(
+      AnyFunction::fromParametersFunction([link = link_, number](GenericFunctionParameters emitted) {
+        if (const auto held = link.lock()) held->emit(number, emitted);
+      }));
   return object->metaConnect(static_cast<unsigned>(signal), subscriber)
       .andThen([self = shared_from_this(), object, number](const SignalLink& made) {
         Connection replaced{object, made};
