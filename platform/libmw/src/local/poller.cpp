@@ -24,8 +24,10 @@ using namespace std::chrono_literals;
 const char* const kCategory = "mw.link";
 /// How long a call may keep the lead, give or take as much again.
 constexpr auto kTick = 2ms;
+/// The same where no call was met in the middle, and no socket asks: each tick of each process takes time from others.
+constexpr auto kCalmTick = 8ms;
 /// How many ticks without work end the looking.
-constexpr int kIdleTicks = 10;
+constexpr int kIdleTicks = 5;
 /// How long a thread beyond the first spare one is kept without work.
 constexpr auto kIdleThread = 10s;
 /// How long the end of the process waits for what still runs.
@@ -211,7 +213,13 @@ bool Poller::lookAfter() {
 
 bool Poller::lookAfterSockets() {
   ++wishes_;
-  return lookAfter();
+  if (!lookAfter()) return false;
+  // The monitor writes the one and looks at the other in the other order: one sees the other.
+  if (calm_.load() && calm_.exchange(false)) {
+    const std::lock_guard lock(mutex_);
+    monitorWanted_.notify_one();
+  }
+  return true;
 }
 
 bool Poller::handOn(std::uint64_t term) {
@@ -263,19 +271,27 @@ void Poller::monitor() {
     std::uint64_t seen = works_.load();
     std::uint64_t wishes = 0;
     bool wasWished = false;
+    bool isCalm = false;
     for (int idle = 0; idle < kIdleTicks && !stopped_;) {
       const std::uint64_t term = term_.load();
-      std::this_thread::sleep_for(kTick);
+      calm_ = isCalm;
+      {
+        std::unique_lock lock(mutex_);
+        const auto ends = [&] { return stopped_ || (isCalm && wishes_.load() != wishes); };
+        if (monitorWanted_.wait_for(lock, isCalm ? kCalmTick : kTick, ends) && std::exchange(isCalm, false)) continue;
+      }
       const bool lasts = working_.load() == term && works_.load() == seen;
       if (lasts) handOn(term);
       const std::uint64_t made = wishes_.load();
       const bool isWished = made != std::exchange(wishes, made);
       if (isWished || wasWished) askSockets();  // Twice: what is too new at first is not then.
       wasWished = isWished;
+      isCalm = working_.load() == 0 && !isWished;
       idle = works_.load() == seen && working_.load() == 0 && !isWished ? idle + 1 : 0;
       seen = works_.load();
     }
     if (stopped_) askSockets();  // Nobody else will.
+    calm_ = false;
     monitored_ = false;
     // A call that began just before would not be looked at.
     if (working_.load() != 0 || wishes_.load() != wishes) monitored_ = true;

@@ -108,6 +108,7 @@ class Poller {
   std::atomic<std::uint64_t> working_{0};  // the term of the leader that is in one
   std::atomic<bool> monitored_{false};     // the monitor looks
   std::atomic<std::uint64_t> wishes_{0};   // that sockets be asked, so far
+  std::atomic<bool> calm_{false};          // the monitor sleeps longer, and is woken up by a wish
 
   mutable std::mutex socketsMutex_;  // Guards the two below.
   std::uint64_t lastNumber_ = 0;
