@@ -138,6 +138,68 @@ TEST_F(JoinedSessions, HandOutObjectsWhoseIdentityAndSignalsHold) {
   EXPECT_FALSE(lamp->lit.hasSubscribers());
 }
 
+/// What came of a signal, waited for.
+template <class T>
+class Received {
+ public:
+  Received(const AnyObject& object, std::string_view signal, std::size_t count) {
+    object
+        ->connect(signal, SignalSubscriber([this, count](const T& value) {
+                    values_.push_back(value);
+                    if (values_.size() == count) all_.set_value();
+                  }))
+        .value();
+  }
+  const std::vector<T>& values() {
+    all_.get_future().get();
+    return values_;
+  }
+
+ private:
+  std::vector<T> values_;
+  std::promise<void> all_;
+};
+
+TEST_F(JoinedSessions, EmitToEachWhatWasEmitted) {
+  struct Signals {
+    Signal<int> common;
+    Signal<int> single;
+    Signal<AnyObject> objects;
+  };
+  const auto signals = std::make_shared<Signals>();
+  const AnyObject service = makeService("S")
+                                ->method("keep", [signals] {})
+                                .signal("common", signals->common)
+                                .signal("single", signals->single)
+                                .signal("objects", signals->objects)
+                                .build();
+  broker.registerService("S", service);
+  broker.registerService("Other", makeService("Other")->build());
+  Session second;
+  const LocalClient joinedToo(second, "torso");
+  const AnyObject atFirst = lookUp(client, "S");
+  const AnyObject other = lookUp(second, "Other");  // Objects have other numbers there from now on.
+  const AnyObject atSecond = lookUp(second, "S");
+
+  // Between those that are told stands one that emits again: the same signal, and one that one process follows.
+  Received<int> first(atFirst, "common", 5);
+  signals->common.connect(SignalSubscriber([&](int number) {
+    for (const int part : {1, 2}) signals->single(10 * number + part);
+    if (number > 0) signals->common(number - 1);
+  }));
+  Received<int> last(atSecond, "common", 5);
+  Received<int> alone(atSecond, "single", 10);
+  for (const int number : {1, 2}) signals->common(number);
+  EXPECT_THAT(first.values(), testing::ElementsAre(1, 0, 2, 1, 0));
+  EXPECT_THAT(last.values(), testing::ElementsAre(0, 1, 0, 1, 2));
+  EXPECT_THAT(alone.values(), testing::ElementsAre(11, 12, 1, 2, 21, 22, 11, 12, 1, 2));
+
+  Received<AnyObject> toFirst(atFirst, "objects", 1);
+  Received<AnyObject> toSecond(atSecond, "objects", 1);
+  signals->objects(makeService("Thing")->method("name", [] { return std::string("thing"); }).build());
+  for (auto* received : {&toFirst, &toSecond}) EXPECT_EQ(received->values().at(0)->call<std::string>("name"), "thing");
+}
+
 TEST_F(JoinedSessions, ServeNestedCallsOnTheThreadThatWaits) {
   // Each side has a lock that its calls hold to their end, as the memory does while it notifies.
   std::recursive_mutex atBroker;
