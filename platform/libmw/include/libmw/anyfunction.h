@@ -80,6 +80,8 @@ class HX_API AnyFunction {
   Fit fit(GenericFunctionParameters parameters) const;
 
  private:
+  static AnyFunction dynamic(std::shared_ptr<const detail::FunctionBase> function, const TypeInterface* result);
+
   std::shared_ptr<const detail::FunctionBase> function_;
   std::vector<const TypeInterface*> parameterTypes_;
   const TypeInterface* returnType_ = nullptr;

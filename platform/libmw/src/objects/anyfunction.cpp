@@ -48,20 +48,20 @@ class OfParameters final : public FunctionBase {
 }  // namespace
 }  // namespace detail
 
-AnyFunction AnyFunction::fromDynamicFunction(DynamicFunction function) {
+AnyFunction AnyFunction::dynamic(std::shared_ptr<const detail::FunctionBase> function, const TypeInterface* result) {
   AnyFunction made;
-  made.function_ = std::make_shared<detail::Dynamic>(std::move(function));
-  made.returnType_ = typeOf<AnyValue>();
+  made.function_ = std::move(function);
+  made.returnType_ = result;
   made.dynamic_ = true;
   return made;
 }
 
+AnyFunction AnyFunction::fromDynamicFunction(DynamicFunction function) {
+  return dynamic(std::make_shared<detail::Dynamic>(std::move(function)), typeOf<AnyValue>());
+}
+
 AnyFunction AnyFunction::fromParametersFunction(ParametersFunction function) {
-  AnyFunction made;
-  made.function_ = std::make_shared<detail::OfParameters>(std::move(function));
-  made.returnType_ = typeOf<void>();
-  made.dynamic_ = true;
-  return made;
+  return dynamic(std::make_shared<detail::OfParameters>(std::move(function)), typeOf<void>());
 }
 
 Fit AnyFunction::fit(GenericFunctionParameters parameters) const {

@@ -202,56 +202,55 @@ void Link::post(std::string_view target, GenericFunctionParameters parameters) {
   send(target, parameters, true);
 }
 
-void Link::send(std::string_view target, GenericFunctionParameters parameters, bool inChain) {
-  std::optional<Chain> chain;
-  if (inChain) chain = chainOfThisThread();
+/// Sends a notification.
+/// @param write  Appends the target and the arguments.
+template <class Write>
+void Link::notify(const Write& write) {
   FrameBuffer buffer;
   Bytes& frame = buffer.bytes();
   ObjectTable::Mention mention(objects_);
   Writer out(frame);
   out.list(3);
   out.number(static_cast<std::uint32_t>(MessageType::Notification));
-  writeCall(out, target, chain, parameters, mention);
+  write(out, mention);
   requireSendable(frame, "the message");
   Together::send(channel_, frame);
   mention.sent();
 }
 
+void Link::send(std::string_view target, GenericFunctionParameters parameters, bool inChain) {
+  std::optional<Chain> chain;
+  if (inChain) chain = chainOfThisThread();
+  notify([&](Writer& out, ObjectTable::Mention& mention) { writeCall(out, target, chain, parameters, mention); });
+}
+
 void Link::emit(std::uint32_t number, GenericFunctionParameters emitted) {
   try {
-    FrameBuffer buffer;
-    Bytes& frame = buffer.bytes();
-    ObjectTable::Mention mention(objects_);
-    Writer out(frame);
-    out.list(3);
-    out.number(static_cast<std::uint32_t>(MessageType::Notification));
-    out.text(kEmit);
-    out.list(static_cast<std::uint32_t>(1 + emitted.size()));
-    out.number(number);
-    writeEmitted(frame, emitted, mention);
-    requireSendable(frame, "the message");
-    Together::send(channel_, frame);
-    mention.sent();
+    notify([&](Writer& out, ObjectTable::Mention& mention) {
+      out.text(kEmit);
+      out.list(static_cast<std::uint32_t>(1 + emitted.size()));
+      out.number(number);
+      writeEmitted(out, emitted, mention);
+    });
   } catch (const std::exception& error) {
     log::warning(kCategory, "emit", fmt::format("an emission does not reach {}: {}", peer(), error.what()));
   }
 }
 
 /// What goes to several processes is encoded once.
-void Link::writeEmitted(Bytes& frame, GenericFunctionParameters emitted, ObjectTable::Mention& mention) {
+void Link::writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTable::Mention& mention) {
   const std::uint64_t emission = EmissionScope::current();
   auto* const kept = emission == 0 ? nullptr : keptByThread<EncodedArguments>();
   if (kept && kept->emission == emission && kept->of == emitted.data()) {
-    frame.insert(frame.end(), kept->bytes.begin(), kept->bytes.end());
-    return;
+    return out.encoded(kept->bytes);
   }
-  const auto begin = static_cast<std::ptrdiff_t>(frame.size());
-  Writer out(frame);
+  const std::size_t begin = out.bytes().size();
   bool isForAll = true;
   for (const AnyReference& argument : emitted) isForAll = writeValue(out, argument, mention) && isForAll;
-  if (!kept || !isForAll || frame.size() > kKeptFrame) return;
+  const auto encoded = out.bytes().subspan(begin);
+  if (!kept || !isForAll || encoded.size() > kKeptFrame) return;
   kept->emission = 0;
-  kept->bytes.assign(frame.begin() + begin, frame.end());
+  kept->bytes.assign(encoded.begin(), encoded.end());
   kept->emission = emission;
   kept->of = emitted.data();
 }

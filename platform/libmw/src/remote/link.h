@@ -126,11 +126,13 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
     bool returns;
     Expectation expectation;
   };
+  template <class Write>
+  void notify(const Write& write);
   void send(std::string_view target, GenericFunctionParameters parameters, bool inChain);
   void writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
                  GenericFunctionParameters parameters, ObjectTable::Mention& mention);
   bool writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention);
-  void writeEmitted(Bytes& frame, GenericFunctionParameters emitted, ObjectTable::Mention& mention);
+  void writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTable::Mention& mention);
   bool isOneOfMany();
   void requireSendable(const Bytes& frame, std::string_view what) const;
   AnyValue readValue(Reader& in);

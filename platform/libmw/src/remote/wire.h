@@ -62,6 +62,11 @@ class HX_API Writer {
   void extension(Extension type, std::span<const std::byte> content);
   /// @throws std::runtime_error for a value too large for MessagePack.
   void value(const HX::HXValue& value);
+  /// What has been written before, elsewhere.
+  void encoded(std::span<const std::byte> parts) { out_.insert(out_.end(), parts.begin(), parts.end()); }
+
+  /// All of them, until the next one.
+  std::span<const std::byte> bytes() const { return out_; }
 
  private:
   Bytes& out_;
