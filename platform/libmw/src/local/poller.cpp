@@ -22,10 +22,11 @@ namespace {
 using namespace std::chrono_literals;
 
 const char* const kCategory = "mw.link";
-/// How long a call may keep the lead, give or take as much again.
+/// How often the monitor looks: a call keeps the lead for one to two ticks.
 constexpr auto kTick = 2ms;
-/// The same where no call was met in the middle, and no socket asks: each tick of each process takes time from others.
-constexpr auto kCalmTick = 8ms;
+/// The first of them where no call was met in the middle, and no socket asks. Each tick of each process takes time from
+/// the others.
+constexpr auto kCalmTick = 5ms;
 /// How many ticks without work end the looking.
 constexpr int kIdleTicks = 5;
 /// How long a thread beyond the first spare one is kept without work.
@@ -211,11 +212,10 @@ bool Poller::lookAfter() {
   return true;
 }
 
-bool Poller::lookAfterSockets() {
+bool Poller::lookAfterSockets(Wish wish) {
   ++wishes_;
   if (!lookAfter()) return false;
-  // The monitor writes the one and looks at the other in the other order: one sees the other.
-  if (calm_.load() && calm_.exchange(false)) {
+  if (wish == Wish::Soon && calm_.load() && calm_.exchange(false)) {
     const std::lock_guard lock(mutex_);
     monitorWanted_.notify_one();
   }
@@ -274,10 +274,12 @@ void Poller::monitor() {
     bool isCalm = false;
     for (int idle = 0; idle < kIdleTicks && !stopped_;) {
       const std::uint64_t term = term_.load();
-      calm_ = isCalm;
       {
         std::unique_lock lock(mutex_);
-        const auto ends = [&] { return stopped_ || (isCalm && wishes_.load() != wishes); };
+        // Whoever wishes looks at the two in the other order: one sees the other.
+        calm_ = isCalm;
+        if (wishes_.load() != wishes) calm_ = isCalm = false;
+        const auto ends = [&] { return stopped_ || (isCalm && !calm_); };
         if (monitorWanted_.wait_for(lock, isCalm ? kCalmTick : kTick, ends) && std::exchange(isCalm, false)) continue;
       }
       const bool lasts = working_.load() == term && works_.load() == seen;

@@ -72,9 +72,14 @@ class Poller {
   /// Ends the watching. `onReady` may still be running.
   void remove(std::uint64_t number, int socket);
 
-  /// Has sockets asked to look after themselves, within two milliseconds, and again as much later.
+  /// How soon a socket wants to be asked.
+  enum class Wish : bool {
+    Sometime,  ///< Within five milliseconds.
+    Soon,      ///< Within two.
+  };
+  /// Has sockets asked to look after themselves, and again two milliseconds later.
   /// @return False when they will not be: the process ends, or has no thread for it.
-  bool lookAfterSockets();
+  bool lookAfterSockets(Wish wish);
 
   /// Tells that the calling thread is about to wait: if it leads, it hands the lead on.
   static void aboutToWait();
@@ -108,7 +113,7 @@ class Poller {
   std::atomic<std::uint64_t> working_{0};  // the term of the leader that is in one
   std::atomic<bool> monitored_{false};     // the monitor looks
   std::atomic<std::uint64_t> wishes_{0};   // that sockets be asked, so far
-  std::atomic<bool> calm_{false};          // the monitor sleeps longer, and is woken up by a wish
+  std::atomic<bool> calm_{false};          // the monitor sleeps longer, unless it is woken up
 
   mutable std::mutex socketsMutex_;  // Guards the two below.
   std::uint64_t lastNumber_ = 0;

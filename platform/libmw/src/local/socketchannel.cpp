@@ -114,7 +114,7 @@ bool SocketChannel::takeParked(std::uint64_t to) {
 std::uint64_t SocketChannel::claimReading() {
   const std::uint64_t claim = nextClaim();
   if (ended_ || !(takeParked(claim) || changeReading(Nobody, claim))) return 0;
-  poller_.lookAfterSockets();
+  poller_.lookAfterSockets(Poller::Wish::Sometime);
   return claim;
 }
 
@@ -127,7 +127,7 @@ bool SocketChannel::beginReading(std::uint64_t claim) {
 void SocketChannel::endReading() {
   // Parked first, asked then: who expects something meanwhile asks for what is parked after having said so.
   reading_ = nextClaim() | kParked;
-  poller_.lookAfterSockets();
+  poller_.lookAfterSockets(Poller::Wish::Sometime);
   const auto sink = sink_.lock();
   if (ended_ || !sink || !sink->isIdle()) resumeWatching();
 }
@@ -244,7 +244,7 @@ bool SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
   }
   if (when == remote::Sending::Soon) {
     if (holdsBack_.exchange(true)) return false;
-    if (poller_.lookAfterSockets()) return true;
+    if (poller_.lookAfterSockets(Poller::Wish::Soon)) return true;
   }
   if (hasOutput_) return false;  // It leaves when the peer has read.
   const int error = writeLocked();

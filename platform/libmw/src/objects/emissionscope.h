@@ -1,5 +1,7 @@
 #pragma once
 
+#include <libmw/anyvalue.h>
+
 #include <cstdint>
 
 namespace mw {
@@ -8,17 +10,20 @@ namespace mw {
 /// for one of them may then serve the others.
 class EmissionScope {
  public:
-  /// @param isShared  Whether there are several of them.
-  explicit EmissionScope(bool isShared) noexcept;
+  /// @param emitted   The list, which outlives the scope.
+  /// @param isShared  Whether there are several subscribers.
+  EmissionScope(GenericFunctionParameters emitted, bool isShared) noexcept;
   EmissionScope(const EmissionScope&) = delete;
   EmissionScope& operator=(const EmissionScope&) = delete;
   ~EmissionScope();
 
-  /// The number of the innermost one, which no other of the thread has had; 0 when it is not shared, or there is none.
-  static std::uint64_t current() noexcept;
+  /// The number of the innermost one, which no other of the thread has had; 0 when it is not shared, when `emitted` is
+  /// not its list, and when there is none.
+  static std::uint64_t of(GenericFunctionParameters emitted) noexcept;
 
  private:
-  const std::uint64_t outer_;
+  const GenericFunctionParameters outerList_;
+  const std::uint64_t outerNumber_;
 };
 
 }  // namespace mw

@@ -23,7 +23,6 @@ std::uint32_t nextLink() {
 /// What the thread has encoded last for one of several subscribers.
 struct EncodedArguments {
   std::uint64_t emission = 0;
-  const AnyReference* of = nullptr;
   Bytes bytes;
 };
 
@@ -239,11 +238,9 @@ void Link::emit(std::uint32_t number, GenericFunctionParameters emitted) {
 
 /// What goes to several processes is encoded once.
 void Link::writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTable::Mention& mention) {
-  const std::uint64_t emission = EmissionScope::current();
+  const std::uint64_t emission = EmissionScope::of(emitted);
   auto* const kept = emission == 0 ? nullptr : keptByThread<EncodedArguments>();
-  if (kept && kept->emission == emission && kept->of == emitted.data()) {
-    return out.encoded(kept->bytes);
-  }
+  if (kept && kept->emission == emission) return out.encoded(kept->bytes);
   const std::size_t begin = out.bytes().size();
   bool isForAll = true;
   for (const AnyReference& argument : emitted) isForAll = writeValue(out, argument, mention) && isForAll;
@@ -252,7 +249,6 @@ void Link::writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTa
   kept->emission = 0;
   kept->bytes.assign(encoded.begin(), encoded.end());
   kept->emission = emission;
-  kept->of = emitted.data();
 }
 
 std::optional<Link::Pending> Link::takePending(std::uint32_t id) {

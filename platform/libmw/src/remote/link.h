@@ -140,6 +140,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::exception_ptr endedError() const;
 
   Work onResponse(Reader& in);
+  static std::uint32_t beginArguments(Reader& in, Chain& stated);
   Work onRequest(Reader& in, std::size_t size);
   Work onNotification(Reader& in, std::size_t size);
   Work onCall(Reader& in, std::shared_ptr<Incoming> call);

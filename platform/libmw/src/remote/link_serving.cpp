@@ -72,6 +72,19 @@ Work Link::onResponse(Reader& in) {
   return {};
 }
 
+/// @return How many follow.
+std::uint32_t Link::beginArguments(Reader& in, Chain& stated) {
+  std::uint32_t count = in.list();
+  if (count > 0) {
+    if (const auto chain = in.extension(Extension::Chain); chain.data() != nullptr) {
+      stated = readChain(chain);
+      --count;
+    }
+  }
+  if (count > kMostArguments) throw ProtocolError(fmt::format("a call with more than {} arguments", kMostArguments));
+  return count;
+}
+
 Work Link::onRequest(Reader& in, std::size_t size) {
   auto call = std::make_shared<Incoming>();
   call->size = size;
@@ -91,14 +104,7 @@ Work Link::onNotification(Reader& in, std::size_t size) {
 }
 
 Work Link::onCall(Reader& in, std::shared_ptr<Incoming> call) {
-  std::uint32_t count = in.list();
-  if (count > 0) {
-    if (const auto chain = in.extension(Extension::Chain); chain.data() != nullptr) {
-      call->chain = readChain(chain);
-      --count;
-    }
-  }
-  if (count > kMostArguments) throw ProtocolError(fmt::format("a call with more than {} arguments", kMostArguments));
+  std::uint32_t count = beginArguments(in, call->chain);
   call->object = targetAtArrival(call->target);
   for (; count > 0; --count) call->arguments.push_back(readValue(in));
   if (call->target == kAlive && !call->isRequest) return {};
@@ -182,11 +188,11 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
 }
 
 Work Link::onEmission(Reader& in, std::size_t size) {
-  std::uint32_t count = in.list();
+  Chain unused;
+  std::uint32_t count = beginArguments(in, unused);
   if (count == 0) throw ProtocolError("an emission that names no link");
-  if (count > kMostArguments) throw ProtocolError(fmt::format("an emission of more than {} arguments", kMostArguments));
   const SignalLink link = in.number();
-  Emission emission{{}, size};
+  Emission emission(size);
   while (--count > 0) emission.arguments.push_back(readValue(in));
   std::shared_ptr<Subscription> idle;
   {
@@ -208,13 +214,18 @@ bool Link::takeEmissions(Subscription& subscription, std::vector<Emission>& take
 /// Until none waits.
 void Link::deliver(SignalLink link, Subscription& subscription) {
   Together together;
-  const Serving serving({}, domain_);
   std::vector<Emission> emissions;
   while (takeEmissions(subscription, emissions)) {
     for (Emission& emission : emissions) {
       waitingBytes_ -= emission.size;
       together.hold(&emission != &emissions.back());
-      if (!subscription.deliver(emission)) disconnect(link);
+      try {
+        // One for each: what an emission has begun may call back while the next is delivered, which has other locks.
+        const Serving serving({}, domain_);
+        if (!subscription.deliver(emission)) disconnect(link);
+      } catch (...) {
+        // There is no memory, for a report neither. Those that follow are delivered all the same.
+      }
       together.hold(false);
       emission.arguments.clear();
     }

@@ -24,8 +24,13 @@ auto withReferences(const ArgumentValues& arguments, const Use& use) {
 
 /// What a signal of the peer's has emitted.
 struct Emission {
+  explicit Emission(std::size_t bytes) : size(bytes) {}
+  Emission(Emission&&) noexcept = default;  ///< Where many wait, they move when their memory grows.
+  Emission& operator=(Emission&&) = delete;
+  ~Emission() = default;
+
   ArgumentValues arguments;
-  std::size_t size = 0;  ///< Of the message, in bytes.
+  std::size_t size;  ///< Of the message, in bytes.
 };
 
 /// Emissions that wait for their subscriber, in their order. They lie in memory that is used again, since a signal
@@ -34,8 +39,9 @@ struct Emission {
 /// @par Threads  One at a time.
 class EmissionQueue {
  public:
+  /// @param emission  Left as it is when there is no memory.
   /// @return True when nobody takes from the queue: the caller sees that it is done.
-  bool add(Emission emission) {
+  bool add(Emission&& emission) {
     waiting_.push_back(std::move(emission));
     return !std::exchange(isTaken_, true);
   }
@@ -43,10 +49,10 @@ class EmissionQueue {
   /// @param taken  Empty; receives all that wait. Its memory is used for those that come next.
   /// @return False when none waits: the caller does not take any more, and the next `add` returns true.
   bool take(std::vector<Emission>& taken) {
-    const bool hasSome = !waiting_.empty();
-    if (hasSome || (waiting_.capacity() < taken.capacity() && taken.capacity() <= kKept)) waiting_.swap(taken);
-    isTaken_ = hasSome;
-    return hasSome;
+    if (taken.capacity() > kKept) taken = std::vector<Emission>();
+    isTaken_ = !waiting_.empty();
+    if (isTaken_ || waiting_.capacity() < taken.capacity()) waiting_.swap(taken);
+    return isTaken_;
   }
 
  private:

@@ -200,6 +200,37 @@ TEST_F(JoinedSessions, EmitToEachWhatWasEmitted) {
   for (auto* received : {&toFirst, &toSecond}) EXPECT_EQ(received->values().at(0)->call<std::string>("name"), "thing");
 }
 
+TEST_F(JoinedSessions, TakeTheCallsOfOneEmissionForThoseOfNoOther) {
+  // Though one thread delivers both, the call of the second does not wait for the end of the first one's.
+  std::promise<void> all;
+  std::promise<void> told;
+  std::promise<void> done;
+  const auto said = std::make_shared<Signal<int>>();
+  broker.registerService("S", makeService("S")
+                                  ->signal("said", *said)
+                                  .method("keep", [said] {})
+                                  .method("wait", [&] { told.get_future().get(); })
+                                  .method("tell", [&] { told.set_value(); })
+                                  .build());
+  const AnyObject service = lookUp(client, "S");
+  Future<AnyValue> waiting;
+  Received<int> received(service, "said", 3);
+  service
+      ->connect("said", SignalSubscriber([&](int value) {
+                  if (value == 0) all.get_future().get();
+                  if (value == 1) waiting = service->async("wait");
+                  if (value < 2) return;
+                  service->call("tell");
+                  done.set_value();
+                }))
+      .value();
+  for (const int value : {0, 1, 2}) (*said)(value);
+  received.values();
+  all.set_value();  // The other two have come with certainty: they are delivered in one go.
+  done.get_future().get();
+  EXPECT_TRUE(waiting.hasValue());
+}
+
 TEST_F(JoinedSessions, ServeNestedCallsOnTheThreadThatWaits) {
   // Each side has a lock that its calls hold to their end, as the memory does while it notifies.
   std::recursive_mutex atBroker;

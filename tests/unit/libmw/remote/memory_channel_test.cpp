@@ -1,5 +1,6 @@
 #include "service.h"
 
+#include <array>
 #include <atomic>
 #include <memory>
 #include <memory_channel.h>
@@ -84,6 +85,53 @@ TEST(Link, DescribesAnObjectAgainWhenTheFirstMessageDidNotLeave) {
   EXPECT_FALSE(peer.call(host, "House.show", lamp, std::string()).hasError());
   EXPECT_THAT(seen, testing::ElementsAre("Lamp", "Lamp"));
   EXPECT_FALSE(host.channel->isEnded());
+}
+
+TEST(Link, DeliversTheEmissionsOfASignalOneAfterAnother) {
+  Side side;
+  const auto emit = [&](std::uint32_t link, int value, bool inChain) {
+    Bytes frame;
+    Writer out(frame);
+    out.list(3);
+    out.number(2);
+    out.text("korvo.emit");
+    out.list(inChain ? 3 : 2);
+    if (inChain) out.extension(Extension::Chain, std::array<std::byte, 16>{std::byte{1}});
+    out.number(link);
+    out.value(value);
+    side.channel->receive(frame);
+  };
+  std::vector<int> begun;
+  std::vector<int> ended;
+  std::vector<std::uint32_t> links;
+  const auto follow = [&](std::size_t index) {
+    side.link->connect(1, 0, SignalSubscriber([&, index](int value) {
+                         begun.push_back(value);
+                         for (const int next : {10 * value + 1, 10 * value + 2}) {
+                           if (value < 10) emit(links[index], next, next % 2 == 0);
+                         }
+                         if (value == 11 && index == 1) side.link->disconnect(links[index]);
+                         ended.push_back(value);
+                       }));
+    const Bytes sent = side.channel->takeSent();
+    Reader in(sent);
+    in.list();
+    for (int i = 0; i < 2; ++i) in.number();
+    in.text();
+    in.list();
+    in.extension(Extension::Chain);
+    for (int i = 0; i < 2; ++i) in.number();
+    links.push_back(in.number());
+  };
+  while (!side.channel->takeSent().empty()) continue;
+  follow(0);
+  follow(1);
+  emit(links[0], 1, true);
+  EXPECT_THAT(begun, testing::ElementsAre(1, 11, 12));
+  EXPECT_EQ(begun, ended);
+  begun.clear();
+  emit(links[1], 1, false);  // The 12 has come when the 11 ends the connection.
+  EXPECT_THAT(begun, testing::ElementsAre(1, 11));
 }
 
 TEST(Link, EndsAPeerThatIsSilentForThreeHeartbeatsAndFailsWhatPends) {
