@@ -132,6 +132,8 @@ TEST(Link, DeliversTheEmissionsOfASignalOneAfterAnother) {
   begun.clear();
   emit(links[1], 1, false);  // The 12 has come when the 11 ends the connection.
   EXPECT_THAT(begun, testing::ElementsAre(1, 11));
+  side.channel->end("the test is over");  // Nothing is answered, and what waits for that holds the link.
+  side.link->gone().wait();
 }
 
 TEST(Link, EndsAPeerThatIsSilentForThreeHeartbeatsAndFailsWhatPends) {
