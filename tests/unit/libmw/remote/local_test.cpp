@@ -177,12 +177,11 @@ TEST_F(JoinedSessions, EmitToEachWhatWasEmitted) {
   broker.registerService("Other", makeService("Other")->build());
   Session second;
   const LocalClient joinedToo(second, "torso");
-  const AnyObject atFirst = lookUp(client, "S");
   const AnyObject other = lookUp(second, "Other");  // Objects have other numbers there from now on.
   const AnyObject atSecond = lookUp(second, "S");
 
   // Between those that are told stands one that emits again: the same signal, and one that one process follows.
-  Received<int> first(atFirst, "common", 5);
+  Received<int> first(lookUp(client, "S"), "common", 5);
   signals->common.connect(SignalSubscriber([&](int number) {
     for (const int part : {1, 2}) signals->single(10 * number + part);
     if (number > 0) signals->common(number - 1);
@@ -194,7 +193,7 @@ TEST_F(JoinedSessions, EmitToEachWhatWasEmitted) {
   EXPECT_THAT(last.values(), testing::ElementsAre(0, 1, 0, 1, 2));
   EXPECT_THAT(alone.values(), testing::ElementsAre(11, 12, 1, 2, 21, 22, 11, 12, 1, 2));
 
-  Received<AnyObject> toFirst(atFirst, "objects", 1);
+  Received<AnyObject> toFirst(lookUp(client, "S"), "objects", 1);
   Received<AnyObject> toSecond(atSecond, "objects", 1);
   signals->objects(makeService("Thing")->method("name", [] { return std::string("thing"); }).build());
   for (auto* received : {&toFirst, &toSecond}) EXPECT_EQ(received->values().at(0)->call<std::string>("name"), "thing");
@@ -208,8 +207,7 @@ TEST_F(JoinedSessions, TakeTheCallsOfOneEmissionForThoseOfNoOther) {
   const auto said = std::make_shared<Signal<int>>();
   broker.registerService("S", makeService("S")
                                   ->signal("said", *said)
-                                  .method("keep", [said] {})
-                                  .method("wait", [&] { told.get_future().get(); })
+                                  .method("wait", [&, said] { told.get_future().get(); })
                                   .method("tell", [&] { told.set_value(); })
                                   .build());
   const AnyObject service = lookUp(client, "S");
