@@ -141,9 +141,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
 
   Work onResponse(Reader& in);
   static std::uint32_t beginArguments(Reader& in, Chain& stated);
-  Work onRequest(Reader& in, std::size_t size);
-  Work onNotification(Reader& in, std::size_t size);
-  Work onCall(Reader& in, std::shared_ptr<Incoming> call);
+  Work onCall(Reader& in, bool isRequest, std::size_t size);
   void refuse(const std::shared_ptr<Incoming>& call);
   void countWaiting(std::size_t size);
   Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call);

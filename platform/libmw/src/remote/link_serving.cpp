@@ -33,9 +33,9 @@ Work Link::onFrame(std::span<const std::byte> frame) {
   const auto type = static_cast<MessageType>(in.number());
   Work work;
   if (type == MessageType::Request && parts == 4) {
-    work = onRequest(in, frame.size());
+    work = onCall(in, true, frame.size());
   } else if (type == MessageType::Notification && parts == 3) {
-    work = onNotification(in, frame.size());
+    work = onCall(in, false, frame.size());
   } else if (type == MessageType::Response && parts == 4) {
     work = onResponse(in);
   } else {
@@ -85,29 +85,19 @@ std::uint32_t Link::beginArguments(Reader& in, Chain& stated) {
   return count;
 }
 
-Work Link::onRequest(Reader& in, std::size_t size) {
-  auto call = std::make_shared<Incoming>();
-  call->size = size;
-  call->isRequest = true;
-  call->id = in.number();
-  call->target = in.text();
-  return onCall(in, std::move(call));
-}
-
-Work Link::onNotification(Reader& in, std::size_t size) {
+Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
+  const std::uint32_t id = isRequest ? in.number() : 0;
   const std::string_view target = in.text();
-  if (target == kEmit) return onEmission(in, size);
+  if (target == kEmit && !isRequest) return onEmission(in, size);
   auto call = std::make_shared<Incoming>();
+  call->isRequest = isRequest;
+  call->id = id;
   call->size = size;
   call->target = target;
-  return onCall(in, std::move(call));
-}
-
-Work Link::onCall(Reader& in, std::shared_ptr<Incoming> call) {
   std::uint32_t count = beginArguments(in, call->chain);
   call->object = targetAtArrival(call->target);
   for (; count > 0; --count) call->arguments.push_back(readValue(in));
-  if (call->target == kAlive && !call->isRequest) return {};
+  if (target == kAlive && !isRequest) return {};
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
     countWaiting(call->size);
@@ -125,7 +115,6 @@ Work Link::onCall(Reader& in, std::shared_ptr<Incoming> call) {
       --self->unawaited_;
     };
   }
-  const std::string_view target = call->target;
   const std::string_view object = target.substr(0, target.rfind('.'));
   const StrandKey key{caller, std::hash<std::string_view>()(object)};
   return schedule(key, std::move(call));
