@@ -11,6 +11,7 @@
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
+#include <vector>
 
 namespace bench {
 
@@ -39,31 +40,38 @@ class SharedTally {
   /// Counts a message that was sent at `sent`.
   void receive(std::size_t listener, std::int64_t sent) {
     const auto microseconds = static_cast<std::size_t>((sharedNow() - sent) / 1000);
-    ++shared_->latencies[std::min(microseconds, kSlots - 1)];
-    ++shared_->received[listener];
+    Listener& own = shared_->listeners[listener];
+    own.latencies[std::min(microseconds, kSlots - 1)].fetch_add(1, std::memory_order_relaxed);
+    own.received.fetch_add(1, std::memory_order_release);
   }
   /// Waits until every listener has received so many. @return False when that takes too long.
   bool waitFor(std::uint64_t count) const {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    for (const auto& one : shared_->received) {
-      while (one < count) {
+    for (const Listener& one : shared_->listeners) {
+      while (one.received < count) {
         if (std::chrono::steady_clock::now() > end) return false;
         ::usleep(20);
       }
     }
     return true;
   }
-  std::uint64_t received() const { return shared_->received[0]; }
+  std::uint64_t received() const { return shared_->listeners[0].received; }
   void forgetLatencies() {
-    for (auto& slot : shared_->latencies) slot = 0;
+    for (Listener& one : shared_->listeners) {
+      for (auto& slot : one.latencies) slot = 0;
+    }
   }
   /// Microseconds that so large a part of the messages took at most.
   double percentile(double part) const {
+    std::vector<std::uint64_t> slots(kSlots);
     std::uint64_t all = 0;
-    for (const auto& slot : shared_->latencies) all += slot;
+    for (const Listener& one : shared_->listeners) {
+      for (std::size_t i = 0; i < kSlots; ++i) slots[i] += one.latencies[i];
+    }
+    for (const std::uint64_t slot : slots) all += slot;
     std::uint64_t seen = 0;
     for (std::size_t i = 0; i < kSlots; ++i) {
-      seen += shared_->latencies[i];
+      seen += slots[i];
       if (static_cast<double>(seen) >= part * static_cast<double>(all)) return static_cast<double>(i);
     }
     return 0;
@@ -71,9 +79,13 @@ class SharedTally {
 
  private:
   static constexpr std::size_t kSlots = 100'000;
-  struct Shared {
-    std::array<std::atomic<std::uint64_t>, kListeners> received;
+  /// On cache lines of its own: a listener does not wait for another one's counting.
+  struct alignas(64) Listener {
+    std::atomic<std::uint64_t> received;
     std::array<std::atomic<std::uint64_t>, kSlots> latencies;
+  };
+  struct Shared {
+    std::array<Listener, kListeners> listeners;
   };
   const int file_;
   Shared* shared_ = nullptr;
