@@ -1,3 +1,4 @@
+#include "../runtime/threadlocal.h"
 #include "emissionscope.h"
 
 #include <libmw/eventloop.h>
@@ -114,8 +115,7 @@ struct EmissionsOfThread {
   std::uint64_t number = 0;        // likewise
   std::uint64_t last = 0;
 };
-// The fastest model: it takes 32 bytes of what a process reserves for libraries loaded while it runs.
-[[gnu::tls_model("initial-exec")]] constinit thread_local EmissionsOfThread emissions;
+HX_THREAD_LOCAL constinit EmissionsOfThread emissions;
 
 }  // namespace
 

@@ -1,5 +1,6 @@
 #include "chain.h"
 
+#include "../runtime/threadlocal.h"
 #include "../runtime/threadwait.h"
 #include "channel.h"
 
@@ -204,9 +205,7 @@ struct Served {
   bool relays = false;   ///< Hands the present call on, and will not wait for its answer.
   bool isKnown = false;  ///< As a ThreadInChains.
 };
-// Each call that is served changes it, and each emission. The fastest model: it takes forty bytes of what a process
-// reserves for libraries loaded while it runs.
-[[gnu::tls_model("initial-exec")]] constinit thread_local Served served;
+HX_THREAD_LOCAL constinit Served served;
 
 /// The calling thread as chains see it.
 class ThreadInChains final : public detail::ThreadWait {

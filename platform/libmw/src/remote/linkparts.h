@@ -2,6 +2,7 @@
 
 // What the two sources of a Link share: link.cpp calls, link_serving.cpp is called.
 
+#include "../runtime/threadlocal.h"
 #include "link.h"
 
 #include <libmw/eventloop.h>
@@ -28,10 +29,8 @@ inline constexpr std::string_view kEmit = "korvo.emit";
 /// The T of the calling thread. Null when that has gone: objects that go when the thread ends may still send.
 template <class T>
 T* keptByThread() {
-  // Each message asks several times. The fastest model: it takes 16 bytes of what a process reserves for libraries
-  // loaded while it runs.
-  [[gnu::tls_model("initial-exec")]] static thread_local T* now = nullptr;
-  [[gnu::tls_model("initial-exec")]] static thread_local bool isOver = false;
+  HX_THREAD_LOCAL static T* now = nullptr;
+  HX_THREAD_LOCAL static bool isOver = false;
   struct Kept {
     Kept() { now = &value; }
     Kept(const Kept&) = delete;
@@ -92,7 +91,7 @@ class Together {
   }
 
  private:
-  static inline thread_local Together* present_ = nullptr;
+  HX_THREAD_LOCAL static inline Together* present_ = nullptr;
 
   Together* const outer_ = std::exchange(present_, nullptr);
   std::vector<std::shared_ptr<Channel>> held_;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "threadlocal.h"
+
 #include <libmw/future.h>
 
 #include <chrono>
@@ -25,8 +27,8 @@ class ThreadWait {
   }
 
  private:
-  static inline thread_local ThreadWait* current_ = nullptr;
-  static inline thread_local void (*beforeWaiting_)() = nullptr;
+  HX_THREAD_LOCAL static inline ThreadWait* current_ = nullptr;
+  HX_THREAD_LOCAL static inline void (*beforeWaiting_)() = nullptr;
 };
 
 /// While one lives, futures that the calling thread finishes have their continuations run on the event loop. For
@@ -42,7 +44,7 @@ class NoForeignCode {
   static bool holdsHere() noexcept { return holds_; }
 
  private:
-  static inline thread_local bool holds_ = false;
+  HX_THREAD_LOCAL static inline bool holds_ = false;
   const bool outer_;
 };
 
