@@ -11,6 +11,7 @@
 #include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace kit {
 
@@ -38,17 +39,25 @@ class MemoryChannel final : public mw::remote::Channel {
   const std::string& peer() const override { return peer_; }
   std::chrono::milliseconds silence() const override { return silence_.load(); }
 
-  /// One message of the peer's arrives.
-  void receive(std::span<const std::byte> frame) {
+  /// Messages of the peer's arrive, in one piece.
+  template <class... Frames>
+  void receive(const Frames&... frames) {
     const auto sink = sink_.lock();
     if (!sink || ended_) return;
-    mw::remote::Work work;
+    std::vector<mw::remote::Work> works;
+    std::string error;
     try {
-      work = sink->onFrame(frame);
-    } catch (const std::exception& error) {
-      end(error.what());
+      (sink->onFrame(frames, works), ...);
+    } catch (const std::exception& wrong) {
+      error = wrong.what();
     }
-    if (work) work();
+    try {
+      sink->onPause(works);
+    } catch (const std::exception& wrong) {
+      error = wrong.what();
+    }
+    for (const auto& work : works) work();
+    if (!error.empty()) end(error);
   }
 
   /// Takes the oldest message that was sent. @return Empty when there is none.

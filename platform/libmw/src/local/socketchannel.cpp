@@ -215,13 +215,19 @@ bool SocketChannel::receive(remote::ChannelSink& sink, std::vector<remote::Work>
 /// Hands the messages that are whole to the sink.
 void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
   auto rest = buffer_.bytes();
-  while (!rest.empty()) {
-    const std::size_t size = splitter_.advance(rest);
-    if (size == 0) break;
-    if (auto work = sink.onFrame(rest.first(size))) works.push_back(std::move(work));
-    rest = rest.subspan(size);
+  try {
+    while (!rest.empty()) {
+      const std::size_t size = splitter_.advance(rest);
+      if (size == 0) break;
+      sink.onFrame(rest.first(size), works);
+      rest = rest.subspan(size);
+    }
+  } catch (...) {
+    sink.onPause(works);  // What came before stays.
+    throw;
   }
   buffer_.drop(buffer_.bytes().size() - rest.size());
+  sink.onPause(works);
 }
 
 bool SocketChannel::send(remote::Bytes& frame, remote::Sending when) {

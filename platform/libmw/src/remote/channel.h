@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace mw::remote {
 
@@ -24,9 +25,11 @@ class ChannelSink {
  public:
   virtual ~ChannelSink() = default;
   /// One message. Called by one thread at a time, in their order; must not wait, and must not call what is foreign.
-  /// @return What is to be done for it once reading goes on elsewhere; empty when nothing is left.
+  /// @param works  Receives what is to be done once reading goes on elsewhere, for this message or for those before.
   /// @throws ProtocolError to end the channel.
-  virtual Work onFrame(std::span<const std::byte> frame) = 0;
+  virtual void onFrame(std::span<const std::byte> frame, std::vector<Work>& works) = 0;
+  /// As many messages as had come have been handed over, or as could be. As `onFrame`.
+  virtual void onPause(std::vector<Work>& works) { static_cast<void>(works); }
   /// Whether nothing is to be expected from the peer, as long as nothing is sent to it. Must not wait.
   virtual bool isIdle() const { return false; }
   /// The channel has ended. Called once, after the last message, on any thread.

@@ -28,6 +28,8 @@
 
 namespace mw::remote {
 
+class Together;
+
 /// A call that has come: what a strand does one after another.
 struct Incoming {
   Incoming() = default;
@@ -38,10 +40,9 @@ struct Incoming {
     for (auto rest = std::move(next); rest && rest.use_count() == 1;) rest = std::move(rest->next);
   }
 
-  bool isRequest = false;
-  std::uint32_t id = 0;  ///< Of the request.
-  std::size_t size = 0;  ///< Of the message, in bytes.
-  Chain chain;           ///< Without a caller when the peer states none.
+  std::optional<std::uint32_t> id;  ///< Of the request; none when no answer is wanted.
+  std::size_t size = 0;             ///< Of the message, in bytes.
+  Chain chain;                      ///< Without a caller when the peer states none.
   std::string target;
   /// What is called: held from its arrival, because what gives it back, or the end of the link, may be right behind.
   AnyObject object;
@@ -116,7 +117,8 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   /// How many calls wait for their answer. For diagnosis.
   std::size_t pendingCount() const;
 
-  Work onFrame(std::span<const std::byte> frame) override;
+  void onFrame(std::span<const std::byte> frame, std::vector<Work>& works) override;
+  void onPause(std::vector<Work>& works) override;
   bool isIdle() const override;
   void onEnd(const std::string& reason) override;
 
@@ -139,15 +141,17 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::optional<Pending> takePending(std::uint32_t id);
   std::exception_ptr endedError() const;
 
-  Work onResponse(Reader& in);
+  void onResponse(Reader& in);
   static std::uint32_t beginArguments(Reader& in, Chain& stated);
-  Work onCall(Reader& in, bool isRequest, std::size_t size);
+  Work onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, std::size_t size);
   void refuse(const std::shared_ptr<Incoming>& call);
   void countWaiting(std::size_t size);
   Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call);
-  Work onEmission(Reader& in, std::size_t size);
+  void onEmission(Reader& in, std::size_t size, std::vector<Work>& works);
+  void queueEmissions(std::vector<Work>& works);
   bool takeEmissions(Subscription& subscription, std::vector<Emission>& taken);
   void deliver(SignalLink link, Subscription& subscription);
+  bool deliver(const Subscription& subscription, std::span<const Emission> emissions, Together& together, bool more);
   Future<AnyValue> execute(const Incoming& call);
   Future<AnyValue> callMember(const AnyObject& object, std::string_view member, GenericFunctionParameters arguments);
   AnyObject targetAtArrival(std::string_view target) const;
@@ -168,6 +172,12 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::atomic<std::chrono::steady_clock::rep> lastMade_{0};  // a call whose caller went on
   std::atomic<std::size_t> unawaited_{0};     // calls of chains that run although no thread waits in the chain
   std::atomic<std::size_t> waitingBytes_{0};  // of calls that have come and are not begun
+
+  /// For the thread that reads the channel: emissions to one subscription, that came one after another.
+  struct Arrived {
+    SignalLink link = kInvalidSignalLink;
+    std::vector<Emission> emissions;
+  } arrived_;
 
   mutable std::mutex mutex_;          // Guards everything below.
   std::optional<std::string> ended_;  // the reason

@@ -3,6 +3,7 @@
 #include "linkparts.h"
 #include "metacodec.h"
 
+#include <algorithm>
 #include <charconv>
 #include <stdexcept>
 #include <utility>
@@ -14,6 +15,8 @@ namespace {
 
 constexpr std::uint32_t kMostArguments = 1024;
 constexpr std::string_view kReserved = "korvo.";
+/// So many emissions are delivered in one pass, which costs as much as a tenth of one.
+constexpr std::size_t kInOnePass = 32;
 
 std::optional<unsigned> numberIn(std::string_view text) {
   unsigned number = 0;
@@ -26,23 +29,34 @@ std::optional<unsigned> numberIn(std::string_view text) {
 
 // --- Receiving ------------------------------------------------------------------------------------------------------
 
-Work Link::onFrame(std::span<const std::byte> frame) {
+void Link::onFrame(std::span<const std::byte> frame, std::vector<Work>& works) {
   const mw::detail::NoForeignCode scope;
   Reader in(frame);
   const std::uint32_t parts = in.list();
   const auto type = static_cast<MessageType>(in.number());
-  Work work;
-  if (type == MessageType::Request && parts == 4) {
-    work = onCall(in, true, frame.size());
-  } else if (type == MessageType::Notification && parts == 3) {
-    work = onCall(in, false, frame.size());
+  const bool isNotification = type == MessageType::Notification && parts == 3;
+  if (isNotification || (type == MessageType::Request && parts == 4)) {
+    std::optional<std::uint32_t> id;
+    if (!isNotification) id = in.number();
+    const std::string_view target = in.text();
+    if (isNotification && target == kEmit) {
+      onEmission(in, frame.size(), works);
+    } else {
+      queueEmissions(works);
+      if (auto work = onCall(in, target, id, frame.size())) works.push_back(std::move(work));
+    }
   } else if (type == MessageType::Response && parts == 4) {
-    work = onResponse(in);
+    queueEmissions(works);
+    onResponse(in);
   } else {
     throw ProtocolError("a message that is neither request, response nor notification");
   }
   if (!in.atEnd()) throw ProtocolError("a message with too many parts");
-  return work;
+}
+
+void Link::onPause(std::vector<Work>& works) {
+  const mw::detail::NoForeignCode scope;
+  queueEmissions(works);
 }
 
 AnyValue Link::readValue(Reader& in) {
@@ -52,7 +66,7 @@ AnyValue Link::readValue(Reader& in) {
   return AnyValue(in.value());
 }
 
-Work Link::onResponse(Reader& in) {
+void Link::onResponse(Reader& in) {
   const std::uint32_t id = in.number();
   auto pending = takePending(id);
   if (!pending) throw ProtocolError(fmt::format("a response to a request {} that was not made", id));
@@ -69,7 +83,6 @@ Work Link::onResponse(Reader& in) {
     pending->promise.trySetException(std::make_exception_ptr(std::runtime_error(text)));
     throw;
   }
-  return {};
 }
 
 /// @return How many follow.
@@ -85,19 +98,15 @@ std::uint32_t Link::beginArguments(Reader& in, Chain& stated) {
   return count;
 }
 
-Work Link::onCall(Reader& in, bool isRequest, std::size_t size) {
-  const std::uint32_t id = isRequest ? in.number() : 0;
-  const std::string_view target = in.text();
-  if (target == kEmit && !isRequest) return onEmission(in, size);
+Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, std::size_t size) {
   auto call = std::make_shared<Incoming>();
-  call->isRequest = isRequest;
   call->id = id;
   call->size = size;
   call->target = target;
   std::uint32_t count = beginArguments(in, call->chain);
   call->object = targetAtArrival(call->target);
   for (; count > 0; --count) call->arguments.push_back(readValue(in));
-  if (target == kAlive && !isRequest) return {};
+  if (target == kAlive && !id) return {};
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
     countWaiting(call->size);
@@ -176,23 +185,42 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
   }
 }
 
-Work Link::onEmission(Reader& in, std::size_t size) {
+void Link::onEmission(Reader& in, std::size_t size, std::vector<Work>& works) {
   Chain unused;
   std::uint32_t count = beginArguments(in, unused);
   if (count == 0) throw ProtocolError("an emission that names no link");
   const SignalLink link = in.number();
-  Emission emission(size);
-  while (--count > 0) emission.arguments.push_back(readValue(in));
+  if (link != arrived_.link) queueEmissions(works);
+  arrived_.link = link;
+  Emission& emission = arrived_.emissions.emplace_back(size);
+  try {
+    while (--count > 0) emission.arguments.push_back(readValue(in));
+  } catch (...) {
+    arrived_.emissions.pop_back();
+    throw;
+  }
+}
+
+/// Has those that came one after another wait for their subscriber.
+void Link::queueEmissions(std::vector<Work>& works) {
+  if (arrived_.emissions.empty()) return;
+  // Taken out: should it fail, what they hold goes, which may be what holds the link.
+  auto emissions = std::exchange(arrived_.emissions, {});
+  std::size_t size = 0;
+  for (const Emission& emission : emissions) size += emission.size;
   std::shared_ptr<Subscription> idle;
   {
     const std::lock_guard lock(mutex_);
-    const auto found = subscriptions_.find(link);
-    if (found == subscriptions_.end()) return {};  // Disconnected meanwhile.
-    countWaiting(size);
-    if (!found->second->waiting.add(std::move(emission))) return {};
-    idle = found->second;
+    const auto found = subscriptions_.find(arrived_.link);
+    if (found != subscriptions_.end()) {  // It may be disconnected meanwhile.
+      countWaiting(size);
+      if (found->second->waiting.add(emissions)) idle = found->second;
+    }
   }
-  return [self = shared_from_this(), link, idle = std::move(idle)] { self->deliver(link, *idle); };
+  emissions.clear();
+  arrived_.emissions.swap(emissions);  // The memory is used again.
+  if (!idle) return;
+  works.emplace_back([self = shared_from_this(), link = arrived_.link, idle] { self->deliver(link, *idle); });
 }
 
 bool Link::takeEmissions(Subscription& subscription, std::vector<Emission>& taken) {
@@ -205,22 +233,42 @@ void Link::deliver(SignalLink link, Subscription& subscription) {
   Together together;
   std::vector<Emission> emissions;
   while (takeEmissions(subscription, emissions)) {
-    for (Emission& emission : emissions) {
-      waitingBytes_ -= emission.size;
-      together.hold(&emission != &emissions.back());
-      try {
-        // One for each: what an emission has begun may call back while the next is delivered, which has other locks.
-        const Serving serving({}, domain_);
-        if (!subscription.deliver(emission)) disconnect(link);
-      } catch (...) {
-        // There is no memory, for a report neither. Those that follow are delivered all the same.
+    for (std::span<Emission> rest = emissions; !rest.empty();) {
+      const auto some = rest.first(std::min(rest.size(), kInOnePass));
+      rest = rest.subspan(some.size());
+      if (!deliver(subscription, some, together, !rest.empty())) disconnect(link);
+      std::size_t size = 0;
+      for (Emission& emission : some) {
+        size += emission.size;
+        emission.arguments.clear();  // Objects among them may go, and wait for whoever ends the subscription.
       }
-      together.hold(false);
-      emission.arguments.clear();
+      waitingBytes_ -= size;
     }
     together.flush();
     emissions.clear();
   }
+}
+
+/// Whoever ends the subscription meanwhile waits for no more than the present one.
+/// @param more  Others come after these.
+/// @return False when the subscriber is of no more use.
+bool Link::deliver(const Subscription& subscription, std::span<const Emission> emissions, Together& together,
+                   bool more) {
+  const auto pass = subscription.enter();
+  bool isOfUse = true;
+  for (const Emission& emission : emissions) {
+    if (!pass || subscription.isOver() || !isOfUse) break;
+    together.hold(more || &emission != &emissions.back());
+    try {
+      // One for each: what an emission has begun may call back while the next is delivered, which has other locks.
+      const Serving serving({}, domain_);
+      isOfUse = subscription.deliver(emission);
+    } catch (...) {
+      // There is no memory, for a report neither. Those that follow are delivered all the same.
+    }
+    together.hold(false);
+  }
+  return isOfUse;
 }
 
 // --- Serving --------------------------------------------------------------------------------------------------------
@@ -297,7 +345,7 @@ Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view memb
 }
 
 void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result, Sending when) {
-  if (!call->isRequest) {
+  if (!call->id) {
     if (result.isFinished() && result.hasError()) {
       log::warning(kCategory, "post", fmt::format("{} of {}: {}", call->target, peer(), result.error()));
     }
@@ -317,7 +365,7 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
     Writer out(frame);
     out.list(4);
     out.number(static_cast<std::uint32_t>(MessageType::Response));
-    out.number(call->id);
+    out.number(*call->id);
     out.value(error);
     writeValue(out, value, mention);
     requireSendable(frame, "the result");

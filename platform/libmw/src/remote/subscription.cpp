@@ -5,8 +5,6 @@
 namespace mw::remote {
 
 bool Subscription::deliver(const Emission& emission) const {
-  const auto pass = gate_.enter();
-  if (!pass) return true;
   try {
     return withReferences(emission.arguments, [this](GenericFunctionParameters all) { return subscriber_.call(all); });
   } catch (...) {

@@ -4,6 +4,7 @@
 #include <libmw/trackable.h>
 
 #include <cstddef>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -26,7 +27,7 @@ auto withReferences(const ArgumentValues& arguments, const Use& use) {
 struct Emission {
   explicit Emission(std::size_t bytes) : size(bytes) {}
   Emission(Emission&&) noexcept = default;  ///< Where many wait, they move when their memory grows.
-  Emission& operator=(Emission&&) = delete;
+  Emission& operator=(Emission&&) = default;
   ~Emission() = default;
 
   ArgumentValues arguments;
@@ -39,10 +40,14 @@ struct Emission {
 /// @par Threads  One at a time.
 class EmissionQueue {
  public:
-  /// @param emission  Left as it is when there is no memory.
+  /// @param emissions  Left as they are when there is no memory; nothing that matters is in them otherwise.
   /// @return True when nobody takes from the queue: the caller sees that it is done.
-  bool add(Emission&& emission) {
-    waiting_.push_back(std::move(emission));
+  bool add(std::vector<Emission>& emissions) {
+    if (waiting_.empty()) {
+      waiting_.swap(emissions);
+    } else {
+      waiting_.insert(waiting_.end(), std::move_iterator(emissions.begin()), std::move_iterator(emissions.end()));
+    }
     return !std::exchange(isTaken_, true);
   }
 
@@ -68,11 +73,15 @@ class Subscription {
  public:
   explicit Subscription(SignalSubscriber subscriber) : subscriber_(std::move(subscriber)) {}
 
-  /// Calls the subscriber, unless the subscription has ended. What it throws is logged.
+  /// The subscriber is called in a pass. @return None when the subscription has ended.
+  CallGate::Pass enter() const { return gate_.enter(); }
+  /// The subscriber is not called any more.
+  bool isOver() const { return gate_.isClosed(); }
+  /// Calls the subscriber. What it throws is logged.
   /// @return False when the subscriber is of no more use.
   bool deliver(const Emission& emission) const;
 
-  /// Returns when no other thread is calling the subscriber.
+  /// Returns when no other thread is in a pass.
   void end() { gate_.drain(); }
   /// The same without waiting for a delivery that is under way.
   void close() { gate_.close(); }

@@ -1,12 +1,17 @@
+#include "capture_log.h"
 #include "service.h"
 
 #include <array>
 #include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
 #include <memory>
 #include <memory_channel.h>
 #include <remote/link.h>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -87,50 +92,129 @@ TEST(Link, DescribesAnObjectAgainWhenTheFirstMessageDidNotLeave) {
   EXPECT_FALSE(host.channel->isEnded());
 }
 
+/// Follows a signal of the peer's. @return The number of the link.
+std::uint32_t follow(const Side& side, const SignalSubscriber& subscriber) {
+  while (!side.channel->takeSent().empty()) continue;
+  side.link->connect(1, 0, subscriber);
+  const Bytes sent = side.channel->takeSent();
+  Reader in(sent);
+  in.list();
+  for (int i = 0; i < 2; ++i) in.number();
+  in.text();
+  in.list();
+  in.extension(Extension::Chain);
+  for (int i = 0; i < 2; ++i) in.number();
+  return in.number();
+}
+
+Bytes emission(std::uint32_t link, int value, bool inChain = false) {
+  Bytes frame;
+  Writer out(frame);
+  out.list(3);
+  out.number(2);
+  out.text("korvo.emit");
+  out.list(inChain ? 3 : 2);
+  if (inChain) out.extension(Extension::Chain, std::array<std::byte, 16>{std::byte{1}});
+  out.number(link);
+  out.value(value);
+  return frame;
+}
+
 TEST(Link, DeliversTheEmissionsOfASignalOneAfterAnother) {
   Side side;
-  const auto emit = [&](std::uint32_t link, int value, bool inChain) {
-    Bytes frame;
-    Writer out(frame);
-    out.list(3);
-    out.number(2);
-    out.text("korvo.emit");
-    out.list(inChain ? 3 : 2);
-    if (inChain) out.extension(Extension::Chain, std::array<std::byte, 16>{std::byte{1}});
-    out.number(link);
-    out.value(value);
-    side.channel->receive(frame);
-  };
   std::vector<int> ended;
   std::vector<std::uint32_t> links;
-  const auto follow = [&](std::size_t index) {
-    side.link->connect(1, 0, SignalSubscriber([&, index](int value) {
-                         for (const int next : {10 * value + 1, 10 * value + 2}) {
-                           if (value < 10) emit(links[index], next, next % 2 == 0);
-                         }
-                         if (value == 11 && index == 1) side.link->disconnect(links[index]);
-                         ended.push_back(value);
-                       }));
-    const Bytes sent = side.channel->takeSent();
-    Reader in(sent);
-    in.list();
-    for (int i = 0; i < 2; ++i) in.number();
-    in.text();
-    in.list();
-    in.extension(Extension::Chain);
-    for (int i = 0; i < 2; ++i) in.number();
-    links.push_back(in.number());
+  const auto subscriber = [&](std::size_t index) {
+    return SignalSubscriber([&, index](int value) {
+      for (const int next : {10 * value + 1, 10 * value + 2}) {
+        if (value < 10) side.channel->receive(emission(links[index], next, next % 2 == 0));
+      }
+      if (value == 11 && index == 1) side.link->disconnect(links[index]);
+      ended.push_back(value + 100 * static_cast<int>(index));
+    });
   };
-  while (!side.channel->takeSent().empty()) continue;
-  follow(0);
-  follow(1);
-  emit(links[0], 1, true);
-  EXPECT_THAT(ended, testing::ElementsAre(1, 11, 12));
-  ended.clear();
-  emit(links[1], 1, false);  // The 12 has come when the 11 ends the connection.
-  EXPECT_THAT(ended, testing::ElementsAre(1, 11));
-  side.channel->end("the test is over");  // Nothing is answered, and what waits for that holds the link.
+  for (const std::size_t index : {0U, 1U}) links.push_back(follow(side, subscriber(index)));
+  const auto expectDelivered = [&](const std::vector<int>& expected) {
+    EXPECT_EQ(ended, expected);
+    ended.clear();
+  };
+  side.channel->receive(emission(links[0], 1, true));
+  expectDelivered({1, 11, 12});
+  side.channel->receive(emission(links[0], 20), emission(links[0], 21), emission(links[1], 30), emission(links[0], 22));
+  expectDelivered({20, 21, 22, 130});
+  side.channel->receive(emission(links[1], 1));  // The 12 has come when the 11 ends the connection.
+  expectDelivered({101, 111});
+  const kit::CaptureLog log({"mw.link"});
+  Bytes cut = emission(links[0], 24);
+  cut.back() = std::byte{0xc1};  // begins no value
+  side.channel->receive(emission(links[0], 23), cut, emission(links[0], 25));
+  expectDelivered({23});
+  EXPECT_THAT(log.texts(), testing::IsEmpty()) << "a part was delivered";
   side.link->gone().wait();
+}
+
+template <class T>
+Bytes emissionOf(const Side& side, std::uint32_t link, const T& value) {
+  while (!side.channel->takeSent().empty()) continue;
+  mw::detail::withParameters([&](GenericFunctionParameters all) { side.link->emit(link, all); }, value);
+  return side.channel->takeSent();
+}
+
+TEST(Link, GoesThoughWhatItDidNotTakeHoldsIt) {
+  const Side peer;
+  const AnyObject lamp = makeService("Lamp")->method("lit", [] { return true; }).build();
+  std::weak_ptr<Link> link;
+  {
+    const Side side({.inputLimit = 100});
+    link = side.link;
+    std::uint32_t number = 0;
+    const auto more = [&](const AnyValue&) { side.channel->receive(emissionOf(peer, number, lamp)); };
+    number = follow(side, SignalSubscriber(more));
+    side.channel->receive(emissionOf(peer, number, std::string(300, 'x')));
+    side.link->gone().wait();
+  }
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!link.expired() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+  EXPECT_TRUE(link.expired());
+}
+
+struct Mortal final : Service {
+  using Service::Service;
+  ~Mortal() override { atEnd(); }
+  std::function<void()> atEnd;
+};
+
+TEST(Link, LetsGoOfWhatWasEmittedWhereThatMayWaitForADisconnection) {
+  Side host;
+  Side peer;
+  AnyObject held;
+  peer.reserved->service = makeService("House")->method("show", [&](const AnyObject& shown) { held = shown; }).build();
+  auto lamp = std::make_shared<Mortal>("Lamp");
+  lamp->method("lit", [] { return true; }).build();
+  host.call(peer, "House.show", AnyObject(lamp)).value();
+  Bytes release;
+  const std::uint32_t number =
+      follow(host, SignalSubscriber([&](const AnyObject&) { host.channel->receive(release); }));
+  std::thread other;
+  std::promise<void> disconnected;
+  lamp->atEnd = [&] {
+    other = std::thread([&] {
+      host.link->disconnect(number);
+      disconnected.set_value();
+    });
+    EXPECT_EQ(disconnected.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  };
+  lamp.reset();
+  const Bytes emitted = emissionOf(peer, number, held);
+  held.reset();
+  release = peer.channel->takeSent();
+  host.channel->receive(emitted);
+  ASSERT_TRUE(other.joinable()) << "the lamp is there";
+  other.join();
+  for (const Side* side : {&host, &peer}) {
+    side->channel->end("the test is over");
+    side->link->gone().wait();
+  }
 }
 
 TEST(Link, EndsAPeerThatIsSilentForThreeHeartbeatsAndFailsWhatPends) {
