@@ -87,6 +87,23 @@ int runClients() {
   return 0;
 }
 
+/// Makes a last call, which waits for others to leave with: bursts came before. Exits at once, and nothing of it goes
+/// that would still send.
+int runLeaver() {
+  static auto* const session = new mw::Session;
+  [[maybe_unused]] static const auto* const client = new mw::LocalClient(*session, "torso", {quick(), false});
+  static auto* const memory = new mw::AnyObject(session->service("HXMemory").take());
+  const int left = (*memory)->call<int>("getData", "Left");
+  for (int burst = 0; burst < 20; ++burst) {
+    std::vector<mw::Future<mw::AnyValue>> flying;
+    for (int i = 0; i < 50; ++i) flying.push_back((*memory)->async("insertData", "Flying", i));
+    mw::waitForAll(flying);
+  }
+  std::this_thread::sleep_for(40ms);  // Nobody looks after connections any more.
+  static const auto last = (*memory)->async("insertData", "Left", left + 1);
+  return 0;
+}
+
 class VanishingPeers : public kit::MemoryFixture {
  protected:
   void SetUp() override {
@@ -142,6 +159,14 @@ TEST_F(VanishingPeers, HoldARaiserNoLongerThanTheirConnection) {
     EXPECT_THAT(memory->getDataSubscriber("E"), testing::IsEmpty());
     EXPECT_EQ(memory->getData("E"), HXValue(9'999));
     EXPECT_TRUE(eventually([&] { return !broker->session()->service("Ear").hasValue(); }));
+  }
+}
+
+TEST_F(VanishingPeers, HaveTheirLastCallDone) {
+  memory->insertData("Left", HXValue(0));
+  for (int i = 1; i <= 10; ++i) {
+    EXPECT_EQ(startAs("leaver")->finish(60s).status, 0);
+    EXPECT_TRUE(eventually([&] { return memory->getData("Left") == HXValue(i); })) << i;
   }
 }
 
@@ -322,6 +347,7 @@ int main(int argc, char** argv) {
   const char* const role = std::getenv("KORVO_STRESS_ROLE");
   if (role && std::string_view(role) == "subscriber") return HX::runSubscriber();
   if (role && std::string_view(role) == "clients") return HX::runClients();
+  if (role && std::string_view(role) == "leaver") return HX::runLeaver();
   testing::InitGoogleMock(&argc, argv);
   return RUN_ALL_TESTS();
 }

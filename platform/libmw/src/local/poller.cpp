@@ -1,5 +1,6 @@
 #include "poller.h"
 
+#include "../runtime/threadlocal.h"
 #include "../runtime/threadwait.h"
 
 #include <libmw/eventloop.h>
@@ -37,7 +38,7 @@ constexpr auto kGrace = 2s;
 constexpr std::uint64_t kWakeUp = 0;
 
 /// The term in which the calling thread leads; 0 when it does not.
-thread_local std::uint64_t ledTerm = 0;
+HX_THREAD_LOCAL std::uint64_t ledTerm = 0;
 
 File made(int number, const char* what) {
   if (number < 0) throw std::system_error(errno, std::generic_category(), what);
@@ -263,6 +264,9 @@ void Poller::monitor() {
       std::unique_lock lock(mutex_);
       monitorWanted_.wait(lock, [this] { return monitored_.load() || stopped_; });
       if (stopped_) {
+        lock.unlock();
+        askSockets();  // What waits to leave does, or never.
+        lock.lock();
         monitors_ = 0;
         changed_.notify_all();
         return;
@@ -292,7 +296,6 @@ void Poller::monitor() {
       idle = works_.load() == seen && working_.load() == 0 && !isWished ? idle + 1 : 0;
       seen = works_.load();
     }
-    if (stopped_) askSockets();  // Nobody else will.
     calm_ = false;
     monitored_ = false;
     // A call that began just before would not be looked at.

@@ -138,10 +138,7 @@ void SocketChannel::resumeWatching() {
 }
 
 void SocketChannel::lookAfter() {
-  if (holdsBack_) {
-    flush();
-    resumeWatching();
-  }
+  if (holdsBack_) flush();
   const std::uint64_t reading = reading_;
   if (reading < FirstClaim || std::exchange(seenClaim_, reading) != reading) return;
   changeReading(reading, Nobody);
@@ -293,7 +290,7 @@ void SocketChannel::flush() {
 /// Sends as much as the system takes now.
 /// @return 0, or the system's error when the connection is broken.
 int SocketChannel::writeLocked() {
-  holdsBack_ = false;
+  if (holdsBack_.exchange(false)) resumeWatching();  // Answers may come that no thread waits for by reading.
   while (!output_.empty()) {
     std::array<iovec, kGathered> parts{};
     std::size_t count = 0;

@@ -12,9 +12,6 @@
 namespace mw::remote {
 namespace {
 
-/// Calls that follow one another faster are made in one go: no answer comes so soon.
-constexpr std::chrono::microseconds kBurst{4};
-
 std::uint32_t nextLink() {
   static std::atomic<std::uint32_t> last{0};
   return ++last;
@@ -161,12 +158,14 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     const Chain chain = chainOfThisThread();
     Expectation expectation = expectAnswer(channel_, domain_, then);
     const bool waits = expectation && then == Calling::Waits;
+    auto place = BurstForecast::Place::Alone;
     {
       const std::lock_guard lock(mutex_);
       if (ended_) return Future<AnyValue>::failed(endedError());
+      if (then == Calling::GoesOn) place = bursts_.place(BurstForecast::Clock::now());
       id = pending_.add({std::move(promise), returns, std::move(expectation)});
     }
-    const bool leavesSoon = then == Calling::GoesOn && isOneOfMany();
+    const bool leavesSoon = place != BurstForecast::Place::Alone;
     if (!waits && !leavesSoon) channel_->resumeWatching();
     FrameBuffer buffer;
     Bytes& frame = buffer.bytes();
@@ -179,18 +178,12 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     requireSendable(frame, "the call");
     channel_->send(frame, leavesSoon ? Sending::Soon : Sending::Now);
     mention.sent();
+    if (then == Calling::GoesOn && place != BurstForecast::Place::Follows) bursts_.sent(BurstForecast::Clock::now());
   } catch (...) {
     takePending(id);
     return Future<AnyValue>::failed(std::current_exception());
   }
   return future;
-}
-
-/// A call that is made on its own leaves at once; of those that are made one right after another only the first does.
-bool Link::isOneOfMany() {
-  using Clock = std::chrono::steady_clock;
-  const auto now = Clock::now().time_since_epoch();
-  return now - Clock::duration(lastMade_.exchange(now.count())) < kBurst;
 }
 
 void Link::post(std::string_view target, GenericFunctionParameters parameters) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "burst.h"
 #include "chain.h"
 #include "channel.h"
 #include "objecttable.h"
@@ -135,7 +136,6 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
                  GenericFunctionParameters parameters, ObjectTable::Mention& mention);
   bool writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention);
   void writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTable::Mention& mention);
-  bool isOneOfMany();
   void requireSendable(const Bytes& frame, std::string_view what) const;
   AnyValue readValue(Reader& in);
   std::optional<Pending> takePending(std::uint32_t id);
@@ -169,7 +169,6 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::shared_ptr<ReservedService> reserved_;  // set once, by `start`
   OnEnd onEnd_;                                // likewise
   Promise<void> gone_;
-  std::atomic<std::chrono::steady_clock::rep> lastMade_{0};  // a call whose caller went on
   std::atomic<std::size_t> unawaited_{0};     // calls of chains that run although no thread waits in the chain
   std::atomic<std::size_t> waitingBytes_{0};  // of calls that have come and are not begun
 
@@ -182,6 +181,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   mutable std::mutex mutex_;          // Guards everything below.
   std::optional<std::string> ended_;  // the reason
   PendingCalls<Pending> pending_;
+  BurstForecast bursts_;
   std::unordered_map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions_;
 };
 

@@ -380,6 +380,22 @@ TEST_F(QuietSessions, SendWhatWaitsForOthersThoughNoneFollow) {
   EXPECT_TRUE(second.hasValue());
 }
 
+TEST_F(QuietSessions, SendACallThatWaitsForABurstWhichDoesNotCome) {
+  std::promise<int> told;
+  broker.registerService("Teller", makeService("Teller")
+                                       ->method("count", [](int i) { return i; })
+                                       .method("tell", [&](int i) { told.set_value(i); })
+                                       .build());
+  const AnyObject teller = lookUp(client, "Teller");
+  for (int burst = 0; burst < 100; ++burst) {
+    std::vector<Future<AnyValue>> flying;
+    for (int i = 0; i < 50; ++i) flying.push_back(teller->async("count", i));
+    for (int i = 0; i < 50; ++i) EXPECT_EQ(flying[static_cast<std::size_t>(i)].value().reference().to<int>(), i);
+  }
+  const auto alone = teller->async("tell", 7);
+  EXPECT_EQ(told.get_future().get(), 7);
+}
+
 TEST_F(QuietSessions, EmitWhatWaitsForOthersThoughTheNextCallLasts) {
   std::promise<void> begin;
   std::promise<void> heard;
