@@ -166,7 +166,7 @@ TEST_F(VanishingPeers, HaveTheirLastCallDone) {
   memory->insertData("Left", HXValue(0));
   for (int i = 1; i <= 10; ++i) {
     EXPECT_EQ(startAs("leaver")->finish(60s).status, 0);
-    EXPECT_TRUE(eventually([&] { return memory->getData("Left") == HXValue(i); })) << i;
+    ASSERT_TRUE(eventually([&] { return memory->getData("Left") == HXValue(i); })) << i;
   }
 }
 
@@ -333,7 +333,7 @@ TEST_F(DayOfTraffic, LeavesTheProcessAsSmallAsItWas) {
   }
   // The first round makes what stays: the table's places, the threads and their buffers. Connections that have ended
   // are kept until their next heartbeat would be due.
-  const std::size_t bound = bytes[1] + 256 * 1024;
+  const std::size_t bound = bytes[1] + (std::size_t{256} << 10);
   if (!kSanitized) {
     EXPECT_TRUE(eventually([&] { return allocated() <= bound; }))
         << allocated() << " bytes, after each round " << testing::PrintToString(bytes) << ", " << steps << " steps";

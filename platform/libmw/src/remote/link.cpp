@@ -1,4 +1,3 @@
-#include "../objects/emissionscope.h"
 #include "../runtime/threadwait.h"
 #include "chaincodec.h"
 #include "linkparts.h"
@@ -10,21 +9,6 @@
 #include <fmt/format.h>
 
 namespace mw::remote {
-namespace {
-
-std::uint32_t nextLink() {
-  static std::atomic<std::uint32_t> last{0};
-  return ++last;
-}
-
-/// What the thread has encoded last for one of several subscribers.
-struct EncodedArguments {
-  std::uint64_t emission = 0;
-  Bytes bytes;
-};
-
-}  // namespace
-
 Link::Link(std::shared_ptr<Channel> channel, Domain domain, const LinkOptions& options)
     : channel_(std::move(channel)), domain_(domain), options_(options) {}
 
@@ -194,54 +178,10 @@ void Link::post(std::string_view target, GenericFunctionParameters parameters) {
   send(target, parameters, true);
 }
 
-/// Sends a notification.
-/// @param write  Appends the target and the arguments.
-template <class Write>
-void Link::notify(const Write& write) {
-  FrameBuffer buffer;
-  Bytes& frame = buffer.bytes();
-  ObjectTable::Mention mention(objects_);
-  Writer out(frame);
-  out.list(3);
-  out.number(static_cast<std::uint32_t>(MessageType::Notification));
-  write(out, mention);
-  requireSendable(frame, "the message");
-  Together::send(channel_, frame);
-  mention.sent();
-}
-
 void Link::send(std::string_view target, GenericFunctionParameters parameters, bool inChain) {
   std::optional<Chain> chain;
   if (inChain) chain = chainOfThisThread();
   notify([&](Writer& out, ObjectTable::Mention& mention) { writeCall(out, target, chain, parameters, mention); });
-}
-
-void Link::emit(std::uint32_t number, GenericFunctionParameters emitted) {
-  try {
-    notify([&](Writer& out, ObjectTable::Mention& mention) {
-      out.text(kEmit);
-      out.list(static_cast<std::uint32_t>(1 + emitted.size()));
-      out.number(number);
-      writeEmitted(out, emitted, mention);
-    });
-  } catch (const std::exception& error) {
-    log::warning(kCategory, "emit", fmt::format("an emission does not reach {}: {}", peer(), error.what()));
-  }
-}
-
-/// What goes to several processes is encoded once.
-void Link::writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTable::Mention& mention) {
-  const std::uint64_t emission = EmissionScope::of(emitted);
-  auto* const kept = emission == 0 ? nullptr : keptByThread<EncodedArguments>();
-  if (kept && kept->emission == emission) return out.encoded(kept->bytes);
-  const std::size_t begin = out.bytes().size();
-  bool isForAll = true;
-  for (const AnyReference& argument : emitted) isForAll = writeValue(out, argument, mention) && isForAll;
-  const auto encoded = out.bytes().subspan(begin);
-  if (!kept || !isForAll || encoded.size() > kKeptFrame) return;
-  kept->emission = 0;
-  kept->bytes.assign(encoded.begin(), encoded.end());
-  kept->emission = emission;
 }
 
 std::optional<Link::Pending> Link::takePending(std::uint32_t id) {
@@ -252,37 +192,6 @@ std::optional<Link::Pending> Link::takePending(std::uint32_t id) {
 void Link::giveBack(std::uint32_t id, std::uint32_t references) {
   objects_.forget(id);
   tell("korvo.release", id, references);
-}
-
-Future<SignalLink> Link::connect(std::uint32_t object, unsigned signal, const SignalSubscriber& subscriber) {
-  const std::uint32_t link = nextLink();
-  {
-    const std::lock_guard lock(mutex_);
-    if (!ended_) subscriptions_.emplace(link, std::make_shared<Subscription>(subscriber));
-  }
-  return ask("korvo.connect", object, signal, link)
-      .then([self = shared_from_this(), link](const Future<AnyValue>& done) {
-        if (done.hasValue()) return Future<SignalLink>::ready(link);
-        std::shared_ptr<Subscription> unused;  // Goes after the lock.
-        {
-          const std::lock_guard lock(self->mutex_);
-          if (auto found = self->subscriptions_.extract(link)) unused = std::move(found.mapped());
-        }
-        return done.isCanceled() ? Future<SignalLink>::canceled() : Future<SignalLink>::failed(done.exception());
-      });
-}
-
-Future<void> Link::disconnect(SignalLink link) {
-  std::shared_ptr<Subscription> subscription;
-  {
-    const std::lock_guard lock(mutex_);
-    const auto found = subscriptions_.find(link);
-    if (found == subscriptions_.end()) return makeReadyFuture();
-    subscription = std::move(found->second);
-    subscriptions_.erase(found);
-  }
-  subscription->end();
-  return ask("korvo.disconnect", static_cast<std::uint32_t>(link)).andThen([](const AnyValue&) {});
 }
 
 }  // namespace mw::remote

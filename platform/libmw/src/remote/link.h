@@ -151,7 +151,8 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void queueEmissions(std::vector<Work>& works);
   bool takeEmissions(Subscription& subscription, std::vector<Emission>& taken);
   void deliver(SignalLink link, Subscription& subscription);
-  bool deliver(const Subscription& subscription, std::span<const Emission> emissions, Together& together, bool more);
+  bool deliver(const Subscription& subscription, std::span<Emission> emissions, Together& together, bool more);
+  void letGo(Emission& emission);
   Future<AnyValue> execute(const Incoming& call);
   Future<AnyValue> callMember(const AnyObject& object, std::string_view member, GenericFunctionParameters arguments);
   AnyObject targetAtArrival(std::string_view target) const;

@@ -15,9 +15,6 @@ namespace {
 
 constexpr std::uint32_t kMostArguments = 1024;
 constexpr std::string_view kReserved = "korvo.";
-/// So many emissions are delivered in one pass, which costs as much as a tenth of one.
-constexpr std::size_t kInOnePass = 32;
-
 std::optional<unsigned> numberIn(std::string_view text) {
   unsigned number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -183,92 +180,6 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
     });
     return;
   }
-}
-
-void Link::onEmission(Reader& in, std::size_t size, std::vector<Work>& works) {
-  Chain unused;
-  std::uint32_t count = beginArguments(in, unused);
-  if (count == 0) throw ProtocolError("an emission that names no link");
-  const SignalLink link = in.number();
-  if (link != arrived_.link) queueEmissions(works);
-  arrived_.link = link;
-  Emission& emission = arrived_.emissions.emplace_back(size);
-  try {
-    while (--count > 0) emission.arguments.push_back(readValue(in));
-  } catch (...) {
-    arrived_.emissions.pop_back();
-    throw;
-  }
-}
-
-/// Has those that came one after another wait for their subscriber.
-void Link::queueEmissions(std::vector<Work>& works) {
-  if (arrived_.emissions.empty()) return;
-  // Taken out: should it fail, what they hold goes, which may be what holds the link.
-  auto emissions = std::exchange(arrived_.emissions, {});
-  std::size_t size = 0;
-  for (const Emission& emission : emissions) size += emission.size;
-  std::shared_ptr<Subscription> idle;
-  {
-    const std::lock_guard lock(mutex_);
-    const auto found = subscriptions_.find(arrived_.link);
-    if (found != subscriptions_.end()) {  // It may be disconnected meanwhile.
-      countWaiting(size);
-      if (found->second->waiting.add(emissions)) idle = found->second;
-    }
-  }
-  emissions.clear();
-  arrived_.emissions.swap(emissions);  // The memory is used again.
-  if (!idle) return;
-  works.emplace_back([self = shared_from_this(), link = arrived_.link, idle] { self->deliver(link, *idle); });
-}
-
-bool Link::takeEmissions(Subscription& subscription, std::vector<Emission>& taken) {
-  const std::lock_guard lock(mutex_);
-  return subscription.waiting.take(taken);
-}
-
-/// Until none waits.
-void Link::deliver(SignalLink link, Subscription& subscription) {
-  Together together;
-  std::vector<Emission> emissions;
-  while (takeEmissions(subscription, emissions)) {
-    for (std::span<Emission> rest = emissions; !rest.empty();) {
-      const auto some = rest.first(std::min(rest.size(), kInOnePass));
-      rest = rest.subspan(some.size());
-      if (!deliver(subscription, some, together, !rest.empty())) disconnect(link);
-      std::size_t size = 0;
-      for (Emission& emission : some) {
-        size += emission.size;
-        emission.arguments.clear();  // Objects among them may go, and wait for whoever ends the subscription.
-      }
-      waitingBytes_ -= size;
-    }
-    together.flush();
-    emissions.clear();
-  }
-}
-
-/// Whoever ends the subscription meanwhile waits for no more than the present one.
-/// @param more  Others come after these.
-/// @return False when the subscriber is of no more use.
-bool Link::deliver(const Subscription& subscription, std::span<const Emission> emissions, Together& together,
-                   bool more) {
-  const auto pass = subscription.enter();
-  bool isOfUse = true;
-  for (const Emission& emission : emissions) {
-    if (!pass || subscription.isOver() || !isOfUse) break;
-    together.hold(more || &emission != &emissions.back());
-    try {
-      // One for each: what an emission has begun may call back while the next is delivered, which has other locks.
-      const Serving serving({}, domain_);
-      isOfUse = subscription.deliver(emission);
-    } catch (...) {
-      // There is no memory, for a report neither. Those that follow are delivered all the same.
-    }
-    together.hold(false);
-  }
-  return isOfUse;
 }
 
 // --- Serving --------------------------------------------------------------------------------------------------------

@@ -1,6 +1,6 @@
 #pragma once
 
-// What the two sources of a Link share: link.cpp calls, link_serving.cpp is called.
+// What the sources of a Link share: link.cpp calls, link_serving.cpp is called, link_signals.cpp emits and delivers.
 
 #include "../runtime/threadlocal.h"
 #include "link.h"
@@ -96,6 +96,22 @@ class Together {
   Together* const outer_ = std::exchange(present_, nullptr);
   std::vector<std::shared_ptr<Channel>> held_;
 };
+
+/// Sends a notification.
+/// @param write  Appends the target and the arguments.
+template <class Write>
+void Link::notify(const Write& write) {
+  FrameBuffer buffer;
+  Bytes& frame = buffer.bytes();
+  ObjectTable::Mention mention(objects_);
+  Writer out(frame);
+  out.list(3);
+  out.number(static_cast<std::uint32_t>(MessageType::Notification));
+  write(out, mention);
+  requireSendable(frame, "the message");
+  Together::send(channel_, frame);
+  mention.sent();
+}
 
 /// Done here and now where the event loop has ended with the process.
 inline void postOrRun(const std::function<void()>& task) {

@@ -31,7 +31,8 @@ struct Emission {
   ~Emission() = default;
 
   ArgumentValues arguments;
-  std::size_t size;  ///< Of the message, in bytes.
+  bool hasObjects = false;  ///< Among the arguments.
+  std::size_t size;         ///< Of the message, in bytes; 0 once it has been let go of.
 };
 
 /// Emissions that wait for their subscriber, in their order. They lie in memory that is used again, since a signal
@@ -40,6 +41,9 @@ struct Emission {
 /// @par Threads  One at a time.
 class EmissionQueue {
  public:
+  /// What a burst has made larger is given back.
+  static constexpr std::size_t kKept = 256;
+
   /// @param emissions  Left as they are when there is no memory; nothing that matters is in them otherwise.
   /// @return True when nobody takes from the queue: the caller sees that it is done.
   bool add(std::vector<Emission>& emissions) {
@@ -61,9 +65,6 @@ class EmissionQueue {
   }
 
  private:
-  /// What a burst has made larger is given back.
-  static constexpr std::size_t kKept = 256;
-
   std::vector<Emission> waiting_;
   bool isTaken_ = false;
 };

@@ -394,6 +394,7 @@ TEST_F(QuietSessions, SendACallThatWaitsForABurstWhichDoesNotCome) {
   }
   const auto alone = teller->async("tell", 7);
   EXPECT_EQ(told.get_future().get(), 7);
+  alone.wait();
 }
 
 TEST_F(QuietSessions, EmitWhatWaitsForOthersThoughTheNextCallLasts) {

@@ -178,6 +178,41 @@ TEST(Link, GoesThoughWhatItDidNotTakeHoldsIt) {
   EXPECT_TRUE(link.expired());
 }
 
+TEST(Link, CountsWhatWaitsAndNotWhatWasDelivered) {
+  constexpr int kMany = 40;
+  const Side peer;
+  const Side side({.inputLimit = 1000});
+  const std::string text(200, 'x');
+  int delivered = 0;
+  std::uint32_t number = 0;
+  number = follow(side, SignalSubscriber([&](const std::string&) {
+                    for (int more = delivered++ == 0 ? 3 : 1; more > 0 && delivered < kMany; --more) {
+                      side.channel->receive(emissionOf(peer, number, text));
+                    }
+                  }));
+  side.channel->receive(emissionOf(peer, number, text));
+  EXPECT_FALSE(side.channel->isEnded()) << "after " << delivered;
+  EXPECT_GE(delivered, kMany);
+  side.channel->end("the test is over");
+  side.link->gone().wait();
+}
+
+TEST(Link, GivesAnObjectBackBeforeTheNextIsDelivered) {
+  const Side peer;
+  const Side side;
+  std::vector<bool> givenBack;
+  const auto lamp = [] { return makeService("Lamp")->method("lit", [] { return true; }).build(); };
+  const std::uint32_t number =
+      follow(side, SignalSubscriber([&](const AnyObject&) { givenBack.push_back(!side.channel->takeSent().empty()); }));
+  const Bytes first = emissionOf(peer, number, lamp());
+  side.channel->receive(first, emissionOf(peer, number, lamp()));
+  EXPECT_THAT(givenBack, testing::ElementsAre(false, true));
+  for (const Side* one : {&peer, &side}) {
+    one->channel->end("the test is over");
+    one->link->gone().wait();
+  }
+}
+
 struct Mortal final : Service {
   using Service::Service;
   ~Mortal() override { atEnd(); }
