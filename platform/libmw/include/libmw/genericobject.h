@@ -58,7 +58,8 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
   /// Calls `method` without waiting. Failures, also of the choice among overloads, are the future's.
   ///
   /// Calls to another process that a thread makes within microseconds of each other leave together: as soon as it
-  /// waits for one of them, and within two milliseconds if it does not.
+  /// waits for one of them, and within two milliseconds if it does not. So does a single one where calls that came
+  /// together, again and again just before, make it look like the first of more.
   template <class... Args>
   Future<AnyValue> async(std::string_view method, const Args&... args) {
     return detail::withParameters([&](GenericFunctionParameters parameters) { return callLater(method, parameters); },

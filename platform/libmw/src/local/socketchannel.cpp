@@ -290,8 +290,7 @@ void SocketChannel::flush() {
 /// Sends as much as the system takes now.
 /// @return 0, or the system's error when the connection is broken.
 int SocketChannel::writeLocked() {
-  // Answers may come that no thread waits for by reading. Should a parked socket be left so, they are late by two ticks
-  // of the poller's monitor, no more: which is why no test tells.
+  // Answers may come that no thread waits for by reading: from a parked socket two ticks of the poller's monitor late.
   if (holdsBack_.exchange(false)) resumeWatching();
   while (!output_.empty()) {
     std::array<iovec, kGathered> parts{};

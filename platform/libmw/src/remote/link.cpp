@@ -151,17 +151,12 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     }
     const bool leavesSoon = place != BurstForecast::Place::Alone;
     if (!waits && !leavesSoon) channel_->resumeWatching();
-    FrameBuffer buffer;
-    Bytes& frame = buffer.bytes();
-    ObjectTable::Mention mention(objects_);
-    Writer out(frame);
-    out.list(4);
-    out.number(static_cast<std::uint32_t>(MessageType::Request));
-    out.number(id);
-    writeCall(out, target, chain, parameters, mention);
-    requireSendable(frame, "the call");
-    channel_->send(frame, leavesSoon ? Sending::Soon : Sending::Now);
-    mention.sent();
+    Draft draft(objects_, MessageType::Request);
+    draft.out.number(id);
+    writeCall(draft.out, target, chain, parameters, draft.mention);
+    requireSendable(draft.frame, "the call");
+    channel_->send(draft.frame, leavesSoon ? Sending::Soon : Sending::Now);
+    draft.mention.sent();
     if (then == Calling::GoesOn && place != BurstForecast::Place::Follows) bursts_.sent(BurstForecast::Clock::now());
   } catch (...) {
     takePending(id);

@@ -267,19 +267,12 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
         [self = shared_from_this(), call](const Future<AnyValue>& done) { self->answer(call, done, Sending::Now); });
     return;
   }
-  FrameBuffer buffer;
-  Bytes& frame = buffer.bytes();
-  ObjectTable::Mention mention(objects_);
+  Draft draft(objects_, MessageType::Response);
   const auto write = [&](const HX::HXValue& error, const AnyReference& value) {
-    frame.clear();
-    mention.takeBack();
-    Writer out(frame);
-    out.list(4);
-    out.number(static_cast<std::uint32_t>(MessageType::Response));
-    out.number(*call->id);
-    out.value(error);
-    writeValue(out, value, mention);
-    requireSendable(frame, "the result");
+    draft.out.number(*call->id);
+    draft.out.value(error);
+    writeValue(draft.out, value, draft.mention);
+    requireSendable(draft.frame, "the result");
   };
   try {
     if (result.hasValue()) {
@@ -290,10 +283,11 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
             {});
     }
   } catch (...) {
+    draft.beginAnew();
     write(toValue(std::current_exception()), {});
   }
-  channel_->send(frame, when);
-  mention.sent();
+  channel_->send(draft.frame, when);
+  draft.mention.sent();
 }
 
 }  // namespace mw::remote

@@ -97,20 +97,36 @@ class Together {
   std::vector<std::shared_ptr<Channel>> held_;
 };
 
+/// A message while it is written, and the objects that it mentions.
+struct Draft {
+  Draft(ObjectTable& objects, MessageType kind) : mention(objects), type(kind) { writeHead(); }
+
+  void beginAnew() {
+    frame.clear();
+    mention.takeBack();
+    writeHead();
+  }
+  void writeHead() {
+    out.list(type == MessageType::Notification ? 3 : 4);
+    out.number(static_cast<std::uint32_t>(type));
+  }
+
+  FrameBuffer buffer;
+  Bytes& frame = buffer.bytes();
+  ObjectTable::Mention mention;
+  Writer out{frame};
+  const MessageType type;
+};
+
 /// Sends a notification.
 /// @param write  Appends the target and the arguments.
 template <class Write>
 void Link::notify(const Write& write) {
-  FrameBuffer buffer;
-  Bytes& frame = buffer.bytes();
-  ObjectTable::Mention mention(objects_);
-  Writer out(frame);
-  out.list(3);
-  out.number(static_cast<std::uint32_t>(MessageType::Notification));
-  write(out, mention);
-  requireSendable(frame, "the message");
-  Together::send(channel_, frame);
-  mention.sent();
+  Draft draft(objects_, MessageType::Notification);
+  write(draft.out, draft.mention);
+  requireSendable(draft.frame, "the message");
+  Together::send(channel_, draft.frame);
+  draft.mention.sent();
 }
 
 /// Done here and now where the event loop has ended with the process.
