@@ -1,7 +1,7 @@
 #include "logcategories.h"
 
+#include <hxbase/detail/notifierlock.h>
 #include <hxbase/hxmemory.h>
-#include <hxbase/notifierlock.h>
 #include <hxcommon/hxbroker.h>
 #include <libmw/eventloop.h>
 

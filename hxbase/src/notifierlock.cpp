@@ -1,6 +1,6 @@
 #include "logcategories.h"
 
-#include <hxbase/notifierlock.h>
+#include <hxbase/detail/notifierlock.h>
 
 #include <atomic>
 #include <cstdint>

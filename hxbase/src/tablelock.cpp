@@ -1,4 +1,4 @@
-#include <hxbase/tablelock.h>
+#include <hxbase/detail/tablelock.h>
 
 #include <algorithm>
 #include <utility>

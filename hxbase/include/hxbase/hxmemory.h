@@ -1,8 +1,8 @@
 #pragma once
 
-#include <hxbase/nametable.h>
+#include <hxbase/detail/nametable.h>
+#include <hxbase/detail/tablelock.h>
 #include <hxbase/stmvalue.h>
-#include <hxbase/tablelock.h>
 #include <hxcommon/hxmodule.h>
 #include <hxerror/hxerror.h>
 #include <libmw/session.h>

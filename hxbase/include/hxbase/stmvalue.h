@@ -1,10 +1,10 @@
 #pragma once
 
+#include <hxbase/detail/notifierlock.h>
+#include <hxbase/detail/scalarview.h>
+#include <hxbase/detail/wordlock.h>
 #include <hxbase/hxmemorysignal.h>
-#include <hxbase/notifierlock.h>
-#include <hxbase/scalarview.h>
 #include <hxbase/stmnotifier.h>
-#include <hxbase/wordlock.h>
 #include <hxvalue/hxvalue.h>
 #include <libmw/clock.h>
 #include <libmw/future.h>

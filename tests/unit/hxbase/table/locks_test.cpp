@@ -2,8 +2,8 @@
 
 #include "together.h"
 
-#include <hxbase/tablelock.h>
-#include <hxbase/wordlock.h>
+#include <hxbase/detail/tablelock.h>
+#include <hxbase/detail/wordlock.h>
 
 #include <array>
 #include <atomic>

@@ -1,4 +1,4 @@
-#include <hxbase/nametable.h>
+#include <hxbase/detail/nametable.h>
 
 #include <algorithm>
 #include <map>

@@ -1,4 +1,4 @@
-#include <hxbase/scalarview.h>
+#include <hxbase/detail/scalarview.h>
 
 #include <atomic>
 #include <cstdint>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <hxbase/wordlock.h>
+#include <hxbase/detail/wordlock.h>
 
 #include <atomic>
 #include <chrono>
