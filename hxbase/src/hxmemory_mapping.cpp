@@ -98,7 +98,11 @@ void HXMemory::declareEventsFromService(const std::string& service,
                                         const std::map<std::string, std::string>& signalEvent) {
   bool found = false;
   const mw::AnyObject object = findService(service, found);
-  if (!found) return;
+  if (found) mapSignals(object, service, signalEvent);
+}
+
+void HXMemory::mapSignals(const mw::AnyObject& object, const std::string& service,
+                          const std::map<std::string, std::string>& signalEvent) {
   for (const auto& [signal, event] : signalEvent) mapSignal(object, service, signal, event, "declareEventsFromService");
 }
 
@@ -137,7 +141,16 @@ void HXMemory::mapSignal(const mw::AnyObject& object, const std::string& service
 void HXMemory::onServiceRegistered(const std::string& service) {
   const MappingLock lock(*this);
   const auto pending = pendingMappings.find(service);
-  if (pending != pendingMappings.end()) declareEventsFromService(service, pending->second);
+  if (pending == pendingMappings.end()) return;
+  bool found = false;
+  const mw::AnyObject object = findService(service, found);
+  if (!found) return;
+  if (object) {
+    auto& mapped = mappedServices[service];
+    if (mapped.lock() == object.pointer()) return;
+    mapped = object.pointer();
+  }
+  mapSignals(object, service, pending->second);
 }
 
 mw::AnyReference HXMemory::onSignalReceived(const std::string& event, const std::vector<mw::AnyReference>& args) {

@@ -6,8 +6,7 @@
 
 namespace HX {
 
-void* HXMemory::pointerTo(const std::string& key, const char* method, const HXValue& defaultValue,
-                          const std::function<void*(HXValue&)>& access) {
+void* HXMemory::pointerTo(const std::string& key, const char* method, const HXValue& defaultValue) {
   try {
     while (true) {
       const auto item = xRequireSTMValue(key, STMValue::Data, defaultValue);
@@ -16,7 +15,7 @@ void* HXMemory::pointerTo(const std::string& key, const char* method, const HXVa
       }
       // The item is marked before the address is asked for, and stays marked when there is none to be had: callers have
       // come to rely on it.
-      void* const address = item->accessPointer(access);
+      void* const address = item->accessPointer(defaultValue.getType());
       // A removal that came between the look-up and the mark would take the address with it.
       if (xGetSTMValue(key) == item) return address;
     }
@@ -25,17 +24,12 @@ void* HXMemory::pointerTo(const std::string& key, const char* method, const HXVa
   }
 }
 
-void* HXMemory::getPtrData(const std::string& key) {
-  return pointerTo(key, "getPtrData", HXValue(), [](HXValue& value) { return value.getPtrValue(); });
-}
+void* HXMemory::getPtrData(const std::string& key) { return pointerTo(key, "getPtrData", HXValue()); }
 
-int* HXMemory::getIntPtr(const std::string& key) {
-  return static_cast<int*>(pointerTo(key, "getIntPtr", HXValue(0), [](HXValue& value) { return value.getIntPtr(); }));
-}
+int* HXMemory::getIntPtr(const std::string& key) { return static_cast<int*>(pointerTo(key, "getIntPtr", HXValue(0))); }
 
 float* HXMemory::getFloatPtr(const std::string& key) {
-  return static_cast<float*>(
-      pointerTo(key, "getFloatPtr", HXValue(0.0F), [](HXValue& value) { return value.getFloatPtr(); }));
+  return static_cast<float*>(pointerTo(key, "getFloatPtr", HXValue(0.0F)));
 }
 
 void HXMemory::_insertObject(const std::string& name, const HXValue& buffer, const int& /*bufferSize*/) {

@@ -107,11 +107,15 @@ void HXMemory::xUnsubscribeToEvent(const std::string& name, const std::string& m
 }
 
 std::shared_ptr<HXProxy> HXMemory::frameManager(const char* caller) {
+  const auto broker = getParentBroker();
+  std::shared_ptr<HXProxy> known;
   {
     const std::lock_guard lock(frameManagerLock);
-    if (auto known = frameManagerProxy.lock()) return known;
+    known = frameManagerProxy.lock();
   }
-  auto proxy = getParentBroker()->getProxy("HXFrameManager", 0);
+  // Somebody may hold the proxy of a frame manager that has left.
+  if (known && broker->isCurrent(*known)) return known;
+  auto proxy = broker->getProxy("HXFrameManager", 0);
   if (!proxy) {
     HX_LOG_AS(Error, memoryCategory(), caller, "Cannot get frame manager proxy");
     throw std::runtime_error("Cannot get frame manager proxy");

@@ -10,8 +10,6 @@
 
 namespace HX {
 
-HXBroker* staticBroker = nullptr;
-
 namespace {
 
 constexpr std::size_t kHistoryDepth = 50;
@@ -124,11 +122,12 @@ bool STMValue::isDataPtrAccessed() const {
   return dataPtrAccessed_;
 }
 
-void* STMValue::accessPointer(const std::function<void*(HXValue&)>& use) {
+void* STMValue::accessPointer(HXValue::Type type) {
   const std::lock_guard lock(valueLock_);
   dataPtrAccessed_ = true;
   show();
-  return use(value_);
+  if (type == HXValue::Type::Int) return value_.getIntPtr();
+  return type == HXValue::Type::Float ? value_.getFloatPtr() : value_.getPtrValue();
 }
 
 void STMValue::reserveHistory() {

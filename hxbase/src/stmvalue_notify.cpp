@@ -41,7 +41,9 @@ class Retirement {
   int count_ = 0;
 };
 
-// Beside the broker's address: a memory may be held, and raise, when its broker has gone. Written as `staticBroker` is.
+// Of the broker only its session, and weakly: a memory may be held, and raise, when its broker has gone, and a raise
+// that were the last to hold the broker would shut it down. Written when a memory is made and when it goes, with no
+// other thread in it.
 std::weak_ptr<mw::Session> brokerSession;
 
 mw::Future<mw::AnyObject> lookUp(const std::string& module) {
@@ -53,7 +55,6 @@ mw::Future<mw::AnyObject> lookUp(const std::string& module) {
 }  // namespace
 
 void STMValue::setBrokerInstance(const std::shared_ptr<HXBroker>& broker) {
-  staticBroker = broker.get();
   brokerSession = broker ? broker->session() : nullptr;
 }
 

@@ -9,7 +9,6 @@
 #include <libmw/trackable.h>
 
 #include <atomic>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -228,12 +227,13 @@ class HXMemory : public HXModule {
                  const std::string& method);
   void announce(const std::string& event, const HXValue& name);
   std::shared_ptr<STMValue> requireItem(const std::string& name, const char* method) const;
-  void* pointerTo(const std::string& key, const char* method, const HXValue& defaultValue,
-                  const std::function<void*(HXValue&)>& access);
+  void* pointerTo(const std::string& key, const char* method, const HXValue& defaultValue);
   HXValue describe(std::string_view name, const STMValue& item) const;
   std::string extractorOf(const std::string& event);
   std::shared_ptr<HXProxy> frameManager(const char* caller);
   mw::AnyObject findService(const std::string& service, bool& found) const;
+  void mapSignals(const mw::AnyObject& object, const std::string& service,
+                  const std::map<std::string, std::string>& signalEvent);
   void applyPendingMappings();
   void mapSignal(const mw::AnyObject& object, const std::string& service, const std::string& signal,
                  const std::string& event, const char* caller);
@@ -247,8 +247,11 @@ class HXMemory : public HXModule {
   NameTable<STMValue> items;
   mutable TableLock itemsLock;  // Guards `items`: which item a name means, not what is in the item.
   std::map<std::string, std::map<std::string, std::string>> pendingMappings;
+  /// By service, what its notice was answered for. A service that restarts while notices wait is found by each of them,
+  /// and is to be connected once.
+  std::map<std::string, std::weak_ptr<mw::GenericObject>> mappedServices;
   class MappingLock;
-  std::mutex mappingMutex;                     // Guards `pendingMappings`.
+  std::mutex mappingMutex;                     // Guards `pendingMappings` and `mappedServices`.
   std::atomic<std::thread::id> mappingOwner_;  // The thread that holds `mappingMutex`, so that it is not asked to wait.
   mw::SignalLink serviceRegisteredLink = mw::kInvalidSignalLink;
 };

@@ -11,7 +11,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -25,10 +24,6 @@ namespace HX {
 
 class HXBroker;
 class HXMemory;
-
-/// The broker that hosts the memory, for code that has no module at hand. Not owned. Written when a memory is made and
-/// when it goes, with no other thread in it.
-extern HXBroker* staticBroker;
 
 /// One item of the memory: its value and kind, its history, its subscriptions, its signal.
 ///
@@ -82,9 +77,10 @@ class alignas(64) STMValue {
   /// [value, seconds, microseconds] of the last write.
   HXValue getValueTimeStamp() const;
   bool isDataPtrAccessed() const;
-  /// Marks the item as one whose address is known, for good, and hands `use` the value. The mark stays when `use`
-  /// throws.
-  void* accessPointer(const std::function<void*(HXValue&)>& use);
+  /// Marks the item as one whose address is known, for good, and gives the address.
+  /// @param type  Int or Float; any other for the address of whichever scalar is there, or is still to come.
+  /// @throws std::runtime_error when the value is of another type; the mark stays.
+  void* accessPointer(HXValue::Type type);
 
   // --- History -------------------------------------------------------------------------------------------------------
 

@@ -81,21 +81,26 @@ std::shared_ptr<HXProxy> HXBroker::getProxy(const std::string& name, int) {
   return known;
 }
 
+bool HXBroker::isCurrent(const HXProxy& proxy) const {
+  // The name may have found another module by now: what counts is the handle.
+  if (const mw::AnyObject offered = session_->ownService(proxy.moduleName())) {
+    return offered.pointer() == proxy.asObject().pointer();
+  }
+  const std::lock_guard lock(mutex_);
+  const auto found = proxies_.find(proxy.moduleName());
+  return found != proxies_.end() && found->second.get() == &proxy;
+}
+
 /// Forgets the proxy of a service that is not offered any more. The notice of it may come late, when a successor has
 /// been registered and asked for: that one's proxy stays.
 void HXBroker::forgetStaleProxy(const std::string& name) {
-  std::shared_ptr<HXProxy> stale;
-  {
-    const std::lock_guard lock(mutex_);
-    const auto found = proxies_.find(name);
-    if (found == proxies_.end()) return;
-    stale = found->second;
-  }
-  const auto offered = session_->services();
-  if (std::ranges::find(offered, name, &mw::ServiceInfo::name) != offered.end()) return;
+  const mw::AnyObject offered = session_->ownService(name);
+  std::shared_ptr<HXProxy> stale;  // Dropped after the lock, since its object may go with it.
   const std::lock_guard lock(mutex_);
   const auto found = proxies_.find(name);
-  if (found != proxies_.end() && found->second == stale) proxies_.erase(found);
+  if (found == proxies_.end() || (offered && found->second->asObject().pointer() == offered.pointer())) return;
+  stale = std::move(found->second);
+  proxies_.erase(found);
 }
 
 void HXBroker::loadModule(const std::string& library) {

@@ -35,10 +35,15 @@ class EventsFixture : public kit::MemoryFixture {
 
   std::vector<std::string> subscribers(const std::string& event = "E") { return memory->getDataSubscriber(event); }
 
-  void withdraw(const std::string& name) {
+  /// Withdraws a service, of which the notice is still to come.
+  void leave(const std::string& name) {
     for (const auto& service : broker->session()->services()) {
       if (service.name == name) broker->session()->unregisterService(service.id);
     }
+  }
+
+  void withdraw(const std::string& name) {
+    leave(name);
     mw::defaultLoop().drain();
   }
 };

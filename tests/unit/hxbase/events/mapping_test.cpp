@@ -108,6 +108,21 @@ TEST_F(Mapping, AddedTwiceRaisesTwiceAndOnceForServicesThatComeBack) {
   EXPECT_EQ(raisesOf("E", [&] { second->opened(HXValue(1)); }), 1U);
 }
 
+TEST_F(Mapping, RaisesOnceForAServiceThatRestartsWhileNoticesWait) {
+  memory->addMapping("Door", "opened", "E");
+  std::shared_ptr<Door> door;
+  {
+    const mw::Session::NoticeHold hold(*broker->session());
+    for (int restart = 0; restart < 3; ++restart) {
+      leave("Door");
+      door = std::make_shared<Door>();
+      broker->session()->registerService("Door", mw::AnyObject(door));
+    }
+  }
+  mw::defaultLoop().drain();
+  EXPECT_EQ(raisesOf("E", [&] { door->opened(HXValue(1)); }), 1U);
+}
+
 TEST_F(Mapping, OfTheSameSignalReplacesTheEventForServicesToCome) {
   const kit::CaptureLog log({"hxmemory"});
   memory->addMapping("Door", "opened", "old");

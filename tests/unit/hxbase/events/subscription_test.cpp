@@ -102,6 +102,25 @@ TEST_F(Boxes, FollowAFrameManagerThatIsReplaced) {
   EXPECT_THAT(calls_, ElementsAre("first", "second"));
 }
 
+TEST_F(Boxes, FollowAFrameManagerWhoseLeavingNobodyHasHeardOf) {
+  offerFrameManager();
+  memory->unsubscribeToEvent("first", "_BehaviorBox");
+  {
+    const mw::Session::NoticeHold hold(*broker->session());
+    leave("HXFrameManager");
+    offerFrameManager();
+    memory->unsubscribeToEvent("second", "_BehaviorBox");
+  }
+  mw::defaultLoop().drain();
+  const auto held = broker->getProxy("HXFrameManager");
+  leave("HXFrameManager");
+  mw::defaultLoop().drain();
+  offerFrameManager();
+  memory->unsubscribeToEvent("third", "_BehaviorBox");
+  EXPECT_THAT(calls_, ElementsAre("first", "second", "third"));
+  EXPECT_FALSE(broker->isCurrent(*held));
+}
+
 TEST_F(Boxes, AskForTheFrameManagerAllAtOnce) {
   offerFrameManager();
   kit::together(4, [this] {

@@ -35,6 +35,47 @@ TEST_F(StoredValues, OfOtherKindsAreNamedButNotDescribed) {
   EXPECT_STREQ(STMValue::kindText(static_cast<STMValue::dataType>(5)), "Unknown");
 }
 
+TEST_F(StoredValues, TakeTheValuesThatTheirAddressAllows) {
+  struct Write {
+    HXValue before, after;
+    bool isAddressKnown;
+    std::string error = {};
+  };
+  const auto refusal = [](const std::string& from, const std::string& to) {
+    return "HXMemory.setValue: Can't change the type of the value from " + from + " to " + to +
+           " because getDataPtr has been called on it.";
+  };
+  const Write writes[] = {{1, "text", false},
+                          {1, HXValue(), false},
+                          {1, 1, true},
+                          {1.5F, 2.5F, true},
+                          {HXValue(), 1, true},
+                          {HXValue(), 1.5F, true},
+                          {HXValue(), HXValue(), true},
+                          {HXValue(), 1.5, true, refusal("Invalid", "Double")},
+                          {HXValue(), "text", true, refusal("Invalid", "String")},
+                          {1, HXValue(), true, refusal("Int", "Invalid")},
+                          {1, 1.5F, true, refusal("Int", "Float")},
+                          {1.5F, true, true, refusal("Float", "Bool")}};
+  const mw::SystemTimePoint later(std::chrono::microseconds(5'000'007));
+  for (const Write& write : writes) {
+    const auto item = STMValue::create(memory.get(), "key", write.before, STMValue::Data);
+    if (write.isAddressKnown) item->accessPointer(HXValue::Type::Invalid);
+    const std::string text = write.before.toString() + " to " + write.after.toString();
+    const bool isWritten = write.error.empty();
+    const auto set = [&] { item->setValue(write.after, STMValue::Event, later); };
+    if (isWritten) {
+      set();
+    } else {
+      EXPECT_EQ(errorOf(set), write.error) << text;
+    }
+    EXPECT_EQ(item->getValueTimeStamp(),
+              isWritten ? HXValue::list({write.after, 5, 7}) : HXValue::list({write.before, 0, 0}))
+        << text;
+    EXPECT_EQ(item->getDataType(), isWritten ? STMValue::Event : STMValue::Data) << text;
+  }
+}
+
 TEST_F(StoredValues, StayWithThoseWhoHoldTheirItemAfterItsRemoval) {
   memory->insertData("key", HXValue("held"));
   const auto item = memory->xGetSTMValue("key");
