@@ -10,6 +10,8 @@
 
 namespace HX {
 
+HXBroker* staticBroker = nullptr;
+
 namespace {
 
 constexpr std::size_t kHistoryDepth = 50;

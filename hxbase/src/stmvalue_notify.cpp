@@ -41,13 +41,13 @@ class Retirement {
   int count_ = 0;
 };
 
-// Of the broker only its session, and weakly: a memory may be held, and raise, when its broker has gone, and a raise
-// that were the last to hold the broker would shut it down. Written when a memory is made and when it goes, with no
-// other thread in it.
+// The session of `staticBroker`, written with it. The address does not tell whether the broker is still there: a memory
+// may be held, and raise, when its broker has gone. Holding the broker itself meanwhile would not do, for a raise that
+// came to be the last to hold it would shut it down.
 std::weak_ptr<mw::Session> brokerSession;
 
 mw::Future<mw::AnyObject> lookUp(const std::string& module) {
-  const auto session = brokerSession.lock();
+  const auto session = staticBroker ? brokerSession.lock() : nullptr;
   if (!session) return mw::makeFailedFuture<mw::AnyObject>("the broker of the memory is gone");
   return session->service(module, "");
 }
@@ -55,6 +55,7 @@ mw::Future<mw::AnyObject> lookUp(const std::string& module) {
 }  // namespace
 
 void STMValue::setBrokerInstance(const std::shared_ptr<HXBroker>& broker) {
+  staticBroker = broker.get();
   brokerSession = broker ? broker->session() : nullptr;
 }
 

@@ -25,6 +25,10 @@ namespace HX {
 class HXBroker;
 class HXMemory;
 
+/// The broker that hosts the memory: where notification finds its subscribers. Not owned. Written when a memory is made
+/// and when it goes, with no other thread in it.
+extern HXBroker* staticBroker;
+
 /// One item of the memory: its value and kind, its history, its subscriptions, its signal.
 ///
 /// Lifetime: made by `create`, shared by the table and by whoever looked it up, so that an item taken out of the table
