@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <ctime>
-#include <iterator>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -13,26 +12,6 @@
 namespace korvo {
 
 using HX::HXValue;
-
-std::string escapeControls(std::string_view text) {
-  std::string line;
-  line.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '\n') {
-      line += "\\n";
-    } else if (c == '\r') {
-      line += "\\r";
-    } else if (c == '\t') {
-      line += "\\t";
-    } else if (byte < 0x20 || byte == 0x7f) {
-      fmt::format_to(std::back_inserter(line), "\\x{:02x}", byte);
-    } else {
-      line += c;
-    }
-  }
-  return line;
-}
 
 std::string excerpt(std::string_view text) {
   constexpr std::size_t kLongest = 64;

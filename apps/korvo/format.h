@@ -3,6 +3,7 @@
 #include <hxvalue/hxvalue.h>
 #include <libmw/anyvalue.h>
 #include <libmw/clock.h>
+#include <libmw/text.h>
 
 #include <optional>
 #include <string>
@@ -10,8 +11,7 @@
 
 namespace korvo {
 
-/// `text` on one line: line ends and control characters as escapes (`\n`, `\x1b`), everything else as it is.
-std::string escapeControls(std::string_view text);
+using mw::escapeControls;
 
 /// As much of what was given as an error shows of it, cut between characters.
 std::string excerpt(std::string_view text);

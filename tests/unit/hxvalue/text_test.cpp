@@ -17,6 +17,7 @@ TEST(Text, isOneReadableLine) {
       {-std::numeric_limits<float>::quiet_NaN(), "nan", "Float nan"},
       {-std::numeric_limits<double>::infinity(), "-inf", "Double -inf"},
       {"a\"\n\x1b", R"("a\"\n\u001b")", R"(String "a\"\n\u001b")"},
+      {"\x7f\xc2\x80\xc2\x9f\xc2\xa0", "\"\\u007f\\u0080\\u009f\xc2\xa0\"", "String \"\\u007f\\u0080\\u009f\xc2\xa0\""},
       {"a\xff", "\"a\uFFFD\"", "String \"a\uFFFD\""},
       {HXValue::Binary(4), "<4 bytes>", "Binary <4 bytes>"},
       {HXValue::list({"a", 1, HXValue::list({2.0F}), HXValue()}), R"(["a", 1, [2.0], null])",

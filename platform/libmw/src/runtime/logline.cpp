@@ -1,32 +1,16 @@
 #include "logline.h"
 
+#include <libmw/text.h>
+
 #include <cerrno>
 #include <csignal>
 #include <ctime>
-#include <iterator>
 
 #include <fmt/format.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
 namespace mw::log {
 namespace {
-
-void appendEscaped(std::string& line, std::string_view text) {
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '\n') {
-      line += "\\n";
-    } else if (c == '\r') {
-      line += "\\r";
-    } else if (c == '\t') {
-      line += "\\t";
-    } else if (byte < 0x20 || byte == 0x7f) {
-      fmt::format_to(std::back_inserter(line), "\\x{:02x}", byte);
-    } else {
-      line += c;
-    }
-  }
-}
 
 /// Keeps a write to a pipe without a reader from ending the process, without touching the process's handlers: the
 /// signal is raised for the writing thread, which holds it back and then takes it out.
@@ -69,13 +53,8 @@ spdlog::sinks::stderr_sink_mt& stderrSink() {
 }  // namespace
 
 std::string formatLine(const LogRecord& record) {
-  std::string line = fmt::format("[{}] ", toString(record.level));
-  appendEscaped(line, record.category);
-  line += ' ';
-  appendEscaped(line, record.function);
-  line += ": ";
-  appendEscaped(line, record.text);
-  return line;
+  return fmt::format("[{}] {} {}: {}", toString(record.level), escapeControls(record.category),
+                     escapeControls(record.function), escapeControls(record.text));
 }
 
 void writeStderr(const std::string& line) noexcept {

@@ -121,7 +121,8 @@ TEST_F(LogSinks, RemovalWaitsForTheSinkToReturn) {
 TEST(Log, WritesOneLineWhateverTheTextHolds) {
   const std::pair<std::string, std::string> lines[] = {{"plain \xc3\xa9", "plain \xc3\xa9"},
                                                        {"a\nerror: b\r\tc", "a\\nerror: b\\r\\tc"},
-                                                       {std::string("\0\x1b[31m\x7f", 7), "\\x00\\x1b[31m\\x7f"}};
+                                                       {std::string("\0\x1b[31m\x7f", 7), "\\x00\\x1b[31m\\x7f"},
+                                                       {"\xc2\x9b[31m\xc2\xa0\xc2", "\\u009b[31m\xc2\xa0\xc2"}};
   for (const auto& [text, line] : lines) {
     testing::internal::CaptureStderr();
     log::warning("lines", "say", text);
