@@ -24,13 +24,7 @@ std::vector<std::string> runningBrokers() {
 
 }  // namespace
 
-std::string checkBrokerName(const std::string& name) {
-  if (mw::isBrokerName(name)) return {};
-  return fmt::format(
-      "\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first, and not too many "
-      "for the path of a socket",
-      excerpt(name));
-}
+std::string checkBrokerName(const std::string& name) { return mw::whyNoBrokerName(name); }
 
 std::string chooseBroker(const std::string& wanted) {
   const auto running = runningBrokers();

@@ -57,9 +57,21 @@ HX_API std::string localSocketFolder();
 /// Whether a broker that others join can have this name: ASCII letters, digits, '-', '_' and '.', no dot first, and so
 /// few that the path of its socket in `localSocketFolder`, which need not be there, has no more than 107 bytes.
 HX_API bool isBrokerName(std::string_view name);
+/// Why not: its characters, or the path of its socket, which is then shown. Empty for a name that can be one.
+HX_API std::string whyNoBrokerName(std::string_view name);
 
 /// The names of this user's brokers that are running, sorted.
 HX_API std::vector<std::string> runningBrokers();
+
+/// What a running broker says of itself in its lock file.
+struct RunningBroker {
+  std::string name;
+  int process = 0;                              ///< Its id; 0 for a broker that is only just starting.
+  std::chrono::system_clock::time_point since;  ///< When it took its name.
+  std::string version;                          ///< Of libmw, as "0.1.0"; empty for one that is only just starting.
+};
+/// Tells more than `runningBrokers`. Asks no broker, so that one that hangs is told too.
+HX_API std::vector<RunningBroker> describeRunningBrokers();
 
 /// Serves a session: while it lives, processes of the same user may join under `name`.
 ///

@@ -7,6 +7,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <fstream>
+#include <map>
+#include <pwd.h>
 #include <stdexcept>
 #include <string_view>
 #include <sys/file.h>
@@ -41,6 +44,11 @@ std::string folderPath() {
   return fmt::format("{}/korvo-{}", temporary && *temporary ? temporary : "/tmp", ::geteuid());
 }
 
+std::string userName(uid_t user) {
+  const passwd* const entry = ::getpwuid(user);
+  return entry ? entry->pw_name : fmt::format("{}", user);
+}
+
 std::string pathOf(const std::string& folder, std::string_view broker, const char* suffix) {
   return fmt::format("{}/{}{}", folder, broker, suffix);
 }
@@ -50,7 +58,11 @@ void requirePrivate(const std::string& path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) throw systemError(path);
   if (!S_ISDIR(status.st_mode)) throw std::runtime_error(fmt::format("{} is not a folder", path));
-  if (status.st_uid != ::geteuid()) throw std::runtime_error(fmt::format("{} belongs to another user", path));
+  if (status.st_uid != ::geteuid()) {
+    throw std::runtime_error(
+        fmt::format("{0} belongs to user {1}, and only {1} may ask who listens there: run this as {1}", path,
+                    userName(status.st_uid)));
+  }
   if ((status.st_mode & 077U) != 0) {
     throw std::runtime_error(fmt::format("others have rights in {}; it should have mode 0700", path));
   }
@@ -59,6 +71,25 @@ void requirePrivate(const std::string& path) {
 bool isRunning(const std::string& lockPath) {
   const local::File file(::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC));
   return file && ::flock(file.number(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
+/// The names of this user's brokers that are running, each with the path of its lock file, sorted.
+std::map<std::string, std::filesystem::path> runningLocks() {
+  std::map<std::string, std::filesystem::path> locks;
+  for (const auto& entry : std::filesystem::directory_iterator(localSocketFolder())) {
+    if (entry.path().extension() == kLockSuffix && isRunning(entry.path())) {
+      locks.emplace(entry.path().stem(), entry.path());
+    }
+  }
+  return locks;
+}
+
+/// "process 1234" and "version 0.1.0", a line each. The file's time says since when.
+void signIn(const local::File& lock) {
+  const std::string text = fmt::format("process {}\nversion {}\n", ::getpid(), KORVO_VERSION);
+  // A full disk must not keep a broker from running: it is only not told of.
+  [[maybe_unused]] const bool written =
+      ::ftruncate(lock.number(), 0) == 0 && ::pwrite(lock.number(), text.data(), text.size(), 0) >= 0;
 }
 
 sockaddr_un addressOf(const std::string& path) {
@@ -83,35 +114,54 @@ std::string localSocketFolder() {
   return path;
 }
 
-bool isBrokerName(std::string_view name) {
+bool isBrokerName(std::string_view name) { return whyNoBrokerName(name).empty(); }
+
+std::string whyNoBrokerName(std::string_view name) {
+  constexpr std::size_t kLongest = sizeof(sockaddr_un::sun_path) - 1;
   const auto isPlain = [](char c) {
     return ('a' <= c && c <= 'z') || ('A' <= c && c <= 'Z') || ('0' <= c && c <= '9') || c == '-' || c == '_' ||
            c == '.';
   };
-  return !name.empty() && name.front() != '.' && std::ranges::all_of(name, isPlain) &&
-         pathOf(folderPath(), name, kSocketSuffix).size() < sizeof(sockaddr_un::sun_path);
+  if (name.empty() || name.front() == '.' || !std::ranges::all_of(name, isPlain)) {
+    return fmt::format("\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first",
+                       name.substr(0, kLongest));
+  }
+  const std::string path = pathOf(folderPath(), name, kSocketSuffix);
+  if (path.size() <= kLongest) return {};
+  // With the shortest name there is, is it the folder's fault?
+  const bool isFolder = path.size() - name.size() + 1 > kLongest;
+  return fmt::format("the socket of broker {} would be {}, {} bytes, and the path of a socket has at most {}: {}", name,
+                     path, path.size(), kLongest,
+                     isFolder ? "set XDG_RUNTIME_DIR to a shorter one" : "choose a shorter name");
 }
 
 std::vector<std::string> runningBrokers() {
-  const std::string folder = localSocketFolder();
   std::vector<std::string> names;
-  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
-    if (entry.path().extension() != kLockSuffix || !isRunning(entry.path())) continue;
-    names.push_back(entry.path().stem());
-  }
-  std::ranges::sort(names);
+  for (const auto& [name, path] : runningLocks()) names.push_back(name);
   return names;
+}
+
+std::vector<RunningBroker> describeRunningBrokers() {
+  std::vector<RunningBroker> brokers;
+  for (const auto& [name, path] : runningLocks()) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) continue;  // It has ended meanwhile.
+    const auto since = std::chrono::seconds(status.st_mtim.tv_sec) + std::chrono::nanoseconds(status.st_mtim.tv_nsec);
+    RunningBroker broker{name, 0, std::chrono::system_clock::time_point(since), {}};
+    std::ifstream text(path);
+    for (std::string what; text >> what;) {
+      if (what == "process") text >> broker.process;
+      if (what == "version") text >> broker.version;
+    }
+    brokers.push_back(std::move(broker));
+  }
+  return brokers;
 }
 
 namespace local {
 
 BrokerFiles filesOf(const std::string& broker) {
-  if (!isBrokerName(broker)) {
-    throw std::runtime_error(
-        fmt::format("\"{}\" cannot name a broker: letters, digits, '-', '_', '.' can, but no dot first, and no more "
-                    "than the path of a socket in {} has room for",
-                    broker, folderPath()));
-  }
+  if (const std::string why = whyNoBrokerName(broker); !why.empty()) throw std::runtime_error(why);
   const std::string folder = localSocketFolder();
   return {pathOf(folder, broker, kSocketSuffix), pathOf(folder, broker, kLockSuffix)};
 }
@@ -132,6 +182,7 @@ File lockBroker(const BrokerFiles& files) {
     struct stat named {};
     if (::fstat(file.number(), &opened) == 0 && ::stat(files.lock.c_str(), &named) == 0 &&
         opened.st_ino == named.st_ino) {
+      signIn(file);
       return file;
     }
   }
@@ -163,7 +214,7 @@ bool isOwnPeer(const File& socket) {
   ucred credentials{};
   socklen_t size = sizeof credentials;
   if (::getsockopt(socket.number(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return false;
-  return credentials.uid == ::geteuid() || credentials.uid == 0;
+  return credentials.uid == ::geteuid();
 }
 
 }  // namespace local

@@ -438,6 +438,13 @@ TEST_F(JoinedSessions, ServeOneBrokerOfAName) {
   }
   const LocalServer second(other, "legs");
   EXPECT_THAT(runningBrokers(), testing::ElementsAre("legs", "torso"));
+  const auto described = describeRunningBrokers();
+  ASSERT_EQ(described.size(), 2U);
+  EXPECT_EQ(described[1].name, "torso");
+  EXPECT_EQ(described[1].process, ::getpid());
+  EXPECT_FALSE(described[1].version.empty());
+  EXPECT_LT(std::chrono::system_clock::now() - described[1].since, std::chrono::minutes(1));
+  EXPECT_THAT(whyNoBrokerName(std::string(100, 'x')), testing::EndsWith("choose a shorter name"));
   EXPECT_THROW(LocalClient(client, ""), NoBrokerError);
 }
 
