@@ -45,7 +45,7 @@ std::shared_ptr<HXMemorySubscriber> HXMemory::subscriber(const std::string& even
     found = items.find(eventName);  // Somebody may have removed it again meanwhile.
     if (!found) throw std::runtime_error("event not found");
   }
-  return (*found)->subscriber();
+  return (*found)->subscriber();  // Never without an item, which would be an "invalid registered event".
 }
 
 bool HXMemory::_parseEventFromLine(std::string line, std::string& service, std::string& signal,

@@ -157,6 +157,12 @@ void STMValue::removeNotifier(Notifiers::iterator record) {
   }
 }
 
+void STMValue::endNotifier(Notifiers::iterator record, const std::exception& error, const char* function) {
+  HX_LOG_AS(Warning, itemCategory(), function,
+            "the subscription of " + record->first + " to " + name() + " has ended: " + error.what());
+  removeNotifier(record);
+}
+
 // Only of what a change leaves behind: a raise that met a subscription in the middle of being replaced, gone and not
 // yet back, would pass its subscriber by.
 void STMValue::noteQuiet() { quiet_.store(notifiers_.empty() && dispatching_ == 0, std::memory_order_release); }
@@ -184,7 +190,7 @@ void STMValue::tellNotifiers(const std::string& key, const HXValue& value) {
         HX_LOG_AS(Verbose, itemCategory(), "notify", module + " not found, removing module reference:" + error.what());
         // Gone already, or subscribed anew, if the call itself saw to that.
         const auto failed = notifiers_.find(module);
-        if (failed != notifiers_.end() && &failed->second == &notifier) removeNotifier(failed);
+        if (failed != notifiers_.end() && &failed->second == &notifier) endNotifier(failed, error, "notify");
       }
     }
     record = changes_ == changesBefore ? std::next(record) : notifiers_.upper_bound(module);
@@ -228,7 +234,9 @@ void STMValue::resolveAndCall(const mw::AnyObject& service, const std::string& m
     call(record->second, key, value, calls, "operator()");
   } catch (const std::exception& error) {
     HX_LOG_AS(Verbose, itemCategory(), "operator()", module + " not found, removing module reference:" + error.what());
-    if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) removeNotifier(failed);
+    if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) {
+      endNotifier(failed, error, "operator()");
+    }
   }
 }
 

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <exception>
 #include <list>
 #include <map>
 #include <memory>
@@ -146,6 +147,8 @@ class alignas(64) STMValue {
                       const HXValue& value);
   void reportAndClean(const std::string& module, const mw::Future<void>& outcome);
   void removeNotifier(Notifiers::iterator record);
+  /// The same for a subscriber whose call failed: who subscribed has to hear of it.
+  void endNotifier(Notifiers::iterator record, const std::exception& error, const char* function);
   void noteQuiet();
 
   void replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time);

@@ -32,14 +32,19 @@ TEST_F(Dispatch, LogsWhomItCallsAndWhomItDrops) {
   memory->raiseEvent("E", HXValue(2));
   subscribed("b")->react = failure;
   memory->raiseEvent("E", HXValue(3));
-  const auto entry = [](const char* function, const std::string& text) {
-    return Entry{mw::LogLevel::Verbose, "HXMemory", function, text};
+  const auto entry = [](const char* function, const std::string& text, mw::LogLevel level = mw::LogLevel::Verbose) {
+    return Entry{level, "HXMemory", function, text};
   };
-  EXPECT_THAT(log.entries(), ElementsAre(entry("operator()", "notifying module: a for datachange for key: E"),
-                                         entry("notify", "notifying module: a for datachange for key: E"),
-                                         entry("notify", "a not found, removing module reference:tired"),
-                                         entry("operator()", "notifying module: b for datachange for key: E"),
-                                         entry("operator()", "b not found, removing module reference:tired")));
+  const auto ended = [&](const char* function, const std::string& who) {
+    return entry(function, "the subscription of " + who + " to E has ended: tired", mw::LogLevel::Warning);
+  };
+  EXPECT_THAT(
+      log.entries(),
+      ElementsAre(entry("operator()", "notifying module: a for datachange for key: E"),
+                  entry("notify", "notifying module: a for datachange for key: E"),
+                  entry("notify", "a not found, removing module reference:tired"), ended("notify", "a"),
+                  entry("operator()", "notifying module: b for datachange for key: E"),
+                  entry("operator()", "b not found, removing module reference:tired"), ended("operator()", "b")));
 }
 
 TEST_F(Dispatch, DropsASubscriberWhoseMessageIsNoText) {
