@@ -1,4 +1,5 @@
 #include <hxbase/hxmemory.h>
+#include <libmw/detail/racepoint.h>
 
 #include <chrono>
 #include <mutex>
@@ -130,6 +131,7 @@ HXValue HXMemory::getDescriptionList(const std::vector<std::string>& keylist) {
   for (const std::string& name : keylist) {
     const auto* found = items.find(name);
     if (!found) fail("getDescriptionList", name + " not found");
+    HX_RACE_POINT("a key is being described");
     descriptions.arrayPush(describe(name, **found));
   }
   return descriptions;

@@ -2,6 +2,7 @@
 
 #include <hxbase/stmvalue.h>
 #include <hxerror/hxerror.h>
+#include <libmw/detail/racepoint.h>
 
 #include <iterator>
 #include <utility>
@@ -116,7 +117,9 @@ STMValue::dataType STMValue::getDataType() const {
 
 HXValue STMValue::getValueTimeStamp() const {
   const std::lock_guard lock(valueLock_);
-  return withTime(copyValue(), timestamp_);
+  HXValue value = copyValue();
+  HX_RACE_POINT("a value is being shown with its time");
+  return withTime(std::move(value), timestamp_);
 }
 
 bool STMValue::isDataPtrAccessed() const {

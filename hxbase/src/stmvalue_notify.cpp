@@ -3,6 +3,7 @@
 #include <hxbase/stmvalue.h>
 #include <hxcommon/hxbroker.h>
 #include <hxerror/hxerror.h>
+#include <libmw/detail/racepoint.h>
 #include <libmw/eventloop.h>
 
 #include <condition_variable>
@@ -106,6 +107,11 @@ STMValue::~STMValue() {
   for (const auto& future : pending) future.wait();
 }
 
+std::size_t STMValue::pendingCount() const {
+  const std::lock_guard lock(notifierLock_);
+  return pendingNotifications_.size();
+}
+
 bool STMValue::hasPending() const {
   const std::lock_guard lock(notifierLock_);
   for (const auto& future : pendingNotifications_) {
@@ -119,6 +125,7 @@ void STMValue::setNotifier(const std::string& module, const HXValue& message, co
   made.emplace(module, STMNotifier(module, message, method));
   const std::lock_guard lock(notifierLock_);
   if (const auto earlier = notifiers_.find(module); earlier != notifiers_.end()) removeNotifier(earlier);
+  HX_RACE_POINT("a subscription is being replaced");
   notifiers_.merge(made);
   ++changes_;
   noteQuiet();

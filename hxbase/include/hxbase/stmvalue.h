@@ -10,6 +10,7 @@
 #include <libmw/future.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <list>
@@ -106,6 +107,8 @@ class alignas(64) STMValue {
   std::vector<std::string> getNotifierList() const;
   /// Forgets the notifications that are no longer in flight.
   void xCleanFinished();
+  /// How many of them are kept, those included that have ended since they were last cleaned up. For diagnosis.
+  std::size_t pendingCount() const;
 
   /// Tells the signal's clients and then every subscriber of `value`, in ascending order of their names.
   ///

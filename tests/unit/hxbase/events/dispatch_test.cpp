@@ -23,6 +23,46 @@ TEST_F(Dispatch, ErrorsBeyondTheRuntimeFamilyReachTheRaiserAndReleaseTheEvent) {
   EXPECT_THAT(subscribers(), ElementsAre("a", "b", "c"));
 }
 
+TEST_F(Dispatch, TellsTheOthersWhateverOneDoes) {
+  const auto first = subscribed("a");
+  const auto last = subscribed("c");
+  const auto fail = [](const auto&) { throw std::runtime_error("tired"); };
+  const std::pair<const char*, std::function<void()>> rows[] = {
+      {"is not there", [] {}},
+      {"lacks the method", [&] { offer("b"), memory->subscribeToEvent("E", "b", "deaf"); }},
+      {"fails when it is found", [&] { offer("b")->react = fail; }},
+      {"fails when it is known",
+       [&] {
+         const auto b = offer("b");
+         memory->raiseEvent("E", HXValue("before"));
+         b->react = fail;
+       }},
+      {"has left", [&] {
+         offer("b");
+         memory->raiseEvent("E", HXValue("before"));
+         withdraw("b");
+       }}};
+  for (const auto& [what, prepare] : rows) {
+    SCOPED_TRACE(what);
+    memory->subscribeToEvent("E", "b", "heard");
+    prepare();
+    memory->raiseEvent("E", HXValue(what));
+    EXPECT_EQ(first->values().back(), HXValue(what));
+    EXPECT_EQ(last->values(), first->values());
+    EXPECT_THAT(subscribers(), ElementsAre("a", "c"));
+    withdraw("b");
+  }
+}
+
+TEST_F(Dispatch, LeavesTheEventFreeWhileItTellsTheSignalsClients) {
+  subscribed("a");
+  memory->subscriber("E")->signal.connect(mw::SignalSubscriber([this](const HXValue&) {
+    const auto other = std::async(std::launch::async, [this] { return subscribers(); });
+    EXPECT_EQ(other.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  }));
+  memory->raiseEvent("E", HXValue(1));
+}
+
 TEST_F(Dispatch, LogsWhomItCallsAndWhomItDrops) {
   const auto failure = [](const auto&) { throw std::runtime_error("tired"); };
   const kit::CaptureLog log({"HXMemory"});

@@ -1,7 +1,9 @@
 #include "events_fixture.h"
 #include "look_ups.h"
+#include "socket_folder.h"
 
 #include <libmw/eventloop.h>
+#include <libmw/local.h>
 
 #include <atomic>
 #include <chrono>
@@ -36,6 +38,32 @@ TEST_F(SlowLookUp, ThatFailsSaysWhy) {
   EXPECT_THAT(log.entries(), ElementsAre(Entry{mw::LogLevel::Warning, "HXMemory", "operator()",
                                                "can't get proxy to far: nobody there"}));
   EXPECT_THAT(subscribers(), IsEmpty());
+}
+
+TEST_F(SlowLookUp, IsForgottenOnceItHasEnded) {
+  constexpr int kMany = 5;
+  for (int value = 0; value < kMany; ++value) memory->raiseEvent("E", HXValue(value));
+  const auto item = memory->xGetSTMValue("E");
+  EXPECT_EQ(item->pendingCount(), 5U);
+  for (int value = 0; value < kMany; ++value) lookUps_->take("far").setValue(found());
+  EXPECT_LE(item->pendingCount(), 1U) << "the last one ends after it has looked for those that have";
+}
+
+TEST_F(SlowLookUp, OfASubscriberThatIsBeingCalledLeavesItWhole) {
+  auto called = kit::Listener::make();
+  const std::weak_ptr<kit::Listener> there = called;
+  bool stays = false;
+  for (int value = 0; value < 2; ++value) memory->raiseEvent("E", HXValue(value));
+  called->react = [&](const auto& heard) {
+    if (heard.value != HXValue(2)) return;
+    lookUps_->take("far").setValue(found());
+    stays = !there.expired();
+  };
+  lookUps_->take("far").setValue(mw::AnyObject(std::move(called)));
+  memory->raiseEvent("E", HXValue(2));
+  EXPECT_TRUE(stays);
+  EXPECT_TRUE(there.expired()) << "only its subscription held it";
+  EXPECT_THAT(far_->values(), ElementsAre(HXValue(1)));
 }
 
 TEST_F(SlowLookUp, IsCanceledWhenTheEventIsRemoved) {
@@ -128,6 +156,23 @@ TEST_F(EventsFixture, AResolverThatThrowsOrKnowsNothingCostsTheOthersNothing) {
   EXPECT_THAT(subscribers(), ElementsAre("c"));
   EXPECT_THAT(log.texts(), testing::IsSupersetOf(
                                {"can't get proxy to a: resolver broken", "can't get proxy to b: no service named b"}));
+}
+
+TEST_F(EventsFixture, AMemoryThatIsAClientFindsItsSubscribersAtTheBroker) {
+  constexpr std::size_t kMany = 20;
+  const kit::SocketFolder folder;
+  const auto far = kit::Listener::make();
+  mw::Session host;
+  host.registerService("far", mw::AnyObject(far));
+  const mw::LocalServer server(host, "torso");
+  const mw::LocalClient joined(*broker->session(), "torso");
+  memory->subscribeToEvent("E", "far", "heard");
+  for (std::size_t value = 0; value < kMany; ++value) memory->raiseEvent("E", HXValue(static_cast<int>(value)));
+  mw::defaultLoop().drain();
+  while (far->values().size() < kMany) std::this_thread::yield();
+  mw::defaultLoop().drain();
+  EXPECT_LE(memory->xGetSTMValue("E")->pendingCount(), 1U);
+  EXPECT_THAT(subscribers(), ElementsAre("far"));
 }
 
 TEST_F(EventsFixture, AMemoryThatOutlivesItsBrokerFindsNobody) {

@@ -1,4 +1,5 @@
 #include "events_fixture.h"
+#include "race_point.h"
 #include "together.h"
 
 #include <mutex>
@@ -48,6 +49,14 @@ TEST_F(Subscriptions, MissTheExtractorOnceWhenTheyEndOnWhatIsNoEvent) {
   memory->subscribeToEvent("D", "M", "cb");
   memory->unsubscribeToEvent("D", "M");
   EXPECT_EQ(log.entries().size(), 1U) << "the subscription has left an entry, which says that there is none";
+}
+
+TEST_F(Subscriptions, MissNothingWhileTheyAreReplaced) {
+  const auto a = subscribed("a");
+  kit::AtRacePoint meanwhile("a subscription is being replaced", [this] { memory->raiseEvent("E", HXValue(1)); });
+  memory->subscribeToEvent("E", "a", "heardToo");
+  EXPECT_TRUE(meanwhile.join());
+  EXPECT_THAT(a->notifications(), ElementsAre(kit::Listener::Notification{"heardToo", "E", HXValue(1), ""}));
 }
 
 /// A frame manager that notes the events that boxes leave.

@@ -44,6 +44,32 @@ TEST_F(BoundMethods, AreDocumentedAsPublished) {
   }
 }
 
+TEST_F(BoundMethods, TakeAndReturnTheTypesThatCallersCountOn) {
+  const char* const expected =
+      "declareEvent(string) void; declareEvent(string, string) void; getData(string) value; "
+      "getData(string, int) value; subscriber(string) object; getTimestamp(string) value; "
+      "getEventHistory(string) value; getDataList(string) list<string>; getDataListName() list<string>; "
+      "getDataOnChange(string, int) value; getDataPtr(string) pointer<void>; getIntPtr(string) pointer<int>; "
+      "getFloatPtr(string) pointer<float>; getEventList() list<string>; getExtractorEvent(string) list<string>; "
+      "getListData(value) value; getMicroEventList() list<string>; getSubscribers(string) list<string>; "
+      "getType(string) string; insertData(string, int) void; insertData(string, float) void; "
+      "insertData(string, string) void; insertData(string, value) void; insertListData(value) void; "
+      "raiseEvent(string, value) void; raiseMicroEvent(string, value) void; removeData(string) void; "
+      "removeEvent(string) void; removeMicroEvent(string) void; subscribeToEvent(string, string, string) void; "
+      "subscribeToEvent(string, string, string, string) void; "
+      "subscribeToMicroEvent(string, string, string, string) void; unregisterModuleReference(string) void; "
+      "_perf() void; unsubscribeToEvent(string, string) void; unsubscribeToMicroEvent(string, string) void; "
+      "_insertObject(string, value, int) void; _subscribeOnDataSetTimePolicy(string, string, int) void; "
+      "_subscribeOnDataSetSynchronizeResponse(string, string, bool) void; setDescription(string, string) void; "
+      "getDescriptionList(list<string>) value; addMapping(string, string, string) void; "
+      "addMapping(string, map<string>) void; ";
+  std::string signatures;
+  for (const mw::MetaMethod& method : generic->asObject()->metaObject().methods()) {
+    signatures += method.signature() + " " + method.resultType->name + "; ";
+  }
+  EXPECT_EQ(signatures, expected);
+}
+
 TEST_F(BoundMethods, KeepABoolThroughTheSpecialisedProxy) {
   HXMemoryProxy(generic).insertData("flag", true);
   EXPECT_EQ(memory->getData("flag"), HXValue(true));

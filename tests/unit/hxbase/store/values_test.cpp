@@ -1,7 +1,9 @@
+#include "race_point.h"
 #include "store_fixture.h"
 
 #include <libmw/clock.h>
 
+#include <atomic>
 #include <chrono>
 
 namespace HX {
@@ -12,11 +14,36 @@ class StoredValues : public store::StoreFixture {};
 TEST_F(StoredValues, CarryTheTimeOfTheirLastWriteInWholeMicroseconds) {
   const auto before =
       mw::exchangeSystemClock([]() noexcept { return mw::SystemTimePoint(std::chrono::nanoseconds(12'345'678'999)); });
-  memory->raiseEvent("key", 1);
+  memory->insertData("key", 1);
   mw::exchangeSystemClock(before);
-  const HXValue raised = HXValue::list({1, 12, 345678});
-  EXPECT_EQ(memory->getDataTimestamp("key"), raised);
-  EXPECT_EQ(memory->getEventHistory("key"), HXValue::list({raised}));
+  EXPECT_EQ(memory->getDataTimestamp("key"), HXValue::list({1, 12, 345678}));
+}
+
+TEST_F(StoredValues, AreShownWithTheTimeOfTheirOwnWrite) {
+  static std::atomic<int> now;
+  const auto before =
+      mw::exchangeSystemClock([]() noexcept { return mw::SystemTimePoint(std::chrono::seconds(++now)); });
+  memory->insertData("key", 1);
+  const HXValue first = memory->getDataTimestamp("key");
+  kit::AtRacePoint meanwhile("a value is being shown with its time", [this] { memory->insertData("key", 2); });
+  EXPECT_EQ(memory->getDataTimestamp("key"), first);
+  EXPECT_TRUE(meanwhile.join());
+  EXPECT_EQ(memory->getDataTimestamp("key"), HXValue::list({2, now.load(), 0}));
+  mw::exchangeSystemClock(before);
+}
+
+TEST_F(StoredValues, AreInTheHistoryWithTheTimeOfTheirWayThere) {
+  static std::atomic<int> now;
+  const auto before =
+      mw::exchangeSystemClock([]() noexcept { return mw::SystemTimePoint(std::chrono::seconds(++now)); });
+  memory->declareEvent("key");
+  for (int value = 0; value < 60; ++value) {  // More than are kept.
+    memory->raiseEvent("key", value);
+    const HXValue history = memory->getEventHistory("key");
+    ASSERT_EQ(history[history.getSize() - 1], HXValue::list({value, now.load(), 0}));
+    ASSERT_EQ(memory->getDataTimestamp("key"), HXValue::list({value, now - 1, 0}));
+  }
+  mw::exchangeSystemClock(before);
 }
 
 TEST_F(StoredValues, ThatAreMissingAreNamed) {
