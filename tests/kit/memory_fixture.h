@@ -5,12 +5,15 @@
 
 #include <cstdlib>
 #include <memory>
+#include <utility>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace kit {
 
-/// A broker with a memory in it, for one test. Afterwards the broker is shut down, and the memory has to be gone.
+/// A broker with a memory in it, for one test. Afterwards the broker is shut down, and the memory has to be gone, with
+/// its services, its connections to signals of the session, and its look-ups.
 ///
 /// No map file of this machine is seen; tests that want one give its folder to `mw::path::prependDataDir` and call
 /// `start` again.
@@ -34,9 +37,14 @@ class MemoryFixture : public testing::Test {
     const std::weak_ptr<HX::HXMemory> gone = memory;
     generic.reset();
     memory.reset();
-    if (broker) broker->shutdown();
-    broker.reset();
+    const auto ended = std::move(broker);
+    if (!ended) return;
+    ended->shutdown();
     EXPECT_TRUE(gone.expired()) << "somebody still holds the memory";
+    EXPECT_THAT(ended->modules(), testing::IsEmpty());
+    EXPECT_THAT(ended->session()->services(), testing::IsEmpty());
+    EXPECT_FALSE(ended->session()->serviceRegistered.hasSubscribers());
+    HX::STMValue::drainRetired();
   }
 
   std::shared_ptr<HX::HXBroker> broker;

@@ -14,7 +14,7 @@ extern "C" [[gnu::weak, gnu::visibility("default")]] void korvoRacePoint(const c
 /// stands where memory is asked for or waited for anyway, and not where a few instructions are all there is.
 ///
 /// @param place  A literal that says what another thread finds there.
-#define HX_RACE_POINT(place)                     \
-  do {                                           \
-    if (korvoRacePoint) korvoRacePoint(place);   \
+#define HX_RACE_POINT(place)                   \
+  do {                                         \
+    if (korvoRacePoint) korvoRacePoint(place); \
   } while (false)
