@@ -1,6 +1,7 @@
 #include "logcategories.h"
 
 #include <hxbase/hxmemory.h>
+#include <libmw/detail/racepoint.h>
 
 #include <stdexcept>
 
@@ -13,6 +14,7 @@ void* HXMemory::pointerTo(const std::string& key, const char* method, const HXVa
       if (!defaultValue.isValid() && !item->getValue().isValid()) {
         HX_LOG_AS(Warning, memoryCategory(), "getPtrData", "getPtrValue on stmvalue with no type: " + key);
       }
+      HX_RACE_POINT("an item is about to be marked as one whose address is known");
       // The item is marked before the address is asked for, and stays marked when there is none to be had: callers have
       // come to rely on it.
       void* const address = item->accessPointer(defaultValue.getType());

@@ -2,6 +2,7 @@
 
 #include <hxbase/hxmemory.h>
 #include <libmw/clock.h>
+#include <libmw/detail/racepoint.h>
 
 #include <cstdint>
 #include <iostream>
@@ -160,6 +161,7 @@ void HXMemory::announce(const std::string& event, const HXValue& name) {
 std::shared_ptr<STMValue> HXMemory::xRequireSTMValue(const std::string& name, STMValue::dataType kind,
                                                      const HXValue& defaultValue) {
   if (auto item = xGetSTMValue(name)) return item;
+  HX_RACE_POINT("an item that is required is missing");
   return fileUnlessPresent(STMValue::create(this, name, defaultValue, kind));
 }
 

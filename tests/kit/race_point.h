@@ -8,7 +8,8 @@
 namespace kit {
 
 /// Has another thread come between two steps: the first thread that reaches the place waits there until `other`, on a
-/// thread of its own, has ended or is seen to wait. One at a time; the program compiles race_point.cpp in.
+/// thread of its own, has ended or is seen to wait. `other` itself
+/// passes every place. One at a time; the program compiles race_point.cpp in.
 class AtRacePoint {
  public:
   /// @param place  As the code under test names it.

@@ -1,9 +1,8 @@
+#include "race_point.h"
 #include "store_fixture.h"
 #include "together.h"
 
 #include <atomic>
-#include <mutex>
-#include <thread>
 
 namespace HX {
 namespace {
@@ -53,41 +52,24 @@ TEST_F(ConcurrentStore, LeavesThePlaceOfAValueThatIsStillToComeToItsHolder) {
 }
 
 TEST_F(ConcurrentStore, GivesNoAddressOfAnItemThatIsBeingRemoved) {
-  for (int i = 0; i < 300; ++i) {
-    const std::string key = "key" + std::to_string(i);
-    memory->insertData(key, 1);
-    int* address = nullptr;
-    kit::together({[&] { address = memory->getIntPtr(key); },
-                   [&] {
-                     try {
-                       while (true) {
-                         memory->removeData(key);
-                         memory->insertData(key, 1);
-                       }
-                     } catch (const HXError&) {
-                       // Marked, or absent for a moment: the other thread makes it anew.
-                     }
-                   }});
-    EXPECT_EQ(address, memory->getIntPtr(key));
-    memory->insertData(key, 5);
-    EXPECT_EQ(*address, 5);
-  }
+  memory->insertData("key", 1);
+  kit::AtRacePoint meanwhile("an item is about to be marked as one whose address is known", [this] {
+    memory->removeData("key");
+    memory->insertData("key", 2);
+  });
+  const int* const address = memory->getIntPtr("key");
+  EXPECT_TRUE(meanwhile.join());
+  EXPECT_EQ(*address, 2);
+  EXPECT_EQ(memory->getIntPtr("key"), address);
 }
 
 TEST_F(ConcurrentStore, MakesOneItemOfANameThatManyRequire) {
-  std::mutex mutex;
-  std::vector<void*> addresses;
-  const auto require = [&] {
-    for (int i = 0; i < 200; ++i) {
-      void* const address = memory->getIntPtr("key" + std::to_string(i));
-      const std::lock_guard lock(mutex);
-      addresses.push_back(address);
-    }
-  };
-  kit::together(3, require);
-  std::ranges::sort(addresses);
-  addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
-  EXPECT_EQ(addresses.size(), 200U);
+  const int* others = nullptr;
+  kit::AtRacePoint meanwhile("an item that is required is missing", [&] { others = memory->getIntPtr("key"); });
+  const int* const address = memory->getIntPtr("key");
+  EXPECT_TRUE(meanwhile.join());
+  EXPECT_EQ(address, others);
+  EXPECT_EQ(memory->getIntPtr("key"), address);
 }
 
 }  // namespace
