@@ -5,6 +5,7 @@
 #include <libmw/eventloop.h>
 #include <libmw/signal.h>
 
+#include <atomic>
 #include <functional>
 #include <future>
 #include <memory>
@@ -106,11 +107,22 @@ TEST(Signals, LogASubscriberThatFailsAndCallTheOthers) {
 
 TEST(Signals, DeliverQueuedOnTheLoopInOrder) {
   Signal<int> signal;
-  std::vector<int> heard;  // Deliveries of one connection never overlap, which the thread sanitizer checks.
-  const auto hear = [&](int n) { heard.push_back(mw::defaultLoop().isInThisLoop() ? n : -1); };
+  std::promise<void> allSent;
+  std::atomic<int> talking{0};
+  std::vector<int> heard;
+  const auto hear = [&](int n) {
+    EXPECT_EQ(++talking, 1) << "two deliveries of one connection at once";
+    if (n == 0) {
+      allSent.get_future().wait();
+      mw::defaultLoop().async([] {}).wait();  // What could overtake it has begun.
+    }
+    heard.push_back(mw::defaultLoop().isInThisLoop() ? n : -1);
+    --talking;
+  };
   signal.connect(SignalSubscriber(hear, MetaCallType::Queued));
   std::vector<int> sent;
   for (int i = 0; i < 200; ++i) signal(sent.emplace_back(i));
+  allSent.set_value();
   mw::defaultLoop().drain();
   EXPECT_EQ(heard, sent);
 }
