@@ -1,5 +1,6 @@
 #include "capture_log.h"
 #include "service.h"
+#include "sitter.h"
 
 #include <array>
 #include <atomic>
@@ -38,7 +39,7 @@ class OneService final : public ReservedService {
   std::atomic<int> ends{0};
 };
 
-/// One of two processes.
+/// One of two processes. Whatever it had with the other one is gone when the link is.
 struct Side {
   explicit Side(const LinkOptions& options = {}) : link(std::make_shared<Link>(channel, this, options)) {
     reserved->objects = &link->objects();
@@ -49,6 +50,9 @@ struct Side {
   ~Side() {
     channel->end("the test is over");  // What is never answered would hold the link.
     link->gone().wait();
+    EXPECT_EQ(link->pendingCount(), 0U);
+    EXPECT_EQ(link->objects().leaseCount(), 0U);
+    EXPECT_EQ(reserved->ends, 1);
   }
   template <class... Args>
   Future<AnyValue> call(Side& other, std::string_view target, const Args&... args) {
@@ -92,10 +96,62 @@ TEST(Link, DescribesAnObjectAgainWhenTheFirstMessageDidNotLeave) {
           .build();
   EXPECT_THAT(peer.call(host, "House.show", lamp, std::string(5000, 'x')).error(),
               HasSubstr("cannot go to another process: a message of more than"));
+  EXPECT_EQ(peer.link->pendingCount(), 0U);
   EXPECT_FALSE(peer.call(host, "House.show", lamp, std::string()).hasError());
   EXPECT_FALSE(peer.call(host, "House.show", lamp, std::string()).hasError());
   EXPECT_THAT(seen, testing::ElementsAre("Lamp", "Lamp"));
   EXPECT_FALSE(host.channel->isEnded());
+}
+
+/// A call as the peer makes it on one of its threads.
+Bytes request(std::uint8_t number, std::uint8_t thread, std::uint8_t depth, const std::string& argument) {
+  std::array<std::byte, 16> chain{std::byte{1}};
+  chain[11] = std::byte{thread};
+  chain[15] = std::byte{depth};
+  Bytes frame;
+  Writer out(frame);
+  out.list(4);
+  out.number(0);
+  out.number(number);
+  out.text("House.enter");
+  out.list(2);
+  out.extension(Extension::Chain, chain);
+  out.value(argument);
+  return frame;
+}
+
+/// Whether the oldest answer is one to that call, and no error.
+bool isAnswered(const Side& side, std::uint8_t number) {
+  for (Bytes sent = side.channel->takeSent(); !sent.empty(); sent = side.channel->takeSent()) {
+    Reader in(sent);
+    if (in.list() == 4 && in.number() == 1) return in.number() == number && in.nil();
+  }
+  return false;
+}
+
+TEST(Link, RefusesMoreCallsThanItServesAtOnceAndKeepsNothingOfThem) {
+  const Side host({.inputLimit = 1000, .callLimit = 1});
+  kit::Sitter sitter;
+  host.reserved->service = makeService("House")->method("enter", [&](const std::string&) { sitter.sit(); }).build();
+  std::thread first([&] { host.channel->receive(request(1, 1, 0, "first")); });
+  sitter.awaitEntry();
+  for (std::uint8_t number = 2; number < 100; ++number) {
+    host.channel->receive(request(number, number, 0, std::string(100, 'x')));
+    ASSERT_FALSE(isAnswered(host, number));
+  }
+  EXPECT_FALSE(host.channel->isEnded());
+  sitter.release();
+  first.join();
+  EXPECT_TRUE(isAnswered(host, 1));
+}
+
+TEST(Link, ServesCallsOfChainsThatNobodyWaitsInForAsLongAsTheyAreFew) {
+  const Side host({.callLimit = 2});
+  host.reserved->service = makeService("House")->method("enter", [](const std::string&) { return true; }).build();
+  for (std::uint8_t number = 1; number < 10; ++number) {
+    host.channel->receive(request(number, number, 1, ""));
+    EXPECT_TRUE(isAnswered(host, number));
+  }
 }
 
 /// Follows a signal of the peer's. @return The number of the link.
