@@ -100,7 +100,7 @@ void map(Context& context, Arguments& arguments) {
 
 constexpr Flag kWatchFlags[] = {{"--json", "Print gaps too as objects of JSON, among the raises"}};
 
-constexpr std::array kCommands{
+constexpr std::array kEventCommands{
     Command{"raise", "KEY JSON", "Raises an event: stores its value and tells its subscribers.",
             "The event is made when there is none. Returns when every subscriber has been told.\n"
             "In a shell, - for JSON reads standard input: each line is one value, raised in turn.",
@@ -127,6 +127,6 @@ constexpr std::array kCommands{
 
 }  // namespace
 
-std::span<const Command> eventCommands() { return kCommands; }
+std::span<const Command> eventCommands() { return kEventCommands; }
 
 }  // namespace korvo

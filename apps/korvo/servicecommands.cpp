@@ -112,7 +112,7 @@ void perf(Context& context, Arguments& arguments) {
 
 constexpr Flag kMethodsFlags[] = {{"--json", "Print the methods as one list of JSON, on one line"}};
 
-constexpr std::array kCommands{
+constexpr std::array kServiceCommands{
     Command{"services", "", "Lists the services, one a line.", "With --json as {\"service\":NAME}.", "services",
             services, kJsonFlag},
     Command{"methods", "SERVICE", "Lists what a service offers, with its documentation.",
@@ -133,6 +133,6 @@ constexpr std::array kCommands{
 
 }  // namespace
 
-std::span<const Command> serviceCommands() { return kCommands; }
+std::span<const Command> serviceCommands() { return kServiceCommands; }
 
 }  // namespace korvo

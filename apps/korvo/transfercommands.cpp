@@ -74,7 +74,7 @@ void importKeys(Context& context, Arguments& arguments) {
 
 constexpr Flag kImportFlags[] = {{"--keep-going", "Report a bad line and go on with the next"}};
 
-constexpr std::array kCommands{
+constexpr std::array kTransferCommands{
     Command{
         "export", "[FILTER]", "Prints the keys that contain FILTER, or all, in a form that import reads.",
         "Each as {\"key\":KEY,\"kind\":KIND,\"value\":VALUE,\"description\":TEXT}, sorted. Where JSON cannot carry a\n"
@@ -91,6 +91,6 @@ constexpr std::array kCommands{
 
 }  // namespace
 
-std::span<const Command> transferCommands() { return kCommands; }
+std::span<const Command> transferCommands() { return kTransferCommands; }
 
 }  // namespace korvo

@@ -134,7 +134,7 @@ void descriptions(Context& context, Arguments& arguments) {
   }
 }
 
-constexpr std::array kCommands{
+constexpr std::array kValueCommands{
     Command{"get", "KEY", "Prints the value of a key.", "With --json as {\"key\":KEY,\"value\":VALUE}.", "get Arm/Pose",
             get, kJsonFlag},
     Command{"set", "KEY JSON", "Stores a value under a key; the key is made when there is none.",
@@ -164,6 +164,6 @@ constexpr std::array kCommands{
 
 }  // namespace
 
-std::span<const Command> valueCommands() { return kCommands; }
+std::span<const Command> valueCommands() { return kValueCommands; }
 
 }  // namespace korvo

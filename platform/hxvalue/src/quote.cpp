@@ -26,12 +26,11 @@ std::string withoutControls(std::string json) {
 }  // namespace
 
 Quoted quote(std::string_view text) {
-  using Json = nlohmann::json;
-  const Json string(text);
+  const nlohmann::json string(text);
   try {
     return {withoutControls(string.dump()), false};
-  } catch (const Json::type_error&) {
-    return {withoutControls(string.dump(-1, ' ', false, Json::error_handler_t::replace)), true};
+  } catch (const nlohmann::json::type_error&) {
+    return {withoutControls(string.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)), true};
   }
 }
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+namespace run {
 namespace {
 
 using namespace std::chrono_literals;
@@ -97,3 +98,4 @@ INSTANTIATE_TEST_SUITE_P(CommandLines, WrongUsage,
                                          Words{"check-map"}, Words{"help", "fly"}));
 
 }  // namespace
+}  // namespace run

@@ -46,7 +46,7 @@ TEST(Sharing, aValueMayBePutIntoItself) {
 TEST(Sharing, threadsCopyChangeAndDropOneContentIndependently) {
   const HXValue shared = HXValue::list({HXValue(std::string(100, 'x')), HXValue::map({{"k", 1}})});
   const HXValue expected = HXValue::list({"xx", HXValue::map({{"k", 2}})});
-  kit::together(4, [shared, &expected] {
+  ::kit::together(4, [shared, &expected] {
     bool right = true;
     for (int round = 0; round < 2000; ++round) {
       HXValue copy = shared;

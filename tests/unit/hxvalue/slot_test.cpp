@@ -77,7 +77,7 @@ TEST(Slot, holdersOfTheAddressSeeOldOrNewNumbersWhileTheValueIsStoredAndLoaded) 
     }
     EXPECT_EQ(torn, 0);
   };
-  kit::together({read, write, use});
+  ::kit::together({read, write, use});
 }
 
 }  // namespace

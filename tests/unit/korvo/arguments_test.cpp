@@ -56,7 +56,7 @@ TEST(Arguments, OfAShellAreTakenAsTheyAre) {
 
 /// The error of `read`, which must be one of input.
 template <class Read>
-std::string errorOf(std::string_view text, Read read) {
+std::string refusalOf(std::string_view text, Read read) {
   Arguments arguments(text);
   try {
     read(arguments);
@@ -70,14 +70,14 @@ TEST(Arguments, NameWhatIsWrong) {
   const auto word = [](Arguments& arguments) { arguments.word("KEY"); };
   const auto json = [](Arguments& arguments) { arguments.json("VALUE"); };
   const auto end = [](Arguments& arguments) { arguments.end(); };
-  EXPECT_EQ(errorOf(" ", word), "KEY is missing");
-  EXPECT_EQ(errorOf("", json), "VALUE is missing");
-  EXPECT_THAT(errorOf("\"open", word), HasSubstr("KEY \"open: JSON line 1"));
-  EXPECT_THAT(errorOf("nul", json), HasSubstr("VALUE nul: JSON line 1"));
-  EXPECT_THAT(errorOf("\"a\"b", word), HasSubstr("before b"));
-  EXPECT_THAT(errorOf("[1]2", json), HasSubstr("before 2"));
-  EXPECT_EQ(errorOf("2 more", end), "unexpected text: 2 more");
-  EXPECT_LT(errorOf(std::string(50'000, 'y'), end).size(), 100U);
+  EXPECT_EQ(refusalOf(" ", word), "KEY is missing");
+  EXPECT_EQ(refusalOf("", json), "VALUE is missing");
+  EXPECT_THAT(refusalOf("\"open", word), HasSubstr("KEY \"open: JSON line 1"));
+  EXPECT_THAT(refusalOf("nul", json), HasSubstr("VALUE nul: JSON line 1"));
+  EXPECT_THAT(refusalOf("\"a\"b", word), HasSubstr("before b"));
+  EXPECT_THAT(refusalOf("[1]2", json), HasSubstr("before 2"));
+  EXPECT_EQ(refusalOf("2 more", end), "unexpected text: 2 more");
+  EXPECT_LT(refusalOf(std::string(50'000, 'y'), end).size(), 100U);
 }
 
 }  // namespace

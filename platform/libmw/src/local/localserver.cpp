@@ -23,7 +23,7 @@
 namespace mw {
 namespace {
 
-const char* const kCategory = "mw.link";
+const char* const kServerCategory = "mw.link";
 const char* const kShutDown = "the broker shuts down";
 /// Out of files, or out of memory: trying again at once would only burn time.
 constexpr std::chrono::milliseconds kPauseAfterFailure{100};
@@ -88,7 +88,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
 
   void waitForMore(int error) {
     if (!isShort_.exchange(true)) {
-      log::error(kCategory, "accept",
+      log::error(kServerCategory, "accept",
                  fmt::format("broker {} cannot take a connection: {}; newcomers wait until it can", name_,
                              std::generic_category().message(error)));
     }
@@ -98,7 +98,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
 
   void welcome(local::File socket) {
     if (!local::isOwnPeer(socket)) {
-      return log::warning(kCategory, "accept", fmt::format("broker {} refused a process of another user", name_));
+      return log::warning(kServerCategory, "accept", fmt::format("broker {} refused a process of another user", name_));
     }
     try {
       const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_);
@@ -108,13 +108,13 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
             std::make_shared<remote::SessionService>(session_, name_, link, remote::SessionService::Role::Broker),
             [weak = weak_from_this(), number = *number, peer = link->peer()](const std::string& reason) {
               const bool isUsual = reason == remote::kPeerClosed || reason == kShutDown;
-              log::write(isUsual ? LogLevel::Verbose : LogLevel::Warning, kCategory, "end",
+              log::write(isUsual ? LogLevel::Verbose : LogLevel::Warning, kServerCategory, "end",
                          fmt::format("{} has left: {}", peer, reason));
               if (const auto self = weak.lock()) self->remove(number);
             });
       }
     } catch (const std::exception& error) {
-      log::error(kCategory, "accept", fmt::format("broker {} cannot take a connection: {}", name_, error.what()));
+      log::error(kServerCategory, "accept", fmt::format("broker {} cannot take a connection: {}", name_, error.what()));
     }
   }
 
@@ -122,7 +122,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
     const std::lock_guard lock(mutex_);
     if (stopped_) return std::nullopt;
     if (links_.size() >= options_.connectionLimit) {
-      log::warning(kCategory, "accept",
+      log::warning(kServerCategory, "accept",
                    fmt::format("broker {} refused {}: {} are connected, which is the limit", name_, link->peer(),
                                links_.size()));
       return std::nullopt;

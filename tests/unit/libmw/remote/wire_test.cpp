@@ -7,7 +7,7 @@
 namespace mw::remote {
 namespace {
 
-Bytes bytes(std::initializer_list<int> codes) {
+Bytes bytesOf(std::initializer_list<int> codes) {
   Bytes all;
   for (const int code : codes) all.push_back(static_cast<std::byte>(code));
   return all;
@@ -18,23 +18,23 @@ TEST(Reader, TakesNumbersInEveryFormatThatHoldsThem) {
     Bytes bytes;
     std::optional<std::uint32_t> number;
   };
-  const Row rows[] = {{bytes({0x7f}), 127},
-                      {bytes({0xcc, 0xff}), 255},
-                      {bytes({0xcd, 1, 0}), 256},
-                      {bytes({0xce, 0xff, 0xff, 0xff, 0xff}), UINT32_MAX},
-                      {bytes({0xcf, 0, 0, 0, 0, 0, 0, 0, 5}), 5},
-                      {bytes({0xd0, 0x7f}), 127},
-                      {bytes({0xd1, 0, 9}), 9},
-                      {bytes({0xd2, 0x7f, 0xff, 0xff, 0xff}), INT32_MAX},
-                      {bytes({0xd3, 0, 0, 0, 0, 0xff, 0, 0, 0}), 0xff000000},
-                      {bytes({0xe0}), {}},
-                      {bytes({0xd0, 0x80}), {}},
-                      {bytes({0xd3, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}), {}},
-                      {bytes({0xcf, 0, 0, 0, 1, 0, 0, 0, 0}), {}},
-                      {bytes({0xcd, 1}), {}},
-                      {bytes({0xca, 0, 0, 0, 0}), {}},
-                      {bytes({0xc0}), {}},
-                      {bytes({}), {}}};
+  const Row rows[] = {{bytesOf({0x7f}), 127},
+                      {bytesOf({0xcc, 0xff}), 255},
+                      {bytesOf({0xcd, 1, 0}), 256},
+                      {bytesOf({0xce, 0xff, 0xff, 0xff, 0xff}), UINT32_MAX},
+                      {bytesOf({0xcf, 0, 0, 0, 0, 0, 0, 0, 5}), 5},
+                      {bytesOf({0xd0, 0x7f}), 127},
+                      {bytesOf({0xd1, 0, 9}), 9},
+                      {bytesOf({0xd2, 0x7f, 0xff, 0xff, 0xff}), INT32_MAX},
+                      {bytesOf({0xd3, 0, 0, 0, 0, 0xff, 0, 0, 0}), 0xff000000},
+                      {bytesOf({0xe0}), {}},
+                      {bytesOf({0xd0, 0x80}), {}},
+                      {bytesOf({0xd3, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff}), {}},
+                      {bytesOf({0xcf, 0, 0, 0, 1, 0, 0, 0, 0}), {}},
+                      {bytesOf({0xcd, 1}), {}},
+                      {bytesOf({0xca, 0, 0, 0, 0}), {}},
+                      {bytesOf({0xc0}), {}},
+                      {bytesOf({}), {}}};
   for (const Row& row : rows) {
     Reader reader(row.bytes);
     if (row.number) {
