@@ -1,4 +1,5 @@
 #include "capture_log.h"
+#include "end_broker.h"
 #include "expect_error.h"
 #include "recorder.h"
 
@@ -28,6 +29,10 @@ struct RecorderProxy {
 
 class Brokers : public testing::Test {
  protected:
+  void TearDown() override {
+    if (broker) kit::endBroker(*broker);
+  }
+
   std::shared_ptr<Recorder> make(const std::string& name, Behaviour behaviour = {}) {
     return HXModule::createModule<Recorder>(broker, name, std::move(behaviour), &log);
   }

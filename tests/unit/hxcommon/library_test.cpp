@@ -1,4 +1,5 @@
 #include "capture_log.h"
+#include "end_broker.h"
 #include "expect_error.h"
 
 #include <hxcommon/hxbroker.h>
@@ -21,6 +22,9 @@ const std::string kFixtures = KORVO_TEST_FIXTURES;  // The folder of the librari
 class ModuleLibraries : public testing::Test {
  protected:
   ModuleLibraries() { ::setenv("KORVO_MODULE_PATH", ("/nowhere::" + kFixtures).c_str(), 1); }
+  void TearDown() override {
+    if (broker) kit::endBroker(*broker);
+  }
 
   std::string failureOf(const std::string& library) {
     return errorOf([&] { broker->loadModule(library); });

@@ -1,4 +1,5 @@
 #include "capture_log.h"
+#include "end_broker.h"
 #include "expect_error.h"
 #include "recorder.h"
 
@@ -45,6 +46,10 @@ class Arm : public HXModule {
 
 class Modules : public testing::Test {
  protected:
+  void TearDown() override {
+    if (broker) kit::endBroker(*broker);
+  }
+
   std::shared_ptr<Recorder> make(Behaviour behaviour) {
     return HXModule::createModule<Recorder>(broker, "Recorder", std::move(behaviour), &log);
   }

@@ -37,6 +37,11 @@ AnyObject serviceThat(std::function<void()> run) {
 
 class Sessions : public testing::Test {
  protected:
+  void TearDown() override {
+    session.close();
+    EXPECT_TRUE(session.services().empty());
+  }
+
   /// Remembers the notices; a leading "-" is one of a withdrawal.
   void listen() {
     session.serviceRegistered.connect(SignalSubscriber([this](mw::ServiceId, const std::string& name) {
