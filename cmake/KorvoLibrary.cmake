@@ -6,6 +6,9 @@ include("${CMAKE_CURRENT_LIST_DIR}/KorvoModule.cmake")
 
 set(KORVO_MODULE_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}/${KORVO_MODULE_DIR}")
 
+# All that is installed, and nothing else.
+add_custom_target(installation)
+
 add_library(korvo_warnings INTERFACE)
 target_compile_options(korvo_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-qual -Wcast-align
@@ -59,6 +62,7 @@ function(korvo_library name)
     target_link_options(${name} PRIVATE LINKER:--no-undefined)
   endif()
   set_property(GLOBAL APPEND PROPERTY KORVO_PUBLIC_LINK ${ARG_PUBLIC_LINK})
+  add_dependencies(installation ${name})
   install(TARGETS ${name} EXPORT KorvoTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
   install(DIRECTORY include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 endfunction()
@@ -72,20 +76,6 @@ function(korvo_part name)
   add_library(${name} STATIC ${ARG_SOURCES})
   _korvo_common(${name} PUBLIC_LINK ${ARG_LINK} UNPARSED ${ARG_UNPARSED_ARGUMENTS})
   target_include_directories(${name} PUBLIC "${CMAKE_CURRENT_SOURCE_DIR}")
-endfunction()
-
-# korvo_program(<name> SOURCES <file>... [LINK <target>...] [INSTALL])
-#
-# INSTALL also exports it, so that an outside project can run Korvo::<name> in its tests.
-function(korvo_program name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "INSTALL" "" "SOURCES;LINK")
-  add_executable(${name} ${ARG_SOURCES})
-  _korvo_common(${name} PRIVATE_LINK ${ARG_LINK} UNPARSED ${ARG_UNPARSED_ARGUMENTS})
-  if(ARG_INSTALL)
-    add_executable(Korvo::${name} ALIAS ${name})
-    set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
-    install(TARGETS ${name} EXPORT KorvoTargets RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  endif()
 endfunction()
 
 add_custom_target(concurrent_tests)

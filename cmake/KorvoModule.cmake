@@ -1,7 +1,8 @@
-# How a module is declared, in this project and in yours: this file is installed with the package.
+# How modules and programs are declared, in this project and in yours: this file is installed with the package.
 #
 #   find_package(Korvo REQUIRED)
 #   korvo_module(mymodule SOURCES mymodule.cpp)
+#   korvo_program(myprogram SOURCES main.cpp)
 
 include(GNUInstallDirs)
 
@@ -33,7 +34,7 @@ function(korvo_module name)
   if(NOT "${CMAKE_CXX_FLAGS} ${CMAKE_MODULE_LINKER_FLAGS}" MATCHES "-fsanitize")
     target_link_options(${name} PRIVATE LINKER:--no-undefined)
   endif()
-  # Both are set inside the Korvo tree only: an outside project keeps its own warnings and its own folders.
+  # These are set inside the Korvo tree only: an outside project keeps its own warnings and its own folders.
   if(TARGET korvo_warnings)
     target_link_libraries(${name} PRIVATE korvo_warnings)
   endif()
@@ -41,6 +42,40 @@ function(korvo_module name)
     set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY "${KORVO_MODULE_OUTPUT_DIRECTORY}")
   endif()
   if(ARG_INSTALL)
+    if(TARGET installation)
+      add_dependencies(installation ${name})
+    endif()
     install(TARGETS ${name} LIBRARY DESTINATION "${KORVO_MODULE_DIR}")
+  endif()
+endfunction()
+
+# korvo_program(<name> SOURCES <file>... [LINK <target>...] [INSTALL])
+#
+# A program that has a broker of its own, or joins one: it is linked with what a module is written against, and a module
+# can be a part of it. LINK adds to that. INSTALL puts it among the programs of the prefix.
+function(korvo_program name)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "INSTALL" "" "SOURCES;LINK")
+  if(NOT ARG_SOURCES OR ARG_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "korvo_program(${name}): expects SOURCES <file>... [LINK <target>...] [INSTALL]; "
+                        "not understood: '${ARG_UNPARSED_ARGUMENTS}'")
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_features(${name} PRIVATE cxx_std_20)
+  target_link_libraries(${name} PRIVATE ${ARG_LINK} Korvo::hxcommon Korvo::hxproxies)
+  set_target_properties(${name} PROPERTIES
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    POSITION_INDEPENDENT_CODE ON
+    INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
+    INSTALL_RPATH_USE_LINK_PATH ON)
+  if(TARGET korvo_warnings)
+    target_link_libraries(${name} PRIVATE korvo_warnings)
+  endif()
+  if(ARG_INSTALL)
+    if(TARGET installation)
+      add_dependencies(installation ${name})
+    endif()
+    install(TARGETS ${name} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
   endif()
 endfunction()
