@@ -22,13 +22,5 @@ TEST_F(Addresses, OfValuesWithoutATypeAreGivenWithAWarning) {
   EXPECT_THROW(memory->removeData("new"), HXError);
 }
 
-TEST_F(Addresses, OfValuesWithoutATypeKeepWhatWasWrittenThereUntilThereIsOne) {
-  int* const address = static_cast<int*>(memory->getPtrData("event"));
-  *address = 4;
-  memory->declareEvent("event");
-  EXPECT_EQ(*address, 4);
-  EXPECT_EQ(memory->getData("event"), HXValue());
-}
-
 }  // namespace
 }  // namespace HX
