@@ -32,10 +32,12 @@ extern const std::string keyTypeChanged;  ///< "HXMemory/KeyTypeChanged"
 /// A value flows from a module's proxy through the method table into a member here, into the item of its name, and,
 /// when it was raised, on to the item's subscribers.
 ///
-/// Threads: every public method may be called from any thread, any number at once. Only `getDataOnChange` blocks by
+/// @par Threads
+/// Every public method may be called from any thread, any number at once. Only `getDataOnChange` blocks by
 /// design; raising runs the subscribers of this process on the raiser's thread.
 ///
-/// Locks, outer ones first: `itemsLock` before an item's value lock; `itemsLock` before `eventExtractorsLock`. Reads,
+/// @par Locks
+/// Outer ones first: `itemsLock` before an item's value lock; `itemsLock` before `eventExtractorsLock`. Reads,
 /// listings and writes that keep a key's kind share `itemsLock`; new keys, changes of kind and removals have it alone.
 /// `mappingMutex` is held around everything that applying a mapping does, the declaration of its events included.
 /// `itemsLock` and an item's notifier lock are never held together, and no lock of the store is held while history is

@@ -16,7 +16,10 @@ class HXMemory;
 /// A value triggered from outside is not emitted here. It is raised, and comes back by way of the memory, so that every
 /// client sees it once, whichever way it came.
 ///
-/// Threads: any, in parallel. No lock of its own is held. A signal may outlive the memory; it then refuses to trigger.
+/// A signal may outlive the memory; it then refuses to trigger.
+///
+/// @par Threads  Any, in parallel.
+/// @par Locks    None of its own is held.
 class HXMemorySignal : public mw::Signal<mw::AnyValue> {
  public:
   /// Stands for no event; a trigger is refused.
@@ -27,7 +30,8 @@ class HXMemorySignal : public mw::Signal<mw::AnyValue> {
   ~HXMemorySignal() override;
 
   /// Raises the event with the one argument, or with an invalid value when there is none.
-  /// @param callType  Ignored.
+  /// @param parameters  None or one; not kept.
+  /// @param callType    Ignored.
   /// @throws std::runtime_error "Invalid number of arguments" for two or more, mw::ConversionError for an argument that
   ///         has no value form, std::runtime_error when the memory has gone, and whatever the raise throws.
   void trigger(mw::GenericFunctionParameters parameters, mw::MetaCallType callType = mw::MetaCallType::Auto) override;

@@ -38,7 +38,8 @@ extern HXBroker* staticBroker;
 /// is destroyed on the event loop: its destructor waits for them, and the last reference may well fall inside one of
 /// them, or under a lock that they need.
 ///
-/// Locks: `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. Only
+/// @par Locks
+/// `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. Only
 /// `valueLock` is ever taken while the table's lock is held. While `notifierLock` is held, subscribers are called; it
 /// is recursive, because they may come back into the item on the same thread.
 class alignas(64) STMValue {
@@ -49,6 +50,8 @@ class alignas(64) STMValue {
   /// Makes an item.
   /// @param memory  Owner, for the signal; not kept alive.
   /// @param name    The name that it is filed under; the item does not keep it, the signal does.
+  /// @param value   Its first value.
+  /// @param kind    Its first kind.
   /// @param time    Of the last write; the epoch for an item that has never been written.
   static std::shared_ptr<STMValue> create(HXMemory* memory, const std::string& name, HXValue value = {},
                                           dataType kind = UnknownData, mw::SystemTimePoint time = {});
@@ -114,7 +117,8 @@ class alignas(64) STMValue {
   ///
   /// A subscriber met for the first time is looked up without waiting, and called as soon as it is found; the others
   /// are called here, on this thread. Those that cannot be found, or fail with a runtime error, are forgotten.
-  /// @param key  The name that was raised; handed on as it is.
+  /// @param key    The name that was raised; handed on as it is.
+  /// @param value  What each of them is given.
   /// @throws What a subscriber throws that is not a runtime error; the rest are then not told.
   void notify(const std::string& key, const HXValue& value);
 

@@ -23,7 +23,8 @@ class ModuleLibrary;
 /// A broker keeps its modules from their registration until they leave or it shuts down. Module libraries that it
 /// loaded stay mapped for the life of the process: callables and types live in them.
 ///
-/// Threads: every operation is safe from any thread; no lock is held while modules are called, made or destroyed.
+/// @par Threads  Safe from any thread.
+/// @par Locks    None is held while modules are called, made or destroyed.
 class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
  public:
   /// @param name     Names the broker among those of the machine.
@@ -38,6 +39,7 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   const std::shared_ptr<mw::Session>& session() const { return session_; }
 
   /// A proxy to a module, wherever it runs. Asked again, the same proxy as long as the module is the same.
+  /// @param name   Of the module.
   /// @param flags  0; kept for callers that state it.
   /// @return Empty when there is no such module.
   std::shared_ptr<HXProxy> getProxy(const std::string& name, int flags = 0);

@@ -13,7 +13,7 @@ class HXBroker;
 
 /// Knows the brokers of this process. It does not keep them: brokers end when their owners let go of them.
 ///
-/// Threads: every operation is safe from any thread.
+/// @par Threads  Safe from any thread.
 class HX_API HXBrokerManager {
  public:
   /// The manager of this process; made when there is none.

@@ -50,6 +50,9 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   void setModuleDescription(std::string text);
 
   /// Opens the description of a method. It goes with the next method that is bound.
+  /// @param name         Under which it is called; not empty.
+  /// @param module       Whose method it is; for readers.
+  /// @param description  One sentence.
   /// @param flags  0, or 4 for methods that mean something only inside this process; handed on to callers.
   void functionName(std::string name, std::string module, std::string description, int flags = 0);
   /// Describes the next parameter, in the order of the method's arguments.

@@ -17,7 +17,7 @@ namespace HX {
 /// it. Overloads are chosen by the number of arguments, then by exact types, then by a conversion that loses nothing;
 /// a parameter of type HXValue takes whatever no other overload wants.
 ///
-/// Threads: any number of threads may use one proxy at once. Calls run on the caller's thread for modules of this
+/// @par Threads  Any number of threads may use one proxy at once. Calls run on the caller's thread for modules of this
 /// process, and return when the method has.
 class HX_API HXProxy {
  public:
@@ -47,6 +47,10 @@ class HX_API HXProxy {
 
   /// Calls a subscriber's callback with (key, value, message).
   ///
+  /// @param method   Of the module behind this proxy.
+  /// @param key      The event's name.
+  /// @param value    What it was raised with.
+  /// @param message  What the subscription gave.
   /// @param state  Slot of this subscription, (0, 0) at first. It spares the next call the look-up of the method, for
   ///               as long as the module offers the same methods.
   /// @throws As `call`.

@@ -85,6 +85,7 @@ class HX_API HXMemoryProxy {
   // --- Events ---------------------------------------------------------------------------------------------------
 
   void declareEvent(const std::string& eventName);
+  /// @param eventName      Key.
   /// @param extractorName  The module that is told of subscriptions, so that it may start and stop producing.
   void declareEvent(const std::string& eventName, const std::string& extractorName);
   Strings getExtractorEvent(const std::string& extractorName);
@@ -108,6 +109,8 @@ class HX_API HXMemoryProxy {
   /// Ends every subscription of a module that has left.
   void unregisterModuleReference(const std::string& moduleName);
 
+  /// @param name            Key.
+  /// @param callbackModule  Subscriber.
   /// @param nTimePolicy  Smallest time between two notifications, milliseconds; 0 for every change.
   void _subscribeOnDataSetTimePolicy(const std::string& name, const std::string& callbackModule, int nTimePolicy);
   void _subscribeOnDataSetSynchronizeResponse(const std::string& name, const std::string& callbackModule,
@@ -120,6 +123,7 @@ class HX_API HXMemoryProxy {
 
   /// Raises `event` whenever `service` emits `signal`; also when the service appears later.
   void addMapping(const std::string& service, const std::string& signal, const std::string& event);
+  /// @param service      Whose signals they are.
   /// @param signalEvent  Signals with the event of each.
   void addMapping(const std::string& service, const std::map<std::string, std::string>& signalEvent);
 

@@ -244,6 +244,7 @@ class HX_API HXValue {
   /// value again. 0 for an invalid value; means nothing for any other type.
   std::uint64_t scalarBits() const noexcept { return std::bit_cast<std::uint64_t>(slot_); }
   /// @param type  Invalid or a scalar's.
+  /// @param bits  As `scalarBits` gave them.
   static HXValue fromScalarBits(Type type, std::uint64_t bits) noexcept {
     HXValue value;
     value.slot_ = std::bit_cast<Slot>(bits);

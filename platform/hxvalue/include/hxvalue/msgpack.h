@@ -40,7 +40,9 @@ HX_API HXValue fromMsgpack(std::span<const std::byte> bytes, const MsgpackLimits
 
 /// Reads the first of the values in `bytes`, as `fromMsgpack` does.
 ///
-/// @param size  How many bytes it took; unchanged on errors.
+/// @param bytes   Not kept.
+/// @param size    How many of them it took; unchanged on errors.
+/// @param limits  As for `fromMsgpack`.
 /// @throws std::runtime_error as `fromMsgpack`, but not for what follows the value.
 /// @par Threads  Any.
 HX_API HXValue readMsgpack(std::span<const std::byte> bytes, std::size_t& size, const MsgpackLimits& limits = {});

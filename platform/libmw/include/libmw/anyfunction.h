@@ -25,7 +25,8 @@ namespace detail {
 class HX_API FunctionBase {
  public:
   virtual ~FunctionBase();
-  /// @param self  The instance, for members bound to a type rather than to an object; ignored by the others.
+  /// @param self        The instance, for members bound to a type rather than to an object; ignored by the others.
+  /// @param parameters  The arguments; not kept.
   virtual AnyValue invoke(void* self, GenericFunctionParameters parameters) const = 0;
 };
 

@@ -27,7 +27,9 @@ class HX_API ConversionError : public std::runtime_error {
 
 /// Refers to an object of any type, which must outlive the reference. Empty references stand for "void".
 ///
-/// Two words, copied freely. Threads: as for the object referred to.
+/// Two words, copied freely.
+///
+/// @par Threads  As for the object referred to.
 class HX_API AnyReference {
  public:
   AnyReference() = default;

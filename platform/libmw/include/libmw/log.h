@@ -116,6 +116,7 @@ HX_API bool setStderrSink(bool enabled) noexcept;
 ///
 /// @param level     Name of a LogLevel: HX_LOG(Warning, …).
 /// @param category  A log::Category, which is cheapest, or a name.
+/// @param text      One line.
 #define HX_LOG(level, category, text) HX_LOG_AS(level, category, __func__, text)
 
 /// HX_LOG with the function name stated, for records whose wording is relied on.

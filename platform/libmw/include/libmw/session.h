@@ -43,15 +43,16 @@ class HX_API RemoteDirectory {
 /// object and is cut off when the service is unregistered: the object can then go, whoever still holds the handle, and
 /// calls through it fail with a runtime error that names the service.
 ///
-/// Threads: every operation is safe from any thread. No lock is held while objects, resolvers or handlers are called.
+/// @par Threads  Safe from any thread.
+/// @par Locks    None is held while objects, resolvers or handlers are called.
 class HX_API Session {
  public:
   /// Looks up services that this process does not offer, as `RemoteDirectory::find` does and before it is asked. An
   /// exception fails the look-up.
   using Resolver = std::function<Future<AnyObject>(const std::string& name)>;
 
-  /// @param loop  Delivers the notices; the process-wide loop when not given. Must outlive the session.
-  Session();
+  Session();  ///< With the process-wide loop.
+  /// @param loop  Delivers the notices. Must outlive the session.
   explicit Session(EventLoop& loop);
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
@@ -73,6 +74,7 @@ class HX_API Session {
   /// the running calls of other threads have returned, and lets go of the object. A wait beyond five seconds is logged
   /// (category "mw.session", warning). From inside a call of the service itself it returns while that call still runs;
   /// the object is then let go of once it has returned.
+  /// @param id           As `registerService` gave it.
   /// @param beforeDrain  Must not throw.
   /// @return False when there is no such service.
   bool unregisterService(ServiceId id, const std::function<void()>& beforeDrain = {});

@@ -51,7 +51,7 @@ class HX_API Waker {
 /// A state that belongs to a continuation is a *dependent* of the state it waits for (its source): the source owns
 /// it until it runs, and it knows the source only weakly, for passing a cancellation up.
 ///
-/// Locks: `mutex_` is a leaf; nothing foreign runs under it, and no two states are ever locked at once.
+/// @par Locks  `mutex_` is a leaf; nothing foreign runs under it, and no two states are ever locked at once.
 class HX_API FutureStateBase : public std::enable_shared_from_this<FutureStateBase> {
  public:
   struct Dependent {
