@@ -46,7 +46,7 @@ class Broker final : public korvo::Target {
 
 /// The commands that wait, that print at length, or that open files by design.
 bool isLeftOut(std::string_view line) {
-  for (const char* word : {"OnChange", "perf", "import", "export", "\\u"}) {
+  for (const char* word : {"OnChange", "perf", "import", "export", "hz", "--rate", "--count", "\\u"}) {
     if (line.find(word) != std::string_view::npos) return true;
   }
   return false;

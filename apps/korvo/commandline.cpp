@@ -8,9 +8,12 @@
 #include <libmw/local.h>
 
 #include <algorithm>
+#include <csignal>
 #include <iostream>
 #include <memory>
+#include <poll.h>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -26,23 +29,32 @@ int fail(ExitStatus status, std::string_view message) {
   return status;
 }
 
-/// What stays in the buffer of a full disk was not done.
-int withAllWritten(int status) {
-  if (std::cout.flush() || status != kDone) return status;
-  return fail(kFailed, "standard output cannot be written");
+/// Whether standard output is a pipe that nobody reads any more.
+bool readerHasGone() {
+  pollfd output{STDOUT_FILENO, 0, 0};
+  return poll(&output, 1, 0) == 1 && (output.revents & POLLERR) != 0;
 }
 
-/// The flags among the options, for a command to ask for.
-Words flagsIn(const Words& options) {
-  Words flags = options;
-  std::erase_if(flags, [](const std::string& word) { return !word.starts_with("--"); });
-  return flags;
+/// Ends the program as everybody ends whose reader has gone (`korvo top | head`): quietly, by the signal for it.
+void endBehindReader() {
+  std::signal(SIGPIPE, SIG_DFL);
+  sigset_t pipe;
+  sigemptyset(&pipe);
+  sigaddset(&pipe, SIGPIPE);
+  pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+  std::raise(SIGPIPE);
+}
+
+/// What stays in the buffer of a full disk was not done.
+int withAllWritten(int status) {
+  const bool isWritten = static_cast<bool>(std::cout.flush());
+  if (!isWritten && readerHasGone()) endBehindReader();
+  return isWritten || status != kDone ? status : fail(kFailed, "standard output cannot be written");
 }
 
 int runVerb(const Verb& verb, std::span<const std::string> words) {
   const auto options = optionsOf(verb);
   GivenWords given = tellApart(*options, words);
-  Words flags = flagsIn(given.options);
   try {
     std::ranges::reverse(given.options);  // It takes them from the end.
     options->parse(given.options);
@@ -52,7 +64,7 @@ int runVerb(const Verb& verb, std::span<const std::string> words) {
   } catch (const CLI::ParseError& error) {
     throw InputError(error.what());
   }
-  Arguments arguments(std::move(given.arguments), std::move(flags));
+  Arguments arguments(std::move(given.arguments), std::move(given.values));
   return verb.run(arguments);
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "arguments.h"
+
 #include <span>
 #include <string>
 #include <string_view>
@@ -7,7 +9,6 @@
 
 namespace korvo {
 
-class Arguments;
 class LineSource;
 class Output;
 class Target;
@@ -19,12 +20,12 @@ struct Context {
   Output& output;
   Watches& watches;
   LineSource* input = nullptr;  ///< What `-` stands for among the arguments; null for a console, which reads it itself.
-};
+  int stop = -1;                ///< A command that goes on by itself ends as soon as this file is readable.
+  bool leaves = false;          ///< The console was asked to end.
 
-/// A word that changes what a command does: "--json".
-struct Flag {
-  std::string_view name;
-  std::string_view summary;
+  bool isConsole() const { return !input; }
+  /// A name as it is printed for whoever reads it there.
+  std::string shown(std::string_view name) const;
 };
 
 /// Where a command is of use.
@@ -44,13 +45,14 @@ struct Command {
   std::string_view
       example;  ///< What follows `korvo` in a shell; without its single quotes it is a line of the console.
   void (*run)(Context& context, Arguments& arguments);
-  std::span<const Flag> flags = {};
+  std::span<const Option> options = {};
   Use use = Use::Everywhere;
 };
 
 // The commands by what they are about, each group in a source of its own name.
 std::span<const Command> valueCommands();
 std::span<const Command> eventCommands();
+std::span<const Command> watchCommands();
 std::span<const Command> serviceCommands();
 std::span<const Command> transferCommands();
 
@@ -58,10 +60,13 @@ std::span<const Command> transferCommands();
 const std::vector<Command>& commands();
 /// @return Null when there is none of that name.
 const Command* findCommand(std::string_view name);
+/// What is wrong with a line that asks for `name`.
+std::string noSuchCommand(std::string_view name);
 /// "set KEY JSON"
 std::string synopsis(const Command& command);
 
 /// What most commands that print something offer.
-inline constexpr Flag kJsonFlag[] = {{"--json", "Print each result as one object of JSON, a line each"}};
+inline constexpr Option kJson{"--json", "", "Print each result as one object of JSON, a line each"};
+inline constexpr Option kJsonOnly[] = {kJson};
 
 }  // namespace korvo

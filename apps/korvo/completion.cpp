@@ -36,7 +36,7 @@ std::string placeholderAt(std::string_view synopsis, std::size_t index) {
   std::istringstream stream{std::string(synopsis)};
   std::string word;
   for (std::size_t i = 0; stream >> word; ++i) {
-    if (i == index || word.find("...") != std::string::npos) return placeholder(word);
+    if (i == index || word.ends_with("...")) return placeholder(word);
   }
   return {};
 }
@@ -71,25 +71,16 @@ Words verbNames() {
   return names;
 }
 
-Words optionNames(const CLI::App& options) {
-  Words names;
-  for (const CLI::Option* option : options.get_options()) {
-    for (const auto& name : option->get_lnames()) names.push_back("--" + name);
-  }
-  return names;
-}
-
 /// The value that was given to --broker; empty when none was.
-std::string brokerIn(const Words& options) {
-  for (std::size_t i = 0; i + 1 < options.size(); ++i) {
-    if (options[i] == "--broker") return options[i + 1];
-  }
-  return {};
+std::string brokerIn(const GivenOptions& options) {
+  const auto found = options.find("--broker");
+  return found == options.end() ? std::string() : found->second;
 }
 
 /// What may stand after an option that takes a value.
 Words valuesOf(const std::string& option) {
   if (option == "--broker") return mw::runningBrokers();
+  if (option == "--type") return {"int", "int64", "float", "double"};
   if (option == "--log-level") return {"silent", "fatal", "error", "warning", "info", "verbose", "debug"};
   return {};
 }
@@ -109,7 +100,7 @@ Words candidates(std::span<const std::string> words) {
   const GivenWords given = tellApart(*options, before);
   const std::string wanted = placeholderAt(verb->arguments, given.arguments.size());
   if (wanted == "COMMAND") return verbNames();
-  return askBroker(brokerIn(given.options), wanted, given.arguments, words.back());
+  return askBroker(brokerIn(given.values), wanted, given.arguments, words.back());
 }
 
 }  // namespace

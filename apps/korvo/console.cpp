@@ -22,7 +22,7 @@ std::string_view withoutLineEnd(std::string_view line) {
 }  // namespace
 
 void Console::run(LineSource& lines) {
-  while (context_.output.works()) {
+  while (context_.output.works() && !context_.leaves) {
     try {
       const auto line = lines.next();
       if (!line) return;
@@ -49,8 +49,9 @@ void Console::dispatch(std::string_view line) {
   if (arguments.atEnd()) return;
   const std::string name = arguments.word("COMMAND");
   const Command* command = findCommand(name);
-  if (!command) throw InputError(fmt::format("no command {}; try help", excerpt(name)));
+  if (!command) throw InputError(noSuchCommand(name));
   try {
+    arguments.takeOptions(command->options);
     command->run(context_, arguments);
   } catch (const InputError& error) {
     throw InputError(fmt::format("{}: {} (usage: {})", name, error.what(), synopsis(*command)));

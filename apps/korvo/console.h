@@ -15,7 +15,7 @@ class Console {
  public:
   explicit Console(Context context) : context_(context) {}
 
-  /// Executes every line of `lines` until they end, or nobody reads the output any more.
+  /// Executes every line of `lines` until they end, one asks for the end, or nobody reads the output any more.
   void run(LineSource& lines);
 
   /// Executes one line. Errors go to the output: `error: MODULE.METHOD: MESSAGE` where a module reports it, else

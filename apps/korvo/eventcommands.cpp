@@ -1,30 +1,87 @@
 #include "arguments.h"
 #include "commands.h"
+#include "event.h"
 #include "format.h"
 #include "inputvalues.h"
+#include "keys.h"
 #include "output.h"
 #include "target.h"
-#include "watches.h"
-
-#include <hxvalue/json.h>
 
 #include <algorithm>
 #include <array>
-#include <stdexcept>
+#include <chrono>
+#include <optional>
+#include <thread>
 
 namespace korvo {
 namespace {
 
 using HX::HXValue;
+using namespace std::chrono_literals;
 
-/// @param what  What each of them is, for the form of objects; null prints bare names.
-void printNames(Output& output, const std::vector<std::string>& names, const char* what) {
-  for (const auto& name : names) output.line(what ? JsonObject().add(what, name).text() : HX::toJson(name));
+/// @param what  What each of them is, for the form of objects.
+void printNames(Context& context, Arguments& arguments, std::vector<std::string> names, const char* what) {
+  const bool asObjects = arguments.has("--json");
+  std::ranges::sort(names);
+  for (const auto& name : names) {
+    context.output.line(asObjects ? JsonObject().add(what, name).text() : context.shown(name));
+  }
 }
 
+/// Lets something happen so often, and so fast.
+class Pace {
+ public:
+  /// @param count  How often, without end where it is none.
+  /// @param rate   How many a second, as fast as may be where it is none.
+  Pace(std::optional<std::size_t> count, std::optional<double> rate) : left_(count), rate_(rate) {}
+
+  /// Waits until it is time.
+  /// @return False when it has happened often enough, or `stop` is readable.
+  bool next(int stop) {
+    if (left_ && (*left_)-- == 0) return false;
+    if (!rate_) return true;
+    const auto now = Clock::now();
+    // What took too long is not made good by a burst.
+    next_ = std::max(now, next_);
+    while (true) {
+      const auto wait = std::chrono::floor<std::chrono::milliseconds>(next_ - Clock::now());
+      if (waitReadable({stop}, std::clamp(wait, 0ms, 1000ms)) == 0) return false;
+      if (wait < 1ms) break;
+    }
+    std::this_thread::sleep_until(next_);
+    constexpr double kLongest = 1e9;  // Seconds; what is longer does not fit the clock.
+    next_ += std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(std::min(1 / *rate_, kLongest)));
+    return true;
+  }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  std::optional<std::size_t> left_;
+  const std::optional<double> rate_;
+  Clock::time_point next_;
+};
+
 void raise(Context& context, Arguments& arguments) {
+  ValueReader reader(context, arguments);
+  const auto count = arguments.count("--count");
+  const auto rate = arguments.number("--rate");
   const std::string key = arguments.word("KEY");
-  forEachValue(context, arguments, [&](const HXValue& value) { context.target.memory().raiseEvent(key, value); });
+  const bool readsLines = context.input && arguments.takeDash();
+  const HXValue value = readsLines ? HXValue() : reader.next();
+  arguments.end();
+  if (context.isConsole() && rate && !count) throw InputError("--rate needs --count in a console");
+  auto memory = context.target.memory();
+  Pace pace(readsLines || rate || count ? count : 1, rate);
+  if (!readsLines) {
+    const HXValue typed = reader.typed(value, memory, key);
+    while (pace.next(context.stop)) memory.raiseEvent(key, typed);
+    return;
+  }
+  reader.forEachLine([&](HXValue one) {
+    if (!pace.next(context.stop)) return false;
+    memory.raiseEvent(key, reader.typed(std::move(one), memory, key));
+    return true;
+  });
 }
 
 void declare(Context& context, Arguments& arguments) {
@@ -41,53 +98,35 @@ void declare(Context& context, Arguments& arguments) {
 }
 
 void events(Context& context, Arguments& arguments) {
-  const char* const what = arguments.takeFlag("--json") ? "key" : nullptr;
   arguments.end();
-  printNames(context.output, context.target.memory().getEventList(), what);
+  printNames(context, arguments, context.target.memory().getEventList(), "key");
 }
 
 void microEvents(Context& context, Arguments& arguments) {
-  const char* const what = arguments.takeFlag("--json") ? "key" : nullptr;
   arguments.end();
-  auto names = context.target.memory().getMicroEventList();
-  std::ranges::sort(names);
-  printNames(context.output, names, what);
+  printNames(context, arguments, context.target.memory().getMicroEventList(), "key");
 }
 
 void history(Context& context, Arguments& arguments) {
-  arguments.takeFlag("--json");  // It prints nothing else.
+  const auto last = arguments.count("--last");
   const std::string event = arguments.word("EVENT");
   arguments.end();
-  const HXValue raises = context.target.memory().getEventHistory(event);
-  for (std::size_t i = 0; i < raises.getSize(); ++i) {
-    const Stamped stamped = toStamped(raises[i]);
-    context.output.line(JsonObject().addValue(stamped.value).add("time", formatTime(stamped.time)).text());
-  }
+  forEachKey(context, {event}, [&](HX::HXMemoryProxy& memory, const std::string& key) {
+    const HXValue raises = memory.getEventHistory(key);
+    const std::size_t count = raises.getSize();
+    for (std::size_t i = last && *last < count ? count - *last : 0; i < count; ++i) {
+      const Stamped stamped = toStamped(raises[i]);
+      context.output.line(JsonObject().addValue(stamped.value).add("time", formatTime(stamped.time)).text());
+    }
+  });
 }
 
 void subscribers(Context& context, Arguments& arguments) {
-  const char* const what = arguments.takeFlag("--json") ? "subscriber" : nullptr;
-  const std::string key = arguments.word("KEY");
+  const std::string wanted = arguments.word("KEY");
   arguments.end();
-  printNames(context.output, context.target.memory().getSubscribers(key), what);
-}
-
-std::vector<std::string> someKeys(Arguments& arguments) {
-  if (arguments.atEnd()) throw InputError("KEY is missing");
-  return arguments.words("KEY");
-}
-
-void watch(Context& context, Arguments& arguments) {
-  context.watches.markGapsInOutput(arguments.takeFlag("--json"));
-  const auto keys = someKeys(arguments);
-  auto memory = context.target.memory();
-  for (const auto& key : keys) context.watches.add(key, memory.subscriber(key));
-}
-
-void unwatch(Context& context, Arguments& arguments) {
-  for (const auto& key : someKeys(arguments)) {
-    if (!context.watches.remove(key)) throw std::runtime_error("not watched: " + excerpt(key));
-  }
+  forEachKey(context, {wanted}, [&](HX::HXMemoryProxy& memory, const std::string& key) {
+    printNames(context, arguments, memory.getSubscribers(key), "subscriber");
+  });
 }
 
 void map(Context& context, Arguments& arguments) {
@@ -98,29 +137,30 @@ void map(Context& context, Arguments& arguments) {
   context.target.memory().addMapping(service, signal, event);
 }
 
-constexpr Flag kWatchFlags[] = {{"--json", "Print gaps too as objects of JSON, among the raises"}};
+constexpr Option kRaiseOptions[] = {kString,
+                                    kType,
+                                    {"--rate", "HZ", "Raise so many times a second; without --count until interrupted"},
+                                    {"--count", "N", "Raise N times, and for - at most N lines"}};
+constexpr Option kHistoryOptions[] = {kJson, {"--last", "N", "Print the latest N raises only"}};
 
 constexpr std::array kEventCommands{
-    Command{"raise", "KEY JSON", "Raises an event: stores its value and tells its subscribers.",
-            "The event is made when there is none. Returns when every subscriber has been told.\n"
-            "In a shell, - for JSON reads standard input: each line is one value, raised in turn.",
-            "raise Door true", raise},
+    Command{
+        "raise", "KEY JSON", "Raises an event: stores its value and tells its subscribers.",
+        "The event is made when there is none, and numbers get types as with set. Returns when every subscriber has\n"
+        "been told.\n"
+        "In a shell, - for JSON reads standard input: each line is one value, raised in turn.",
+        "raise Door true", raise, kRaiseOptions},
     Command{"declare", "EVENT [EXTRACTOR]", "Declares an event, and the module that produces it.", "",
             "declare Door DoorSensor", declare},
     Command{"events", "", "Lists the declared events, one a line.", "With --json as {\"key\":EVENT}.", "events", events,
-            kJsonFlag},
+            kJsonOnly},
     Command{"micro-events", "", "Lists the micro-events, one a line.", "With --json as {\"key\":EVENT}.",
-            "micro-events", microEvents, kJsonFlag},
+            "micro-events", microEvents, kJsonOnly},
     Command{"history", "EVENT", "Prints the latest raises of an event, oldest first, one a line.",
-            "Each as {\"value\":VALUE,\"time\":TIME}.", "history Door", history, kJsonFlag},
+            "Each as {\"value\":VALUE,\"time\":TIME}. The memory remembers 50.", "history Door --last 5", history,
+            kHistoryOptions},
     Command{"subscribers", "KEY", "Lists the modules that subscribe to a key, one a line.",
-            "With --json as {\"subscriber\":MODULE}.", "subscribers Door", subscribers, kJsonFlag},
-    Command{"watch", "KEY...", "Prints each raise of these keys as it happens, until unwatch or Ctrl-C.",
-            "Each as {\"key\":KEY,\"value\":VALUE,\"time\":TIME}. A key that does not exist is declared as an event.\n"
-            "In a shell it goes on when the broker ends and is started again, and marks the gap on standard error;\n"
-            "with --json as {\"gap\":\"begins\",\"reason\":TEXT,\"time\":TIME} and {\"gap\":\"ends\",\"time\":TIME}.",
-            "watch Door Battery", watch, kWatchFlags, Use::Lasting},
-    Command{"unwatch", "KEY...", "Ends what watch began.", "", "unwatch Door", unwatch, {}, Use::Console},
+            "With --json as {\"subscriber\":MODULE}.", "subscribers Door", subscribers, kJsonOnly},
     Command{"map", "SERVICE SIGNAL EVENT", "Raises EVENT whenever SERVICE emits SIGNAL.",
             "The service may appear later.", "map Motor stalled Motor/Stalled", map},
 };

@@ -3,6 +3,7 @@
 #include <hxvalue/json.h>
 #include <libmw/genericobject.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <stdexcept>
@@ -19,6 +20,19 @@ std::string excerpt(std::string_view text) {
   std::size_t end = kLongest;
   while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0) == 0x80) --end;
   return fmt::format("{}...", text.substr(0, end));
+}
+
+std::string formatName(std::string_view name, NameReader reader) {
+  const auto isBlank = [](char c) { return c == ' '; };
+  const HX::JsonText quoted = HX::toJsonText(HXValue(name));
+  bool needsQuotes = name.empty() || quoted.replaced || escapeControls(name) != name || name.front() == '"';
+  if (reader == NameReader::Shell) {
+    needsQuotes = needsQuotes || isBlank(name.front()) || isBlank(name.back());
+  } else {
+    needsQuotes = needsQuotes || std::ranges::any_of(name, isBlank) || name.starts_with("--") ||
+                  std::string_view("[{").find(name.front()) != std::string_view::npos;
+  }
+  return needsQuotes ? quoted.text : std::string(name);
 }
 
 namespace {

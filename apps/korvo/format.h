@@ -16,6 +16,13 @@ using mw::escapeControls;
 /// As much of what was given as an error shows of it, cut between characters.
 std::string excerpt(std::string_view text);
 
+/// A name of a listing: bare where nothing needs quotes, so that it can be used as it stands, else as a JSON string.
+///
+/// On a line of the console a name with blanks needs quotes. A shell reads a line back as a name unless it is empty,
+/// begins or ends with a blank, has characters that would not stay on the line, or has quotes already.
+enum class NameReader { Shell, Console };
+std::string formatName(std::string_view name, NameReader reader);
+
 /// What a method returned as one line of JSON; none when it returned nothing.
 ///
 /// A pointer is a string with its hexadecimal address, an object `{"object":TYPE,"id":N}` or null, and what has no

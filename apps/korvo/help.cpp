@@ -82,8 +82,34 @@ std::string manualOptions(const Verb& verb) {
   std::string page;
   for (const CLI::Option* option : app->get_options()) {
     const std::string value = option->get_items_expected_max() > 0 ? " " + option->get_type_name() : "";
-    page += fmt::format(".TP\n.B {}\n{}\n", escaped(option->get_name(false, true) + value),
-                        escaped(option->get_description()));
+    const std::string usual = option->get_default_str();
+    page += fmt::format(".TP\n.B {}\n{}{}\n", escaped(option->get_name(false, true) + value),
+                        escaped(option->get_description()),
+                        usual.empty() ? "" : escaped(fmt::format("; by default {}", usual)));
+  }
+  return page;
+}
+
+/// What the environment changes.
+struct Variable {
+  std::string_view name;
+  std::string_view summary;
+};
+constexpr Variable kEnvironment[] = {
+    {"KORVO_BROKER", "The broker to ask or to join where several are running and --broker names none."},
+    {"KORVO_MODULE_PATH",
+     "Folders, separated by colons, in which modules are looked for by name before the installed ones."},
+    {"XDG_RUNTIME_DIR",
+     "The folder korvo in it has the sockets of the brokers; without it, korvo-UID in TMPDIR or /tmp."},
+    {"XDG_DATA_HOME, XDG_DATA_DIRS", "Where data files are looked for, the map of signals to events among them."},
+    {"XDG_STATE_HOME", "The folder korvo in it has the history of the console; by default ~/.local/state."},
+    {"NO_COLOR", "Where it is set and not empty, top is without colours."},
+};
+
+std::string manualEnvironment() {
+  std::string page = ".SH ENVIRONMENT\n";
+  for (const auto& [name, summary] : kEnvironment) {
+    page += fmt::format(".TP\n.B {}\n{}\n", escaped(name), escaped(summary));
   }
   return page;
 }
@@ -111,7 +137,10 @@ std::string manualOfAll() {
     if (verb.group != group) page += fmt::format(".SH {}\n", escaped(group = verb.group));
     page += manualVerb(verb);
   }
-  page += ".SH EXIT STATUS\n" + verbatim(exitStatusText());
+  page += ".SH EXIT STATUS\n" + verbatim(kStatusesOfAsking) +
+          ".PP\nCommands that ask no broker, and some others, have fewer\n";
+  page += "or more; their help lists them.\n";
+  page += manualEnvironment();
   return page + ".SH FILES\n.TP\n.I $XDG_RUNTIME_DIR/korvo\nThe sockets of the running brokers of this user.\n";
 }
 
@@ -121,16 +150,13 @@ std::string manualOfOne(const Verb& verb) {
       fmt::format(".SH SYNOPSIS\n.B korvo {}\n[\\fIOPTION\\fR...] {}\n", escaped(verb.name), escaped(verb.arguments));
   page += fmt::format(".SH DESCRIPTION\n{}\n.PP\n{}", escaped(verb.summary), paragraphs(verb.details));
   page += ".SH OPTIONS\n" + manualOptions(verb);
-  page += ".SH EXIT STATUS\n" + verbatim(exitStatusText());
+  page += ".SH EXIT STATUS\n" + verbatim(verb.statuses);
+  page += manualEnvironment();
   page += ".SH EXAMPLES\n" + verbatim(verb.examples, "korvo ");
   return page + ".SH SEE ALSO\n.BR korvo (1)\n";
 }
 
 }  // namespace
-
-std::string_view exitStatusText() {
-  return "0  done\n1  what was asked for failed\n2  wrong usage\n3  there is no broker to ask\n";
-}
 
 std::string synopsis(const Verb& verb) {
   return fmt::format("{}{}{}", verb.name, verb.arguments.empty() ? "" : " ", verb.arguments);
@@ -159,7 +185,7 @@ std::string helpOn(const Verb& verb) {
   text += examples.size() == 1 ? "\nExample:\n" : "\nExamples:\n";
   for (const auto line : examples) text += fmt::format("  korvo {}\n", line);
   text += "\nExit status:\n";
-  for (const auto line : linesOf(exitStatusText())) text += fmt::format("  {}\n", line);
+  for (const auto line : linesOf(verb.statuses)) text += fmt::format("  {}\n", line);
   return text;
 }
 

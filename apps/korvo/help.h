@@ -18,7 +18,4 @@ std::string helpOn(const Verb& verb);
 /// A manual page in the man macros: of the whole program where `verb` is null, else of that verb.
 std::string manualPage(const Verb* verb);
 
-/// What the exit status means.
-std::string_view exitStatusText();
-
 }  // namespace korvo

@@ -30,7 +30,7 @@ int host(const HostOptions& options) {
   const auto noteReturn = [&] { output.note(fmt::format("broker {} is back", client.broker())); };
   session.connectionLost.connect(mw::SignalSubscriber(noteLoss).track(lifetime.token()));
   session.connectionRestored.connect(mw::SignalSubscriber(noteReturn).track(lifetime.token()));
-  const bool loaded = loadModules(*broker, options.modules, output);
+  const bool loaded = loadModules(*broker, options.modules, options.strict, output);
   if (loaded) {
     output.note(fmt::format("hosting for broker {}: {}", client.broker(), fmt::join(broker->modules(), ", ")));
     waitReadable({signals.file()});

@@ -19,7 +19,7 @@ struct HostOptions : HostingOptions {
 ///
 /// Called by the first thread, before there are others.
 ///
-/// @return The exit status: 0, or 1 when none of the libraries could be loaded.
+/// @return The exit status: 0, or 1 when none of the libraries could be loaded, or strictly, not all.
 /// @throws mw::NoBrokerError when there is no such broker.
 int host(const HostOptions& options);
 

@@ -14,7 +14,7 @@ void prepareHosting(const HostingOptions& options) {
   }
 }
 
-bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries, Output& output) {
+bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries, bool strict, Output& output) {
   std::size_t loaded = 0;
   for (const auto& library : libraries) {
     try {
@@ -22,6 +22,7 @@ bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries
       ++loaded;
     } catch (const std::exception& error) {
       output.error(error.what());
+      if (strict) return false;
     }
   }
   return loaded > 0 || libraries.empty();

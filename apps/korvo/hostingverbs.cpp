@@ -1,9 +1,11 @@
 #include "arguments.h"
 #include "brokername.h"
 #include "checkmap.h"
+#include "commands.h"
 #include "format.h"
 #include "help.h"
 #include "host.h"
+#include "output.h"
 #include "run.h"
 #include "verbs.h"
 
@@ -52,6 +54,7 @@ void addHosting(CLI::App& app, const std::shared_ptr<HostingOptions>& options) {
   addRepeated(app, "--data-dir", options->dataDirs, "Look for data files here first; may be repeated, first one first",
               "DIR")
       ->check(CLI::Validator(CLI::ExistingDirectory).description(""));
+  app.add_flag("--strict", options->strict, "Fail when a module cannot be loaded, instead of running without it");
   app.add_option_function<std::string>(
          "--log-level", [options](const std::string& name) { options->logLevel = levelOf(name); },
          "Show records up to this level on standard error: " + fmt::format("{}", fmt::join(levelNames(), ", ")))
@@ -85,7 +88,8 @@ Verb runVerb() {
       "",
       "Hosts a broker: loads its memory and modules, and runs until told to stop.",
       "A module library is a path with a slash in it, or a name: lib<name>.so is looked for in the folders of\n"
-      "KORVO_MODULE_PATH and in the installed ones. One that cannot be loaded is reported, and the others are loaded.\n"
+      "KORVO_MODULE_PATH and in the installed ones. One that cannot be loaded is reported, and the others are loaded;\n"
+      "with --strict nothing runs then, and the exit status is 1.\n"
       "\n"
       "Other processes of this user reach the broker under its name; there is one broker of a name at a time. Its\n"
       "service \"Broker\" loads modules, lists them and ends the broker: korvo methods Broker.\n"
@@ -98,6 +102,10 @@ Verb runVerb() {
       "run --module ./libarm.so --live\n"
       "run --no-memory --module ./libmine.so --log-level debug",
       kGroup,
+      "0    ended in order\n"
+      "1    no module could be loaded, with --strict not all, or a broker of that name is running\n"
+      "2    wrong usage\n"
+      "130  ended at once by a second SIGINT\n",
       addOptions,
       start};
 }
@@ -106,7 +114,7 @@ Verb hostVerb() {
   const auto options = std::make_shared<HostOptions>();
   const auto addOptions = [options](CLI::App& app) {
     addModules(app, *options)->required();
-    app.add_option("--broker", options->broker, "The broker to join; by default the only one that is running")
+    app.add_option("--broker", options->broker, kBrokerHelp)
         ->check(CLI::Validator(checkBrokerName, ""))
         ->type_name("NAME");
     addHosting(app, options);
@@ -127,6 +135,11 @@ Verb hostVerb() {
       "host --module ./build/libarm.so\n"
       "host --broker torso --module arm --module hand",
       kGroup,
+      "0    ended in order\n"
+      "1    no module could be loaded, or with --strict not all\n"
+      "2    wrong usage\n"
+      "3    there is no broker to join\n"
+      "130  ended at once by a second SIGINT\n",
       addOptions,
       start};
 }
@@ -145,11 +158,10 @@ Verb checkMapVerb() {
           "  N: accepted SERVICE SIGNAL EVENT\n"
           "  N: rejected: REASON\n"
           "  N: nothing                              for a blank or a comment\n"
-          "The memory reads lines of more than 511 characters in pieces, which are N.1, N.2, …\n"
-          "\n"
-          "The exit status is 1 when something was rejected, and 2 when the file cannot be read.",
+          "The memory reads lines of more than 511 characters in pieces, which are N.1, N.2, …",
           "check-map ~/.local/share/korvo/hxmemory_map_signal_event.txt",
           kGroup,
+          "0  every line is accepted\n1  a line was rejected\n2  wrong usage, or the file cannot be read\n",
           {},
           check};
 }
@@ -163,11 +175,39 @@ Verb helpVerb() {
     std::cout << (verb ? helpOn(*verb) : helpOnAll());
     return 0;
   };
-  return {"help", "[COMMAND]", "Lists the commands, or tells more of one.", "", "help get", kGroup, {}, help};
+  return {"help",
+          "[COMMAND]",
+          "Lists the commands, or tells more of one.",
+          "",
+          "help get",
+          kGroup,
+          "0  done\n2  wrong usage\n",
+          {},
+          help};
+}
+
+Verb brokersVerb() {
+  const auto addOptions = [](CLI::App& app) { app.add_flag("--json")->description(std::string(kJson.summary)); };
+  const auto list = [](Arguments& arguments) {
+    arguments.end();
+    Output output(std::cout, std::cerr);
+    listBrokers(output, arguments.has("--json"));
+    return 0;
+  };
+  return {"brokers",
+          "",
+          "Lists the brokers of this user that are running: name, process, since when, version.",
+          "A broker that does not answer is listed too: none of them is asked.\n"
+          "With --json as {\"broker\":NAME,\"process\":N,\"since\":TIME,\"version\":TEXT}.",
+          "brokers",
+          kGroup,
+          kStatusesOfAll,
+          addOptions,
+          list};
 }
 
 }  // namespace
 
-std::vector<Verb> hostingVerbs() { return {runVerb(), hostVerb(), checkMapVerb(), helpVerb()}; }
+std::vector<Verb> hostingVerbs() { return {runVerb(), hostVerb(), brokersVerb(), checkMapVerb(), helpVerb()}; }
 
 }  // namespace korvo

@@ -42,9 +42,15 @@ mw::Future<mw::AnyValue> askSubscribers(mw::GenericObject& memory, const std::st
   return memory.async("getSubscribers", key);
 }
 
+mw::Future<mw::AnyValue> askHistory(mw::GenericObject& memory, const std::string& key) {
+  return memory.async("getEventHistory", key);
+}
+
 mw::Future<mw::AnyValue> askDescription(mw::GenericObject& memory, const std::string& key) {
   return memory.async("getDescriptionList", std::vector{key});
 }
+
+std::string textOfDescription(const HX::HXValue& answer) { return answer[answer.getSize() - 1][2].asString(); }
 
 void askInParts(const HX::HXProxy& memory, std::span<const std::string> keys, const std::vector<KeyQuestion>& questions,
                 const std::function<void(const std::string& key, KeyAnswers& answers)>& use) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxvalue/hxvalue.h>
 #include <libmw/genericobject.h>
 
 #include <functional>
@@ -20,9 +21,13 @@ mw::Future<mw::AnyValue> askKind(mw::GenericObject& memory, const std::string& k
 mw::Future<mw::AnyValue> askValue(mw::GenericObject& memory, const std::string& key);        ///< A value.
 mw::Future<mw::AnyValue> askTimestamp(mw::GenericObject& memory, const std::string& key);    ///< See `toStamped`.
 mw::Future<mw::AnyValue> askSubscribers(mw::GenericObject& memory, const std::string& key);  ///< A list of strings.
+mw::Future<mw::AnyValue> askHistory(mw::GenericObject& memory, const std::string& key);      ///< A value.
 mw::Future<mw::AnyValue> askDescription(mw::GenericObject& memory,
                                         const std::string& key);  ///< Two entries, the second
                                                                   ///< [key, kind, text].
+
+/// The text in the answer to `askDescription`.
+std::string textOfDescription(const HX::HXValue& answer);
 
 /// The answers about one key, in the order of the questions.
 using KeyAnswers = std::vector<mw::AnyValue>;

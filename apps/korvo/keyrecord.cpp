@@ -73,10 +73,10 @@ KeyRecord toRecord(std::string_view line) {
   const HXValue object = HX::fromJson(line);
   if (!object.isMap()) throw std::runtime_error("it is no object of JSON");
   KeyRecord record;
+  if (!object.find("key")) throw std::runtime_error("it has no key");
   record.key = textOf(object, "key", "");
   record.kind = textOf(object, "kind", record.kind);
   record.description = textOf(object, "description", "");
-  if (record.key.empty()) throw std::runtime_error("it has no key");
   if (record.kind != "Data" && record.kind != "Event" && record.kind != "MicroEvent") {
     throw std::runtime_error(fmt::format("{} is no kind: there is Data, Event and MicroEvent", excerpt(record.kind)));
   }

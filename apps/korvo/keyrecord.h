@@ -23,7 +23,7 @@ std::string toLine(const KeyRecord& record);
 
 /// The inverse of `toLine`. "msgpack" counts more than "value", "kind" may be missing and means "Data" then, and so may
 /// "description"; other names are ignored.
-/// @throws std::runtime_error that says what is wrong: no JSON, no object, no or an empty key, an unknown kind.
+/// @throws std::runtime_error that says what is wrong: no JSON, no object, no key, an unknown kind.
 KeyRecord toRecord(std::string_view line);
 
 /// Has the memory hold what the record says, in the way that fits its kind: events are raised, so that their

@@ -9,14 +9,15 @@ namespace korvo {
 
 Output::Output(std::ostream& values, std::ostream& errors) : values_(values), errors_(errors) {}
 
-void Output::line(std::string_view text) { print(values_, std::string(text)); }
+void Output::line(std::string_view text) { print(values_, std::string(text) + '\n'); }
 
-void Output::error(std::string_view message) { print(errors_, "error: " + escapeControls(message)); }
+void Output::bytes(std::string_view text) { print(values_, std::string(text)); }
 
-void Output::note(std::string_view message) { print(errors_, escapeControls(message)); }
+void Output::error(std::string_view message) { print(errors_, "error: " + escapeControls(message) + '\n'); }
 
-void Output::print(std::ostream& stream, std::string text) {
-  text += '\n';
+void Output::note(std::string_view message) { print(errors_, escapeControls(message) + '\n'); }
+
+void Output::print(std::ostream& stream, const std::string& text) {
   const std::lock_guard lock(mutex_);
   if (arrived_) {
     held_ += text;

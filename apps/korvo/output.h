@@ -18,6 +18,8 @@ class Output {
 
   /// @param text  One line, printed as it is.
   void line(std::string_view text);
+  /// Prints bytes as they are, and no line end.
+  void bytes(std::string_view text);
   /// Prints `error: MESSAGE`, with line ends and control characters escaped.
   void error(std::string_view message);
   /// Prints on the error stream what is no error.
@@ -44,7 +46,7 @@ class Output {
   void release();
 
  private:
-  void print(std::ostream& stream, std::string text);
+  void print(std::ostream& stream, const std::string& text);
 
   std::ostream& values_;
   std::ostream& errors_;

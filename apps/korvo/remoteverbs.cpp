@@ -5,7 +5,7 @@
 #include "follow.h"
 #include "format.h"
 #include "linesource.h"
-#include "liveview.h"
+#include "live/view.h"
 #include "output.h"
 #include "remotetarget.h"
 #include "stopsignals.h"
@@ -47,7 +47,7 @@ std::string checkSeconds(const std::string& text) {
 }
 
 void addRemote(CLI::App& app, RemoteOptions& options) {
-  app.add_option("--broker", options.broker, "The broker to ask; by default the only one that is running")
+  app.add_option("--broker", options.broker, kBrokerHelp)
       ->type_name("NAME")
       // A variable of a script that is not set must not reach another robot.
       ->check(CLI::Validator(checkBrokerName, ""));
@@ -86,7 +86,6 @@ int runCommand(const Command& command, const RemoteOptions& options, Arguments& 
   Context context{target, output, watches, &input};
   if (!signals) {
     execute(command, context, arguments, target);
-    if (!output.works()) throw std::runtime_error("standard output cannot be written");
     return kDone;
   }
   Follower follower(target, output, watches);
@@ -100,7 +99,7 @@ std::string_view groupOf(const Command& command) {
     return std::ranges::count(group, command.name, &Command::name) > 0;
   };
   if (isIn(valueCommands())) return "Values of a running broker";
-  if (isIn(eventCommands())) return "Events of a running broker";
+  if (isIn(eventCommands()) || isIn(watchCommands())) return "Events of a running broker";
   if (isIn(transferCommands())) return "Whole sets of keys";
   return "Services of a running broker";
 }
@@ -108,12 +107,17 @@ std::string_view groupOf(const Command& command) {
 Verb verbOf(const Command& command) {
   const auto options = std::make_shared<RemoteOptions>();
   const auto addOptions = [options, &command](CLI::App& app) {
-    for (const Flag& flag : command.flags) app.add_flag(std::string(flag.name))->description(std::string(flag.summary));
+    for (const Option& option : command.options) {
+      const std::string name(option.name);
+      auto* const added = option.value.empty() ? app.add_flag(name) : app.add_option(name);
+      added->description(std::string(option.summary))->type_name(std::string(option.value));
+    }
     addRemote(app, *options);
   };
   const auto run = [options, &command](Arguments& arguments) { return runCommand(command, *options, arguments); };
-  return {command.name,    command.arguments, command.summary, command.details,
-          command.example, groupOf(command),  addOptions,      run};
+  return {command.name,      command.arguments, command.summary,
+          command.details,   command.example,   groupOf(command),
+          kStatusesOfAsking, addOptions,        run};
 }
 
 int runTop(const RemoteOptions& options, Arguments& arguments) {
@@ -146,6 +150,7 @@ Verb topVerb() {
           "top\n"
           "top Host/",
           "Values of a running broker",
+          kStatusesOfAsking,
           addOptions,
           run};
 }

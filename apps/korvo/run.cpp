@@ -6,7 +6,7 @@
 #include "event.h"
 #include "lineeditor.h"
 #include "linesource.h"
-#include "liveview.h"
+#include "live/view.h"
 #include "output.h"
 #include "stopsignals.h"
 #include "target.h"
@@ -14,6 +14,7 @@
 
 #include <hxcommon/hxbroker.h>
 #include <libmw/local.h>
+#include <libmw/path.h>
 
 #include <chrono>
 #include <clocale>
@@ -81,8 +82,23 @@ class FrontEnd {
   std::thread thread_;
 };
 
+/// The memory warns that it cannot open its map, which most robots do not have.
+void explainMissingMap() {
+  const char* const map = "hxmemory_map_signal_event.txt";
+  if (!mw::path::findData("korvo", map, false).empty()) return;
+  mw::log::info(kCategory, "run",
+                fmt::format("without {} no signals are raised as events, and nothing else is missing; "
+                            "korvo check-map --help tells what it may hold",
+                            map));
+}
+
 std::function<void(int)> frontEndBody(const RunOptions& options, const Context& context) {
-  if (options.console) return [context](int stop) { runConsole(context, stop); };
+  if (options.console) {
+    return [context = Context(context)](int stop) mutable {
+      context.stop = stop;
+      runConsole(context, stop);
+    };
+  }
   if (options.live) {
     return [context, name = options.name](int stop) { runLiveView(context.target, context.output, name, "", stop); };
   }
@@ -150,11 +166,12 @@ int run(const RunOptions& options) {
   PublicBroker access(broker);
   std::vector<std::string> libraries = options.modules;
   if (options.memory) libraries.insert(libraries.begin(), "hxmemory");
-  if (!loadModules(*broker, libraries, output)) {
+  if (!loadModules(*broker, libraries, options.strict, output)) {
     access.withdraw();
     broker->shutdown();
     return kFailed;
   }
+  if (options.memory && !options.console && !options.live) explainMissingMap();
   access.offerService();
   // Beside a console or a live view it would stand in the way.
   if (!options.console && !options.live) {

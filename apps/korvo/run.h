@@ -18,11 +18,12 @@ struct RunOptions : HostingOptions {
 /// asks its service to stop, or until its console or its live view ends; then the modules leave, the last one first. A
 /// second SIGINT meanwhile ends the process at once, with status 130.
 ///
-/// A library that cannot be loaded is reported on standard error; the others are loaded all the same.
+/// A library that cannot be loaded is reported on standard error; the others are loaded all the same, unless the
+/// options are strict.
 ///
 /// Called by the first thread, before there are others.
 ///
-/// @return The exit status: 0, or 1 when libraries were asked for and none could be loaded.
+/// @return The exit status: 0, or 1 when libraries were asked for and none could be loaded, or strictly, not all.
 /// @throws std::runtime_error when a broker of that name is running, or its socket cannot be made.
 int run(const RunOptions& options);
 

@@ -21,6 +21,7 @@ Verb completeVerb() {
           "For the completion of shells, which puts -- before the words.",
           "complete -- get Ba",
           "",
+          kStatusesOfAll,
           {},
           complete};
 }
@@ -40,6 +41,7 @@ Verb manualVerb() {
           "",
           "manual run | man -l -",
           "",
+          kStatusesOfAll,
           {},
           print};
 }

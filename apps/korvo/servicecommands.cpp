@@ -2,7 +2,9 @@
 #include "commands.h"
 #include "describe.h"
 #include "format.h"
+#include "numbers.h"
 #include "output.h"
+#include "suggestion.h"
 #include "target.h"
 
 #include <hxcommon/hxproxy.h>
@@ -17,48 +19,28 @@
 namespace korvo {
 namespace {
 
-using HX::HXValue;
-using Values = std::vector<HXValue>;
+using Values = std::vector<HX::HXValue>;
 
-std::vector<mw::AnyReference> references(const Values& values) {
-  std::vector<mw::AnyReference> all;
-  for (const HXValue& value : values) all.push_back(mw::AnyReference::of(value));
-  return all;
-}
-
-/// Doubles that a float can stand for, as floats.
-Values withFloats(Values values) {
-  for (HXValue& value : values) {
-    if (!value.isDouble()) continue;
-    try {
-      value = value.toFloat();
-    } catch (const std::runtime_error&) {  // Too large, so a double it stays.
-    }
-  }
-  return values;
-}
-
-/// A decimal in a JSON text does not say how wide it is. It is a double, unless only a float will do.
-void suitDecimals(const mw::MetaObject& object, const std::string& method, Values& arguments) {
-  const auto suits = [&](const Values& given) {
-    return std::ranges::any_of(object.findMethods(method), [&](const mw::MetaMethod* candidate) {
-      return candidate->dynamic || mw::fit(references(given), candidate->types) != mw::Fit::None;
-    });
-  };
-  if (suits(arguments)) return;
-  Values floats = withFloats(arguments);
-  if (suits(floats)) arguments = std::move(floats);
+/// @throws std::runtime_error with the name that may have been meant, where the object has no such member.
+template <class Members>
+[[noreturn]] void failMember(const std::string& service, const std::string& name, const char* what,
+                             const Members& members) {
+  std::vector<std::string> names;
+  for (const auto& member : members) names.push_back(member.name);
+  throw std::runtime_error(fmt::format("{}.{}: no such {}{}", service, excerpt(name), what, didYouMean(name, names)));
 }
 
 void call(Context& context, Arguments& arguments) {
-  const bool asObject = arguments.takeFlag("--json");
+  const bool asObject = arguments.has("--json");
   const std::string service = arguments.word("SERVICE");
   const std::string method = arguments.word("METHOD");
   Values values = arguments.jsons("JSON");
   const mw::AnyObject object = context.target.require(service)->asObject();
-  suitDecimals(object->metaObject(), method, values);
+  const mw::MetaObject& offered = object->metaObject();
+  if (offered.findMethods(method).empty()) failMember(service, method, "method", offered.methods());
+  suitNumbers(offered, method, values);
   const auto parameters = references(values);
-  const mw::AnyValue result = object->metaCall(object->metaObject().resolve(method, parameters).id, parameters).take();
+  const mw::AnyValue result = object->metaCall(offered.resolve(method, parameters).id, parameters).take();
   const auto text = formatResult(result);
   if (asObject) {
     context.output.line((text ? JsonObject().addText("result", *text) : JsonObject()).text());
@@ -73,23 +55,22 @@ void emit(Context& context, Arguments& arguments) {
   const Values values = arguments.jsons("JSON");
   const mw::AnyObject object = context.target.require(service)->asObject();
   const int id = object->metaObject().signalId(signal);
-  if (id < 0) throw std::runtime_error(fmt::format("{}.{}: no such signal", service, excerpt(signal)));
+  if (id < 0) failMember(service, signal, "signal", object->metaObject().signals());
   object->metaPost(static_cast<unsigned>(id), references(values));
   context.target.settle();
 }
 
 void services(Context& context, Arguments& arguments) {
-  const bool asObjects = arguments.takeFlag("--json");
+  const bool asObjects = arguments.has("--json");
   arguments.end();
   for (const auto& name : context.target.services()) {
-    context.output.line(asObjects ? JsonObject().add("service", name).text() : HX::toJson(name));
+    context.output.line(asObjects ? JsonObject().add("service", name).text() : context.shown(name));
   }
 }
 
 void methods(Context& context, Arguments& arguments) {
-  const bool before = arguments.takeFlag("--json");
+  const bool asJson = arguments.has("--json");
   const std::string service = arguments.word("SERVICE");
-  const bool asJson = before || arguments.takeFlag("--json");
   arguments.end();
   const mw::AnyObject object = context.target.require(service)->asObject();
   if (asJson) {
@@ -110,18 +91,19 @@ void perf(Context& context, Arguments& arguments) {
   context.target.memory()._perf();
 }
 
-constexpr Flag kMethodsFlags[] = {{"--json", "Print the methods as one list of JSON, on one line"}};
+constexpr Option kMethodsOptions[] = {{"--json", "", "Print the methods as one list of JSON, on one line"}};
 
 constexpr std::array kServiceCommands{
     Command{"services", "", "Lists the services, one a line.", "With --json as {\"service\":NAME}.", "services",
-            services, kJsonFlag},
+            services, kJsonOnly},
     Command{"methods", "SERVICE", "Lists what a service offers, with its documentation.",
             "With --json the methods as one line: a list of name, description, flags, parameters, result.",
-            "methods HXMemory", methods, kMethodsFlags},
+            "methods HXMemory", methods, kMethodsOptions},
     Command{"call", "SERVICE METHOD [JSON...]", "Calls a method and prints what it returns, if anything.",
+            "A number suits every parameter that it fits in value: 1 a float, 2.0 an int, [1, 2.5] a list of floats.\n"
             "A pointer is printed as a string with its address, an object as {\"object\":TYPE,\"id\":N}.\n"
             "With --json as {\"result\":RESULT}, and {} for nothing.",
-            "call HXMemory getListData '[\"Battery\", \"Arm/Pose\"]'", call, kJsonFlag},
+            "call HXMemory getListData '[\"Battery\", \"Arm/Pose\"]'", call, kJsonOnly},
     Command{"emit", "SERVICE SIGNAL [JSON...]", "Emits a signal of a service.", "", "emit Motor stalled 3", emit},
     Command{"load", "LIBRARY", "Loads a module library into the broker: a path with a slash in it, or a name.",
             "A name is looked for, as lib<name>.so, in the folders of the broker's KORVO_MODULE_PATH and in the\n"

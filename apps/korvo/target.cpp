@@ -1,17 +1,21 @@
 #include "target.h"
 
 #include "format.h"
+#include "suggestion.h"
 
 #include <hxcommon/hxbroker.h>
 
 #include <stdexcept>
 #include <utility>
 
+#include <fmt/format.h>
+
 namespace korvo {
 
 std::shared_ptr<HX::HXProxy> Target::require(const std::string& service) {
   auto proxy = find(service);
-  if (!proxy) throw std::runtime_error("no service named " + excerpt(service));
+  if (!proxy)
+    throw std::runtime_error(fmt::format("no service named {}{}", excerpt(service), didYouMean(service, services())));
   return proxy;
 }
 

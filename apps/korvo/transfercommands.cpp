@@ -3,6 +3,7 @@
 #include "import.h"
 #include "keyquestions.h"
 #include "keyrecord.h"
+#include "keys.h"
 #include "linesource.h"
 #include "output.h"
 #include "target.h"
@@ -19,12 +20,6 @@
 namespace korvo {
 namespace {
 
-/// What the memory raises about itself means nothing at another time or in another memory.
-bool isOfTheMemoryItself(const std::string& key) {
-  constexpr std::array kNames{"HXMemory/KeyAdded", "HXMemory/KeyRemoved", "HXMemory/KeyTypeChanged", "KorvoReady"};
-  return std::ranges::count(kNames, key) > 0;
-}
-
 void exportKeys(Context& context, Arguments& arguments) {
   const std::string filter = arguments.atEnd() ? "" : arguments.word("FILTER");
   arguments.end();
@@ -37,7 +32,7 @@ void exportKeys(Context& context, Arguments& arguments) {
     const auto kind = std::move(answers[0]).take<std::string>();
     const auto value = std::move(answers[1]).take<HX::HXValue>();
     const auto described = std::move(answers[2]).take<HX::HXValue>();
-    context.output.line(toLine({key, kind, value, described[described.getSize() - 1][2].asString()}));
+    context.output.line(toLine({key, kind, value, textOfDescription(described)}));
   });
 }
 
@@ -63,7 +58,7 @@ class InputFile {
 constexpr std::size_t kLongestRecord = std::size_t{512} << 20;
 
 void importKeys(Context& context, Arguments& arguments) {
-  const bool keepsGoing = arguments.takeFlag("--keep-going");
+  const bool keepsGoing = arguments.has("--keep-going");
   const std::string path = arguments.word("FILE");
   arguments.end();
   const InputFile file(path);
@@ -72,7 +67,7 @@ void importKeys(Context& context, Arguments& arguments) {
   Import(context.target.memory(), context.output, name, keepsGoing).run(lines);
 }
 
-constexpr Flag kImportFlags[] = {{"--keep-going", "Report a bad line and go on with the next"}};
+constexpr Option kImportOptions[] = {{"--keep-going", "", "Report a bad line and go on with the next"}};
 
 constexpr std::array kTransferCommands{
     Command{
@@ -86,7 +81,7 @@ constexpr std::array kTransferCommands{
         "Data is stored, events are raised. Stops at the first bad line and reports its number; what stood above\n"
         "it is stored. Where the memory does not take data, lines below may have been on their way: the error says\n"
         "which one was the last.",
-        "import arm.jsonl", importKeys, kImportFlags},
+        "import arm.jsonl", importKeys, kImportOptions},
 };
 
 }  // namespace

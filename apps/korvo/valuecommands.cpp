@@ -3,6 +3,7 @@
 #include "format.h"
 #include "inputvalues.h"
 #include "keyquestions.h"
+#include "keys.h"
 #include "output.h"
 #include "target.h"
 
@@ -19,56 +20,106 @@ namespace {
 using HX::HXMemoryProxy;
 using HX::HXValue;
 
+const char* typeName(const HXValue& value) { return HXValue::TypeToString(value.getType()); }
+
+/// A string or bytes as they are, everything else as JSON.
+void printRaw(Output& output, const HXValue& value) {
+  if (const auto* bytes = value.binaryIf()) {
+    output.bytes({reinterpret_cast<const char*>(bytes->data()), bytes->size()});
+  } else {
+    const std::string* const text = value.stringIf();
+    output.line(text ? *text : HX::toJson(value));
+  }
+}
+
 void get(Context& context, Arguments& arguments) {
-  const bool asObject = arguments.takeFlag("--json");
-  const std::string key = arguments.word("KEY");
+  const bool asObject = arguments.has("--json");
+  const bool isRaw = arguments.has("--raw");
+  if (asObject && isRaw) throw InputError("--json and --raw exclude each other");
+  const bool tellsKey = arguments.has(kPrefix.name) && !isRaw;
+  forEachKey(context, keysOf(context, arguments), [&](HXMemoryProxy& memory, const std::string& key) {
+    const HXValue value = memory.getData(key);
+    if (isRaw) return printRaw(context.output, value);
+    if (asObject) return context.output.line(JsonObject().add("key", key).addValue(value).text());
+    context.output.line((tellsKey ? context.shown(key) + "\t" : "") + HX::toJson(value));
+  });
+}
+
+void setLines(Context& context, Arguments& arguments, ValueReader& reader, const std::string& key) {
   arguments.end();
-  const HXValue value = context.target.memory().getData(key);
-  context.output.line(asObject ? JsonObject().add("key", key).addValue(value).text() : HX::toJson(value));
+  auto memory = context.target.memory();
+  reader.forEachLine([&](HXValue value) {
+    memory.insertData(key, reader.typed(std::move(value), memory, key));
+    return true;
+  });
+}
+
+void setByPrefix(Context& context, Arguments& arguments, ValueReader& reader, const std::string& prefix) {
+  const HXValue value = reader.next();
+  arguments.end();
+  Arguments named({prefix}, arguments.options());
+  forEachKey(context, keysToChange(context, named, "set"), [&](HXMemoryProxy& memory, const std::string& key) {
+    memory.insertData(key, reader.typed(value, memory, key));
+  });
 }
 
 void set(Context& context, Arguments& arguments) {
-  const std::string key = arguments.word("KEY");
-  forEachValue(context, arguments, [&](const HXValue& value) { context.target.memory().insertData(key, value); });
+  ValueReader reader(context, arguments);
+  std::vector<std::pair<std::string, HXValue>> all;
+  do {
+    std::string key = arguments.word("KEY");
+    if (arguments.has(kPrefix.name)) return setByPrefix(context, arguments, reader, key);
+    if (all.empty() && context.input && arguments.takeDash()) return setLines(context, arguments, reader, key);
+    all.emplace_back(std::move(key), reader.next());
+  } while (!arguments.atEnd());
+  auto memory = context.target.memory();
+  for (auto& [key, value] : all) memory.insertData(key, reader.typed(std::move(value), memory, key));
 }
 
 void remove(Context& context, Arguments& arguments) {
-  const std::string key = arguments.word("KEY");
-  arguments.end();
-  context.target.memory().removeData(key);
+  forEachKey(context, keysToChange(context, arguments, "remove"),
+             [](HXMemoryProxy& memory, const std::string& key) { memory.removeData(key); });
 }
 
 void list(Context& context, Arguments& arguments) {
-  const bool asObjects = arguments.takeFlag("--json");
+  const bool asObjects = arguments.has("--json");
   const std::string filter = arguments.atEnd() ? "" : arguments.word("FILTER");
   arguments.end();
   auto memory = context.target.memory();
   auto keys = memory.getDataList(filter);
   std::ranges::sort(keys);
   if (!asObjects) {
-    for (const auto& key : keys) context.output.line(HX::toJson(key));
+    for (const auto& key : keys) context.output.line(context.shown(key));
     return;
   }
-  askInParts(*memory.proxy(), keys, {askKind}, [&](const std::string& key, KeyAnswers& answers) {
+  askInParts(*memory.proxy(), keys, {askKind, askValue}, [&](const std::string& key, KeyAnswers& answers) {
     const auto kind = std::move(answers[0]).take<std::string>();
-    context.output.line(JsonObject().add("key", key).add("kind", kind).text());
+    const auto value = std::move(answers[1]).take<HXValue>();
+    context.output.line(JsonObject().add("key", key).add("kind", kind).add("type", typeName(value)).text());
+  });
+}
+
+/// Prints one thing that there is to know of a key.
+void printOf(Context& context, Arguments& arguments, const char* what,
+             std::string (*find)(HXMemoryProxy& memory, const std::string& key)) {
+  const bool asObject = arguments.has("--json");
+  const std::string key = arguments.word("KEY");
+  arguments.end();
+  forEachKey(context, {key}, [&](HXMemoryProxy& memory, const std::string& one) {
+    const std::string found = find(memory, one);
+    context.output.line(asObject ? JsonObject().add("key", one).add(what, found).text() : context.shown(found));
   });
 }
 
 void type(Context& context, Arguments& arguments) {
-  const bool asObject = arguments.takeFlag("--json");
-  const std::string key = arguments.word("KEY");
-  arguments.end();
-  const std::string kind = context.target.memory().getType(key);
-  context.output.line(asObject ? JsonObject().add("key", key).add("kind", kind).text() : HX::toJson(kind));
+  printOf(context, arguments, "kind",
+          [](HXMemoryProxy& memory, const std::string& key) { return memory.getType(key); });
 }
 
 void time(Context& context, Arguments& arguments) {
-  const bool asObject = arguments.takeFlag("--json");
-  const std::string key = arguments.word("KEY");
-  arguments.end();
-  const std::string time = formatTime(toStamped(context.target.memory().getTimestamp(key)).time);
-  context.output.line(asObject ? JsonObject().add("key", key).add("time", time).text() : HX::toJson(time));
+  printOf(context, arguments, "time", [](HXMemoryProxy& memory, const std::string& key) {
+    return formatTime(toStamped(memory.getTimestamp(key)).time);
+  });
 }
 
 /// The memory tells the events of an extractor and not the extractor of an event. An extractor that is not running is
@@ -80,10 +131,8 @@ HXValue findExtractor(Target& target, HXMemoryProxy& memory, const std::string& 
   return {};
 }
 
-/// [name, kind, text] of one key: the last entry, behind the invalid ones.
-HXValue description(HXMemoryProxy& memory, const std::string& key) {
-  const HXValue found = memory.getDescriptionList({key});
-  return found[found.getSize() - 1];
+std::string description(HXMemoryProxy& memory, const std::string& key) {
+  return textOfDescription(memory.getDescriptionList({key}));
 }
 
 double secondsSince(mw::SystemTimePoint time) {
@@ -92,74 +141,96 @@ double secondsSince(mw::SystemTimePoint time) {
 }
 
 void info(Context& context, Arguments& arguments) {
-  arguments.takeFlag("--json");  // It prints nothing else.
-  const std::string key = arguments.word("KEY");
+  const std::string wanted = arguments.word("KEY");
   arguments.end();
-  auto memory = context.target.memory();
-  const Stamped stamped = toStamped(memory.getTimestamp(key));
-  JsonObject line;
-  line.add("key", key).add("kind", memory.getType(key)).addValue(stamped.value);
-  line.add("time", formatTime(stamped.time)).add("age", secondsSince(stamped.time));
-  line.add("history", static_cast<std::int64_t>(memory.getEventHistory(key).getSize()));
-  line.add("subscribers", static_cast<std::int64_t>(memory.getSubscribers(key).size()));
-  if (const HXValue extractor = findExtractor(context.target, memory, key); extractor.isValid()) {
-    line.add("extractor", extractor);
-  }
-  line.add("description", description(memory, key)[2]);
-  context.output.line(line.text());
+  forEachKey(context, {wanted}, [&](HXMemoryProxy& memory, const std::string& key) {
+    const Stamped stamped = toStamped(memory.getTimestamp(key));
+    JsonObject line;
+    line.add("key", key).add("kind", memory.getType(key));
+    line.add("type", typeName(stamped.value)).addValue(stamped.value);
+    line.add("time", formatTime(stamped.time)).add("age", secondsSince(stamped.time));
+    line.add("history", static_cast<std::int64_t>(memory.getEventHistory(key).getSize()));
+    line.add("subscribers", static_cast<std::int64_t>(memory.getSubscribers(key).size()));
+    if (const HXValue extractor = findExtractor(context.target, memory, key); extractor.isValid()) {
+      line.add("extractor", extractor);
+    }
+    context.output.line(line.add("description", description(memory, key)).text());
+  });
 }
 
 void describe(Context& context, Arguments& arguments) {
-  const bool asObject = arguments.takeFlag("--json");
   const std::string key = arguments.word("KEY");
-  const bool reads = arguments.atEnd();
-  const std::string text = reads ? "" : arguments.word("TEXT");
+  if (arguments.atEnd()) {
+    Arguments named({key}, arguments.options());
+    return printOf(context, named, "description", description);
+  }
+  const std::string text = arguments.word("TEXT");
   arguments.end();
-  auto memory = context.target.memory();
-  if (!reads) return memory.setDescription(key, text);
-  const HXValue found = description(memory, key)[2];
-  context.output.line(asObject ? JsonObject().add("key", key).add("description", found).text() : HX::toJson(found));
+  forEachKey(context, {key}, [&](HXMemoryProxy& memory, const std::string& one) { memory.setDescription(one, text); });
 }
 
 void descriptions(Context& context, Arguments& arguments) {
-  const bool asObjects = arguments.takeFlag("--json");
-  const auto keys = arguments.words("KEY");
-  const HXValue found = context.target.memory().getDescriptionList(keys);
-  for (std::size_t i = 0; i < found.getSize(); ++i) {
-    const HXValue& one = found[i];
-    if (!one.isValid()) continue;
-    JsonObject line;
-    line.add("key", one[0]).add("kind", one[1]).add("description", one[2]);
-    context.output.line(asObjects ? line.text() : HX::toJson(one));
+  const bool asObjects = arguments.has("--json");
+  auto keys = arguments.words("KEY");
+  const auto print = [&](const std::string& key, const std::string& kind, const std::string& text) {
+    const auto object = JsonObject().add("key", key).add("kind", kind).add("description", text);
+    context.output.line(asObjects ? object.text() : HX::toJson(HXValue::list({key, kind, text})));
+  };
+  if (!keys.empty()) {
+    return forEachKey(context, keys, [&](HXMemoryProxy& memory, const std::string& key) {
+      print(key, memory.getType(key), description(memory, key));
+    });
   }
+  auto memory = context.target.memory();
+  keys = memory.getDataListName();
+  std::ranges::sort(keys);
+  askInParts(*memory.proxy(), keys, {askKind, askDescription}, [&](const std::string& key, KeyAnswers& answers) {
+    print(key, std::move(answers[0]).take<std::string>(), textOfDescription(std::move(answers[1]).take<HXValue>()));
+  });
 }
 
+constexpr Option kGetOptions[] = {
+    kJson,
+    {"--raw", "", "Print strings without quotes and escapes, and bytes as they are, without a line end"},
+    kPrefix};
+constexpr Option kSetOptions[] = {kString, kType, kPrefix, kYes};
+constexpr Option kRemoveOptions[] = {kPrefix, kYes};
+
 constexpr std::array kValueCommands{
-    Command{"get", "KEY", "Prints the value of a key.", "With --json as {\"key\":KEY,\"value\":VALUE}.", "get Arm/Pose",
-            get, kJsonFlag},
-    Command{"set", "KEY JSON", "Stores a value under a key; the key is made when there is none.",
-            "Whole numbers are ints, numbers with a fraction or an exponent doubles; null is the invalid value.\n"
+    Command{"get", "KEY...", "Prints the value of each key, a line each.",
+            "With --json as {\"key\":KEY,\"value\":VALUE}. With --prefix each line begins with the name of its key and "
+            "a\ntabulator.",
+            "get Arm/Pose", get, kGetOptions},
+    Command{"set", "KEY JSON [KEY JSON]...", "Stores a value under a key; the key is made when there is none.",
+            "A number gets the type of the number that the key has, where it fits: 1 stays a float where one was. A "
+            "new key\n"
+            "has ints, or doubles for numbers with a fraction or an exponent; null is the invalid value.\n"
             "Subscribers of events are not told; see raise.\n"
             "In a shell, - for JSON reads standard input: each line is one value, set in turn.",
-            "set Arm/Pose '{\"x\": 0.5, \"joints\": [1, 2]}'", set},
-    Command{"rm", "KEY", "Removes a key.", "", "rm Arm/Pose", remove},
+            "set Arm/Pose '{\"x\": 0.5, \"joints\": [1, 2]}'", set, kSetOptions},
+    Command{"rm", "KEY...", "Removes keys.", "With --prefix the memory's own keys stay.", "rm Arm/Pose", remove,
+            kRemoveOptions},
     Command{"ls", "[FILTER]", "Lists the keys that contain FILTER, or all, sorted, one a line.",
-            "With --json as {\"key\":KEY,\"kind\":KIND}.", "ls Arm/", list, kJsonFlag},
-    Command{"info", "KEY", "Prints all there is to know of a key as one line of JSON.",
-            "kind, value, time (local), age in seconds, history (how many raises are remembered), subscribers (how\n"
-            "many), extractor (only where it is a running service), description; and replaced, only where the value\n"
-            "has bytes that are not UTF-8, for which U+FFFD is printed.",
-            "info Battery", info, kJsonFlag},
+            "A key is printed as it is, or as a JSON string where it has line ends or blanks around it.\n"
+            "With --json as {\"key\":KEY,\"kind\":KIND,\"type\":TYPE}.",
+            "ls Arm/", list, kJsonOnly},
+    Command{
+        "info", "KEY", "Prints all there is to know of a key as one line of JSON.",
+        "kind (Data, Event or MicroEvent), type (of the value), value, time (local), age in seconds, history (how\n"
+        "many raises are remembered), subscribers (how many), extractor (only where it is a running service),\n"
+        "description; and replaced, only where the value has bytes that are not UTF-8, for which U+FFFD is printed.",
+        "info Battery", info, kJsonOnly},
     Command{"time", "KEY", "Prints when a key was last set, local time to the microsecond.",
-            "With --json as {\"key\":KEY,\"time\":TIME}.", "time Battery", time, kJsonFlag},
+            "With --json as {\"key\":KEY,\"time\":TIME}.", "time Battery", time, kJsonOnly},
     Command{"type", "KEY", "Prints the kind of a key: Data, Event or MicroEvent.",
-            "With --json as {\"key\":KEY,\"kind\":KIND}.", "type Battery", type, kJsonFlag},
+            "With --json as {\"key\":KEY,\"kind\":KIND}. The type of its value is told by info.", "type Battery", type,
+            kJsonOnly},
     Command{"describe", "KEY [TEXT]", "Sets the description of a key, or prints it.",
             "With --json it is printed as {\"key\":KEY,\"description\":TEXT}.",
-            "describe Battery \"Charge of the main battery, 0 to 1\"", describe, kJsonFlag},
-    Command{"descriptions", "[KEY...]", "Prints [name, kind, description] of the keys, or of all, one a line.",
-            "With --json as {\"key\":KEY,\"kind\":\"data\" or \"event\",\"description\":TEXT}.",
-            "descriptions Battery Door", descriptions, kJsonFlag},
+            "describe Battery \"Charge of the main battery, 0 to 1\"", describe, kJsonOnly},
+    Command{"descriptions", "[KEY...]", "Prints [name, kind, description] of the keys, or of all, sorted, one a line.",
+            "With --json as {\"key\":KEY,\"kind\":KIND,\"description\":TEXT}.", "descriptions Battery Door",
+            descriptions, kJsonOnly},
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "verbs.h"
 
 #include "format.h"
+#include "suggestion.h"
 
 #include <algorithm>
 #include <memory>
@@ -21,10 +22,10 @@ const Verb* findIn(const std::vector<Verb>& all, std::string_view name) {
   return found == all.end() ? nullptr : &*found;
 }
 
-/// Whether the word after `word` belongs to it.
-bool takesValue(const CLI::App& options, const std::string& word) {
-  const CLI::Option* const option = options.get_option_no_throw(word);
-  return option && option->get_items_expected_max() > 0;
+std::vector<std::string> namesOf(const std::vector<Verb>& all) {
+  std::vector<std::string> names;
+  for (const Verb& verb : all) names.emplace_back(verb.name);
+  return names;
 }
 
 }  // namespace
@@ -44,7 +45,8 @@ const Verb* findVerb(std::string_view name) {
 }
 
 std::string noSuchVerb(std::string_view name) {
-  return fmt::format("no command {}; korvo --help lists them", excerpt(name));
+  const std::string suggestion = didYouMean(name, namesOf(verbs()));
+  return fmt::format("no command {}{}", excerpt(name), suggestion.empty() ? "; korvo --help lists them" : suggestion);
 }
 
 std::unique_ptr<CLI::App> optionsOf(const Verb& verb) {
@@ -52,6 +54,14 @@ std::unique_ptr<CLI::App> optionsOf(const Verb& verb) {
   app->set_help_flag("-h,--help", "Print this help and exit");
   if (verb.addOptions) verb.addOptions(*app);
   return app;
+}
+
+std::vector<std::string> optionNames(const CLI::App& options) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : options.get_options()) {
+    for (const auto& name : option->get_lnames()) names.push_back("--" + name);
+  }
+  return names;
 }
 
 GivenWords tellApart(const CLI::App& options, std::span<const std::string> words) {
@@ -66,8 +76,16 @@ GivenWords tellApart(const CLI::App& options, std::span<const std::string> words
       given.arguments.push_back(word);
       continue;
     }
+    const std::string name = word.substr(0, word.find('='));
+    const CLI::Option* const option = options.get_option_no_throw(name);
+    if (!option) throw InputError(fmt::format("no option {}{}", excerpt(name), didYouMean(name, optionNames(options))));
     given.options.push_back(word);
-    if (i + 1 < words.size() && takesValue(options, word)) given.options.push_back(words[++i]);
+    std::string& value = given.values[name];
+    if (name != word) {
+      value = word.substr(name.size() + 1);
+    } else if (i + 1 < words.size() && option->get_items_expected_max() > 0) {
+      given.options.push_back(value = words[++i]);
+    }
   }
   return given;
 }

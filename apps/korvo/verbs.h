@@ -1,5 +1,7 @@
 #pragma once
 
+#include "arguments.h"
+
 #include <functional>
 #include <memory>
 #include <span>
@@ -13,8 +15,6 @@ class App;
 
 namespace korvo {
 
-class Arguments;
-
 /// What a shell can ask the program for: `korvo NAME [OPTION...] ARGUMENTS`. The help, the manual pages and the
 /// completion are made of it.
 struct Verb {
@@ -24,6 +24,7 @@ struct Verb {
   std::string_view details;    ///< More lines, or none; a blank line ends a paragraph.
   std::string_view examples;   ///< Lines, each what follows `korvo` in a shell.
   std::string_view group;      ///< Heading of the list that it is in.
+  std::string_view statuses;   ///< Lines, each an exit status that it can have and what that means.
   /// Adds its options. What they are set to is kept for `run`, which follows.
   std::function<void(CLI::App& app)> addOptions;
   /// Does it. @return The exit status. Throws InputError for wrong usage, and what went wrong otherwise.
@@ -34,6 +35,11 @@ struct Verb {
 const std::vector<Verb>& verbs();
 /// @return Null when there is none of that name.
 const Verb* findVerb(std::string_view name);
+// What most verbs can end with.
+inline constexpr std::string_view kStatusesOfAll = "0  done\n1  what was asked for failed\n2  wrong usage\n";
+inline constexpr std::string_view kStatusesOfAsking =
+    "0  done\n1  what was asked for failed\n2  wrong usage\n3  there is no broker to ask\n";
+
 /// What is wrong in a command line that asks for `name`: "no command NAME; …".
 std::string noSuchVerb(std::string_view name);
 
@@ -45,12 +51,17 @@ std::vector<Verb> servantVerbs();  ///< For shells and for the build: not listed
 /// An application of CLI11 with the options of `verb` and --help, to parse with or to ask.
 std::unique_ptr<CLI::App> optionsOf(const Verb& verb);
 
+/// "--json" and the like, the long ones.
+std::vector<std::string> optionNames(const CLI::App& options);
+
 /// What was given to a verb, told apart. Options may stand anywhere; a word `--` ends them. A word with a single hyphen
 /// is an argument: it may be a negative number.
 struct GivenWords {
-  std::vector<std::string> options;
+  std::vector<std::string> options;  ///< As they stand there.
+  GivenOptions values;               ///< The same by their names.
   std::vector<std::string> arguments;
 };
+/// @throws InputError for an option that there is not.
 GivenWords tellApart(const CLI::App& options, std::span<const std::string> words);
 
 }  // namespace korvo

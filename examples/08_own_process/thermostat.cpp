@@ -45,7 +45,7 @@ class Thermostat : public HX::HXModule {
   void setTarget(double degrees) { target_ = degrees; }
 
   void onTemperature(const std::string& /*key*/, const HX::HXValue& value, const std::string& /*message*/) {
-    memory().insertData("Heating/On", HX::HXValue(value.toDouble() < target_));  // A bare bool would become an int.
+    memory().insertData("Heating/On", value.toDouble() < target_);
   }
 
  private:

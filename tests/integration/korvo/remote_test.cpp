@@ -64,7 +64,7 @@ TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
       {{"get", "Left \"arm\"", "--broker", "korvo"}, "{\"x\":[1,-2.5]}\n"},
       {{"set", "--", "--json", "-1"}},
       {{"get", "--json", "--", "--json"}, "{\"key\":\"--json\",\"value\":-1}\n"},
-      {{"ls", "--json", "F"}, "{\"key\":\"Foo\",\"kind\":\"Data\"}\n"},
+      {{"ls", "--json", "F"}, "{\"key\":\"Foo\",\"kind\":\"Data\",\"type\":\"Int\"}\n"},
       {{"type", "Foo", "--json"}, "{\"key\":\"Foo\",\"kind\":\"Data\"}\n"},
       {{"time", "Foo", "--json"}, StartsWith("{\"key\":\"Foo\",\"time\":\"2")},
       {{"set", "Count", "-"}, "", "", 0, "1\n\n2\n3"},
@@ -72,13 +72,13 @@ TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
       {{"raise", "Door", "-"}, "", StartsWith("error: standard input line 2: JSON"), 1, "true\nfalse?\n1\n"},
       {{"history", "Door"}, AllOf(StartsWith("{\"value\":true,\"time\":\""), testing::Not(HasSubstr("1}")))},
       {{"describe", "Door", "Front door"}},
-      {{"descriptions", "Door", "--json"}, "{\"key\":\"Door\",\"kind\":\"event\",\"description\":\"Front door\"}\n"},
+      {{"descriptions", "Door", "--json"}, "{\"key\":\"Door\",\"kind\":\"Event\",\"description\":\"Front door\"}\n"},
       {{"declare", "Window", "Greeter"}},
       {{"events", "--json"}, HasSubstr("{\"key\":\"Window\"}\n")},
-      {{"micro-events"}, "\"KorvoReady\"\n"},
+      {{"micro-events"}, "KorvoReady\n"},
       {{"subscribers", "Door"}, ""},
       {{"map", "Greeter", "nothing", "Nothing"}},
-      {{"services"}, "\"HXMemory\"\n\"Greeter\"\n\"Sleeper\"\n\"Broker\"\n"},
+      {{"services"}, "HXMemory\nGreeter\nSleeper\nBroker\n"},
       {{"methods", "Greeter"}, StartsWith("greet(string whom) -> string\n")},
       {{"call", "Greeter", "greet", "\"you\""}, "\"Hello, you\"\n"},
       {{"call", "Greeter", "greet", "\"you\"", "--json"}, "{\"result\":\"Hello, you\"}\n"},
@@ -124,7 +124,44 @@ TEST(Commands, HaveOneOfSeveralBrokersChosen) {
   const Broker right({"--no-memory", "--name", "right"});
   check({{"services"}, "", HasSubstr("several brokers are running: left, right; choose one with --broker"), 2});
   check({{"host", "--module", module("greeter")}, "", HasSubstr("several brokers are running: left, right"), 2});
-  check({{"services", "--broker", "right"}, "\"Broker\"\n"});
+  check({{"services", "--broker", "right"}, "Broker\n"});
+  check({{"services", "--broker", "rihgt"}, "", "error: no broker named rihgt is running; did you mean right?\n", 3});
+  check({{"brokers"}, AllOf(StartsWith("left   process "), HasSubstr("\nright  process "))});
+  const auto chosen = [](const std::string& name) {
+    return Process(korvo({"call", "Broker", "name"}), {"KORVO_BROKER=" + name}).finish();
+  };
+  EXPECT_EQ(chosen("left").out, "\"left\"\n");
+  EXPECT_EQ(chosen("a/b").status, 2);
+}
+
+/// What a shell makes of `commands`; in it, $korvo is the program.
+Process::Result shell(const std::string& commands) {
+  return kit::runProcess({"/bin/bash", "-c", "korvo=" KORVO_PROGRAM "\n" + commands});
+}
+
+TEST(Commands, GoTogetherInAShell) {
+  const Broker broker;
+  EXPECT_EQ(shell(R"(
+    $korvo set 'Left arm' 1 '$(x)' 2 '\n' '"a"'
+    $korvo ls | grep -v Memory | while read -r key; do $korvo get "$key"; done)")
+                .out,
+            "2\n0\n1\n\"a\"\n");
+  // Whoever ends before all was read ends quietly, by the signal for that.
+  EXPECT_EQ(shell("$korvo top | head -1 >/dev/null; echo ${PIPESTATUS[0]}").out, "141\n");
+  EXPECT_EQ(shell("$korvo ls | true; $korvo top | true").err, "");
+}
+
+TEST(Completion, OfBashRunsNothingThatStandsInAName) {
+  const auto result = shell(". " KORVO_COMPLETION R"(
+    for name in 'Q$(touch x)' "it's" 'a"b' 'a`b`' 'a\b' 'a!b' '\\"$'; do
+      for quote in "'" '"' ''; do
+        _korvo_quote "$name" "$quote"
+        eval "word=$quoted$quote"
+        _korvo_unquote "$quoted$quote"
+        [[ $word == "$name" && $plain == "$name" ]] || echo "$quoted"
+      done
+    done)");
+  EXPECT_EQ(result.out + result.err, "");
 }
 
 TEST(Commands, ExportAndImportWholeSetsOfKeys) {
@@ -142,7 +179,7 @@ TEST(Commands, ExportAndImportWholeSetsOfKeys) {
        "error: standard input line 2: it has no key; nothing after it was imported\n",
        1,
        "{\"key\":\"D\",\"value\":1}\n{}\n{\"key\":\"E\",\"value\":1}\n"},
-      {{"ls", "E"}, testing::Not(HasSubstr("\"E\""))},
+      {{"ls", "--json", "E"}, testing::Not(HasSubstr("\"E\""))},
       {{"import", "-", "--keep-going"},
        "",
        "error: standard input line 1: it has no key\nerror: standard input: 1 lines were not imported\n",

@@ -24,7 +24,7 @@ Process::Result korvo(const std::vector<std::string>& arguments, std::string_vie
 TEST(Console, GoesOnBehindAWrongLine) {
   const auto result = korvo({"--console"}, "frobnicate\nset Foo 2\nget Foo");
   EXPECT_EQ(result.out, "2\n");
-  EXPECT_EQ(result.err, "error: no command frobnicate; try help\n");
+  EXPECT_EQ(result.err, "error: no command frobnicate; help lists them\n");
   EXPECT_EQ(result.status, 0);
 }
 
@@ -48,8 +48,7 @@ TEST(Live, PrintsSnapshotsWhereThereIsNoTerminal) {
 TEST(Modules, AreLoadedInOrderAndLeaveInReverse) {
   const auto result = korvo({"--module", module("greeter"), "--module", module("sleeper"), "--console"},
                             "services\ncall Greeter greet \"you\"\n");
-  EXPECT_EQ(result.out,
-            "\"HXMemory\"\n\"Greeter\"\n\"Sleeper\"\n\"Broker\"\n\"Hello, you\"\nSleeper leaves\nGreeter leaves\n");
+  EXPECT_EQ(result.out, "HXMemory\nGreeter\nSleeper\nBroker\n\"Hello, you\"\nSleeper leaves\nGreeter leaves\n");
   EXPECT_EQ(result.err, "");
 }
 
@@ -58,11 +57,14 @@ TEST(BrokenModules, AreOneLineAndTheOthersRun) {
                                                            {module("throwsininit"), "ThrowsInInit.init: no motor"}};
   for (const auto& [library, why] : libraries) {
     const auto result = korvo({"--module", library, "--module", module("greeter"), "--console"}, "services\n");
-    EXPECT_THAT(result.out, StartsWith("\"HXMemory\"\n\"Greeter\"\n"));
+    EXPECT_THAT(result.out, StartsWith("HXMemory\nGreeter\n"));
     EXPECT_EQ(result.err, "error: module library " + library + ": " + why + "\n");
     EXPECT_EQ(result.status, 0);
   }
   EXPECT_EQ(korvo({"--no-memory", "--module", module("missing")}).status, 1) << "there is no other";
+  const auto strict = korvo({"--module", module("greeter"), "--strict", "--module", module("missing"), "--console"});
+  EXPECT_EQ(strict.out, "Greeter leaves\n");
+  EXPECT_EQ(strict.status, 1);
 }
 
 TEST(SecondSignal, EndsTheProgramAtOnceWhenTheFirstOneCannot) {
@@ -92,10 +94,10 @@ INSTANTIATE_TEST_SUITE_P(CommandLines, WrongUsage,
                                          Words{"run", "--module"}, Words{"run", "--log-level", "loud"},
                                          Words{"run", "--live", "--console"},
                                          Words{"run", "--data-dir", "/nowhere/at/all"}, Words{"get"},
-                                         Words{"get", "a", "b"}, Words{"get", "a", "--fly"},
-                                         Words{"get", "a", "--timeout", "soon"}, Words{"set", "a", "{"},
-                                         Words{"set", "\xff", "1"}, Words{"unwatch", "a"}, Words{"host"},
-                                         Words{"check-map"}, Words{"help", "fly"}));
+                                         Words{"get", "a", "--fly"}, Words{"get", "a", "--timeout", "soon"},
+                                         Words{"set", "a", "{"}, Words{"set", "\xff", "1"}, Words{"unwatch", "a"},
+                                         Words{"host"}, Words{"check-map"}, Words{"help", "fly"},
+                                         Words{"brokers", "more"}, Words{"hz"}, Words{"rm", "--prefix", "a", "--ye"}));
 
 }  // namespace
 }  // namespace run

@@ -28,22 +28,26 @@ TEST(JsonExtent, EndsWhereTheTextDoes) {
   for (const auto& [text, extent] : cases) EXPECT_EQ(text.substr(0, jsonExtent(text)), extent);
 }
 
-TEST(Arguments, AreReadFromLeftToRight) {
-  Arguments arguments("  Foo \"a b\"\t{\"x\": [1, 2.0]}  --json --jsonx 7 ");
+constexpr Option kOptions[] = {{"--json", "", ""}, {"--rate", "HZ", ""}, {"--count", "N", ""}};
+
+TEST(Arguments, AreReadFromLeftToRightWithOptionsAnywhere) {
+  Arguments arguments("  get --rate 2.5 Foo \"a b\"\t{\"x\": [1, 2.0]}  --json [0]x \"--json\" -- --count 7 ");
+  EXPECT_EQ(arguments.word("COMMAND"), "get");
+  arguments.takeOptions(kOptions);
   EXPECT_EQ(arguments.word("KEY"), "Foo");
   EXPECT_EQ(arguments.word("KEY"), "a b");
   EXPECT_EQ(arguments.json("JSON"), HX::HXValue::map({{"x", HX::HXValue::list({1, 2.0})}}));
-  EXPECT_TRUE(arguments.takeFlag("--json"));
-  EXPECT_FALSE(arguments.takeFlag("--json")) << "only the whole word";
-  EXPECT_EQ(arguments.word("KEY"), "--jsonx");
-  EXPECT_THAT(arguments.jsons("JSON"), ElementsAre(HX::HXValue(7)));
+  EXPECT_THAT(arguments.words("KEY"), ElementsAre("[0]x", "--json", "--count", "7"));
   arguments.end();
+  EXPECT_TRUE(arguments.has("--json"));
+  EXPECT_EQ(arguments.number("--rate"), 2.5);
+  EXPECT_EQ(arguments.count("--count"), std::nullopt);
 }
 
 TEST(Arguments, OfAShellAreTakenAsTheyAre) {
-  Arguments arguments({"Left \"arm\"", "", "-", "{\"x\": -1}", "-1"}, {"--json"});
-  EXPECT_TRUE(arguments.takeFlag("--json"));
-  EXPECT_FALSE(arguments.takeFlag("--keep-going"));
+  Arguments arguments({"Left \"arm\"", "", "-", "{\"x\": -1}", "-1"}, {{"--count", "3"}});
+  EXPECT_EQ(arguments.count("--count"), 3U);
+  EXPECT_FALSE(arguments.has("--json"));
   EXPECT_EQ(arguments.word("KEY"), "Left \"arm\"");
   EXPECT_EQ(arguments.word("KEY"), "");
   EXPECT_TRUE(arguments.takeDash());
@@ -74,10 +78,20 @@ TEST(Arguments, NameWhatIsWrong) {
   EXPECT_EQ(refusalOf("", json), "VALUE is missing");
   EXPECT_THAT(refusalOf("\"open", word), HasSubstr("KEY \"open: JSON line 1"));
   EXPECT_THAT(refusalOf("nul", json), HasSubstr("VALUE nul: JSON line 1"));
-  EXPECT_THAT(refusalOf("\"a\"b", word), HasSubstr("before b"));
-  EXPECT_THAT(refusalOf("[1]2", json), HasSubstr("before 2"));
-  EXPECT_EQ(refusalOf("2 more", end), "unexpected text: 2 more");
+  EXPECT_THAT(refusalOf("\"a\"b", word), HasSubstr("KEY \"a\"b: JSON line 1"));
+  EXPECT_THAT(refusalOf("[1]2", json), HasSubstr("VALUE [1]2: JSON line 1"));
+  EXPECT_THAT(refusalOf("hello", json), testing::EndsWith("; a string needs quotes: \"hello\""));
+  EXPECT_THAT(refusalOf("1x", json), testing::Not(HasSubstr("quotes")));
+  EXPECT_EQ(refusalOf("2 more", end), "unexpected text: 2");
   EXPECT_LT(refusalOf(std::string(50'000, 'y'), end).size(), 100U);
+  const auto options = [](Arguments& arguments) { arguments.takeOptions(kOptions); };
+  EXPECT_EQ(refusalOf("--jsn", options), "no option --jsn; did you mean --json?");
+  EXPECT_EQ(refusalOf("Foo --rate", options), "--rate HZ is missing");
+  for (const char* rate : {"0", "-1", "1x", "inf", "\"\""}) {
+    Arguments arguments(std::string("--rate ") + rate);
+    arguments.takeOptions(kOptions);
+    EXPECT_THROW(arguments.number("--rate"), InputError) << rate;
+  }
 }
 
 }  // namespace

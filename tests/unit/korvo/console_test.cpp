@@ -1,5 +1,6 @@
 #include "console.h"
 
+#include "linesource.h"
 #include "memory_fixture.h"
 #include "output.h"
 #include "target.h"
@@ -32,9 +33,15 @@ class Motor : public HX::HXModule {
     bindMethod(this, &Motor::setSpeed);
     functionName("fail", getName(), "");
     bindMethod(this, &Motor::fail);
+    functionName("move", getName(), "");
+    bindMethod(this, &Motor::move);
     bindSignal("stalled", stalled);
   }
   float setSpeed(float next) { return std::exchange(speed, next); }
+  std::vector<float> move(std::vector<float> path, int last) {
+    path.push_back(static_cast<float>(last));
+    return path;
+  }
   void fail() { throw std::runtime_error("burnt\nout"); }
 
   mw::Signal<int> stalled;
@@ -86,8 +93,48 @@ class ConsoleTest : public kit::MemoryFixture {
 TEST_F(ConsoleTest, SetsGetsListsAndRemoves) {
   EXPECT_THAT(run({"", " \t", "\r", "set \"Left arm\" {\"x\": [1, 2.0]}\r", "set b-arm 1", "ls arm", "get \"Left arm\"",
                    "rm \"Left arm\"", "get \"Left arm\""}),
-              ElementsAre("\"Left arm\"", "\"b-arm\"", "{\"x\":[1,2.0]}"));
+              ElementsAre("\"Left arm\"", "b-arm", "{\"x\":[1,2.0]}"));
   EXPECT_EQ(error(), "error: HXMemory.getData: Data not found Left arm\n");
+}
+
+TEST_F(ConsoleTest, TakesSeveralKeysAndThoseOfAPrefix) {
+  EXPECT_THAT(
+      run({"set A/x 1 A/y \"t\\n\" B 3", "get B A/x", "get --prefix A/", "get --raw A/y", "get B A/z A/v A/x",
+           "set --prefix A/ 7 --yes", "get A/x A/y", "rm --prefix \"\" --yes", "ls A", "type KorvoReady"}),
+      ElementsAre("3", "1", "A/x\t1", "A/y\t\"t\\n\"", "t", "", "3", "1", "7", "7", "HXMemory/KeyAdded", "MicroEvent"));
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("Data not found A/z"), HasSubstr("Data not found A/v")));
+}
+
+TEST_F(ConsoleTest, KeepsTheNumberTypeThatAKeyHas) {
+  memory->insertData("F", 1.5f);
+  const float* const address = memory->getFloatPtr("F");
+  run({"set F 2", "set F 1e300", "set New 1", "set New 2.0", "set New 2.5", "set Wide 1 --type int64", "set Wide 2",
+       "set List [1, 2] --type float", "set List [3, 4.5, 5]", "set F --string text", "raise Event 1 --type double",
+       "raise Event 2"});
+  EXPECT_EQ(*address, 2.0f);
+  EXPECT_EQ(errors().size(), 2U) << "neither 1e300 nor a text fits where an address was handed out";
+  EXPECT_EQ(memory->getData("New"), HX::HXValue(2.5)) << "an int does not hold it";
+  EXPECT_EQ(memory->getData("Wide"), HX::HXValue(std::int64_t{2}));
+  EXPECT_EQ(memory->getData("List"), HX::HXValue::list({3.0f, 4.5f, 5.0f}));
+  EXPECT_EQ(memory->getData("Event"), HX::HXValue(2.0));
+}
+
+TEST_F(ConsoleTest, RaisesSoOftenAndShowsTheLatest) {
+  EXPECT_THAT(run({"raise Foo 1 --count 3", "raise Foo 2 --rate 1000 --count 2", "history Foo --last 3"}),
+              ElementsAre(StartsWith("{\"value\":1,"), StartsWith("{\"value\":2,"), StartsWith("{\"value\":2,")));
+}
+
+TEST_F(ConsoleTest, EndsWhenItIsAskedTo) {
+  class Lines : public LineSource {
+   public:
+    std::optional<std::string> next() override { return lines_.at(next_++); }
+
+   private:
+    std::vector<std::string> lines_{"set Foo 1", "quit"};
+    std::size_t next_ = 0;
+  } lines;
+  console->run(lines);
+  EXPECT_EQ(error(), "");
 }
 
 struct WrongLine {
@@ -107,17 +154,28 @@ TEST_P(WrongLines, AreOneErrorAndChangeNothing) {
 INSTANTIATE_TEST_SUITE_P(
     Lines, WrongLines,
     testing::Values(WrongLine{"frobnicate Foo", "no command frobnicate"},
-                    WrongLine{"set Foo 1 2", "set: unexpected text: 2"}, WrongLine{"get", "get: KEY is missing"},
+                    WrongLine{"set Foo 1 2", "set: JSON is missing"}, WrongLine{"get", "get: KEY is missing"},
                     WrongLine{std::string("set Foo\0 1", 10), "the line has a NUL character at byte 8"},
                     WrongLine{"set Foo \"\xff\"", "the line is not UTF-8"},
                     WrongLine{"set Foo " + std::string(100'000, '['), "set: JSON [[["},
-                    WrongLine{"call Nobody say", "no service named Nobody"},
-                    WrongLine{"call Motor fly", "Motor.fly: no such method"},
+                    WrongLine{"call Motr say", "no service named Motr; did you mean Motor?"},
+                    WrongLine{"call Motor setsped", "Motor.setsped: no such method; did you mean setSpeed?"},
                     WrongLine{"call Motor setSpeed \"x\"", "Motor.setSpeed(String): no overload"},
                     WrongLine{"call Motor fail", "burnt\\nout"},
-                    WrongLine{"emit Motor lost", "Motor.lost: no such signal"},
-                    WrongLine{"unwatch Foo", "not watched: Foo"}, WrongLine{"help fly", "help: no command fly"},
-                    WrongLine{"methods Motor --jsn", "methods: unexpected text: --jsn"},
+                    WrongLine{"emit Motor stuled", "Motor.stuled: no such signal; did you mean stalled?"},
+                    WrongLine{"unwatch Foo", "not watched: Foo"},
+                    WrongLine{"help gte", "help: no command gte; did you mean get?"},
+                    WrongLine{"methods Motor --jsn", "methods: no option --jsn; did you mean --json?"},
+                    WrongLine{"get foo", "HXMemory.getData: Data not found foo; did you mean Foo?"},
+                    WrongLine{"set Foo hello", "set: JSON hello: JSON line 1, column 1"},
+                    WrongLine{"set Foo 1 --type bool", "set: bool is no type of numbers; there is int, "},
+                    WrongLine{"set Foo 1.5 --type int", "set: 1.5 does not fit the type int"},
+                    WrongLine{"set Foo 1 --type int --string", "set: --string and --type exclude"},
+                    WrongLine{"set --prefix Fo 1", "set: it would set 1 key (Foo): --yes does so"},
+                    WrongLine{"rm --prefix Fo", "rm: it would remove 1 key (Foo): --yes does so"},
+                    WrongLine{"rm --prefix Ba", "no key begins with Ba"},
+                    WrongLine{"raise Foo 1 --rate 5", "raise: --rate needs --count in a console"},
+                    WrongLine{"raise Foo 1 --count none", "raise: --count: none is no whole number from 1 on"},
                     WrongLine{"load ./nothing.so", "module library ./nothing.so: "}),
     [](const auto& test) { return "Line" + std::to_string(test.index); });
 
@@ -128,13 +186,14 @@ TEST_F(ConsoleTest, ReportsThatThereIsNoMemory) {
 }
 
 TEST_F(ConsoleTest, TellsAllAboutAKey) {
-  const auto lines = run({"declare Foo Motor", "raise Foo 1", "raise Foo 2.0", "describe Foo \"A text\"",
+  const auto lines = run({"declare Foo Motor", "raise Foo 1", "raise Foo 2.5", "describe Foo \"A text\"",
                           "describe Foo", "descriptions Foo", "info Foo"});
   ASSERT_EQ(lines.size(), 3U);
-  EXPECT_EQ(lines[0] + lines[1], "\"A text\"[\"Foo\",\"event\",\"A text\"]");
-  EXPECT_THAT(lines[2], AllOf(StartsWith("{\"key\":\"Foo\",\"kind\":\"Event\",\"value\":2.0,\"time\":\""),
-                              HasSubstr("\"history\":2,\"subscribers\":0,\"extractor\":\"Motor\","
-                                        "\"description\":\"A text\"}")));
+  EXPECT_EQ(lines[0] + lines[1], "\"A text\"[\"Foo\",\"Event\",\"A text\"]");
+  EXPECT_THAT(lines[2],
+              AllOf(StartsWith("{\"key\":\"Foo\",\"kind\":\"Event\",\"type\":\"Double\",\"value\":2.5,\"time\":\""),
+                    HasSubstr("\"history\":2,\"subscribers\":0,\"extractor\":\"Motor\","
+                              "\"description\":\"A text\"}")));
 }
 
 TEST_F(ConsoleTest, WatchesUntilUnwatched) {
@@ -150,10 +209,11 @@ TEST_F(ConsoleTest, EndsEveryWatchWhenClosed) {
   EXPECT_EQ(error(), "error: the console is closing\n");
 }
 
-TEST_F(ConsoleTest, CallsWithADecimalWhereOnlyAFloatWillDo) {
-  EXPECT_THAT(run({"call Motor setSpeed 2.5", "call Motor setSpeed 1.0"}), ElementsAre("0.5", "2.5"));
-  run({"call Motor setSpeed 1e300", "call Motor setSpeed 1"});
-  EXPECT_THAT(errors(), ElementsAre(HasSubstr("setSpeed(Double)"), HasSubstr("setSpeed(Int)")));
+TEST_F(ConsoleTest, CallsWithANumberWhereItFitsInValue) {
+  EXPECT_THAT(run({"call Motor setSpeed 2.5", "call Motor setSpeed 1", "call Motor move [1, 2.5] 3.0"}),
+              ElementsAre("0.5", "2.5", "[1.0,2.5,3.0]"));
+  run({"call Motor setSpeed 1e300", "call Motor setSpeed 16777217", "call Motor move [1] 3.5"});
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("setSpeed(Double)"), HasSubstr("setSpeed(Int)"), HasSubstr("move(")));
 }
 
 TEST_F(ConsoleTest, CallsWhatReturnsNothingAndEmitsSignals) {
@@ -165,16 +225,17 @@ TEST_F(ConsoleTest, CallsWhatReturnsNothingAndEmitsSignals) {
 }
 
 TEST_F(ConsoleTest, ListsServicesAndWhatTheyOffer) {
-  EXPECT_THAT(run({"services"}), ElementsAre("\"HXMemory\"", "\"Motor\""));
+  EXPECT_THAT(run({"services"}), ElementsAre("HXMemory", "Motor"));
   EXPECT_THAT(run({"methods Motor"}),
               ElementsAre("Turns the wheel.", "setSpeed(float speed) -> float", "    Sets the speed.",
                           "      speed: In turns per second.", "      returns before: The speed until now.", "fail()",
-                          "signal stalled(int)"));
+                          "move(list<float>, int) -> list<float>", "signal stalled(int)"));
   EXPECT_THAT(run({"methods Motor --json"}),
               ElementsAre("[{\"name\":\"setSpeed\",\"description\":\"Sets the speed.\",\"flags\":4,\"parameters\":"
                           "[{\"name\":\"speed\",\"description\":\"In turns per second.\"}],\"result\":{\"name\":"
                           "\"before\",\"description\":\"The speed until now.\"}},{\"name\":\"fail\",\"description\":"
-                          "\"\",\"flags\":0,\"parameters\":[]}]"));
+                          "\"\",\"flags\":0,\"parameters\":[]},{\"name\":\"move\",\"description\":\"\",\"flags\":0,"
+                          "\"parameters\":[]}]"));
 }
 
 TEST_F(ConsoleTest, HasHelpForEveryCommandUnderANameOfItsOwn) {

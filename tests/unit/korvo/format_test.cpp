@@ -37,6 +37,20 @@ TEST(FormatResult, IsJsonAndNothingForNothing) {
   EXPECT_NE(formatResult(mw::AnyValue(Unknown()))->find("Unknown"), std::string::npos) << "it has no value form";
 }
 
+TEST(FormatName, IsBareUnlessItsReaderWouldTakeItForAnother) {
+  using enum NameReader;
+  const std::tuple<const char*, bool, bool> cases[] = {
+      {"Arm/Speed", false, false}, {"Left arm", false, true}, {" Arm", true, true},
+      {"Arm ", true, true},        {"", true, true},          {"a\nb", true, true},
+      {"\"Q", true, true},         {"Höhe", false, false},    {"[0]", false, true},
+      {"--json", false, true},     {"a\xc2\x9b", true, true}, {"a\xff", true, true},
+      {"$(x)`'", false, false}};
+  for (const auto& [name, inShell, inConsole] : cases) {
+    EXPECT_EQ(formatName(name, Shell) != name, inShell) << name;
+    EXPECT_EQ(formatName(name, Console) != name, inConsole) << name;
+  }
+}
+
 TEST(FormatTime, IsLocalWithItsOffset) {
   const mw::SystemTimePoint time(std::chrono::seconds(1) + std::chrono::microseconds(250));
   const auto inZone = [&](const char* zone) {

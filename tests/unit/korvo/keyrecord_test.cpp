@@ -18,6 +18,7 @@ TEST(KeyRecord, ComesBackFromItsLineAsItWas) {
   const HXValue values[] = {
       {}, 1, 1L, 1.5, 1.5f, kInfinity, "text", "\xff", HXValue::binary({}), HXValue::list({1, 2.0f})};
   for (const HXValue& value : values) {
+    EXPECT_EQ(toRecord(toLine({"", "Data", value, ""})).key, "") << "a name like any";
     const KeyRecord back = toRecord(toLine({"Left arm", "Event", value, "A \"text\""}));
     EXPECT_EQ(back.key, "Left arm");
     EXPECT_EQ(back.kind, "Event");

@@ -1,4 +1,4 @@
-#include "livemodel.h"
+#include "live/model.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -69,15 +69,36 @@ TEST_F(LiveModelTest, ShowsWhatPassesTheFilter) {
   EXPECT_THAT(page(), IsEmpty());
 }
 
-TEST_F(LiveModelTest, ScrollsInsideTheTable) {
-  model.scroll(-1);
+TEST_F(LiveModelTest, ScrollsWithTheChosenRowInsideTheTable) {
+  const auto chosen = [&](std::size_t rows) {
+    std::string key;
+    for (const LiveRow& row : model.page(rows)) key += row.isChosen ? row.key : "";
+    return key;
+  };
+  model.move(-1);
+  EXPECT_EQ(chosen(2), "a");
+  model.move(1);
   EXPECT_THAT(page(2), ElementsAre("a", "b/x"));
-  model.scroll(1);
+  model.move(1);
   EXPECT_THAT(page(2), ElementsAre("b/x", "b/y"));
-  model.scrollToEnd();
+  EXPECT_EQ(chosen(2), "b/y");
+  model.moveToEnd();
   EXPECT_THAT(page(3), ElementsAre("b/x", "b/y", "c"));
-  model.scroll(-1);
+  model.move(-2);
+  EXPECT_THAT(page(3), ElementsAre("b/x", "b/y", "c"));
+  EXPECT_EQ(chosen(3), "b/x");
+  model.move(-1);
   EXPECT_THAT(page(3), ElementsAre("a", "b/x", "b/y"));
+}
+
+TEST_F(LiveModelTest, KeepsItsColumnsUntilAnotherFilter) {
+  EXPECT_EQ(model.keyColumns(), 3U);
+  model.add("漢字");
+  EXPECT_EQ(model.keyColumns(), 4U);
+  model.remove("漢字");
+  EXPECT_EQ(model.keyColumns(), 4U);
+  model.setFilter("a");
+  EXPECT_EQ(model.keyColumns(), 1U);
 }
 
 TEST_F(LiveModelTest, KeepsWhatItKnowsOfKeysThatStay) {

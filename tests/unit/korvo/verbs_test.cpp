@@ -29,7 +29,7 @@ TEST(Verbs, AreTaughtByHelpAndByTheManual) {
                                     HasSubstr("\n  korvo " + name)));
     EXPECT_THAT(helpOnAll(), HasSubstr("\n  " + synopsis(verb) + " "));
     EXPECT_THAT(manualPage(nullptr), HasSubstr("\n.SS korvo "));
-    EXPECT_THAT(manualPage(&verb), HasSubstr("\n.SH OPTIONS\n"));
+    EXPECT_THAT(manualPage(&verb), AllOf(HasSubstr("\n.SH OPTIONS\n"), HasSubstr("\n.SH ENVIRONMENT\n")));
   }
 }
 
@@ -38,6 +38,7 @@ TEST(TellApart, LetsOptionsStandAnywhereUntilTwoHyphens) {
   const std::vector<std::string> words{"Foo", "--broker", "torso", "-1", "--timeout=2", "-", "--", "--broker", "--"};
   const GivenWords given = tellApart(*options, words);
   EXPECT_THAT(given.options, ElementsAre("--broker", "torso", "--timeout=2"));
+  EXPECT_THAT(given.values, ElementsAre(testing::Pair("--broker", "torso"), testing::Pair("--timeout", "2")));
   EXPECT_THAT(given.arguments, ElementsAre("Foo", "-1", "-", "--broker", "--"));
 }
 
@@ -45,7 +46,7 @@ TEST(Completions, OfferCommandsAndTheirOptions) {
   const auto complete = [](std::vector<std::string> words) { return completions(words); };
   EXPECT_THAT(complete({"desc"}), ElementsAre("describe", "descriptions"));
   EXPECT_THAT(complete({"help", "unw"}), ElementsAre());
-  EXPECT_THAT(complete({"get", "--"}), ElementsAre("--broker", "--help", "--json", "--timeout"));
+  EXPECT_THAT(complete({"get", "--"}), ElementsAre("--broker", "--help", "--json", "--prefix", "--raw", "--timeout"));
   EXPECT_THAT(complete({"run", "--log-level", "e"}), ElementsAre("error"));
   EXPECT_THAT(complete({"fly", ""}), ElementsAre());
 }

@@ -1,13 +1,16 @@
-#include "liveview.h"
+#include "view.h"
 
+#include "celltext.h"
+#include "detail.h"
 #include "event.h"
+#include "feed.h"
 #include "format.h"
 #include "fullscreen.h"
 #include "keyquestions.h"
-#include "livefeed.h"
-#include "livemodel.h"
-#include "livetable.h"
+#include "model.h"
 #include "output.h"
+#include "paint.h"
+#include "table.h"
 #include "target.h"
 
 #include <algorithm>
@@ -51,28 +54,39 @@ class LiveScreen {
   void draw(const Size& size) {
     const auto now = mw::systemNow();
     const std::size_t rows = pageOf(size);
-    std::vector<std::string> lines{fit(title(now), size.columns)};
-    for (auto& line : drawTable(model_.page(rows), size.columns, now)) lines.push_back(std::move(line));
+    std::vector<std::string> lines{paint_(Style::Title, padded(title(now), size.columns))};
+    for (auto& line : body(size, rows, now)) lines.push_back(std::move(line));
     lines.resize(rows + 2);
-    lines.push_back(fit(lastLine(), size.columns));
+    lines.push_back(lastLine(size.columns));
     screen_.show(lines);
     drawn_ = size;
     nextDraw_ = Clock::now() + 500ms;
+  }
+
+  std::vector<std::string> body(const Size& size, std::size_t rows, mw::SystemTimePoint now) {
+    page_ = model_.page(rows);
+    if (!inspected_) return drawTable(page_, layOut(size.columns, model_.keyColumns()), paint_, now);
+    const auto row = std::ranges::find(page_, *inspected_, &LiveRow::key);
+    const auto rate = row == page_.end() ? std::nullopt : row->rate;
+    if (feed_.detail()) return drawDetail(*feed_.detail(), rate, size.columns, rows + 1, paint_, now);
+    return {fit(*inspected_, size.columns), "  nothing is known of it"};
   }
 
   std::string title(mw::SystemTimePoint now) const {
     const std::string count = model_.filter().empty()
                                   ? fmt::format("{} keys", model_.keyCount())
                                   : fmt::format("{} of {} keys", model_.shownCount(), model_.keyCount());
-    return fmt::format("korvo {}  {}  by {}{}  {}  q quits, / filters, k v a r s sort", name_, count,
+    const std::string head = fmt::format("korvo {}  {}  ", name_, count);
+    if (inspected_) return fmt::format("{}{}  Enter goes back, q quits", head, clockTime(now));
+    return fmt::format("{}by {}{}  {}  q quits, / filters, k v a r s sort, Enter tells more", head,
                        nameOf(model_.column()), model_.isReversed() ? ", turned round" : "", clockTime(now));
   }
 
-  std::string lastLine() const {
-    if (isTyping_) return "/" + model_.filter() + "_";
-    if (!feed_.trouble().empty()) return feed_.trouble();
+  std::string lastLine(std::size_t columns) const {
+    if (isTyping_) return fit("/" + model_.filter() + "_", columns);
+    if (!feed_.trouble().empty()) return paint_(Style::Trouble, fit(feed_.trouble(), columns));
     const std::string logged = log_.text();
-    return logged.empty() && !model_.filter().empty() ? "/" + model_.filter() : logged;
+    return fit(logged.empty() && !model_.filter().empty() ? "/" + model_.filter() : logged, columns);
   }
 
   static std::string clockTime(mw::SystemTimePoint now) { return formatTime(now).substr(11, 8); }
@@ -88,6 +102,8 @@ class LiveScreen {
         typeFilter(key);
       } else if (key == "q" || key == "Q" || key == "\x04") {
         return false;
+      } else if (inspected_) {
+        if (isEnter(key) || key == "\x1b" || key == "\x7f" || key == "\x1b[D" || key == "\x1bOD") inspect(std::nullopt);
       } else {
         obey(key);
       }
@@ -95,9 +111,16 @@ class LiveScreen {
     return true;
   }
 
+  static bool isEnter(const std::string& key) { return key == "\r" || key == "\n"; }
+
+  void inspect(const std::optional<std::string>& key) {
+    inspected_ = key;
+    feed_.inspect(key);
+  }
+
   void typeFilter(const std::string& key) {
     std::string filter = model_.filter();
-    if (key == "\r" || key == "\n") {
+    if (isEnter(key)) {
       isTyping_ = false;
     } else if (key == "\x1b") {
       isTyping_ = false;
@@ -113,34 +136,41 @@ class LiveScreen {
 
   void obey(const std::string& key) {
     const auto page = static_cast<std::ptrdiff_t>(pageOf(drawn_));
+    if (isEnter(key)) {
+      const auto chosen = std::ranges::find(page_, true, &LiveRow::isChosen);
+      if (chosen != page_.end()) inspect(chosen->key);
+    }
     if (key == "/") isTyping_ = true;
     if (key == "k") model_.sortBy(LiveColumn::Key);
     if (key == "v") model_.sortBy(LiveColumn::Value);
     if (key == "a") model_.sortBy(LiveColumn::Age);
     if (key == "r") model_.sortBy(LiveColumn::Rate);
     if (key == "s") model_.sortBy(LiveColumn::Subscribers);
-    if (key == "\x1b[A" || key == "\x1bOA") model_.scroll(-1);
-    if (key == "\x1b[B" || key == "\x1bOB") model_.scroll(1);
-    if (key == "\x1b[5~") model_.scroll(-page);
-    if (key == "\x1b[6~" || key == " ") model_.scroll(page);
-    if (key == "\x1b[H" || key == "\x1b[1~" || key == "\x1bOH") model_.scrollToBegin();
-    if (key == "\x1b[F" || key == "\x1b[4~" || key == "\x1bOF") model_.scrollToEnd();
+    if (key == "\x1b[A" || key == "\x1bOA") model_.move(-1);
+    if (key == "\x1b[B" || key == "\x1bOB") model_.move(1);
+    if (key == "\x1b[5~") model_.move(-page);
+    if (key == "\x1b[6~" || key == " ") model_.move(page);
+    if (key == "\x1b[H" || key == "\x1b[1~" || key == "\x1bOH") model_.moveToBegin();
+    if (key == "\x1b[F" || key == "\x1b[4~" || key == "\x1bOF") model_.moveToEnd();
   }
 
   const std::string name_;
   const int stop_;
+  const Painter paint_ = Painter::ofOutput();
   LiveModel model_;
   LiveFeed feed_;
   LogLine log_;
   FullScreen screen_;
   bool isTyping_ = false;
+  std::optional<std::string> inspected_;  // The key that the screen is about; none: the table.
+  std::vector<LiveRow> page_;             // As it was drawn last.
   Size drawn_;
   Clock::time_point nextDraw_;
 };
 
 void printSnapshots(Target& target, Output& output, const std::string& filter, int stop) {
   LiveModel model(filter);
-  const std::vector<KeyQuestion> questions{askKind, askTimestamp, askSubscribers};
+  const std::vector<KeyQuestion> questions(kFactQuestions.begin(), kFactQuestions.end());
   while (output.works()) {
     auto memory = target.memory();
     const auto keys = memory.getDataList(filter);
@@ -149,7 +179,9 @@ void printSnapshots(Target& target, Output& output, const std::string& filter, i
     askInParts(*memory.proxy(), keys, questions,
                [&](const std::string& key, KeyAnswers& answers) { model.learn(key, toFacts(answers), now); });
     output.line(formatTime(now));
-    for (const auto& line : drawTable(model.page(model.keyCount()), 0, now)) output.line(line);
+    auto rows = model.page(model.keyCount());
+    for (LiveRow& row : rows) row.isChosen = false;  // There is nobody to choose.
+    for (const auto& line : drawTable(rows, layOut(0, model.keyColumns()), Painter(false), now)) output.line(line);
     output.line("");
     if (waitReadable({stop}, 1s) == 0) return;
   }

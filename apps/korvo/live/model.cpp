@@ -1,4 +1,6 @@
-#include "livemodel.h"
+#include "model.h"
+
+#include "celltext.h"
 
 #include <algorithm>
 #include <compare>
@@ -43,7 +45,15 @@ std::optional<double> RateEstimate::perSecond() const {
 void LiveModel::setKeys(std::vector<std::string> keys) {
   std::ranges::sort(keys);
   std::erase_if(keys_, [&](const auto& entry) { return !std::ranges::binary_search(keys, entry.first); });
-  for (std::string& key : keys) keys_.try_emplace(std::move(key));
+  for (std::string& key : keys) add(key);
+}
+
+void LiveModel::add(const std::string& key) {
+  if (keys_.try_emplace(key).second) widen(key);
+}
+
+void LiveModel::widen(const std::string& key) {
+  if (passes(key)) keyColumns_ = std::max(keyColumns_, columnsOf(key));
 }
 
 void LiveModel::learn(const std::string& key, LiveFacts facts, mw::SystemTimePoint now) {
@@ -55,18 +65,20 @@ void LiveModel::learn(const std::string& key, LiveFacts facts, mw::SystemTimePoi
 
 void LiveModel::setFilter(std::string filter) {
   filter_ = std::move(filter);
-  first_ = 0;
+  first_ = chosen_ = 0;
+  keyColumns_ = 0;
+  for (const auto& [key, known] : keys_) widen(key);
 }
 
 void LiveModel::sortBy(LiveColumn column) {
   reversed_ = column == column_ && !reversed_;
   column_ = column;
-  first_ = 0;
+  first_ = chosen_ = 0;
 }
 
-void LiveModel::scroll(std::ptrdiff_t rows) {
+void LiveModel::move(std::ptrdiff_t rows) {
   const auto up = static_cast<std::size_t>(-std::min<std::ptrdiff_t>(rows, 0));
-  first_ = rows < 0 ? first_ - std::min(first_, up) : first_ + static_cast<std::size_t>(rows);
+  chosen_ = rows < 0 ? chosen_ - std::min(chosen_, up) : chosen_ + static_cast<std::size_t>(rows);
 }
 
 std::size_t LiveModel::shownCount() const {
@@ -101,7 +113,9 @@ bool LiveModel::isBefore(const Entry& a, const Entry& b) const {
 
 std::vector<LiveRow> LiveModel::page(std::size_t rows) {
   std::vector<Entry> entries = shown();
-  first_ = std::min(first_, entries.size() > rows ? entries.size() - rows : 0);
+  chosen_ = std::min(chosen_, entries.empty() ? 0 : entries.size() - 1);
+  if (chosen_ >= first_ + rows) first_ = chosen_ + 1 - rows;
+  first_ = std::min({first_, chosen_, entries.size() > rows ? entries.size() - rows : 0});
   const std::size_t last = std::min(first_ + rows, entries.size());
   const auto at = [&](std::size_t index) { return entries.begin() + static_cast<std::ptrdiff_t>(index); };
   // The keys are in their own order already.
@@ -110,7 +124,7 @@ std::vector<LiveRow> LiveModel::page(std::size_t rows) {
   }
   std::vector<LiveRow> page;
   for (std::size_t i = first_; i < last; ++i) {
-    page.push_back({entries[i]->first, entries[i]->second.facts, entries[i]->second.rate.perSecond()});
+    page.push_back({entries[i]->first, entries[i]->second.facts, entries[i]->second.rate.perSecond(), i == chosen_});
   }
   return page;
 }

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "detail.h"
 #include "keyquestions.h"
-#include "livemodel.h"
+#include "model.h"
 
 #include <hxcommon/hxproxy.h>
 #include <libmw/genericobject.h>
@@ -17,9 +18,6 @@
 namespace korvo {
 
 class Target;
-
-/// What the answers to `askKind`, `askTimestamp` and `askSubscribers` say.
-LiveFacts toFacts(KeyAnswers& answers);
 
 /// Keeps a live model up to date without ever waiting for an answer, so that a broker that does not answer cannot
 /// freeze the screen.
@@ -40,6 +38,10 @@ class LiveFeed {
   /// @param rows  On the screen.
   /// @return Whether the model has changed.
   bool advance(std::size_t rows);
+  /// Finds out more about one key from now on; about none where `key` is none.
+  void inspect(const std::optional<std::string>& key);
+  /// What was found out about that key; none before the first answer, and when the key has gone.
+  const std::optional<LiveDetail>& detail() const { return detail_; }
   /// What is wrong at the moment; empty when nothing is.
   const std::string& trouble() const { return trouble_; }
 
@@ -62,7 +64,9 @@ class LiveFeed {
   bool takeListing();
   bool takeLook();
   void learn(Asked asked);
+  void learnDetail(Asked asked);
   void startLook(std::size_t rows);
+  void startDetail();
   void loseMemory(const std::string& why);
 
   Target& target_;
@@ -73,6 +77,9 @@ class LiveFeed {
   std::optional<Answer> listing_;
   std::vector<KeyNews> sinceListing_;  // News that the listing asked for may not know yet.
   std::vector<Asked> look_;
+  std::optional<Asked> detailLook_;
+  std::optional<std::string> inspected_;
+  std::optional<LiveDetail> detail_;
   mw::SystemTimePoint lookTime_;
   Clock::time_point nextFind_;
   Clock::time_point nextListing_;

@@ -47,6 +47,7 @@ struct LiveRow {
   std::string key;
   std::optional<LiveFacts> facts;  ///< None before the first look.
   std::optional<double> rate;
+  bool isChosen = false;
 };
 
 enum class LiveColumn { Key, Value, Age, Rate, Subscribers };
@@ -60,7 +61,7 @@ class LiveModel {
 
   /// All there are; what is known of those that stay is kept.
   void setKeys(std::vector<std::string> keys);
-  void add(const std::string& key) { keys_.try_emplace(key); }
+  void add(const std::string& key);
   void remove(const std::string& key) { keys_.erase(key); }
   /// Ignored for a key that is not there any more.
   void learn(const std::string& key, LiveFacts facts, mw::SystemTimePoint now);
@@ -74,15 +75,18 @@ class LiveModel {
   LiveColumn column() const { return column_; }
   bool isReversed() const { return reversed_; }
 
-  /// Moves the page by so many rows; it stays inside the table.
-  void scroll(std::ptrdiff_t rows);
-  void scrollToBegin() { first_ = 0; }
-  void scrollToEnd() { first_ = keys_.size(); }
+  /// Chooses a row so many further on, or the first or the last one. The page follows.
+  void move(std::ptrdiff_t rows);
+  void moveToBegin() { chosen_ = 0; }
+  void moveToEnd() { chosen_ = keys_.size(); }
 
   std::size_t keyCount() const { return keys_.size(); }
   /// How many of them pass the filter.
   std::size_t shownCount() const;
-  /// At most so many rows, those of the page.
+  /// How many columns the longest of the keys that pass the filter takes, or took: it becomes less only with another
+  /// filter, so that what stands beside the keys holds still.
+  std::size_t keyColumns() const { return keyColumns_; }
+  /// At most so many rows, those of the page. One of them is chosen.
   std::vector<LiveRow> page(std::size_t rows);
   /// At most `count` of the keys that pass the filter, going round from call to call: an order by what is known of keys
   /// is right only when something is known of all.
@@ -97,6 +101,7 @@ class LiveModel {
   using Entry = Keys::const_iterator;
 
   bool passes(const std::string& key) const { return key.find(filter_) != std::string::npos; }
+  void widen(const std::string& key);
   std::vector<Entry> shown() const;
   bool isBefore(const Entry& a, const Entry& b) const;
 
@@ -104,8 +109,10 @@ class LiveModel {
   std::string filter_;
   LiveColumn column_ = LiveColumn::Key;
   bool reversed_ = false;
-  std::size_t first_ = 0;  // Of the keys shown, on top of the page.
-  std::string turn_;       // The key that had its turn last.
+  std::size_t first_ = 0;   // Of the keys shown, on top of the page.
+  std::size_t chosen_ = 0;  // Of the keys shown.
+  std::size_t keyColumns_ = 0;
+  std::string turn_;  // The key that had its turn last.
 };
 
 }  // namespace korvo

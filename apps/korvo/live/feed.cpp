@@ -1,4 +1,4 @@
-#include "livefeed.h"
+#include "feed.h"
 
 #include "format.h"
 #include "target.h"
@@ -21,16 +21,6 @@ constexpr auto kFindPeriod = 1s;
 constexpr std::size_t kKeysInTurn = 256;
 
 }  // namespace
-
-LiveFacts toFacts(KeyAnswers& answers) {
-  LiveFacts facts;
-  facts.kind = std::move(answers[0]).take<std::string>();
-  Stamped stamped = toStamped(std::move(answers[1]).take<HX::HXValue>());
-  facts.value = std::move(stamped.value);
-  facts.time = stamped.time;
-  facts.subscribers = std::move(answers[2]).take<std::vector<std::string>>().size();
-  return facts;
-}
 
 bool LiveFeed::advance(std::size_t rows) {
   if (memory_ && connectionNumber_ != target_.connectionNumber()) loseMemory("the broker is back");
@@ -70,6 +60,7 @@ void LiveFeed::loseMemory(const std::string& why) {
   listing_.reset();
   sinceListing_.clear();
   look_.clear();
+  detailLook_.reset();
   const std::lock_guard lock(mutex_);
   followed_.clear();
 }
@@ -118,13 +109,44 @@ bool LiveFeed::takeListing() {
 }
 
 bool LiveFeed::takeLook() {
-  const auto isOpen = [](const Answer& answer) { return answer.isRunning(); };
-  if (look_.empty() ||
-      std::ranges::any_of(look_, [&](const Asked& asked) { return std::ranges::any_of(asked.answers, isOpen); })) {
-    return false;
+  const auto isOpen = [](const Asked& asked) {
+    return std::ranges::any_of(asked.answers, [](const Answer& answer) { return answer.isRunning(); });
+  };
+  bool taken = false;
+  if (!look_.empty() && std::ranges::none_of(look_, isOpen)) {
+    for (Asked& asked : std::exchange(look_, {})) learn(std::move(asked));
+    taken = true;
   }
-  for (Asked& asked : std::exchange(look_, {})) learn(std::move(asked));
-  return true;
+  if (detailLook_ && !isOpen(*detailLook_)) {
+    learnDetail(*std::exchange(detailLook_, std::nullopt));
+    taken = true;
+  }
+  return taken;
+}
+
+void LiveFeed::inspect(const std::optional<std::string>& key) {
+  inspected_ = key;
+  detail_.reset();
+  nextLook_ = {};
+}
+
+void LiveFeed::learnDetail(Asked asked) {
+  if (asked.key != inspected_) return;
+  try {
+    KeyAnswers answers;
+    for (Answer& answer : asked.answers) answers.push_back(std::move(answer).take());
+    detail_ = toDetail(asked.key, answers);
+  } catch (const HX::HXError&) {  // How the memory says that there is no such key.
+    detail_.reset();
+  }
+}
+
+void LiveFeed::startDetail() {
+  if (!inspected_ || detailLook_) return;
+  const mw::AnyObject memory = memory_->asObject();
+  std::vector<Answer> answers;
+  for (const KeyQuestion ask : kDetailQuestions) answers.push_back(ask(memory.get(), *inspected_));
+  detailLook_ = Asked{*inspected_, std::move(answers)};
 }
 
 void LiveFeed::learn(Asked asked) {
@@ -139,6 +161,7 @@ void LiveFeed::learn(Asked asked) {
 
 void LiveFeed::startLook(std::size_t rows) {
   nextLook_ = Clock::now() + kLookPeriod;
+  startDetail();
   // Answers are taken later than they were given; this is nearer to that.
   lookTime_ = mw::systemNow();
   std::vector<std::string> keys;
@@ -152,7 +175,7 @@ void LiveFeed::startLook(std::size_t rows) {
   const mw::AnyObject memory = memory_->asObject();
   for (std::string& key : keys) {
     std::vector<Answer> answers;
-    for (const KeyQuestion ask : {askKind, askTimestamp, askSubscribers}) answers.push_back(ask(memory.get(), key));
+    for (const KeyQuestion ask : kFactQuestions) answers.push_back(ask(memory.get(), key));
     look_.push_back({std::move(key), std::move(answers)});
   }
 }

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "format.h"
+#include "keyquestions.h"
+#include "model.h"
+#include "paint.h"
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace korvo {
+
+/// What a row of the table is made of.
+inline constexpr std::array kFactQuestions{askKind, askTimestamp, askSubscribers};
+LiveFacts toFacts(KeyAnswers& answers);
+
+/// All there is to know of one key.
+struct LiveDetail {
+  std::string key;
+  LiveFacts facts;
+  std::vector<std::string> subscribers;
+  std::string description;
+  std::vector<Stamped> history;  ///< The oldest raise first.
+};
+inline constexpr std::array kDetailQuestions{askKind, askTimestamp, askSubscribers, askDescription, askHistory};
+LiveDetail toDetail(const std::string& key, KeyAnswers& answers);
+
+/// A page about one key: what `korvo info` tells, and its history as bars where that is of numbers.
+/// @param rate     As the table has it.
+/// @param width    Of a line, in columns.
+/// @param rows     At most so many lines.
+std::vector<std::string> drawDetail(const LiveDetail& detail, std::optional<double> rate, std::size_t width,
+                                    std::size_t rows, const Painter& paint, mw::SystemTimePoint now);
+
+}  // namespace korvo
