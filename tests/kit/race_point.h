@@ -4,12 +4,13 @@
 #include <functional>
 #include <future>
 #include <string>
+#include <sys/types.h>
 
 namespace kit {
 
 /// Has another thread come between two steps: the first thread that reaches the place waits there until `other`, on a
-/// thread of its own, has ended or is seen to wait. `other` itself
-/// passes every place. One at a time; the program compiles race_point.cpp in.
+/// thread of its own, has ended or is seen to wait. `other` itself passes every place. One at a time; the program
+/// compiles race_point.cpp in.
 class AtRacePoint {
  public:
   /// @param place  As the code under test names it.
@@ -26,9 +27,12 @@ class AtRacePoint {
   void reach(const char* place);
 
  private:
+  void awaitOther() const;
+
   const std::string place_;
   const std::function<void()> other_;
   std::atomic<bool> reached_{false};
+  std::atomic<pid_t> otherThread_{0};  // Once it runs.
   std::future<void> ended_;
 };
 
