@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -68,7 +69,15 @@ void HXModuleCore::setReturn(std::string name, std::string description) {
 }
 
 void HXModuleCore::bindMethodOverload(const std::shared_ptr<const HXFunctorBase>& functor) {
-  objectBuilder().advertiseMethod(current_, functor ? functor->function() : mw::AnyFunction());
+  bind(functor ? functor->function() : mw::AnyFunction());
+}
+
+void HXModuleCore::bind(mw::AnyFunction function) {
+  mw::ObjectBuilder& builder = objectBuilder();
+  if (current_.method().name.empty()) {
+    throw std::runtime_error(fmt::format("module {}: functionName is called before each method that is bound", name_));
+  }
+  builder.advertiseMethod(std::exchange(current_, {}), std::move(function));
 }
 
 void HXModuleCore::bindSignal(std::string name, mw::SignalBase& signal) {

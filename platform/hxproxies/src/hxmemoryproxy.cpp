@@ -14,9 +14,8 @@ HXMemoryProxy::HXMemoryProxy(std::shared_ptr<HXProxy> proxy) : proxy_(std::move(
 
 void HXMemoryProxy::insertData(const string& key, int value) { proxy_->call("insertData", key, value); }
 void HXMemoryProxy::insertData(const string& key, float value) { proxy_->call("insertData", key, value); }
-void HXMemoryProxy::insertData(const string& key, const string& value) { proxy_->call("insertData", key, value); }
-void HXMemoryProxy::insertData(const string& key, const char* value) { insertData(key, string(value)); }
 void HXMemoryProxy::insertData(const string& key, const HXValue& value) { proxy_->call("insertData", key, value); }
+void HXMemoryProxy::insertText(const string& key, const string& value) { proxy_->call("insertData", key, value); }
 void HXMemoryProxy::insertListData(const HXValue& list) { proxy_->call("insertListData", list); }
 
 HXValue HXMemoryProxy::getData(const string& key) { return proxy_->call<HXValue>("getData", key); }

@@ -67,6 +67,12 @@ Number HXValue::number() const {
   }
 }
 
+void HXValue::requireInt64(std::uint64_t number) {
+  if (!fits<std::int64_t>(number)) {
+    throw std::runtime_error("the number " + std::to_string(number) + " does not fit Int64");
+  }
+}
+
 std::int32_t HXValue::toInt() const { return number<std::int32_t>(); }
 std::int64_t HXValue::toInt64() const { return number<std::int64_t>(); }
 float HXValue::toFloat() const { return number<float>(); }

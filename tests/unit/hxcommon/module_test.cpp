@@ -21,6 +21,8 @@ using HX::HXModule;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
+enum class Grip : std::uint8_t { Open, Closed };
+
 class Arm : public HXModule {
  public:
   Arm(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
@@ -31,8 +33,20 @@ class Arm : public HXModule {
         HX::createFunctor(this, static_cast<std::string (Arm::*)(const std::string&, const std::string&)>(&Arm::join)));
     functionName("arms", getName(), "Counts.");
     bindMethod(this, &Arm::arms);
+    functionName("level", getName(), "Gives the number back.");
+    bindMethod(this, &Arm::level);
+    functionName("part", getName(), "The end of a text.");
+    bindMethod(this, &Arm::part);
+    functionName("grip", getName(), "The other grip.");
+    bindMethod(this, &Arm::grip);
+    functionName("next", getName(), "The number after it, if there is one.");
+    bindMethod(this, &Arm::next);
     bindSignal("moved", moved);
   }
+  std::uint8_t level(std::uint8_t given, std::size_t /*count*/) { return given; }
+  std::string_view part(std::string_view text, std::uint16_t from) const { return text.substr(from); }
+  Grip grip(Grip given) noexcept { return given == Grip::Open ? Grip::Closed : Grip::Open; }
+  std::optional<int> next(std::optional<int> number) { return number ? std::optional(*number + 1) : std::nullopt; }
   int join(int left, int right) { return left + right; }
   std::string join(const std::string& left, const std::string& right) { return left + right; }
   int arms() const { return 2; }
@@ -40,6 +54,11 @@ class Arm : public HXModule {
   void bindNothing() {
     functionName("nothing", getName(), "");
     bindMethodOverload(nullptr);
+  }
+  void bindUndescribed() { bindMethod(this, &Arm::arms); }
+  void bindAgain() {
+    functionName("level", getName(), "");
+    bindMethod(this, &Arm::level);
   }
   mw::Signal<int> moved;
 };
@@ -73,11 +92,31 @@ TEST_F(Modules, AreCalledByTheNamesOfTheirMethods) {
   EXPECT_EQ(moved, 5);
 }
 
+TEST_F(Modules, TakeAndReturnWhatAMethodNames) {
+  const auto arm = HXModule::createModule<Arm>(broker, "Arm");
+  const auto proxy = broker->getProxy("Arm");
+  EXPECT_EQ(proxy->call<std::uint8_t>("level", 255, 1), 255);
+  EXPECT_EQ(proxy->call<HX::HXValue>("level", std::int8_t{7}, 1U), HX::HXValue(7));
+  EXPECT_EQ(proxy->call<std::string>("part", std::string_view("elbow"), 2), "bow");
+  EXPECT_EQ(proxy->call<HX::HXValue>("grip", 0), HX::HXValue(1));
+  EXPECT_EQ(proxy->call<Grip>("grip", Grip::Closed), Grip::Open);
+  EXPECT_EQ(proxy->call<int>("next", 1), 2);
+  EXPECT_EQ(proxy->call<HX::HXValue>("next", HX::HXValue()), HX::HXValue());
+  EXPECT_EQ(errorOf([&] { proxy->call("level", 300, 1); }), "Arm.level: argument 1: 300 does not fit uint8");
+  EXPECT_EQ(errorOf([&] { proxy->call("level", 1, -1); }), "Arm.level: argument 2: -1 does not fit uint64");
+  EXPECT_EQ(errorOf([&] { proxy->call<std::int8_t>("level", 200, 1); }), "200 does not fit int8");
+  EXPECT_EQ(errorOf([&] { proxy->call("level", "x", 1); }),
+            "Arm.level(string, int): no overload takes these arguments; there is level(uint8, uint64)");
+}
+
 TEST_F(Modules, BindOnlyWhileTheyAreConstructed) {
   const auto arm = HXModule::createModule<Arm>(broker, "Arm");
   EXPECT_THROW(arm->bindLate(), std::logic_error);
   EXPECT_THROW(arm->initModule(), std::logic_error);
   EXPECT_THAT(errorOf([&] { Arm(broker, "Other").bindNothing(); }), HasSubstr("nothing"));
+  EXPECT_EQ(errorOf([&] { Arm(broker, "Other").bindUndescribed(); }),
+            "module Other: functionName is called before each method that is bound");
+  EXPECT_EQ(errorOf([&] { Arm(broker, "Other").bindAgain(); }), "method level(uint8, uint64) is bound already");
 }
 
 TEST_F(Modules, ThatFailToConstructLeaveNothing) {

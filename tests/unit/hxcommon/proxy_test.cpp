@@ -21,15 +21,17 @@ using testing::HasSubstr;
 
 class Notifications : public testing::Test {
  protected:
-  /// A subscriber with the methods that `bind(name, callable)` was given, after `shift` others.
+  /// A subscriber with the methods that `bind(name, callable)` was given, after two others if it is `shifted`.
   template <class Bind>
-  HXProxy subscriber(Bind&& bind, int shift = 0) {
+  HXProxy subscriber(Bind&& bind, bool shifted = false) {
     mw::ObjectBuilder builder;
     builder.setTypeName("Ear");
     const auto add = [&](const char* name, auto callable) {
       builder.advertiseMethod(mw::MetaMethodBuilder(name, "Ear", ""), AnyFunction::from(callable));
     };
-    for (int i = 0; i < shift; ++i) add("other", [this] { heard.emplace_back("the wrong method"); });
+    for (const char* other : {"another", "yetAnother"}) {
+      if (shifted) add(other, [this] { heard.emplace_back("the wrong method"); });
+    }
     bind(add);
     return {mw::AnyObject(std::make_shared<mw::DynamicObject>(builder.build(), nullptr)), "Ear"};
   }
@@ -57,7 +59,7 @@ TEST_F(Notifications, RememberTheMethodTheyFound) {
 // A subscriber that was restarted may have its methods elsewhere, and the kept number would be another method's.
 TEST_F(Notifications, NoticeAChangedTarget) {
   const auto before = subscriber([&](auto add) { add("hear", hear()); });
-  const auto after = subscriber([&](auto add) { add("hear", hear()); }, 2);
+  const auto after = subscriber([&](auto add) { add("hear", hear()); }, true);
   before.pCallNotify("hear", "a", 1, 0, &state);
   after.pCallNotify("hear", "b", 2, 0, &state);
   EXPECT_EQ(state.first, 3);

@@ -3,7 +3,10 @@
 
 #include <hxvalue/hxvalue.h>
 
+#include <array>
+#include <set>
 #include <type_traits>
+#include <unordered_map>
 
 namespace HX {
 namespace {
@@ -14,10 +17,10 @@ template <typename T>
 constexpr bool kMakesValue = std::is_constructible_v<HXValue, T>;
 enum Unscoped { kSomething };
 
-static_assert(kMakesValue<char*> && kMakesValue<long> && kMakesValue<long long> && kMakesValue<std::uint16_t>);
+static_assert(kMakesValue<char*> && kMakesValue<const char (&)[5]> && kMakesValue<std::string_view>);
 static_assert(!kMakesValue<int*> && !kMakesValue<void*> && !kMakesValue<std::nullptr_t>, "a pointer is not a bool");
-static_assert(!kMakesValue<std::uint64_t> && !kMakesValue<long double>, "might not fit");
-static_assert(!kMakesValue<char> && !kMakesValue<char16_t> && !kMakesValue<Unscoped>, "letter or number?");
+static_assert(!kMakesValue<long double> && !kMakesValue<std::vector<long double>>, "would lose digits");
+static_assert(!kMakesValue<Unscoped> && !kMakesValue<std::map<int, int>>);
 
 struct TypeCase {
   HXValue value;
@@ -29,8 +32,11 @@ std::vector<TypeCase> types() {
   return {{{}, Type::Invalid, "Invalid"},
           {true, Type::Bool, "Bool"},
           {std::uint16_t{65535}, Type::Int, "Int"},
+          {'c', Type::Int, "Int"},
           {7U, Type::Int64, "Int64"},
           {7L, Type::Int64, "Int64"},
+          {7ULL, Type::Int64, "Int64"},
+          {U'c', Type::Int64, "Int64"},
           {1.5F, Type::Float, "Float"},
           {1.5, Type::Double, "Double"},
           {"text", Type::String, "String"},
@@ -58,6 +64,18 @@ TEST(HXValue, givesItsContentAsItsOwnTypeOnly) {
       }
     }
   }
+}
+
+TEST(HXValue, isMadeOfContainersOfWhateverMakesOne) {
+  const std::pair<HXValue, HXValue> made[] = {
+      {std::vector<bool>{true, false}, HXValue::list({true, false})},
+      {std::array<float, 2>{1.5F, 2.5F}, HXValue::list({1.5F, 2.5F})},
+      {std::vector<std::vector<std::string_view>>{{}, {"a"}}, HXValue::list({HXValue::list(), HXValue::list({"a"})})},
+      {std::set<std::uint8_t>{2, 1}, HXValue::list({1, 2})},
+      {std::array{std::byte{1}, std::byte{2}}, HXValue::Binary{std::byte{1}, std::byte{2}}},
+      {std::map<std::string, std::vector<double>>{{"k", {0.5}}}, HXValue::map({{"k", HXValue::list({0.5})}})},
+      {std::unordered_map<std::string, int>{{"k", 1}}, HXValue::map({{"k", 1}})}};
+  for (const auto& [value, expected] : made) EXPECT_EQ(value, expected);
 }
 
 TEST(HXValue, survivesCopyAndMoveAndLeavesTheSourceOfAMoveInvalid) {

@@ -35,6 +35,7 @@ TEST(Numbers, thatDoNotFitAreNamed) {
   EXPECT_EQ(errorOf([] { HXValue(kNan).toInt(); }), "the number nan does not fit Int");
   EXPECT_EQ(errorOf([] { HXValue(-kInfinity).toInt64(); }), "the number -inf does not fit Int64");
   EXPECT_EQ(errorOf([] { HXValue(1e39).toFloat(); }), "the number 1e+39 does not fit Float");
+  EXPECT_EQ(errorOf([] { HXValue{~std::uint64_t{0}}; }), "the number 18446744073709551615 does not fit Int64");
 }
 
 TEST(Numbers, areNotMadeOfOtherTypes) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxcommon/detail/bindable.h>
 #include <libmw/anyfunction.h>
 
 #include <memory>
@@ -18,10 +19,15 @@ class HXFunctorBase {
 };
 
 /// @param object  Must outlive the functor.
-/// @param member  Member function of T; for one of several overloads, cast it to the wanted type.
+/// @param member  Member function of T; for one of several overloads, cast it to the wanted type. What it may take and
+///                return stands at `HXModuleCore::bindMethod`.
 template <class T, class M>
 std::shared_ptr<const HXFunctorBase> createFunctor(T* object, M member) {
-  return std::make_shared<const HXFunctorBase>(mw::AnyFunction::from(object, member));
+  if constexpr (detail::isBindable<T, M>()) {
+    return std::make_shared<const HXFunctorBase>(mw::AnyFunction::from(object, member));
+  } else {
+    return nullptr;
+  }
 }
 
 }  // namespace HX

@@ -49,7 +49,8 @@ class HX_API HXModuleCore : public mw::DynamicObject {
  protected:
   void setModuleDescription(std::string text);
 
-  /// Opens the description of a method. It goes with the next method that is bound.
+  /// Opens the description of a method. It goes with the next method that is bound, and with that one
+  /// only.
   /// @param name         Under which it is called; not empty.
   /// @param module       Whose method it is; for readers.
   /// @param description  One sentence.
@@ -62,11 +63,23 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   const mw::MetaMethodBuilder& getCurrentMethodDescription() const { return current_; }
 
   /// Binds `functor` under the opened description; further methods of the same name become its overloads.
+  /// @throws As `bindMethod`.
   void bindMethodOverload(const std::shared_ptr<const HXFunctorBase>& functor);
   /// Binds a member function of `object` under the opened description.
+  ///
+  /// Parameters are taken by value or by reference to const, and may be, as may the result: a bool; an integer of any
+  /// width, which is checked at the call ("300 does not fit uint8"); an enum with an underlying type of its own, as
+  /// its number; float, double; std::string, std::string_view; bytes (HXValue::Binary); HXValue; a std::vector, a
+  /// std::map by std::string, a std::optional (nothing is nil) of these; an object (mw::AnyObject, std::shared_ptr);
+  /// a pointer, for callers of the same process. Anything else does not compile.
+  ///
+  /// @param object  Must outlive the module's calls.
+  /// @param member  For one of several overloads, cast it to the wanted type.
+  /// @throws std::runtime_error when no description is open, when more parameters are described than there are, and
+  ///         when a method of that name with these types is bound already.
   template <class T, class M>
   void bindMethod(T* object, M member) {
-    objectBuilder().advertiseMethod(current_, object, member);
+    if constexpr (detail::isBindable<T, M>()) bind(mw::AnyFunction::from(object, member));
   }
   /// Publishes a signal that is a member of the module.
   void bindSignal(std::string name, mw::SignalBase& signal);
@@ -76,6 +89,8 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   mw::ObjectBuilder& objectBuilder();
 
  private:
+  void bind(mw::AnyFunction function);
+
   const std::weak_ptr<HXBroker> broker_;
   const std::string name_;
   mw::ObjectBuilder builder_;

@@ -4,10 +4,11 @@
 #include <hxvalue/hxvalue.h>
 #include <libmw/genericobject.h>
 
-#include <concepts>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace HX {
@@ -38,15 +39,27 @@ class HX_API HXMemoryProxy {
   // --- Values ---------------------------------------------------------------------------------------------------
 
   /// Stores `value` under `key`, which is made when there is none. Does not tell subscribers of events.
+  ///
+  ///     memory->insertData("Arm/Speed", 0.5);
+  ///     memory->insertData("Arm/Joints", std::array{0.1, 0.2, 0.3});
+  ///
+  /// @param key    Name of the value.
+  /// @param value  Whatever becomes an HXValue, and is then of the nearest type that loses nothing: a bool, a number, a
+  ///               text, bytes, a container of those. An enum is its number. Anything else does not compile.
   void insertData(const std::string& key, int value);
   void insertData(const std::string& key, float value);
-  void insertData(const std::string& key, const std::string& value);
-  void insertData(const std::string& key, const char* value);
   void insertData(const std::string& key, const HXValue& value);
-  /// A bool stays one. Only a bool: what merely converts to one, a pointer for instance, does not choose this.
-  template <std::same_as<bool> Bool>
-  void insertData(const std::string& key, Bool value) {
-    insertData(key, HXValue(value));
+  template <class T>
+  void insertData(const std::string& key, const T& value) {
+    if constexpr (std::is_convertible_v<const T&, std::string> && !std::is_convertible_v<const T&, const char*>) {
+      insertText(key, value);
+    } else {
+      insertData(key, valueOf(value));
+    }
+  }
+  template <class T>
+  void insertData(const std::string& key, std::initializer_list<T> elements) {
+    insertData(key, valueOf(elements));
   }
   /// @param list  [[key, value], …]
   void insertListData(const HXValue& list);
@@ -90,9 +103,21 @@ class HX_API HXMemoryProxy {
   void declareEvent(const std::string& eventName, const std::string& extractorName);
   Strings getExtractorEvent(const std::string& extractorName);
 
-  /// Stores `value` and tells every subscriber before it returns.
+  /// Stores the value, adds it to the history, and tells every subscriber, also when it is the same as before. A
+  /// subscriber that is told for the first time is looked up first, which may end after this has returned.
+  /// @param name   Name of the event.
+  /// @param value  As for `insertData`.
   void raiseEvent(const std::string& name, const HXValue& value);
+  template <class T>
+  void raiseEvent(const std::string& name, const T& value) {
+    raiseEvent(name, valueOf(value));
+  }
+  /// The same without history.
   void raiseMicroEvent(const std::string& name, const HXValue& value);
+  template <class T>
+  void raiseMicroEvent(const std::string& name, const T& value) {
+    raiseMicroEvent(name, valueOf(value));
+  }
   void removeEvent(const std::string& name);
   void removeMicroEvent(const std::string& name);
 
@@ -106,12 +131,10 @@ class HX_API HXMemoryProxy {
   void unsubscribeToEvent(const std::string& name, const std::string& callbackModule);
   void unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule);
   Strings getSubscribers(const std::string& name);
-  /// Ends every subscription of a module that has left.
+  /// Deprecated: only logs.
   void unregisterModuleReference(const std::string& moduleName);
 
-  /// @param name            Key.
-  /// @param callbackModule  Subscriber.
-  /// @param nTimePolicy  Smallest time between two notifications, milliseconds; 0 for every change.
+  /// Deprecated, the two of them: only log that they do nothing.
   void _subscribeOnDataSetTimePolicy(const std::string& name, const std::string& callbackModule, int nTimePolicy);
   void _subscribeOnDataSetSynchronizeResponse(const std::string& name, const std::string& callbackModule,
                                               bool synchronizedResponse);
@@ -129,17 +152,47 @@ class HX_API HXMemoryProxy {
 
   // --- Inside the module's process only --------------------------------------------------------------------------
 
-  /// The address of a scalar, which is made when there is none. Good for as long as the module lives; the key cannot be
-  /// removed any more. Elsewhere than in the module's process, an error.
+  /// The address of a value, which stays good for the life of the memory. A key that is missing is made: with 0, and by
+  /// `getDataPtr` without a value, whose place takes an int or a float later on.
+  ///
+  /// Read it with `std::atomic_ref(*address).load(std::memory_order_relaxed)`, and write it likewise: the memory does
+  /// the same. From then on the key can neither be removed nor change its type.
+  /// @throws HXError when the value is of another type, and the key stays marked all the same; std::runtime_error in
+  ///         another process than the memory's.
   void* getDataPtr(const std::string& key);
   int* getIntPtr(const std::string& key);
   float* getFloatPtr(const std::string& key);
 
+  /// Stores like `insertData`; the size is ignored.
   void _insertObject(const std::string& name, const HXValue& buffer, int bufferSize);
   /// Has the module time its own insertions and print the result on its standard output.
   void _perf();
 
  private:
+  void insertText(const std::string& key, const std::string& value);
+
+  template <class T>
+  static HXValue valueOf(const T& value) {
+    if constexpr (std::is_enum_v<T>) {
+      // An unscoped one converts as it would anywhere; without a type of its own its number is an int.
+      if constexpr (std::is_convertible_v<T, int>) {
+        return +value;
+      } else {
+        return static_cast<std::underlying_type_t<T>>(value);
+      }
+    } else {
+      constexpr bool canBeStored = HXStorable<T>;
+      static_assert(canBeStored,
+                    "The memory keeps bools, numbers up to 64 bits, texts, bytes, and containers of those, and this "
+                    "value is none of them.");
+      if constexpr (canBeStored) {
+        return value;
+      } else {
+        return {};
+      }
+    }
+  }
+
   std::shared_ptr<HXProxy> proxy_;
 };
 

@@ -8,25 +8,47 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 namespace HX {
 
-template <typename T>
-concept HXCharacter = std::same_as<T, char> || std::same_as<T, wchar_t> || std::same_as<T, char8_t> ||
-    std::same_as<T, char16_t> || std::same_as<T, char32_t>;
+class HXValue;
 
-/// The numbers that a value takes: bool, every integer that fits 64 signed bits, float and double. Character types
-/// are left out because neither reading of them (a letter, a number) is obvious; unsigned 64-bit ones because they
-/// may not fit.
+/// The numbers that a value takes: bool, every integer (a character is one) and enough of the decimals. A long double
+/// has digits that no type of value keeps.
 template <typename T>
-concept HXNumber = std::same_as<T, bool> || std::same_as<T, float> || std::same_as<T, double> ||
-    (std::integral<T> && !HXCharacter<T> && (std::signed_integral<T> || sizeof(T) < sizeof(std::int64_t)));
+concept HXNumber = std::integral<T> || std::same_as<T, float> || std::same_as<T, double>;
+
+/// Whatever becomes a value: values, numbers, texts, bytes, and containers of those.
+template <typename T>
+concept HXStorable = std::is_convertible_v<const T&, HXValue>;
+
+/// A container of elements that become values, or of bytes: std::vector, std::array, std::span, std::set, …
+template <typename T>
+concept HXSequence = !std::is_convertible_v<const T&, std::string_view> && requires(const T& container) {
+  container.begin();
+  container.end();
+  container.size();
+  requires !std::same_as<typename T::value_type, T>;  // Of which there would be no end.
+  requires std::same_as<typename T::value_type, std::byte> || HXStorable<typename T::value_type>;
+};
+
+/// A container of texts that each name something which becomes a value: std::map, std::unordered_map, …
+template <typename T>
+concept HXDictionary = requires(const T& container) {
+  container.begin();
+  container.end();
+  requires std::is_convertible_v<const typename T::key_type&, std::string_view>;
+  requires !std::same_as<typename T::mapped_type, T>;
+  requires HXStorable<typename T::mapped_type>;
+};
 
 /// A value of a type known at run time: what is stored, raised, passed and returned between modules.
 ///
@@ -61,9 +83,11 @@ class HX_API HXValue {
   /// The invalid value: nothing, not set yet.
   HXValue() noexcept = default;
 
-  /// Bool, Int (32-bit and smaller integers), Int64 (uint32_t and 64-bit integers), Float or Double.
+  /// Bool, Int (32-bit and smaller integers), Int64 (uint32_t and 64-bit integers), Float or Double: the nearest type
+  /// that loses nothing.
+  /// @throws std::runtime_error for an unsigned 64-bit number that Int64 does not hold.
   template <HXNumber T>
-  HXValue(T number) noexcept {
+  HXValue(T number) noexcept(std::signed_integral<T> || sizeof(T) < sizeof(std::int64_t) || std::floating_point<T>) {
     if constexpr (std::same_as<T, bool>) {
       slot_.boolean = number;
       type_ = Type::Bool;
@@ -73,11 +97,12 @@ class HX_API HXValue {
     } else if constexpr (std::same_as<T, double>) {
       slot_.float64 = number;
       type_ = Type::Double;
-    } else if constexpr (sizeof(T) < sizeof(std::int32_t) || std::same_as<T, std::int32_t>) {
-      slot_.int32 = number;
+    } else if constexpr (std::numeric_limits<T>::digits <= std::numeric_limits<std::int32_t>::digits) {
+      slot_.int32 = static_cast<std::int32_t>(number);
       type_ = Type::Int;
     } else {
-      slot_.int64 = number;
+      if constexpr (sizeof(T) == sizeof(std::int64_t) && std::unsigned_integral<T>) requireInt64(number);
+      slot_.int64 = static_cast<std::int64_t>(number);
       type_ = Type::Int64;
     }
   }
@@ -91,6 +116,13 @@ class HX_API HXValue {
   HXValue(Binary bytes);
   HXValue(List elements);
   HXValue(Map entries);
+
+  /// A List of what the elements become, or a Binary of bytes.
+  template <HXSequence T>
+  HXValue(const T& elements);
+  /// A Map of what the entries become.
+  template <HXDictionary T>
+  HXValue(const T& entries);
 
   /// A Binary with a copy of `bytes`.
   static HXValue binary(std::span<const std::byte> bytes);
@@ -268,6 +300,7 @@ class HX_API HXValue {
     Payload* payload;
   };
 
+  static void requireInt64(std::uint64_t number);
   static constexpr bool hasPayload(Type type) noexcept { return type >= Type::String; }
 
   template <typename Content>
@@ -313,6 +346,26 @@ struct HXValue::Payload {
 
 // Relaxed is enough: whoever copies already holds the payload. The last owner synchronises when it lets go.
 inline void HXValue::retain() const noexcept { slot_.payload->owners.fetch_add(1, std::memory_order_relaxed); }
+
+template <HXSequence T>
+HXValue::HXValue(const T& elements) {
+  if constexpr (std::same_as<typename T::value_type, std::byte>) {
+    *this = HXValue(Binary(elements.begin(), elements.end()));
+  } else {
+    List list;
+    list.reserve(elements.size());
+    // Each by its own type, since vector<bool> hands out proxies.
+    for (auto&& element : elements) list.emplace_back(static_cast<const typename T::value_type&>(element));
+    *this = HXValue(std::move(list));
+  }
+}
+
+template <HXDictionary T>
+HXValue::HXValue(const T& entries) {
+  Map map;
+  for (const auto& [key, entry] : entries) map.emplace(std::string_view(key), entry);
+  *this = HXValue(std::move(map));
+}
 
 static_assert(sizeof(HXValue) == 16);
 

@@ -13,15 +13,21 @@
 
 namespace mw {
 
+class AnyReference;
 class AnyValue;
 
-/// A dynamic value does not convert into the type that was asked for. The text names both types.
+/// A dynamic value does not convert into the type that was asked for. The text names both types, or the number that is
+/// out of the range of the type: "300 does not fit uint8".
 class HX_API ConversionError : public std::runtime_error {
  public:
   /// @param source   The type that was there; null for no value at all.
   /// @param target   The type that was wanted.
   /// @param context  Said first when not empty, for instance "parameter 2 of insertData".
   ConversionError(const TypeInterface* source, const TypeInterface* target, std::string_view context);
+  /// @param given    What was there.
+  /// @param target   The type that was wanted.
+  /// @param context  As above.
+  ConversionError(const AnyReference& given, const TypeInterface* target, std::string_view context);
   ~ConversionError() override;
 };
 
@@ -206,7 +212,7 @@ T AnyReference::to() const {
       if (const T* object = inner.getIf<T>()) return *object;
     }
     AnyValue converted = inner.convert(typeOf<T>());
-    if (!converted) throw ConversionError(inner.type(), typeOf<T>(), {});
+    if (!converted) throw ConversionError(inner, typeOf<T>(), {});
     return std::move(*converted.getIf<T>());
   }
 }
@@ -239,16 +245,20 @@ class HX_API OwnedParameters {
 
 namespace detail {
 
+/// "300 does not fit uint8" where that is why `given` does not become a `wanted`; empty otherwise.
+HX_API std::string misfit(const AnyReference& given, const TypeInterface* wanted);
+
 /// @throws std::runtime_error for a null pointer to characters.
 HX_API std::string_view textArgument(const char* text);
 inline std::string_view textArgument(std::string_view text) { return text; }
 
-/// A number type without a record of its own, which a value holds without loss: short, long long, …
+/// A type that methods do not name, and of which a value is made: std::array, std::span, …
 template <class T>
-concept OtherNumber = HX::HXNumber<T> && TypeTraits<T>::kind == TypeKind::Opaque;
+concept OtherStorable =
+    TypeTraits<T>::kind == TypeKind::Opaque && !std::is_convertible_v<const T&, std::string_view> && HX::HXStorable<T>;
 
-/// Keeps an argument in the form in which methods take it: characters become a string, numbers of the types that
-/// methods do not name become a value, the rest is referred to.
+/// Keeps an argument in the form in which methods take it: characters become a string, what methods do not name
+/// becomes a value if it can, the rest is referred to.
 template <class T>
 struct Argument {
   explicit Argument(const T& from) : object(from) {}
@@ -261,9 +271,9 @@ requires(std::is_convertible_v<const T&, std::string_view> && !std::is_same_v<T,
   AnyReference reference() const { return AnyReference::of(object); }
   std::string object;
 };
-template <OtherNumber T>
+template <OtherStorable T>
 struct Argument<T> {
-  explicit Argument(T from) : object(from) {}
+  explicit Argument(const T& from) : object(from) {}
   AnyReference reference() const { return AnyReference::of(object); }
   HX::HXValue object;
 };

@@ -49,7 +49,8 @@ class HX_API ObjectBuilder {
   ObjectBuilder& setThreadingModel(ObjectThreadingModel model);
 
   /// @return The id of the new method.
-  /// @throws std::runtime_error when more parameters are documented than `function` takes.
+  /// @throws std::runtime_error when `function` is empty, when more parameters are documented than it takes, and when
+  ///         a method of that name with these types is there already.
   unsigned advertiseMethod(const MetaMethodBuilder& description, AnyFunction function,
                            MetaCallType callType = MetaCallType::Auto);
   /// A method bound to an object, which must outlive what is built.

@@ -76,6 +76,11 @@ struct TypeInterface {
   bool (*fromObject)(const AnyObject& object, void* to);
 };
 
+namespace detail {
+/// The name of a type as it stands in source code.
+HX_API std::string readableName(const std::type_info& type);
+}  // namespace detail
+
 /// What `TypeInterface` says of a type, stated by specialisation. A type of your own becomes convertible by one:
 ///
 ///     template <> struct mw::TypeTraits<Pose> {
@@ -89,7 +94,7 @@ struct TypeInterface {
 /// The primary template describes an opaque type.
 template <class T>
 struct TypeTraits {
-  static std::string name() { return typeid(T).name(); }
+  static std::string name() { return detail::readableName(typeid(T)); }
   static constexpr TypeKind kind = TypeKind::Opaque;
 };
 

@@ -17,7 +17,7 @@ void throwWrongCount(std::size_t given, std::size_t wanted) {
 }
 
 void throwWrongArgument(std::size_t index, const AnyReference& given, const TypeInterface* wanted) {
-  throw ConversionError(given.type(), wanted, fmt::format("argument {}", index + 1));
+  throw ConversionError(given, wanted, fmt::format("argument {}", index + 1));
 }
 
 namespace {

@@ -8,13 +8,37 @@ namespace {
 
 std::string describe(const TypeInterface* type) { return type ? type->name : "nothing"; }
 
+std::string cannotConvert(const TypeInterface* source, const TypeInterface* target) {
+  return fmt::format("cannot convert {} to {}", describe(source), describe(target));
+}
+
+std::string inContext(std::string_view context, const std::string& text) {
+  return fmt::format("{}{}{}", context, context.empty() ? "" : ": ", text);
+}
+
+std::string whyNot(const AnyReference& given, const TypeInterface* target, std::string_view context) {
+  const std::string misfit = detail::misfit(given, target);
+  return inContext(context, misfit.empty() ? cannotConvert(given.type(), target) : misfit);
+}
+
 }  // namespace
 
 ConversionError::ConversionError(const TypeInterface* source, const TypeInterface* target, std::string_view context)
-    : std::runtime_error(fmt::format("{}{}cannot convert {} to {}", context, context.empty() ? "" : ": ",
-                                     describe(source), describe(target))) {}
+    : std::runtime_error(inContext(context, cannotConvert(source, target))) {}
+
+ConversionError::ConversionError(const AnyReference& given, const TypeInterface* target, std::string_view context)
+    : std::runtime_error(whyNot(given, target, context)) {}
 
 ConversionError::~ConversionError() = default;
+
+std::string detail::misfit(const AnyReference& given, const TypeInterface* wanted) {
+  // An integer type that takes a number of either width takes all that are in its range.
+  const bool isInteger = wanted->kind == TypeKind::Int || wanted->kind == TypeKind::Int64;
+  if (!isInteger || !wanted->fit || wanted->fit(HX::HXValue(std::int64_t{1})) == Fit::None) return {};
+  HX::HXValue value;
+  if (!given.toValue(value) || (!value.isInt() && !value.isInt64())) return {};
+  return wanted->fit(value) == Fit::None ? fmt::format("{} does not fit {}", value.toInt64(), wanted->name) : "";
+}
 
 AnyReference AnyReference::content() const {
   AnyReference inner = *this;
@@ -93,7 +117,7 @@ void AnyValue::moveFrom(AnyValue& other) noexcept {
 }
 
 std::string_view detail::textArgument(const char* text) {
-  if (!text) throw std::runtime_error("an argument is a null pointer to characters");
+  if (!text) throw std::runtime_error("a null pointer to characters is no text");
   return text;
 }
 

@@ -46,6 +46,11 @@ unsigned ObjectBuilder::advertiseMethod(const MetaMethodBuilder& description, An
   method.resultType = function.returnType();
   method.dynamic = function.isDynamic();
   method.callType = callType;
+  for (const MetaMethod& other : members_.methods) {
+    if (other.name == method.name && other.types == method.types && other.dynamic == method.dynamic) {
+      throw std::runtime_error(fmt::format("method {} is bound already", method.signature()));
+    }
+  }
   members_.methods.push_back(std::move(method));
   table_.push_back({std::move(function), {}});
   return members_.methods.back().id;

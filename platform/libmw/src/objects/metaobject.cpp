@@ -42,6 +42,20 @@ std::pair<Fit, unsigned> rank(GenericFunctionParameters parameters, const MetaMe
   return all;
 }
 
+/// "argument 1: 300 does not fit uint8" where that is all that is wrong with a call; empty otherwise.
+std::string numberOutOfRange(GenericFunctionParameters parameters, std::span<const MetaMethod* const> candidates) {
+  if (candidates.size() != 1 || candidates.front()->types.size() != parameters.size()) return {};
+  std::string found;
+  for (std::size_t i = 0; i < parameters.size(); ++i) {
+    const TypeInterface* wanted = candidates.front()->types[i];
+    if (parameters[i].fit(wanted) != Fit::None) continue;
+    const std::string misfit = detail::misfit(parameters[i].content(), wanted);
+    if (misfit.empty() || !found.empty()) return {};
+    found = fmt::format("argument {}: {}", i + 1, misfit);
+  }
+  return found;
+}
+
 /// Lets names be looked up without making strings of them.
 struct NameHash {
   using is_transparent = void;
@@ -145,6 +159,9 @@ const MetaMethod& MetaObject::resolve(std::string_view name, GenericFunctionPara
     if (bestRank.first == Fit::Exact) break;
   }
   if (best) return *best;
+  if (const auto number = numberOutOfRange(parameters, candidates); !number.empty()) {
+    throw std::runtime_error(fmt::format("{}{}{}: {}", owner, dot, name, number));
+  }
   std::vector<std::string> known;
   for (const MetaMethod* candidate : candidates) known.push_back(candidate->signature());
   throw std::runtime_error(fmt::format("{}{}{}({}): no overload takes these arguments; there is {}", owner, dot, name,

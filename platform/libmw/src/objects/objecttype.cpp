@@ -60,7 +60,7 @@ std::shared_ptr<void> typedInstance(const AnyObject& object, const std::type_inf
 }
 
 void throwUnregisteredType(const std::type_info& type) {
-  throw std::runtime_error(fmt::format("type {} is not registered with the middleware", type.name()));
+  throw std::runtime_error(fmt::format("type {} is not registered with the middleware", readableName(type)));
 }
 
 }  // namespace detail

@@ -1,7 +1,12 @@
 #include <libmw/genericobject.h>
 #include <libmw/type.h>
 
+#include <cstdlib>
+#include <cxxabi.h>
+#include <limits>
+#include <memory>
 #include <mutex>
+#include <type_traits>
 #include <typeindex>
 #include <unordered_map>
 
@@ -19,6 +24,24 @@ Registry& registry() {
 }
 
 }  // namespace
+
+Fit fitInteger(const HX::HXValue& value, std::int64_t smallest, std::int64_t largest) {
+  if (!value.isInt() && !value.isInt64()) return Fit::None;
+  const std::int64_t number = value.toInt64();
+  if (number < smallest || number > largest) return Fit::None;
+  const auto hasRangeOf = [&]<class T>(std::type_identity<T>) {
+    return smallest == std::numeric_limits<T>::min() && largest == std::numeric_limits<T>::max();
+  };
+  const bool isSame =
+      value.isInt() ? hasRangeOf(std::type_identity<std::int32_t>{}) : hasRangeOf(std::type_identity<std::int64_t>{});
+  return isSame ? Fit::Exact : Fit::Widening;
+}
+
+std::string readableName(const std::type_info& type) {
+  const std::unique_ptr<char, void (*)(void*)> name(abi::__cxa_demangle(type.name(), nullptr, nullptr, nullptr),
+                                                    &std::free);
+  return name ? name.get() : type.name();
+}
 
 const TypeInterface* registeredType(const TypeInterface& candidate) {
   Registry& all = registry();

@@ -1,7 +1,5 @@
 #include "store_fixture.h"
 
-#include <hxproxies/hxmemoryproxy.h>
-
 #include <fstream>
 #include <iterator>
 
@@ -68,11 +66,6 @@ TEST_F(BoundMethods, TakeAndReturnTheTypesThatCallersCountOn) {
     signatures += method.signature() + " " + method.resultType->name + "; ";
   }
   EXPECT_EQ(signatures, expected);
-}
-
-TEST_F(BoundMethods, KeepABoolThroughTheSpecialisedProxy) {
-  HXMemoryProxy(generic).insertData("flag", true);
-  EXPECT_EQ(memory->getData("flag"), HXValue(true));
 }
 
 TEST_F(BoundMethods, TimeTheirOwnCost) {

@@ -4,7 +4,10 @@
 
 #include <libmw/anyfunction.h>
 
-#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
 
 namespace mw::detail {
 
@@ -47,24 +50,44 @@ class Converted<AnyValue> {
   AnyValue own_;
 };
 
+/// The type as which an argument or a result of type T is carried: views of a text as the text.
+template <class T>
+struct CarriedAs {
+  using Type = T;
+};
+template <>
+struct CarriedAs<std::string_view> {
+  using Type = std::string;
+};
+template <>
+struct CarriedAs<const char*> {
+  using Type = std::string;
+};
+template <class T>
+using Carried = typename CarriedAs<std::decay_t<T>>::Type;
+
 template <class R, class... P>
 struct Signature {
   using Result = R;
+  using Parameters = std::tuple<std::type_identity<P>...>;
 
-  static std::vector<const TypeInterface*> parameterTypes() { return {typeOf<std::decay_t<P>>()...}; }
-  static const TypeInterface* returnType() { return typeOf<std::decay_t<R>>(); }
+  static std::vector<const TypeInterface*> parameterTypes() { return {typeOf<Carried<P>>()...}; }
+  static const TypeInterface* returnType() { return typeOf<Carried<R>>(); }
 
   template <class Call>
   static AnyValue invoke(Call&& call, GenericFunctionParameters parameters) {
     if (parameters.size() != sizeof...(P)) throwWrongCount(parameters.size(), sizeof...(P));
     return [&]<std::size_t... I>(std::index_sequence<I...>) {
       if constexpr (std::is_void_v<R>) {
-        call(Converted<std::decay_t<P>>(parameters[I], I).get()...);
+        call(Converted<Carried<P>>(parameters[I], I).get()...);
         return AnyValue();
       } else if constexpr (std::is_same_v<std::decay_t<R>, AnyValue>) {
-        return call(Converted<std::decay_t<P>>(parameters[I], I).get()...);
+        return call(Converted<Carried<P>>(parameters[I], I).get()...);
+      } else if constexpr (!std::is_same_v<Carried<R>, std::decay_t<R>>) {
+        // Made a text before what it looks at may go.
+        return AnyValue(std::string(textArgument(call(Converted<Carried<P>>(parameters[I], I).get()...))));
       } else {
-        return AnyValue(call(Converted<std::decay_t<P>>(parameters[I], I).get()...));
+        return AnyValue(call(Converted<Carried<P>>(parameters[I], I).get()...));
       }
     }
     (std::index_sequence_for<P...>());

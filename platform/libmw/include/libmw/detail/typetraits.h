@@ -5,8 +5,10 @@
 #include <libmw/type.h>
 
 #include <algorithm>
+#include <concepts>
 #include <limits>
 #include <new>
+#include <optional>
 #include <stdexcept>
 
 namespace mw {
@@ -49,6 +51,15 @@ T fromFittingValue(const HX::HXValue& value) {
   return std::move(place.object);
 }
 
+/// How well `value` suits an integer of this range: exactly where it is of the type that has this range.
+HX_API Fit fitInteger(const HX::HXValue& value, std::int64_t smallest, std::int64_t largest);
+
+/// Scoped enums, and others whose declaration states the type of their numbers: only those are made of a number so.
+template <class T>
+concept HasUnderlyingType = std::is_enum_v<T> && requires {
+  T{std::underlying_type_t<T>{}};
+};
+
 }  // namespace detail
 
 template <>
@@ -71,36 +82,50 @@ struct TypeTraits<int> : detail::PlainTraits<int, TypeKind::Int, HX::HXValue::Ty
   }
 };
 
-template <>
-struct TypeTraits<std::int64_t> : detail::PlainTraits<std::int64_t, TypeKind::Int64, HX::HXValue::Type::Int64> {
-  static std::string name() { return "int64"; }
+/// The other integers, by their width. Each takes every integer that is in its range, and travels as the narrower of
+/// the two types of value that hold all of its own.
+template <std::integral T>
+struct TypeTraits<T> {
+  static std::string name() {
+    const std::string sign = std::is_signed_v<T> ? "" : "u";
+    return sign + (sizeof(T) == sizeof(int) ? "int" : "int" + std::to_string(8 * sizeof(T)));
+  }
+  static constexpr TypeKind kind =
+      std::numeric_limits<T>::digits <= std::numeric_limits<int>::digits ? TypeKind::Int : TypeKind::Int64;
   static Fit fit(const HX::HXValue& value) {
-    return value.isInt64() ? Fit::Exact : value.isInt() ? Fit::Widening : Fit::None;
+    using Limits = std::numeric_limits<T>;
+    return detail::fitInteger(value, static_cast<std::int64_t>(Limits::min()), kLargest);
   }
-  static bool fromValue(const HX::HXValue& value, std::int64_t* to) {
-    if (fit(value) == Fit::None) return false;
-    *to = value.isInt64() ? value.asInt64() : value.asInt();
-    return true;
-  }
-};
-
-/// Travels as a 64-bit int, and takes every integer that is in its range.
-template <>
-struct TypeTraits<std::uint32_t> {
-  static std::string name() { return "uint"; }
-  static constexpr TypeKind kind = TypeKind::Int64;
-  static Fit fit(const HX::HXValue& value) {
-    if (!value.isInt() && !value.isInt64()) return Fit::None;
-    const std::int64_t number = value.toInt64();
-    return number >= 0 && number <= std::numeric_limits<std::uint32_t>::max() ? Fit::Widening : Fit::None;
-  }
-  static bool toValue(std::uint32_t from, HX::HXValue& out) {
+  static bool toValue(T from, HX::HXValue& out) {
     out = HX::HXValue(from);
     return true;
   }
-  static bool fromValue(const HX::HXValue& value, std::uint32_t* to) {
+  static bool fromValue(const HX::HXValue& value, T* to) {
     if (fit(value) == Fit::None) return false;
-    *to = static_cast<std::uint32_t>(value.toInt64());
+    *to = static_cast<T>(value.toInt64());
+    return true;
+  }
+
+ private:
+  /// Of those that a value holds.
+  static constexpr std::int64_t kLargest = std::numeric_limits<T>::digits < std::numeric_limits<std::int64_t>::digits
+                                               ? static_cast<std::int64_t>(std::numeric_limits<T>::max())
+                                               : std::numeric_limits<std::int64_t>::max();
+};
+
+/// An enum with an underlying type of its own is its number; that a number is one of the enumerators is not checked.
+template <class T>
+requires detail::HasUnderlyingType<T>
+struct TypeTraits<T> {
+  using Number = std::underlying_type_t<T>;
+  static std::string name() { return TypeTraits<Number>::name(); }
+  static constexpr TypeKind kind = TypeTraits<Number>::kind;
+  static Fit fit(const HX::HXValue& value) { return TypeTraits<Number>::fit(value); }
+  static bool toValue(T from, HX::HXValue& out) { return TypeTraits<Number>::toValue(static_cast<Number>(from), out); }
+  static bool fromValue(const HX::HXValue& value, T* to) {
+    Number number{};
+    if (!TypeTraits<Number>::fromValue(value, &number)) return false;
+    *to = static_cast<T>(number);
     return true;
   }
 };
@@ -134,6 +159,17 @@ struct TypeTraits<std::string> : detail::PlainTraits<std::string, TypeKind::Stri
   static bool fromValue(const HX::HXValue& value, std::string* to) {
     if (!value.isString()) return false;
     new (to) std::string(value.asString());
+    return true;
+  }
+};
+
+template <>
+struct TypeTraits<HX::HXValue::Binary>
+    : detail::PlainTraits<HX::HXValue::Binary, TypeKind::Binary, HX::HXValue::Type::Binary> {
+  static std::string name() { return "binary"; }
+  static bool fromValue(const HX::HXValue& value, HX::HXValue::Binary* to) {
+    if (!value.isBinary()) return false;
+    new (to) HX::HXValue::Binary(value.asBinary());
     return true;
   }
 };
@@ -183,9 +219,10 @@ struct TypeTraits<std::vector<T>> {
   }
 };
 
-template <class T>
+template <class T, class Less>
 requires detail::ConvertsFromValue<T>
-struct TypeTraits<std::map<std::string, T>> {
+struct TypeTraits<std::map<std::string, T, Less>> {
+  using Entries = std::map<std::string, T, Less>;
   static std::string name() { return "map<" + TypeTraits<T>::name() + ">"; }
   static constexpr TypeKind kind = TypeKind::Map;
   static Fit fit(const HX::HXValue& value) {
@@ -194,7 +231,7 @@ struct TypeTraits<std::map<std::string, T>> {
     for (const auto& [key, element] : value.asMap()) worst = std::max(worst, TypeTraits<T>::fit(element));
     return worst;
   }
-  static bool toValue(const std::map<std::string, T>& from, HX::HXValue& out) {
+  static bool toValue(const Entries& from, HX::HXValue& out) {
     HX::HXValue::Map map;
     for (const auto& [key, element] : from) {
       if (!TypeTraits<T>::toValue(element, map[key])) return false;
@@ -202,11 +239,31 @@ struct TypeTraits<std::map<std::string, T>> {
     out = HX::HXValue(std::move(map));
     return true;
   }
-  static bool fromValue(const HX::HXValue& value, std::map<std::string, T>* to) {
+  static bool fromValue(const HX::HXValue& value, Entries* to) {
     if (fit(value) == Fit::None) return false;
-    std::map<std::string, T> elements;
+    Entries elements;
     for (const auto& [key, element] : value.asMap()) elements.emplace(key, detail::fromFittingValue<T>(element));
-    new (to) std::map<std::string, T>(std::move(elements));
+    new (to) Entries(std::move(elements));
+    return true;
+  }
+};
+
+/// A T, or nothing: the invalid value, nil on the wire.
+template <class T>
+requires detail::ConvertsFromValue<T>
+struct TypeTraits<std::optional<T>> {
+  static std::string name() { return "optional<" + TypeTraits<T>::name() + ">"; }
+  static constexpr TypeKind kind = TypeKind::Value;
+  static Fit fit(const HX::HXValue& value) { return value.isValid() ? TypeTraits<T>::fit(value) : Fit::Exact; }
+  static bool toValue(const std::optional<T>& from, HX::HXValue& out) {
+    if (from) return TypeTraits<T>::toValue(*from, out);
+    out = HX::HXValue();
+    return true;
+  }
+  static bool fromValue(const HX::HXValue& value, std::optional<T>* to) {
+    if (fit(value) == Fit::None) return false;
+    new (to) std::optional<T>();
+    if (value.isValid()) to->emplace(detail::fromFittingValue<T>(value));
     return true;
   }
 };
