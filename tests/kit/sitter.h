@@ -15,6 +15,11 @@ class Sitter {
   }
   void awaitEntry() { entered_.get_future().wait(); }
   void release() { release_.set_value(); }
+  /// For another one to sit, when the first has left.
+  void reset() {
+    entered_ = {};
+    release_ = {};
+  }
 
   std::atomic<bool> left{false};
 

@@ -10,6 +10,10 @@
 
 namespace mw {
 
+namespace detail {
+class QueuedCall;
+}
+
 /// How calls on one object run.
 enum class ObjectThreadingModel : int {
   SingleThread = 0,  ///< One at a time: the middleware holds a recursive lock of the object around each call.
@@ -104,6 +108,7 @@ class HX_API DynamicObject : public GenericObject {
  private:
   struct State;
   Future<AnyValue> invoke(const AnyFunction& function, GenericFunctionParameters parameters);
+  std::shared_ptr<detail::QueuedCall> queued(unsigned method, GenericFunctionParameters parameters);
   SignalBase& requireSignal(unsigned id) const;
   bool hasProperty(unsigned id) const;
   std::exception_ptr noSuchProperty(unsigned id) const;

@@ -4,6 +4,7 @@
 #include <libmw/metaobject.h>
 #include <libmw/signal.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -43,6 +44,9 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
 
   const MetaObject& metaObject() const { return metaObject_; }
 
+  /// What a member is called in the log: "Door.opened".
+  std::string memberName(unsigned id) const;
+
   /// Calls `method` and waits for its result. Overloads are chosen as `MetaObject::resolve` says.
   /// @throws What the method throws; std::runtime_error when there is no such method, no overload fits, the object is
   ///         gone, or the result does not convert into R.
@@ -57,6 +61,10 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
 
   /// Calls `method` without waiting. Failures, also of the choice among overloads, are the future's.
   ///
+  /// What one thread calls and posts to one object starts in the order made, each after the one before has ended; so a
+  /// `call` waits for what the thread has posted before. A call that is made from inside another one does not wait for
+  /// what that posted, which may need what it holds.
+  ///
   /// Calls to another process that a thread makes within microseconds of each other leave together: as soon as it
   /// waits for one of them, and within two milliseconds if it does not. So does a single one where calls that came
   /// together, again and again just before, make it look like the first of more.
@@ -66,7 +74,10 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
                                   args...);
   }
 
-  /// Triggers the signal `name`, or calls the method of that name if there is no such signal, and forgets about it.
+  /// Triggers the signal `name`, or calls the method of that name if there is no such signal.
+  ///
+  /// A signal is triggered at once, in another process too, and what its trigger throws reaches the caller. A method is
+  /// called without waiting, and a failure of it is logged (category "mw.object", warning) by the object's process.
   template <class... Args>
   void post(std::string_view name, const Args&... args) {
     detail::withParameters([&](GenericFunctionParameters parameters) { postByName(name, parameters); }, args...);
@@ -78,19 +89,32 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
   Future<SignalLink> connect(unsigned signal, const SignalSubscriber& subscriber);
   Future<void> disconnect(SignalLink link) { return metaDisconnect(link); }
 
-  /// The same for every handle on one object, and different for any two objects that exist at once.
-  std::uintptr_t identity() const { return reinterpret_cast<std::uintptr_t>(identity_); }
+  /// The same for every handle on one object, and different for any two objects that exist at once in this process.
+  std::uintptr_t identity() const {
+    return reinterpret_cast<std::uintptr_t>(identity_.load(std::memory_order_relaxed));
+  }
+
+  /// The same for every handle on one object in every process, to be shown to people. Two objects seldom have the same.
+  std::uint32_t number() const;
 
  protected:
-  /// For handles on an object that lives elsewhere.
-  void setIdentity(const void* object) { identity_ = object; }
+  /// For objects that stand for an instance.
+  void setIdentity(const void* object) { identity_.store(object, std::memory_order_relaxed); }
+  /// For handles on an object: it is that object from now on.
+  void standFor(const GenericObject& object);
+  /// The failure of `metaDisconnect` where there is no such connection.
+  Future<void> noSuchLink(SignalLink link) const;
+  /// For what stands for an object of another process: its number there.
+  void setNumber(std::uint32_t number) { number_.store(number, std::memory_order_relaxed); }
 
  private:
   Future<AnyValue> callLater(std::string_view method, GenericFunctionParameters parameters);
   void postByName(std::string_view name, GenericFunctionParameters parameters);
 
   MetaObject metaObject_;
-  const void* identity_ = this;
+  // A handle may come to stand for another object while it is used.
+  std::atomic<const void*> identity_{this};
+  std::atomic<std::uint32_t> number_{0};  ///< 0: that of the identity.
 };
 
 /// A shared handle on an object, or on none. Using an empty one throws "This object is null".

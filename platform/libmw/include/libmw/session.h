@@ -127,12 +127,16 @@ class HX_API Session {
   };
 
   /// The connection to the directory beyond was lost, and why; it is back, and the services of this process are offered
-  /// there again. Emitted on the thread that noticed.
+  /// there again. Delivered in one order with the notices of services: those beyond go after the loss, and come again
+  /// before the return is told.
   Signal<std::string> connectionLost;
   Signal<> connectionRestored;
 
   /// Announces on `serviceRegistered` or `serviceUnregistered` what a directory beyond this process has learnt.
   void announce(ServiceId id, const std::string& name, bool registered);
+  /// The same on `connectionLost` and `connectionRestored`.
+  void announceLoss(const std::string& reason);
+  void announceReturn();
 
  private:
   class Directory;

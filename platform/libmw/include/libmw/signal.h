@@ -18,8 +18,8 @@ inline constexpr SignalLink kInvalidSignalLink = 0;
 
 /// What is called when a signal is emitted.
 ///
-/// Copies share the callable. A subscriber that throws is logged (category "mw.signal", error) and does not keep the
-/// others from being called.
+/// Copies share the callable. A subscriber that throws is logged (category "mw.signal", error), wherever the signal is,
+/// and does not keep the others from being called.
 class HX_API SignalSubscriber {
  public:
   SignalSubscriber() = default;
@@ -40,6 +40,9 @@ class HX_API SignalSubscriber {
   /// the destruction waits for calls that run on other threads.
   SignalSubscriber& track(Lifetime::Token lifetime);
 
+  /// Says what it is connected to, for the log: "Door.opened".
+  SignalSubscriber& nameSignal(std::string name);
+
   const AnyFunction& function() const { return function_; }
   MetaCallType callType() const { return callType_; }
 
@@ -50,11 +53,18 @@ class HX_API SignalSubscriber {
   /// @return False when the owner has gone.
   bool call(GenericFunctionParameters parameters) const;
 
+  /// Logs that it has failed, with what is being thrown.
+  void logFailure(SignalLink link) const;
+
+  /// @throws std::runtime_error when there is no function to call.
+  void requireFunction() const;
+
  private:
   AnyFunction function_;
   MetaCallType callType_ = MetaCallType::Auto;
   Lifetime::Token lifetime_;
   bool tracked_ = false;
+  std::shared_ptr<const std::string> signal_;
 };
 
 /// A list of subscribers, called one after another at each emission.

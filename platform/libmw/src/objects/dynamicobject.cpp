@@ -1,5 +1,6 @@
+#include "callqueue.h"
+
 #include <libmw/dynamicobject.h>
-#include <libmw/eventloop.h>
 
 #include <algorithm>
 #include <map>
@@ -116,13 +117,24 @@ Future<AnyValue> DynamicObject::metaCall(unsigned method, GenericFunctionParamet
     if (const MetaMethod* described = metaObject().method(method)) callType = described->callType;
   }
   if (callType != MetaCallType::Queued) return invoke(*function, parameters);
-  return defaultLoop().async(
-      [self = std::static_pointer_cast<DynamicObject>(shared_from_this()), function,
-       owned = OwnedParameters(parameters)] { return self->invoke(*function, owned.references()); });
+  auto call = queued(method, parameters);
+  auto result = call->promiseResult();
+  detail::queueCall(*this, std::move(call));
+  return result;
+}
+
+std::shared_ptr<detail::QueuedCall> DynamicObject::queued(unsigned method, GenericFunctionParameters parameters) {
+  const auto self = std::static_pointer_cast<DynamicObject>(shared_from_this());
+  return detail::makeQueuedCall([self, method] { return self->memberName(method); },
+                                [self, method, owned = OwnedParameters(parameters)] {
+                                  return self->invoke(*self->type_->method(method), owned.references());
+                                });
 }
 
 Future<AnyValue> DynamicObject::invoke(const AnyFunction& function, GenericFunctionParameters parameters) {
   try {
+    detail::awaitQueuedCalls(*this);
+    const detail::InsideCall inside;
     std::unique_lock<std::recursive_mutex> lock;
     if (type_->threadingModel() == ObjectThreadingModel::SingleThread) lock = std::unique_lock(state_->serialised);
     return Future<AnyValue>::ready(function.call(parameters, instance_.get()));
@@ -132,11 +144,11 @@ Future<AnyValue> DynamicObject::invoke(const AnyFunction& function, GenericFunct
 }
 
 void DynamicObject::metaPost(unsigned member, GenericFunctionParameters parameters) {
-  if (type_->signal(member)) {
-    requireSignal(member).trigger(parameters);
-  } else {
-    metaCall(member, parameters, MetaCallType::Queued);
-  }
+  if (type_->method(member)) return detail::queueCall(*this, queued(member, parameters));
+  SignalBase& signal = requireSignal(member);
+  detail::awaitQueuedCalls(*this);
+  const detail::InsideCall inside;
+  signal.trigger(parameters);
 }
 
 SignalBase& DynamicObject::requireSignal(unsigned id) const {
@@ -147,7 +159,8 @@ SignalBase& DynamicObject::requireSignal(unsigned id) const {
 
 Future<SignalLink> DynamicObject::metaConnect(unsigned signal, const SignalSubscriber& subscriber) {
   try {
-    return Future<SignalLink>::ready(requireSignal(signal).connect(subscriber));
+    SignalSubscriber named = subscriber;
+    return Future<SignalLink>::ready(requireSignal(signal).connect(std::move(named.nameSignal(memberName(signal)))));
   } catch (...) {
     return Future<SignalLink>::failed(std::current_exception());
   }
@@ -157,8 +170,7 @@ Future<void> DynamicObject::metaDisconnect(SignalLink link) {
   for (const MetaSignal& signal : metaObject().signals()) {
     if (requireSignal(signal.id).disconnect(link)) return Future<void>::ready();
   }
-  return Future<void>::failed(std::make_exception_ptr(
-      std::runtime_error(fmt::format("{}: no connection with link {}", metaObject().typeName(), link))));
+  return noSuchLink(link);
 }
 
 bool DynamicObject::hasProperty(unsigned id) const {

@@ -1,3 +1,5 @@
+#include "servicehandle.h"
+
 #include <libmw/objecttypebuilder.h>
 
 #include <mutex>
@@ -55,7 +57,8 @@ AnyObject makeTypedObject(const std::type_info& type, std::shared_ptr<void> inst
 }
 
 std::shared_ptr<void> typedInstance(const AnyObject& object, const std::type_info& type) {
-  const auto typed = std::dynamic_pointer_cast<TypedObject>(object.pointer());
+  const auto* const handle = dynamic_cast<const ServiceHandle*>(object.pointer().get());
+  const auto typed = std::dynamic_pointer_cast<TypedObject>(handle ? handle->target().pointer() : object.pointer());
   return typed && typed->type() == type ? typed->instance() : nullptr;
 }
 

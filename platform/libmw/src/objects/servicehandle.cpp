@@ -1,5 +1,7 @@
 #include "servicehandle.h"
 
+#include "callqueue.h"
+
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 
@@ -13,13 +15,16 @@ ServiceHandle::ServiceHandle(std::string name, AnyObject target) : name_(std::mo
   if (!target_) throw std::runtime_error(fmt::format("cannot register service {}: there is no object", name_));
   GenericObject::setMetaObject(target_->metaObject());
   isRemote_ = target_->isRemote();
-  // An address in this process, compared and never followed.
-  // NOLINTNEXTLINE(performance-no-int-to-ptr)
-  setIdentity(reinterpret_cast<const void*>(target_->identity()));
+  standFor(*target_.pointer());
 }
 
 std::exception_ptr ServiceHandle::gone() const {
   return std::make_exception_ptr(std::runtime_error(fmt::format("service {} is gone", name_)));
+}
+
+AnyObject ServiceHandle::target() const {
+  const auto pass = gate_.enter();
+  return pass ? target_ : AnyObject();
 }
 
 template <class R, class Use>
@@ -37,21 +42,26 @@ Future<AnyValue> ServiceHandle::metaCall(unsigned method, GenericFunctionParamet
     const auto handedOn = isRemote_ ? callType : MetaCallType::Direct;
     return withTarget<AnyValue>([&](GenericObject& target) { return target.metaCall(method, parameters, handedOn); });
   }
-  // Queued here rather than in the object, so that the gate is held while the call runs and not before.
-  return defaultLoop().async([self = std::static_pointer_cast<ServiceHandle>(shared_from_this()), method,
-                              owned = OwnedParameters(parameters)] {
-    return self->metaCall(method, owned.references(), MetaCallType::Direct);
-  });
+  auto call = queued(method, parameters);
+  auto result = call->promiseResult();
+  detail::queueCall(*this, std::move(call));
+  return result;
+}
+
+/// Queued here rather than in the object, so that the gate is held while the call runs and not before.
+std::shared_ptr<detail::QueuedCall> ServiceHandle::queued(unsigned method, GenericFunctionParameters parameters) {
+  const auto self = std::static_pointer_cast<ServiceHandle>(shared_from_this());
+  return detail::makeQueuedCall([self, method] { return self->memberName(method); },
+                                [self, method, owned = OwnedParameters(parameters)] {
+                                  return self->metaCall(method, owned.references(), MetaCallType::Direct);
+                                });
 }
 
 void ServiceHandle::metaPost(unsigned member, GenericFunctionParameters parameters) {
-  if (metaObject().method(member)) {
-    metaCall(member, parameters, MetaCallType::Queued);
-    return;
-  }
   const auto pass = gate_.enter();
   if (!pass) std::rethrow_exception(gone());
-  target_->metaPost(member, parameters);
+  if (isRemote_ || !metaObject().method(member)) return target_->metaPost(member, parameters);
+  detail::queueCall(*this, queued(member, parameters));
 }
 
 Future<SignalLink> ServiceHandle::metaConnect(unsigned signal, const SignalSubscriber& subscriber) {

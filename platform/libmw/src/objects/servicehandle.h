@@ -5,9 +5,14 @@
 #include <chrono>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <string>
 
 namespace mw {
+
+namespace detail {
+class QueuedCall;
+}
 
 /// What a session hands out for a service of its own process.
 ///
@@ -26,6 +31,8 @@ class ServiceHandle final : public GenericObject {
   Future<void> metaSetProperty(unsigned property, const AnyValue& value) override;
   bool isRemote() const override { return isRemote_; }
   bool isCutOff() const { return gate_.isClosed(); }
+  /// What it stands for; empty once it is cut off. Held, it outlives that.
+  AnyObject target() const;
 
   /// Refuses new calls, runs `beforeDrain`, waits for the calls of other threads, lets go of the object. Once.
   /// @param patience  A wait beyond it is logged.
@@ -34,6 +41,7 @@ class ServiceHandle final : public GenericObject {
  private:
   std::exception_ptr gone() const;
   void drain(std::chrono::milliseconds patience);
+  std::shared_ptr<detail::QueuedCall> queued(unsigned method, GenericFunctionParameters parameters);
   template <class R, class Use>
   Future<R> withTarget(Use&& use);
 

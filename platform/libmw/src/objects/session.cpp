@@ -19,10 +19,11 @@ namespace mw {
 /// Notices on their way to the handlers. Shared with the task that delivers them, which may outlast the session.
 class Session::Notices : public std::enable_shared_from_this<Notices> {
  public:
+  enum class Kind : std::uint8_t { Registered, Unregistered, Lost, Restored };
   struct Notice {
-    ServiceId id;
-    std::string name;
-    bool registered;
+    Kind kind;
+    ServiceId id = 0;
+    std::string text;  ///< The name of the service, or the reason of the loss.
   };
 
   Notices(Session& session, EventLoop& loop) : session_(session), loop_(loop) {}
@@ -66,8 +67,21 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
       lock.unlock();
       const auto token = lifetime_.token();
       if (const auto pass = token.enter()) {
-        (notice.registered ? session_.serviceRegistered : session_.serviceUnregistered)(notice.id, notice.name);
+        tell(notice);
       }
+    }
+  }
+
+  void tell(const Notice& notice) const {
+    switch (notice.kind) {
+      case Kind::Registered:
+        return session_.serviceRegistered(notice.id, notice.text);
+      case Kind::Unregistered:
+        return session_.serviceUnregistered(notice.id, notice.text);
+      case Kind::Lost:
+        return session_.connectionLost(notice.text);
+      case Kind::Restored:
+        return session_.connectionRestored();
     }
   }
 
@@ -97,7 +111,7 @@ class Session::Directory {
     }
     ++nextId_;
     services_.emplace(id, Service{name, std::move(handle)});
-    notices_.add({id, name, true});
+    notices_.add({Notices::Kind::Registered, id, name});
     return id;
   }
 
@@ -113,7 +127,7 @@ class Session::Directory {
     Service service = std::move(found->second);
     ids_.erase(service.name);
     services_.erase(found);
-    notices_.add({id, service.name, false});
+    notices_.add({Notices::Kind::Unregistered, id, service.name});
     return service;
   }
 
@@ -277,8 +291,11 @@ void Session::close() {
 EventLoop& Session::eventLoop() const { return directory_->loop; }
 
 void Session::announce(ServiceId id, const std::string& name, bool registered) {
-  notices_->add({id, name, registered});
+  notices_->add({registered ? Notices::Kind::Registered : Notices::Kind::Unregistered, id, name});
 }
+
+void Session::announceLoss(const std::string& reason) { notices_->add({Notices::Kind::Lost, 0, reason}); }
+void Session::announceReturn() { notices_->add({Notices::Kind::Restored, 0, {}}); }
 
 Session::NoticeHold::NoticeHold(Session& session) : session_(session) { session_.notices_->hold(); }
 Session::NoticeHold::~NoticeHold() { session_.notices_->release(); }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <iterator>
 #include <mutex>
 #include <vector>
 
@@ -20,49 +21,53 @@ const char* const kCategory = "mw.signal";
 /// One connection.
 class Slot : public std::enable_shared_from_this<Slot> {
  public:
-  Slot(SignalLink link, SignalSubscriber subscriber) : link_(link), subscriber_(std::move(subscriber)) {}
+  Slot(SignalLink link, SignalSubscriber subscriber)
+      : link_(link), callType_(subscriber.callType()), subscriber_(std::move(subscriber)) {}
 
   SignalLink link() const { return link_; }
+  bool isClosed() const { return gate_.isClosed(); }
 
   /// Calls the subscriber, or has it called. Never throws.
   /// @return False when the connection is of no more use: its subscriber's owner has gone.
   bool deliver(GenericFunctionParameters parameters, MetaCallType callType) {
-    if (subscriber_.isOwnerGone()) return false;
-    const MetaCallType wanted = callType == MetaCallType::Auto ? subscriber_.callType() : callType;
-    bool usable = true;
-    guarded([&] {
-      if (wanted == MetaCallType::Queued) {
-        enqueue(parameters);
-      } else {
-        usable = run(parameters);
-      }
-    });
-    return usable;
+    const MetaCallType wanted = callType == MetaCallType::Auto ? callType_ : callType;
+    return wanted == MetaCallType::Queued ? enqueue(parameters) : run(parameters);
   }
 
   void close() { gate_.close(); }
-  /// Returns when no other thread is calling the subscriber.
-  void drain() { gate_.drain(); }
+
+  /// Returns when no other thread is calling the subscriber, which goes then.
+  void drain() {
+    gate_.drain();
+    // From inside its own call it goes with the connection.
+    if (!gate_.isEnteredByThisThread()) subscriber_ = SignalSubscriber();
+  }
 
  private:
-  template <class Action>
-  void guarded(Action&& action) const {
+  bool run(GenericFunctionParameters parameters) const {
+    const auto pass = gate_.enter();
+    if (!pass) return true;
     try {
-      action();
-    } catch (const std::exception& error) {
-      log::error(kCategory, "deliver", fmt::format("subscriber of link {} failed: {}", link_, error.what()));
+      return subscriber_.call(parameters);
     } catch (...) {
-      log::error(kCategory, "deliver", fmt::format("subscriber of link {} failed", link_));
+      subscriber_.logFailure(link_);
+      return true;
     }
   }
 
-  bool run(GenericFunctionParameters parameters) const {
+  bool enqueue(GenericFunctionParameters parameters) {
     const auto pass = gate_.enter();
-    return !pass || subscriber_.call(parameters);
+    if (!pass) return true;
+    if (subscriber_.isOwnerGone()) return false;
+    try {
+      add(OwnedParameters(parameters));
+    } catch (...) {
+      subscriber_.logFailure(link_);
+    }
+    return true;
   }
 
-  void enqueue(GenericFunctionParameters parameters) {
-    OwnedParameters owned(parameters);
+  void add(OwnedParameters owned) {
     {
       const std::lock_guard lock(mutex_);
       if (stopped_) return;
@@ -92,12 +97,13 @@ class Slot : public std::enable_shared_from_this<Slot> {
       const OwnedParameters next = std::move(queue_.front());
       queue_.pop_front();
       lock.unlock();
-      guarded([&] { run(next.references()); });
+      run(next.references());
     }
   }
 
   const SignalLink link_;
-  const SignalSubscriber subscriber_;
+  const MetaCallType callType_;
+  SignalSubscriber subscriber_;  ///< Used only inside the gate, and once it is drained.
   CallGate gate_{1};
   std::mutex mutex_;  // Guards everything below.
   std::deque<OwnedParameters> queue_;
@@ -142,6 +148,21 @@ SignalSubscriber& SignalSubscriber::track(Lifetime::Token lifetime) {
   return *this;
 }
 
+SignalSubscriber& SignalSubscriber::nameSignal(std::string name) {
+  signal_ = std::make_shared<const std::string>(std::move(name));
+  return *this;
+}
+
+void SignalSubscriber::logFailure(SignalLink link) const {
+  log::error(kCategory, "deliver",
+             fmt::format("subscriber of link {}{}{} failed: {}", link, signal_ ? " to " : "", signal_ ? *signal_ : "",
+                         detail::describe(std::current_exception())));
+}
+
+void SignalSubscriber::requireFunction() const {
+  if (!function_) throw std::runtime_error("cannot connect an empty function to a signal");
+}
+
 bool SignalSubscriber::call(GenericFunctionParameters parameters) const {
   if (!tracked_) {
     function_.call(parameters);
@@ -155,37 +176,53 @@ bool SignalSubscriber::call(GenericFunctionParameters parameters) const {
 
 /// The list of connections. Emissions walk a snapshot of it, so that no lock is held while subscribers run and the list
 /// may change, or the signal go, under their hands.
+///
+/// A snapshot that is out of date is made anew by the next emission, which walks as far anyway, and not by each
+/// connection: to connect and disconnect n subscribers costs n steps.
 class SignalBase::Connections {
  public:
   using Slots = std::vector<std::shared_ptr<Slot>>;
 
   explicit Connections(OnSubscribers onSubscribers) : onSubscribers_(std::move(onSubscribers)) {}
 
-  std::shared_ptr<const Slots> snapshot() const {
+  std::shared_ptr<const Slots> snapshot() {
+    Slots gone;  // After the lock, with what belongs to the subscribers.
     const std::lock_guard lock(mutex_);
-    return slots_;
+    if (!snapshot_) {
+      gone = takeClosed();
+      snapshot_ = std::make_shared<const Slots>(slots_);
+    }
+    return snapshot_;
   }
 
-  void add(std::shared_ptr<Slot> slot) {
+  SignalLink add(SignalSubscriber subscriber) {
+    SignalLink link = kInvalidSignalLink;
     {
+      std::shared_ptr<const Slots> outdated;  // Goes after the lock.
       const std::lock_guard lock(mutex_);
-      auto changed = std::make_shared<Slots>(*slots_);
-      changed->push_back(std::move(slot));
-      slots_ = std::move(changed);
+      link = nextLink();
+      slots_.push_back(std::make_shared<Slot>(link, std::move(subscriber)));
+      outdated.swap(snapshot_);
     }
     tell();
+    return link;
   }
 
   /// @return What was removed, closed; empty when there is no such connection.
   std::shared_ptr<Slot> take(SignalLink link) {
+    Slots gone;
+    std::shared_ptr<const Slots> outdated;
     const std::lock_guard lock(mutex_);
-    const auto found = std::ranges::find(*slots_, link, &Slot::link);
-    if (found == slots_->end()) return nullptr;
+    const auto found = std::ranges::lower_bound(slots_, link, {}, &Slot::link);
+    if (found == slots_.end() || (*found)->link() != link || (*found)->isClosed()) return nullptr;
     std::shared_ptr<Slot> slot = *found;
-    auto changed = std::make_shared<Slots>(*slots_);
-    std::erase(*changed, slot);
-    slots_ = std::move(changed);
     slot->close();
+    ++closed_;
+    // Those that are closed are passed over meanwhile.
+    if (slots_.size() < kFew || 2 * closed_ > slots_.size()) {
+      gone = takeClosed();
+      outdated.swap(snapshot_);
+    }
     return slot;
   }
 
@@ -207,13 +244,33 @@ class SignalBase::Connections {
     for (const auto& slot : *slots) remove(slot->link());
   }
 
+  bool isEmpty() const {
+    const std::lock_guard lock(mutex_);
+    return isEmptyLocked();
+  }
+
  private:
+  static constexpr std::size_t kFew = 64;
+
+  bool isEmptyLocked() const { return slots_.size() == closed_; }
+
+  Slots takeClosed() {
+    Slots gone;
+    if (closed_ == 0) return gone;
+    const auto isOpen = [](const auto& slot) { return !slot->isClosed(); };
+    const auto first = std::stable_partition(slots_.begin(), slots_.end(), isOpen);
+    gone.assign(std::move_iterator(first), std::move_iterator(slots_.end()));
+    slots_.erase(first, slots_.end());
+    closed_ = 0;
+    return gone;
+  }
+
   // One thread at a time tells, until the owner knows how things stand: told by two, they could arrive the wrong way
   // round.
   void tell() {
     if (!onSubscribers_) return;
     std::unique_lock lock(mutex_);
-    while (!telling_ && told_ == slots_->empty()) {
+    while (!telling_ && told_ == isEmptyLocked()) {
       telling_ = true;
       told_ = !told_;
       const bool any = told_;
@@ -235,8 +292,10 @@ class SignalBase::Connections {
   }
 
   const OnSubscribers onSubscribers_;
-  mutable std::mutex mutex_;  // Guards everything below. The list that `slots_` points to never changes.
-  std::shared_ptr<const Slots> slots_ = std::make_shared<const Slots>();
+  mutable std::mutex mutex_;               // Guards everything below.
+  Slots slots_;                            // in the order of their links, which is that of their connection
+  std::size_t closed_ = 0;                 // of them
+  std::shared_ptr<const Slots> snapshot_;  // none when one is missing in it
   bool told_ = false;
   bool telling_ = false;
 };
@@ -274,10 +333,8 @@ void SignalBase::trigger(GenericFunctionParameters parameters, MetaCallType call
 }
 
 SignalLink SignalBase::connect(SignalSubscriber subscriber) {
-  if (!subscriber.function()) throw std::runtime_error("cannot connect an empty function to a signal");
-  const SignalLink link = nextLink();
-  connections()->add(std::make_shared<Slot>(link, std::move(subscriber)));
-  return link;
+  subscriber.requireFunction();
+  return connections()->add(std::move(subscriber));
 }
 
 bool SignalBase::disconnect(SignalLink link) {
@@ -292,8 +349,6 @@ void SignalBase::disconnectAll() {
   held->removeAll();
 }
 
-bool SignalBase::hasSubscribers() const {
-  return connected_.load(std::memory_order_acquire) && !owned_->snapshot()->empty();
-}
+bool SignalBase::hasSubscribers() const { return connected_.load(std::memory_order_acquire) && !owned_->isEmpty(); }
 
 }  // namespace mw

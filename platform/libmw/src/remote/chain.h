@@ -1,5 +1,7 @@
 #pragma once
 
+#include "../runtime/callerscope.h"
+
 #include <compare>
 #include <cstdint>
 #include <functional>
@@ -57,6 +59,7 @@ class Serving {
   const Chain outer_;
   const Domain outerDomain_;
   const bool outerRelays_;
+  const mw::detail::CallerScope caller_;
 };
 
 /// Has the thread that waits, or is about to, within the chain of `caller`, in `domain`, run `task`; the innermost one,

@@ -1,5 +1,6 @@
 #include "threadlocal.h"
 
+#include <libmw/detail/racepoint.h>
 #include <libmw/trackable.h>
 
 #include <algorithm>
@@ -73,14 +74,14 @@ class CallGate::Core : public std::enable_shared_from_this<Core> {
     close();
     const auto own = keepAliveForOwnPasses();
     std::unique_lock lock(mutex_);
-    left_.wait(lock, [&] { return passes() <= own; });
+    left_.wait(lock, [&] { return haveLeft(own); });
   }
 
   bool drainFor(std::chrono::nanoseconds limit) noexcept {
     close();
     const auto own = keepAliveForOwnPasses();
     std::unique_lock lock(mutex_);
-    return left_.wait_for(lock, limit, [&] { return passes() <= own; });
+    return left_.wait_for(lock, limit, [&] { return haveLeft(own); });
   }
 
   bool isEnteredByThisThread() const noexcept {
@@ -96,6 +97,12 @@ class CallGate::Core : public std::enable_shared_from_this<Core> {
     const std::lock_guard lock(mutex_);
     word.fetch_sub(kOnePass, std::memory_order_release);
     left_.notify_all();
+  }
+
+  bool haveLeft(std::uint64_t own) const noexcept {
+    const bool haveLeft = passes() <= own;
+    if (!haveLeft) HX_RACE_POINT("a gate has counted who is inside");
+    return haveLeft;
   }
 
   std::uint64_t passes() const noexcept {

@@ -1,5 +1,6 @@
 #include "threadwait.h"
 
+#include <libmw/detail/racepoint.h>
 #include <libmw/eventloop.h>
 #include <libmw/future.h>
 
@@ -174,6 +175,7 @@ bool FutureStateBase::tryCancel() {
 void FutureStateBase::refuseResult() const {
   // Whoever was first may not have published its outcome yet.
   std::unique_lock lock(mutex_);
+  HX_RACE_POINT("a result is there already");
   finished_.wait(lock, [this] { return state() != FutureState::Running || !claimed_; });
   if (state() != FutureState::Canceled) throw std::logic_error("Promise: the future has a result already");
 }

@@ -1,5 +1,7 @@
 #include "threadpool.h"
 
+#include "callerscope.h"
+
 #include <libmw/log.h>
 
 #include <algorithm>
@@ -169,6 +171,7 @@ void ThreadPool::execute(std::function<void()>& function) {
   running_.fetch_add(1);
   started_.fetch_add(1);
   try {
+    const CallerScope caller;
     if (!isStopped_) function();
   } catch (const std::exception& error) {
     log::error(kCategory, "post", fmt::format("loop \"{}\": a function threw: {}", options_.name, error.what()));

@@ -1,8 +1,11 @@
+#include "capture_log.h"
 #include "door.h"
 #include "expect_error.h"
+#include "sitter.h"
 
 #include <libmw/dynamicobject.h>
 #include <libmw/eventloop.h>
+#include <libmw/session.h>
 
 #include <atomic>
 #include <future>
@@ -10,6 +13,7 @@
 #include <string>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -119,6 +123,95 @@ TEST(DynamicObjects, FailuresOfMethodsArriveUnchanged) {
   EXPECT_THROW(object->call("run", 0), std::out_of_range);
   EXPECT_THROW(object->call("run", 1), int);
   EXPECT_EQ(object->async("run", 0).error(), "zero");
+}
+
+/// An object that notes the numbers with which it is called, and one call of which stays inside.
+class CallsOfOneThread : public testing::Test {
+ protected:
+  CallsOfOneThread() {
+    const auto add = [this](const std::string& name, auto function) {
+      builder_.advertiseMethod(mw::MetaMethodBuilder(name, "", ""), AnyFunction::from(std::move(function)));
+    };
+    add("add", [this](int number) { order.push_back(number); });
+    add("sit", [this] { sitter.sit(); });
+    add("one", [] { return 1; });
+    add("fail", [] { throw std::runtime_error("not today"); });
+    add("postAndCall", [this] {
+      object->post("sit");
+      return object->call<int>("one");
+    });
+    builder_.advertiseSignal("added", added);
+    builder_.setTypeName("Log").setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+    object = mw::AnyObject(std::make_shared<mw::DynamicObject>(builder_.build(), nullptr));
+    session.registerService("Log", object);
+  }
+
+  ~CallsOfOneThread() override { mw::defaultLoop().drain(); }
+
+  kit::Sitter sitter;
+  std::vector<int> order;  // Calls never overlap, which the thread sanitizer checks.
+  mw::Signal<int> added;
+  mw::AnyObject object;
+  mw::Session session;
+
+ private:
+  mw::ObjectBuilder builder_;
+};
+
+TEST_F(CallsOfOneThread, StartInTheOrderMade) {
+  added.connect(mw::SignalSubscriber([this](int number) { order.push_back(number); }));
+  const auto handle = session.service("Log").value();
+  std::vector<int> expected;
+  const auto next = [&] { return expected.emplace_back(static_cast<int>(expected.size())); };
+  for (int i = 0; i < 500; ++i) {
+    handle->async("add", next());
+    object->post("add", next());
+    i % 2 == 0 ? handle->call("add", next()) : object->post("added", next());
+    handle->post("add", next());
+  }
+  handle->call("one");
+  EXPECT_EQ(order, expected);
+}
+
+TEST_F(CallsOfOneThread, DoNotWaitForThoseOfOthersNorForWhatTheyPostFromInside) {
+  std::thread([this] { object->post("sit"); }).join();
+  EXPECT_EQ(object->call<int>("one"), 1);
+  sitter.release();
+  mw::defaultLoop().drain();
+  sitter.reset();
+  EXPECT_EQ(object->call<int>("postAndCall"), 1);
+  sitter.release();
+}
+
+TEST_F(CallsOfOneThread, GoOnWhileAResultIsLookedAt) {
+  std::promise<int> second;
+  const auto first = object->async("sit");
+  const auto looked = first.andThen([&](const mw::AnyValue&) { return second.get_future().get(); });
+  object->async("one").andThen([&](const mw::AnyValue& one) { second.set_value(one.reference().to<int>()); });
+  sitter.release();
+  EXPECT_EQ(looked.value(), 1);
+}
+
+TEST_F(CallsOfOneThread, AreSkippedWhenTheyAreCancelledBeforeTheyBegin) {
+  const auto sitting = object->async("sit");
+  auto skipped = object->async("add", 1);
+  skipped.cancel();
+  sitter.awaitEntry();
+  auto begun = sitting;
+  begun.cancel();
+  sitter.release();
+  EXPECT_EQ(object->call<int>("one"), 1);
+  EXPECT_TRUE(skipped.isCanceled());
+  EXPECT_TRUE(begun.hasValue());
+  EXPECT_TRUE(order.empty());
+}
+
+TEST_F(CallsOfOneThread, AreLoggedWhenTheyArePostedAndFail) {
+  const kit::CaptureLog log({"mw.object"});
+  object->post("fail");
+  EXPECT_EQ(object->async("fail").error(), "not today");
+  EXPECT_THAT(log.entries(), testing::ElementsAre(kit::CaptureLog::Entry{mw::LogLevel::Warning, "mw.object", "post",
+                                                                         "Log.fail, posted, failed: not today"}));
 }
 
 }  // namespace

@@ -172,6 +172,43 @@ TEST_F(Sessions, AskTheResolverForOthers) {
   }
 }
 
+/// Takes every service but a wheel.
+class PickyDirectory final : public mw::RemoteDirectory {
+ public:
+  mw::Future<AnyObject> find(const std::string&) override {
+    ++asked;
+    return mw::makeReadyFuture(AnyObject());
+  }
+  mw::Future<std::vector<mw::ServiceInfo>> services() override {
+    return mw::makeReadyFuture(std::vector<mw::ServiceInfo>());
+  }
+  void offer(mw::ServiceId, const std::string& name, const AnyObject&) override {
+    if (name == "Wheel") throw std::runtime_error("Wheel is taken");
+  }
+  void withdraw(mw::ServiceId, const std::string&) override {}
+
+  int asked = 0;
+};
+
+TEST_F(Sessions, TakeBackWhatADirectoryRefusesAndDoNotJoinOneThatDoes) {
+  const auto directory = std::make_shared<PickyDirectory>();
+  const auto object = serviceThat([] {});
+  listen();
+  session.join(directory);
+  session.registerService("Motor", object);
+  EXPECT_EQ(errorOf([&] { session.registerService("Wheel", object); }), "Wheel is taken");
+  ASSERT_EQ(session.services().size(), 1U);
+  EXPECT_FALSE(session.ownService("Wheel"));
+  loop.drain();
+  EXPECT_THAT(notices, ElementsAre("Motor", "Wheel", "-Wheel"));
+
+  session.join(nullptr);
+  session.registerService("Wheel", object);
+  EXPECT_EQ(errorOf([&] { session.join(directory); }), "Wheel is taken");
+  EXPECT_FALSE(session.service("Far").hasValue());
+  EXPECT_EQ(directory->asked, 0);
+}
+
 TEST_F(Sessions, CutHandlesOffWhenAServiceIsWithdrawn) {
   auto object = serviceThat([] {});
   const std::weak_ptr<mw::GenericObject> gone = object.pointer();

@@ -100,9 +100,30 @@ TEST(Signals, LogASubscriberThatFailsAndCallTheOthers) {
   const mw::AnyReference parameter = mw::AnyReference::of(movable);
   signal.trigger({&parameter, 1});
   EXPECT_EQ(heard, 1);
-  EXPECT_THAT(log.texts(), ElementsAre(testing::HasSubstr("first failure"), testing::_, testing::HasSubstr("to int"),
-                                       testing::HasSubstr("cannot be copied")));
+  EXPECT_THAT(log.texts(),
+              ElementsAre(testing::MatchesRegex("subscriber of link [0-9]+ failed: first failure"), testing::_,
+                          testing::HasSubstr("to int"), testing::HasSubstr("cannot be copied")));
   for (const auto& entry : log.entries()) EXPECT_EQ(entry.level, mw::LogLevel::Error);
+}
+
+TEST(Signals, LetGoOfSubscribersOneByOneHoweverManyThereAre) {
+  constexpr int kMany = 50'000;  // Were each to cost as much as there are, the test would last for minutes.
+  Signal<> signal;
+  int heard = 0;
+  const auto kept = std::make_shared<int>();
+  std::vector<mw::SignalLink> links;
+  for (int i = 0; i < kMany; ++i) links.push_back(signal.connect(SignalSubscriber([kept, &heard] { ++heard; })));
+  signal();
+  EXPECT_EQ(heard, kMany);
+  for (int i = 0; i < kMany; ++i) {
+    const std::size_t from = static_cast<std::size_t>(i % 2 == 0 ? i / 2 : kMany - 1 - i / 2);
+    ASSERT_TRUE(signal.disconnect(links[from]));
+    ASSERT_FALSE(signal.disconnect(links[from]));
+    ASSERT_EQ(kept.use_count(), kMany - i);
+    if (i % 10'000 == 0) signal();
+  }
+  EXPECT_EQ(heard, kMany + (kMany - 1) + (kMany - 10'001) + (kMany - 20'001) + (kMany - 30'001) + (kMany - 40'001));
+  EXPECT_FALSE(signal.hasSubscribers());
 }
 
 TEST(Signals, DeliverQueuedOnTheLoopInOrder) {

@@ -1,6 +1,10 @@
+#include "race_point.h"
+
 #include <libmw/trackable.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -32,6 +36,27 @@ TEST(CallGate, AThreadInsideMayDestroyTheGate) {
   const auto inner = gate->enter();
   gate.reset();
   EXPECT_TRUE(inner);
+}
+
+// The last one leaves when it has been counted, and before the wait for it has begun.
+TEST(CallGate, HearsOfOneWhoLeavesWhileItIsCounted) {
+  CallGate gate(1);
+  std::promise<void> entered;
+  std::promise<void> leave;
+  std::thread inside([&] {
+    const auto pass = gate.enter();
+    entered.set_value();
+    leave.get_future().wait();
+  });
+  entered.get_future().wait();
+  kit::AtRacePoint point("a gate has counted who is inside", [&] {
+    leave.set_value();
+    inside.join();
+  });
+  const auto begun = std::chrono::steady_clock::now();
+  EXPECT_TRUE(gate.drainFor(std::chrono::seconds(20)));
+  EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
+  EXPECT_TRUE(point.join());
 }
 
 struct CallGateWithCounters : testing::TestWithParam<unsigned> {};

@@ -48,6 +48,19 @@ TEST(EventLoop, DrainCoversWhatFunctionsPost) {
   EXPECT_EQ(runs, 50);
 }
 
+TEST(EventLoop, DrainCoversWhatFunctionsHold) {
+  EventLoop loop(small(1, 1));
+  std::atomic<bool> gone{false};
+  const auto whenGone = [&](const int* held) {
+    std::this_thread::sleep_for(30ms);  // A drain that does not wait for this has long returned.
+    gone = true;
+    delete held;
+  };
+  loop.post([held = std::shared_ptr<int>(new int(1), whenGone)] {});
+  loop.drain();
+  EXPECT_TRUE(gone);
+}
+
 TEST(EventLoop, DrainAndJoinRefuseToWaitForThemselves) {
   EventLoop loop(small(1, 1));
   EXPECT_THROW(loop.async([&] { loop.drain(); }).value(), std::logic_error);
@@ -97,9 +110,10 @@ TEST(EventLoop, AThrowingFunctionIsLoggedAndTheLoopGoesOn) {
 // --- growth ---
 
 // Each function waits for the ones posted after it: that works only when blocked threads do not hold up the queue.
-TEST(EventLoop, GrowsWhenAllThreadsAreBlockedAndShrinksAgain) {
+TEST(EventLoop, GrowsWhenAllThreadsAreBlockedAndShrinksToItsLeastAgain) {
   constexpr std::size_t kDepth = 8;
-  auto options = small(1, kDepth);
+  constexpr std::size_t kLeast = 2;
+  auto options = small(kLeast, kDepth);
   options.idleTimeout = 1ms;
   EventLoop loop(options);
   std::latch all(kDepth);
@@ -114,8 +128,9 @@ TEST(EventLoop, GrowsWhenAllThreadsAreBlockedAndShrinksAgain) {
   EXPECT_EQ(loop.threadCount(), kDepth);
   release.setValue();
   loop.drain();
-  while (loop.threadCount() > 1) std::this_thread::yield();
-  EXPECT_TRUE(loop.async([] { return true; }).value());
+  while (loop.threadCount() > kLeast) std::this_thread::yield();
+  EXPECT_TRUE(loop.async([] { return true; }, 30 * options.idleTimeout).value());
+  EXPECT_EQ(loop.threadCount(), kLeast) << "though all have been idle for long";
 }
 
 TEST(EventLoop, DoesNotGrowForWorkThatGetsOn) {

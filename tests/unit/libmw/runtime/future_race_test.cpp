@@ -1,10 +1,15 @@
+#include "race_point.h"
 #include "together.h"
 
 #include <libmw/eventloop.h>
 #include <libmw/future.h>
 
 #include <atomic>
+#include <functional>
+#include <future>
 #include <memory>
+#include <stdexcept>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -69,6 +74,45 @@ TEST(FutureRace, PromisesAndFuturesGoAwayTogether) {
                    },
                    [&] { copy.reset(); }});
     EXPECT_EQ(runs, 1);
+  }
+}
+
+/// A result that does something when it is moved to its place.
+struct SlowResult {
+  explicit SlowResult(std::function<void()> act) : whenPlaced(std::move(act)) {}
+  SlowResult(const SlowResult& other) = default;
+  SlowResult(SlowResult&& other) : whenPlaced(std::move(other.whenPlaced)) {  // NOLINT: it may fail
+    if (whenPlaced) whenPlaced();
+  }
+  std::function<void()> whenPlaced;
+};
+
+// The second result comes while the first is on its way, which then arrives or fails: its producer is told of both.
+TEST(FutureRace, AResultThatComesSecondIsRefusedWhateverBecomesOfTheFirst) {
+  for (const bool fails : {false, true}) {
+    Promise<SlowResult> promise;
+    std::promise<void> placing;
+    std::promise<void> goOn;
+    auto first = std::async(std::launch::async, [&] {
+      promise.trySetValue(SlowResult([&] {
+        placing.set_value();
+        goOn.get_future().wait();
+        if (fails) throw std::runtime_error("no room");
+      }));
+    });
+    placing.get_future().wait();
+    kit::AtRacePoint point("a result is there already", [&] {
+      goOn.set_value();
+      first.wait();
+    });
+    EXPECT_THROW(promise.setValue(SlowResult({})), std::logic_error);
+    EXPECT_TRUE(point.join());
+    if (fails) {
+      EXPECT_THROW(first.get(), std::runtime_error);
+    } else {
+      EXPECT_NO_THROW(first.get());
+    }
+    EXPECT_EQ(promise.future().state(), fails ? FutureState::Running : FutureState::FinishedWithValue);
   }
 }
 

@@ -1,0 +1,47 @@
+#pragma once
+
+#include "threadlocal.h"
+
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace mw::detail {
+
+class CallQueue;
+
+/// Whom the calling thread calls for, from here to the end of the scope, and what calls of that caller are queued. A
+/// thread that works for others has one for each piece of work: nobody waits for what another one has queued.
+class CallerScope {
+ public:
+  CallerScope() noexcept : outer_(std::exchange(present_, this)) {}
+  CallerScope(const CallerScope&) = delete;
+  CallerScope& operator=(const CallerScope&) = delete;
+  ~CallerScope() { present_ = outer_; }
+
+  /// The innermost one; null for a thread that works for itself and has not queued anything.
+  static CallerScope* present() noexcept { return present_; }
+
+  /// Of this caller, one for each object. Those that have run empty are dropped when somebody looks.
+  std::vector<std::shared_ptr<CallQueue>> queues;
+
+ private:
+  HX_THREAD_LOCAL static inline constinit CallerScope* present_ = nullptr;
+  CallerScope* const outer_;
+};
+
+/// While one lives, the calling thread is inside a call of an object of this process.
+class InsideCall {
+ public:
+  InsideCall() noexcept { ++depth_; }
+  InsideCall(const InsideCall&) = delete;
+  InsideCall& operator=(const InsideCall&) = delete;
+  ~InsideCall() { --depth_; }
+
+  static bool isHere() noexcept { return depth_ > 0; }
+
+ private:
+  HX_THREAD_LOCAL static inline constinit unsigned depth_ = 0;
+};
+
+}  // namespace mw::detail
