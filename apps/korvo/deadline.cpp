@@ -25,9 +25,7 @@ class WatchedObject final : public mw::GenericObject {
   WatchedObject(const mw::AnyObject& object, std::string name, std::shared_ptr<Deadlines> deadlines)
       : object_(object), name_(std::move(name)), deadlines_(std::move(deadlines)) {
     GenericObject::setMetaObject(object->metaObject());
-    // An address, compared and never followed.
-    // NOLINTNEXTLINE(performance-no-int-to-ptr)
-    setIdentity(reinterpret_cast<const void*>(object->identity()));
+    standFor(*object.pointer());
   }
 
   mw::Future<mw::AnyValue> metaCall(unsigned method, mw::GenericFunctionParameters parameters,

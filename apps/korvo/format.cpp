@@ -49,7 +49,7 @@ std::string formatObject(const mw::AnyReference& reference) {
   if (!object) return "null";
   return JsonObject()
       .add("object", object->metaObject().typeName())
-      .add("id", static_cast<std::int64_t>(object->identity()))
+      .add("id", static_cast<std::int64_t>(object->number()))
       .text();
 }
 

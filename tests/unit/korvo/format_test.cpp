@@ -23,7 +23,7 @@ TEST(FormatResult, IsJsonAndNothingForNothing) {
   mw::ObjectTypeBuilder<Door> builder("Door");
   builder.advertiseSignal("opened", &Door::opened).registerType();
   const auto door = std::make_shared<Door>();
-  const std::string id = std::to_string(mw::AnyObject::from(door)->identity());
+  const std::string id = std::to_string(mw::AnyObject::from(door)->number());
   const std::pair<mw::AnyValue, std::optional<std::string>> cases[] = {
       {mw::AnyValue(), std::nullopt},
       {mw::AnyValue(HXValue()), "null"},

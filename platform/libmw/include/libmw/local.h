@@ -101,9 +101,11 @@ class HX_API LocalServer {
 ///
 /// When the connection is lost, the session tells so (`Session::connectionLost`), calls fail, and the client tries
 /// again with growing pauses, up to two seconds. Once it is back, it offers the services of its session again, handles
-/// on services that it finds again work again with their signal connections, and the session tells that too
-/// (`Session::connectionRestored`). What else the broker knew of this process, its subscriptions in the memory for
-/// instance, went with the connection: state it anew then.
+/// on services that it finds again work again with their signal connections, which need nobody who holds the handle,
+/// and the session tells that too (`Session::connectionRestored`). In between it tells of every service of the broker
+/// that it went (`Session::serviceUnregistered`) and, of those that are there again, that they came. What else the
+/// broker knew of this process, its subscriptions in the memory for instance, went with the connection: state it anew
+/// then.
 ///
 /// @par Threads  Any.
 class HX_API LocalClient {

@@ -1,5 +1,6 @@
 #include "../remote/remoteservice.h"
 #include "../remote/sessionservice.h"
+#include "announcedservices.h"
 #include "socketchannel.h"
 #include "socketfolder.h"
 
@@ -9,6 +10,7 @@
 #include <libmw/session.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -59,6 +61,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   void stop() {
     lifetime_.destroy();
     session_.join(nullptr);
+    services_.letGo();
     const auto link = [this] {
       const std::lock_guard lock(mutex_);
       stopped_ = true;
@@ -82,8 +85,10 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     });
   }
 
-  Future<std::vector<ServiceInfo>> services() override {
-    return link()->ask("korvo.services").andThen([](const AnyValue& listed) {
+  Future<std::vector<ServiceInfo>> services() override { return servicesOf(*link()); }
+
+  static Future<std::vector<ServiceInfo>> servicesOf(remote::Link& link) {
+    return link.ask("korvo.services").andThen([](const AnyValue& listed) {
       std::vector<ServiceInfo> all;
       for (const auto& entry : listed.reference().to<std::vector<HXValue>>()) {
         all.push_back({static_cast<ServiceId>(entry[0].toInt64()) | kBrokerIds, entry[1].asString()});
@@ -130,19 +135,22 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
 
   /// One attempt. @return False when no broker listens.
   bool connect() {
+    const int number = ++connections_;
     local::File socket = local::connectTo(files_.socket);
     if (!socket) return false;
     if (!local::isOwnPeer(socket)) throw std::runtime_error(fmt::format("broker {} is another user's", broker_));
     const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_.link);
     const auto link = std::make_shared<remote::Link>(channel, &session_, options_.link);
     const auto isOver = std::make_shared<bool>(false);  // Guarded by `mutex_`.
-    link->start(std::make_shared<Greeter>(session_, link, weak_from_this(), lifetime_.token()),
+    announced_.begin(number);
+    link->start(std::make_shared<Greeter>(session_, link, number, weak_from_this(), lifetime_.token()),
                 [weak = weak_from_this(), raw = link.get(), isOver](const std::string& reason) {
                   if (const auto self = weak.lock()) self->onEnd(raw, reason, *isOver);
                 });
     try {
       link->ask("korvo.hello", remote::kProtocol).take(kGreetingTimeout);
       link->ask("korvo.watch").take(kGreetingTimeout);
+      if (number == 1) announced_.listed(number, servicesOf(*link).take(kGreetingTimeout));
     } catch (...) {
       // What ends with it uses the session, which may go when this fails.
       link->end("the broker does not greet");
@@ -164,10 +172,10 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   /// Answers the broker, and hands its notices to the session.
   class Greeter final : public remote::ReservedService {
    public:
-    Greeter(Session& session, const std::shared_ptr<remote::Link>& link, std::weak_ptr<Impl> impl,
+    Greeter(Session& session, const std::shared_ptr<remote::Link>& link, int connection, std::weak_ptr<Impl> impl,
             Lifetime::Token client)
         : own_(std::make_shared<remote::SessionService>(session, "", link, remote::SessionService::Role::Client)),
-          session_(session),
+          connection_(connection),
           impl_(std::move(impl)),
           client_(std::move(client)) {}
 
@@ -178,8 +186,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
       const auto name = arguments[1].reference().to<std::string>();
       const auto pass = client_.enter();
       if (!pass) return Future<AnyValue>::ready(AnyValue());
-      session_.announce(id, name, method == "registered");
-      if (const auto impl = impl_.lock(); impl && method == "unregistered") impl->onNameFree(name);
+      if (const auto impl = impl_.lock()) impl->onNotice(connection_, id, name, method == "registered");
       return Future<AnyValue>::ready(AnyValue());
     }
     AnyObject find(const std::string& service) override { return own_->find(service); }
@@ -187,10 +194,19 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
 
    private:
     const std::shared_ptr<remote::SessionService> own_;
-    Session& session_;
+    const int connection_;
     const std::weak_ptr<Impl> impl_;
     const Lifetime::Token client_;
   };
+
+  void onNotice(int connection, ServiceId id, const std::string& name, bool isThere) {
+    if (!isThere) {
+      announced_.went(connection, id, name);
+      return onNameFree(name);
+    }
+    if (services_.isLost(name)) find(name);  // It comes later than the broker: what is held works from now on.
+    announced_.came(connection, id, name);
+  }
 
   std::shared_ptr<remote::Link> link() const {
     const std::lock_guard lock(mutex_);
@@ -228,7 +244,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     const auto token = lifetime_.token();
     if (const auto pass = token.enter()) {
       log::warning(kCategory, "end", fmt::format("the connection to broker {} is lost: {}", broker_, reason));
-      session_.connectionLost(reason);
+      announced_.lost(connections_, reason);
     }
     if (options_.reconnects) retryAfter(kFirstPause);
   }
@@ -252,12 +268,29 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
       return retryAfter(std::min(2 * pause, kLongestPause));
     }
     offerAgain();
-    services_.bindAll([this](const std::string& name) {
-      const AnyValue found = link()->ask("korvo.service", name).take(kGreetingTimeout);
-      return found.getIf<AnyObject>() ? *found.getIf<AnyObject>() : AnyObject();
-    });
+    services_.bindAll(
+        [this](const std::string& name) {
+          const AnyValue found = link()->ask("korvo.service", name).take(kGreetingTimeout);
+          return found.getIf<AnyObject>() ? *found.getIf<AnyObject>() : AnyObject();
+        },
+        kGreetingTimeout);
+    try {
+      announced_.listed(connections_, othersOf(servicesOf(*link()).take(kGreetingTimeout)));
+    } catch (const std::exception& error) {
+      // It is lost again, as a rule, and somebody else tries again.
+      return log::verbose(kCategory, "retry", fmt::format("broker {}: {}", broker_, error.what()));
+    }
     log::info(kCategory, "retry", fmt::format("the connection to broker {} is back", broker_));
-    session_.connectionRestored();
+    announced_.isBack(connections_);
+  }
+
+  /// Without the services that this process offers.
+  std::vector<ServiceInfo> othersOf(std::vector<ServiceInfo> all) const {
+    const std::lock_guard lock(mutex_);
+    for (const auto& [id, offer] : offered_) {
+      if (offer.id) std::erase_if(all, [&](const ServiceInfo& one) { return one.id == (*offer.id | kBrokerIds); });
+    }
+    return all;
   }
 
   void offerAgain() {
@@ -309,7 +342,9 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   const std::string broker_;
   const local::BrokerFiles files_;
   remote::RemoteServices services_;
-  Lifetime lifetime_;  // around every use of the session that the owner does not wait for otherwise
+  local::AnnouncedServices announced_{session_};
+  std::atomic<int> connections_{0};  // tried so far, one after another
+  Lifetime lifetime_;                // around every use of the session that the owner does not wait for otherwise
 
   mutable std::mutex mutex_;  // Guards everything below.
   bool stopped_ = false;

@@ -76,6 +76,11 @@ void Link::cleanUp(const std::string& reason) {
   if (onEnd_) onEnd_(reason);
 }
 
+bool Link::hasEnded() const {
+  const std::lock_guard lock(mutex_);
+  return ended_.has_value();
+}
+
 std::size_t Link::pendingCount() const {
   const std::lock_guard lock(mutex_);
   return pending_.count();

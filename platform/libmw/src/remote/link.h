@@ -108,13 +108,15 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void emit(std::uint32_t number, GenericFunctionParameters emitted);
 
   Future<SignalLink> connect(std::uint32_t object, unsigned signal, const SignalSubscriber& subscriber);
-  Future<void> disconnect(SignalLink link);
+  /// @return None when there is no such connection.
+  std::optional<Future<void>> disconnect(SignalLink link);
 
   /// A RemoteObject has gone, to which so many references had come.
   void giveBack(std::uint32_t id, std::uint32_t references);
 
   ObjectTable& objects() { return objects_; }
   const std::string& peer() const { return channel_->peer(); }
+  bool hasEnded() const;
   /// How many calls wait for their answer. For diagnosis.
   std::size_t pendingCount() const;
 
@@ -151,10 +153,13 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void queueEmissions(std::vector<Work>& works);
   bool takeEmissions(Subscription& subscription, std::vector<Emission>& taken);
   void deliver(SignalLink link, Subscription& subscription);
-  bool deliver(const Subscription& subscription, std::span<Emission> emissions, Together& together, bool more);
+  bool deliver(SignalLink link, const Subscription& subscription, std::span<Emission> emissions, Together& together,
+               bool more);
   void letGo(Emission& emission);
   Future<AnyValue> execute(const Incoming& call);
-  Future<AnyValue> callMember(const AnyObject& object, std::string_view member, GenericFunctionParameters arguments);
+  static Future<AnyValue> callMember(const AnyObject& object, std::string_view member,
+                                     GenericFunctionParameters arguments, bool wantsAnswer);
+  static std::string nameOf(const Incoming& call);
   AnyObject targetAtArrival(std::string_view target) const;
   AnyObject targetOf(const Incoming& call, std::string_view& member) const;
   void runStrand(const StrandKey& key, std::shared_ptr<Incoming> first);

@@ -1,3 +1,4 @@
+#include "../objects/callqueue.h"
 #include "../runtime/threadwait.h"
 #include "chaincodec.h"
 #include "linkparts.h"
@@ -220,15 +221,16 @@ Future<AnyValue> Link::execute(const Incoming& call) {
     // What is handed on to the object of another process stays as deep as it is.
     const bool relays = object->isRemote();
     const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, relays);
-    return withReferences(call.arguments,
-                          [&](GenericFunctionParameters arguments) { return callMember(object, member, arguments); });
+    return withReferences(call.arguments, [&](GenericFunctionParameters arguments) {
+      return callMember(object, member, arguments, call.id.has_value());
+    });
   } catch (...) {
     return Future<AnyValue>::failed(std::current_exception());
   }
 }
 
-Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view member,
-                                  GenericFunctionParameters arguments) {
+Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view member, GenericFunctionParameters arguments,
+                                  bool wantsAnswer) {
   const MetaObject& offered = object->metaObject();
   const MetaMethod* method = nullptr;
   int signal = -1;
@@ -245,6 +247,8 @@ Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view memb
     if (std::none_of(signals.begin(), signals.end(), isMeant)) {
       throw std::runtime_error(fmt::format("{}.{}: no such method", offered.typeName(), member));
     }
+    // Triggered beyond, it is not waited for here.
+    if (object->isRemote()) return object->metaCall(static_cast<unsigned>(signal), arguments);
     object->metaPost(static_cast<unsigned>(signal), arguments);
     return Future<AnyValue>::ready(AnyValue());
   }
@@ -252,19 +256,25 @@ Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view memb
     throw std::runtime_error(fmt::format("{}.{} works only inside the process of {}: its result is an address there",
                                          offered.typeName(), method->name, offered.typeName()));
   }
-  return object->metaCall(method->id, arguments);
+  if (wantsAnswer || !object->isRemote()) return object->metaCall(method->id, arguments);
+  object->metaPost(method->id, arguments);  // Where it lives, its failure is logged.
+  return Future<AnyValue>::ready(AnyValue());
+}
+
+/// What people call it: peers that know an object go by numbers.
+std::string Link::nameOf(const Incoming& call) {
+  const auto member = numberIn(std::string_view(call.target).substr(call.target.rfind('.') + 1));
+  return call.object && member ? call.object->memberName(*member) : call.target;
 }
 
 void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result, Sending when) {
-  if (!call->id) {
-    if (result.isFinished() && result.hasError()) {
-      log::warning(kCategory, "post", fmt::format("{} of {}: {}", call->target, peer(), result.error()));
-    }
-    return;
-  }
   if (!result.isFinished()) {
     result.then(
         [self = shared_from_this(), call](const Future<AnyValue>& done) { self->answer(call, done, Sending::Now); });
+    return;
+  }
+  if (!call->id) {
+    if (const auto error = result.exception()) mw::detail::logFailedPost(nameOf(*call), error, peer());
     return;
   }
   Draft draft(objects_, MessageType::Response);

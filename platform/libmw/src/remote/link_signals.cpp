@@ -84,12 +84,12 @@ Future<SignalLink> Link::connect(std::uint32_t object, unsigned signal, const Si
       });
 }
 
-Future<void> Link::disconnect(SignalLink link) {
+std::optional<Future<void>> Link::disconnect(SignalLink link) {
   std::shared_ptr<Subscription> subscription;
   {
     const std::lock_guard lock(mutex_);
     const auto found = subscriptions_.find(link);
-    if (found == subscriptions_.end()) return makeReadyFuture();
+    if (found == subscriptions_.end()) return std::nullopt;
     subscription = std::move(found->second);
     subscriptions_.erase(found);
   }
@@ -153,7 +153,7 @@ void Link::deliver(SignalLink link, Subscription& subscription) {
     for (std::span<Emission> rest = emissions; !rest.empty();) {
       const auto some = rest.first(inOnePass(rest));
       rest = rest.subspan(some.size());
-      if (!deliver(subscription, some, together, !rest.empty())) disconnect(link);
+      if (!deliver(link, subscription, some, together, !rest.empty())) disconnect(link);
       for (Emission& emission : some) letGo(emission);
     }
     together.flush();
@@ -170,7 +170,8 @@ void Link::letGo(Emission& emission) {
 /// Whoever ends the subscription meanwhile waits for no more than the present one.
 /// @param more  Others come after these.
 /// @return False when the subscriber is of no more use.
-bool Link::deliver(const Subscription& subscription, std::span<Emission> emissions, Together& together, bool more) {
+bool Link::deliver(SignalLink link, const Subscription& subscription, std::span<Emission> emissions, Together& together,
+                   bool more) {
   const auto pass = subscription.enter();
   bool isOfUse = true;
   for (Emission& emission : emissions) {
@@ -179,7 +180,7 @@ bool Link::deliver(const Subscription& subscription, std::span<Emission> emissio
     try {
       // One for each: what an emission has begun may call back while the next is delivered, which has other locks.
       const Serving serving({}, domain_);
-      isOfUse = subscription.deliver(emission);
+      isOfUse = subscription.deliver(emission, link);
     } catch (...) {
       // There is no memory, for a report neither. Those that follow are delivered all the same.
     }

@@ -8,6 +8,7 @@
 
 #include <hxvalue/msgpack.h>
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -38,22 +39,47 @@ std::size_t ObjectTable::leaseCount() const {
 std::uint32_t ObjectTable::lease(const AnyObject& object) {
   const std::lock_guard lock(mutex_);
   if (cleared_) return 0;
-  const auto [known, isNew] = leaseIds_.emplace(object->identity(), lastLease_ + 1);
+  const auto [known, isNew] = leaseIds_.emplace(object->identity(), 0);
   // A handle that was cut off does not keep its object: what has the identity now may be another one.
   const auto* handle =
       isNew ? nullptr : dynamic_cast<const ServiceHandle*>(leases_[known->second].object.pointer().get());
   if (isNew || (handle && handle->isCutOff())) {
-    leases_[++lastLease_].object = object;
-    known->second = lastLease_;
+    known->second = freeNumber(object->number());
+    leases_[known->second].object = object;
   }
   ++leases_[known->second].count;
   return known->second;
 }
 
+/// @return `wanted`, or the next one that stands for nothing.
+std::uint32_t ObjectTable::freeNumber(std::uint32_t wanted) const {
+  constexpr std::uint32_t kLargest = 0x7fffffff;
+  wanted = std::max(wanted & kLargest, 1U);
+  while (leases_.contains(wanted)) wanted = wanted < kLargest ? wanted + 1 : 1;
+  return wanted;
+}
+
+/// Of a handle on an object of the peer, wherever it comes from, the peer's object itself; else what is lent to it.
+AnyObject ObjectTable::meantBy(const AnyObject& given, const Link& link) {
+  AnyObject object = given;
+  AnyObject lent = given;
+  while (object) {
+    if (const auto* found = dynamic_cast<const RemoteService*>(object.pointer().get())) {
+      object = found->target();
+      if (found == given.pointer().get()) lent = object;
+    } else if (const auto* service = dynamic_cast<const ServiceHandle*>(object.pointer().get())) {
+      object = service->target();
+    } else {
+      const auto* const remote = dynamic_cast<const RemoteObject*>(object.pointer().get());
+      return remote && remote->link().get() == &link ? object : lent;
+    }
+  }
+  return lent;
+}
+
 void ObjectTable::write(Writer& out, const AnyObject& given, const Link& link, Mention& mention) {
   if (!given) return out.nil();
-  const auto* service = dynamic_cast<const RemoteService*>(given.pointer().get());
-  const AnyObject object = service ? service->target() : given;
+  const AnyObject object = meantBy(given, link);
   Bytes content;
   Writer writer(content);
   writer.list(4);

@@ -22,6 +22,8 @@ class RemoteObject;
 /// The objects that cross one link: those of this process that the peer holds references to (leases), and the peer's
 /// that are used here.
 ///
+/// An object goes by the same number wherever it goes (`GenericObject::number`), but for those that another one has.
+///
 /// A reference that is sent counts as a lease until the peer gives it back, one for each time it was sent, or the link
 /// ends. There is one RemoteObject for each object of the peer as long as somebody uses it, so that identity holds. A
 /// reference to an object of the peer itself goes back as such, and is the original there.
@@ -79,14 +81,15 @@ class HX_API ObjectTable {
     std::size_t size = 0;  ///< On the wire.
   };
   const MetaObject& described(std::uint32_t description, std::optional<MetaObject> told, std::size_t size);
+  static AnyObject meantBy(const AnyObject& given, const Link& link);
   std::uint32_t lease(const AnyObject& object);
+  std::uint32_t freeNumber(std::uint32_t wanted) const;
   std::uint32_t numberOf(const MetaObject& metaObject);
 
   mutable std::mutex mutex_;  // Guards everything below.
   bool cleared_ = false;
   std::unordered_map<std::uint32_t, Lease> leases_;
   std::unordered_map<std::uintptr_t, std::uint32_t> leaseIds_;  // by identity
-  std::uint32_t lastLease_ = 0;
   /// The numbers of descriptions, by content: objects that are made anew, as after a restart, offer what was told.
   std::map<HX::HXValue, std::uint32_t> numbers_;
   std::unordered_map<std::int32_t, std::uint32_t> numbersOfUids_;  // found without looking at the content

@@ -31,6 +31,7 @@ class Target {
 RemoteObject::RemoteObject(std::shared_ptr<Link> link, std::uint32_t id, MetaObject metaObject)
     : link_(std::move(link)), id_(id) {
   setMetaObject(std::move(metaObject));
+  setNumber(id);
 }
 
 RemoteObject::~RemoteObject() { link_->giveBack(id_, references_.load()); }
@@ -43,14 +44,24 @@ Future<AnyValue> RemoteObject::metaCall(unsigned method, GenericFunctionParamete
 }
 
 void RemoteObject::metaPost(unsigned member, GenericFunctionParameters parameters) {
-  link_->post(Target(id_, member), parameters);
+  if (metaObject().method(member)) return link_->post(Target(id_, member), parameters);
+  metaCall(member, parameters, MetaCallType::Direct).value();
 }
 
 Future<SignalLink> RemoteObject::metaConnect(unsigned signal, const SignalSubscriber& subscriber) {
-  return link_->connect(id_, signal, subscriber);
+  try {
+    SignalSubscriber named = subscriber;
+    named.requireFunction();
+    return link_->connect(id_, signal, named.nameSignal(memberName(signal)));
+  } catch (...) {
+    return Future<SignalLink>::failed(std::current_exception());
+  }
 }
 
-Future<void> RemoteObject::metaDisconnect(SignalLink link) { return link_->disconnect(link); }
+Future<void> RemoteObject::metaDisconnect(SignalLink link) {
+  if (auto gone = link_->disconnect(link)) return *std::move(gone);
+  return noSuchLink(link);
+}
 
 Future<AnyValue> RemoteObject::metaProperty(unsigned property) {
   return link_->ask("korvo.property", static_cast<int>(id_), static_cast<int>(property));

@@ -18,7 +18,7 @@ class RemoteObject final : public GenericObject {
   ~RemoteObject() override;
 
   Future<AnyValue> metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) override;
-  /// Errors are logged by the process that the object lives in.
+  /// Errors of a method are logged by the process that the object lives in. A signal's trigger is waited for.
   void metaPost(unsigned member, GenericFunctionParameters parameters) override;
   Future<SignalLink> metaConnect(unsigned signal, const SignalSubscriber& subscriber) override;
   Future<void> metaDisconnect(SignalLink link) override;

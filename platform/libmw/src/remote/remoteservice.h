@@ -2,17 +2,22 @@
 
 #include <libmw/genericobject.h>
 
+#include <chrono>
+#include <cstddef>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace mw::remote {
 
 /// A service found by name in another process, as a session hands it out. It stays when the connection goes, and works
-/// again once it is bound to the service of that name behind a new one, with its signal connections.
+/// again once it is bound to the service of that name behind a new one, with its signal connections. As long as it has
+/// some it stays though nobody else holds it.
 class RemoteService final : public GenericObject {
  public:
   RemoteService(std::string name, AnyObject target);
@@ -29,9 +34,14 @@ class RemoteService final : public GenericObject {
   const std::string& name() const { return name_; }
   /// The object that it stands for at present.
   AnyObject target() const;
-  /// Stands for `target` from now on, and connects to its signals what was connected. Waits for that.
-  /// @return False, with nothing done, when `target` offers something else.
-  bool bind(const AnyObject& target);
+
+  /// Whether its connection has gone, so that it waits for another one.
+  bool isLost() const;
+  /// If it is lost, it stands for `target` from now on, and connects to its signals what was connected.
+  /// @return What finishes when that is done; none, with nothing done, when `target` offers something else.
+  std::optional<std::vector<Future<void>>> bind(const AnyObject& target);
+  /// Its connections are no reason to stay any more.
+  void letGo();
 
  private:
   struct Connection {
@@ -40,10 +50,17 @@ class RemoteService final : public GenericObject {
     SignalLink link = kInvalidSignalLink;  ///< At the present target.
   };
 
+  std::shared_ptr<RemoteService> self() { return std::static_pointer_cast<RemoteService>(shared_from_this()); }
+  void add(SignalLink link, Connection connection);
+  Future<void> connectAgain(const AnyObject& target, SignalLink first, const Connection& connection);
+
   const std::string name_;
-  mutable std::mutex mutex_;  // Guards everything below.
+  mutable std::mutex mutex_;  // Guards everything below. Outer to the mutex of a link.
   AnyObject target_;
   std::map<SignalLink, Connection> connections_;  // by the link that the first target gave
+  std::size_t looksThroughAt_ = 64;               // So many of them: those whose owner has gone are dropped then.
+  bool isKept_ = true;                            // by its connections
+  std::shared_ptr<RemoteService> kept_;           // itself, if so
 };
 
 /// The services of a connection that are in use, by name.
@@ -51,13 +68,22 @@ class RemoteService final : public GenericObject {
 /// @par Threads  Any.
 class RemoteServices {
  public:
-  /// The handle on what was found under `name`: the same one as long as it is the same object and somebody uses it.
+  /// The handle on what was found under `name`: the same one as long as somebody uses it, and it is the same object or
+  /// one behind a connection that has followed.
   AnyObject handle(const std::string& name, const AnyObject& found);
-  /// Binds every handle in use to what `find` finds under its name; an empty object leaves it as it is.
-  void bindAll(const std::function<AnyObject(const std::string&)>& find);
+  bool isLost(const std::string& name) const;
+  /// Binds every handle in use that is lost to what `find` finds under its name; an empty object leaves it as it is.
+  /// @param patience  How long to wait for their signal connections.
+  void bindAll(const std::function<AnyObject(const std::string&)>& find, std::chrono::milliseconds patience);
+  /// There will be no more connections.
+  void letGo();
 
  private:
-  std::mutex mutex_;  // Guards `known_`.
+  AnyObject makeLocked(const std::string& name, const AnyObject& found);
+  std::vector<std::shared_ptr<RemoteService>> inUse() const;
+
+  mutable std::mutex mutex_;  // Guards everything below. Outer to the mutex of a service.
+  bool isOver_ = false;
   std::map<std::string, std::weak_ptr<RemoteService>> known_;
 };
 

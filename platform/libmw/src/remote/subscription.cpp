@@ -1,15 +1,12 @@
 #include "subscription.h"
 
-#include "linkparts.h"
-
 namespace mw::remote {
 
-bool Subscription::deliver(const Emission& emission) const {
+bool Subscription::deliver(const Emission& emission, SignalLink link) const {
   try {
     return withReferences(emission.arguments, [this](GenericFunctionParameters all) { return subscriber_.call(all); });
   } catch (...) {
-    log::error(kCategory, "deliver",
-               fmt::format("a subscriber failed: {}", mw::detail::describe(std::current_exception())));
+    subscriber_.logFailure(link);
     return true;
   }
 }

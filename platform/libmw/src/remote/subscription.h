@@ -80,7 +80,7 @@ class Subscription {
   bool isOver() const { return gate_.isClosed(); }
   /// Calls the subscriber. What it throws is logged.
   /// @return False when the subscriber is of no more use.
-  bool deliver(const Emission& emission) const;
+  bool deliver(const Emission& emission, SignalLink link) const;
 
   /// Returns when no other thread is in a pass.
   void end() { gate_.drain(); }

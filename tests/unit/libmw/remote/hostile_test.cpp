@@ -151,6 +151,8 @@ TEST_F(HostilePeers, AreAnsweredWhenTheyCallWhatMakesNoSense) {
     HXValue::List arguments;
     const char* answer;  ///< A part of the error; nil when there is none.
   };
+  const int own = static_cast<int>(echo->number());
+  const std::string at = fmt::format("@{}.", own);
   const std::string huge(1000, 'x');
   const Row rows[] = {
       {"korvo.hello", {}, "argument 1 is missing"},
@@ -159,26 +161,25 @@ TEST_F(HostilePeers, AreAnsweredWhenTheyCallWhatMakesNoSense) {
       {"korvo.register", {"Mine", 5}, "argument 2 does not say an object"},
       {"korvo.register", {"Mine", HXValue()}, ""},
       {"korvo.unregister", {1}, "not one of yours"},
-      {"korvo.connect", {1}, ""},
+      {"korvo.connect", {own}, ""},
       {"korvo.connect", {99, "said", 1}, "no object 99"},
-      {"korvo.connect", {1, "said"}, "argument 3 is missing"},
-      {"korvo.connect", {1, "silence", 1}, "no such signal"},
-      {"korvo.connect", {1, std::int64_t{4294967295}, 1}, "signal"},
-      {"korvo.connect", {1, HXValue(), 1}, "argument 2 does not say a signal"},
+      {"korvo.connect", {own, "said"}, "argument 3 is missing"},
+      {"korvo.connect", {own, "silence", 1}, "no such signal"},
+      {"korvo.connect", {own, std::int64_t{4294967295}, 1}, "signal"},
+      {"korvo.connect", {own, HXValue(), 1}, "argument 2 does not say a signal"},
       {"korvo.disconnect", {99}, nullptr},
-      {"korvo.property", {1, 99}, ""},
+      {"korvo.property", {own, 99}, ""},
       {"korvo.release", {99, 1}, nullptr},
       {"korvo.nothing", {}, "korvo.nothing: no such method"},
       {".", {}, "no service named"},
       {"@99.echo", {1}, "no object @99"},
       {"@99999999999999999999.echo", {1}, "no object"},
-      {"@1.echo", {1}, nullptr},
-      {"@1.echo", {}, "echo"},
-      {"@1.4294967295", {}, ""},
+      {at + "echo", {1}, nullptr},
+      {at + "echo", {}, "echo"},
+      {at + "4294967295", {}, ""},
       {"Echo." + huge, {}, "no such method"},
       {huge + ".echo", {}, "no service named"},
   };
-  // Object 1 is the service, as far as this peer is concerned.
   ASSERT_TRUE(peer.send(request("korvo.service", {"Echo"})));
   peer.awaitText("Echo");
   for (const Row& row : rows) {
@@ -245,7 +246,8 @@ class WithLowLimits : public HostilePeers {
 
 TEST_F(WithLowLimits, APeerThatDoesNotReadItsEmissionsIsEnded) {
   const RawPeer peer(socket());
-  ASSERT_TRUE(peer.send(request("korvo.service", {"Echo"}) + request("korvo.connect", {1, "said", 5})));
+  ASSERT_TRUE(peer.send(request("korvo.service", {"Echo"}) +
+                        request("korvo.connect", {static_cast<int>(echo->number()), "said", 5})));
   std::counting_semaphore<> seen(0);
   const SignalLink link = echo->connect("said", SignalSubscriber([&](const std::string&) { seen.release(); })).take();
   peer.awaitText(bytes({0x94, 1, 7, 0xc0, 0xc0}));

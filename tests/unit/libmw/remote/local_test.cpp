@@ -1,3 +1,4 @@
+#include "capture_log.h"
 #include "expect_error.h"
 #include "joined_sessions.h"
 #include "random_value.h"
@@ -6,6 +7,7 @@
 
 #include <hxerror/hxerror.h>
 #include <libmw/dynamicobject.h>
+#include <libmw/eventloop.h>
 #include <libmw/objecttypebuilder.h>
 #include <libmw/remoteerror.h>
 #include <libmw/signal.h>
@@ -136,6 +138,85 @@ TEST_F(JoinedSessions, HandOutObjectsWhoseIdentityAndSignalsHold) {
   for (int i = 0; i < 100; ++i) EXPECT_EQ(values[static_cast<std::size_t>(i)], i);
   first->disconnect(link).value();
   EXPECT_FALSE(lamp->lit.hasSubscribers());
+}
+
+TEST_F(JoinedSessions, GetTheObjectItselfWhenItComesHome) {
+  // The client hosts a lamp, the broker relays it, a third party finds it, and hands it to both.
+  const auto lamp = std::make_shared<Lamp>();
+  const AnyObject own = AnyObject::from(lamp);
+  AnyObject seen;
+  const auto isOwn = [&](const std::shared_ptr<Lamp>& given) { return given == lamp; };
+  client.registerService("Lamp", own);
+  client.registerService("House", makeService("House")
+                                      ->method("lamp", [&] { return lamp; })
+                                      .method("isOwn", isOwn)
+                                      .method("show", [&](const AnyObject& object) { seen = object; })
+                                      .build());
+  broker.registerService("Street", makeService("Street")
+                                       ->method("pass",
+                                                [&](const AnyObject& object) {
+                                                  return lookUp(broker, "House")->call<bool>("isOwn", object);
+                                                })
+                                       .method("find", [&] { return lookUp(broker, "Lamp"); })
+                                       .build());
+  Session third;
+  const LocalClient alsoJoined(third, "torso");
+  const AnyObject found = lookUp(third, "Lamp");
+  const AnyObject house = lookUp(third, "House");
+  EXPECT_TRUE(house->call<bool>("isOwn", found));
+  EXPECT_TRUE(lookUp(third, "Street")->call<bool>("pass", found));
+  EXPECT_TRUE(lookUp(broker, "House")->call<bool>("isOwn", lookUp(broker, "Lamp")));
+  house->call("show", found);
+  EXPECT_EQ(seen, own);
+  EXPECT_EQ(seen, lookUp(client, "Lamp"));
+
+  EXPECT_EQ(found, house->call<AnyObject>("lamp"));
+  EXPECT_EQ(found, lookUp(third, "Street")->call<AnyObject>("find"));
+  for (Session* session : {&third, &broker, &client}) EXPECT_EQ(lookUp(*session, "Lamp")->number(), own->number());
+}
+
+/// A lamp that is used in its own process, or from another one.
+class AtHomeAndAway : public JoinedSessions, public testing::WithParamInterface<bool> {
+ protected:
+  struct Fragile : Signal<int> {
+    void trigger(GenericFunctionParameters parameters, MetaCallType callType) override {
+      if (parameters.size() != 1) throw std::runtime_error("Invalid number of arguments");
+      Signal<int>::trigger(parameters, callType);
+    }
+  };
+  AtHomeAndAway() {
+    broker.registerService("Lamp", makeService("Lamp")
+                                       ->signal("lit", lit)
+                                       .method("fail", [] { throw std::runtime_error("broken"); })
+                                       .method("done", [] {})
+                                       .build());
+  }
+  Fragile lit;
+};
+INSTANTIATE_TEST_SUITE_P(Objects, AtHomeAndAway, testing::Bool());
+
+TEST_P(AtHomeAndAway, FailAlikeAndAreLoggedAlike) {
+  const kit::CaptureLog log({"mw.signal", "mw.object"});
+  const AnyObject lamp = lookUp(GetParam() ? broker : client, "Lamp");
+  EXPECT_EQ(errorOf([&] { lamp->post("lit", 1, 2); }), "Invalid number of arguments");
+  EXPECT_EQ(lamp->connect("lit", SignalSubscriber()).error(), "cannot connect an empty function to a signal");
+
+  const SignalLink link =
+      lamp->connect("lit", SignalSubscriber([](int) { throw std::runtime_error("too bright"); })).value();
+  lamp->post("lit", 1);
+  ASSERT_TRUE(log.waitFor(1));
+  EXPECT_TRUE(lamp->disconnect(link).hasValue());
+  EXPECT_EQ(lamp->disconnect(link).error(), "Lamp: no connection with link " + std::to_string(link));
+
+  lamp->post("fail");
+  lamp->call("done");
+  ASSERT_TRUE(log.waitFor(2));
+  using Entry = kit::CaptureLog::Entry;
+  const auto entries = log.entries();
+  EXPECT_EQ(entries[0], (Entry{LogLevel::Error, "mw.signal", "deliver",
+                               "subscriber of link " + std::to_string(link) + " to Lamp.lit failed: too bright"}));
+  EXPECT_EQ(entries[1].category + entries[1].function, "mw.objectpost");
+  EXPECT_THAT(entries[1].text, testing::MatchesRegex("Lamp.fail, posted.*, failed: broken"));
 }
 
 /// What came of a signal, waited for.
@@ -305,6 +386,74 @@ TEST_F(JoinedSessions, KeepServicesInUseAcrossARestart) {
   ticked(3);
   EXPECT_EQ(tick.get_future().get(), 3);
   held->disconnect(link).value();
+  EXPECT_FALSE(ticked.hasSubscribers());
+}
+
+TEST_F(JoinedSessions, AreToldOfServicesThatGoAndComeWithTheBroker) {
+  const auto offer = [&](const char* name) { return broker.registerService(name, makeService(name)->build()); };
+  offer("Arm");
+  const ServiceId leg = offer("Leg");
+  client.registerService("Mine", makeService("Mine")->build());
+  defaultLoop().drain();
+  std::vector<std::string> told;
+  std::promise<void> restored;
+  const Lifetime listening;
+  const auto note = [&](const char* what) {
+    return SignalSubscriber([&told, what](ServiceId, const std::string& name) { told.push_back(what + name); })
+        .track(listening.token());
+  };
+  client.serviceRegistered.connect(note("+"));
+  client.serviceUnregistered.connect(note("-"));
+  const auto noteLoss = [&](const std::string&) { told.emplace_back("lost"); };
+  const auto noteReturn = [&] {
+    told.emplace_back("back");
+    restored.set_value();
+  };
+  client.connectionLost.connect(SignalSubscriber(noteLoss).track(listening.token()));
+  client.connectionRestored.connect(SignalSubscriber(noteReturn).track(listening.token()));
+  const ServiceId head = offer("Head");
+  while (!client.service("Head").hasValue()) std::this_thread::yield();
+  server.reset();
+  broker.unregisterService(leg);
+  broker.unregisterService(head);
+  offer("Hand");
+  server.emplace(broker, "torso");
+  restored.get_future().get();
+  EXPECT_THAT(told, testing::ElementsAre("+Head", "lost", "-Arm", "-Leg", "-Head", "+Arm", "+Hand", "back"));
+}
+
+TEST_F(JoinedSessions, KeepConnectionsThatNobodyHoldsTheHandleOf) {
+  Signal<int> ticked;
+  const auto clock = makeService("Clock")->signal("ticked", ticked).build();
+  const ServiceId id = broker.registerService("Clock", clock);
+  std::promise<int> tick;
+  std::optional<Lifetime> owner(std::in_place);
+  const auto hear = [&](int value) { tick.set_value(value); };
+  lookUp(client, "Clock")->connect("ticked", SignalSubscriber(hear).track(owner->token())).value();
+  const auto restart = [&] {
+    std::promise<void> restored;
+    const SignalLink link = client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
+    server.reset();
+    server.emplace(broker, "torso");
+    restored.get_future().get();
+    client.connectionRestored.disconnect(link);
+  };
+  restart();
+  ticked(3);
+  EXPECT_EQ(tick.get_future().get(), 3);
+
+  // The service returns later than its broker.
+  tick = {};
+  server.reset();
+  broker.unregisterService(id);
+  server.emplace(broker, "torso");
+  broker.registerService("Clock", clock);
+  while (!ticked.hasSubscribers()) std::this_thread::yield();
+  ticked(4);
+  EXPECT_EQ(tick.get_future().get(), 4);
+
+  owner.reset();
+  restart();
   EXPECT_FALSE(ticked.hasSubscribers());
 }
 
