@@ -87,7 +87,9 @@ void HXMemory::addMapping(const std::string& service, const std::string& signal,
   }
   bool found = false;
   const mw::AnyObject object = findService(service, found);
-  if (found) mapSignal(object, service, signal, event, "addMapping");
+  if (!found) return;
+  if (object->isRemote()) noteMapped(object, service, signal);
+  mapSignal(object, service, signal, event, "addMapping");
 }
 
 void HXMemory::addMapping(const std::string& service, const std::map<std::string, std::string>& signalEvent) {
@@ -98,12 +100,21 @@ void HXMemory::declareEventsFromService(const std::string& service,
                                         const std::map<std::string, std::string>& signalEvent) {
   bool found = false;
   const mw::AnyObject object = findService(service, found);
-  if (found) mapSignals(object, service, signalEvent);
+  if (!found) return;
+  for (const auto& [signal, event] : signalEvent) {
+    if (object->isRemote()) noteMapped(object, service, signal);
+    mapSignal(object, service, signal, event, "declareEventsFromService");
+  }
 }
 
-void HXMemory::mapSignals(const mw::AnyObject& object, const std::string& service,
-                          const std::map<std::string, std::string>& signalEvent) {
-  for (const auto& [signal, event] : signalEvent) mapSignal(object, service, signal, event, "declareEventsFromService");
+/// @return Whether it was not noted of this object before.
+bool HXMemory::noteMapped(const mw::AnyObject& object, const std::string& service, const std::string& signal) {
+  const std::lock_guard lock(mappedLock);
+  MappedService& mapped = mappedServices[service];
+  const auto& given = object.pointer();
+  const bool isSame = !mapped.object.owner_before(given) && !given.owner_before(mapped.object);
+  if (!isSame) mapped = {given, {}};
+  return mapped.signals.insert(signal).second;
 }
 
 mw::AnyObject HXMemory::findService(const std::string& service, bool& found) const {
@@ -145,12 +156,11 @@ void HXMemory::onServiceRegistered(const std::string& service) {
   bool found = false;
   const mw::AnyObject object = findService(service, found);
   if (!found) return;
-  if (object) {
-    auto& mapped = mappedServices[service];
-    if (mapped.lock() == object.pointer()) return;
-    mapped = object.pointer();
+  for (const auto& [signal, event] : pending->second) {
+    if (!object || noteMapped(object, service, signal)) {
+      mapSignal(object, service, signal, event, "declareEventsFromService");
+    }
   }
-  mapSignals(object, service, pending->second);
 }
 
 mw::AnyReference HXMemory::onSignalReceived(const std::string& event, const std::vector<mw::AnyReference>& args) {

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -234,8 +235,7 @@ class HXMemory : public HXModule {
   std::string extractorOf(const std::string& event);
   std::shared_ptr<HXProxy> frameManager(const char* caller);
   mw::AnyObject findService(const std::string& service, bool& found) const;
-  void mapSignals(const mw::AnyObject& object, const std::string& service,
-                  const std::map<std::string, std::string>& signalEvent);
+  bool noteMapped(const mw::AnyObject& object, const std::string& service, const std::string& signal);
   void applyPendingMappings();
   void mapSignal(const mw::AnyObject& object, const std::string& service, const std::string& signal,
                  const std::string& event, const char* caller);
@@ -249,11 +249,16 @@ class HXMemory : public HXModule {
   NameTable<STMValue> items;
   mutable TableLock itemsLock;  // Guards `items`: which item a name means, not what is in the item.
   std::map<std::string, std::map<std::string, std::string>> pendingMappings;
-  /// By service, what its notice was answered for. A service that restarts while notices wait is found by each of them,
-  /// and is to be connected once.
-  std::map<std::string, std::weak_ptr<mw::GenericObject>> mappedServices;
+  /// Which signals of which object are connected. A service that restarts while notices wait is found by each of them,
+  /// and is to be connected once; one that is back behind a lost connection has its connections again.
+  struct MappedService {
+    std::weak_ptr<mw::GenericObject> object;
+    std::set<std::string> signals;
+  };
+  std::mutex mappedLock;  // Guards `mappedServices`.
+  std::map<std::string, MappedService> mappedServices;
   class MappingLock;
-  std::mutex mappingMutex;                     // Guards `pendingMappings` and `mappedServices`.
+  std::mutex mappingMutex;                     // Guards `pendingMappings`. Outer to `mappedLock`.
   std::atomic<std::thread::id> mappingOwner_;  // The thread that holds `mappingMutex`, so that it is not asked to wait.
   mw::SignalLink serviceRegisteredLink = mw::kInvalidSignalLink;
 };

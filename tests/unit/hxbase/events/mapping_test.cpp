@@ -1,7 +1,9 @@
 #include "events_fixture.h"
 #include "sitter.h"
+#include "socket_folder.h"
 #include "temporary_folder.h"
 
+#include <libmw/local.h>
 #include <libmw/path.h>
 
 #include <chrono>
@@ -106,6 +108,52 @@ TEST_F(Mapping, AddedTwiceRaisesTwiceAndOnceForServicesThatComeBack) {
   withdraw("Door");
   const auto second = offerDoor();
   EXPECT_EQ(raisesOf("E", [&] { second->opened(HXValue(1)); }), 1U);
+}
+
+TEST_F(Mapping, OfServicesOfAnotherProcessComesBackWithTheConnection) {
+  const kit::SocketFolder folder;
+  mw::Session session;
+  std::optional<mw::LocalServer> server(std::in_place, session, "torso");
+  const mw::LocalClient joined(*broker->session(), "torso");
+  std::promise<void> restored;
+  const mw::Lifetime listening;
+  const auto noteReturn = [&] { restored.set_value(); };
+  broker->session()->connectionRestored.connect(mw::SignalSubscriber(noteReturn).track(listening.token()));
+  const auto early = std::make_shared<Door>();
+  const auto late = std::make_shared<Door>();
+  session.registerService("Early", mw::AnyObject(early));
+  memory->addMapping("Early", "opened", "E");
+  memory->addMapping("Late", "opened", "L");
+  const mw::ServiceId lateId = session.registerService("Late", mw::AnyObject(late));
+  const auto awaitConnections = [&] {
+    while (!early->opened.hasSubscribers() || !late->opened.hasSubscribers()) std::this_thread::yield();
+    mw::defaultLoop().drain();
+  };
+  awaitConnections();
+  server.reset();
+  session.unregisterService(lateId);
+  server.emplace(session, "torso");
+  restored.get_future().get();
+  session.registerService("Late", mw::AnyObject(late));
+  awaitConnections();
+  for (const auto& [event, door] : {std::pair("E", early), std::pair("L", late)}) {
+    const auto raised = raisesOf(event, [&, &door = door] {
+      std::promise<void> heard;
+      const auto last =
+          memory->subscriber("Last")->signal.connect(mw::SignalSubscriber([&](const HXValue&) { heard.set_value(); }));
+      door->opened(HXValue(1));
+      // Emissions of one signal keep their order: what is heard twice is so before the next.
+      broker->session()
+          ->service(event == std::string("E") ? "Early" : "Late")
+          .value()
+          ->connect("closed", mw::SignalSubscriber([&] { memory->raiseEvent("Last", HXValue()); }))
+          .value();
+      door->closed();
+      heard.get_future().get();
+      memory->subscriber("Last")->signal.disconnect(last);
+    });
+    EXPECT_EQ(raised, 1U) << event;
+  }
 }
 
 TEST_F(Mapping, RaisesOnceForAServiceThatRestartsWhileNoticesWait) {
