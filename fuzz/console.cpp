@@ -37,6 +37,7 @@ class Broker final : public korvo::Target {
 
   std::shared_ptr<HX::HXProxy> find(const std::string& service) override { return target_->find(service); }
   std::vector<std::string> services() override { return target_->services(); }
+  mw::Future<std::vector<mw::ServiceInfo>> askServices() override { return target_->askServices(); }
   void loadModule(const std::string& /*library*/) override { throw std::runtime_error("not here"); }
 
  private:

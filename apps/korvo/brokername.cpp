@@ -9,6 +9,7 @@
 #include <libmw/os.h>
 
 #include <algorithm>
+#include <stdexcept>
 #include <system_error>
 #include <vector>
 
@@ -42,7 +43,10 @@ std::string chooseBroker(const std::string& wanted) {
     if (std::ranges::count(running, chosen) > 0) return chosen;
     throw mw::NoBrokerError(fmt::format("no broker named {} is running{}", chosen, didYouMean(chosen, running)));
   }
-  if (running.empty()) throw mw::NoBrokerError("no broker is running");
+  if (running.empty()) {
+    if (const std::string wrong = checkBrokerName("korvo"); !wrong.empty()) throw std::runtime_error(wrong);
+    throw mw::NoBrokerError(fmt::format("no broker is running in {}", mw::localSocketFolder()));
+  }
   if (running.size() == 1) return running.front();
   throw InputError(fmt::format("several brokers are running: {}; choose one with --broker or KORVO_BROKER",
                                fmt::join(running, ", ")));

@@ -90,25 +90,32 @@ std::string manualOptions(const Verb& verb) {
   return page;
 }
 
-/// What the environment changes.
+/// What the environment changes, for the verbs that have an option; empty for all.
 struct Variable {
   std::string_view name;
   std::string_view summary;
+  std::string_view option;
 };
 constexpr Variable kEnvironment[] = {
-    {"KORVO_BROKER", "The broker to ask or to join where several are running and --broker names none."},
+    {"KORVO_BROKER", "The broker to ask or to join where --broker names none.", "--broker"},
     {"KORVO_MODULE_PATH",
-     "Folders, separated by colons, in which modules are looked for by name before the installed ones."},
+     "Folders, separated by colons, in which modules are looked for by name before the installed ones.", "--module"},
     {"XDG_RUNTIME_DIR",
-     "The folder korvo in it has the sockets of the brokers; without it, korvo-UID in TMPDIR or /tmp."},
-    {"XDG_DATA_HOME, XDG_DATA_DIRS", "Where data files are looked for, the map of signals to events among them."},
-    {"XDG_STATE_HOME", "The folder korvo in it has the history of the console; by default ~/.local/state."},
-    {"NO_COLOR", "Where it is set and not empty, top is without colours."},
+     "The folder korvo in it has the sockets of the brokers; without it, the folder korvo-UID in TMPDIR or /tmp.", ""},
+    {"XDG_DATA_HOME, XDG_DATA_DIRS", "Where data files are looked for, the map of signals to events among them.",
+     "--data-dir"},
+    {"XDG_STATE_HOME", "The folder korvo in it has the history of the console; by default ~/.local/state.",
+     "--console"},
+    {"NO_COLOR", "Where it is set and not empty, the live view is without colours.", "--live"},
 };
 
-std::string manualEnvironment() {
+/// @param verb  Null for what any verb goes by.
+std::string manualEnvironment(const Verb* verb) {
+  const auto options = verb ? optionNames(*optionsOf(*verb)) : std::vector<std::string>();
   std::string page = ".SH ENVIRONMENT\n";
-  for (const auto& [name, summary] : kEnvironment) {
+  for (const auto& [name, summary, option] : kEnvironment) {
+    const bool isLive = option == "--live" && verb && verb->name == "top";
+    if (verb && !option.empty() && std::ranges::count(options, option) == 0 && !isLive) continue;
     page += fmt::format(".TP\n.B {}\n{}\n", escaped(name), escaped(summary));
   }
   return page;
@@ -140,7 +147,7 @@ std::string manualOfAll() {
   page += ".SH EXIT STATUS\n" + verbatim(kStatusesOfAsking) +
           ".PP\nCommands that ask no broker, and some others, have fewer\n";
   page += "or more; their help lists them.\n";
-  page += manualEnvironment();
+  page += manualEnvironment(nullptr);
   return page + ".SH FILES\n.TP\n.I $XDG_RUNTIME_DIR/korvo\nThe sockets of the running brokers of this user.\n";
 }
 
@@ -151,7 +158,7 @@ std::string manualOfOne(const Verb& verb) {
   page += fmt::format(".SH DESCRIPTION\n{}\n.PP\n{}", escaped(verb.summary), paragraphs(verb.details));
   page += ".SH OPTIONS\n" + manualOptions(verb);
   page += ".SH EXIT STATUS\n" + verbatim(verb.statuses);
-  page += manualEnvironment();
+  page += manualEnvironment(&verb);
   page += ".SH EXAMPLES\n" + verbatim(verb.examples, "korvo ");
   return page + ".SH SEE ALSO\n.BR korvo (1)\n";
 }

@@ -75,12 +75,14 @@ std::shared_ptr<HX::HXProxy> RemoteTarget::find(const std::string& service) {
 }
 
 std::vector<std::string> RemoteTarget::services() {
-  connection();
   std::vector<std::string> names;
-  for (const auto& service : await(session_.reachableServices(), "which services there are")) {
-    names.push_back(service.name);
-  }
+  for (const auto& service : await(askServices(), "which services there are")) names.push_back(service.name);
   return names;
+}
+
+mw::Future<std::vector<mw::ServiceInfo>> RemoteTarget::askServices() {
+  connection();
+  return session_.reachableServices();
 }
 
 void RemoteTarget::loadModule(const std::string& library) {

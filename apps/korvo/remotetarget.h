@@ -28,6 +28,7 @@ class RemoteTarget final : public Target {
 
   std::shared_ptr<HX::HXProxy> find(const std::string& service) override;
   std::vector<std::string> services() override;
+  mw::Future<std::vector<mw::ServiceInfo>> askServices() override;
   /// A path that is not absolute is taken as one of this process.
   void loadModule(const std::string& library) override;
   void settle() override { services(); }

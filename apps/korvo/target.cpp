@@ -31,6 +31,8 @@ std::vector<std::string> BrokerTarget::services() {
   return names;
 }
 
+mw::Future<std::vector<mw::ServiceInfo>> BrokerTarget::askServices() { return broker_->session()->reachableServices(); }
+
 void BrokerTarget::loadModule(const std::string& library) { broker_->loadModule(library); }
 
 }  // namespace korvo

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxproxies/hxmemoryproxy.h>
+#include <libmw/session.h>
 
 #include <memory>
 #include <string>
@@ -23,6 +24,8 @@ class Target {
   /// @return Empty when there is no such service.
   virtual std::shared_ptr<HX::HXProxy> find(const std::string& service) = 0;
   virtual std::vector<std::string> services() = 0;
+  /// As `services`, without waiting for the answer.
+  virtual mw::Future<std::vector<mw::ServiceInfo>> askServices() = 0;
   /// @throws std::runtime_error when it cannot be loaded, or when this target cannot load.
   virtual void loadModule(const std::string& library) = 0;
   /// Returns once what was posted before has reached the broker.
@@ -42,6 +45,7 @@ class BrokerTarget final : public Target {
   explicit BrokerTarget(std::shared_ptr<HX::HXBroker> broker);
   std::shared_ptr<HX::HXProxy> find(const std::string& service) override;
   std::vector<std::string> services() override;
+  mw::Future<std::vector<mw::ServiceInfo>> askServices() override;
   void loadModule(const std::string& library) override;
 
  private:

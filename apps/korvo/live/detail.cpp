@@ -120,6 +120,7 @@ std::vector<std::string> drawDetail(const LiveDetail& detail, std::optional<doub
            fmt::format("{}{}{}", detail.subscribers.size(), detail.subscribers.empty() ? "" : ": ",
                        fmt::join(detail.subscribers, ", ")),
            kMostOfAText);
+  if (!detail.extractor.empty()) page.add("extractor", detail.extractor);
   page.add("description", detail.description, kMostOfAText);
   addHistory(page, detail, width);
   auto lines = std::move(page).lines();

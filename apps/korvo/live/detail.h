@@ -23,6 +23,7 @@ struct LiveDetail {
   LiveFacts facts;
   std::vector<std::string> subscribers;
   std::string description;
+  std::string extractor;         ///< Empty for none, and as long as it is not known.
   std::vector<Stamped> history;  ///< The oldest raise first.
 };
 inline constexpr std::array kDetailQuestions{askKind, askTimestamp, askSubscribers, askDescription, askHistory};

@@ -30,6 +30,7 @@ bool LiveFeed::advance(std::size_t rows) {
     bool changed = takeNews();
     changed |= takeListing();
     changed |= takeLook();
+    if (search_ && search_->advance(target_, memory_->asObject())) nextLook_ = {};
     if (look_.empty() && Clock::now() >= nextLook_) startLook(rows);
     return changed;
   } catch (const std::exception& error) {
@@ -127,6 +128,8 @@ bool LiveFeed::takeLook() {
 void LiveFeed::inspect(const std::optional<std::string>& key) {
   inspected_ = key;
   detail_.reset();
+  search_.reset();
+  if (key) search_.emplace(*key);
   nextLook_ = {};
 }
 
@@ -136,6 +139,7 @@ void LiveFeed::learnDetail(Asked asked) {
     KeyAnswers answers;
     for (Answer& answer : asked.answers) answers.push_back(std::move(answer).take());
     detail_ = toDetail(asked.key, answers);
+    if (search_) detail_->extractor = search_->found();
   } catch (const HX::HXError&) {  // How the memory says that there is no such key.
     detail_.reset();
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "detail.h"
+#include "extractorsearch.h"
 #include "keyquestions.h"
 #include "model.h"
 
@@ -80,6 +81,7 @@ class LiveFeed {
   std::optional<Asked> detailLook_;
   std::optional<std::string> inspected_;
   std::optional<LiveDetail> detail_;
+  std::optional<ExtractorSearch> search_;  // For the extractor of what is inspected.
   mw::SystemTimePoint lookTime_;
   Clock::time_point nextFind_;
   Clock::time_point nextListing_;

@@ -137,6 +137,7 @@ class LiveScreen {
   void obey(const std::string& key) {
     const auto page = static_cast<std::ptrdiff_t>(pageOf(drawn_));
     if (isEnter(key)) {
+      page_ = model_.page(pageOf(drawn_));  // Keys before this one may have come with it.
       const auto chosen = std::ranges::find(page_, true, &LiveRow::isChosen);
       if (chosen != page_.end()) inspect(chosen->key);
     }

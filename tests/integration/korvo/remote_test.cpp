@@ -1,4 +1,5 @@
 #include "program.h"
+#include "temporary_folder.h"
 
 #include <filesystem>
 #include <optional>
@@ -102,7 +103,7 @@ TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
 }
 
 TEST(Commands, EndAtOnceWithoutABroker) {
-  const Row rows[] = {{{"get", "Foo"}, "", "error: no broker is running\n", 3},
+  const Row rows[] = {{{"get", "Foo"}, "", StartsWith("error: no broker is running in /"), 3},
                       {{"watch", "Foo", "--broker", "torso"}, "", HasSubstr("torso"), 3},
                       {{"host", "--module", module("greeter")}, "", HasSubstr("no broker is running"), 3},
                       {{"top"}, "", HasSubstr("no broker"), 3},
@@ -117,6 +118,14 @@ TEST(Commands, FindNoBrokerWhereThereIsNoFolderOfSockets) {
   const auto result = Process(korvo({"get", "Foo"}), {"XDG_RUNTIME_DIR=/nowhere"}).finish();
   EXPECT_THAT(result.err, HasSubstr("/nowhere/korvo: No such file"));
   EXPECT_EQ(result.status, 3);
+  const kit::TemporaryFolder folder;
+  const auto tooLong = folder.path() / std::string(100, 'x');
+  std::filesystem::create_directory(tooLong);
+  for (const Words& words : {Words{"get", "Foo"}, Words{"run", "--no-memory"}}) {
+    const auto refused = Process(korvo(words), {"XDG_RUNTIME_DIR=" + tooLong.string()}).finish();
+    EXPECT_THAT(refused.err, AllOf(HasSubstr(tooLong.string()), HasSubstr("set XDG_RUNTIME_DIR to a shorter one")));
+    EXPECT_EQ(refused.status, 1);
+  }
 }
 
 TEST(Commands, HaveOneOfSeveralBrokersChosen) {
