@@ -1,41 +1,49 @@
 #!/usr/bin/env python3
 """Holds examples/python/korvo.py, and the page it was written from, to what a broker does.
 
-    client_test.py <korvo program> <examples/python>
+    client_test.py <korvo program> <examples/python> <the page>
 """
 
+import contextlib
+import io
 import os
+import pathlib
 import re
+import socket
 import subprocess
 import sys
 import tempfile
 import threading
 import unittest
 
-KORVO, EXAMPLE = sys.argv.pop(1), sys.argv.pop(1)
+KORVO, EXAMPLE, PAGE = (sys.argv.pop(1) for _ in range(3))
 sys.path.insert(0, EXAMPLE)
 sys.dont_write_bytecode = True
 import korvo  # noqa: E402
+import messagepack  # noqa: E402
 from korvo import Float32, HXError, Int64, RemoteError  # noqa: E402
 
 
-def setUpModule():
-    global folder, broker
-    folder = tempfile.TemporaryDirectory()
-    # A map file of this machine would add events of its own.
-    os.environ.update(XDG_RUNTIME_DIR=folder.name, XDG_DATA_HOME="/nonexistent", XDG_DATA_DIRS="/nonexistent")
-    broker = subprocess.Popen([KORVO, "run", "--log-level", "info"], stderr=subprocess.PIPE, text=True)
-    if not any("is running" in line for line in broker.stderr):
+@contextlib.contextmanager
+def running_broker(*options):
+    process = subprocess.Popen([KORVO, "run", "--log-level", "info", *options], stderr=subprocess.PIPE, text=True)
+    if not any("is running" in line for line in process.stderr):
         raise RuntimeError("the broker did not start")
-
-
-def tearDownModule():
-    broker.terminate()
-    status = broker.wait()
-    broker.stderr.close()
-    folder.cleanup()
+    try:
+        yield
+    finally:
+        process.terminate()
+        status = process.wait()
+        process.stderr.close()
     if status != 0:
         raise RuntimeError(f"the broker ended with {status}")
+
+
+def setUpModule():
+    folder = unittest.enterModuleContext(tempfile.TemporaryDirectory())
+    # A map file of this machine would add events of its own.
+    os.environ.update(XDG_RUNTIME_DIR=folder, XDG_DATA_HOME="/nonexistent", XDG_DATA_DIRS="/nonexistent")
+    unittest.enterModuleContext(running_broker())
 
 
 class Hosting:
@@ -160,6 +168,85 @@ class PythonClient(unittest.TestCase):
             self.assertIsNotNone(self.robot.service("Fleeting"))
             self.assertTrue(other.unregister(number))
             self.assertIsNone(self.robot.service("Fleeting"))
+
+
+class Wire(unittest.TestCase):
+    """Plays the exchange of the page, line by line, on a plain socket: it shows what is really sent."""
+
+    ANY = object()  # What the page leaves out.
+
+    def test_exchange_of_the_page(self):
+        page = pathlib.Path(PAGE).read_text()
+        lines = re.search(r"## An exchange\n\n```\n(.*?)```", page, re.DOTALL)[1].splitlines()
+        raised = []
+        with running_broker("--name", "exchange"), socket.socket(socket.AF_UNIX) as self.socket:
+            self.socket.connect(os.environ["XDG_RUNTIME_DIR"] + "/korvo/exchange.sock")
+            self.socket.settimeout(60)
+            self.stream = self.socket.makefile("rb")
+            self.ended = threading.Event()
+            alive = threading.Thread(target=self.stay_alive)
+            alive.start()
+            try:
+                for line in lines:
+                    direction, shown, remark = re.fullmatch(r"([→←]) (.*?)(?:  +(\w.*))?", line).groups()
+                    message = self.message(shown)
+                    if direction == "→":
+                        self.send(message)
+                        continue
+                    if remark and remark.startswith("somebody has raised"):
+                        value = "true" if message[2][1] else "false"
+                        raised.append(subprocess.Popen([KORVO, "raise", "Door", value, "--broker", "exchange"]))
+                    self.compare(message, self.next(), line)
+                self.assertEqual([process.wait(60) for process in raised], [0, 0])
+            finally:
+                for process in raised:
+                    process.kill()
+                    process.wait()
+                self.ended.set()
+                alive.join()
+                self.stream.close()
+
+    def message(self, shown):
+        names = {"nil": None, "true": True, "false": False, "ext": messagepack.Extension, "anything": self.ANY}
+        return eval(shown.replace("…", "anything"), {"__builtins__": {}}, names)
+
+    def send(self, message):
+        self.socket.sendall(messagepack.pack(self.extended(message)))
+
+    def extended(self, value):
+        """With the contents of extensions as bytes."""
+        if isinstance(value, list):
+            return [self.extended(element) for element in value]
+        if isinstance(value, messagepack.Extension):
+            return messagepack.Extension(value.kind, messagepack.pack(value.content))
+        return value
+
+    def next(self):
+        """The next message that is no heartbeat."""
+        while (message := messagepack.unpack(self.stream.read)) == [2, "korvo.alive", []]:
+            pass
+        return message
+
+    def stay_alive(self):
+        while not self.ended.wait(1):
+            self.socket.sendall(messagepack.pack([2, "korvo.alive", []]))
+
+    def compare(self, shown, sent, line):
+        if shown is self.ANY:
+            return
+        if isinstance(shown, messagepack.Extension):
+            self.assertEqual(sent.kind, shown.kind, line)
+            self.compare(shown.content, sent.content if shown.content is self.ANY else self.unpacked(sent), line)
+        elif isinstance(shown, list) and isinstance(sent, list):
+            self.assertEqual(len(sent), len(shown), f"{line}\n{sent}")
+            for one, other in zip(shown, sent):
+                self.compare(one, other, line)
+        else:
+            self.assertEqual(sent, shown, line)
+
+    @staticmethod
+    def unpacked(extension):
+        return messagepack.unpack(io.BytesIO(extension.content).read)
 
 
 if __name__ == "__main__":
