@@ -1,5 +1,6 @@
 #include "completion.h"
 
+#include "format.h"
 #include "remotetarget.h"
 #include "verbs.h"
 
@@ -115,9 +116,8 @@ std::vector<std::string> completions(std::span<const std::string> words) {
     return {};
   }
   const std::string& begun = words.back();
-  std::erase_if(found, [&](const std::string& word) {
-    return !word.starts_with(begun) || word.find_first_of("\n\r") != std::string::npos;
-  });
+  std::erase_if(found,
+                [&](const std::string& word) { return !word.starts_with(begun) || escapeControls(word) != word; });
   std::ranges::sort(found);
   const auto repeated = std::unique(found.begin(), found.end());
   found.erase(repeated, found.end());

@@ -68,7 +68,7 @@ std::vector<std::string> Console::complete(std::string_view line) {
     found = HX::HXMemoryProxy(memory).getDataListName();
   }
   std::erase_if(found, [&](const std::string& name) {
-    return !name.starts_with(word) || name.find_first_of(" \t\"") != std::string::npos;
+    return !name.starts_with(word) || formatName(name, NameReader::Console) != name;
   });
   std::ranges::sort(found);
   return found;

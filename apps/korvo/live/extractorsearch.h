@@ -12,8 +12,8 @@ namespace korvo {
 
 class Target;
 
-/// Finds the module that produces an event, without waiting: the memory tells the events of a module, and not the module
-/// of an event.
+/// Finds the module that produces an event, without waiting: the memory tells the events of a module, and not the
+/// module of an event.
 ///
 /// @par Threads  One at a time.
 class ExtractorSearch {

@@ -144,24 +144,24 @@ TEST(Commands, HaveOneOfSeveralBrokersChosen) {
 }
 
 /// What a shell makes of `commands`; in it, $korvo is the program.
-Process::Result shell(const std::string& commands) {
+Process::Result runShell(const std::string& commands) {
   return kit::runProcess({"/bin/bash", "-c", "korvo=" KORVO_PROGRAM "\n" + commands});
 }
 
 TEST(Commands, GoTogetherInAShell) {
   const Broker broker;
-  EXPECT_EQ(shell(R"(
+  EXPECT_EQ(runShell(R"(
     $korvo set 'Left arm' 1 '$(x)' 2 '\n' '"a"'
     $korvo ls | grep -v Memory | while read -r key; do $korvo get "$key"; done)")
                 .out,
             "2\n0\n1\n\"a\"\n");
   // Whoever ends before all was read ends quietly, by the signal for that.
-  EXPECT_EQ(shell("$korvo top | head -1 >/dev/null; echo ${PIPESTATUS[0]}").out, "141\n");
-  EXPECT_EQ(shell("$korvo ls | true; $korvo top | true").err, "");
+  EXPECT_EQ(runShell("$korvo top | head -1 >/dev/null; echo ${PIPESTATUS[0]}").out, "141\n");
+  EXPECT_EQ(runShell("$korvo ls | true; $korvo top | true").err, "");
 }
 
 TEST(Completion, OfBashRunsNothingThatStandsInAName) {
-  const auto result = shell(". " KORVO_COMPLETION R"(
+  const auto result = runShell(". " KORVO_COMPLETION R"(
     for name in 'Q$(touch x)' "it's" 'a"b' 'a`b`' 'a\b' 'a!b' '\\"$'; do
       for quote in "'" '"' ''; do
         _korvo_quote "$name" "$quote"

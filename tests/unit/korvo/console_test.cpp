@@ -247,7 +247,7 @@ TEST_F(ConsoleTest, HasHelpForEveryCommandUnderANameOfItsOwn) {
 }
 
 TEST_F(ConsoleTest, CompletesCommandsAndThenKeys) {
-  run({"set Foo 1", "set Fob 1", "set \"F x\" 1"});
+  run({"set Foo 1", "set Fob 1", "set \"F x\" 1", "set \"F\\u009b\" 1"});
   EXPECT_THAT(console->complete("un"), ElementsAre("unwatch"));
   EXPECT_THAT(console->complete("get F"), ElementsAre("Fob", "Foo"));
   EXPECT_THAT(console->complete("get Foo Fo"), ElementsAre("Fob", "Foo"));

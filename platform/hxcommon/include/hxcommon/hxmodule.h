@@ -124,7 +124,8 @@ class HX_API HXModule : public HXModuleCore {
   /// Takes the module out of its broker. An override ends the module's own work first (its threads, its timers), and
   /// calls this one last.
   virtual void exit();
-  /// Called once the module is registered: it may be called by others before this returns. An HXError thrown here undoes the creation.
+  /// Called once the module is registered: it may be called by others before this returns. An HXError thrown here
+  /// undoes the creation.
   virtual void init();
   /// Ends what `execute` does. Does nothing unless overridden.
   virtual void stop();

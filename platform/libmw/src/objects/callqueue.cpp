@@ -13,7 +13,7 @@
 namespace mw::detail {
 namespace {
 
-const char* const kCategory = "mw.object";
+const char* const kQueueCategory = "mw.object";
 /// A caller that waits so long for what it has queued is told of in the log.
 constexpr std::chrono::seconds kPatience{5};
 
@@ -154,7 +154,7 @@ void CallQueue::abandon() {
 }
 
 void logFailedPost(const std::string& member, const std::exception_ptr& error, const std::string& from) {
-  log::warning(kCategory, "post",
+  log::warning(kQueueCategory, "post",
                fmt::format("{}, posted{}{}, failed: {}", member, from.empty() ? "" : " by ", from, describe(error)));
 }
 
@@ -179,7 +179,7 @@ void awaitQueuedCallsOf(CallerScope& caller, const GenericObject& object) {
   const auto queue = *found;
   const auto idle = queue->idle();
   if (idle.wait(kPatience) == FutureState::Running) {
-    log::warning(kCategory, "call",
+    log::warning(kQueueCategory, "call",
                  fmt::format("{}: a call waits, after {} s, for those that its thread has posted to the object before",
                              object.metaObject().typeName(), kPatience.count()));
     idle.wait();
