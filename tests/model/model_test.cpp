@@ -14,11 +14,12 @@
 namespace HX::model {
 namespace {
 
-// A sanitizer makes a call twenty times as dear.
+// The same sequences each time, of which the first thousands find nearly all; tools/soak looks at others. A sanitizer
+// makes a call twenty times as dear.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr const char* kParameters = "seed=1 max_success=1000 max_size=200";
+constexpr const char* kParameters = "seed=1 max_success=400 max_size=200";
 #else
-constexpr const char* kParameters = "seed=1 max_success=10000 max_size=200";
+constexpr const char* kParameters = "seed=1 max_success=4000 max_size=200";
 #endif
 
 rc::Gen<Call> anyCall() {
