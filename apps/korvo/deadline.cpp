@@ -1,5 +1,7 @@
 #include "deadline.h"
 
+#include <libmw/forwardingobject.h>
+
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -20,7 +22,7 @@ void forward(const Deadlines::Answer& from, mw::Promise<mw::AnyValue>& to) {
 }
 
 /// Hands everything on, calls with their deadlines.
-class WatchedObject final : public mw::GenericObject {
+class WatchedObject final : public mw::ForwardingObject {
  public:
   WatchedObject(const mw::AnyObject& object, std::string name, std::shared_ptr<Deadlines> deadlines)
       : object_(object), name_(std::move(name)), deadlines_(std::move(deadlines)) {
@@ -35,17 +37,7 @@ class WatchedObject final : public mw::GenericObject {
     const mw::MetaMethod* const called = metaObject().method(method);
     return deadlines_->watch(answer, fmt::format("{}.{}", name_, called ? called->name : fmt::format("{}", method)));
   }
-  void metaPost(unsigned member, mw::GenericFunctionParameters parameters) override {
-    object_->metaPost(member, parameters);
-  }
-  mw::Future<mw::SignalLink> metaConnect(unsigned signal, const mw::SignalSubscriber& subscriber) override {
-    return object_->metaConnect(signal, subscriber);
-  }
-  mw::Future<void> metaDisconnect(mw::SignalLink link) override { return object_->metaDisconnect(link); }
-  mw::Future<mw::AnyValue> metaProperty(unsigned property) override { return object_->metaProperty(property); }
-  mw::Future<void> metaSetProperty(unsigned property, const mw::AnyValue& value) override {
-    return object_->metaSetProperty(property, value);
-  }
+  mw::AnyObject target() const override { return object_; }
 
  private:
   const mw::AnyObject object_;

@@ -34,14 +34,6 @@ AnyObject RemoteService::target() const {
   return target_;
 }
 
-Future<AnyValue> RemoteService::metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) {
-  return target()->metaCall(method, parameters, callType);
-}
-
-void RemoteService::metaPost(unsigned member, GenericFunctionParameters parameters) {
-  target()->metaPost(member, parameters);
-}
-
 Future<SignalLink> RemoteService::metaConnect(unsigned signal, const SignalSubscriber& subscriber) {
   return target()->metaConnect(signal, subscriber).andThen([self = self(), signal, subscriber](const SignalLink& link) {
     self->add(link, {signal, subscriber, link});
@@ -79,12 +71,6 @@ Future<void> RemoteService::metaDisconnect(SignalLink link) {
     target = target_;
   }
   return target->metaDisconnect(ended.link);
-}
-
-Future<AnyValue> RemoteService::metaProperty(unsigned property) { return target()->metaProperty(property); }
-
-Future<void> RemoteService::metaSetProperty(unsigned property, const AnyValue& value) {
-  return target()->metaSetProperty(property, value);
 }
 
 bool RemoteService::isLost() const { return isBehindEndedLink(target()); }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <libmw/genericobject.h>
+#include <libmw/forwardingobject.h>
 
 #include <chrono>
 #include <cstddef>
@@ -18,22 +18,18 @@ namespace mw::remote {
 /// A service found by name in another process, as a session hands it out. It stays when the connection goes, and works
 /// again once it is bound to the service of that name behind a new one, with its signal connections. As long as it has
 /// some it stays though nobody else holds it.
-class RemoteService final : public GenericObject {
+class RemoteService final : public ForwardingObject {
  public:
   RemoteService(std::string name, AnyObject target);
   ~RemoteService() override;
 
-  Future<AnyValue> metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) override;
-  void metaPost(unsigned member, GenericFunctionParameters parameters) override;
   Future<SignalLink> metaConnect(unsigned signal, const SignalSubscriber& subscriber) override;
   Future<void> metaDisconnect(SignalLink link) override;
-  Future<AnyValue> metaProperty(unsigned property) override;
-  Future<void> metaSetProperty(unsigned property, const AnyValue& value) override;
   bool isRemote() const override { return true; }
 
   const std::string& name() const { return name_; }
   /// The object that it stands for at present.
-  AnyObject target() const;
+  AnyObject target() const override;
 
   /// Whether its connection has gone, so that it waits for another one.
   bool isLost() const;
