@@ -2,10 +2,10 @@
 //
 // An extractor produces an event, and only while somebody wants it. It declares the event under its own name; from then
 // on the memory calls its `subscribe` and `unsubscribe` as subscribers come and go, each time with an identifier: the
-// subscriber's name with the event's name behind it. The memory keeps no count, so the extractor does.
+// subscriber's name with the event's name behind it.
 //
-// A module that subscribes a second time replaces its subscription, and `subscribe` comes again with the same
-// identifier, while one `unsubscribe` ends them both. So identifiers are counted, not calls.
+// The memory keeps no count, and does not tell of subscribers that were killed. HX::Subscribers sees to both, and
+// declares the event again when the memory was restarted.
 //
 //     $ korvo run --module thermometer --module eventlogger --console
 //     call EventLogger listen "Thermometer/Temperature"
@@ -13,15 +13,16 @@
 
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxmodule.h>
+#include <hxcommon/subscribers.h>
 #include <hxproxies/hxmemoryproxy.h>
 
-#include <mutex>
-#include <set>
+#include <string>
 #include <vector>
 
 class Thermometer : public HX::HXModule {
  public:
-  Thermometer(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+  Thermometer(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name)
+      : HXModule(broker, name), subscribers_(broker->session(), name) {
     setModuleDescription("Produces the event Thermometer/Temperature while somebody is subscribed to it.");
 
     functionName("subscribe", getName(), "Called by the memory when a module subscribes to the event.");
@@ -42,42 +43,30 @@ class Thermometer : public HX::HXModule {
     bindMethod(this, &Thermometer::measure);
 
     functionName("subscribers", getName(), "Who wants the event.");
-    setReturn("identifiers", "As they were given to subscribe.");
+    setReturn("modules", "Their names.");
     bindMethod(this, &Thermometer::subscribers);
   }
 
   // Only now can others call this module, so this is where it tells them of itself.
-  void init() override { memory().declareEvent(kEvent, getName()); }
+  void init() override { subscribers_.declare(kEvent); }
 
-  void subscribe(const std::string& subscriberId) {
-    const std::lock_guard lock(mutex_);
-    subscribers_.insert(subscriberId);
-  }
-
-  void unsubscribe(const std::string& subscriberId) {
-    const std::lock_guard lock(mutex_);
-    subscribers_.erase(subscriberId);
-  }
+  void subscribe(const std::string& subscriberId) { subscribers_.add(subscriberId); }
+  void unsubscribe(const std::string& subscriberId) { subscribers_.remove(subscriberId); }
 
   float getCurrentPrecision() { return 1.0F; }
 
   void measure(double celsius) {
-    // The lock is not held while raising: a subscriber may unsubscribe from inside its callback.
-    if (!subscribers().empty()) memory().raiseEvent(kEvent, celsius);
+    if (subscribers_.want(kEvent)) memory().raiseEvent(kEvent, celsius);
   }
 
-  std::vector<std::string> subscribers() {
-    const std::lock_guard lock(mutex_);
-    return {subscribers_.begin(), subscribers_.end()};
-  }
+  std::vector<std::string> subscribers() { return subscribers_.of(kEvent); }
 
  private:
   static constexpr const char* kEvent = "Thermometer/Temperature";
 
   HX::HXMemoryProxy memory() { return *getParentBroker()->getSpecialisedProxy<HX::HXMemoryProxy>("HXMemory"); }
 
-  std::mutex mutex_;  // Guards `subscribers_`.
-  std::set<std::string> subscribers_;
+  HX::Subscribers subscribers_;
 };
 
 HX_MODULE(Thermometer)

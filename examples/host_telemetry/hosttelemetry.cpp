@@ -45,19 +45,17 @@ milliseconds periodAtStart() {
 }  // namespace
 
 HostTelemetry::HostTelemetry(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name, Sensors sensors)
-    : HXModule(broker, name), session_(broker->session()), period_(periodAtStart()), sensors_(std::move(sensors)) {
+    : HXModule(broker, name),
+      session_(broker->session()),
+      subscribers_(session_, name),
+      period_(periodAtStart()),
+      sensors_(std::move(sensors)) {
   setModuleDescription(
       "HostTelemetry publishes what this machine's sensors show: its load, memory, temperatures and traffic.");
   bindMethods();
-  session_->serviceUnregistered.connect(mw::SignalSubscriber([this](mw::ServiceId, const std::string& service) {
-                                          onServiceUnregistered(service);
-                                        }).track(lifetime_.token()));
 }
 
-HostTelemetry::~HostTelemetry() {
-  lifetime_.destroy();
-  stopSampling();
-}
+HostTelemetry::~HostTelemetry() { stopSampling(); }
 
 void HostTelemetry::bindMethods() {
   functionName("setPeriod", getName(), "Sets the time from one sample to the next.");
@@ -115,11 +113,6 @@ void HostTelemetry::subscribe(const std::string& subscriberId) { subscribers_.ad
 
 void HostTelemetry::unsubscribe(const std::string& subscriberId) { subscribers_.remove(subscriberId); }
 
-void HostTelemetry::onServiceUnregistered(const std::string& service) {
-  // Notices come a moment late. A module that is there again may have subscribed again already.
-  if (session_->service(service).hasError()) subscribers_.removeModule(service, Publisher::kEventPrefix);
-}
-
 void HostTelemetry::run(const std::stop_token& stop) {
   while (!stop.stop_requested()) {
     const auto now = Clock::now();
@@ -138,9 +131,7 @@ void HostTelemetry::run(const std::stop_token& stop) {
 Publisher& HostTelemetry::publisher() {
   mw::AnyObject memory = session_->service("HXMemory").value(kLookUpLimit);
   if (!publisher_ || memory.pointer() != memory_.pointer()) {
-    // Subscriptions went with the memory that knew them. The publisher learns of those that the new one has.
-    subscribers_.clear();
-    publisher_.emplace(HX::HXMemoryProxy(std::make_shared<HX::HXProxy>(memory, "HXMemory")), getName(), subscribers_);
+    publisher_.emplace(HX::HXMemoryProxy(std::make_shared<HX::HXProxy>(memory, "HXMemory")), subscribers_);
     memory_ = std::move(memory);
   }
   return *publisher_;

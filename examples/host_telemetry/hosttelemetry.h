@@ -2,12 +2,11 @@
 
 #include "publisher.h"
 #include "sensors.h"
-#include "subscribers.h"
 
 #include <hxcommon/hxmodule.h>
+#include <hxcommon/subscribers.h>
 #include <libmw/genericobject.h>
 #include <libmw/session.h>
-#include <libmw/trackable.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -57,7 +56,6 @@ class HostTelemetry : public HX::HXModule {
   using Clock = Sensors::Clock;
 
   void bindMethods();
-  void onServiceUnregistered(const std::string& service);
   void run(const std::stop_token& stop);
   Publisher& publisher();
   void report(const std::string& failure);
@@ -67,7 +65,7 @@ class HostTelemetry : public HX::HXModule {
   // The session and not the broker is asked for the memory: were the sampling thread the last to hold the broker, it
   // would shut the broker down, and so wait for its own end.
   const std::shared_ptr<mw::Session> session_;
-  Subscribers subscribers_;
+  HX::Subscribers subscribers_;
 
   mutable std::mutex mutex_;  // Guards `period_`.
   std::condition_variable_any periodChanged_;
@@ -80,7 +78,6 @@ class HostTelemetry : public HX::HXModule {
   std::string failure_;  // What was logged last; empty when the last sample went well.
 
   std::jthread thread_;
-  mw::Lifetime lifetime_;
 };
 
 }  // namespace telemetry

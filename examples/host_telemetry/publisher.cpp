@@ -46,8 +46,8 @@ std::string description(const Reading& reading) {
 
 }  // namespace
 
-Publisher::Publisher(HX::HXMemoryProxy memory, std::string extractor, Subscribers& subscribers)
-    : memory_(std::move(memory)), extractor_(std::move(extractor)), subscribers_(subscribers) {}
+Publisher::Publisher(HX::HXMemoryProxy memory, HX::Subscribers& subscribers)
+    : memory_(std::move(memory)), subscribers_(subscribers) {}
 
 void Publisher::publish(const std::vector<Reading>& readings) {
   HXValue data = HXValue::list();
@@ -62,16 +62,10 @@ void Publisher::introduce(const Reading& reading) {
   memory_.setDescription(dataKey(reading), description(reading));
   if (isEvent(reading)) {
     const std::string event = eventName(reading);
-    declare(event);
+    subscribers_.declare(event);
     memory_.setDescription(event, description(reading));
   }
   introduced_.insert(reading.name);
-}
-
-void Publisher::declare(const std::string& event) {
-  memory_.declareEvent(event, extractor_);
-  // Asked after the declaration: a subscriber that comes in between is told of twice, and counts once.
-  for (const std::string& subscriber : memory_.getSubscribers(event)) subscribers_.add(subscriber + event);
 }
 
 void Publisher::raise(const std::vector<Reading>& readings) {

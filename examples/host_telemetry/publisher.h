@@ -1,8 +1,8 @@
 #pragma once
 
 #include "sensors.h"
-#include "subscribers.h"
 
+#include <hxcommon/subscribers.h>
 #include <hxproxies/hxmemoryproxy.h>
 
 #include <set>
@@ -23,11 +23,8 @@ class Publisher {
   /// What the names of its events begin with.
   static constexpr std::string_view kEventPrefix = "Host/Sampled/";
 
-  /// @param extractor    The module that the events are declared for.
-  /// @param subscribers  Whom the memory tells the extractor of. Those who subscribed to an event before it was
-  /// declared
-  ///                     for the extractor are added. Must outlive this object.
-  Publisher(HX::HXMemoryProxy memory, std::string extractor, Subscribers& subscribers);
+  /// @param subscribers  Of the extractor: where the events are declared. Must outlive this object.
+  Publisher(HX::HXMemoryProxy memory, HX::Subscribers& subscribers);
 
   /// Stores what was read, all in one call, then raises the events that are wanted. Keys that are new are described,
   /// and their events declared.
@@ -39,12 +36,10 @@ class Publisher {
 
  private:
   void introduce(const Reading& reading);
-  void declare(const std::string& event);
   void raise(const std::vector<Reading>& readings);
 
   HX::HXMemoryProxy memory_;
-  const std::string extractor_;
-  Subscribers& subscribers_;
+  HX::Subscribers& subscribers_;
   std::set<std::string> introduced_;  // Names of readings.
 };
 

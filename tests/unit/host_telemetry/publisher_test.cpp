@@ -4,6 +4,7 @@
 #include "memory_fixture.h"
 #include "print_value.h"
 
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
@@ -20,6 +21,11 @@ using testing::UnorderedElementsAre;
 
 class PublishedReadings : public kit::MemoryFixture {
  protected:
+  void TearDown() override {
+    subscribers.reset();
+    MemoryFixture::TearDown();
+  }
+
   void SetUp() override {
     MemoryFixture::SetUp();
     broker->session()->registerService("Display", mw::AnyObject(display));
@@ -32,10 +38,13 @@ class PublishedReadings : public kit::MemoryFixture {
   void subscribe(const std::string& event) {
     // Not as to an event, for which the memory would turn to an extractor that is not there.
     memory->subscribeToMicroEvent(event, "Display", "", "heard");
-    subscribers.add("Display" + event);
+    subscribers->add("Display" + event);
   }
 
-  Publisher makePublisher() { return {HX::HXMemoryProxy(generic), "Extractor", subscribers}; }
+  Publisher makePublisher() {
+    subscribers.emplace(broker->session(), "Extractor");
+    return {HX::HXMemoryProxy(generic), *subscribers};
+  }
 
   /// Which event the display was told of, with which value.
   std::vector<std::pair<std::string, HXValue>> told() const {
@@ -45,7 +54,7 @@ class PublishedReadings : public kit::MemoryFixture {
   }
 
   const std::shared_ptr<kit::Listener> display = kit::Listener::make();
-  Subscribers subscribers;
+  std::optional<HX::Subscribers> subscribers;
 };
 
 TEST_F(PublishedReadings, AreDataWithADescriptionAndEventsOfTheExtractorWhereTheyMove) {
@@ -70,7 +79,7 @@ TEST_F(PublishedReadings, AreRaisedOnlyWhileSomebodyIsSubscribed) {
   subscribe("Host/Sampled/Memory/Used");
   publisher.publish({{"Memory/Used", 0.2, "ratio"}, {"Processor/Load", 0.2, "ratio"}});
   publisher.publish({{"Memory/Used", 0.2, "ratio"}, {"Processor/Load", 0.2, "ratio"}});
-  subscribers.remove("DisplayHost/Sampled/Memory/Used");
+  subscribers->remove("DisplayHost/Sampled/Memory/Used");
   publisher.publish({{"Memory/Used", 0.3, "ratio"}, {"Processor/Load", 0.3, "ratio"}});
 
   EXPECT_THAT(told(), ElementsAre(Pair("Host/Sampled/Memory/Used", 0.2), Pair("Host/Sampled/Memory/Used", 0.2)));
