@@ -1,11 +1,13 @@
 #include "logcategories.h"
 #include "signalmapline.h"
 
+#include <hxbase/detail/notifierlock.h>
 #include <hxbase/hxmemory.h>
 #include <hxcommon/hxbroker.h>
 #include <libmw/os.h>
 #include <libmw/path.h>
 
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <shared_mutex>
@@ -136,16 +138,31 @@ void HXMemory::mapSignal(const mw::AnyObject& object, const std::string& service
     return;
   }
   declareEvent(event);
+  const auto failed = [this, caller, event, what = service + "." + signal + " to " + event](const std::string& why) {
+    HX_LOG_AS(Error, memoryCategory(), caller, "HXMemory mapping failed for " + what + ": " + why);
+    removeEvent(event);
+  };
   try {
     auto received = mw::AnyFunction::fromDynamicFunction(
         [this, event](const std::vector<mw::AnyReference>& args) { return onSignalReceived(event, args); });
     // The service keeps the connection for as long as it lives, which may be longer than the memory does.
     auto subscriber = mw::SignalSubscriber(std::move(received)).track(lifetime_.token());
-    object->connect(static_cast<unsigned>(id), subscriber).value(mw::kInfiniteTimeout);
+    const auto connected = object->connect(static_cast<unsigned>(id), subscriber);
+    const bool holdsMappings = mappingOwner_ == std::this_thread::get_id();
+    const auto patience = holdsMappings ? NotifierLock::patience() : mw::kInfiniteTimeout;
+    if (connected.wait(patience) != mw::FutureState::Running) {
+      connected.value();
+      return;
+    }
+    // Every other mapping and all notices of services would wait for as long as this service does not answer. It is
+    // connected when it does.
+    HX_LOG_AS(Warning, memoryCategory(), caller,
+              "the mapping of " + service + "." + signal + " to " + event + " waits for the service to answer");
+    connected.then(lifetime_.track([failed](const mw::Future<mw::SignalLink>& done) {
+      if (done.hasError()) failed(done.error());
+    }));
   } catch (const std::exception& error) {
-    HX_LOG_AS(Error, memoryCategory(), caller,
-              "HXMemory mapping failed for " + service + "." + signal + " to " + event + ": " + error.what());
-    removeEvent(event);
+    failed(error.what());
   }
 }
 

@@ -3,6 +3,7 @@
 #include "socket_folder.h"
 #include "temporary_folder.h"
 
+#include <hxbase/detail/notifierlock.h>
 #include <libmw/local.h>
 #include <libmw/path.h>
 
@@ -33,6 +34,7 @@ class Door : public mw::DynamicObject {
   }
 
   mw::Future<mw::SignalLink> metaConnect(unsigned signal, const mw::SignalSubscriber& subscriber) override {
+    if (answer) return answer->future();
     if (jammed) return mw::Future<mw::SignalLink>::failed("the door is jammed");
     return DynamicObject::metaConnect(signal, subscriber);
   }
@@ -42,6 +44,7 @@ class Door : public mw::DynamicObject {
   mw::Signal<int, int> moved;
   mw::Signal<mw::AnyObject> replaced;
   bool jammed = false;
+  std::optional<mw::Promise<mw::SignalLink>> answer;  ///< To every connection, if any.
 };
 
 /// The map file, for as long as it lives.
@@ -114,14 +117,15 @@ TEST_F(Mapping, OfServicesOfAnotherProcessComesBackWithTheConnection) {
   const kit::SocketFolder folder;
   mw::Session session;
   std::optional<mw::LocalServer> server(std::in_place, session, "torso");
+  const auto early = std::make_shared<Door>();
+  const auto late = std::make_shared<Door>();
+  // There before the memory is, so that no notice of it comes while it is mapped.
+  session.registerService("Early", mw::AnyObject(early));
   const mw::LocalClient joined(*broker->session(), "torso");
   std::promise<void> restored;
   const mw::Lifetime listening;
   const auto noteReturn = [&] { restored.set_value(); };
   broker->session()->connectionRestored.connect(mw::SignalSubscriber(noteReturn).track(listening.token()));
-  const auto early = std::make_shared<Door>();
-  const auto late = std::make_shared<Door>();
-  session.registerService("Early", mw::AnyObject(early));
   memory->addMapping("Early", "opened", "E");
   memory->addMapping("Late", "opened", "L");
   const mw::ServiceId lateId = session.registerService("Late", mw::AnyObject(late));
@@ -154,6 +158,26 @@ TEST_F(Mapping, OfServicesOfAnotherProcessComesBackWithTheConnection) {
     });
     EXPECT_EQ(raised, 1U) << event;
   }
+}
+
+TEST_F(Mapping, OfAServiceThatDoesNotAnswerHoldsUpNoOther) {
+  const auto usual = NotifierLock::patience();
+  NotifierLock::setPatience(std::chrono::milliseconds(1));
+  const kit::CaptureLog log({"hxmemory"});
+  memory->addMapping("Silent", "opened", "S");
+  memory->addMapping("Door", "opened", "E");
+  const auto silent = std::make_shared<Door>();
+  silent->answer.emplace();
+  broker->session()->registerService("Silent", mw::AnyObject(silent));
+  const auto door = offerDoor();
+  EXPECT_EQ(raisesOf("E", [&] { door->opened(HXValue(1)); }), 1U);
+  EXPECT_EQ(memory->getDataType("S"), STMValue::Event);
+  silent->answer->setError("no room");
+  mw::defaultLoop().drain();
+  EXPECT_THAT(log.texts(), ElementsAre("the mapping of Silent.opened to S waits for the service to answer",
+                                       "HXMemory mapping failed for Silent.opened to S: no room"));
+  EXPECT_ANY_THROW(memory->getDataType("S"));
+  NotifierLock::setPatience(usual);
 }
 
 TEST_F(Mapping, RaisesOnceForAServiceThatRestartsWhileNoticesWait) {
