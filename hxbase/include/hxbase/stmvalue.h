@@ -2,7 +2,7 @@
 
 #include <hxbase/detail/notifierlock.h>
 #include <hxbase/detail/scalarview.h>
-#include <hxbase/detail/wordlock.h>
+#include <hxvalue/detail/wordlock.h>
 #include <hxbase/hxmemorysignal.h>
 #include <hxbase/stmnotifier.h>
 #include <hxvalue/hxvalue.h>

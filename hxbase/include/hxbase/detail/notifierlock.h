@@ -1,6 +1,6 @@
 #pragma once
 
-#include <hxbase/detail/wordlock.h>
+#include <hxvalue/detail/wordlock.h>
 
 #include <atomic>
 #include <chrono>

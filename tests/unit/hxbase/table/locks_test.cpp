@@ -3,7 +3,7 @@
 #include "together.h"
 
 #include <hxbase/detail/tablelock.h>
-#include <hxbase/detail/wordlock.h>
+#include <hxvalue/detail/wordlock.h>
 
 #include <array>
 #include <atomic>

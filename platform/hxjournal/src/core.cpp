@@ -1,0 +1,210 @@
+#include "core.h"
+
+#include <algorithm>
+#include <new>
+#include <random>
+#include <stdexcept>
+#include <utility>
+
+namespace HX::journal {
+namespace {
+
+constexpr std::chrono::milliseconds kSharedLook{20};
+constexpr int kLooksUntilIdle = 50;  // A second without a change: then the next one rings, once.
+
+std::uint64_t randomEpoch() {
+  std::random_device random;
+  std::uint64_t epoch = 0;
+  while (epoch == 0) epoch = std::uniform_int_distribution<std::uint64_t>()(random);
+  return epoch;
+}
+
+}  // namespace
+
+Core::Core(Source& itsSource, std::shared_ptr<Executor> itsExecutor, const Journal::Options& options)
+    : ring(options),
+      source(itsSource),
+      executor(std::move(itsExecutor)),
+      epoch(randomEpoch()),
+      lingerTime_(options.linger) {}
+
+std::shared_ptr<Follower> Core::join(Filter filter, Follower::Listener onChange, FollowOptions options) {
+  auto follower =
+      std::make_shared<Follower>(shared_from_this(), std::move(filter), std::move(onChange), std::move(options));
+  Followers one{follower};
+  Ring::Chunks spare(1);
+  {
+    const std::lock_guard lock(mutex_);
+    if (closed_) throw std::runtime_error("the journal is closed");
+    if (!recording_) beginRecording();
+    ring.addSpare(spare);
+    followers_.splice(followers_.end(), one);
+    if (!looking_) lookLater();
+  }
+  try {
+    follower->begin();
+    executor->post([follower] { follower->run(); }, {});
+  } catch (...) {
+    follower->end();
+    throw;
+  }
+  return follower;
+}
+
+void Core::leave(const Follower& follower) noexcept {
+  Ring::Chunks spare;
+  Followers one;  // Both go after the lock.
+  const std::lock_guard lock(mutex_);
+  const auto found = std::ranges::find(followers_, &follower, &std::shared_ptr<Follower>::get);
+  if (found == followers_.end()) return;
+  one.splice(one.end(), followers_, found);
+  spare = ring.takeSpare();
+  somebodyLeft_.notify_all();
+  if (followers_.empty() && !closed_ && !keep_) linger();
+}
+
+void Core::close() noexcept {
+  std::unique_lock lock(mutex_);
+  closed_ = true;
+  while (!followers_.empty()) {
+    const auto follower = followers_.front();
+    lock.unlock();
+    follower->end();
+    lock.lock();
+    // One that is leaving on another thread is gone in a moment.
+    somebodyLeft_.wait(lock, [&] { return std::ranges::find(followers_, follower) == followers_.end(); });
+  }
+  endRecording();
+}
+
+void Core::keep(bool on) {
+  const std::lock_guard lock(mutex_);
+  if (closed_) throw std::runtime_error("the journal is closed");
+  if (on && !recording_) beginRecording();
+  if (keep_ && !on && followers_.empty()) linger();
+  keep_ = on;
+}
+
+bool Core::isRecording() const {
+  const std::lock_guard lock(mutex_);
+  return recording_;
+}
+
+void Core::beginRecording() {
+  auto store = ring.makeStore();
+  ring.open(store);
+  source.setRecording(true);
+  recording_ = true;
+}
+
+void Core::endRecording() noexcept {
+  if (!recording_) return;
+  recording_ = false;
+  source.setRecording(false);
+  Ring::Store store;
+  std::list<Grave> graves;
+  ring.close(store, graves);
+}
+
+bool Core::later(void (Core::*step)(), std::chrono::nanoseconds delay) {
+  return executor->post(
+      [weak = weak_from_this(), step] {
+        if (const auto core = weak.lock()) (core.get()->*step)();
+      },
+      delay);
+}
+
+void Core::linger() noexcept {
+  lingerUntil_ = executor->now() + lingerTime_;
+  if (!lingering_) lingerFor(lingerTime_);
+}
+
+/// Where no task can be had for it, recording ends at once: a ring that nobody reads must not cost writers for ever.
+void Core::lingerFor(std::chrono::nanoseconds time) noexcept {
+  try {
+    lingering_ = later(&Core::endLinger, time);
+  } catch (const std::bad_alloc&) {
+    lingering_ = false;
+  }
+  if (!lingering_) endRecording();
+}
+
+void Core::endLinger() {
+  const std::lock_guard lock(mutex_);
+  lingering_ = false;
+  if (closed_ || keep_ || !followers_.empty()) return;
+  // Later, when somebody came and went meanwhile.
+  const auto left = lingerUntil_ - executor->now();
+  if (left > left.zero()) return lingerFor(left);
+  endRecording();
+}
+
+void Core::ringBell() noexcept {
+  try {
+    later(&Core::bell, {});
+  } catch (const std::bad_alloc&) {
+    ring.askForBell();  // With the next change, then.
+  }
+}
+
+void Core::bell() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (closed_) return;
+    looksWithout_ = 0;
+    if (!looking_) lookLater();
+  }
+  const auto first = nextSleeper();
+  if (!first) return;
+  while (const auto another = nextSleeper()) runSoon(another);
+  first->run();
+}
+
+void Core::runSoon(const std::shared_ptr<Follower>& follower) {
+  try {
+    executor->post([follower] { follower->run(); }, {});
+  } catch (const std::bad_alloc&) {
+    follower->run();
+  }
+}
+
+std::shared_ptr<Follower> Core::nextSleeper() {
+  const std::lock_guard lock(mutex_);
+  for (const auto& follower : followers_) {
+    if (follower->isPrompt() && ring.wake(follower->sleeper)) return follower;
+  }
+  return nullptr;
+}
+
+std::shared_ptr<Follower> Core::nextRelaxed() {
+  const std::lock_guard lock(mutex_);
+  for (const auto& follower : followers_) {
+    if (!follower->isPrompt() && ring.wakeIfNews(follower->sleeper)) return follower;
+  }
+  return nullptr;
+}
+
+/// For the followers who need no promptness, as long as there are any.
+void Core::lookLater() noexcept {
+  looking_ = false;
+  if (std::ranges::all_of(followers_, [](const auto& follower) { return follower->isPrompt(); })) return;
+  try {
+    looking_ = later(&Core::look, kSharedLook);
+  } catch (const std::bad_alloc&) {
+    ring.askForBell();
+  }
+}
+
+void Core::look() {
+  while (const auto follower = nextRelaxed()) runSoon(follower);
+  const std::lock_guard lock(mutex_);
+  looking_ = false;
+  if (closed_) return;
+  const std::uint64_t head = ring.head();
+  looksWithout_ = head == lookedAt_ ? looksWithout_ + 1 : 0;
+  lookedAt_ = head;
+  // A table at rest costs nothing: it is looked at again when the next change rings.
+  if (looksWithout_ < kLooksUntilIdle || !ring.askForBell(head)) lookLater();
+}
+
+}  // namespace HX::journal

@@ -1,0 +1,68 @@
+#pragma once
+
+#include "follower.h"
+#include "ring.h"
+
+#include <hxjournal/journal.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <list>
+#include <memory>
+#include <mutex>
+
+namespace HX::journal {
+
+/// What journal and followers share: the ring, who follows, and whether anything is recorded. It outlives the journal
+/// in tasks that are still queued; those do nothing once it is closed.
+class Core : public std::enable_shared_from_this<Core> {
+ public:
+  Core(Source& source, std::shared_ptr<Executor> executor, const Journal::Options& options);
+
+  std::shared_ptr<Follower> join(Filter filter, Follower::Listener onChange, FollowOptions options);
+  void leave(const Follower& follower) noexcept;
+  void keep(bool on);
+  void close() noexcept;
+  bool isRecording() const;
+
+  /// Has those woken who sleep. From any thread that holds none of the locks.
+  void ringBell() noexcept;
+
+  Ring ring;
+  Source& source;
+  const std::shared_ptr<Executor> executor;
+  const std::uint64_t epoch;
+
+ private:
+  using Followers = std::list<std::shared_ptr<Follower>>;
+
+  void beginRecording();
+  void endRecording() noexcept;
+  bool later(void (Core::*step)(), std::chrono::nanoseconds delay);
+  void linger() noexcept;
+  void lingerFor(std::chrono::nanoseconds time) noexcept;
+  void endLinger();
+  void bell();
+  void runSoon(const std::shared_ptr<Follower>& follower);
+  std::shared_ptr<Follower> nextSleeper();
+  std::shared_ptr<Follower> nextRelaxed();
+  void lookLater() noexcept;
+  void look();
+
+  const std::chrono::nanoseconds lingerTime_;
+
+  mutable std::mutex mutex_;  // Guards all below. Outside the table's lock.
+  std::condition_variable somebodyLeft_;
+  Followers followers_;
+  bool recording_ = false;
+  bool keep_ = false;
+  bool closed_ = false;
+  bool lingering_ = false;  // A task is under way that ends the recording.
+  std::chrono::steady_clock::time_point lingerUntil_;
+  // The look that followers who need no promptness share.
+  bool looking_ = false;
+  std::uint64_t lookedAt_ = 0;
+  int looksWithout_ = 0;
+};
+
+}  // namespace HX::journal

@@ -1,0 +1,71 @@
+#include "core.h"
+
+#include <hxjournal/author.h>
+#include <hxjournal/journal.h>
+
+#include <utility>
+
+namespace HX::journal {
+
+Journal::Journal(Source& source, std::shared_ptr<Executor> executor)
+    : Journal(source, std::move(executor), Options()) {}
+
+Journal::Journal(Source& source, std::shared_ptr<Executor> executor, Options options)
+    : core_(std::make_shared<Core>(source, std::move(executor), options)) {}
+
+Journal::~Journal() { close(); }
+
+void Journal::close() noexcept { core_->close(); }
+
+std::uint64_t Journal::append(Entry entry, Afterwards& after) noexcept {
+  entry.author = Author::writing();
+  return core_->ring.append(entry, nullptr, after);
+}
+
+void Journal::appendRemoval(Entry entry, std::list<Grave>& grave, Afterwards& after) noexcept {
+  entry.author = Author::writing();
+  core_->ring.append(entry, &grave, after);
+}
+
+Follow Journal::follow(Filter filter, std::function<void(const Change&)> onChange, FollowOptions options) {
+  return Follow(core_->join(std::move(filter), std::move(onChange), std::move(options)));
+}
+
+void Journal::keep(bool on) { core_->keep(on); }
+
+bool Journal::isRecording() const { return core_->isRecording(); }
+
+Position Journal::position() const {
+  const std::uint64_t head = core_->ring.head();
+  return {core_->epoch, head == 0 ? 0 : head - 1};
+}
+
+Afterwards::~Afterwards() {
+  if (ring_) journal_.core_->ringBell();
+}
+
+Follow& Follow::operator=(Follow&& other) noexcept {
+  if (this != &other) {
+    end();
+    follower_ = std::move(other.follower_);
+  }
+  return *this;
+}
+
+Follow::~Follow() { end(); }
+
+void Follow::end() noexcept {
+  if (follower_) follower_->end();
+}
+
+Position Follow::position() const noexcept { return follower_ ? follower_->position() : Position(); }
+
+void Follow::pause() noexcept {
+  if (follower_) follower_->pause();
+}
+
+void Follow::resume() {
+  if (follower_) follower_->resume();
+}
+
+}  // namespace HX::journal

@@ -1,0 +1,359 @@
+#include "fixture.h"
+
+#include <hxjournal/author.h>
+
+#include <stdexcept>
+
+namespace HX::journal {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+class Following : public JournalFixture {};
+
+TEST_F(Following, TellsEachChangeInOrderWithWhatIsKnownOfIt) {
+  write("a", 1);
+  const Author arm("Arm");
+  std::string author;
+  const auto followed = follow(Filter(), withoutSnapshot());
+  const auto second = journal->follow(
+      {}, [&](const Change& change) { author = change.author; }, withoutSnapshot());
+  EXPECT_THAT(heard(), IsEmpty());
+  {
+    const Author::Scope scope(arm);
+    write("a", 2);
+  }
+  write("a", "x", What::Raised, 3);
+  remove("a");
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("a=2", "a=\"x\"", "a removed"));
+  EXPECT_EQ(author, "");
+  ASSERT_EQ(changes.size(), 3U);
+  for (std::uint32_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(changes[i].nth, i + 2);
+    EXPECT_EQ(changes[i].at.revision, changes[0].at.revision + i);
+    EXPECT_EQ(changes[i].at.epoch, journal->position().epoch);
+    EXPECT_EQ(changes[i].changedKind, i == 1);
+    EXPECT_EQ(changes[i].kind, i == 0 ? 1 : 3);
+  }
+  EXPECT_EQ(changes[1].what, What::Raised);
+  EXPECT_EQ(followed.position(), journal->position());
+}
+
+TEST_F(Following, NamesTheAuthor) {
+  std::vector<std::string> authors;
+  Filter filter;
+  const auto all = journal->follow({}, [&](const Change& change) { authors.emplace_back(change.author); });
+  const auto some = follow(filter.addAuthor("Arm"), withoutSnapshot());
+  executor->run();
+  const auto as = [&](const char* author) {
+    const Author::Scope scope{Author(author)};
+    write("a", author);
+    const Author::Scope inner{Author("inner")};
+    write("b", author);
+  };
+  as("Arm");
+  as("Leg");
+  write("c", 1);
+  executor->advance(1ms);
+  EXPECT_THAT(authors, ElementsAre("Arm", "inner", "Leg", "inner", ""));
+  EXPECT_THAT(heard(), ElementsAre("a=\"Arm\""));
+}
+
+TEST_F(Following, TellsEachWantedKeyOnceAsAStateAndThenItsChanges) {
+  for (const char* key : {"a", "b", "c", "d"}) write(key, 1);
+  std::uint64_t places = 0;
+  table.onWalk = [&](std::uint64_t place) {
+    ++places;
+    // Of what was walked, of what is being walked, and of what is to come.
+    if (place == table.placeOf("b")) {
+      write("a", 2);
+      write("b", 2);
+      write("c", 2);
+      remove("d");
+      write("bb", 1);
+    }
+  };
+  const auto followed = follow();
+  EXPECT_THAT(heard(), ElementsAre("a:1", "b:1", "a=2", "b=2", "bb=1", "c:2", "complete"));
+  EXPECT_EQ(places, 256U);
+  EXPECT_EQ(completeAt, journal->position());
+}
+
+TEST_F(Following, LooksUpExactKeys) {
+  for (const char* key : {"a", "b", "c"}) write(key, 1);
+  table.onWalk = [](std::uint64_t) { FAIL() << "walked"; };
+  const auto followed = follow(Filter({"c", "a", "x"}));
+  EXPECT_THAT(heard(), ElementsAre("a:1", "c:1", "complete"));
+  write("x", 1);
+  write("b", 2);
+  remove("c");
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("x=1", "c removed"));
+}
+
+TEST_F(Following, TellsOfTheGapAndOfWhatChangedInIt) {
+  make({.chunks = 2, .bytes = 1 << 20, .linger = 1s});
+  write("unrecorded", 1);
+  const auto followed = follow();
+  write("old", 1);
+  EXPECT_THAT(heard(), ElementsAre("old:1", "unrecorded:1", "complete"));
+  for (int i = 1; i <= 600; ++i) write("new", i);
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("gap", "new:600", "old unchanged", "unrecorded unchanged", "complete"));
+  EXPECT_EQ(gaps.at(0).to.revision - gaps.at(0).from.revision, 600U);
+  EXPECT_EQ(followed.position(), journal->position());
+  // After a removal a count may begin anew: everything is told.
+  remove("new");
+  for (int i = 1; i <= 600; ++i) write("new", i);
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("gap, full", "new:600", "old:1", "unrecorded:1", "complete"));
+}
+
+TEST_F(Following, GoesOnFromWhereItWasWhenItIsLappedInASnapshot) {
+  make({.chunks = 2, .bytes = 1 << 20, .linger = 1s});
+  for (const char* key : {"a", "b", "c"}) write(key, 1);
+  bool lapped = false;
+  table.onWalk = [&](std::uint64_t place) {
+    if (place != table.placeOf("b") || std::exchange(lapped, true)) return;
+    for (int i = 1; i <= 600; ++i) write("a", i);
+  };
+  const auto followed = follow();
+  EXPECT_THAT(heard(), ElementsAre("a:1", "b:1", "gap, full", "c:1", "a:600", "b:1", "complete"));
+}
+
+TEST_F(Following, CountsAsLappedWhenItIsFurtherBehindThanItWants) {
+  FollowOptions options = withoutSnapshot();
+  options.behind = 10;
+  const auto followed = follow({}, options);
+  for (int i = 1; i <= 10; ++i) write("a", i);
+  EXPECT_EQ(heard().size(), 10U);
+  for (int i = 1; i <= 11; ++i) write("a", i);
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("gap", "a:11", "complete"));
+}
+
+TEST_F(Following, ComesBackWithoutAGapWhileTheJournalLingers) {
+  auto followed = follow();
+  write("a", 1);
+  executor->run();
+  const Position left = followed.position();
+  followed.end();
+  executor->advance(59s);
+  write("a", 2);
+  told.clear();
+  followed = follow({}, since(left));
+  EXPECT_THAT(heard(), ElementsAre("a=2", "complete"));
+  followed.end();
+  executor->advance(61s);
+  EXPECT_FALSE(table.recording);
+  write("a", 3);
+  // It does not record: what comes later is not next to what was before.
+  const Position before = journal->position();
+  followed = follow({}, since(before));
+  EXPECT_THAT(heard(), ElementsAre("gap, full", "a:3", "complete"));
+  EXPECT_GT(gaps.at(0).to.revision, before.revision);
+}
+
+TEST_F(Following, ComesBackAfterAnyTimeToAJournalThatIsKept) {
+  journal->keep(true);
+  write("a", 1);
+  const Position left = journal->position();
+  executor->advance(1h);
+  write("a", 2);
+  auto followed = follow({}, since(left));
+  EXPECT_THAT(heard(), ElementsAre("a=2", "complete"));
+  followed.end();
+  executor->advance(1h);
+  EXPECT_TRUE(table.recording);
+  journal->keep(false);
+  executor->advance(1h);
+  EXPECT_FALSE(table.recording);
+}
+
+TEST_F(Following, TellsEverythingToWhoComesFromNowhere) {
+  journal->keep(true);
+  write("a", 1);
+  const Position now = journal->position();
+  const Position nowhere[] = {{now.epoch + 1, now.revision},
+                              {now.epoch, now.revision + 1},
+                              {now.epoch, 1},
+                              {0, 0},
+                              {now.epoch, ~std::uint64_t{0}}};
+  for (const Position& from : nowhere) {
+    const auto followed = follow({}, since(from));
+    EXPECT_THAT(heard(), ElementsAre("gap, full", "a:1", "complete")) << from.revision;
+  }
+}
+
+TEST_F(Following, TellsTheLatestStateAtTheEndOfAPeriodOfItsRate) {
+  FollowOptions options = withoutSnapshot();
+  options.rate = 10;
+  const auto followed = follow({}, options);
+  for (int i = 1; i <= 5; ++i) write("a", i);
+  write("b", 1);
+  EXPECT_THAT(heard(), ElementsAre("a=1", "b=1"));
+  write("a", 6);
+  executor->advance(99ms);
+  EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_LT(followed.position().revision, journal->position().revision - 3) << "who comes back would miss what is due";
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("a:6 +4"));
+  executor->advance(90ms);
+  write("a", 7);
+  write("b", 2);
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("b=2"));
+  write("a", 8);
+  remove("a");
+  write("a", 1);
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("a removed +2"));
+  executor->advance(100ms);
+  EXPECT_THAT(heard(), ElementsAre("a:1"));
+  executor->advance(1h);
+  EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(Following, IsWokenAtOnceWhenItSleepsAndLooksByItselfWhileThereIsNews) {
+  const auto followed = follow({}, withoutSnapshot());
+  executor->advance(10ms);
+  ASSERT_EQ(executor->waiting(), 0U) << "asleep";
+  write("a", 1);
+  EXPECT_THAT(heard(), ElementsAre("a=1"));
+  const std::size_t posted = executor->posted();
+  write("a", 2);
+  write("a", 3);
+  EXPECT_EQ(executor->posted(), posted) << "a writer woke who is awake";
+  EXPECT_THAT(heard(), IsEmpty());
+  executor->advance(500us);
+  EXPECT_THAT(heard(), ElementsAre("a=2", "a=3"));
+  executor->advance(1s);
+  EXPECT_EQ(executor->waiting(), 0U);
+}
+
+TEST_F(Following, SharesALookWhenItNeedsNoPromptness) {
+  FollowOptions options = withoutSnapshot();
+  options.promptness = Promptness::Relaxed;
+  const auto one = follow({}, options);
+  const auto other = follow({}, options);
+  executor->advance(5ms);
+  write("a", 1);
+  EXPECT_THAT(heard(), IsEmpty());
+  executor->advance(20ms);
+  EXPECT_THAT(heard(), ElementsAre("a=1", "a=1"));
+  executor->advance(1h);
+  EXPECT_EQ(executor->waiting(), 0U) << "a table at rest is being looked at";
+  write("a", 2);
+  executor->advance(20ms);
+  EXPECT_THAT(heard(), ElementsAre("a=2", "a=2"));
+}
+
+TEST_F(Following, EndsInsideItsOwnCallback) {
+  Follow followed;
+  int calls = 0;
+  auto held = std::make_shared<int>();
+  const std::weak_ptr<int> callback = held;
+  followed = journal->follow(
+      {},
+      [&, kept = std::move(held)](const Change&) {
+        ++calls;
+        followed.end();
+        EXPECT_FALSE(callback.expired()) << "ended while it runs";
+      },
+      withoutSnapshot());
+  write("a", 1);
+  write("a", 2);
+  executor->run();
+  EXPECT_EQ(calls, 1);
+  EXPECT_TRUE(callback.expired());
+  executor->advance(1h);
+  EXPECT_FALSE(table.recording);
+}
+
+TEST_F(Following, GoesOnAfterACallbackThatThrows) {
+  std::vector<int> heard;
+  const auto followed = journal->follow(
+      {},
+      [&](const Change& change) {
+        heard.push_back(change.value.asInt());
+        if (heard.size() == 1) throw std::runtime_error("no");
+      },
+      withoutSnapshot());
+  write("a", 1);
+  write("a", 2);
+  EXPECT_THROW(executor->run(), std::runtime_error);
+  executor->run();
+  EXPECT_THAT(heard, ElementsAre(1, 2));
+}
+
+TEST_F(Following, WritesWhatItFollows) {
+  const auto followed = journal->follow({}, [&](const Change& change) {
+    if (change.value.asInt() < 3000) write("a", change.value.asInt() + 1);
+  });
+  write("a", 1);
+  executor->advance(10s);
+  EXPECT_EQ(table.items["a"].state.value, HXValue(3000));
+}
+
+TEST_F(Following, TellsNothingWhilePausedAndOfTheGapAfterwards) {
+  make({.chunks = 2, .bytes = 1 << 20, .linger = 1s});
+  auto followed = follow({}, withoutSnapshot());
+  followed.pause();
+  write("a", 1);
+  executor->advance(1s);
+  EXPECT_THAT(heard(), IsEmpty());
+  followed.resume();
+  followed.resume();
+  EXPECT_THAT(heard(), ElementsAre("a=1"));
+  followed.pause();
+  for (int i = 1; i <= 600; ++i) write("a", i);
+  executor->advance(1s);
+  followed.resume();
+  EXPECT_THAT(heard(), ElementsAre("gap", "a:600", "complete"));
+}
+
+TEST_F(Following, EndsWithTheJournal) {
+  auto followed = follow();
+  executor->run();
+  journal->close();
+  EXPECT_FALSE(table.recording);
+  write("a", 1);
+  EXPECT_THAT(heard(), Not(Contains("a=1")));
+  EXPECT_THROW(follow(), std::runtime_error);
+  followed.end();
+}
+
+// 200 texts of a kilobyte each do not fit a budget of 64.
+TEST_F(Following, KeepsNoMoreBytesThanItsBudget) {
+  make({.chunks = 4, .bytes = 64 << 10, .linger = 1s});
+  std::vector<std::weak_ptr<int>> unused;
+  const auto slow = follow({}, withoutSnapshot());
+  const HXValue text(std::string(1024, 'x'));
+  for (int i = 0; i < 200; ++i) write("a", i % 2 == 0 ? text : HXValue(i));
+  write("a", 1);
+  EXPECT_THAT(heard(), ElementsAre("gap", "a:1", "complete"));
+  const Position now = journal->position();
+  const auto resumed = follow({}, since({now.epoch, now.revision - 120}));
+  EXPECT_EQ(heard().size(), 121U);
+}
+
+TEST_F(Following, KeepsTheNamesOfRemovedKeysUntilTheirChangesAreForgotten) {
+  make({.chunks = 2, .bytes = 1 << 20, .linger = 1s});
+  const auto followed = follow({}, withoutSnapshot());
+  std::weak_ptr<const std::string> name;
+  write("gone", 1);
+  name = table.items["gone"].name;
+  remove("gone");
+  EXPECT_THAT(heard(), ElementsAre("gone=1", "gone removed"));
+  EXPECT_FALSE(name.expired());
+  for (int i = 0; i < 1024 && !name.expired(); ++i) write("a", i);
+  EXPECT_TRUE(name.expired());
+}
+
+}  // namespace
+}  // namespace HX::journal
