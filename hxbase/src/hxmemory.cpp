@@ -56,7 +56,11 @@ void HXMemory::fail(const char* method, const std::string& message, int line) {
   throw HXError("HXMemory", method, message, kSourceFile, line);
 }
 
-HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name)
+    : HXMemory(broker, name, JournalSettings()) {}
+
+HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name, const JournalSettings& settings)
+    : HXModule(broker, name), journal_(*this, executorOf(settings), settings.options) {
   STMValue::setBrokerInstance(broker);
   items.reserve(kExpectedKeys);
   setModuleDescription(
@@ -91,6 +95,7 @@ void HXMemory::patrol() {
 HXMemory::~HXMemory() {
   lifetime_.destroy();
   if (const auto broker = findParentBroker()) broker->session()->serviceRegistered.disconnect(serviceRegisteredLink);
+  journal_.close();  // Its changes refer to the names of the items.
   items.clear();
   // Items with notifications in flight are being destroyed on the event loop; what they run is in this library's hands.
   STMValue::drainRetired();

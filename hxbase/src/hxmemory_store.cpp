@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <iostream>
+#include <list>
 #include <mutex>
 #include <shared_mutex>
 
@@ -15,6 +16,13 @@ namespace {
 /// The name as the bookkeeping events say it. Names of behaviour boxes come and go with every behaviour, and nobody
 /// wants to hear of them: theirs is invalid.
 HXValue announced(const std::string& name) { return name.starts_with("_Behavior") ? HXValue() : HXValue(name); }
+
+/// What a write is told as. Who raises wants the item, to go on with; who declares does not.
+journal::What whatOf(STMValue::dataType kind, const void* item) {
+  if (kind == STMValue::MicroEvent) return journal::What::RaisedMicro;
+  if (kind != STMValue::Event) return journal::What::Stored;
+  return item ? journal::What::Raised : journal::What::Declared;
+}
 
 }  // namespace
 
@@ -93,7 +101,11 @@ std::shared_ptr<STMValue> HXMemory::xInsertData(const std::string& name, const H
 /// @param extractor  Of an event that is declared with one.
 void HXMemory::write(const std::string& name, HXValue value, STMValue::dataType kind, std::shared_ptr<STMValue>* item,
                      const std::string* extractor) {
-  if (!extractor && overwrite(name, value, kind, item)) return;
+  if (!extractor) {
+    const bool overwritten =
+        isRecording() ? overwriteRecorded(name, value, kind, item) : overwrite(name, value, kind, item);
+    if (overwritten) return;
+  }
   const HXValue news = announced(name);
   EventEntry entry = kind == STMValue::Event ? makeEntry(name, extractor) : EventEntry{};
   const Change change = file(name, value, kind, item, entry);
@@ -107,28 +119,52 @@ void HXMemory::write(const std::string& name, HXValue value, STMValue::dataType 
 bool HXMemory::overwrite(const std::string& name, HXValue& value, STMValue::dataType kind,
                          std::shared_ptr<STMValue>* item) {
   const std::shared_lock lock(itemsLock);
-  const auto* found = items.find(name);
-  if (!found) return false;
-  STMValue& present = **found;
-  if (kind == STMValue::Event) {
-    if (!present.isFiledAsEvent()) return false;
-    if (item) present.reserveHistory();
-  }
-  if (!present.tryExchangeValue(value, kind)) return false;
+  if (isRecording()) [[unlikely]]
+    return false;  // Since a moment ago. The other way to write records too.
+  const auto* found = findToOverwrite(name, kind, item);
+  if (!found || !(*found)->tryExchangeValue(value, kind)) return false;
   if (item) *item = *found;
   return true;
 }
 
+/// The same while the journal records: apart, so that writes of which nobody is told do not pay for it.
+[[gnu::noinline]] bool HXMemory::overwriteRecorded(const std::string& name, HXValue& value, STMValue::dataType kind,
+                                                   std::shared_ptr<STMValue>* item) {
+  journal::Afterwards after(journal_);
+  const STMValue::Record record{journal_, whatOf(kind, item), after};
+  const std::shared_lock lock(itemsLock);
+  if (!isRecording()) return false;
+  const auto* found = findToOverwrite(name, kind, item);
+  if (!found || !(*found)->tryExchangeValue(value, kind, &record)) return false;
+  if (item) *item = *found;
+  return true;
+}
+
+inline const std::shared_ptr<STMValue>* HXMemory::findToOverwrite(const std::string& name, STMValue::dataType kind,
+                                                                  const std::shared_ptr<STMValue>* item) const {
+  const auto* found = items.find(name);
+  if (!found || kind != STMValue::Event) return found;
+  if (!(*found)->isFiledAsEvent()) return nullptr;
+  if (item) (*found)->reserveHistory();
+  return found;
+}
+
 HXMemory::Change HXMemory::file(const std::string& name, HXValue& value, STMValue::dataType kind,
                                 std::shared_ptr<STMValue>* item, EventEntry& entry) {
+  journal::Afterwards after(journal_);
+  const STMValue::Record record{journal_, whatOf(kind, item), after};
   const std::unique_lock lock(itemsLock);
+  const STMValue::Record* const recorded = isRecording() ? &record : nullptr;
   const auto* found = items.find(name);
   const bool added = !found;
   const auto present = found ? *found : STMValue::create(this, name, std::move(value), kind, mw::systemNow());
   if (item && kind == STMValue::Event) present->reserveHistory();
-  if (added) items.insert(present->name(), present);
+  if (added) {
+    items.insert(present->name(), present);
+    if (recorded) present->recordMade(record);
+  }
   if (entry.namesItsExtractor) fileEvent(entry);
-  const STMValue::dataType before = added ? kind : present->exchangeValue(value, kind);
+  const STMValue::dataType before = added ? kind : present->exchangeValue(value, kind, recorded);
   // An item that only a subscription made is an event already, and not filed as one.
   if (kind == STMValue::Event && (before != STMValue::Event || !present->isFiledAsEvent())) {
     fileEvent(entry);
@@ -167,22 +203,34 @@ std::shared_ptr<STMValue> HXMemory::xRequireSTMValue(const std::string& name, ST
 
 /// Another thread may have been faster; its item counts.
 std::shared_ptr<STMValue> HXMemory::fileUnlessPresent(const std::shared_ptr<STMValue>& made) {
+  journal::Afterwards after(journal_);
   const std::unique_lock lock(itemsLock);
-  const auto* found = items.find(made->name());
-  return found ? *found : *items.insert(made->name(), made);
+  if (const auto* found = items.find(made->name())) return *found;
+  items.insert(made->name(), made);
+  if (isRecording()) made->recordMade({journal_, journal::What::Declared, after});
+  return made;
 }
 
 void HXMemory::xRemoveData(const std::string& name) {
   const HXValue news = announced(name);
   std::shared_ptr<STMValue> removed;  // Let go of after the lock: the last reference may run what needs it.
   {
-    const std::unique_lock lock(itemsLock);
+    journal::Afterwards after(journal_);
+    std::list<journal::Grave> grave;
+    if (isRecording()) grave.emplace_back();
+    std::unique_lock lock(itemsLock);
+    if (isRecording() && grave.empty()) {  // Since a moment ago.
+      lock.unlock();
+      grave.emplace_back();
+      lock.lock();
+    }
     const auto* found = items.find(name);
     if (!found) fail("removeData", "Data not found " + name, 1175);
     if ((*found)->isDataPtrAccessed()) {
       fail("removeData", "Data " + name + " can't be erased because it has been accessed using getDataPtr", 1179);
     }
     removed = items.extract(name);
+    if (isRecording()) removed->recordRemoval({journal_, journal::What::Removed, after}, grave);
   }
   removed.reset();
   announce(Memory::keyRemovedKey, news);

@@ -19,8 +19,12 @@ namespace {
 
 }  // namespace
 
+HXMemorySignal::HXMemorySignal() : HXMemorySignal(nullptr, {}) {}
+
 HXMemorySignal::HXMemorySignal(HXMemory* memory, const std::string& eventName)
-    : memory_(memory), eventName_(eventName), memoryLifetime_(memory ? memory->lifetime() : mw::Lifetime::Token()) {}
+    : memory_(memory),
+      eventName_(std::make_shared<const std::string>(eventName)),
+      memoryLifetime_(memory ? memory->lifetime() : mw::Lifetime::Token()) {}
 
 HXMemorySignal::~HXMemorySignal() = default;
 
@@ -33,8 +37,8 @@ void HXMemorySignal::trigger(mw::GenericFunctionParameters parameters, mw::MetaC
   }
   if (!memory_) throw std::runtime_error("this signal stands for no event");
   const auto pass = memoryLifetime_.enter();
-  if (!pass) throw std::runtime_error("cannot raise " + eventName_ + ": its memory is gone");
-  memory_->raiseEvent(eventName_, value);
+  if (!pass) throw std::runtime_error("cannot raise " + eventName() + ": its memory is gone");
+  memory_->raiseEvent(eventName(), value);
 }
 
 void HXMemorySignal::bounceEvent(const HXValue& value) {

@@ -52,31 +52,32 @@ void STMValue::setValue(HXValue value, dataType kind, mw::SystemTimePoint time) 
   replaceValue(value, kind, time);
 }
 
-STMValue::dataType STMValue::exchangeValue(HXValue& value, dataType kind) {
+STMValue::dataType STMValue::exchangeValue(HXValue& value, dataType kind, const Record* record) {
   const std::lock_guard lock(valueLock_);
-  const dataType before = kind_;
-  replaceValue(value, kind, mw::systemNow());
+  const auto before = static_cast<dataType>(kind_);
+  replaceValue(value, kind, mw::systemNow(), record);
   return before;
 }
 
-bool STMValue::tryExchangeValue(HXValue& value, dataType kind) {
+bool STMValue::tryExchangeValue(HXValue& value, dataType kind, const Record* record) {
   const std::lock_guard lock(valueLock_);
   if (kind_ != kind) return false;
-  replaceValue(value, kind, mw::systemNow());
+  replaceValue(value, kind, mw::systemNow(), record);
   return true;
 }
 
-void STMValue::replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time) {
+inline void STMValue::replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record) {
+  if (dataPtrAccessed_) requireStorable(value);
+  ++nth_;
+  if (record) {
+    recordValue(value, kind, time, *record);
+  } else {
+    revision_ = 0;
+  }
   if (!dataPtrAccessed_) {
     value_.swap(value);
     show();
   } else {
-    const bool first = !value_.isValid() && (value.isInt() || value.isFloat());
-    if (value.getType() != value_.getType() && !first) {
-      throw HXError("HXMemory", "setValue",
-                    std::string("Can't change the type of the value from ") + HXValue::TypeToString(value_.getType()) +
-                        " to " + HXValue::TypeToString(value.getType()) + " because getDataPtr has been called on it.");
-    }
     // Whoever holds the address uses it without a lock: a number is replaced in place, in one piece, and the place of
     // one that is still to come is left alone.
     if (value.isScalar()) {
@@ -85,8 +86,16 @@ void STMValue::replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint t
       value_.swap(value);
     }
   }
-  kind_ = kind;
+  kind_ = static_cast<std::uint8_t>(kind);
   timestamp_ = time;
+}
+
+void STMValue::requireStorable(const HXValue& value) const {
+  const bool first = !value_.isValid() && (value.isInt() || value.isFloat());
+  if (value.getType() == value_.getType() || first) return;
+  throw HXError("HXMemory", "setValue",
+                std::string("Can't change the type of the value from ") + HXValue::TypeToString(value_.getType()) +
+                    " to " + HXValue::TypeToString(value.getType()) + " because getDataPtr has been called on it.");
 }
 
 void STMValue::show() {
@@ -112,7 +121,7 @@ HXValue STMValue::copyValue() const {
 
 STMValue::dataType STMValue::getDataType() const {
   const std::lock_guard lock(valueLock_);
-  return kind_;
+  return static_cast<dataType>(kind_);
 }
 
 HXValue STMValue::getValueTimeStamp() const {

@@ -5,6 +5,7 @@
 #include <hxbase/stmvalue.h>
 #include <hxcommon/hxmodule.h>
 #include <hxerror/hxerror.h>
+#include <hxjournal/journal.h>
 #include <libmw/session.h>
 #include <libmw/trackable.h>
 
@@ -13,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -41,16 +43,24 @@ extern const std::string keyTypeChanged;  ///< "HXMemory/KeyTypeChanged"
 /// Outer ones first: `itemsLock` before an item's value lock; `itemsLock` before `eventExtractorsLock`. Reads,
 /// listings and writes that keep a key's kind share `itemsLock`; new keys, changes of kind and removals have it alone.
 /// `mappingMutex` is held around everything that applying a mapping does, the declaration of its events included.
+/// The journal's lock for who follows comes before `itemsLock`, the lock of its ring after an item's value lock.
 /// `itemsLock` and an item's notifier lock are never held together, and no lock of the store is held while history is
 /// pushed, a bookkeeping event is raised, or another module is called: all of these come back into the store.
 ///
 /// One process has at most one memory.
 ///
 /// Method words, messages and the stated line numbers of errors are relied on by callers and do not follow the code.
-class HXMemory : public HXModule {
+class HXMemory : public HXModule, private journal::Source {
  public:
+  /// How the journal is kept. As made: by the default event loop, in its usual size.
+  struct JournalSettings {
+    std::shared_ptr<journal::Executor> executor;  ///< Null: the default event loop.
+    journal::Journal::Options options;
+  };
+
   /// @throws HXError when the process has a memory already; whatever binding or the map file raise.
   HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name);
+  HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name, const JournalSettings& settings);
   ~HXMemory() override;
 
   /// Raises the micro-event "KorvoReady" with 0.
@@ -58,6 +68,10 @@ class HXMemory : public HXModule {
 
   /// Ends when the memory is about to be destroyed. For those who hold its address beyond their own end.
   mw::Lifetime::Token lifetime() const { return lifetime_.token(); }
+
+  /// The feed of all changes of the memory. Values that are written through an address are not among them. Must not be
+  /// used longer than the memory lives; a follower that does ends with it.
+  journal::Journal& journal() { return journal_; }
 
   // --- Data: hxmemory_store.cpp --------------------------------------------------------------------------------------
 
@@ -220,7 +234,12 @@ class HXMemory : public HXModule {
   bool copyData(const std::string& name, HXValue& value) const;
   void write(const std::string& name, HXValue value, STMValue::dataType kind, std::shared_ptr<STMValue>* item,
              const std::string* extractor = nullptr);
+  bool isRecording() const { return recording_.load(std::memory_order_relaxed); }
+  const std::shared_ptr<STMValue>* findToOverwrite(const std::string& name, STMValue::dataType kind,
+                                                   const std::shared_ptr<STMValue>* item) const;
   bool overwrite(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
+  bool overwriteRecorded(const std::string& name, HXValue& value, STMValue::dataType kind,
+                         std::shared_ptr<STMValue>* item);
   Change file(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item,
               EventEntry& entry);
   static EventEntry makeEntry(const std::string& name, const std::string* extractor);
@@ -240,6 +259,14 @@ class HXMemory : public HXModule {
   void mapSignal(const mw::AnyObject& object, const std::string& service, const std::string& signal,
                  const std::string& event, const char* caller);
 
+  static std::shared_ptr<journal::Executor> executorOf(const JournalSettings& settings);
+  // What the journal asks for: hxmemory_journal.cpp.
+  std::uint64_t walk(std::uint64_t place, std::uint64_t until, std::size_t homes,
+                     journal::Visitor& visitor) const override;
+  std::uint64_t placeOf(std::string_view name) const noexcept override;
+  void show(std::span<const std::string> names, journal::Visitor& visitor) const override;
+  void setRecording(bool on) override;
+
   const OnlyOne onlyOne_;
   mw::Lifetime lifetime_;
   std::mutex frameManagerLock;  // Guards `frameManagerProxy`; never held across a call.
@@ -247,7 +274,11 @@ class HXMemory : public HXModule {
   Extractors eventExtractors;
   mutable TableLock eventExtractorsLock;  // Guards `eventExtractors`.
   NameTable<STMValue> items;
-  mutable TableLock itemsLock;  // Guards `items`: which item a name means, not what is in the item.
+  // Guards `items`: which item a name means, not what is in the item. And `recording_`, which is written under its
+  // exclusive side and read under either, so that no write goes by what it was before; a look without the lock is a
+  // hint.
+  mutable TableLock itemsLock;
+  std::atomic<bool> recording_{false};
   std::map<std::string, std::map<std::string, std::string>> pendingMappings;
   /// Which signals of which object are connected. A service that restarts while notices wait is found by each of them,
   /// and is to be connected once; one that is back behind a lost connection has its connections again.
@@ -261,6 +292,7 @@ class HXMemory : public HXModule {
   std::mutex mappingMutex;                     // Guards `pendingMappings`. Outer to `mappedLock`.
   std::atomic<std::thread::id> mappingOwner_;  // The thread that holds `mappingMutex`, so that it is not asked to wait.
   mw::SignalLink serviceRegisteredLink = mw::kInvalidSignalLink;
+  journal::Journal journal_;
 };
 
 }  // namespace HX

@@ -4,6 +4,7 @@
 #include <libmw/anyvalue.h>
 #include <libmw/signal.h>
 
+#include <memory>
 #include <string>
 
 namespace HX {
@@ -23,7 +24,7 @@ class HXMemory;
 class HXMemorySignal : public mw::Signal<mw::AnyValue> {
  public:
   /// Stands for no event; a trigger is refused.
-  HXMemorySignal() = default;
+  HXMemorySignal();
   /// @param memory     The memory whose event is raised; not owned. It may go first.
   /// @param eventName  Copied.
   HXMemorySignal(HXMemory* memory, const std::string& eventName);
@@ -40,11 +41,13 @@ class HXMemorySignal : public mw::Signal<mw::AnyValue> {
   void bounceEvent(const HXValue& value);
 
   /// Empty for a signal that stands for no event.
-  const std::string& eventName() const { return eventName_; }
+  const std::string& eventName() const { return *eventName_; }
+  /// The same, to be kept when the signal goes. Never null.
+  const std::shared_ptr<const std::string>& sharedEventName() const { return eventName_; }
 
  private:
   HXMemory* memory_ = nullptr;
-  std::string eventName_;
+  std::shared_ptr<const std::string> eventName_;
   mw::Lifetime::Token memoryLifetime_;
 };
 

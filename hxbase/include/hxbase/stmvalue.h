@@ -2,9 +2,10 @@
 
 #include <hxbase/detail/notifierlock.h>
 #include <hxbase/detail/scalarview.h>
-#include <hxvalue/detail/wordlock.h>
 #include <hxbase/hxmemorysignal.h>
 #include <hxbase/stmnotifier.h>
+#include <hxjournal/journal.h>
+#include <hxvalue/detail/wordlock.h>
 #include <hxvalue/hxvalue.h>
 #include <libmw/clock.h>
 #include <libmw/future.h>
@@ -40,12 +41,20 @@ extern HXBroker* staticBroker;
 ///
 /// @par Locks
 /// `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. Only
-/// `valueLock` is ever taken while the table's lock is held. While `notifierLock` is held, subscribers are called; it
-/// is recursive, because they may come back into the item on the same thread.
+/// `valueLock` is ever taken while the table's lock is held, and under it the lock of the journal's ring. While
+/// `notifierLock` is held, subscribers are called; it is recursive, because they may come back into the item on the
+/// same thread.
 class alignas(64) STMValue {
  public:
   /// What an item is kept as. The numbers are part of the interface.
   enum dataType : std::int32_t { UnknownData = 0, Data = 1, ShmData = 2, Event = 3, MicroEvent = 4 };
+
+  /// What a write needs to be appended to the journal.
+  struct Record {
+    journal::Journal& journal;
+    journal::What what;
+    journal::Afterwards& after;
+  };
 
   /// Makes an item.
   /// @param memory  Owner, for the signal; not kept alive.
@@ -74,12 +83,12 @@ class alignas(64) STMValue {
   ///         A value that is not set yet takes an int or a float all the same.
   void setValue(HXValue value, dataType kind, mw::SystemTimePoint time);
   /// As `setValue` with the present time, and leaves the old value in `value`, to be destroyed by the caller outside
-  /// its locks.
+  /// its locks. `record` is null while the journal does not record.
   /// @return The kind before.
-  dataType exchangeValue(HXValue& value, dataType kind);
+  dataType exchangeValue(HXValue& value, dataType kind, const Record* record = nullptr);
   /// The same for an item that is of this kind already.
   /// @return False when it is of another kind; nothing changes.
-  bool tryExchangeValue(HXValue& value, dataType kind);
+  bool tryExchangeValue(HXValue& value, dataType kind, const Record* record = nullptr);
 
   HXValue getValue() const;
   dataType getDataType() const;
@@ -90,6 +99,16 @@ class alignas(64) STMValue {
   /// @param type  Int or Float; any other for the address of whichever scalar is there, or is still to come.
   /// @throws std::runtime_error when the value is of another type; the mark stays.
   void* accessPointer(HXValue::Type type);
+
+  // --- Journal: stmvalue_record.cpp ----------------------------------------------------------------------------------
+
+  /// Appends the making of the item, the last change to it.
+  void recordMade(const Record& record);
+  /// Counts a new description, and appends it when `record` is not null.
+  void noteDescription(const HXValue& text, const Record* record);
+  /// Appends that the item has been taken out of the table. `grave` takes the name: one element.
+  void recordRemoval(const Record& record, std::list<journal::Grave>& grave);
+  journal::State state() const;
 
   // --- History -------------------------------------------------------------------------------------------------------
 
@@ -158,28 +177,39 @@ class alignas(64) STMValue {
   void endNotifier(Notifiers::iterator record, const std::exception& error, const char* function);
   void noteQuiet();
 
-  void replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time);
+  void replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record = nullptr);
+  void requireStorable(const HXValue& value) const;
+  void recordValue(const HXValue& value, dataType kind, mw::SystemTimePoint time, const Record& record);
+  journal::Entry entry(const HXValue& value, journal::What what) const;
   void show();
   HXValue copyValue() const;
 
   // Together on the first cache line: all that reading a number, or writing a value, touches.
   ScalarView view_;  // What readers of a number get without a lock. Written under valueLock_.
-  HXValue value_;    // Guarded by valueLock_, as are the next three.
+  HXValue value_;    // Guarded by valueLock_, as are the next five.
   mw::SystemTimePoint timestamp_{};
-  dataType kind_ = UnknownData;
+  std::uint64_t revision_ = 0;  // Of the last change; 0 when it was not recorded.
+  std::uint32_t nth_ = 0;       // How often it was changed.
+  mutable WordLock valueLock_;
+  std::uint8_t kind_ = UnknownData;  // A dataType.
   bool dataPtrAccessed_ = false;
   bool filedAsEvent_ = false;  // Guarded by the table's lock.
-  mutable WordLock valueLock_;
+
+  // Together on the second: all else that a raise touches while nobody is subscribed.
+  using History = boost::circular_buffer<std::pair<mw::SystemTimePoint, HXValue>>;
+  alignas(64) const std::shared_ptr<HXMemorySubscriber> itemSignal_;
+  std::shared_ptr<History> historyRing_;  // Guarded by historyLock_, as is `raised_`. Empty until it is needed.
   mutable WordLock historyLock_;
+  bool raised_ = false;                       // Something was pushed, if only an invalid value.
+  std::atomic<bool> historyReserved_{false};  // `historyRing_` is there for good.
+  // Nobody is subscribed and nobody is being called, so that a raise has no business with notifierLock_, under which
+  // this is written.
+  std::atomic<bool> quiet_{true};
+
   Notifiers notifiers_;  // Guarded by notifierLock_, as are the members of the dispatch below.
-  const std::shared_ptr<HXMemorySubscriber> itemSignal_;
   std::weak_ptr<STMValue> self_;
   mutable NotifierLock notifierLock_;
   std::list<mw::Future<void>> pendingNotifications_;
-  using History = boost::circular_buffer<std::pair<mw::SystemTimePoint, HXValue>>;
-  std::shared_ptr<History> historyRing_;      // Guarded by historyLock_, as is the next. Empty until it is needed.
-  bool raised_ = false;                       // Something was pushed, if only an invalid value.
-  std::atomic<bool> historyReserved_{false};  // `historyRing_` is there for good.
 
   // A record that goes while it is being called still owns the method's name, the message and the call state, and a
   // proxy that is replaced is still being called through: they wait here until the outermost dispatch ends. `changes_`
@@ -188,9 +218,6 @@ class alignas(64) STMValue {
   std::vector<std::shared_ptr<HXProxy>> replaced_;
   std::uint64_t changes_ = 0;
   int dispatching_ = 0;
-  // Nobody is subscribed and nobody is being called, so that a raise has no business with notifierLock_, under which
-  // this is written.
-  std::atomic<bool> quiet_{true};
   std::string description_;  // Guarded by the table's lock.
 };
 

@@ -83,6 +83,31 @@ class NameTable {
     size_ = 0;
   }
 
+  /// Where a walk ends.
+  static constexpr std::uint64_t kWalked = std::uint64_t{1} << 32U;
+  /// Where a walk meets a name, whether it is here or not: below `kWalked`.
+  static std::uint64_t placeOf(std::string_view name) noexcept { return reversed(hashOf(name)); }
+
+  /// Calls `use(name, item)` for those who are at home in the next `homes` homes from `place` on, wherever they are
+  /// kept. Between two calls the table may change: who is in it all the time is met once.
+  ///
+  /// Homes are visited in the order of their bit-reversed index. When the table grows, each is split into two that are
+  /// next to each other in this order, so that a walk goes on where it was.
+  /// @param place  0, or what an earlier call returned.
+  /// @param until  As `place`, or `kWalked`: the walk goes no further.
+  template <class Use>
+  std::uint64_t walk(std::uint64_t place, std::uint64_t until, std::size_t homes, Use&& use) const {
+    if (entries_.empty()) return until;
+    const std::uint64_t width = kWalked / entries_.size();
+    for (; homes != 0 && place < until; --homes, place += width) {
+      const std::size_t home = reversed(static_cast<std::uint32_t>(place)) & mask();
+      for (std::size_t i = home; entries_[i].item; i = (i + 1) & mask()) {
+        if ((entries_[i].hash & mask()) == home) use(entries_[i].name(), entries_[i].item);
+      }
+    }
+    return place;
+  }
+
   /// Calls `use(name, item)` for all, in no order.
   template <class Use>
   void forEach(Use&& use) const {
@@ -105,6 +130,12 @@ class NameTable {
 
   static std::uint32_t hashOf(std::string_view name) noexcept { return static_cast<std::uint32_t>(hashOfName(name)); }
   std::size_t mask() const noexcept { return entries_.size() - 1; }
+  static std::uint32_t reversed(std::uint32_t bits) noexcept {
+    bits = (bits >> 1U & 0x55555555U) | (bits & 0x55555555U) << 1U;
+    bits = (bits >> 2U & 0x33333333U) | (bits & 0x33333333U) << 2U;
+    bits = (bits >> 4U & 0x0f0f0f0fU) | (bits & 0x0f0f0f0fU) << 4U;
+    return __builtin_bswap32(bits);
+  }
 
   const Entry* lookUp(std::string_view name) const noexcept {
     if (entries_.empty()) return nullptr;

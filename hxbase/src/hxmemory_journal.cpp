@@ -1,0 +1,48 @@
+#include <hxbase/hxmemory.h>
+#include <libmw/eventloop.h>
+
+#include <mutex>
+#include <shared_mutex>
+
+namespace HX {
+namespace {
+
+class DefaultLoop : public journal::Executor {
+ public:
+  bool post(std::function<void()> task, std::chrono::nanoseconds delay) override {
+    return mw::defaultLoop().post(std::move(task), delay);
+  }
+  std::chrono::steady_clock::time_point now() const noexcept override { return std::chrono::steady_clock::now(); }
+};
+
+}  // namespace
+
+std::shared_ptr<journal::Executor> HXMemory::executorOf(const JournalSettings& settings) {
+  return settings.executor ? settings.executor : std::make_shared<DefaultLoop>();
+}
+
+std::uint64_t HXMemory::walk(std::uint64_t place, std::uint64_t until, std::size_t homes,
+                             journal::Visitor& visitor) const {
+  static_assert(NameTable<STMValue>::kWalked == journal::Source::kEnd);
+  const std::shared_lock lock(itemsLock);
+  return items.walk(place, until, homes, [&](std::string_view name, const auto& item) {
+    if (visitor.wants(name)) visitor.visit(name, item->state());
+  });
+}
+
+std::uint64_t HXMemory::placeOf(std::string_view name) const noexcept { return NameTable<STMValue>::placeOf(name); }
+
+void HXMemory::show(std::span<const std::string> names, journal::Visitor& visitor) const {
+  const std::shared_lock lock(itemsLock);
+  for (const std::string& name : names) {
+    const auto* found = items.find(name);
+    if (found && visitor.wants(name)) visitor.visit(name, (*found)->state());
+  }
+}
+
+void HXMemory::setRecording(bool on) {
+  const std::unique_lock lock(itemsLock);
+  recording_.store(on, std::memory_order_relaxed);
+}
+
+}  // namespace HX
