@@ -2,6 +2,8 @@
 
 #include "transport_hosts.h"
 
+#include <libmw/batch.h>
+
 #include <deque>
 #include <memory>
 
@@ -105,6 +107,7 @@ void pipelinedGet(benchmark::State& state) {
   memory->call("insertData", "key", 42);
   std::deque<mw::Future<mw::AnyValue>> flying;
   for (auto _ : state) {
+    const mw::Batch batch;
     for (int i = 0; i < kInFlight; ++i) flying.push_back(memory->async("getData", "key"));
     for (; !flying.empty(); flying.pop_front()) {
       if (std::move(flying.front()).take().take<HXValue>() != HXValue(42)) state.SkipWithError("a wrong answer");

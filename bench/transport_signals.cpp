@@ -4,6 +4,8 @@
 #include "shared_tally.h"
 #include "transport_hosts.h"
 
+#include <libmw/batch.h>
+
 #include <string>
 #include <thread>
 #include <vector>
@@ -59,6 +61,7 @@ struct Signals {
   }
   static void send() { Broker::instance().memory->call("raiseEvent", "Tick", bench::sharedNow()); }
   static void sendMany(int count) {
+    const mw::Batch batch;
     std::vector<mw::Future<mw::AnyValue>> flying;
     flying.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {

@@ -6,6 +6,7 @@
 #include "output.h"
 
 #include <hxcommon/hxproxy.h>
+#include <libmw/batch.h>
 
 #include <stdexcept>
 #include <utility>
@@ -39,6 +40,7 @@ Import::~Import() {
 }
 
 void Import::run(LineSource& lines) {
+  const mw::Batch batch;
   while (addNext(lines)) showProgress();
   awaitDownTo(0);
   if (failed_ > 0) throw std::runtime_error(fmt::format("{}: {} lines were not imported", source_, failed_));

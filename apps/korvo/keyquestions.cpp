@@ -2,6 +2,7 @@
 
 #include <hxcommon/hxproxy.h>
 #include <hxerror/hxerror.h>
+#include <libmw/batch.h>
 #include <libmw/future.h>
 
 #include <algorithm>
@@ -59,6 +60,7 @@ void askInParts(const HX::HXProxy& memory, std::span<const std::string> keys, co
     const auto part = keys.first(std::min(keys.size(), kKeysOfAPart));
     keys = keys.subspan(part.size());
     std::vector<Pending> asked(part.size());
+    const mw::Batch batch;
     for (std::size_t i = 0; i < part.size(); ++i) {
       for (const KeyQuestion ask : questions) asked[i].push_back(ask(object.get(), part[i]));
     }

@@ -2,10 +2,10 @@
 
 #include "brokername.h"
 #include "brokerservice.h"
-#include "deadline.h"
 #include "format.h"
 
 #include <hxcommon/hxproxy.h>
+#include <libmw/deadline.h>
 #include <libmw/local.h>
 
 #include <filesystem>
@@ -18,11 +18,11 @@ struct RemoteTarget::Connection {
   Connection(RemoteTarget& target, const std::string& broker)
       : client(target.session_, broker),
         deadlines(target.patience_.count() > 0
-                      ? std::make_shared<Deadlines>(target.session_.eventLoop(), target.patience_,
-                                                    "broker " + client.broker())
+                      ? std::make_shared<mw::Deadlines>(target.session_.eventLoop(), target.patience_,
+                                                        "broker " + client.broker())
                       : nullptr) {}
   const mw::LocalClient client;
-  const std::shared_ptr<Deadlines> deadlines;  // Null without a limit.
+  const std::shared_ptr<mw::Deadlines> deadlines;  // Null without a limit.
 };
 
 RemoteTarget::RemoteTarget(const std::string& broker, std::chrono::milliseconds patience)
@@ -58,7 +58,10 @@ const std::string& RemoteTarget::broker() { return connection().client.broker();
 template <class T>
 T RemoteTarget::await(mw::Future<T> answer, const std::string& what) {
   if (const auto& deadlines = connection().deadlines) {
-    if (answer.wait(deadlines->limit()) == mw::FutureState::Running) throw deadlines->error(what);
+    if (answer.wait(deadlines->limit()) == mw::FutureState::Running) {
+      answer.cancel();
+      throw deadlines->error(what);
+    }
   }
   return std::move(answer).take();
 }
@@ -67,7 +70,7 @@ std::shared_ptr<HX::HXProxy> RemoteTarget::find(const std::string& service) {
   try {
     const auto& deadlines = connection().deadlines;
     const auto found = await(session_.service(service), fmt::format("where service {} is", excerpt(service)));
-    return std::make_shared<HX::HXProxy>(deadlines ? withDeadline(found, service, deadlines) : found, service);
+    return std::make_shared<HX::HXProxy>(deadlines ? mw::withDeadline(found, service, deadlines) : found, service);
   } catch (const mw::FutureError& error) {
     if (error.kind() == mw::FutureError::Kind::UserError) return nullptr;
     throw;

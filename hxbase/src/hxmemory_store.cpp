@@ -1,6 +1,7 @@
 #include "logcategories.h"
 
 #include <hxbase/hxmemory.h>
+#include <libmw/batch.h>
 #include <libmw/clock.h>
 #include <libmw/detail/racepoint.h>
 
@@ -43,6 +44,7 @@ void HXMemory::insertListData(const HXValue& list) {
   };
   const std::size_t size = list.getSize();
   if (size == 0) return;
+  const mw::Batch batch;  // Whoever follows several of the keys is told of them in one go.
   // Callers know the index as a 16-bit one: a list that it cannot count to the end of is written round and round.
   for (std::uint16_t i = 0; i < size; ++i) {
     if (i == 0) checkRunning();

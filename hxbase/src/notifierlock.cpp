@@ -1,10 +1,13 @@
 #include "logcategories.h"
 
 #include <hxbase/detail/notifierlock.h>
+#include <libmw/servedcall.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <stdexcept>
 #include <vector>
 
 namespace HX {
@@ -21,6 +24,8 @@ using PatienceClock =
 #else
 using PatienceClock = std::chrono::steady_clock;
 #endif
+/// How long a raise goes on waiting when its caller has given up.
+constexpr std::chrono::milliseconds kStep{200};
 
 }  // namespace
 
@@ -110,6 +115,23 @@ void NotifierLock::lock() {
   if (mutex_.try_lock_until(PatienceClock::now() + waitPatience.load())) return;
   reportWait();
   mutex_.lock();
+}
+
+void NotifierLock::lockForCaller() {
+  if (mutex_.try_lock()) return;
+  const auto givenUp = mw::stopOfServedCall();
+  if (!givenUp.stop_possible()) return lock();
+  // In steps: what could wake the thread at once would take room in every item, for what waits in next to none.
+  const auto reportAt = PatienceClock::now() + waitPatience.load();
+  for (bool isReported = false; !mutex_.try_lock_until(PatienceClock::now() + std::min(kStep, waitPatience.load()));) {
+    if (givenUp.stop_requested()) {
+      throw std::runtime_error("event " + event_ + " was waited for, and whoever raised it has given up");
+    }
+    if (!isReported && PatienceClock::now() >= reportAt) {
+      reportWait();
+      isReported = true;
+    }
+  }
 }
 
 void NotifierLock::setPatience(std::chrono::milliseconds patience) { waitPatience = patience; }

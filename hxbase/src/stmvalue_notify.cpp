@@ -180,7 +180,8 @@ void STMValue::notify(const std::string& key, const HXValue& value) {
 }
 
 void STMValue::tellNotifiers(const std::string& key, const HXValue& value) {
-  const std::lock_guard lock(notifierLock_);
+  notifierLock_.lockForCaller();
+  const std::lock_guard lock(notifierLock_, std::adopt_lock);
   const Dispatch dispatch(*this);
   NotifierLock::Calls calls(notifierLock_);
   for (auto record = notifiers_.begin(); record != notifiers_.end();) {

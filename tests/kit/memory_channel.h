@@ -47,7 +47,7 @@ class MemoryChannel final : public mw::remote::Channel {
     std::vector<mw::remote::Work> works;
     std::string error;
     try {
-      (sink->onFrame(frames, works), ...);
+      (sink->onFrame({frames, valuesIn(frames)}, works), ...);
     } catch (const std::exception& wrong) {
       error = wrong.what();
     }
@@ -58,6 +58,15 @@ class MemoryChannel final : public mw::remote::Channel {
     }
     for (const auto& work : works) work();
     if (!error.empty()) end(error);
+  }
+
+  static std::uint64_t valuesIn(std::span<const std::byte> frame) {
+    mw::remote::FrameSplitter splitter(frame.size(), frame.size());
+    try {
+      splitter.advance(frame);
+    } catch (const mw::remote::ProtocolError&) {  // For the sink to notice.
+    }
+    return splitter.values();
   }
 
   /// Takes the oldest message that was sent. @return Empty when there is none.

@@ -10,6 +10,7 @@
 #include "stress.h"
 
 #include <hxcommon/hxmodule.h>
+#include <hxvalue/msgpack.h>
 #include <libmw/local.h>
 #include <libmw/log.h>
 
@@ -23,7 +24,9 @@
 #include <malloc.h>
 #include <optional>
 #include <random>
+#include <raw_peer.h>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -177,9 +180,13 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
-std::size_t openFiles() {
+/// What else a process has open are the files by which its threads are woken, one for each that has waited.
+std::size_t openSockets() {
   std::size_t count = 0;
-  for ([[maybe_unused]] const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) ++count;
+  std::error_code gone;
+  for (const auto& file : std::filesystem::directory_iterator("/proc/self/fd")) {
+    if (std::filesystem::read_symlink(file, gone).string().starts_with("socket:")) ++count;
+  }
   return count;
 }
 
@@ -195,7 +202,7 @@ std::size_t resident() {
 
 TEST_F(VanishingPeers, LeaveNothingBehind) {
   memory->declareEvent("E", "");
-  const std::size_t files = openFiles();
+  const std::size_t sockets = openSockets();
   std::vector<std::size_t> bytes;
   for (int round = 0; round < 3; ++round) {
     std::vector<std::unique_ptr<kit::Process>> processes(kClients / kClientsOfAProcess);
@@ -210,7 +217,7 @@ TEST_F(VanishingPeers, LeaveNothingBehind) {
     for (auto& one : processes) one.reset();
     EXPECT_TRUE(eventually([&] { return server->connectionCount() == 0; })) << server->connectionCount();
     memory->raiseEvent("E", HXValue(round));
-    EXPECT_TRUE(eventually([&] { return openFiles() <= files + 2; })) << openFiles() << " files, before " << files;
+    EXPECT_TRUE(eventually([&] { return openSockets() == sockets; })) << openSockets() << ", before " << sockets;
     bytes.push_back(allocated());
   }
   if (!kSanitized) {
@@ -240,6 +247,115 @@ TEST_F(VanishingPeers, AreNamedWhileTheyHang) {
   EXPECT_TRUE(eventually([&] { return testing::Matches(testing::Contains(report))(log.texts()); }));
   sitter.release();
   NotifierLock::setPatience(5s);
+}
+
+/// A process that calls and does not care for answers.
+class Caller {
+ public:
+  explicit Caller(const std::string& socket, const std::string& method, const HXValue::List& arguments)
+      : peer_(socket) {
+    const auto call = toMsgpack(HXValue(HXValue::List{0, 1, method, arguments}));
+    peer_.send({reinterpret_cast<const char*>(call.data()), call.size()});
+  }
+
+ private:
+  mw::RawPeer peer_;
+};
+
+/// More of them than any fixed number of threads that somebody would think of.
+constexpr std::size_t kBlocked = kSanitized ? 150 : 1000;
+
+class BlockedCalls : public kit::MemoryFixture {
+ protected:
+  BlockedCalls() {
+    rlimit files{};
+    ::getrlimit(RLIMIT_NOFILE, &files);
+    files.rlim_cur = files.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &files);
+  }
+  void SetUp() override {
+    wasOnStderr_ = mw::log::setStderrSink(false);
+    MemoryFixture::SetUp();
+    server.emplace(*broker->session(), "torso", mw::LinkOptions{.heartbeat = 1h});  // The callers have none.
+    joined.emplace(session, "torso", mw::LocalClient::Options{{.heartbeat = 1h}, false});
+    honest = session.service("HXMemory").take();
+  }
+  void TearDown() override {
+    honest = {};
+    joined.reset();
+    server.reset();
+    MemoryFixture::TearDown();
+    mw::log::setStderrSink(wasOnStderr_);
+  }
+
+  static std::size_t threads() {
+    std::size_t count = 0;
+    for ([[maybe_unused]] const auto& one : std::filesystem::directory_iterator("/proc/self/task")) ++count;
+    return count;
+  }
+
+  /// Has that many call, and serves an honest client while they block and once they have left.
+  void attack(const std::string& method, const HXValue::List& arguments) {
+    const std::size_t others = server->connectionCount();
+    std::vector<std::unique_ptr<Caller>> callers;
+    Clock::duration longest{};
+    int served = 0;
+    const auto serveHonest = [&] {
+      const auto begin = Clock::now();
+      honest->call("insertData", "Honest", ++served);
+      EXPECT_EQ(honest->call<int>("getData", "Honest"), served);
+      longest = std::max(longest, Clock::now() - begin);
+    };
+    for (std::size_t i = 0; i < kBlocked; ++i) {
+      callers.push_back(std::make_unique<Caller>(folder_.path() + "/korvo/torso.sock", method, arguments));
+      if (i % 10 == 0) serveHonest();
+    }
+    for (const auto end = Clock::now() + 30s; threads() < kBlocked && Clock::now() < end;) serveHonest();
+    EXPECT_GE(threads(), kBlocked) << "they do not block";
+    for (int i = 0; i < 100; ++i) serveHonest();
+    {
+      mw::Session newcomer;  // Who comes meanwhile is let in, too.
+      const mw::LocalClient alsoJoined(newcomer, "torso");
+      EXPECT_EQ(newcomer.service("HXMemory").take()->call<int>("getData", "Honest"), served);
+    }
+    callers.clear();
+    EXPECT_LT(longest, 5s);
+    for (const auto end = Clock::now() + 20s; server->connectionCount() > others && Clock::now() < end;) serveHonest();
+    EXPECT_EQ(server->connectionCount(), others);
+    serveHonest();
+  }
+
+  mw::Session session;
+  std::optional<mw::LocalServer> server;
+  std::optional<mw::LocalClient> joined;
+  mw::AnyObject honest;
+
+ private:
+  const kit::SocketFolder folder_;
+  bool wasOnStderr_ = true;
+};
+
+TEST_F(BlockedCalls, OfMoreClientsThanThereAreThreadsKeepNobodyWaiting) {
+  memory->insertData("Still", HXValue(1));
+  attack("HXMemory.getDataOnChange", {"Still", 0});
+  // Whoever waits for its key is gone: the memory, which waits for its calls, ends at once.
+}
+
+TEST_F(BlockedCalls, OfRaisersBehindASilentSubscriberKeepNobodyWaiting) {
+  mw::Session other;
+  std::optional<mw::LocalClient> silent(std::in_place, other, "torso",
+                                        mw::LocalClient::Options{{.heartbeat = 1h}, false});
+  kit::Sitter sitter;
+  const auto ear = kit::Listener::make();
+  ear->react = [&](const auto& heard) {
+    if (heard.value == HXValue(0)) sitter.sit();
+  };
+  other.registerService("Ear", mw::AnyObject(ear));
+  memory->subscribeToEvent("E", "Ear", "heard");
+  const auto first = std::async(std::launch::async, [this] { memory->raiseEvent("E", HXValue(0)); });
+  sitter.awaitEntry();
+  attack("HXMemory.raiseEvent", {"E", 1});
+  sitter.release();
 }
 
 /// What the modules of a robot do all day, in no order.

@@ -4,6 +4,7 @@
 #include "target.h"
 
 #include <hxerror/hxerror.h>
+#include <libmw/batch.h>
 #include <libmw/signal.h>
 
 #include <algorithm>
@@ -177,6 +178,7 @@ void LiveFeed::startLook(std::size_t rows) {
     keys.erase(repeated, keys.end());
   }
   const mw::AnyObject memory = memory_->asObject();
+  const mw::Batch batch;
   for (std::string& key : keys) {
     std::vector<Answer> answers;
     for (const KeyQuestion ask : kFactQuestions) answers.push_back(ask(memory.get(), key));

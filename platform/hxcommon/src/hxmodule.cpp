@@ -1,8 +1,11 @@
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxmodule.h>
 #include <libmw/log.h>
+#include <libmw/servedcall.h>
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -35,24 +38,31 @@ void HXModuleCore::initModule() {
 void HXModuleCore::sleepFor(std::chrono::milliseconds duration) {
   // Added to the present time, the longest durations and the most negative ones would overflow.
   static constexpr std::chrono::milliseconds kLongest = std::chrono::hours{24 * 365};
-  std::unique_lock lock(mutex_);
-  wakeUp_.wait_for(lock, std::clamp(duration, std::chrono::milliseconds{0}, kLongest), [this] { return interrupted_; });
-  lock.unlock();
+  std::mutex mutex;  // Guards `woken`. Of this sleep alone: who wakes one wakes no other.
+  std::condition_variable wakeUp;
+  bool woken = false;
+  const auto wake = [&] {
+    const std::lock_guard lock(mutex);
+    woken = true;
+    wakeUp.notify_all();
+  };
+  const std::stop_callback atExit(interrupted_.get_token(), wake);
+  const std::stop_callback atGivingUp(mw::stopOfServedCall(), wake);
+  {
+    std::unique_lock lock(mutex);
+    wakeUp.wait_for(lock, std::clamp(duration, std::chrono::milliseconds{0}, kLongest), [&] { return woken; });
+  }
   checkRunning();
 }
 
 void HXModuleCore::checkRunning() const {
-  const std::lock_guard lock(mutex_);
-  if (interrupted_) throw std::runtime_error(fmt::format("module {} is shutting down", name_));
+  if (interrupted_.stop_requested()) throw std::runtime_error(fmt::format("module {} is shutting down", name_));
+  if (mw::stopOfServedCall().stop_requested()) {
+    throw std::runtime_error(fmt::format("module {}: whoever called has given up", name_));
+  }
 }
 
-void HXModuleCore::interrupt() {
-  {
-    const std::lock_guard lock(mutex_);
-    interrupted_ = true;
-  }
-  wakeUp_.notify_all();
-}
+void HXModuleCore::interrupt() { interrupted_.request_stop(); }
 
 void HXModuleCore::setModuleDescription(std::string text) { objectBuilder().setDescription(std::move(text)); }
 

@@ -17,12 +17,12 @@ void HXProxy::pCallNotify(const std::string& method, const std::string& key, con
     *state = {0, 0};
     // Among overloads the choice depends on the value, so it is made anew each time.
     if (offered.findMethods(method).size() > 1) {
-      object.metaCall(found.id, parameters).value();
+      object.callNow(found.id, parameters);
       return;
     }
     *state = {static_cast<std::int32_t>(found.id) + 1, offered.uid()};
   }
-  object.metaCall(static_cast<unsigned>(state->first - 1), parameters).value();
+  object.callNow(static_cast<unsigned>(state->first - 1), parameters);
 }
 
 }  // namespace HX

@@ -27,6 +27,9 @@ class NotifierLock {
 
   void lock();
   void unlock() { mutex_.unlock(); }
+  /// The same, for a raise: where another process has asked for it, about as long as that wants it.
+  /// @throws std::runtime_error when it does not any more.
+  void lockForCaller();
 
   /// The calls of subscribers that one notification makes, one after another, on the thread that holds the lock.
   class Calls {

@@ -5,9 +5,8 @@
 #include <libmw/dynamicobject.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -38,8 +37,9 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   /// @throws std::runtime_error when the name is taken.
   void initModule();
 
-  /// Suspends the calling thread, but no longer than until the module leaves its broker.
-  /// @throws std::runtime_error naming the module when it leaves.
+  /// Suspends the calling thread, but no longer than until the module leaves its broker, or the caller in another
+  /// process gives up the call that the thread serves.
+  /// @throws std::runtime_error naming the module when one of these happens.
   void sleepFor(std::chrono::milliseconds duration);
   /// For methods that run long without sleeping: returns at once, or throws as `sleepFor` does.
   void checkRunning() const;
@@ -96,9 +96,7 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   mw::ObjectBuilder builder_;
   bool closed_ = false;
   mw::MetaMethodBuilder current_;
-  mutable std::mutex mutex_;  // Guards `interrupted_`.
-  std::condition_variable wakeUp_;
-  bool interrupted_ = false;
+  std::stop_source interrupted_;
 };
 
 /// Base of every module.

@@ -18,7 +18,8 @@
 /// - **Where continuations run.** `Auto` and `Sync`: on the thread that finishes the future, before the call that
 ///   finishes it returns; or at once in the caller when the future has finished already. `Async`: on the default
 ///   event loop, always. Continuations of one future run in the order in which they were added. However long a
-///   chain is, it runs without recursion.
+///   chain is, it runs without recursion. Futures of calls to other processes are finished by a thread that reads their
+///   connection, which others depend on: it has `Auto` and `Sync` continuations run on the default event loop too.
 /// - **Locks.** No lock of a future is held while a continuation or an on-cancel callback runs, so these may use
 ///   the same future.
 /// - **Dropping a future** cancels nothing: the work goes on, its continuations run, its result is discarded.
@@ -66,6 +67,7 @@ class HX_API FutureError : public std::runtime_error {
 
 namespace detail {
 struct CanceledTag {};
+struct PromiseAccess;
 
 /// The text of any exception; never empty.
 HX_API std::string describe(const std::exception_ptr& exception);
@@ -251,6 +253,7 @@ class Promise {
   bool isCancelRequested() const { return state_->isCancelRequested(); }
 
  private:
+  friend struct detail::PromiseAccess;
   explicit Promise(std::shared_ptr<State> state) noexcept : state_(std::move(state)) {
     if (state_) state_->addPromise();
   }

@@ -54,7 +54,7 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
   R call(std::string_view method, const Args&... args) {
     return detail::withParameters(
         [&](GenericFunctionParameters parameters) -> R {
-          return metaCall(metaObject_.resolve(method, parameters).id, parameters).take().template take<R>();
+          return callNow(metaObject_.resolve(method, parameters).id, parameters).template take<R>();
         },
         args...);
   }
@@ -65,9 +65,8 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
   /// `call` waits for what the thread has posted before. A call that is made from inside another one does not wait for
   /// what that posted, which may need what it holds.
   ///
-  /// Calls to another process that a thread makes within microseconds of each other leave together: as soon as it
-  /// waits for one of them, and within two milliseconds if it does not. So does a single one where calls that came
-  /// together, again and again just before, make it look like the first of more.
+  /// A call to another process leaves at once, or with others in a `Batch`. Behind one that does not return a call
+  /// waits for ever; after five seconds the process of the object names both in the log.
   template <class... Args>
   Future<AnyValue> async(std::string_view method, const Args&... args) {
     return detail::withParameters([&](GenericFunctionParameters parameters) { return callLater(method, parameters); },
@@ -82,6 +81,10 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
   void post(std::string_view name, const Args&... args) {
     detail::withParameters([&](GenericFunctionParameters parameters) { postByName(name, parameters); }, args...);
   }
+
+  /// `metaCall` for a thread that waits for the result at once: from another process it is read by the thread itself.
+  /// @throws As `call`.
+  AnyValue callNow(unsigned method, GenericFunctionParameters parameters);
 
   /// Connects to a signal. @see metaConnect
   /// @throws std::runtime_error naming the signal when there is none.

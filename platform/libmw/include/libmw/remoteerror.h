@@ -3,6 +3,7 @@
 #include <hxerror/api.h>
 
 #include <exception>
+#include <stdexcept>
 #include <string>
 
 namespace mw {
@@ -21,6 +22,36 @@ class HX_API RemoteError : public std::exception {
 
  private:
   std::string text_;
+};
+
+/// What a call to another process fails with for reasons of its own, so that callers tell them apart by type. They
+/// cross processes as what they are.
+///
+/// The connection to the process that would answer has ended, or ended before it did.
+class HX_API ConnectionLostError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  ConnectionLostError(const ConnectionLostError&) = default;
+  ConnectionLostError& operator=(const ConnectionLostError&) = default;
+  ~ConnectionLostError() override;
+};
+
+/// There is no service of that name.
+class HX_API NoSuchServiceError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  NoSuchServiceError(const NoSuchServiceError&) = default;
+  NoSuchServiceError& operator=(const NoSuchServiceError&) = default;
+  ~NoSuchServiceError() override;
+};
+
+/// The object has no method of that name, or none that takes those arguments. Thrown in the same process too.
+class HX_API NoSuchMethodError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  NoSuchMethodError(const NoSuchMethodError&) = default;
+  NoSuchMethodError& operator=(const NoSuchMethodError&) = default;
+  ~NoSuchMethodError() override;
 };
 
 }  // namespace mw

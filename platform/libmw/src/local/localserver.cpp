@@ -27,6 +27,8 @@ const char* const kServerCategory = "mw.link";
 const char* const kShutDown = "the broker shuts down";
 /// Out of files, or out of memory: trying again at once would only burn time.
 constexpr std::chrono::milliseconds kPauseAfterFailure{100};
+/// Told once, to one thread, which asks to be told of the next.
+constexpr std::uint32_t kOneNewcomer = EPOLLIN | EPOLLONESHOT;
 
 }  // namespace
 
@@ -46,7 +48,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
 
   void start() {
     number_ = local::Poller::instance().add(socket_.number(), weak_from_this());
-    watch(EPOLLIN);
+    watch(kOneNewcomer);
   }
 
   void stop() {
@@ -74,15 +76,18 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
  private:
   void watch(std::uint32_t events) { local::Poller::instance().watch(number_, socket_.number(), events); }
 
-  /// One, because the socket stays ready while more wait. To try until nobody does would, with the last file, fail for
-  /// want of a file that nobody needs.
+  /// One, because the next is told of as soon as the socket is watched again. To try until nobody waits would, with the
+  /// last file, fail for want of a file that nobody needs.
   void acceptOne() {
     local::File accepted(::accept4(socket_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (accepted) {
       isShort_ = false;
+      watch(kOneNewcomer);
       welcome(std::move(accepted));
     } else if (errno != EAGAIN && errno != EINTR && errno != ECONNABORTED) {
       waitForMore(errno);
+    } else {
+      watch(kOneNewcomer);
     }
   }
 
@@ -92,8 +97,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
                  fmt::format("broker {} cannot take a connection: {}; newcomers wait until it can", name_,
                              std::generic_category().message(error)));
     }
-    watch(0);
-    defaultLoop().post([self = shared_from_this()] { self->watch(EPOLLIN); }, kPauseAfterFailure);
+    defaultLoop().post([self = shared_from_this()] { self->watch(kOneNewcomer); }, kPauseAfterFailure);
   }
 
   void welcome(local::File socket) {
@@ -119,16 +123,18 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   }
 
   std::optional<std::uint64_t> add(const std::shared_ptr<remote::Link>& link) {
-    const std::lock_guard lock(mutex_);
-    if (stopped_) return std::nullopt;
-    if (links_.size() >= options_.connectionLimit) {
-      log::warning(kServerCategory, "accept",
-                   fmt::format("broker {} refused {}: {} are connected, which is the limit", name_, link->peer(),
-                               links_.size()));
-      return std::nullopt;
+    {
+      const std::lock_guard lock(mutex_);
+      if (stopped_) return std::nullopt;
+      if (links_.size() < options_.connectionLimit) {
+        links_.emplace(++lastNumber_, link);
+        return lastNumber_;
+      }
     }
-    links_.emplace(++lastNumber_, link);
-    return lastNumber_;
+    log::warning(kServerCategory, "accept",
+                 fmt::format("broker {} refused {}: {} are connected, which is the limit", name_, link->peer(),
+                             options_.connectionLimit));
+    return std::nullopt;
   }
 
   void remove(std::uint64_t number) {

@@ -6,17 +6,17 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
-#include <span>
-#include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace mw::local {
 
 /// A file of the system, closed when it goes.
-class File {
+class HX_API File {
  public:
   File() = default;
   explicit File(int number) noexcept : number_(number) {}
@@ -38,96 +38,98 @@ class File {
 class Pollable {
  public:
   virtual ~Pollable() = default;
-  /// The socket is ready. Must not wait.
-  /// @param events  As poll(2) says them.
+  /// The socket is ready. Must not wait. More than one thread may be in it: what comes while one reads is told to
+  /// another.
+  /// @param events  As epoll_ctl(2) says them.
   /// @param works   Takes what is to be done for what came.
   virtual void onReady(std::uint32_t events, std::vector<remote::Work>& works) = 0;
-  /// Does what was left for later, and was told of by `Poller::lookAfterSockets`: some milliseconds have passed. Must
-  /// not wait.
-  virtual void lookAfter() {}
+  /// The time of a reminder has come. Must not wait.
+  virtual void onTimer() {}
 };
 
-/// Watches the sockets of the process.
+/// Watches the sockets of the process, and has threads for what comes.
 ///
-/// One thread at a time leads: it waits for all sockets, reads what came, and does itself what has to be done for it,
-/// so that a call costs no hand-over between threads. As long as it does so nobody watches; therefore it hands the lead
-/// on as soon as it is about to wait for a future, and a monitor takes the lead away from it when a call lasts. So a
-/// call that blocks, for whatever reason, keeps the others waiting for some milliseconds, once.
+/// The kernel elects who reads: all threads wait on one epoll set, and each event wakes one of them, the one that came
+/// last, whose caches are warm. It reads, and does itself the first of what there is to do, so that a call costs no
+/// hand-over between threads. Before that it sees that another one waits, and starts one where none does: calls may
+/// take or block as many threads as they like, reading and accepting never wait for them.
 ///
-/// Asio's reactor is not used for this: it hands the lead on before each event is handled, which wakes a thread for
-/// every call.
-///
-/// @par Threads  Any. The threads are started with the first socket; there are as many as calls block at a time, and
-///   one more, up to `kMostThreads`.
-class Poller {
+/// @par Threads  Any. The first are started with the first socket. How many there are at most is bounded by those who
+///   hand over work: what a link runs is limited there.
+class HX_API Poller {
  public:
+  using Clock = std::chrono::steady_clock;
+
   /// The one of the process.
   static Poller& instance();
+
+  Poller();
+  Poller(const Poller&) = delete;
+  Poller& operator=(const Poller&) = delete;
+  /// Not to be reached while threads are in it: `stop` comes first.
+  ~Poller() = default;
 
   /// Begins to watch `socket`, for nothing yet.
   /// @return The number to name it by. @throws std::system_error
   std::uint64_t add(int socket, const std::weak_ptr<Pollable>& owner);
-  /// Watches for `events` from now on, as long as they hold. The end of the peer is always among them.
+  /// Watches for `events` from now on, and tells at once of those that hold already. The end of the peer is always
+  /// among them.
+  /// @param events  Of epoll_ctl(2), with EPOLLET or EPOLLONESHOT: what is told again and again wakes all threads.
   void watch(std::uint64_t number, int socket, std::uint32_t events);
   /// Ends the watching. `onReady` may still be running.
   void remove(std::uint64_t number, int socket);
 
-  /// How soon a socket wants to be asked.
-  enum class Wish : bool {
-    Sometime,  ///< Within five milliseconds.
-    Soon,      ///< Within two.
-  };
-  /// Has sockets asked to look after themselves, and again two milliseconds later.
-  /// @return False when they will not be: the process ends, or has no thread for it.
-  bool lookAfterSockets(Wish wish);
+  /// Has `onTimer` of a socket called at `due` or before. One timer serves all reminders: it is set when the earliest
+  /// of them gets earlier, and else renewed only when it fires.
+  /// @return False when it will not be, because the process ends.
+  bool remind(std::uint64_t number, Clock::time_point due);
 
-  /// Tells that the calling thread is about to wait: if it leads, it hands the lead on.
-  static void aboutToWait();
+  /// Has works done by other threads. Empty afterwards.
+  void post(std::vector<remote::Work>& works);
 
-  static constexpr std::size_t kMostThreads = 128;
+  /// Ends the threads, and waits for them a while. What is reminded of is done before.
+  void stop();
 
-  Poller(const Poller&) = delete;
-  Poller& operator=(const Poller&) = delete;
+  /// For tests and diagnosis.
+  std::size_t threadCount() const;
 
  private:
-  using Clock = std::chrono::steady_clock;
   class AtExit;
+  enum class Told : std::uint8_t { Socket, Works, Timer, End, Nothing };
 
-  Poller();
+  Told waitOnce(std::vector<remote::Work>& works);
   void runThread();
-  void lead(std::uint64_t term);
-  void work(std::vector<remote::Work>& works);
-  bool handOn(std::uint64_t term);
-  void startThreadLocked();
-  bool lookAfter();
-  void monitor();
-  void askSockets();
-  void stop();
+  bool leaveWaiting();
+  bool startThread();
+  bool mayRetire();
+  void run(remote::Work& work);
+  remote::Work takePosted();
+  void wake();
+  void fireTimer();
+  void setTimerLocked(Clock::time_point due);
   std::shared_ptr<Pollable> find(std::uint64_t number) const;
 
   const File epoll_;
   const File wakeUp_;
+  const File timer_;
+  const File end_;
 
-  std::atomic<std::uint64_t> term_{0};     // of the present leader; each has one of its own
-  std::atomic<std::uint64_t> works_{0};    // begun by leaders
-  std::atomic<std::uint64_t> working_{0};  // the term of the leader that is in one
-  std::atomic<bool> monitored_{false};     // the monitor looks
-  std::atomic<std::uint64_t> wishes_{0};   // that sockets be asked, so far
-  std::atomic<bool> calm_{false};          // the monitor sleeps longer, unless it is woken up
+  /// Threads that wait for events, or are on their way to. One that is started counts at once.
+  std::atomic<std::size_t> waiting_{0};
+  std::atomic<std::size_t> postedCount_{0};
 
   mutable std::mutex socketsMutex_;  // Guards the two below.
-  std::uint64_t lastNumber_ = 0;
+  std::uint64_t lastNumber_;
   std::unordered_map<std::uint64_t, std::weak_ptr<Pollable>> sockets_;
 
-  std::mutex mutex_;  // Guards everything below.
+  mutable std::mutex mutex_;  // Guards everything below.
   std::condition_variable changed_;
-  std::condition_variable monitorWanted_;
-  bool hasLeader_ = false;
-  std::atomic<bool> stopped_{false};  // written with the mutex held
-  bool excessReported_ = false;
+  std::deque<remote::Work> posted_;
+  std::unordered_map<std::uint64_t, Clock::time_point> reminders_;
+  Clock::time_point timerDue_ = Clock::time_point::max();
   std::size_t threads_ = 0;
-  std::size_t spare_ = 0;
-  std::size_t monitors_ = 0;
+  bool stopped_ = false;
+  bool isShort_ = false;  // of threads, which was told
 };
 
 }  // namespace mw::local

@@ -1,7 +1,5 @@
 #include "socketchannel.h"
 
-#include <libmw/eventloop.h>
-
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
@@ -20,12 +18,18 @@ namespace mw::local {
 namespace {
 
 /// One turn of reading ends after so much, so that what came is not kept waiting by what comes.
-constexpr std::size_t kTurn = std::size_t{256} << 10;
+constexpr std::size_t kTurn = std::size_t{64} << 10;
+/// How long a caller that reads may leave the socket unwatched: once for each such time a thread is woken.
+constexpr std::chrono::milliseconds kParkedFor{100};
+/// How long a message waits for others where whoever holds it back does not come to send it.
+constexpr std::chrono::milliseconds kHeldFor{2};
+/// What waits for others leaves when it is as much.
+constexpr std::size_t kHeldBytes = std::size_t{256} << 10;
 /// How long a thread that waits for an answer looks again and again before it sleeps, where answers come fast.
 constexpr std::chrono::microseconds kSpin{10};
 /// Messages up to this size are copied, so that many of them wait in one piece of memory.
 constexpr std::size_t kShort = std::size_t{1} << 10;
-constexpr std::size_t kTogether = std::size_t{8} << 10;
+constexpr std::size_t kPiece = std::size_t{8} << 10;
 /// How many pieces one call of the system sends.
 constexpr std::size_t kGathered = 64;
 
@@ -41,12 +45,6 @@ std::string reasonOf(int error) {
   // A socket that is closed before all was read is reset.
   if (error == ECONNRESET || error == EPIPE) return std::string(remote::kPeerClosed);
   return std::generic_category().message(error);
-}
-
-/// Unique, so that no claim is taken for one on another channel, and even.
-std::uint64_t nextClaim() {
-  static std::atomic<std::uint64_t> last{4};
-  return last += 2;
 }
 
 void makeNonBlocking(int socket) {
@@ -69,79 +67,76 @@ SocketChannel::SocketChannel(File socket, const LinkOptions& options)
 SocketChannel::~SocketChannel() { end("nobody uses it"); }
 
 void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
+  bool isOver = false;
   {
     const std::lock_guard lock(watchMutex_);
     sink_ = sink;
-    if (!ended_) number_ = poller_.add(socket_.number(), weak_from_this());
+    isOver = ended_;  // Asked before the poller knows of it: whoever ends it afterwards tells the sink.
+    if (!isOver) number_ = poller_.add(socket_.number(), weak_from_this());
   }
-  if (ended_ && !toldEnd_.exchange(true)) return sink->onEnd("it ended before it began");
+  if (isOver && !toldEnd_.exchange(true)) return sink->onEnd("it ended before it began");
   watch();
 }
 
-/// Watches for what is of interest now.
+/// Watches for what is of interest now. After each marked step of the turn: what is read of it here is at least as new.
 void SocketChannel::watch() {
   const std::lock_guard lock(watchMutex_);
   if (number_ == 0) return;
-  std::uint32_t events = 0;
-  if (reading_.load() <= Leader) events |= EPOLLIN;
+  std::uint32_t events = EPOLLET;
+  if (turn_.isTold()) events |= EPOLLIN;
   if (hasOutput_) events |= EPOLLOUT;
   poller_.watch(number_, socket_.number(), events);
+}
+
+bool SocketChannel::take(Turn::Step step) {
+  if (step == Turn::Step::TakenAndMarked) watch();
+  return step != Turn::Step::Refused;
+}
+
+/// @return False when nobody will come.
+bool SocketChannel::remindIn(Clock::duration time) {
+  const auto due = Clock::now() + time;
+  // `onTimer` takes the reminder back before it looks at what is to be done: it sees what was said before this.
+  if (reminder_.load() <= due) return true;
+  reminder_ = due;
+  const std::lock_guard lock(watchMutex_);
+  return number_ != 0 && poller_.remind(number_, due);
+}
+
+void SocketChannel::onTimer() {
+  reminder_ = kNoReminder;
+  if (holdsBack_) flush();
+  const std::uint32_t moment = turn_.moment();
+  if (take(turn_.lapse(seenMoment_.exchange(moment)))) return;
+  if (turn_.state() == Turn::State::Parked) remindIn(kParkedFor);
 }
 
 void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& works) {
   if ((events & EPOLLOUT) != 0) flush();
   if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) == 0) return;
-  // The end of the peer is told also of a socket that is not watched, again and again.
-  if ((events & (EPOLLHUP | EPOLLERR)) != 0) resumeWatching();
-  if (std::uint64_t nobody = Nobody; !reading_.compare_exchange_strong(nobody, Leader)) return;
-  receive(works);
-  reading_ = Nobody;
-}
-
-/// For the changes that begin or end the watching for input.
-bool SocketChannel::changeReading(std::uint64_t from, std::uint64_t to) {
-  if (!reading_.compare_exchange_strong(from, to)) return false;
+  // The end of the peer is told also of a socket that is not watched.
+  if ((events & (EPOLLHUP | EPOLLERR)) != 0) expectMore();
+  if (!turn_.beginPoller()) return;
+  do {
+    const auto received = receive(works);
+    if (received == Received::All && turn_.endPoller()) return;
+    if (received == Received::End) return turn_.leavePoller();
+  } while (works.empty());
+  // There is more, or may be: whoever is told of it reads on, while this thread does what has come.
+  turn_.leavePoller();
   watch();
-  return true;
 }
 
-/// For what finds the socket unwatched, and leaves it so.
-bool SocketChannel::takeParked(std::uint64_t to) {
-  std::uint64_t reading = reading_;
-  return isParked(reading) && reading_.compare_exchange_strong(reading, to);
-}
+bool SocketChannel::claim() { return !ended_ && take(turn_.claim()); }
 
-std::uint64_t SocketChannel::claimReading() {
-  const std::uint64_t claim = nextClaim();
-  if (ended_ || !(takeParked(claim) || changeReading(Nobody, claim))) return 0;
-  poller_.lookAfterSockets(Poller::Wish::Sometime);
-  return claim;
-}
-
-bool SocketChannel::beginReading(std::uint64_t claim) {
-  if (ended_) return false;
-  if (claim != 0 && reading_.compare_exchange_strong(claim, Waiting)) return true;
-  return takeParked(Waiting) || changeReading(Nobody, Waiting);
-}
+bool SocketChannel::beginReading() { return !ended_ && take(turn_.beginCaller()); }
 
 void SocketChannel::endReading() {
   // Parked first, asked then: who expects something meanwhile asks for what is parked after having said so.
-  reading_ = nextClaim() | kParked;
-  poller_.lookAfterSockets(Poller::Wish::Sometime);
+  turn_.park();
   const auto sink = sink_.lock();
-  if (ended_ || !sink || !sink->isIdle()) resumeWatching();
-}
-
-void SocketChannel::resumeWatching() {
-  const std::uint64_t reading = reading_;
-  if (isParked(reading)) changeReading(reading, Nobody);
-}
-
-void SocketChannel::lookAfter() {
-  if (holdsBack_) flush();
-  const std::uint64_t reading = reading_;
-  if (reading < FirstClaim || std::exchange(seenClaim_, reading) != reading) return;
-  changeReading(reading, Nobody);
+  if (ended_ || !sink || !sink->isIdle()) return expectMore();
+  if (reminder_.load() == kNoReminder && !remindIn(kParkedFor)) expectMore();
 }
 
 bool SocketChannel::readSoon() {
@@ -153,7 +148,7 @@ bool SocketChannel::readSoon() {
   do {
     receive(works);
     if (lastReceived_.load() != before || ended_) {
-      postAll(works);
+      poller_.post(works);
       return true;
     }
     if (limit == Clock::time_point()) limit = Clock::now() + kSpin;
@@ -170,43 +165,39 @@ void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
   answersFast_ = Clock::now() - begin < kSpin;
   if (count <= 0 || files[0].revents == 0) return;
   receive(works);
-  postAll(works);
-}
-
-void SocketChannel::postAll(std::vector<remote::Work>& works) {
-  for (auto& work : works) defaultLoop().post(std::move(work));
+  poller_.post(works);
 }
 
 /// Reads what is there, for one turn.
-/// @return False when the channel has ended.
-bool SocketChannel::receive(std::vector<remote::Work>& works) {
+SocketChannel::Received SocketChannel::receive(std::vector<remote::Work>& works) {
   const auto sink = sink_.lock();
-  if (!sink) return false;
+  if (!sink) return Received::End;
   try {
     return receive(*sink, works);
   } catch (const std::exception& error) {
     end(error.what());
-    return false;
+    return Received::End;
   }
 }
 
-bool SocketChannel::receive(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
-  for (std::size_t turn = 0; turn < kTurn && !ended_;) {
+SocketChannel::Received SocketChannel::receive(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
+  for (std::size_t turn = 0; turn < kTurn;) {
+    if (ended_) return Received::End;
     const auto room = buffer_.room(splitter_.missing(buffer_.bytes().size()));
     const ssize_t received = ::recv(socket_.number(), room.data(), room.size(), 0);
     if (received < 0 && errno == EINTR) continue;
-    if (received < 0 && (errno == EAGAIN)) return true;
+    if (received < 0 && (errno == EAGAIN)) return Received::All;
     if (received <= 0) {
       end(received == 0 ? std::string(remote::kPeerClosed) : reasonOf(errno));
-      return false;
+      return Received::End;
     }
     turn += static_cast<std::size_t>(received);
     buffer_.received(static_cast<std::size_t>(received));
     lastReceived_ = Clock::now().time_since_epoch().count();
     deliver(sink, works);
-    if (static_cast<std::size_t>(received) < room.size()) return true;
+    if (static_cast<std::size_t>(received) < room.size()) return Received::All;
   }
-  return !ended_;
+  return Received::Part;
 }
 
 /// Hands the messages that are whole to the sink.
@@ -216,7 +207,7 @@ void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>
     while (!rest.empty()) {
       const std::size_t size = splitter_.advance(rest);
       if (size == 0) break;
-      sink.onFrame(rest.first(size), works);
+      sink.onFrame({rest.first(size), splitter_.values()}, works);
       rest = rest.subspan(size);
     }
   } catch (...) {
@@ -245,9 +236,9 @@ bool SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
     end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
     return false;
   }
-  if (when == remote::Sending::Soon) {
+  if (when == remote::Sending::Soon && outputBytes_ < kHeldBytes) {
     if (holdsBack_.exchange(true)) return false;
-    if (poller_.lookAfterSockets(Poller::Wish::Soon)) return true;
+    if (remindIn(kHeldFor)) return true;
   }
   if (hasOutput_) return false;  // It leaves when the peer has read.
   const int error = writeLocked();
@@ -262,7 +253,7 @@ void SocketChannel::queueLocked(remote::Bytes& frame) {
   if (output_.empty() || output_.back().capacity() - output_.back().size() < frame.size()) {
     output_.push_back(std::exchange(spare_, {}));
     output_.back().clear();
-    output_.back().reserve(kTogether);
+    output_.back().reserve(kPiece);
   }
   output_.back().insert(output_.back().end(), frame.begin(), frame.end());
 }
@@ -290,8 +281,8 @@ void SocketChannel::flush() {
 /// Sends as much as the system takes now.
 /// @return 0, or the system's error when the connection is broken.
 int SocketChannel::writeLocked() {
-  // Answers may come that no thread waits for by reading: from a parked socket two ticks of the poller's monitor late.
-  if (holdsBack_.exchange(false)) resumeWatching();
+  // Answers may come that no thread waits for by reading.
+  if (holdsBack_.exchange(false)) expectMore();
   while (!output_.empty()) {
     std::array<iovec, kGathered> parts{};
     std::size_t count = 0;
@@ -313,7 +304,7 @@ int SocketChannel::writeLocked() {
     sent_ += static_cast<std::size_t>(written);
     while (!output_.empty() && sent_ >= output_.front().size()) {
       sent_ -= output_.front().size();
-      if (output_.front().capacity() <= 2 * kTogether) spare_ = std::move(output_.front());
+      if (output_.front().capacity() <= 2 * kPiece) spare_ = std::move(output_.front());
       output_.pop_front();
     }
   }

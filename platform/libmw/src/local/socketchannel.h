@@ -1,5 +1,6 @@
 #pragma once
 
+#include "../remote/readingturn.h"
 #include "poller.h"
 #include "receivebuffer.h"
 
@@ -14,17 +15,16 @@ namespace mw::local {
 
 /// A connected Unix-domain socket.
 ///
-/// **Who reads.** One thread at a time holds the reading: the leader of the poller, when the socket became readable, or
-/// a thread that waits for a message and reads meanwhile. It lets go of the reading before anything is done for what
-/// came. The socket is not watched for input while a waiting thread reads, or has a claim to: were the claim made only
-/// after sending, an answer that comes at once would wake the leader.
+/// `ReadingTurn` says who reads it. What it sends is written by whoever sends, and what the socket does not take by a
+/// thread of the poller once it does.
 ///
-/// **Parked.** Where nothing but answers to calls is to be expected, a thread that has read leaves the socket
-/// unwatched, since as a rule it calls again: to watch in between costs two calls of the system a call. Whoever wants
-/// to read takes the reading from there; after some milliseconds the poller does.
-class SocketChannel final : public remote::Channel,
-                            public Pollable,
-                            public std::enable_shared_from_this<SocketChannel> {
+/// **Parked.** Where nothing but answers to calls is to be expected, a caller that has read leaves the socket
+/// unwatched, since as a rule it calls again: to watch in between costs two calls of the system a call. The end of the
+/// peer is told all the same, by the kernel; a notice that comes meanwhile waits for a tenth of a second at most.
+class HX_API SocketChannel final : public remote::Channel,
+                                   public remote::CallerReading,
+                                   public Pollable,
+                                   public std::enable_shared_from_this<SocketChannel> {
  public:
   /// @param socket  Connected; made non-blocking.
   /// @throws std::system_error when the process is out of files.
@@ -37,29 +37,36 @@ class SocketChannel final : public remote::Channel,
   void end(const std::string& reason) override;
   const std::string& peer() const override { return peer_; }
   std::chrono::milliseconds silence() const override;
-  std::uint64_t claimReading() override;
-  bool beginReading(std::uint64_t claim) override;
+  remote::CallerReading* callerReading() override { return this; }
+
+  bool claim() override;
+  void beginClaimed() override { turn_.beginClaimed(); }
+  bool beginReading() override;
   bool readSoon() override;
   void read(int wakeFile, std::chrono::milliseconds timeout) override;
   void endReading() override;
-  void resumeWatching() override;
+  void expectMore() override { take(turn_.watch()); }
+
   void onReady(std::uint32_t events, std::vector<remote::Work>& works) override;
-  void lookAfter() override;
+  void onTimer() override;
 
  private:
-  using Clock = std::chrono::steady_clock;
+  using Clock = Poller::Clock;
+  using Turn = remote::ReadingTurn;
+  enum class Received : std::uint8_t {
+    All,   ///< That was there.
+    Part,  ///< As much as one turn takes.
+    End,
+  };
 
-  /// Who holds the reading. A greater number is a claim, and an odd one a claim of nobody: parked.
-  enum Reading : std::uint64_t { Nobody, Leader, Waiting, FirstClaim };
-  static constexpr std::uint64_t kParked = 1;
-  static bool isParked(std::uint64_t reading) { return reading >= FirstClaim && (reading & kParked) != 0; }
-  bool changeReading(std::uint64_t from, std::uint64_t to);
-  bool takeParked(std::uint64_t to);
+  static constexpr Clock::time_point kNoReminder = Clock::time_point::max();
+
+  bool take(Turn::Step step);
   void watch();
+  bool remindIn(Clock::duration time);
   std::shared_ptr<remote::ChannelSink> sinkNow();
-  bool receive(std::vector<remote::Work>& works);
-  bool receive(remote::ChannelSink& sink, std::vector<remote::Work>& works);
-  static void postAll(std::vector<remote::Work>& works);
+  Received receive(std::vector<remote::Work>& works);
+  Received receive(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void onSendFailed(int error);
   void queueLocked(remote::Bytes& frame);
@@ -71,23 +78,24 @@ class SocketChannel final : public remote::Channel,
   const std::string peer_;
   std::weak_ptr<remote::ChannelSink> sink_;  // set once, by `start`, under `watchMutex_`: the end may come before
 
-  std::atomic<std::uint64_t> reading_{Nobody};
+  Turn turn_;
   std::atomic<bool> ended_{false};
   std::atomic<bool> toldEnd_{false};
   std::atomic<Clock::rep> lastReceived_;
 
-  // For the thread that holds the reading.
+  // For the thread that has the turn.
   remote::FrameSplitter splitter_;
   ReceiveBuffer buffer_;
   bool answersFast_ = true;
 
-  std::mutex watchMutex_;     // Guards `number_`, and makes what is watched agree with `reading_` and `hasOutput_`.
+  std::mutex watchMutex_;     // Guards `number_`, and makes what is watched agree with `turn_` and `hasOutput_`.
                               // Outer to those of the poller.
   std::uint64_t number_ = 0;  // at the poller; 0 when it is not watched
   std::atomic<bool> hasOutput_{false};
   std::atomic<bool> holdsBack_{false};  // messages wait for others to leave with
 
-  std::uint64_t seenClaim_ = 0;  // by the last `lookAfter`, which one thread calls
+  std::atomic<Clock::time_point> reminder_{kNoReminder};  // when `onTimer` comes
+  std::atomic<std::uint32_t> seenMoment_{0};              // of `turn_`, by the last `onTimer`
 
   std::mutex outputMutex_;            // Guards everything below. Outer to `watchMutex_`.
   std::deque<remote::Bytes> output_;  // messages, short ones together

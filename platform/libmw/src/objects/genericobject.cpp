@@ -1,3 +1,5 @@
+#include "../runtime/threadwait.h"
+
 #include <libmw/genericobject.h>
 
 #include <algorithm>
@@ -35,6 +37,12 @@ void GenericObject::standFor(const GenericObject& object) {
 }
 
 void GenericObject::setMetaObject(MetaObject metaObject) { metaObject_ = std::move(metaObject); }
+
+AnyValue GenericObject::callNow(unsigned method, GenericFunctionParameters parameters) {
+  if (!isRemote()) return metaCall(method, parameters).take();
+  const detail::AboutToWait scope;
+  return metaCall(method, parameters).take();
+}
 
 Future<SignalLink> GenericObject::connect(std::string_view signal, const SignalSubscriber& subscriber) {
   const int id = metaObject_.signalId(signal);

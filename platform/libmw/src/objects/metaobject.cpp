@@ -1,4 +1,5 @@
 #include <libmw/metaobject.h>
+#include <libmw/remoteerror.h>
 
 #include <algorithm>
 #include <atomic>
@@ -148,7 +149,7 @@ const MetaMethod& MetaObject::resolve(std::string_view name, GenericFunctionPara
   const auto candidates = findMethods(name);
   const std::string& owner = typeName();
   const std::string_view dot = owner.empty() ? "" : ".";
-  if (candidates.empty()) throw std::runtime_error(fmt::format("{}{}{}: no such method", owner, dot, name));
+  if (candidates.empty()) throw NoSuchMethodError(fmt::format("{}{}{}: no such method", owner, dot, name));
   const MetaMethod* best = nullptr;
   std::pair<Fit, unsigned> bestRank{Fit::None, 0};
   for (const MetaMethod* candidate : candidates) {
@@ -164,8 +165,8 @@ const MetaMethod& MetaObject::resolve(std::string_view name, GenericFunctionPara
   }
   std::vector<std::string> known;
   for (const MetaMethod* candidate : candidates) known.push_back(candidate->signature());
-  throw std::runtime_error(fmt::format("{}{}{}({}): no overload takes these arguments; there is {}", owner, dot, name,
-                                       typesOf(parameters), joined(known, ", ")));
+  throw NoSuchMethodError(fmt::format("{}{}{}({}): no overload takes these arguments; there is {}", owner, dot, name,
+                                      typesOf(parameters), joined(known, ", ")));
 }
 
 }  // namespace mw

@@ -2,15 +2,14 @@
 
 #include "../runtime/callerscope.h"
 
+#include <hxerror/api.h>
+
 #include <compare>
 #include <cstdint>
-#include <functional>
-#include <memory>
-#include <utility>
 
 namespace mw::remote {
 
-class Channel;
+class CallStop;
 
 /// Names the thread that a chain of calls began on: the process and the thread in it.
 struct Caller {
@@ -41,65 +40,32 @@ inline constexpr std::uint32_t kDeepestChain = 256;
 /// The id of this process among all that are connected; never 0.
 std::uint64_t thisEndpoint();
 
-/// The chain for a call that the calling thread makes now. From then on, the thread serves its chain while it waits for
-/// futures.
+/// The chain for a call that the calling thread makes now.
 /// @throws std::runtime_error beyond `kDeepestChain`.
-Chain chainOfThisThread();
+HX_API Chain chainOfThisThread();
+
+/// What the calling thread works for.
+struct Served {
+  Chain chain;  ///< Its own one while it serves nobody, once it has made a call.
+  Domain domain = nullptr;
+  bool relays = false;  ///< Hands the present call on, and will not wait for its answer.
+  CallStop* stop = nullptr;
+};
+Served& servedByThisThread();
 
 /// While one lives, the calling thread works for `chain`, in `domain`.
 class Serving {
  public:
+  /// @param stop    Of the call; null where nobody waits for its end. Must outlive this.
   /// @param relays  The thread hands the call on to another process, and does not wait for the answer.
-  Serving(const Chain& chain, Domain domain, bool relays = false);
+  Serving(const Chain& chain, Domain domain, CallStop* stop, bool relays = false);
   Serving(const Serving&) = delete;
   Serving& operator=(const Serving&) = delete;
   ~Serving();
 
  private:
-  const Chain outer_;
-  const Domain outerDomain_;
-  const bool outerRelays_;
+  const Served outer_;
   const mw::detail::CallerScope caller_;
 };
-
-/// Has the thread that waits, or is about to, within the chain of `caller`, in `domain`, run `task`; the innermost one,
-/// when several wait.
-/// @return False, with `task` untouched, when no thread does.
-bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task);
-
-class Inbox;
-using Place = std::pair<Caller, Domain>;
-
-/// Held from before a call is sent until it is answered: calls of the chain that come meanwhile are kept for the
-/// calling thread.
-class Expectation {
- public:
-  Expectation() = default;
-  Expectation(const Place& place, std::shared_ptr<Inbox> inbox);
-  Expectation(Expectation&& other) noexcept = default;
-  Expectation& operator=(Expectation&& other) noexcept {
-    std::swap(place_, other.place_);
-    std::swap(inbox_, other.inbox_);
-    return *this;
-  }
-  ~Expectation();
-
-  explicit operator bool() const { return inbox_ != nullptr; }
-
- private:
-  Place place_;
-  std::shared_ptr<Inbox> inbox_;
-};
-
-/// What a thread does once it has made a call.
-enum class Calling : std::uint8_t {
-  Waits,    ///< For the answer, at once.
-  MayWait,  ///< It is not known.
-  GoesOn,   ///< It makes more calls first, which leave together.
-};
-
-/// The calling thread is about to send a call on `channel`: when it waits, it may read the answer itself. Unless it
-/// goes on, calls of the chain that come before it does are kept for it. `chainOfThisThread` comes first.
-Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, Calling then);
 
 }  // namespace mw::remote

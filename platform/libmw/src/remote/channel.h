@@ -20,6 +20,12 @@ using Work = std::function<void()>;
 /// The reason of an end that is nobody's fault.
 inline constexpr std::string_view kPeerClosed = "it closed the connection";
 
+/// A message that has come.
+struct Frame {
+  std::span<const std::byte> bytes;
+  std::uint64_t values = 0;  ///< How many it consists of, those inside one another included.
+};
+
 /// Receives what comes over a channel.
 class ChannelSink {
  public:
@@ -27,7 +33,7 @@ class ChannelSink {
   /// One message. Called by one thread at a time, in their order; must not wait, and must not call what is foreign.
   /// @param works  Receives what is to be done once reading goes on elsewhere, for this message or for those before.
   /// @throws ProtocolError to end the channel.
-  virtual void onFrame(std::span<const std::byte> frame, std::vector<Work>& works) = 0;
+  virtual void onFrame(const Frame& frame, std::vector<Work>& works) = 0;
   /// As many messages as had come have been handed over, or as could be. As `onFrame`.
   virtual void onPause(std::vector<Work>& works) { static_cast<void>(works); }
   /// Whether nothing is to be expected from the peer, as long as nothing is sent to it. Must not wait.
@@ -39,14 +45,41 @@ class ChannelSink {
 /// When a message leaves.
 enum class Sending : bool {
   Now,
-  Soon,  ///< Together with others that follow at once: with the next one that leaves now, or when it is flushed. Who
-         ///< forgets to is helped out after some milliseconds.
+  Soon,  ///< In one go with others that follow: with the next one that leaves now, when it is flushed, or when so much
+         ///< waits that it is worth it. Who does not come to it is helped out after two milliseconds.
 };
 
-/// Ordered messages to and from one other process: the seam between what calls mean and how bytes travel. Ends exactly
-/// once, with a reason.
+/// What a channel offers whose caller may read it: a thread that waits for an answer reads meanwhile, which saves
+/// waking it up by another. `ReadingTurn` says how the two get along.
 ///
-/// @par Threads  Any. Nothing waits, but `read`.
+/// @par Threads  Any, but what begins and ends on the thread that has the turn.
+class CallerReading {
+ public:
+  virtual ~CallerReading() = default;
+
+  /// The calling thread is about to send, and to wait for the answer at once: from now on no other begins to read.
+  /// @return False when another one has the turn already. Otherwise `beginClaimed` or `endReading` follows.
+  virtual bool claim() = 0;
+  virtual void beginClaimed() = 0;
+  /// @return False when another one has the turn.
+  virtual bool beginReading() = 0;
+  /// Looks for some microseconds, where answers come fast. What the sink leaves to be done is done by other threads.
+  /// @return Whether something has come and been handed to the sink, or the channel has ended.
+  virtual bool readSoon() = 0;
+  /// The same, until something has come, until `wakeFile` can be read, or `timeout` has passed.
+  virtual void read(int wakeFile, std::chrono::milliseconds timeout) = 0;
+  /// Gives the turn, or the claim to it, back. Where the sink is idle, it may take a tenth of a second until another
+  /// thread reads.
+  virtual void endReading() = 0;
+  /// Something is expected that no thread waits for by reading itself. To be called when the sink is not idle any more
+  /// for that reason: whoever gives the turn back asks it then.
+  virtual void expectMore() = 0;
+};
+
+/// Ordered messages to and from one other process: the seam between what calls mean and how bytes travel, and all that
+/// an engine between machines has to offer. Ends exactly once, with a reason.
+///
+/// @par Threads  Any. Nothing waits.
 class Channel {
  public:
   virtual ~Channel() = default;
@@ -67,31 +100,8 @@ class Channel {
   /// How long nothing has come, although all that came was read.
   virtual std::chrono::milliseconds silence() const = 0;
 
-  /// A thread that waits for a message may read the channel itself, which saves waking it up by another.
-  ///
-  /// The calling thread is about to send, and to wait for the answer: from now on no other begins to read. Where it
-  /// does not come to read within some milliseconds, the claim is void.
-  /// @return For `beginReading`; 0 when another thread is reading, or the channel cannot be read so.
-  virtual std::uint64_t claimReading() { return 0; }
-  /// @param claim  What `claimReading` returned to this thread.
-  /// @return False when another thread is reading, or the channel cannot be read so.
-  virtual bool beginReading(std::uint64_t claim) {
-    static_cast<void>(claim);
-    return false;
-  }
-  /// Between `beginReading` and `endReading`: looks for some microseconds, where answers come fast. What the sink
-  /// leaves to be done is put on the event loop.
-  /// @return Whether something has come and been handed to the sink, or the channel has ended.
-  virtual bool readSoon() { return false; }
-  /// The same, until something has come, until `wakeFile` can be read, or `timeout` has passed.
-  virtual void read(int wakeFile, std::chrono::milliseconds timeout) {
-    static_cast<void>(wakeFile);
-    static_cast<void>(timeout);
-  }
-  /// Where the sink is idle, it may take some milliseconds until another thread reads.
-  virtual void endReading() {}
-  /// Something is expected that no thread waits for by reading itself.
-  virtual void resumeWatching() {}
+  /// Null where a thread that waits for an answer cannot read the channel itself.
+  virtual CallerReading* callerReading() { return nullptr; }
 };
 
 }  // namespace mw::remote

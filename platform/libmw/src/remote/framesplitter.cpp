@@ -100,7 +100,7 @@ std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
     }
   }
   if (position_ > bytes.size()) return 0;
-  values_ = 0;
+  found_ = std::exchange(values_, 0);
   return std::exchange(position_, 0);
 }
 

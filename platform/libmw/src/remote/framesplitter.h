@@ -39,6 +39,8 @@ class HX_API FrameSplitter {
   /// @return The size of the message; 0 as long as it is not all there.
   /// @throws ProtocolError for what is over a limit, `kMostValues` included, or no MessagePack.
   std::size_t advance(std::span<const std::byte> bytes);
+  /// How many values the message has whose size was returned last.
+  std::uint64_t values() const { return found_; }
   /// How many bytes the present message lacks at least, where `size` of it are there.
   std::size_t missing(std::size_t size) const { return position_ > size ? position_ - size : 0; }
 
@@ -57,6 +59,7 @@ class HX_API FrameSplitter {
   const std::size_t depthLimit_;
   std::size_t position_ = 0;         // everything before it was walked over; may lie beyond the bytes that are there
   std::uint64_t values_ = 0;         // headers that were seen
+  std::uint64_t found_ = 0;          // in the message before
   std::vector<std::uint64_t> open_;  // how many values each open list or map still lacks
 };
 

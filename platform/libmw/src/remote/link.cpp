@@ -2,6 +2,8 @@
 #include "chaincodec.h"
 #include "linkparts.h"
 
+#include <libmw/remoteerror.h>
+
 #include <atomic>
 #include <stdexcept>
 #include <utility>
@@ -9,14 +11,53 @@
 #include <fmt/format.h>
 
 namespace mw::remote {
-Link::Link(std::shared_ptr<Channel> channel, Domain domain, const LinkOptions& options)
-    : channel_(std::move(channel)), domain_(domain), options_(options) {}
+namespace {
 
-Link::~Link() { channel_->end("nobody uses it"); }
+/// The links of the process, for futures, which outlive them.
+class Links {
+ public:
+  static Links& instance() {
+    static Links* const the = new Links;  // Never destroyed: links may end at the very end.
+    return *the;
+  }
+  void add(std::uint64_t number, const std::weak_ptr<Link>& link) {
+    const std::lock_guard lock(mutex_);
+    links_.emplace(number, link);
+  }
+  void remove(std::uint64_t number) {
+    const std::lock_guard lock(mutex_);
+    links_.erase(number);
+  }
+  std::shared_ptr<Link> find(std::uint64_t number) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = links_.find(number);
+    return found == links_.end() ? nullptr : found->second.lock();
+  }
+
+ private:
+  mutable std::mutex mutex_;  // Guards `links_`.
+  std::unordered_map<std::uint64_t, std::weak_ptr<Link>> links_;
+};
+
+std::uint64_t nextNumber() {
+  static std::atomic<std::uint64_t> last{0};
+  return ++last;
+}
+
+}  // namespace
+
+Link::Link(std::shared_ptr<Channel> channel, Domain domain, const LinkOptions& options)
+    : number_(nextNumber()), channel_(std::move(channel)), domain_(domain), options_(options) {}
+
+Link::~Link() {
+  Links::instance().remove(number_);
+  channel_->end("nobody uses it");
+}
 
 void Link::start(std::shared_ptr<ReservedService> reserved, OnEnd onEnd) {
   reserved_ = std::move(reserved);
   onEnd_ = std::move(onEnd);
+  Links::instance().add(number_, weak_from_this());
   channel_->start(shared_from_this());
   tick();
 }
@@ -32,6 +73,7 @@ void Link::tick() {
     return channel_->end(fmt::format("nothing was heard of it for {} ms", silence.count()));
   }
   tell(kAlive);
+  reportWaits();
   defaultLoop().post(
       [weak = weak_from_this()] {
         if (const auto self = weak.lock()) self->tick();
@@ -40,8 +82,8 @@ void Link::tick() {
 }
 
 std::exception_ptr Link::endedError() const {
-  return std::make_exception_ptr(
-      std::runtime_error(fmt::format("the connection to {} has ended: {}", peer(), ended_.value_or("unknown reason"))));
+  return std::make_exception_ptr(ConnectionLostError(
+      fmt::format("the connection to {} has ended: {}", peer(), ended_.value_or("unknown reason"))));
 }
 
 void Link::onEnd(const std::string& reason) {
@@ -62,6 +104,7 @@ void Link::onEnd(const std::string& reason) {
 }
 
 void Link::cleanUp(const std::string& reason) {
+  endWaits();
   if (reserved_) reserved_->end();
   objects_.clear();
   std::unordered_map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions;
@@ -140,34 +183,56 @@ void Link::writeCall(Writer& out, std::string_view target, const std::optional<C
 }
 
 Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters parameters, Calling then, bool returns) {
-  Promise<AnyValue> promise;
+  auto promise = mw::detail::PromiseAccess::make<AnyValue>(
+      [link = number_](mw::detail::FutureStateBase& answer) { giveUp(link, answer); });
   auto future = promise.future();
   std::uint32_t id = 0;
   try {
     const Chain chain = chainOfThisThread();
-    Expectation expectation = expectAnswer(channel_, domain_, then);
-    const bool waits = expectation && then == Calling::Waits;
-    auto place = BurstForecast::Place::Alone;
+    Expectation expectation = expectAnswer(channel_, domain_, then, mw::detail::PromiseAccess::stateOf(promise));
     {
       const std::lock_guard lock(mutex_);
       if (ended_) return Future<AnyValue>::failed(endedError());
-      if (then == Calling::GoesOn) place = bursts_.place(BurstForecast::Clock::now());
       id = pending_.add({std::move(promise), returns, std::move(expectation)});
     }
-    const bool leavesSoon = place != BurstForecast::Place::Alone;
-    if (!waits && !leavesSoon) channel_->resumeWatching();
     Draft draft(objects_, MessageType::Request);
     draft.out.number(id);
     writeCall(draft.out, target, chain, parameters, draft.mention);
     requireSendable(draft.frame, "the call");
-    channel_->send(draft.frame, leavesSoon ? Sending::Soon : Sending::Now);
+    const bool leavesAtOnce = then != Calling::MakesMore || !OutputBatch::holdsHere();
+    // What leaves later is asked for then.
+    if (leavesAtOnce && !claimAnswer()) expectMore();
+    if (leavesAtOnce) {
+      channel_->send(draft.frame, Sending::Now);
+    } else {
+      OutputBatch::send(channel_, draft.frame);
+    }
     draft.mention.sent();
-    if (then == Calling::GoesOn && place != BurstForecast::Place::Follows) bursts_.sent(BurstForecast::Clock::now());
   } catch (...) {
     takePending(id);
     return Future<AnyValue>::failed(std::current_exception());
   }
   return future;
+}
+
+/// Nobody wants the answer any more. The call stays among those that wait for one: it comes all the same.
+void Link::giveUp(std::uint64_t number, mw::detail::FutureStateBase& answer) {
+  if (const auto link = Links::instance().find(number)) {
+    std::uint32_t id = 0;
+    {
+      const std::lock_guard lock(link->mutex_);
+      if (!link->ended_) {
+        id = link->pending_.find(
+            [&](const Pending& one) { return &mw::detail::PromiseAccess::stateOf(one.promise) == &answer; });
+      }
+    }
+    if (id != 0) link->tell(kCancel, id);
+  }
+  answer.tryCancel();
+}
+
+void Link::expectMore() {
+  if (auto* const reading = channel_->callerReading()) reading->expectMore();
 }
 
 void Link::post(std::string_view target, GenericFunctionParameters parameters) {

@@ -1,12 +1,13 @@
 #pragma once
 
-#include "burst.h"
+#include "callstop.h"
 #include "chain.h"
 #include "channel.h"
 #include "objecttable.h"
 #include "pendingcalls.h"
 #include "strands.h"
 #include "subscription.h"
+#include "waiting.h"
 
 #include <libmw/future.h>
 #include <libmw/genericobject.h>
@@ -29,7 +30,7 @@
 
 namespace mw::remote {
 
-class Together;
+class OutputBatch;
 
 /// A call that has come: what a strand does one after another.
 struct Incoming {
@@ -41,6 +42,28 @@ struct Incoming {
     for (auto rest = std::move(next); rest && rest.use_count() == 1;) rest = std::move(rest->next);
   }
 
+  enum class State : std::uint8_t {
+    Waits,
+    Runs,
+    Ended,
+    Dropped,    ///< Given up before it ran: it does not.
+    Abandoned,  ///< Given up while it ran: those behind it do not wait for it.
+  };
+  /// @return Whether the call was in the state `from`, and is in `to` now.
+  bool change(State from, State to) { return state.compare_exchange_strong(from, to); }
+  /// Has `result` cancelled when the call is given up.
+  void cancelOnStop(const Future<AnyValue>& result) {
+    onStop.emplace(stop.token(), [result] {
+      auto given = result;
+      given.cancel();
+    });
+  }
+  /// Gives back what it holds once it has been answered, for it may stay a while in its queue.
+  void clear() {
+    arguments.clear();
+    object.reset();
+  }
+
   std::optional<std::uint32_t> id;  ///< Of the request; none when no answer is wanted.
   std::size_t size = 0;             ///< Of the message, in bytes.
   Chain chain;                      ///< Without a caller when the peer states none.
@@ -48,6 +71,11 @@ struct Incoming {
   /// What is called: held from its arrival, because what gives it back, or the end of the link, may be right behind.
   AnyObject object;
   ArgumentValues arguments;
+  UnreadValues unread;  ///< Of the arguments.
+  std::atomic<State> state{State::Waits};
+  CallStop stop;
+  std::optional<std::stop_callback<std::function<void()>>> onStop;
+  unsigned heartbeats = 0;         ///< That it has waited for; under the lock of its strand.
   std::shared_ptr<Incoming> next;  ///< On its strand.
 };
 
@@ -120,7 +148,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   /// How many calls wait for their answer. For diagnosis.
   std::size_t pendingCount() const;
 
-  void onFrame(std::span<const std::byte> frame, std::vector<Work>& works) override;
+  void onFrame(const Frame& frame, std::vector<Work>& works) override;
   void onPause(std::vector<Work>& works) override;
   bool isIdle() const override;
   void onEnd(const std::string& reason) override;
@@ -131,6 +159,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
     bool returns;
     Expectation expectation;
   };
+  void expectMore();
   template <class Write>
   void notify(const Write& write);
   void send(std::string_view target, GenericFunctionParameters parameters, bool inChain);
@@ -143,20 +172,32 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::optional<Pending> takePending(std::uint32_t id);
   std::exception_ptr endedError() const;
 
-  void onResponse(Reader& in);
+  void readArguments(Reader& in, std::uint32_t count, const Frame& frame, ArgumentValues& arguments,
+                     UnreadValues& unread);
+  Work onResponse(Reader& in, const Frame& frame);
+  void finish(Pending& pending, Reader& in);
   static std::uint32_t beginArguments(Reader& in, Chain& stated);
-  Work onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, std::size_t size);
-  void refuse(const std::shared_ptr<Incoming>& call);
+  Work onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, const Frame& frame);
+  class Thread;
+  std::string limitOfLink() const;
+  void refuse(const std::shared_ptr<Incoming>& call, const std::string& limit);
+  Work giveUp(Reader& in);
+  void relay(const StrandKey& key, const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result);
+  void continueStrand(const StrandKey& key, const Incoming& after);
+  void serveNested(const std::shared_ptr<Incoming>& call);
+  void endWaits();
+  void reportWaits();
   void countWaiting(std::size_t size);
   Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call);
-  void onEmission(Reader& in, std::size_t size, std::vector<Work>& works);
+  void onEmission(Reader& in, const Frame& frame, std::vector<Work>& works);
   void queueEmissions(std::vector<Work>& works);
   bool takeEmissions(Subscription& subscription, std::vector<Emission>& taken);
   void deliver(SignalLink link, Subscription& subscription);
-  bool deliver(SignalLink link, const Subscription& subscription, std::span<Emission> emissions, Together& together,
+  bool deliver(SignalLink link, const Subscription& subscription, std::span<Emission> emissions, OutputBatch& batch,
                bool more);
-  void letGo(Emission& emission);
-  Future<AnyValue> execute(const Incoming& call);
+  void release(Emission& emission);
+  Future<AnyValue> execute(Incoming& call);
+  static void giveUp(std::uint64_t link, mw::detail::FutureStateBase& answer);
   static Future<AnyValue> callMember(const AnyObject& object, std::string_view member,
                                      GenericFunctionParameters arguments, bool wantsAnswer);
   static std::string nameOf(const Incoming& call);
@@ -167,6 +208,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void tick();
   void cleanUp(const std::string& reason);
 
+  const std::uint64_t number_;
   const std::shared_ptr<Channel> channel_;
   const Domain domain_;
   const LinkOptions options_;
@@ -176,6 +218,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   OnEnd onEnd_;                                // likewise
   Promise<void> gone_;
   std::atomic<std::size_t> unawaited_{0};     // calls of chains that run although no thread waits in the chain
+  std::atomic<std::size_t> running_{0};       // calls that have a thread
   std::atomic<std::size_t> waitingBytes_{0};  // of calls that have come and are not begun
 
   /// For the thread that reads the channel: emissions to one subscription, that came one after another.
@@ -187,8 +230,8 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   mutable std::mutex mutex_;          // Guards everything below.
   std::optional<std::string> ended_;  // the reason
   PendingCalls<Pending> pending_;
-  BurstForecast bursts_;
   std::unordered_map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions_;
+  std::vector<std::shared_ptr<Incoming>> nested_;  // calls within chains that run
 };
 
 }  // namespace mw::remote

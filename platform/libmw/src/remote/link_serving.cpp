@@ -4,6 +4,8 @@
 #include "linkparts.h"
 #include "metacodec.h"
 
+#include <libmw/remoteerror.h>
+
 #include <algorithm>
 #include <charconv>
 #include <stdexcept>
@@ -16,6 +18,11 @@ namespace {
 
 constexpr std::uint32_t kMostArguments = 1024;
 constexpr std::string_view kReserved = "korvo.";
+/// What takes longer to read than to hand to another thread, by far.
+constexpr std::uint64_t kManyValues = 512;
+constexpr std::size_t kManyBytes = std::size_t{4} << 20;
+bool lasts(const Frame& frame) { return frame.values > kManyValues || frame.bytes.size() > kManyBytes; }
+
 std::optional<unsigned> numberIn(std::string_view text) {
   unsigned number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -25,30 +32,60 @@ std::optional<unsigned> numberIn(std::string_view text) {
 
 }  // namespace
 
+/// A thread for calls of the peer. Each peer has one for certain, however many others hold as many as they get; those
+/// beyond the first are limited for all of them together.
+class Link::Thread {
+ public:
+  explicit Thread(Link& link) : link_(link), isFirst_(link.running_.fetch_add(1) == 0) {
+    if (!isFirst_) isThere_ = others.fetch_add(1) < kMostOthers;
+  }
+  Thread(const Thread&) = delete;
+  Thread& operator=(const Thread&) = delete;
+  ~Thread() {
+    if (!isFirst_) --others;
+    --link_.running_;
+  }
+  explicit operator bool() const { return isThere_; }
+
+  static std::string limit() {
+    return fmt::format("{} calls are running beyond the first of each process, which is the limit", kMostOthers);
+  }
+
+ private:
+  static constexpr std::size_t kMostOthers = 128;
+  static inline std::atomic<std::size_t> others{0};
+
+  Link& link_;
+  const bool isFirst_;
+  bool isThere_ = true;
+};
+
 // --- Receiving ------------------------------------------------------------------------------------------------------
 
-void Link::onFrame(std::span<const std::byte> frame, std::vector<Work>& works) {
+void Link::onFrame(const Frame& frame, std::vector<Work>& works) {
   const mw::detail::NoForeignCode scope;
-  Reader in(frame);
+  Reader in(frame.bytes);
   const std::uint32_t parts = in.list();
   const auto type = static_cast<MessageType>(in.number());
   const bool isNotification = type == MessageType::Notification && parts == 3;
+  Work work;
   if (isNotification || (type == MessageType::Request && parts == 4)) {
     std::optional<std::uint32_t> id;
     if (!isNotification) id = in.number();
     const std::string_view target = in.text();
     if (isNotification && target == kEmit) {
-      onEmission(in, frame.size(), works);
+      onEmission(in, frame, works);
     } else {
       queueEmissions(works);
-      if (auto work = onCall(in, target, id, frame.size())) works.push_back(std::move(work));
+      work = isNotification && target == kCancel ? giveUp(in) : onCall(in, target, id, frame);
     }
   } else if (type == MessageType::Response && parts == 4) {
     queueEmissions(works);
-    onResponse(in);
+    work = onResponse(in, frame);
   } else {
     throw ProtocolError("a message that is neither request, response nor notification");
   }
+  if (work) works.push_back(std::move(work));
   if (!in.atEnd()) throw ProtocolError("a message with too many parts");
 }
 
@@ -64,21 +101,59 @@ AnyValue Link::readValue(Reader& in) {
   return AnyValue(in.value());
 }
 
-void Link::onResponse(Reader& in) {
+/// Objects are read at once, since what describes them, or gives them back, may be right behind.
+void Link::readArguments(Reader& in, std::uint32_t count, const Frame& frame, ArgumentValues& arguments,
+                         UnreadValues& unread) {
+  const bool isLong = lasts(frame);
+  for (; count > 0; --count) {
+    if (const auto object = in.extension(Extension::Object); object.data() != nullptr) {
+      arguments.emplace_back(objects_.read(object, shared_from_this()));
+    } else if (isLong) {
+      unread.add(arguments.size(), in.skip());
+      arguments.emplace_back();
+    } else {
+      arguments.emplace_back(in.value());
+    }
+  }
+}
+
+Work Link::onResponse(Reader& in, const Frame& frame) {
   const std::uint32_t id = in.number();
   auto pending = takePending(id);
   if (!pending) throw ProtocolError(fmt::format("a response to a request {} that was not made", id));
+  if (!lasts(frame)) {
+    finish(*pending, in);
+    return {};
+  }
+  Bytes bytes;
+  for (int part = 0; part < 2; ++part) {
+    const auto skipped = in.skip();
+    bytes.insert(bytes.end(), skipped.begin(), skipped.end());
+  }
+  return [self = shared_from_this(), kept = std::make_shared<Pending>(std::move(*pending)), bytes = std::move(bytes)] {
+    const mw::detail::NoForeignCode scope;
+    Reader later(bytes);
+    try {
+      self->finish(*kept, later);
+    } catch (const ProtocolError& error) {
+      self->end(error.what());
+    }
+  };
+}
+
+/// @param in  The error and the result.
+void Link::finish(Pending& pending, Reader& in) {
   try {
     if (in.nil()) {
       AnyValue result = readValue(in);
-      pending->promise.trySetValue(pending->returns ? std::move(result) : AnyValue());
+      pending.promise.trySetValue(pending.returns ? std::move(result) : AnyValue());
     } else {
-      pending->promise.trySetException(errorFrom(in.value()));
+      pending.promise.trySetException(errorFrom(in.value()));
       readValue(in);
     }
   } catch (const ProtocolError& error) {
     const std::string text = fmt::format("the answer of {} cannot be read: {}", peer(), error.what());
-    pending->promise.trySetException(std::make_exception_ptr(std::runtime_error(text)));
+    pending.promise.trySetException(std::make_exception_ptr(std::runtime_error(text)));
     throw;
   }
 }
@@ -96,26 +171,26 @@ std::uint32_t Link::beginArguments(Reader& in, Chain& stated) {
   return count;
 }
 
-Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, std::size_t size) {
+Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, const Frame& frame) {
   auto call = std::make_shared<Incoming>();
   call->id = id;
-  call->size = size;
+  call->size = frame.bytes.size();
   call->target = target;
-  std::uint32_t count = beginArguments(in, call->chain);
+  const std::uint32_t count = beginArguments(in, call->chain);
   call->object = targetAtArrival(call->target);
-  for (; count > 0; --count) call->arguments.push_back(readValue(in));
-  if (target == kAlive && !id) return {};
+  readArguments(in, count, frame, call->arguments, call->unread);
+  if (!id && target == kAlive) return {};
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
     countWaiting(call->size);
-    Work work = [self = shared_from_this(), call] {
-      const Together atOnce;
-      self->answer(call, self->execute(*call), Sending::Now);
-    };
+    Work work = [self = shared_from_this(), call] { self->serveNested(call); };
     if (runInChain(caller, domain_, work)) return {};
     return [self = shared_from_this(), call, work = std::move(work)] {
+      const Thread thread(*self);
       if (++self->unawaited_ > self->options_.callLimit) {
-        self->refuse(call);
+        self->refuse(call, self->limitOfLink());
+      } else if (!thread) {
+        self->refuse(call, Thread::limit());
       } else {
         work();
       }
@@ -127,12 +202,16 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   return schedule(key, std::move(call));
 }
 
-void Link::refuse(const std::shared_ptr<Incoming>& call) {
+std::string Link::limitOfLink() const {
+  return fmt::format("{} calls of this process are running, which is the limit", options_.callLimit);
+}
+
+void Link::refuse(const std::shared_ptr<Incoming>& call, const std::string& limit) {
   waitingBytes_ -= call->size;
-  answer(call,
-         Future<AnyValue>::failed(std::make_exception_ptr(std::runtime_error(fmt::format(
-             "{}: {} calls of this process are running, which is the limit", call->target, options_.callLimit)))),
-         Sending::Now);
+  answer(
+      call,
+      Future<AnyValue>::failed(std::make_exception_ptr(std::runtime_error(fmt::format("{}: {}", call->target, limit)))),
+      Sending::Now);
 }
 
 void Link::countWaiting(std::size_t size) {
@@ -153,33 +232,132 @@ Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call) {
     case Entry::Refused:
       break;
   }
-  return [self = shared_from_this(), call = std::move(call)] { self->refuse(call); };
+  return [self = shared_from_this(), call = std::move(call)] { self->refuse(call, self->limitOfLink()); };
 }
 
 void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
-  Together together;
+  using State = Incoming::State;
+  const Thread thread(*this);
+  OutputBatch batch;
   bool wereMore = false;
   for (auto call = std::move(first); call; call = strands_.next(key, call.get())) {
-    const bool more = call->next != nullptr;
-    together.hold(more);
-    auto result = execute(*call);
-    together.hold(false);
-    if (result.isFinished()) {
-      answer(call, result, more ? Sending::Soon : Sending::Now);
-      if (std::exchange(wereMore, more) && !more) {
-        channel_->flush();  // The last one may have had no answer.
-        together.flush();
-      }
+    if (!thread || !call->change(State::Waits, State::Runs)) {
+      refuse(call, thread ? "the call was given up" : Thread::limit());
+      call->clear();
       continue;
     }
-    channel_->flush();  // It may last until that one is answered.
-    result.then([self = shared_from_this(), key, call](const Future<AnyValue>& done) {
-      self->answer(call, done, Sending::Now);
-      if (const auto following = self->strands_.next(key, call.get())) {
-        postOrRun([self, key, following] { self->runStrand(key, following); });
-      }
-    });
-    return;
+    const bool more = call->next != nullptr;
+    batch.hold(more);
+    auto result = execute(*call);
+    batch.hold(false);
+    if (!result.isFinished()) {
+      channel_->flush();  // It may last until that one is answered.
+      relay(key, call, result);
+      return;
+    }
+    const bool isLast = !call->change(State::Runs, State::Ended);  // Others go on with what is behind it.
+    answer(call, result, more && !isLast ? Sending::Soon : Sending::Now);
+    call->clear();
+    if (isLast) return;
+    if (std::exchange(wereMore, more) && !more) {
+      channel_->flush();  // The last one may have had no answer.
+      batch.flush();
+    }
+  }
+}
+
+/// The strand goes on once the answer is there.
+void Link::relay(const StrandKey& key, const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result) {
+  call->cancelOnStop(result);
+  result.then([self = shared_from_this(), key, call](const Future<AnyValue>& done) {
+    self->answer(call, done, Sending::Now);
+    call->clear();
+    if (call->change(Incoming::State::Runs, Incoming::State::Ended)) self->continueStrand(key, *call);
+  });
+}
+
+void Link::continueStrand(const StrandKey& key, const Incoming& after) {
+  if (const auto following = strands_.next(key, &after)) {
+    postOrRun([self = shared_from_this(), key, following] { self->runStrand(key, following); });
+  }
+}
+
+/// A call of the chain that the calling thread waits in, or of one that no thread waits in.
+void Link::serveNested(const std::shared_ptr<Incoming>& call) {
+  const OutputBatch atOnce;
+  {
+    const std::lock_guard lock(mutex_);
+    nested_.push_back(call);
+  }
+  const auto result = execute(*call);
+  if (!result.isFinished()) call->cancelOnStop(result);
+  result.then([self = shared_from_this(), call](const Future<AnyValue>& done) {
+    self->answer(call, done, Sending::Now);
+    const std::lock_guard lock(self->mutex_);
+    std::erase(self->nested_, call);
+  });
+}
+
+/// The peer does not want an answer any more. It gets one all the same.
+/// @return What goes on behind it.
+Work Link::giveUp(Reader& in) {
+  using State = Incoming::State;
+  Chain unused;
+  if (beginArguments(in, unused) != 1) throw ProtocolError("a call is given up by its number alone");
+  const std::uint32_t id = in.number();
+  std::shared_ptr<Incoming> given;
+  StrandKey strand;
+  strands_.forEach([&](const StrandKey& key, const std::shared_ptr<Incoming>& call) {
+    if (call->id != id || call->state == State::Ended) return;
+    given = call;
+    strand = key;
+  });
+  if (given) {
+    given->stop.request();
+    if (given->change(State::Waits, State::Dropped) || !given->change(State::Runs, State::Abandoned)) return {};
+    return [self = shared_from_this(), strand, given] {
+      if (auto following = self->strands_.next(strand, given.get())) self->runStrand(strand, std::move(following));
+    };
+  }
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = std::ranges::find_if(nested_, [&](const auto& call) { return call->id == id; });
+    if (found != nested_.end()) given = *found;
+  }
+  if (given) given->stop.request();
+  return {};
+}
+
+/// Names calls that have waited long behind another one of their own thread, which may never end.
+void Link::reportWaits() {
+  constexpr unsigned kPatience = 5;
+  std::vector<std::string> texts;
+  const StrandKey* strand = nullptr;
+  const Incoming* running = nullptr;
+  strands_.forEach([&](const StrandKey& key, const std::shared_ptr<Incoming>& call) {
+    if (std::exchange(strand, &key) != &key) running = nullptr;
+    const auto state = call->state.load();
+    if (state == Incoming::State::Runs) running = call.get();
+    if (state != Incoming::State::Waits) return;
+    if (++call->heartbeats == kPatience && running) {
+      texts.push_back(fmt::format("{} of {} has waited for longer than {} ms behind {}, a call of the same thread",
+                                  call->target, peer(), (kPatience * options_.heartbeat).count(), running->target));
+    }
+    running = nullptr;  // Those behind it wait for the same.
+  });
+  for (const auto& text : texts) log::warning(kCategory, "call", text);
+}
+
+/// The peer has gone: what runs for it need not wait for anything. What has come is done all the same.
+void Link::endWaits() {
+  std::vector<std::shared_ptr<Incoming>> all;
+  strands_.forEach([&](const StrandKey&, const std::shared_ptr<Incoming>& call) { all.push_back(call); });
+  {
+    const std::lock_guard lock(mutex_);
+    all.insert(all.end(), nested_.begin(), nested_.end());
+  }
+  for (const auto& call : all) {
+    if (call->id && call->state != Incoming::State::Ended) call->stop.request();
   }
 }
 
@@ -204,15 +382,17 @@ AnyObject Link::targetOf(const Incoming& call, std::string_view& member) const {
   const std::string name(target.substr(0, dot));
   if (target.starts_with('@')) throw std::runtime_error(fmt::format("there is no object {}", name));
   AnyObject found = reserved_->find(name);
-  if (!found) throw std::runtime_error(fmt::format("no service named {}", name));
+  if (!found) throw NoSuchServiceError(fmt::format("no service named {}", name));
   return found;
 }
 
-Future<AnyValue> Link::execute(const Incoming& call) {
+Future<AnyValue> Link::execute(Incoming& call) {
   waitingBytes_ -= call.size;
+  CallStop* const stop = call.id ? &call.stop : nullptr;
   try {
+    call.unread.readInto(call.arguments);
     if (call.target.starts_with(kReserved)) {
-      const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_);
+      const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_, stop);
       return reserved_->call(std::string_view(call.target).substr(kReserved.size()),
                              std::span<const AnyValue>(call.arguments.data(), call.arguments.size()));
     }
@@ -220,10 +400,13 @@ Future<AnyValue> Link::execute(const Incoming& call) {
     const AnyObject object = targetOf(call, member);
     // What is handed on to the object of another process stays as deep as it is.
     const bool relays = object->isRemote();
-    const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, relays);
+    const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, stop, relays);
     return withReferences(call.arguments, [&](GenericFunctionParameters arguments) {
       return callMember(object, member, arguments, call.id.has_value());
     });
+  } catch (const ProtocolError& error) {
+    end(error.what());
+    return Future<AnyValue>::failed(std::current_exception());
   } catch (...) {
     return Future<AnyValue>::failed(std::current_exception());
   }
@@ -245,7 +428,7 @@ Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view memb
     const auto signals = offered.signals();
     const auto isMeant = [&](const MetaSignal& one) { return static_cast<int>(one.id) == signal; };
     if (std::none_of(signals.begin(), signals.end(), isMeant)) {
-      throw std::runtime_error(fmt::format("{}.{}: no such method", offered.typeName(), member));
+      throw NoSuchMethodError(fmt::format("{}.{}: no such method", offered.typeName(), member));
     }
     // Triggered beyond, it is not waited for here.
     if (object->isRemote()) return object->metaCall(static_cast<unsigned>(signal), arguments);

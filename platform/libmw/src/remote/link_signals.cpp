@@ -24,7 +24,7 @@ struct EncodedArguments {
 /// So many emissions are delivered in one pass, which costs as much as a tenth of one.
 constexpr std::size_t kInOnePass = 32;
 
-/// How many of the first. An object has a pass for itself: it is let go of before the next one is delivered, and out of
+/// How many of the first. An object has a pass for itself: it is released before the next one is delivered, and out of
 /// the pass, since its end may wait for whoever ends the subscription.
 std::size_t inOnePass(std::span<const Emission> emissions) {
   const auto most = emissions.first(std::min(emissions.size(), kInOnePass));
@@ -52,16 +52,16 @@ void Link::emit(std::uint32_t number, GenericFunctionParameters emitted) {
 /// What goes to several processes is encoded once.
 void Link::writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTable::Mention& mention) {
   const std::uint64_t emission = EmissionScope::of(emitted);
-  auto* const kept = emission == 0 ? nullptr : keptByThread<EncodedArguments>();
-  if (kept && kept->emission == emission) return out.encoded(kept->bytes);
+  auto* const last = emission == 0 ? nullptr : ofThisThread<EncodedArguments>();
+  if (last && last->emission == emission) return out.encoded(last->bytes);
   const std::size_t begin = out.bytes().size();
   bool isForAll = true;
   for (const AnyReference& argument : emitted) isForAll = writeValue(out, argument, mention) && isForAll;
   const auto encoded = out.bytes().subspan(begin);
-  if (!kept || !isForAll || encoded.size() > kKeptFrame) return;
-  kept->emission = 0;
-  kept->bytes.assign(encoded.begin(), encoded.end());
-  kept->emission = emission;
+  if (!last || !isForAll || encoded.size() > kReusedFrame) return;
+  last->emission = 0;
+  last->bytes.assign(encoded.begin(), encoded.end());
+  last->emission = emission;
 }
 
 // --- Connections ----------------------------------------------------------------------------------------------------
@@ -99,18 +99,18 @@ std::optional<Future<void>> Link::disconnect(SignalLink link) {
 
 // --- Receiving ------------------------------------------------------------------------------------------------------
 
-void Link::onEmission(Reader& in, std::size_t size, std::vector<Work>& works) {
+void Link::onEmission(Reader& in, const Frame& frame, std::vector<Work>& works) {
   Chain unused;
-  std::uint32_t count = beginArguments(in, unused);
+  const std::uint32_t count = beginArguments(in, unused);
   if (count == 0) throw ProtocolError("an emission that names no link");
   const SignalLink link = in.number();
   if (link != arrived_.link) queueEmissions(works);
   arrived_.link = link;
-  Emission& emission = arrived_.emissions.emplace_back(size);
+  Emission& emission = arrived_.emissions.emplace_back(frame.bytes.size());
   try {
-    while (--count > 0) {
-      const AnyValue& read = emission.arguments.emplace_back(readValue(in));
-      if (!read.reference().getIf<HX::HXValue>()) emission.hasObjects = true;
+    readArguments(in, count - 1, frame, emission.arguments, emission.unread);
+    for (const AnyValue& read : emission.arguments) {
+      if (read.reference() && !read.reference().getIf<HX::HXValue>()) emission.hasObjects = true;
     }
   } catch (...) {
     arrived_.emissions.pop_back();
@@ -147,21 +147,21 @@ bool Link::takeEmissions(Subscription& subscription, std::vector<Emission>& take
 
 /// Until none waits.
 void Link::deliver(SignalLink link, Subscription& subscription) {
-  Together together;
+  OutputBatch batch;
   std::vector<Emission> emissions;
   while (takeEmissions(subscription, emissions)) {
     for (std::span<Emission> rest = emissions; !rest.empty();) {
       const auto some = rest.first(inOnePass(rest));
       rest = rest.subspan(some.size());
-      if (!deliver(link, subscription, some, together, !rest.empty())) disconnect(link);
-      for (Emission& emission : some) letGo(emission);
+      if (!deliver(link, subscription, some, batch, !rest.empty())) disconnect(link);
+      for (Emission& emission : some) release(emission);
     }
-    together.flush();
+    batch.flush();
     emissions.clear();
   }
 }
 
-void Link::letGo(Emission& emission) {
+void Link::release(Emission& emission) {
   if (emission.size == 0) return;
   waitingBytes_ -= std::exchange(emission.size, 0);
   emission.arguments.clear();
@@ -170,22 +170,25 @@ void Link::letGo(Emission& emission) {
 /// Whoever ends the subscription meanwhile waits for no more than the present one.
 /// @param more  Others come after these.
 /// @return False when the subscriber is of no more use.
-bool Link::deliver(SignalLink link, const Subscription& subscription, std::span<Emission> emissions, Together& together,
+bool Link::deliver(SignalLink link, const Subscription& subscription, std::span<Emission> emissions, OutputBatch& batch,
                    bool more) {
   const auto pass = subscription.enter();
   bool isOfUse = true;
   for (Emission& emission : emissions) {
     if (!pass || subscription.isOver() || !isOfUse) break;
-    together.hold(more || &emission != &emissions.back());
+    batch.hold(more || &emission != &emissions.back());
     try {
       // One for each: what an emission has begun may call back while the next is delivered, which has other locks.
-      const Serving serving({}, domain_);
+      emission.unread.readInto(emission.arguments);
+      const Serving serving({}, domain_, nullptr);
       isOfUse = subscription.deliver(emission, link);
+    } catch (const ProtocolError& error) {
+      end(error.what());
     } catch (...) {
       // There is no memory, for a report neither. Those that follow are delivered all the same.
     }
-    together.hold(false);
-    if (!emission.hasObjects) letGo(emission);
+    batch.hold(false);
+    if (!emission.hasObjects) release(emission);
   }
   return isOfUse;
 }

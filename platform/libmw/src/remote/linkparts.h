@@ -4,6 +4,7 @@
 
 #include "../runtime/threadlocal.h"
 #include "link.h"
+#include "outputbatch.h"
 
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
@@ -22,79 +23,49 @@ namespace mw::remote {
 inline constexpr const char* kCategory = "mw.link";
 /// Bytes to begin a message with.
 inline constexpr std::size_t kUsualFrame = 128;
-inline constexpr std::size_t kKeptFrame = std::size_t{64} << 10;
+inline constexpr std::size_t kReusedFrame = std::size_t{64} << 10;
 inline constexpr std::string_view kAlive = "korvo.alive";
 inline constexpr std::string_view kEmit = "korvo.emit";
+inline constexpr std::string_view kCancel = "korvo.cancel";
 
 /// The T of the calling thread. Null when that has gone: objects that go when the thread ends may still send.
 template <class T>
-T* keptByThread() {
+T* ofThisThread() {
   HX_THREAD_LOCAL static T* now = nullptr;
   HX_THREAD_LOCAL static bool isOver = false;
-  struct Kept {
-    Kept() { now = &value; }
-    Kept(const Kept&) = delete;
-    Kept& operator=(const Kept&) = delete;
-    ~Kept() {
+  struct Holder {
+    Holder() { now = &value; }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+    ~Holder() {
       now = nullptr;
       isOver = true;
     }
     T value;
   };
   if (now || isOver) return now;
-  static thread_local Kept kept;
-  return &kept.value;
+  static thread_local Holder holder;
+  return &holder.value;
 }
 
 /// Where a message is written. Memory comes from the thread's last one, so that it is not asked for with every message.
 class FrameBuffer {
  public:
   FrameBuffer() {
-    if (auto* const kept = keptByThread<Bytes>()) bytes_.swap(*kept);
+    if (auto* const last = ofThisThread<Bytes>()) bytes_.swap(*last);
     bytes_.reserve(kUsualFrame);
   }
   FrameBuffer(const FrameBuffer&) = delete;
   FrameBuffer& operator=(const FrameBuffer&) = delete;
   ~FrameBuffer() {
     bytes_.clear();
-    auto* const kept = keptByThread<Bytes>();
-    if (kept && bytes_.capacity() <= kKeptFrame) bytes_.swap(*kept);
+    auto* const last = ofThisThread<Bytes>();
+    if (last && bytes_.capacity() <= kReusedFrame) bytes_.swap(*last);
   }
   Bytes& bytes() { return bytes_; }
 
  private:
   Bytes bytes_;
-};
-
-/// While one lives, what the calling thread sends may leave together: when it is flushed, at its end at the latest.
-class Together {
- public:
-  Together() = default;
-  Together(const Together&) = delete;
-  Together& operator=(const Together&) = delete;
-  ~Together() {
-    present_ = outer_;
-    flush();
-  }
-
-  /// @param holds  Whether more follows. What is sent leaves at once otherwise.
-  void hold(bool holds) { present_ = holds ? this : nullptr; }
-
-  void flush() {
-    for (const auto& channel : held_) channel->flush();
-    held_.clear();
-  }
-
-  static void send(const std::shared_ptr<Channel>& channel, Bytes& frame) {
-    const bool isFirst = channel->send(frame, present_ ? Sending::Soon : Sending::Now);
-    if (isFirst) present_->held_.push_back(channel);
-  }
-
- private:
-  HX_THREAD_LOCAL static inline Together* present_ = nullptr;
-
-  Together* const outer_ = std::exchange(present_, nullptr);
-  std::vector<std::shared_ptr<Channel>> held_;
 };
 
 /// A message while it is written, and the objects that it mentions.
@@ -125,7 +96,7 @@ void Link::notify(const Write& write) {
   Draft draft(objects_, MessageType::Notification);
   write(draft.out, draft.mention);
   requireSendable(draft.frame, "the message");
-  Together::send(channel_, draft.frame);
+  OutputBatch::send(channel_, draft.frame);
   draft.mention.sent();
 }
 

@@ -19,11 +19,19 @@
 namespace mw {
 
 RemoteError::~RemoteError() = default;
+ConnectionLostError::~ConnectionLostError() = default;
+NoSuchServiceError::~NoSuchServiceError() = default;
+NoSuchMethodError::~NoSuchMethodError() = default;
 
 namespace remote {
 namespace {
 
 using HX::HXValue;
+
+/// Kinds of runtime error that have a type of their own.
+constexpr const char* kConnection = "connection";
+constexpr const char* kService = "service";
+constexpr const char* kMethod = "method";
 
 /// Types of other processes that this one does not know. Calls with them are judged there.
 Fit fitsList(const HXValue& value) { return value.isList() ? Fit::Variant : Fit::None; }
@@ -196,6 +204,12 @@ HXValue toValue(const std::exception_ptr& error) {
     std::rethrow_exception(error);
   } catch (const HX::HXError& one) {
     return HXValue::List{"HXError", one.message(), one.module(), one.method(), one.file(), one.line()};
+  } catch (const ConnectionLostError& one) {
+    return HXValue::List{"runtime", one.what(), kConnection};
+  } catch (const NoSuchServiceError& one) {
+    return HXValue::List{"runtime", one.what(), kService};
+  } catch (const NoSuchMethodError& one) {
+    return HXValue::List{"runtime", one.what(), kMethod};
   } catch (const std::runtime_error& one) {
     return HXValue::List{"runtime", one.what()};
   } catch (...) {
@@ -217,7 +231,13 @@ std::exception_ptr errorFrom(const HXValue& value) {
     return std::make_exception_ptr(
         HX::HXError(text(2), text(3), text(1), text(4), hasLine ? value.asList()[5].asInt() : 0));
   }
-  if (family == "runtime") return std::make_exception_ptr(std::runtime_error(text(1)));
+  if (family == "runtime") {
+    const std::string kind = text(2);
+    if (kind == kConnection) return std::make_exception_ptr(ConnectionLostError(text(1)));
+    if (kind == kService) return std::make_exception_ptr(NoSuchServiceError(text(1)));
+    if (kind == kMethod) return std::make_exception_ptr(NoSuchMethodError(text(1)));
+    return std::make_exception_ptr(std::runtime_error(text(1)));
+  }
   return std::make_exception_ptr(RemoteError(text(1)));
 }
 

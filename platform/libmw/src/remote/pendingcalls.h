@@ -49,6 +49,15 @@ class PendingCalls {
     return all;
   }
 
+  /// @return The number of one that `is` takes for it; 0 when there is none. Looks at all.
+  template <class Is>
+  std::uint32_t find(const Is& is) const {
+    for (const Slot& slot : slots_) {
+      if (slot.call && is(*slot.call)) return slot.number;
+    }
+    return 0;
+  }
+
   std::size_t count() const { return count_; }
 
  private:

@@ -1,5 +1,6 @@
 #include "remoteobject.h"
 
+#include "../runtime/threadwait.h"
 #include "link.h"
 
 #include <array>
@@ -39,8 +40,10 @@ RemoteObject::~RemoteObject() { link_->giveBack(id_, references_.load()); }
 Future<AnyValue> RemoteObject::metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) {
   const MetaMethod* const known = metaObject().method(method);
   const bool returns = !known || !known->resultType || known->resultType->kind != TypeKind::Void;
-  return link_->call(Target(id_, method), parameters,
-                     callType == MetaCallType::Queued ? Calling::GoesOn : Calling::Waits, returns);
+  const auto then = callType == MetaCallType::Queued      ? Calling::MakesMore
+                    : mw::detail::AboutToWait::takeHere() ? Calling::Waits
+                                                          : Calling::MayWait;
+  return link_->call(Target(id_, method), parameters, then, returns);
 }
 
 void RemoteObject::metaPost(unsigned member, GenericFunctionParameters parameters) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "wire.h"
+
 #include <libmw/signal.h>
 #include <libmw/trackable.h>
 
@@ -23,6 +25,22 @@ auto withReferences(const ArgumentValues& arguments, const Use& use) {
   return use(GenericFunctionParameters(all.data(), all.size()));
 }
 
+/// Values of a message that are many: read by whoever needs them, not by the thread that reads the connection.
+class UnreadValues {
+ public:
+  /// @param index  Where it belongs among the arguments.
+  void add(std::size_t index, std::span<const std::byte> bytes) {
+    all_.emplace_back(index, Bytes(bytes.begin(), bytes.end()));
+  }
+  /// @throws ProtocolError for what is no value.
+  void readInto(ArgumentValues& arguments) {
+    for (const auto& [index, bytes] : std::exchange(all_, {})) arguments[index] = AnyValue(Reader(bytes).value());
+  }
+
+ private:
+  std::vector<std::pair<std::size_t, Bytes>> all_;
+};
+
 /// What a signal of the peer's has emitted.
 struct Emission {
   explicit Emission(std::size_t bytes) : size(bytes) {}
@@ -31,6 +49,7 @@ struct Emission {
   ~Emission() = default;
 
   ArgumentValues arguments;
+  UnreadValues unread;
   bool hasObjects = false;  ///< Among the arguments.
   std::size_t size;         ///< Of the message, in bytes; 0 once it has been let go of.
 };

@@ -118,6 +118,14 @@ HX::HXValue Reader::value() {
   return read;
 }
 
+std::span<const std::byte> Reader::skip() {
+  // The limits have been kept by whoever found the message.
+  FrameSplitter splitter(rest_.size(), rest_.size());
+  const std::size_t size = splitter.advance(rest_);
+  if (size == 0) throw ProtocolError("a message that ends too early");
+  return take(size);
+}
+
 void Writer::list(std::uint32_t size) {
   pack(out_, [&](auto& packer) { packer.pack_array(size); });
 }

@@ -41,6 +41,8 @@ class HX_API Reader {
   /// @return The content of an extension of this type; nothing consumed, and a null pointer in it, when there is none.
   std::span<const std::byte> extension(Extension type);
   HX::HXValue value();
+  /// Steps over a value, whatever it be. @return Its bytes.
+  std::span<const std::byte> skip();
 
  private:
   std::uint8_t peek() const;

@@ -66,8 +66,8 @@ void FutureStateBase::removeWaker(Waker& waker) const noexcept {
 
 FutureState FutureStateBase::wait(std::chrono::milliseconds timeout) const {
   if (state() != FutureState::Running || timeout <= timeout.zero()) return state();
-  ThreadWait::tellOfWaiting();
   if (ThreadWait* const own = ThreadWait::current()) return own->wait(*this, timeout);
+  ThreadWait::tellOfWaiting();
   const auto isFinished = [this] { return state() != FutureState::Running; };
   std::unique_lock lock(mutex_);
   if (timeout >= kInfiniteTimeout) {

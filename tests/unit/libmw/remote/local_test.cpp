@@ -6,16 +6,21 @@
 #include "sitter.h"
 
 #include <hxerror/hxerror.h>
+#include <libmw/batch.h>
+#include <libmw/deadline.h>
 #include <libmw/dynamicobject.h>
 #include <libmw/eventloop.h>
 #include <libmw/objecttypebuilder.h>
 #include <libmw/remoteerror.h>
+#include <libmw/servedcall.h>
 #include <libmw/signal.h>
 
 #include <algorithm>
 #include <atomic>
 #include <functional>
 #include <future>
+#include <semaphore>
+#include <stop_token>
 
 #include <gmock/gmock.h>
 
@@ -498,6 +503,97 @@ TEST_F(JoinedSessions, RunTheContinuationsOfAnAnswerInTheirOrder) {
   EXPECT_TRUE(std::ranges::is_sorted(order));
 }
 
+/// A service whose methods wait for the test, in one way or another, as a caller that gives up meets them.
+class GivenUp : public JoinedSessions {
+ protected:
+  GivenUp() {
+    broker.registerService("Slow", makeService("Slow")
+                                       ->method("block", [this] { sitter.sit(); })
+                                       .method("sleep", [this] { sleep(); })
+                                       .method("count", [this] { return ++count; })
+                                       .build());
+    client.registerService("Mine", makeService("Mine")->method("sleep", [this] { sleep(); }).build());
+  }
+  /// Until whoever called gives up.
+  void sleep() {
+    std::promise<void> stopped;
+    const std::stop_callback atStop(stopOfServedCall(), [&] { stopped.set_value(); });
+    sleeps.release();
+    EXPECT_EQ(stopped.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    wakes.release();
+  }
+
+  kit::Sitter sitter;
+  std::counting_semaphore<> sleeps{0};
+  std::counting_semaphore<> wakes{0};
+  std::atomic<int> count{0};
+};
+
+TEST_F(GivenUp, CallsDoNotStart) {
+  const AnyObject slow = lookUp(client, "Slow");
+  const auto running = slow->async("block");
+  sitter.awaitEntry();
+  auto waiting = slow->async("count");
+  waiting.cancel();
+  EXPECT_TRUE(waiting.isCanceled());
+  lookUp(client, "Slow");  // What was sent before has been read by then.
+  sitter.release();
+  running.wait();
+  EXPECT_EQ(slow->call<int>("count"), 1) << "the one that was cancelled ran";
+}
+
+TEST_F(GivenUp, CallsKeepNoOtherWaiting) {
+  const AnyObject slow = lookUp(client, "Slow");
+  auto running = slow->async("block");
+  sitter.awaitEntry();
+  const auto behind = slow->async("count");
+  running.cancel();
+  EXPECT_EQ(behind.value().reference().to<int>(), 1);
+  EXPECT_EQ(slow->call<int>("count"), 2);
+  sitter.release();
+}
+
+TEST_F(GivenUp, CallsEndTheirSleepAlsoBehindARelay) {
+  Session third;
+  std::optional<LocalClient> alsoJoined(std::in_place, third, "torso");
+  for (const char* service : {"Slow", "Mine"}) {
+    auto answer = lookUp(third, service)->async("sleep");
+    sleeps.acquire();
+    answer.cancel();
+    wakes.acquire();
+    const auto deadlines =
+        std::make_shared<Deadlines>(third.eventLoop(), std::chrono::milliseconds(100), "broker torso");
+    const auto late = withDeadline(lookUp(third, service), service, deadlines)->async("sleep");
+    EXPECT_THROW(late.value(), DeadlineError);
+    EXPECT_EQ(late.error(), std::string("broker torso did not answer ") + service + ".sleep within 0.1 s");
+    // Slow machines may not have begun it: it is dropped then.
+    if (sleeps.try_acquire_for(std::chrono::seconds(1))) wakes.acquire();
+  }
+}
+
+TEST_F(GivenUp, CallsEndTheirSleepWhenTheCallerGoes) {
+  Session third;
+  std::optional<LocalClient> alsoJoined(std::in_place, third, "torso");
+  const auto answer = lookUp(third, "Slow")->async("sleep");
+  sleeps.acquire();
+  alsoJoined.reset();
+  wakes.acquire();
+  EXPECT_THROW(answer.value(), ConnectionLostError);
+}
+
+TEST_F(JoinedSessions, ToldApartByTypeWhatFails) {
+  broker.registerService("Echo", makeService("Echo")->method("echo", [](int v) { return v; }).build());
+  const AnyObject echo = lookUp(client, "Echo");
+  EXPECT_THROW(echo->call("shout"), NoSuchMethodError);
+  EXPECT_THROW(echo->call("echo", std::string("text")), NoSuchMethodError);
+  Session third;
+  const LocalClient alsoJoined(third, "torso");
+  client.registerService("Mine", makeService("Mine")->method("fail", [] { throw NoSuchServiceError("X"); }).build());
+  EXPECT_THROW(lookUp(third, "Mine")->call("fail"), NoSuchServiceError) << "through the broker";
+  server.reset();
+  EXPECT_THROW(echo->call("echo", 1), ConnectionLostError);
+}
+
 /// Two sessions that send nothing by themselves, which would take along what waits.
 class QuietSessions : public JoinedSessions {
  protected:
@@ -529,20 +625,21 @@ TEST_F(QuietSessions, SendWhatWaitsForOthersThoughNoneFollow) {
   EXPECT_TRUE(second.hasValue());
 }
 
-TEST_F(QuietSessions, SendACallThatWaitsForABurstWhichDoesNotCome) {
+TEST_F(QuietSessions, SendWhatABatchCollectsBeforeTheyWaitAndAfterAMoment) {
   std::promise<int> told;
   broker.registerService("Teller", makeService("Teller")
                                        ->method("count", [](int i) { return i; })
                                        .method("tell", [&](int i) { told.set_value(i); })
                                        .build());
   const AnyObject teller = lookUp(client, "Teller");
-  for (int burst = 0; burst < 100; ++burst) {
+  const Batch batch;
+  for (int round = 0; round < 100; ++round) {
     std::vector<Future<AnyValue>> flying;
     for (int i = 0; i < 50; ++i) flying.push_back(teller->async("count", i));
     for (int i = 0; i < 50; ++i) EXPECT_EQ(flying[static_cast<std::size_t>(i)].value().reference().to<int>(), i);
   }
   const auto alone = teller->async("tell", 7);
-  EXPECT_EQ(told.get_future().get(), 7);
+  EXPECT_EQ(told.get_future().get(), 7) << "though the batch goes on";
   alone.wait();
 }
 

@@ -145,6 +145,27 @@ TEST(Link, RefusesMoreCallsThanItServesAtOnceAndKeepsNothingOfThem) {
   EXPECT_TRUE(isAnswered(host, 1));
 }
 
+TEST(Link, NamesACallThatWaitsLongBehindAnotherOfItsThread) {
+  const kit::CaptureLog log({"mw.link"});
+  const Side host({.heartbeat = std::chrono::milliseconds(2)});
+  kit::Sitter sitter;
+  host.reserved->service = makeService("House")
+                               ->method("enter",
+                                        [&](const std::string& who) {
+                                          if (who == "first") sitter.sit();
+                                        })
+                               .build();
+  std::thread first([&] { host.channel->receive(request(1, 1, 0, "first")); });
+  sitter.awaitEntry();
+  for (std::uint8_t number = 2; number < 4; ++number) host.channel->receive(request(number, 1, 0, "later"));
+  ASSERT_TRUE(log.waitFor(1));
+  EXPECT_EQ(log.texts().front(),
+            "House.enter of the peer has waited for longer than 10 ms behind House.enter, a call of the same thread");
+  sitter.release();
+  first.join();
+  EXPECT_EQ(log.texts().size(), 1U);
+}
+
 TEST(Link, ServesCallsOfChainsThatNobodyWaitsInForAsLongAsTheyAreFew) {
   const Side host({.callLimit = 2});
   host.reserved->service = makeService("House")->method("enter", [](const std::string&) { return true; }).build();
@@ -266,6 +287,62 @@ TEST(Link, GivesAnObjectBackBeforeTheNextIsDelivered) {
   const Bytes first = emissionOf(peer, number, lamp());
   side.channel->receive(first, emissionOf(peer, number, lamp()));
   EXPECT_THAT(givenBack, testing::ElementsAre(false, true));
+}
+
+TEST(Link, LeavesLongMessagesToThoseWhoUseThem) {
+  // What is read at once is so by the thread that hands it over: what is not, by the works that it leaves.
+  HX::HXValue::List numbers;
+  for (int i = 0; i < 5000; ++i) numbers.emplace_back(i);
+  const HX::HXValue large(numbers);
+  Side host;
+  Side peer;
+  const AnyObject lamp = makeService("Lamp")->method("lit", [] { return true; }).build();
+  AnyObject shown;
+  host.reserved->service = makeService("House")
+                               ->method("turn",
+                                        [&](const HX::HXValue& value, const AnyObject& object) {
+                                          shown = object;
+                                          return value;
+                                        })
+                               .build();
+  const auto answer = peer.link->ask("House.turn", large, lamp);
+  std::vector<Work> works;
+  const auto handOver = [&](Side& from, Side& to) {
+    Bytes sent = from.channel->takeSent();
+    for (; works.empty() && !sent.empty(); sent = from.channel->takeSent()) {  // Heartbeats leave nothing to be done.
+      to.link->onFrame({sent, kit::MemoryChannel::valuesIn(sent)}, works);
+    }
+    ASSERT_EQ(works.size(), 1U);
+  };
+  handOver(peer, host);
+  EXPECT_FALSE(shown);
+  std::exchange(works, {}).front()();
+  EXPECT_TRUE(shown);
+  handOver(host, peer);
+  EXPECT_TRUE(answer.isRunning());
+  works.front()();
+  EXPECT_EQ(answer.value().reference().to<HX::HXValue>(), large);
+  shown.reset();
+  kit::carry(*peer.channel, *host.channel);
+}
+
+TEST(Link, EndsThePeerWhoseLongMessageHoldsNoValue) {
+  const Side host;
+  host.reserved->service = makeService("House")->method("enter", [](const HX::HXValue&) {}).build();
+  HX::HXValue::List numbers(5000, HX::HXValue(1));
+  Bytes frame;
+  Writer out(frame);
+  out.list(4);
+  out.number(0);
+  out.number(1);
+  out.text("House.enter");
+  out.list(1);
+  out.list(2);
+  out.value(HX::HXValue(numbers));
+  const std::array wrong{std::byte{0x81}, std::byte{1}, std::byte{1}};  // A map whose key is no text.
+  out.encoded(wrong);
+  host.channel->receive(frame);
+  EXPECT_TRUE(host.channel->isEnded());
 }
 
 struct Mortal final : Service {

@@ -18,6 +18,8 @@
 namespace mw {
 
 enum class FutureState : std::uint8_t { None, Running, Canceled, FinishedWithError, FinishedWithValue };
+/// Where a continuation runs, as the top of future.h says: `Auto` and `Sync` on the thread that finishes the future,
+/// but for answers of other processes, whose continuations run on the default event loop; `Async` there always.
 enum class FutureCallbackType : std::uint8_t { Auto, Sync, Async };
 
 template <class T>

@@ -1,17 +1,18 @@
-#include "deadline.h"
-
+#include <libmw/deadline.h>
 #include <libmw/forwardingobject.h>
 
-#include <stdexcept>
 #include <utility>
 #include <vector>
 
 #include <fmt/format.h>
 
-namespace korvo {
+namespace mw {
+
+DeadlineError::~DeadlineError() = default;
+
 namespace {
 
-void forward(const Deadlines::Answer& from, mw::Promise<mw::AnyValue>& to) {
+void forward(const Deadlines::Answer& from, Promise<AnyValue>& to) {
   if (from.isCanceled()) {
     to.trySetCanceled();
   } else if (auto exception = from.exception()) {
@@ -22,47 +23,50 @@ void forward(const Deadlines::Answer& from, mw::Promise<mw::AnyValue>& to) {
 }
 
 /// Hands everything on, calls with their deadlines.
-class WatchedObject final : public mw::ForwardingObject {
+class WatchedObject final : public ForwardingObject {
  public:
-  WatchedObject(const mw::AnyObject& object, std::string name, std::shared_ptr<Deadlines> deadlines)
+  WatchedObject(const AnyObject& object, std::string name, std::shared_ptr<Deadlines> deadlines)
       : object_(object), name_(std::move(name)), deadlines_(std::move(deadlines)) {
     GenericObject::setMetaObject(object->metaObject());
     standFor(*object.pointer());
   }
 
-  mw::Future<mw::AnyValue> metaCall(unsigned method, mw::GenericFunctionParameters parameters,
-                                    mw::MetaCallType callType) override {
+  Future<AnyValue> metaCall(unsigned method, GenericFunctionParameters parameters, MetaCallType callType) override {
     auto answer = object_->metaCall(method, parameters, callType);
     if (answer.isFinished()) return answer;
-    const mw::MetaMethod* const called = metaObject().method(method);
+    const MetaMethod* const called = metaObject().method(method);
     return deadlines_->watch(answer, fmt::format("{}.{}", name_, called ? called->name : fmt::format("{}", method)));
   }
-  mw::AnyObject target() const override { return object_; }
+  AnyObject target() const override { return object_; }
+  bool isRemote() const override { return object_->isRemote(); }
 
  private:
-  const mw::AnyObject object_;
+  const AnyObject object_;
   const std::string name_;
   const std::shared_ptr<Deadlines> deadlines_;
 };
 
 }  // namespace
 
-Deadlines::Deadlines(mw::EventLoop& loop, std::chrono::milliseconds limit, std::string whom)
+Deadlines::Deadlines(EventLoop& loop, std::chrono::milliseconds limit, std::string whom)
     : loop_(loop), limit_(limit), whom_(std::move(whom)) {}
 
-std::runtime_error Deadlines::error(const std::string& what) const {
+DeadlineError Deadlines::error(const std::string& what) const {
   const double seconds = std::chrono::duration<double>(limit_).count();
-  return std::runtime_error(fmt::format("{} did not answer {} within {} s", whom_, what, seconds));
+  return DeadlineError(fmt::format("{} did not answer {} within {} s", whom_, what, seconds));
 }
 
 Deadlines::Answer Deadlines::watch(const Answer& answer, std::string what) {
-  mw::Promise<mw::AnyValue> promise;
+  Promise<AnyValue> promise([answer](Promise<AnyValue>&) {
+    auto given = answer;
+    given.cancel();
+  });
   auto watched = promise.future();
   {
     const std::lock_guard lock(mutex_);
     while (!watched_.empty() && watched_.front().promise.future().isFinished()) watched_.pop_front();
     const auto end = Clock::now() + limit_;
-    watched_.push_back({end, promise, std::move(what)});
+    watched_.push_back({end, answer, promise, std::move(what)});
     startTimerLocked(end);
   }
   answer.then([promise](const Answer& finished) mutable { forward(finished, promise); });
@@ -91,11 +95,14 @@ void Deadlines::expire() {
     }
     if (!watched_.empty()) startTimerLocked(watched_.front().end);
   }
-  for (Watched& one : late) one.promise.trySetException(std::make_exception_ptr(error(one.what)));
+  for (Watched& one : late) {
+    one.promise.trySetException(std::make_exception_ptr(error(one.what)));
+    one.answer.cancel();
+  }
 }
 
-mw::AnyObject withDeadline(const mw::AnyObject& object, std::string name, std::shared_ptr<Deadlines> deadlines) {
-  return mw::AnyObject(std::make_shared<WatchedObject>(object, std::move(name), std::move(deadlines)));
+AnyObject withDeadline(const AnyObject& object, std::string name, std::shared_ptr<Deadlines> deadlines) {
+  return AnyObject(std::make_shared<WatchedObject>(object, std::move(name), std::move(deadlines)));
 }
 
-}  // namespace korvo
+}  // namespace mw

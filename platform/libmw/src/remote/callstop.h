@@ -1,0 +1,45 @@
+#pragma once
+
+#include <mutex>
+#include <stop_token>
+#include <utility>
+
+namespace mw::remote {
+
+/// Whether the caller of a call that is served still wants its result.
+///
+/// @par Threads  Any.
+class CallStop {
+ public:
+  /// It does not: whoever has taken the token is told, on the calling thread.
+  void request() {
+    std::stop_source source{std::nostopstate};
+    {
+      const std::lock_guard lock(mutex_);
+      isRequested_ = true;
+      source = source_;
+    }
+    if (source.stop_possible()) source.request_stop();
+  }
+  bool isRequested() const {
+    const std::lock_guard lock(mutex_);
+    return isRequested_;
+  }
+
+  /// Made when it is asked for: few methods do.
+  std::stop_token token() {
+    const std::lock_guard lock(mutex_);
+    if (!source_.stop_possible()) {
+      source_ = std::stop_source();
+      if (isRequested_) source_.request_stop();  // Nobody is told yet, so that nothing foreign runs here.
+    }
+    return source_.get_token();
+  }
+
+ private:
+  mutable std::mutex mutex_;  // Guards the two below.
+  bool isRequested_ = false;
+  std::stop_source source_{std::nostopstate};
+};
+
+}  // namespace mw::remote

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "../runtime/threadlocal.h"
+#include "../runtime/threadwait.h"
+#include "channel.h"
+
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace mw::remote {
+
+/// While one lives, what the calling thread sends may leave in one go: when it is flushed, at its end at the latest.
+/// The innermost one counts.
+class OutputBatch {
+ public:
+  /// @param holds  Whether what is sent from now on waits for more.
+  explicit OutputBatch(bool holds = false) : holds_(holds) { detail::ThreadWait::setBeforeWaiting(&flushAll); }
+  OutputBatch(const OutputBatch&) = delete;
+  OutputBatch& operator=(const OutputBatch&) = delete;
+  ~OutputBatch() {
+    innermost_ = outer_;
+    flush();
+  }
+
+  /// @param holds  Whether more follows. What is sent leaves at once otherwise.
+  void hold(bool holds) { holds_ = holds; }
+
+  void flush() {
+    // What flushing finishes runs elsewhere: nothing is added meanwhile.
+    for (const auto& channel : held_) channel->flush();
+    held_.clear();
+  }
+
+  /// Whether what the calling thread sends now waits for more.
+  static bool holdsHere() { return innermost_ && innermost_->holds_; }
+  static void send(const std::shared_ptr<Channel>& channel, Bytes& frame) {
+    const bool isFirst = channel->send(frame, holdsHere() ? Sending::Soon : Sending::Now);
+    if (isFirst) innermost_->held_.push_back(channel);
+  }
+  /// Before the calling thread waits: what it waits for may be the answer.
+  static void flushAll() {
+    for (auto* batch = innermost_; batch; batch = batch->outer_) batch->flush();
+  }
+
+ private:
+  HX_THREAD_LOCAL static inline OutputBatch* innermost_ = nullptr;
+
+  OutputBatch* const outer_ = std::exchange(innermost_, this);
+  bool holds_;
+  std::vector<std::shared_ptr<Channel>> held_;
+};
+
+}  // namespace mw::remote

@@ -1,0 +1,338 @@
+#include "waiting.h"
+
+#include "../runtime/threadlocal.h"
+#include "../runtime/threadwait.h"
+#include "channel.h"
+#include "outputbatch.h"
+
+#include <libmw/eventloop.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace mw::remote {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Task = std::function<void()>;
+
+/// A thread that has called and does not wait at once may never do so. What came for it is then done by others.
+constexpr std::chrono::milliseconds kPatience{5};
+
+}  // namespace
+
+/// What wakes a thread that waits within a chain: the end of what it waits for, and calls that it is to serve.
+///
+/// Calls may come before the thread waits: it has sent, and the answer is a call back. They are kept for it.
+class Inbox final : public detail::Waker, public std::enable_shared_from_this<Inbox> {
+ public:
+  Inbox() = default;
+  Inbox(const Inbox&) = delete;
+  Inbox& operator=(const Inbox&) = delete;
+  ~Inbox() override {
+    if (file_ >= 0) ::close(file_);
+  }
+
+  void wake() noexcept override {
+    const std::lock_guard lock(mutex_);
+    wakeLocked();
+  }
+
+  void put(const Caller& caller, Task task) {
+    const std::lock_guard lock(mutex_);
+    tasks_.emplace_back(caller, std::move(task));
+    if (isAwaited(caller)) return wakeLocked();
+    defaultLoop().post(
+        [self = shared_from_this()] {
+          while (const Task late = self->takeUnawaited()) late();
+        },
+        kPatience);
+  }
+
+  /// @return The chain of the wait that this one is inside of, for `endWait`.
+  Caller beginWait(const Caller& caller) {
+    const std::lock_guard lock(mutex_);
+    ++waits_;
+    woken_ = false;  // The thread looks for whatever it was before it sleeps.
+    return std::exchange(caller_, caller);
+  }
+
+  /// What came last was meant for the thread while it waited: it is done by others when the outermost wait has ended.
+  void endWait(const Caller& outer) {
+    std::deque<std::pair<Caller, Task>> left;
+    {
+      const std::lock_guard lock(mutex_);
+      caller_ = outer;
+      if (--waits_ == 0) left.swap(tasks_);
+    }
+    for (auto& [caller, task] : left) defaultLoop().post(std::move(task));
+  }
+
+  Task takeUnawaited() { return takeIf(false); }
+
+  /// Only of the chain that the thread waits in: another one's call must not meet the locks that this one holds.
+  Task take() { return takeIf(true); }
+
+  /// Sleeps until something was put in, or it was woken since `take`.
+  void sleep(Clock::time_point deadline) {
+    std::unique_lock lock(mutex_);
+    const auto isWoken = [this] { return woken_; };
+    if (deadline == Clock::time_point::max()) {
+      condition_.wait(lock, isWoken);
+    } else {
+      condition_.wait_until(lock, deadline, isWoken);
+    }
+    woken_ = false;
+  }
+
+  /// Whether there is a file to poll; the process may be out of them.
+  bool hasFile() const { return file_ >= 0; }
+
+  /// Makes wakings readable on a file, for a thread that polls. @return The file; -1 when it cannot be, or when the
+  /// inbox was woken already.
+  int beginPolling() {
+    const std::lock_guard lock(mutex_);
+    if (file_ < 0) file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (file_ < 0 || std::exchange(woken_, false)) return -1;
+    polling_ = true;
+    return file_;
+  }
+
+  void endPolling() {
+    const std::lock_guard lock(mutex_);
+    polling_ = false;
+    woken_ = false;  // Whatever it was for is looked at next.
+    if (!std::exchange(signalled_, false)) return;
+    std::uint64_t count = 0;
+    static_cast<void>(!::read(file_, &count, sizeof count));
+  }
+
+ private:
+  bool isAwaited(const Caller& caller) const { return waits_ > 0 && caller == caller_; }
+
+  Task takeIf(bool isAwaitedOne) {
+    const std::lock_guard lock(mutex_);
+    const auto found =
+        std::ranges::find_if(tasks_, [&](const auto& one) { return isAwaited(one.first) == isAwaitedOne; });
+    if (found == tasks_.end()) return {};
+    Task task = std::move(found->second);
+    tasks_.erase(found);
+    return task;
+  }
+
+  void wakeLocked() noexcept {
+    woken_ = true;
+    if (!polling_) {
+      condition_.notify_one();
+    } else if (std::this_thread::get_id() != owner_ && !std::exchange(signalled_, true)) {
+      const std::uint64_t one = 1;
+      static_cast<void>(!::write(file_, &one, sizeof one));
+    }
+  }
+
+  const std::thread::id owner_ = std::this_thread::get_id();
+  std::mutex mutex_;  // Guards everything below.
+  std::condition_variable condition_;
+  std::deque<std::pair<Caller, Task>> tasks_;  // with the chain of each
+  int waits_ = 0;                              // inside one another
+  Caller caller_;                              // the chain of the innermost
+  bool woken_ = false;
+  bool polling_ = false;
+  bool signalled_ = false;
+  int file_ = -1;
+};
+
+namespace {
+
+/// Which threads of this process wait, or are about to, within which chain, and where.
+class Waiters {
+ public:
+  static Waiters& instance() {
+    static Waiters* const the = new Waiters;  // Never destroyed: threads may wait until the very end.
+    return *the;
+  }
+
+  void add(const WaitingPlace& place, const std::shared_ptr<Inbox>& inbox) {
+    const std::lock_guard lock(mutex_);
+    waiting_.emplace_back(place, inbox);
+  }
+
+  void remove(const WaitingPlace& place, const std::shared_ptr<Inbox>& inbox) {
+    std::shared_ptr<Inbox> last;  // Goes after the lock.
+    const std::lock_guard lock(mutex_);
+    const auto found = std::find(waiting_.rbegin(), waiting_.rend(), std::pair(place, inbox)).base() - 1;
+    last = std::move(found->second);
+    waiting_.erase(found);
+  }
+
+  bool put(const WaitingPlace& place, Task& task) {
+    const std::lock_guard lock(mutex_);
+    const auto found =
+        std::find_if(waiting_.rbegin(), waiting_.rend(), [&](const auto& waiting) { return waiting.first == place; });
+    if (found == waiting_.rend()) return false;
+    found->second->put(place.first, std::move(task));
+    return true;
+  }
+
+ private:
+  std::mutex mutex_;  // Guards `waiting_`. Outer to the mutex of an inbox.
+  /// In the order in which they began: few at a time, so that looking through them costs less than an index.
+  std::vector<std::pair<WaitingPlace, std::shared_ptr<Inbox>>> waiting_;
+};
+
+/// How the calling thread waits.
+class WaitingThread final : public detail::ThreadWait {
+ public:
+  static WaitingThread& current() {
+    static thread_local WaitingThread the;
+    return the;
+  }
+
+  WaitingThread() { setCurrent(this); }
+  WaitingThread(const WaitingThread&) = delete;
+  WaitingThread& operator=(const WaitingThread&) = delete;
+  ~WaitingThread() override { setCurrent(nullptr); }
+
+  Expectation expect(const std::shared_ptr<Channel>& channel, Calling then, const detail::FutureStateBase& answer);
+  bool claim();
+
+  FutureState wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) override;
+  void hasWaited() noexcept override;
+
+ private:
+  static WaitingPlace place() { return {servedByThisThread().chain.caller, servedByThisThread().domain}; }
+  void pause(Clock::time_point deadline);
+  bool readInstead(Clock::time_point deadline);
+  void dropClaim();
+
+  const std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
+  /// The one called last, which is read while the thread waits. It may end, and go, meanwhile.
+  std::weak_ptr<Channel> channel_;
+  const Channel* known_ = nullptr;  // the same, to compare with
+  bool hasClaim_ = false;           // on the reading of it
+  const detail::FutureStateBase* expected_ =
+      nullptr;  // the answer that the thread waits for next, and is registered for
+};
+
+Expectation WaitingThread::expect(const std::shared_ptr<Channel>& channel, Calling then,
+                                  const detail::FutureStateBase& answer) {
+  dropClaim();
+  expected_ = nullptr;
+  if (known_ != channel.get() || channel_.expired()) {
+    if (const auto before = channel_.lock()) before->flush();  // The thread will not come to it when it waits.
+    channel_ = channel;
+    known_ = channel.get();
+  }
+  if (then == Calling::MakesMore || servedByThisThread().relays) return {};
+  if (then == Calling::Waits) expected_ = &answer;
+  return {place(), inbox_};
+}
+
+bool WaitingThread::claim() {
+  if (!expected_) return false;
+  const auto channel = channel_.lock();
+  auto* const reading = channel ? channel->callerReading() : nullptr;
+  hasClaim_ = reading && reading->claim();
+  return hasClaim_;
+}
+
+void WaitingThread::dropClaim() {
+  if (!std::exchange(hasClaim_, false)) return;
+  if (const auto channel = channel_.lock()) channel->callerReading()->endReading();
+}
+
+void WaitingThread::hasWaited() noexcept {
+  expected_ = nullptr;
+  dropClaim();
+}
+
+FutureState WaitingThread::wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) {
+  const bool isExpected = std::exchange(expected_, nullptr) == &state;
+  if (!state.addWaker(*inbox_)) return state.state();
+  const auto deadline = timeout >= kInfiniteTimeout ? Clock::time_point::max() : Clock::now() + timeout;
+  const Caller outer = inbox_->beginWait(servedByThisThread().chain.caller);
+  {
+    // The call that is waited for has registered the thread, for as long as it is not answered.
+    const Expectation own = isExpected ? Expectation() : Expectation(place(), inbox_);
+    while (state.state() == FutureState::Running) {
+      if (const Task task = inbox_->take()) {
+        dropClaim();  // What the task does may last.
+        task();
+        continue;
+      }
+      if (deadline != Clock::time_point::max() && Clock::now() >= deadline) break;
+      pause(deadline);
+    }
+  }
+  state.removeWaker(*inbox_);
+  inbox_->endWait(outer);
+  return state.state();
+}
+
+void WaitingThread::pause(Clock::time_point deadline) {
+  if (!readInstead(deadline)) inbox_->sleep(deadline);
+}
+
+bool WaitingThread::readInstead(Clock::time_point deadline) {
+  const auto channel = channel_.lock();
+  auto* const reading = channel ? channel->callerReading() : nullptr;
+  bool reads = std::exchange(hasClaim_, false) && reading;
+  if (reads) {
+    reading->beginClaimed();
+  } else {
+    reads = reading && reading->beginReading();
+  }
+  // What is to be sent leaves after that: the answer may come at once, and would wake another thread.
+  if (channel) channel->flush();
+  OutputBatch::flushAll();
+  if (!reads) return false;
+  if (reading->readSoon()) {
+    reading->endReading();
+    return true;
+  }
+  if (const int file = inbox_->beginPolling(); file >= 0) {
+    static constexpr std::chrono::milliseconds kLongest{60'000};
+    const auto left = deadline == Clock::time_point::max()
+                          ? kLongest
+                          : std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    reading->read(file, std::clamp(left, std::chrono::milliseconds(0), kLongest));
+    inbox_->endPolling();
+  }
+  reading->endReading();
+  return inbox_->hasFile();
+}
+
+}  // namespace
+
+Expectation::Expectation(const WaitingPlace& place, std::shared_ptr<Inbox> inbox)
+    : place_(place), inbox_(std::move(inbox)) {
+  Waiters::instance().add(place_, inbox_);
+}
+
+Expectation::~Expectation() {
+  if (inbox_) Waiters::instance().remove(place_, inbox_);
+}
+
+void serveWhileWaiting() {
+  if (!detail::ThreadWait::current()) WaitingThread::current();
+}
+
+bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task) {
+  return Waiters::instance().put({caller, domain}, task);
+}
+
+Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, Calling then,
+                         const detail::FutureStateBase& answer) {
+  servedByThisThread().domain = domain;
+  return WaitingThread::current().expect(channel, then, answer);
+}
+
+bool claimAnswer() { return WaitingThread::current().claim(); }
+
+}  // namespace mw::remote
