@@ -255,6 +255,44 @@ TEST(Host, OffersItsModulesThroughTheBrokerAndFindsItAgain) {
   EXPECT_EQ(result.status, 0);
 }
 
+/// Whether `words` are answered with `out`, sooner or later.
+bool isAnswered(const Words& words, const Text& out) {
+  const auto deadline = Process::Clock::now() + 30s;
+  while (Process::Clock::now() < deadline) {
+    if (testing::Matches(out)(kit::runKorvo(words).out)) return true;
+  }
+  return false;
+}
+
+TEST(Extractor, ForgetsSubscribersThatWereKilledAndThoseOfABrokerThatHasGone) {
+  std::optional<Broker> broker(std::in_place);
+  const auto host = [](const std::string& name, const std::string& service) {
+    auto process = std::make_unique<Process>(korvo({"host", "--module", name, "--log-level", "error"}));
+    EXPECT_TRUE(process->waitFor("hosting for broker korvo: " + service));
+    return process;
+  };
+  const auto extractor = host("thermometer", "Thermometer");
+  const auto killed = host("eventlogger", "EventLogger");
+  const Words question{"call", "Thermometer", "subscribers"};
+  const Words listen{"call", "EventLogger", "listen", "\"Thermometer/Temperature\""};
+  check({listen});
+  EXPECT_TRUE(isAnswered(question, "[\"EventLogger\"]\n"));
+  killed->send(SIGKILL);
+  EXPECT_TRUE(isAnswered(question, "[]\n"));
+
+  const auto subscriber = host("eventlogger", "EventLogger");
+  check({listen});
+  EXPECT_TRUE(isAnswered(question, "[\"EventLogger\"]\n"));
+  (*broker)->send(SIGTERM);
+  EXPECT_EQ((*broker)->finish().status, 0);
+  broker.emplace();
+  EXPECT_TRUE(isAnswered(question, "[]\n"));
+  EXPECT_TRUE(isAnswered({"events"}, testing::HasSubstr("Thermometer/Temperature"))) << "it is declared again";
+  EXPECT_TRUE(subscriber->waitFor("broker korvo is back"));
+  check({listen});
+  EXPECT_TRUE(isAnswered(question, "[\"EventLogger\"]\n"));
+}
+
 TEST(Broker, LoadsModulesAndEndsWhenItsServiceIsAskedTo) {
   Broker broker({"--log-level", "info"});
   const Row rows[] = {{{"load", module("greeter")}},
