@@ -1,4 +1,5 @@
 #include <hxbase/stmvalue.h>
+#include <libmw/detail/racepoint.h>
 
 #include <list>
 #include <mutex>
@@ -15,6 +16,7 @@ void STMValue::recordValue(const HXValue& value, dataType kind, mw::SystemTimePo
   change.changedKind = kind_ != kind;
   view_.hide();
   revision_ = record.journal.append(std::move(change), record.after);
+  HX_RACE_POINT("a change is told, and not shown yet");
 }
 
 journal::Entry STMValue::entry(const HXValue& value, journal::What what) const {

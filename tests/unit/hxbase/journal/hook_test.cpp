@@ -201,6 +201,16 @@ TEST_F(MemoryJournal, MissesNoWriteThatLookedBeforeItWasSwitchedOn) {
   }
 }
 
+TEST_F(MemoryJournal, LetsNobodySeeTheOldValueOfAChangeThatIsTold) {
+  memory->insertData("Key", 1);
+  memory->journal().keep(true);
+  HXValue seen;
+  kit::AtRacePoint point("a change is told, and not shown yet", [&] { seen = memory->getData("Key"); });
+  memory->insertData("Key", 2);
+  ASSERT_TRUE(point.join());
+  EXPECT_EQ(seen, HXValue(2));
+}
+
 // One writer, one key: a change's revision and its value go together.
 TEST_F(MemoryJournal, ShowsInTheTableWhatItTellsAndTellsWhatTheTableShows) {
   memory->insertData("Key", -1);
