@@ -149,8 +149,8 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   const local::BrokerFiles files_;
   local::File lock_;
   local::File socket_;
-  std::uint64_t number_ = 0;          // at the poller
-  std::atomic<bool> isShort_{false};  // the last attempt to accept failed, and was told
+  std::atomic<std::uint64_t> number_{0};  // at the poller, whose threads read it once it watches the socket
+  std::atomic<bool> isShort_{false};      // the last attempt to accept failed, and was told
 
   mutable std::mutex mutex_;  // Guards everything below.
   bool stopped_ = false;
