@@ -11,7 +11,7 @@
 namespace HX {
 namespace {
 
-const char* const kCategory = "hxcommon.subscribers";
+const char* const kSubscribersCategory = "hxcommon.subscribers";
 const std::string kMemory = "HXMemory";
 /// A directory beyond this process may take its time to answer.
 constexpr std::chrono::milliseconds kLookUpLimit{1000};
@@ -145,7 +145,7 @@ void Subscribers::onRegistered(const std::string& service) {
     try {
       declareTo(memory, name);
     } catch (const std::exception& error) {
-      mw::log::warning(kCategory, "declare",
+      mw::log::warning(kSubscribersCategory, "declare",
                        fmt::format("{} could not declare {} again: {}", extractor_, name, error.what()));
     }
   }
@@ -223,9 +223,10 @@ void Subscribers::call(const std::string& event, bool isWanted) const {
   try {
     onWanted_(event, isWanted);
   } catch (const std::exception& error) {
-    mw::log::error(kCategory, "tell", fmt::format("{} failed at a change for {}: {}", extractor_, event, error.what()));
+    mw::log::error(kSubscribersCategory, "tell",
+                   fmt::format("{} failed at a change for {}: {}", extractor_, event, error.what()));
   } catch (...) {
-    mw::log::error(kCategory, "tell", fmt::format("{} failed at a change for {}", extractor_, event));
+    mw::log::error(kSubscribersCategory, "tell", fmt::format("{} failed at a change for {}", extractor_, event));
   }
 }
 
