@@ -36,6 +36,22 @@ class HX_API RemoteDirectory {
   virtual void withdraw(ServiceId id, const std::string& name) = 0;
 };
 
+/// Tells of services that come or go. What a thread connects within a `Session::CatchUp` of its own is told first of
+/// what it has missed since that began.
+class HX_API NoticeSignal final : public Signal<ServiceId, std::string> {
+ public:
+  SignalLink connect(SignalSubscriber subscriber);
+
+ private:
+  friend class Session;
+  /// @return A link that all those lie before who were told.
+  SignalLink tell(ServiceId id, const std::string& name);
+  void tellOne(SignalLink link, ServiceId id, const std::string& name);
+
+  /// Told of each connection and the thread's own CatchUp; set by the session.
+  std::function<void(SignalLink)> onConnect_;
+};
+
 /// Where the services of a broker are found: those that this process offers, and beyond them whatever the directory
 /// reaches that the session has joined.
 ///
@@ -107,14 +123,29 @@ class HX_API Session {
 
   /// A service was offered or withdrawn: its id and its name. Delivered on the event loop, one notice at a time, in
   /// the order of what happened.
-  Signal<ServiceId, std::string> serviceRegistered;
-  Signal<ServiceId, std::string> serviceUnregistered;
+  NoticeSignal serviceRegistered;
+  NoticeSignal serviceUnregistered;
 
-  /// Holds notices back while it lives, and has them delivered afterwards.
-  ///
   /// A module connects its handler at the end of its constructor. A service that registers while the constructor runs
-  /// would fall between the pass over the existing services and the connection; held back, its notice finds the
-  /// handler in place.
+  /// would fall between the pass over the existing services and the connection. A handler that the thread of a CatchUp
+  /// connects is told of all that happened since that was made, before it is told anything else; nobody waits for it.
+  ///
+  /// @par Threads  Ends on the thread that made it. One of them may stand inside another.
+  class HX_API CatchUp {
+   public:
+    explicit CatchUp(Session& session);
+    CatchUp(const CatchUp&) = delete;
+    CatchUp& operator=(const CatchUp&) = delete;
+    ~CatchUp();
+
+   private:
+    friend class Session;
+    Session& session_;
+    const std::uint64_t begin_;  ///< Number of the first notice that counts.
+    CatchUp* const outer_;
+  };
+
+  /// Holds notices back while it lives, and has them delivered afterwards. For moments.
   class HX_API NoticeHold {
    public:
     explicit NoticeHold(Session& session);

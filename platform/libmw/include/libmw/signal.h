@@ -100,6 +100,12 @@ class HX_API SignalBase {
   void disconnectAll();
   bool hasSubscribers() const;
 
+ protected:
+  /// A link that those made before are smaller than, and those made from now on greater.
+  static SignalLink nextLink();
+  /// Emits to those connections whose link lies between the two.
+  void triggerBetween(SignalLink after, SignalLink before, GenericFunctionParameters parameters);
+
  private:
   class Connections;
   std::shared_ptr<Connections> connections();

@@ -1,3 +1,4 @@
+#include "../runtime/threadlocal.h"
 #include "servicehandle.h"
 
 #include <libmw/eventloop.h>
@@ -11,19 +12,37 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include <fmt/format.h>
 
 namespace mw {
+
+namespace {
+
+/// The innermost one of the calling thread.
+HX_THREAD_LOCAL constinit Session::CatchUp* catchingUp = nullptr;
+
+/// What a library that takes long to load may catch up with.
+constexpr std::size_t kMostRemembered = 65536;
+
+}  // namespace
 
 /// Notices on their way to the handlers. Shared with the task that delivers them, which may outlast the session.
 class Session::Notices : public std::enable_shared_from_this<Notices> {
  public:
   enum class Kind : std::uint8_t { Registered, Unregistered, Lost, Restored };
   struct Notice {
+    Notice(Kind what, ServiceId service, std::string words, SignalLink handler = kInvalidSignalLink,
+           std::uint64_t first = 0)
+        : kind(what), id(service), text(std::move(words)), latecomer(handler), since(first) {}
+
     Kind kind;
-    ServiceId id = 0;
+    ServiceId id;
     std::string text;  ///< The name of the service, or the reason of the loss.
+    /// Other than 0: not news, but those since `since` for the handler of this link, as far as it has missed them.
+    SignalLink latecomer;
+    std::uint64_t since;
   };
 
   Notices(Session& session, EventLoop& loop) : session_(session), loop_(loop) {}
@@ -45,10 +64,29 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
     startLocked();
   }
 
+  /// Remembers from now on what is delivered. @return The number of the next one.
+  std::uint64_t remember() {
+    const std::lock_guard lock(mutex_);
+    ++remembering_;
+    return delivered_;
+  }
+
+  void forget() {
+    std::deque<Delivered> gone;
+    const std::lock_guard lock(mutex_);
+    if (--remembering_ == 0) gone.swap(past_);
+  }
+
   /// No handler is called any more once this has returned, except by the calling thread itself.
   void end() { lifetime_.destroy(); }
 
  private:
+  struct Delivered {
+    Notice notice;
+    std::uint64_t number = 0;
+    SignalLink before = kInvalidSignalLink;  ///< Handlers of greater links were not told.
+  };
+
   // The posting itself happens under the lock; the loop never runs what is posted in the caller.
   void startLocked() {
     if (delivering_ || holds_ > 0 || waiting_.empty()) return;
@@ -62,27 +100,57 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
         delivering_ = false;
         return;
       }
-      const Notice notice = std::move(waiting_.front());
+      Notice notice = std::move(waiting_.front());
       waiting_.pop_front();
       lock.unlock();
       const auto token = lifetime_.token();
-      if (const auto pass = token.enter()) {
-        tell(notice);
+      const auto pass = token.enter();
+      if (!pass) continue;
+      if (notice.latecomer != kInvalidSignalLink) {
+        tellPast(notice);
+        forget();
+      } else {
+        const SignalLink before = tell(notice);
+        if (before == kInvalidSignalLink) continue;
+        lock.lock();
+        const std::uint64_t number = delivered_++;
+        if (remembering_ == 0) continue;
+        if (past_.size() == kMostRemembered) past_.pop_front();
+        past_.push_back({std::move(notice), number, before});
       }
     }
   }
 
-  void tell(const Notice& notice) const {
+  /// @return Of services, a link that all those lie before who were told.
+  SignalLink tell(const Notice& notice) const {
     switch (notice.kind) {
       case Kind::Registered:
-        return session_.serviceRegistered(notice.id, notice.text);
       case Kind::Unregistered:
-        return session_.serviceUnregistered(notice.id, notice.text);
+        return signalOf(notice).tell(notice.id, notice.text);
       case Kind::Lost:
-        return session_.connectionLost(notice.text);
+        session_.connectionLost(notice.text);
+        break;
       case Kind::Restored:
-        return session_.connectionRestored();
+        session_.connectionRestored();
+        break;
     }
+    return kInvalidSignalLink;
+  }
+
+  void tellPast(const Notice& wanted) {
+    std::deque<Delivered> past;
+    {
+      const std::lock_guard lock(mutex_);
+      past = past_;
+    }
+    for (const Delivered& one : past) {
+      if (one.number < wanted.since || one.before > wanted.latecomer || one.notice.kind != wanted.kind) continue;
+      signalOf(wanted).tellOne(wanted.latecomer, one.notice.id, one.notice.text);
+    }
+  }
+
+  NoticeSignal& signalOf(const Notice& notice) const {
+    return notice.kind == Kind::Registered ? session_.serviceRegistered : session_.serviceUnregistered;
   }
 
   Session& session_;
@@ -92,7 +160,27 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
   std::deque<Notice> waiting_;
   int holds_ = 0;
   bool delivering_ = false;
+  int remembering_ = 0;
+  std::uint64_t delivered_ = 0;
+  std::deque<Delivered> past_;  // as long as somebody may have to catch up
 };
+
+SignalLink NoticeSignal::connect(SignalSubscriber subscriber) {
+  const SignalLink link = SignalBase::connect(std::move(subscriber));
+  if (onConnect_) onConnect_(link);
+  return link;
+}
+
+SignalLink NoticeSignal::tell(ServiceId id, const std::string& name) {
+  const SignalLink before = nextLink();
+  detail::withParameters([&](GenericFunctionParameters all) { triggerBetween(kInvalidSignalLink, before, all); }, id,
+                         name);
+  return before;
+}
+
+void NoticeSignal::tellOne(SignalLink link, ServiceId id, const std::string& name) {
+  detail::withParameters([&](GenericFunctionParameters all) { triggerBetween(link - 1, link + 1, all); }, id, name);
+}
 
 /// The services of this process, and who finds the others.
 class Session::Directory {
@@ -199,7 +287,19 @@ Future<AnyObject> noSuchService(const std::string& name) {
 Session::Session() : Session(defaultLoop()) {}
 
 Session::Session(EventLoop& loop)
-    : notices_(std::make_shared<Notices>(*this, loop)), directory_(std::make_unique<Directory>(loop, *notices_)) {}
+    : notices_(std::make_shared<Notices>(*this, loop)), directory_(std::make_unique<Directory>(loop, *notices_)) {
+  const auto catchUp = [this](Notices::Kind kind) {
+    return [this, kind](SignalLink link) {
+      for (const CatchUp* own = catchingUp; own; own = own->outer_) {
+        if (&own->session_ != this) continue;
+        notices_->remember();  // Until this handler has caught up.
+        return notices_->add({kind, 0, "", link, own->begin_});
+      }
+    };
+  };
+  serviceRegistered.onConnect_ = catchUp(Notices::Kind::Registered);
+  serviceUnregistered.onConnect_ = catchUp(Notices::Kind::Unregistered);
+}
 
 Session::~Session() {
   close();
@@ -296,6 +396,14 @@ void Session::announce(ServiceId id, const std::string& name, bool registered) {
 
 void Session::announceLoss(const std::string& reason) { notices_->add({Notices::Kind::Lost, 0, reason}); }
 void Session::announceReturn() { notices_->add({Notices::Kind::Restored, 0, {}}); }
+
+Session::CatchUp::CatchUp(Session& session)
+    : session_(session), begin_(session.notices_->remember()), outer_(std::exchange(catchingUp, this)) {}
+
+Session::CatchUp::~CatchUp() {
+  catchingUp = outer_;
+  session_.notices_->forget();
+}
 
 Session::NoticeHold::NoticeHold(Session& session) : session_(session) { session_.notices_->hold(); }
 Session::NoticeHold::~NoticeHold() { session_.notices_->release(); }

@@ -111,11 +111,6 @@ class Slot : public std::enable_shared_from_this<Slot> {
   bool stopped_ = false;
 };
 
-SignalLink nextLink() {
-  static std::atomic<SignalLink> last{kInvalidSignalLink};
-  return ++last;
-}
-
 struct EmissionsOfThread {
   GenericFunctionParameters list;  // of the innermost one
   std::uint64_t number = 0;        // likewise
@@ -329,6 +324,20 @@ void SignalBase::trigger(GenericFunctionParameters parameters, MetaCallType call
   const EmissionScope scope(parameters, slots->size() > 1);
   for (const auto& slot : *slots) {
     if (!slot->deliver(parameters, callType)) held->drop(slot->link());
+  }
+}
+
+SignalLink SignalBase::nextLink() {
+  static std::atomic<SignalLink> last{kInvalidSignalLink};
+  return ++last;
+}
+
+void SignalBase::triggerBetween(SignalLink after, SignalLink before, GenericFunctionParameters parameters) {
+  if (!connected_.load(std::memory_order_acquire)) return;
+  const std::shared_ptr<Connections> held = owned_;
+  for (const auto& slot : *held->snapshot()) {
+    if (slot->link() <= after || slot->link() >= before) continue;
+    if (!slot->deliver(parameters, MetaCallType::Auto)) held->drop(slot->link());
   }
 }
 

@@ -334,10 +334,10 @@ TEST_F(Mapping, FromTheFileIsAppliedTwiceToAServiceThatIsThereAndOnceToOneThatCo
 TEST_F(Mapping, IsNotLostForServicesThatRegisterDuringTheConstruction) {
   const MapFile file("Early.opened : E\nProbe.opened : F\n");
   std::shared_ptr<Door> early;
-  std::optional<mw::Session::NoticeHold> hold;
+  std::optional<mw::Session::CatchUp> catchUp;
   int probes = 0;
   startWith([&] {
-    hold.emplace(*broker->session());  // As for the loading of a library.
+    catchUp.emplace(*broker->session());  // As for the loading of a library.
     broker->session()->setResolver([&](const std::string& name) {
       // The second look-up of "Probe" is that of the pass over all services, which has left "Early" behind by then.
       if (name == "Probe" && ++probes == 2) {
@@ -350,7 +350,7 @@ TEST_F(Mapping, IsNotLostForServicesThatRegisterDuringTheConstruction) {
     });
   });
   ASSERT_NE(early, nullptr);
-  hold.reset();
+  catchUp.reset();
   mw::defaultLoop().drain();
   EXPECT_EQ(raisesOf("E", [&] { early->opened(HXValue(1)); }), 1U);
 }

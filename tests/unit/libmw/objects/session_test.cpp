@@ -125,6 +125,30 @@ TEST_F(Sessions, HoldNoticesBack) {
   EXPECT_THAT(notices, ElementsAre("Motor"));
 }
 
+TEST_F(Sessions, TellWhoConnectsLateWhatItHasMissedInItsOrderAndNobodyElseWaits) {
+  listen();
+  session.registerService("Before", serviceThat([] {}));
+  loop.drain();
+  std::vector<std::string> late;
+  {
+    const Session::CatchUp catchUp(session);
+    const auto first = session.registerService("First", serviceThat([] {}));
+    loop.drain();
+    EXPECT_THAT(notices, ElementsAre("Before", "First")) << "nobody waits for who is late";
+    const auto note = [&](mw::ServiceId, const std::string& name) { late.push_back(name); };
+    std::thread([&] { session.serviceUnregistered.connect(SignalSubscriber(note)); }).join();
+    session.unregisterService(first);
+    loop.drain();
+    session.serviceRegistered.connect(SignalSubscriber(note));
+  }
+  session.registerService("After", serviceThat([] {}));
+  loop.drain();
+  session.serviceUnregistered.disconnectAll();  // The session outlives `late`.
+  session.serviceRegistered.disconnectAll();
+  EXPECT_THAT(late, ElementsAre("First", "First", "After"));
+  EXPECT_THAT(notices, ElementsAre("Before", "First", "-First", "After"));
+}
+
 TEST_F(Sessions, AnnounceNothingOnceTheyAreGone) {
   for (int round = 0; round < 50; ++round) {
     std::atomic<bool> gone{false};
