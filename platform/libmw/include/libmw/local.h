@@ -38,6 +38,11 @@ struct LinkOptions {
   std::size_t callLimit = 32;
   /// Connections that one server holds at once.
   std::size_t connectionLimit = 1024;
+  /// Of these, how many one process may have.
+  std::size_t connectionsOfAProcess = 256;
+  /// Of these, how many are kept for processes of the server's own program: `korvo run` lets in the commands of `korvo`
+  /// when everybody else is too many.
+  std::size_t connectionsKept = 16;
 };
 
 /// There is no broker of that name to join.
@@ -73,6 +78,12 @@ struct RunningBroker {
 /// Tells more than `runningBrokers`. Asks no broker, so that one that hangs is told too.
 HX_API std::vector<RunningBroker> describeRunningBrokers();
 
+/// When a server lets peers in.
+enum class Listening : bool {
+  Now,
+  Later,  ///< Once `LocalServer::listen` is called; the name is taken from the beginning.
+};
+
 /// Serves a session: while it lives, processes of the same user may join under `name`.
 ///
 /// @par Threads  Any.
@@ -83,11 +94,16 @@ class HX_API LocalServer {
   /// @param options  Limits and times of each connection.
   /// @throws std::runtime_error when it is no `isBrokerName`, when a broker of that name is running, or when the
   ///         socket cannot be made.
-  LocalServer(Session& session, const std::string& name, const LinkOptions& options = {});
+  LocalServer(Session& session, const std::string& name, const LinkOptions& options = {},
+              Listening listening = Listening::Now);
   LocalServer(const LocalServer&) = delete;
   LocalServer& operator=(const LocalServer&) = delete;
   /// Ends every connection and withdraws the services that came by them.
   ~LocalServer();
+
+  /// Lets peers in, once, where that was left for later.
+  /// @throws std::runtime_error when the socket cannot be made.
+  void listen();
 
   /// How many peers are connected. For diagnosis.
   std::size_t connectionCount() const;

@@ -104,7 +104,10 @@ HX_API void removeSink(SinkId id);
 
 /// Turns the lines on standard error on (as at start) or off.
 ///
-/// A record is one line, `[LEVEL] CATEGORY FUNCTION: TEXT`; line ends and control characters are escaped.
+/// A record is one line, `[LEVEL] CATEGORY FUNCTION: TEXT`; line ends and control characters are escaped, and the
+/// middle of a text beyond some 2000 bytes is left out. Of one level, category and function at most 100 lines are
+/// written in a second, `Verbose` and `Debug` excepted; then one that tells how many more there were. Sinks get every
+/// record whole.
 ///
 /// @return Whether they were on before.
 HX_API bool setStderrSink(bool enabled) noexcept;

@@ -2,6 +2,7 @@
 
 #include <hxerror/api.h>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -12,5 +13,12 @@ namespace mw {
 ///
 /// @par Threads  Any.
 HX_API std::string escapeControls(std::string_view text);
+
+/// `text` with its middle left out, where it is longer than is good to read: "begin… 65436 bytes …end". Takes no UTF-8
+/// character apart.
+///
+/// @param most  About as many bytes are kept.
+/// @par Threads  Any.
+HX_API std::string shorten(std::string_view text, std::size_t most = 100);
 
 }  // namespace mw

@@ -1,5 +1,6 @@
 #include "../remote/remoteservice.h"
 #include "../remote/sessionservice.h"
+#include "../runtime/processend.h"
 #include "announcedservices.h"
 #include "socketchannel.h"
 #include "socketfolder.h"
@@ -49,7 +50,11 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
         files_(local::filesOf(broker_)) {}
 
   void start() {
-    if (!connect()) throw NoBrokerError(fmt::format("no broker named {} is running", broker_));
+    if (!connect()) {
+      throw NoBrokerError(local::isLocked(files_)
+                              ? fmt::format("broker {} lets nobody in yet: it loads its modules", broker_)
+                              : fmt::format("no broker named {} is running", broker_));
+    }
     try {
       session_.join(shared_from_this());
     } catch (...) {
@@ -59,6 +64,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   }
 
   void stop() {
+    if (detail::isForkedChild()) return;  // The connection is the parent's.
     lifetime_.destroy();
     session_.join(nullptr);
     services_.letGo();
@@ -139,7 +145,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     local::File socket = local::connectTo(files_.socket);
     if (!socket) return false;
     if (!local::isOwnPeer(socket)) throw std::runtime_error(fmt::format("broker {} is another user's", broker_));
-    const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_.link);
+    const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), local::withReserve(options_.link));
     const auto link = std::make_shared<remote::Link>(channel, &session_, options_.link);
     const auto isOver = std::make_shared<bool>(false);  // Guarded by `mutex_`.
     announced_.begin(number);

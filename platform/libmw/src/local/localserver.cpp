@@ -1,4 +1,7 @@
+#include "../remote/linkparts.h"
 #include "../remote/sessionservice.h"
+#include "../runtime/linelimit.h"
+#include "../runtime/processend.h"
 #include "socketchannel.h"
 #include "socketfolder.h"
 
@@ -41,26 +44,29 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
         files_(local::filesOf(name)),
         lock_(local::lockBroker(files_)) {
     if (!lock_) throw std::runtime_error(fmt::format("a broker named {} is running already", name));
-    local::File socket = local::listenOn(files_.socket);
-    ::fcntl(socket.number(), F_SETFL, O_NONBLOCK);
-    socket_ = std::move(socket);
+    lockId_ = local::idOf(files_.lock);
   }
 
-  void start() {
+  void listen() {
+    local::File socket = local::listenOn(files_.socket);
+    ::fcntl(socket.number(), F_SETFL, O_NONBLOCK);
+    socketId_ = local::idOf(files_.socket);
+    socket_ = std::move(socket);
     number_ = local::Poller::instance().add(socket_.number(), weak_from_this());
     watch(kOneNewcomer);
+    look();
   }
 
   void stop() {
-    local::Poller::instance().remove(number_, socket_.number());
+    if (detail::isForkedChild()) return;  // Files and connections are the parent's.
+    if (number_ != 0) local::Poller::instance().remove(number_, socket_.number());
     std::map<std::uint64_t, std::shared_ptr<remote::Link>> links;
     {
       const std::lock_guard lock(mutex_);
       stopped_ = true;
       links.swap(links_);
     }
-    ::unlink(files_.socket.c_str());
-    ::unlink(files_.lock.c_str());
+    removeFiles();
     lock_ = local::File();
     for (const auto& [number, link] : links) link->end(kShutDown);
     for (const auto& [number, link] : links) link->gone().wait();
@@ -74,6 +80,37 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   }
 
  private:
+  /// Whoever removed them may have let a successor in, whose files these are then.
+  void removeFiles() {
+    if (!lockId_ || local::idOf(files_.lock) != lockId_) return;
+    if (socketId_ && local::idOf(files_.socket) == socketId_) ::unlink(files_.socket.c_str());
+    ::unlink(files_.lock.c_str());
+  }
+
+  /// What is to be looked at now and then: the files on which newcomers depend, of whose end it says so once; and what
+  /// was left out of the log and is still to be told.
+  void look() {
+    log::LineLimit::instance().tellWhatWasLeftOut();
+    const bool isWhole = local::idOf(files_.lock) == lockId_ && local::idOf(files_.socket) == socketId_;
+    if (std::exchange(isWhole_, isWhole) && !isWhole) {
+      log::error(
+          kServerCategory, "look",
+          fmt::format("broker {} cannot be joined any more: somebody has removed {} or the lock beside it; who is "
+                      "connected is served on",
+                      name_, files_.socket));
+    }
+    defaultLoop().post(
+        [weak = weak_from_this()] {
+          if (const auto self = weak.lock(); self && !self->isStopped()) self->look();
+        },
+        options_.heartbeat);
+  }
+
+  bool isStopped() const {
+    const std::lock_guard lock(mutex_);
+    return stopped_;
+  }
+
   void watch(std::uint32_t events) { local::Poller::instance().watch(number_, socket_.number(), events); }
 
   /// One, because the next is told of as soon as the socket is watched again. To try until nobody waits would, with the
@@ -104,42 +141,72 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
     if (!local::isOwnPeer(socket)) {
       return log::warning(kServerCategory, "accept", fmt::format("broker {} refused a process of another user", name_));
     }
+    const pid_t process = local::processOf(socket);
+    std::uint64_t number = 0;
+    if (const std::string reason = takePlace(process, number); !reason.empty()) return refuse(socket, process, reason);
     try {
       const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_);
-      const auto link = std::make_shared<remote::Link>(channel, &session_, options_);
-      if (const auto number = add(link)) {
-        link->start(
-            std::make_shared<remote::SessionService>(session_, name_, link, remote::SessionService::Role::Broker),
-            [weak = weak_from_this(), number = *number, peer = link->peer()](const std::string& reason) {
-              const bool isUsual = reason == remote::kPeerClosed || reason == kShutDown;
-              log::write(isUsual ? LogLevel::Verbose : LogLevel::Warning, kServerCategory, "end",
-                         fmt::format("{} has left: {}", peer, reason));
-              if (const auto self = weak.lock()) self->remove(number);
-            });
-      }
+      const auto link = std::make_shared<remote::Link>(channel, &session_, local::withReserve(options_));
+      if (!add(number, link)) return;
+      link->start(std::make_shared<remote::SessionService>(session_, name_, link, remote::SessionService::Role::Broker),
+                  [weak = weak_from_this(), number, peer = link->peer()](const std::string& reason) {
+                    const bool isUsual = reason == remote::kPeerClosed || reason == kShutDown;
+                    log::write(isUsual ? LogLevel::Verbose : LogLevel::Warning, kServerCategory, "end",
+                               fmt::format("{} has left: {}", peer, reason));
+                    if (const auto self = weak.lock()) self->remove(number);
+                  });
     } catch (const std::exception& error) {
+      remove(number);
       log::error(kServerCategory, "accept", fmt::format("broker {} cannot take a connection: {}", name_, error.what()));
     }
   }
 
-  std::optional<std::uint64_t> add(const std::shared_ptr<remote::Link>& link) {
-    {
-      const std::lock_guard lock(mutex_);
-      if (stopped_) return std::nullopt;
-      if (links_.size() < options_.connectionLimit) {
-        links_.emplace(++lastNumber_, link);
-        return lastNumber_;
+  /// Several newcomers may be welcomed at once.
+  /// @return Why there is no place for a process; empty when it has the place `number` now.
+  std::string takePlace(pid_t process, std::uint64_t& number) {
+    const auto isKept = [this] { return processes_.size() + options_.connectionsKept >= options_.connectionLimit; };
+    std::unique_lock lock(mutex_);
+    if (isKept()) {
+      lock.unlock();
+      const bool isOwn = local::isOfThisProgram(process);
+      lock.lock();
+      if (processes_.size() >= options_.connectionLimit || (isKept() && !isOwn)) {
+        return fmt::format("{} are connected, which is the limit", processes_.size());
       }
     }
-    log::warning(kServerCategory, "accept",
-                 fmt::format("broker {} refused {}: {} are connected, which is the limit", name_, link->peer(),
-                             options_.connectionLimit));
-    return std::nullopt;
+    std::size_t own = 0;
+    for (const auto& [place, known] : processes_) own += known == process ? 1U : 0U;
+    if (own >= options_.connectionsOfAProcess) {
+      return fmt::format("it has {} connections, which is the limit for one process", own);
+    }
+    number = ++lastNumber_;
+    processes_.emplace(number, process);
+    return {};
+  }
+
+  /// The newcomer is told, as a message that the system takes without waiting: nothing else waits on this socket.
+  void refuse(const local::File& socket, pid_t process, const std::string& reason) const {
+    log::warning(kServerCategory, "accept", fmt::format("broker {} refused process {}: {}", name_, process, reason));
+    remote::Bytes message;
+    remote::Writer out(message);
+    out.list(3);
+    out.number(static_cast<std::uint32_t>(remote::MessageType::Notification));
+    out.text(remote::kRefused);
+    out.list(1);
+    out.text(reason);
+    static_cast<void>(::send(socket.number(), message.data(), message.size(), MSG_NOSIGNAL | MSG_DONTWAIT));
+  }
+
+  bool add(std::uint64_t number, const std::shared_ptr<remote::Link>& link) {
+    const std::lock_guard lock(mutex_);
+    if (!stopped_) links_.emplace(number, link);
+    return !stopped_;
   }
 
   void remove(std::uint64_t number) {
     std::shared_ptr<remote::Link> last;
     const std::lock_guard lock(mutex_);
+    processes_.erase(number);
     if (auto found = links_.extract(number)) last = std::move(found.mapped());
   }
 
@@ -148,22 +215,28 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   const LinkOptions options_;
   const local::BrokerFiles files_;
   local::File lock_;
+  std::optional<local::FileId> lockId_;
   local::File socket_;
-  std::atomic<std::uint64_t> number_{0};  // at the poller, whose threads read it once it watches the socket
-  std::atomic<bool> isShort_{false};      // the last attempt to accept failed, and was told
+  std::optional<local::FileId> socketId_;
+  bool isWhole_ = true;               // both files were there when it was looked at last
+  std::uint64_t number_ = 0;          // at the poller; 0 until it listens
+  std::atomic<bool> isShort_{false};  // the last attempt to accept failed, and was told
 
   mutable std::mutex mutex_;  // Guards everything below.
   bool stopped_ = false;
   std::uint64_t lastNumber_ = 0;
   std::map<std::uint64_t, std::shared_ptr<remote::Link>> links_;
+  std::map<std::uint64_t, pid_t> processes_;  // at the other ends: of links, and of those that are being made
 };
 
-LocalServer::LocalServer(Session& session, const std::string& name, const LinkOptions& options)
+LocalServer::LocalServer(Session& session, const std::string& name, const LinkOptions& options, Listening listening)
     : impl_(std::make_shared<Impl>(session, name, options)) {
-  impl_->start();
+  if (listening == Listening::Now) impl_->listen();
 }
 
 LocalServer::~LocalServer() { impl_->stop(); }
+
+void LocalServer::listen() { impl_->listen(); }
 
 std::size_t LocalServer::connectionCount() const { return impl_->connectionCount(); }
 

@@ -1,5 +1,7 @@
 #include "poller.h"
 
+#include "../runtime/processend.h"
+
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 
@@ -24,8 +26,6 @@ const char* const kCategory = "mw.link";
 constexpr std::size_t kFewestWaiting = 2;
 /// How long a thread beyond those is kept without work.
 constexpr auto kIdleThread = 10s;
-/// How long the end of the process waits for what still runs.
-constexpr auto kGrace = 2s;
 /// Files of the poller itself; sockets are numbered behind them.
 enum OwnFile : std::uint64_t { kWakeUp, kTimer, kEnd, kLastOwn = kEnd };
 
@@ -48,8 +48,14 @@ void write(const File& file) {
 
 }  // namespace
 
+File::File(int number) noexcept : number_(number) {
+  if (number_ >= 0) detail::closeInChildren(number_);
+}
+
 File::~File() {
-  if (number_ >= 0) ::close(number_);
+  if (number_ < 0) return;
+  detail::closedAlready(number_);
+  ::close(number_);
 }
 
 /// At the end of the process nobody must be inside libraries that go. The poller itself stays: destructors of other
@@ -305,6 +311,7 @@ void Poller::fireTimer() {
 }
 
 void Poller::stop() {
+  if (detail::isForkedChild()) return;
   {
     const std::lock_guard lock(mutex_);
     stopped_ = true;
@@ -313,7 +320,7 @@ void Poller::stop() {
   fireTimer();  // What waits to leave does, or never.
   write(end_);
   std::unique_lock lock(mutex_);
-  if (changed_.wait_for(lock, kGrace, [this] { return threads_ == 0; })) return;
+  if (changed_.wait_for(lock, detail::graceAtExit(), [this] { return threads_ == 0; })) return;
   lock.unlock();
   log::error(kCategory, "exit", "calls from other processes still run at the end of the process; not waiting");
 }

@@ -15,11 +15,11 @@
 
 namespace mw::local {
 
-/// A file of the system, closed when it goes.
+/// A file of the system, closed when it goes, and in processes that this one forks.
 class HX_API File {
  public:
   File() = default;
-  explicit File(int number) noexcept : number_(number) {}
+  explicit File(int number) noexcept;
   File(File&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
   File& operator=(File&& other) noexcept {
     std::swap(number_, other.number_);

@@ -99,6 +99,22 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
+std::optional<ucred> credentialsOf(const local::File& socket) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (::getsockopt(socket.number(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return std::nullopt;
+  return credentials;
+}
+
+/// The path of the program that a process executes, also when a newer one has taken its place.
+std::string programOf(const std::string& process) {
+  constexpr std::string_view kReplaced = " (deleted)";
+  std::error_code unknown;
+  std::string path = std::filesystem::read_symlink("/proc/" + process + "/exe", unknown);
+  if (path.ends_with(kReplaced)) path.resize(path.size() - kReplaced.size());
+  return path;
+}
+
 local::File newSocket() {
   local::File made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!made) throw systemError("a socket");
@@ -188,6 +204,14 @@ File lockBroker(const BrokerFiles& files) {
   }
 }
 
+bool isLocked(const BrokerFiles& files) { return isRunning(files.lock); }
+
+std::optional<FileId> idOf(const std::string& path) {
+  struct stat named {};
+  if (::lstat(path.c_str(), &named) != 0) return std::nullopt;
+  return FileId{named.st_dev, named.st_ino};
+}
+
 File listenOn(const std::string& path) {
   File made = newSocket();
   ::unlink(path.c_str());
@@ -211,10 +235,18 @@ File connectTo(const std::string& path) {
 }
 
 bool isOwnPeer(const File& socket) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (::getsockopt(socket.number(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return false;
-  return credentials.uid == ::geteuid();
+  const auto credentials = credentialsOf(socket);
+  return credentials && credentials->uid == ::geteuid();
+}
+
+pid_t processOf(const File& socket) {
+  const auto credentials = credentialsOf(socket);
+  return credentials ? credentials->pid : 0;
+}
+
+bool isOfThisProgram(pid_t process) {
+  const std::string own = programOf("self");
+  return !own.empty() && programOf(fmt::format("{}", process)) == own;
 }
 
 }  // namespace local

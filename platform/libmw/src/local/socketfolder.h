@@ -2,9 +2,19 @@
 
 #include "socketchannel.h"
 
+#include <optional>
 #include <string>
+#include <sys/types.h>
 
 namespace mw::local {
+
+/// What a broker hands on may be larger than what it took, by the name of a key or what a subscriber wants to be told:
+/// so much more a client takes from it.
+inline constexpr std::size_t kReserve = std::size_t{1} << 20;
+inline LinkOptions withReserve(LinkOptions options) {
+  options.frameLimit += kReserve;
+  return options;
+}
 
 /// The socket and the lock file of a broker.
 struct BrokerFiles {
@@ -18,6 +28,18 @@ BrokerFiles filesOf(const std::string& broker);
 /// @return The file to keep open for as long as the broker runs; none when another one runs.
 File lockBroker(const BrokerFiles& files);
 
+/// Whether the lock is held: somebody runs under the name, though perhaps not listening yet.
+bool isLocked(const BrokerFiles& files);
+
+/// Which file a path names, apart from others that had the path before or have it later.
+struct FileId {
+  dev_t device = 0;
+  ino_t number = 0;
+  bool operator==(const FileId&) const = default;
+};
+/// @return None when there is no such file.
+std::optional<FileId> idOf(const std::string& path);
+
 /// A listening socket, for this user alone.
 /// @throws std::system_error
 File listenOn(const std::string& path);
@@ -27,5 +49,9 @@ File connectTo(const std::string& path);
 /// Whether the process at the other end is the same user's. The superuser is another user like any: what can act as
 /// everybody can act as that user.
 bool isOwnPeer(const File& socket);
+/// The process at the other end; 0 when it is not known.
+pid_t processOf(const File& socket);
+/// Whether a process executes the same program as this one.
+bool isOfThisProgram(pid_t process);
 
 }  // namespace mw::local

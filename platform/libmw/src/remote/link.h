@@ -76,6 +76,7 @@ struct Incoming {
   CallStop stop;
   std::optional<std::stop_callback<std::function<void()>>> onStop;
   unsigned heartbeats = 0;         ///< That it has waited for; under the lock of its strand.
+  std::string refusal;             ///< Why it cannot be executed; empty when it can.
   std::shared_ptr<Incoming> next;  ///< On its strand.
 };
 
@@ -196,6 +197,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   bool deliver(SignalLink link, const Subscription& subscription, std::span<Emission> emissions, OutputBatch& batch,
                bool more);
   void release(Emission& emission);
+  static void readRest(Incoming& call);
   Future<AnyValue> execute(Incoming& call);
   static void giveUp(std::uint64_t link, mw::detail::FutureStateBase& answer);
   static Future<AnyValue> callMember(const AnyObject& object, std::string_view member,

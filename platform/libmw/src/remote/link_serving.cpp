@@ -5,6 +5,7 @@
 #include "metacodec.h"
 
 #include <libmw/remoteerror.h>
+#include <libmw/text.h>
 
 #include <algorithm>
 #include <charconv>
@@ -28,6 +29,12 @@ std::optional<unsigned> numberIn(std::string_view text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
   return number;
+}
+
+/// Why a broker refuses the connection, in its words.
+std::string refusalIn(const ArgumentValues& arguments) {
+  const auto* reason = arguments.empty() ? nullptr : arguments.front().reference().getIf<HX::HXValue>();
+  return fmt::format("it is refused: {}", reason ? reason->toString() : "");
 }
 
 }  // namespace
@@ -112,7 +119,13 @@ void Link::readArguments(Reader& in, std::uint32_t count, const Frame& frame, Ar
       unread.add(arguments.size(), in.skip());
       arguments.emplace_back();
     } else {
-      arguments.emplace_back(in.value());
+      const Reader before = in;
+      try {
+        arguments.emplace_back(in.value());
+      } catch (const ValueError&) {
+        unread.add(arguments.size(), Reader(before).skip());  // Fails those who need it.
+        arguments.emplace_back();
+      }
     }
   }
 }
@@ -154,7 +167,7 @@ void Link::finish(Pending& pending, Reader& in) {
   } catch (const ProtocolError& error) {
     const std::string text = fmt::format("the answer of {} cannot be read: {}", peer(), error.what());
     pending.promise.trySetException(std::make_exception_ptr(std::runtime_error(text)));
-    throw;
+    if (!dynamic_cast<const ValueError*>(&error)) throw;
   }
 }
 
@@ -179,7 +192,12 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   const std::uint32_t count = beginArguments(in, call->chain);
   call->object = targetAtArrival(call->target);
   readArguments(in, count, frame, call->arguments, call->unread);
+  if (call->chain.depth > kDeepestChain) {
+    call->refusal = fmt::format("calls back and forth nest more than {} deep", kDeepestChain);
+    call->chain = {};
+  }
   if (!id && target == kAlive) return {};
+  if (!id && target == kRefused) throw ProtocolError(refusalIn(call->arguments));  // The end is right behind it.
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
     countWaiting(call->size);
@@ -208,10 +226,10 @@ std::string Link::limitOfLink() const {
 
 void Link::refuse(const std::shared_ptr<Incoming>& call, const std::string& limit) {
   waitingBytes_ -= call->size;
-  answer(
-      call,
-      Future<AnyValue>::failed(std::make_exception_ptr(std::runtime_error(fmt::format("{}: {}", call->target, limit)))),
-      Sending::Now);
+  answer(call,
+         Future<AnyValue>::failed(
+             std::make_exception_ptr(std::runtime_error(fmt::format("{}: {}", shorten(call->target), limit)))),
+         Sending::Now);
 }
 
 void Link::countWaiting(std::size_t size) {
@@ -376,21 +394,31 @@ AnyObject Link::targetOf(const Incoming& call, std::string_view& member) const {
   const std::string_view target = call.target;
   const std::size_t dot = target.rfind('.');
   if (dot == std::string_view::npos)
-    throw std::runtime_error(fmt::format("{}: a method is named SERVICE.METHOD", target));
+    throw std::runtime_error(fmt::format("{}: a method is named SERVICE.METHOD", shorten(target)));
   member = target.substr(dot + 1);
   if (call.object) return call.object;
   const std::string name(target.substr(0, dot));
-  if (target.starts_with('@')) throw std::runtime_error(fmt::format("there is no object {}", name));
+  if (target.starts_with('@')) throw std::runtime_error(fmt::format("there is no object {}", shorten(name)));
   AnyObject found = reserved_->find(name);
-  if (!found) throw NoSuchServiceError(fmt::format("no service named {}", name));
+  if (!found) throw NoSuchServiceError(fmt::format("no service named {}", shorten(name)));
   return found;
+}
+
+/// Reads what was left of the arguments.
+void Link::readRest(Incoming& call) {
+  try {
+    call.unread.readInto(call.arguments);
+  } catch (const ValueError& error) {
+    throw std::runtime_error(fmt::format("{}: an argument cannot be kept: {}", shorten(call.target), error.what()));
+  }
 }
 
 Future<AnyValue> Link::execute(Incoming& call) {
   waitingBytes_ -= call.size;
   CallStop* const stop = call.id ? &call.stop : nullptr;
   try {
-    call.unread.readInto(call.arguments);
+    if (!call.refusal.empty()) throw std::runtime_error(fmt::format("{}: {}", shorten(call.target), call.refusal));
+    readRest(call);
     if (call.target.starts_with(kReserved)) {
       const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_, stop);
       return reserved_->call(std::string_view(call.target).substr(kReserved.size()),
@@ -428,7 +456,7 @@ Future<AnyValue> Link::callMember(const AnyObject& object, std::string_view memb
     const auto signals = offered.signals();
     const auto isMeant = [&](const MetaSignal& one) { return static_cast<int>(one.id) == signal; };
     if (std::none_of(signals.begin(), signals.end(), isMeant)) {
-      throw NoSuchMethodError(fmt::format("{}.{}: no such method", offered.typeName(), member));
+      throw NoSuchMethodError(fmt::format("{}.{}: no such method", offered.typeName(), shorten(member)));
     }
     // Triggered beyond, it is not waited for here.
     if (object->isRemote()) return object->metaCall(static_cast<unsigned>(signal), arguments);
@@ -457,7 +485,7 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
     return;
   }
   if (!call->id) {
-    if (const auto error = result.exception()) mw::detail::logFailedPost(nameOf(*call), error, peer());
+    if (const auto error = result.exception()) mw::detail::logFailedPost(shorten(nameOf(*call)), error, peer());
     return;
   }
   Draft draft(objects_, MessageType::Response);

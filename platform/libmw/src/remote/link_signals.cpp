@@ -182,6 +182,8 @@ bool Link::deliver(SignalLink link, const Subscription& subscription, std::span<
       emission.unread.readInto(emission.arguments);
       const Serving serving({}, domain_, nullptr);
       isOfUse = subscription.deliver(emission, link);
+    } catch (const ValueError& error) {
+      log::warning(kCategory, "emit", fmt::format("an emission of {} cannot be kept: {}", peer(), error.what()));
     } catch (const ProtocolError& error) {
       end(error.what());
     } catch (...) {

@@ -27,6 +27,8 @@ inline constexpr std::size_t kReusedFrame = std::size_t{64} << 10;
 inline constexpr std::string_view kAlive = "korvo.alive";
 inline constexpr std::string_view kEmit = "korvo.emit";
 inline constexpr std::string_view kCancel = "korvo.cancel";
+/// By which a broker says why it takes no connection; the end follows.
+inline constexpr std::string_view kRefused = "korvo.refused";
 
 /// The T of the calling thread. Null when that has gone: objects that go when the thread ends may still send.
 template <class T>

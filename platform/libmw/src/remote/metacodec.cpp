@@ -13,6 +13,8 @@
 #include <mutex>
 #include <stdexcept>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -107,9 +109,13 @@ std::string textOf(const HXValue& value) {
   return value.asString();
 }
 
+/// In any integer format.
 int numberOf(const HXValue& value) {
-  if (!value.isInt()) throw ProtocolError("a description of an object has no number where one belongs");
-  return value.asInt();
+  if (value.isInt()) return value.asInt();
+  if (!value.isInt64() || !std::in_range<int>(value.asInt64())) {
+    throw ProtocolError("a description of an object has no number where one belongs");
+  }
+  return static_cast<int>(value.asInt64());
 }
 
 const HXValue::List& listOf(const HXValue& value) {
@@ -130,6 +136,17 @@ const TypeInterface* typeFrom(const HXValue& value) {
   const int kind = numberOf(part(value, 1));
   if (kind < 0 || kind > static_cast<int>(TypeKind::Opaque)) throw ProtocolError("an unknown kind of type");
   return typeNamed(textOf(part(value, 0)), static_cast<TypeKind>(kind));
+}
+
+void requireUniqueIds(const MetaObject::Members& members) {
+  std::vector<unsigned> ids;
+  for (const auto& method : members.methods) ids.push_back(method.id);
+  for (const auto& signal : members.signals) ids.push_back(signal.id);
+  for (const auto& property : members.properties) ids.push_back(property.id);
+  std::ranges::sort(ids);
+  if (std::ranges::adjacent_find(ids) != ids.end()) {
+    throw ProtocolError("a description of an object has an id twice");
+  }
 }
 
 HXValue parameterValue(const MetaParameter& parameter) { return HXValue::List{parameter.name, parameter.description}; }
@@ -196,6 +213,7 @@ MetaObject metaObjectFrom(const HXValue& value) {
   for (const HXValue& property : listOf(part(value, 4))) {
     members.properties.push_back({idOf(part(property, 0)), textOf(part(property, 1))});
   }
+  requireUniqueIds(members);
   return MetaObject(std::move(members));
 }
 

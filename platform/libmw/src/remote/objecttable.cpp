@@ -22,6 +22,11 @@ enum class Owner : std::uint8_t { Sender = 0, Receiver = 1 };
 constexpr std::size_t kMostDescriptions = 4096;
 /// What is described takes some twenty times as much in memory.
 constexpr std::size_t kMostDescribedBytes = std::size_t{8} << 20;
+/// Of what is told so much is remembered, on both sides. What goes beyond that is told with each reference, under a
+/// number of its own; the peer has room for one such.
+constexpr std::size_t kMostTold = kMostDescriptions - 1;
+constexpr std::size_t kMostToldBytes = kMostDescribedBytes / 2;
+constexpr std::uint32_t kToldEachTime = 0;
 
 }  // namespace
 
@@ -104,8 +109,9 @@ void ObjectTable::write(Writer& out, const AnyObject& given, const Link& link, M
       writer.nil();
     } else {
       writer.value(toValue(object->metaObject()));
-      mention.descriptions_.push_back(number);
+      if (number != kToldEachTime) mention.descriptions_.push_back(number);
     }
+    if (content.size() > kMostToldBytes) throw std::runtime_error("an object offers too much to be described");
   }
   out.extension(Extension::Object, content);
 }
@@ -116,9 +122,14 @@ std::uint32_t ObjectTable::numberOf(const MetaObject& metaObject) {
     if (const auto known = numbersOfUids_.find(metaObject.uid()); known != numbersOfUids_.end()) return known->second;
   }
   HX::HXValue content = toValue(metaObject);
+  const std::size_t size = HX::toMsgpack(content).size();
   const std::lock_guard lock(mutex_);
   const auto number = static_cast<std::uint32_t>(numbers_.size() + 1);
-  const std::uint32_t known = numbers_.emplace(std::move(content), number).first->second;
+  const bool isFull = numbers_.size() >= kMostTold || toldBytes_ + size > kMostToldBytes;
+  if (isFull && !numbers_.contains(content)) return kToldEachTime;
+  const auto [entry, isNew] = numbers_.emplace(std::move(content), number);
+  if (isNew) toldBytes_ += size;
+  const std::uint32_t known = entry->second;
   if (numbersOfUids_.size() >= kMostDescriptions) numbersOfUids_.clear();
   numbersOfUids_.emplace(metaObject.uid(), known);
   return known;

@@ -92,6 +92,7 @@ class HX_API ObjectTable {
   std::unordered_map<std::uintptr_t, std::uint32_t> leaseIds_;  // by identity
   /// The numbers of descriptions, by content: objects that are made anew, as after a restart, offer what was told.
   std::map<HX::HXValue, std::uint32_t> numbers_;
+  std::size_t toldBytes_ = 0;                                      // of what has a number
   std::unordered_map<std::int32_t, std::uint32_t> numbersOfUids_;  // found without looking at the content
   std::set<std::uint32_t> told_;
   std::map<std::uint32_t, std::weak_ptr<RemoteObject>> remote_;

@@ -1,6 +1,7 @@
 #include "sessionservice.h"
 
 #include <libmw/log.h>
+#include <libmw/text.h>
 
 #include <stdexcept>
 #include <unistd.h>
@@ -71,7 +72,7 @@ Future<AnyValue> SessionService::call(std::string_view method, std::span<const A
 }
 
 AnyValue SessionService::hello(Arguments arguments) {
-  const int version = argument<int>(arguments, 0, "a protocol version");
+  const auto version = argument<std::int64_t>(arguments, 0, "a protocol version");
   if (version != kProtocol) {
     throw std::runtime_error(fmt::format("protocol version {} is not spoken here, but {}", version, kProtocol));
   }
@@ -99,7 +100,9 @@ AnyValue SessionService::registerService(Arguments arguments) {
   requireBroker("register");
   const auto name = argument<std::string>(arguments, 0, "the name of a service");
   const auto object = argument<AnyObject>(arguments, 1, "an object");
-  if (name == "korvo" || name.starts_with('@')) throw std::runtime_error(fmt::format("the name {} is reserved", name));
+  if (name == "korvo" || name.starts_with("korvo.") || name.starts_with('@')) {
+    throw std::runtime_error(fmt::format("the name {} is reserved", shorten(name)));
+  }
   // The peer is not told of its own services: until this one is known as such no notice goes out.
   const Session::NoticeHold hold(session_);
   const ServiceId id = session_.registerService(name, object);

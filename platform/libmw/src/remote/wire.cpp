@@ -24,6 +24,8 @@ void pack(Bytes& out, Use&& use) {
 
 }  // namespace
 
+ValueError::~ValueError() = default;
+
 std::uint8_t Reader::peek() const {
   if (rest_.empty()) throw ProtocolError("a message with too few parts");
   return std::to_integer<std::uint8_t>(rest_.front());
@@ -112,7 +114,10 @@ HX::HXValue Reader::value() {
   try {
     read = HX::readMsgpack(rest_, size);
   } catch (const std::runtime_error& error) {
-    throw ProtocolError(error.what());
+    size = FrameSplitter(rest_.size(), rest_.size()).advance(rest_);
+    if (size == 0) throw ProtocolError("a message that ends too early");
+    rest_ = rest_.subspan(size);
+    throw ValueError(error.what());
   }
   rest_ = rest_.subspan(size);
   return read;

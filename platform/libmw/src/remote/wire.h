@@ -23,6 +23,16 @@ enum class Extension : std::int8_t {
   Object = 2,  ///< A reference to an object.
 };
 
+/// A value that is MessagePack, and none that can be kept: an integer beyond 63 bits, a map with other keys than texts,
+/// an extension where none belongs. The reader stands behind it, so that it costs no more than what it is part of.
+class HX_API ValueError : public ProtocolError {
+ public:
+  using ProtocolError::ProtocolError;
+  ValueError(const ValueError&) = default;
+  ValueError& operator=(const ValueError&) = default;
+  ~ValueError() override;
+};
+
 /// Reads the parts of one message, front to back. Every function throws ProtocolError when what comes next is
 /// something else.
 class HX_API Reader {
@@ -40,6 +50,7 @@ class HX_API Reader {
   bool nil();
   /// @return The content of an extension of this type; nothing consumed, and a null pointer in it, when there is none.
   std::span<const std::byte> extension(Extension type);
+  /// @throws ValueError
   HX::HXValue value();
   /// Steps over a value, whatever it be. @return Its bytes.
   std::span<const std::byte> skip();

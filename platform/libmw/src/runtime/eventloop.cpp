@@ -1,3 +1,4 @@
+#include "processend.h"
 #include "threadpool.h"
 
 #include <libmw/eventloop.h>
@@ -39,13 +40,12 @@ void EventLoop::join() {
 std::size_t EventLoop::threadCount() const noexcept { return pool_->workerCount(); }
 
 EventLoop& defaultLoop() {
-  static constexpr std::chrono::milliseconds kGrace{2000};
   // The loop itself is never destroyed: destructors of other statics may still post, and are told that it stopped.
   static auto* loop = new EventLoop({.name = "default"});
   static const struct AtExit {
     ~AtExit() {
       loop->stop();
-      if (!loop->pool_->join(kGrace)) {
+      if (!loop->pool_->join(detail::graceAtExit())) {
         log::error("mw.eventloop", "defaultLoop", "functions still run at the end of the process; not waiting");
       }
     }

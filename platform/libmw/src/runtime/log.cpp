@@ -1,3 +1,4 @@
+#include "linelimit.h"
 #include "logline.h"
 
 #include <libmw/log.h>
@@ -149,7 +150,9 @@ void write(LogLevel level, const Category& category, std::string_view function, 
   if (!isVisible(category, level)) return;
   const LogRecord record{level, category.name(), function, text, systemNow()};
   auto& registry = Registry::instance();
-  if (registry.isStderrOn.load(std::memory_order_relaxed)) writeStderr(formatLine(record));
+  if (registry.isStderrOn.load(std::memory_order_relaxed) && LineLimit::instance().admits(record)) {
+    writeStderr(formatLine(record));
+  }
   const auto sinks = registry.sinks();
   for (const auto& sink : *sinks) deliver(*sink, record);
 }

@@ -53,8 +53,9 @@ spdlog::sinks::stderr_sink_mt& stderrSink() {
 }  // namespace
 
 std::string formatLine(const LogRecord& record) {
+  constexpr std::size_t kReadable = 2000;
   return fmt::format("[{}] {} {}: {}", toString(record.level), escapeControls(record.category),
-                     escapeControls(record.function), escapeControls(record.text));
+                     escapeControls(record.function), escapeControls(shorten(record.text, kReadable)));
 }
 
 void writeStderr(const std::string& line) noexcept {

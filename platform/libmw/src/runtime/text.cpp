@@ -30,4 +30,16 @@ std::string escapeControls(std::string_view text) {
   return line;
 }
 
+std::string shorten(std::string_view text, std::size_t most) {
+  constexpr std::size_t kWords = 32;  // What stands for the middle is no longer than that.
+  if (text.size() <= most + kWords) return std::string(text);
+  const auto isInside = [](char c) { return (static_cast<unsigned char>(c) & 0xc0U) == 0x80U; };
+  // As far as a character of UTF-8 can reach: other bytes of that kind are no characters.
+  std::size_t begin = 3 * most / 4;
+  for (int i = 0; i < 3 && begin > 0 && isInside(text[begin]); ++i) --begin;
+  std::size_t end = text.size() - most / 4;
+  for (int i = 0; i < 3 && end < text.size() && isInside(text[end]); ++i) ++end;
+  return fmt::format("{}… {} bytes …{}", text.substr(0, begin), end - begin, text.substr(end));
+}
+
 }  // namespace mw

@@ -1,6 +1,7 @@
 #include "threadpool.h"
 
 #include "callerscope.h"
+#include "processend.h"
 
 #include <libmw/log.h>
 
@@ -77,6 +78,7 @@ void ThreadPool::drain() {
 }
 
 void ThreadPool::stop() {
+  if (isForkedChild()) return;
   // From here on nothing is queued any more, so that the workers end when they have emptied the queue.
   accepting_.drain();
   isStopped_ = true;
@@ -87,6 +89,7 @@ void ThreadPool::stop() {
 }
 
 bool ThreadPool::join(std::optional<std::chrono::milliseconds> timeout) {
+  if (isForkedChild()) return true;  // There are no threads, and the lock may be held by one of them.
   std::vector<std::thread> ended;
   std::unique_ptr<Context> timers;
   std::unique_lock lock(mutex_);

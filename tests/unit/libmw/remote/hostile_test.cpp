@@ -1,3 +1,4 @@
+#include "expect_error.h"
 #include "joined_sessions.h"
 #include "raw_peer.h"
 #include "service.h"
@@ -55,6 +56,12 @@ HXValue::List description(int id, const HXValue& kind) {
   return {"Thing", "", HXValue::list({method}), none, none};
 }
 
+HXValue::List idTwice() {
+  HXValue::List details = description(3, 0);
+  details[3] = HXValue::list({HXValue::list({std::int64_t{3}, "s", "()"})});
+  return details;
+}
+
 std::string reference(const HXValue::List& parts) { return extension(2, packed(HXValue(parts))); }
 
 std::string thing(int object, int number, const HXValue& details) { return reference({0, object, number, details}); }
@@ -88,7 +95,7 @@ class HostilePeers : public testing::Test {
       ASSERT_TRUE(log.waitFor(count + 1)) << text << " is not among " << testing::PrintToString(log.texts());
   }
 
-  kit::CaptureLog log{{"mw.link"}};
+  kit::CaptureLog log{{"mw.link", "mw.object"}};
   kit::SocketFolder folder;
   std::shared_ptr<Signal<std::string>> signal_;
   Session broker;
@@ -127,8 +134,6 @@ const Offence kOffences[] = {
     {"NegativeId", bytes({0x94, 0, 0xd0, 0xff, 0xa3, 'a', '.', 'b', 0x90}), "out of range"},
     {"NumberForAMethod", bytes({0x94, 0, 7, 7, 0x90}), "no text"},
     {"MapOfArguments", rawRequest("a.b", bytes({0x80})), "no list"},
-    {"MapWithNumbersForKeys", rawRequest("a.b", bytes({0x91, 0x81, 1, 2})), "key"},
-    {"UnknownExtension", rawRequest("a.b", bytes({0x91, 0xd4, 9, 0})), "extension"},
     {"ShortChain", rawRequest("a.b", bytes({0x91, 0xd4, 1, 0})), "a chain is 16 bytes"},
     {"ResponseToNothing", bytes({0x94, 1, 7, 0xc0, 0xc0}), "a request 7 that was not made"},
     {"EmissionOfNothing", bytes({0x93, 2, 0xaa}) + "korvo.emit" + bytes({0x90}), "names no link"},
@@ -139,6 +144,7 @@ const Offence kOffences[] = {
     {"DescriptionOfOneWord", rawRequest("a.b", bytes({0x91}) + thing(1, 1, "Thing")), "lacks a part"},
     {"DescriptionWithAHugeId", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(4096, 0))), "id out of range"},
     {"DescriptionOfAnUnknownKind", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(0, 99))), "kind of type"},
+    {"DescriptionWithAnIdTwice", rawRequest("a.b", bytes({0x91}) + thing(1, 1, idTwice())), "an id twice"},
     {"DescriptionWithTextForAKind", rawRequest("a.b", bytes({0x91}) + thing(1, 1, description(0, "x"))), "no number"},
 };
 INSTANTIATE_TEST_SUITE_P(HostilePeers, Offences, testing::ValuesIn(kOffences),
@@ -191,6 +197,34 @@ TEST_F(HostilePeers, AreAnsweredWhenTheyCallWhatMakesNoSense) {
     EXPECT_EQ(isError, row.answer != nullptr) << answer;
     EXPECT_THAT(answer, HasSubstr(row.answer ? row.answer : ""));
   }
+  expectOthersAreServed();
+}
+
+std::string chain(int caller, int depth) {
+  return bytes({0xd8, 1, 0, 0, 0, 0, 0, 0, 0, caller, 0, 0, 0, 1, 0, 0, depth >> 8, depth & 0xff});
+}
+
+TEST_F(HostilePeers, LoseACallWithAValueThatCannotBeKeptAndNoMore) {
+  const RawPeer peer(socket());
+  const std::string fits = packed(HXValue(5));
+  const std::pair<std::string, const char*> rows[] = {
+      {bytes({0x91, 0xcf, 0x80, 0, 0, 0, 0, 0, 0, 0}), "cannot be kept: "},               // 2^63
+      {bytes({0x91, 0xd6, 0xff, 0, 0, 0, 0}), "cannot be kept: "},                        // a time
+      {bytes({0x91, 0x81, 1, 2}), "cannot be kept: "},                                    // a number for a key
+      {bytes({0x91, 0x92}) + fits + thing(1, 1, description(0, 0)), "cannot be kept: "},  // an object inside a list
+      {bytes({0x91, 0xd4, 9, 0}), "cannot be kept: "},                                    // an unknown extension
+      {bytes({0x92}) + chain(1, 300) + fits, "more than 256 deep"},
+      {bytes({0x91}) + fits, ""},
+  };
+  for (const auto& [arguments, reason] : rows) {
+    SCOPED_TRACE(testing::PrintToString(arguments));
+    ASSERT_TRUE(peer.send(rawRequest("Echo.echo", arguments)));
+    const std::string answer = peer.awaitText(bytes({0x94, 1, 7}));
+    EXPECT_THAT(answer, HasSubstr(reason));
+    EXPECT_EQ(answer.find("runtime") == std::string::npos, std::string_view(reason).empty());
+  }
+  peer.send(bytes({0x93, 2}) + packed("Echo.echo") + bytes({0x91, 0x81, 1, 2}));
+  waitForLog("Echo.echo");
   expectOthersAreServed();
 }
 
@@ -289,10 +323,6 @@ TEST_F(WithLowLimits, APeerThatCallsFasterThanItIsServedIsEnded) {
   leave.set_value();
 }
 
-std::string chain(int caller, int depth) {
-  return bytes({0xd8, 1, 0, 0, 0, 0, 0, 0, 0, caller, 0, 0, 0, 1, 0, 0, 0, depth});
-}
-
 class ManyCallers : public HostilePeers, public testing::WithParamInterface<int> {};
 
 TEST_P(ManyCallers, OfOnePeerDoNotTakeAllThreads) {
@@ -327,8 +357,35 @@ TEST_F(WithLowLimits, ConnectionsBeyondTheLimitAreRefused) {
   }
   for (int i = 0; i < 1000; ++i) RawPeer(socket()).waitForEnd();
   waitForLog("4 are connected, which is the limit");
+  EXPECT_THAT(RawPeer(socket()).receive(), testing::EndsWith("korvo.refused\x91\xd9\x23"
+                                                             "4 are connected, which is the limit"));
+  Session another;
+  EXPECT_THAT(errorOf([&] { LocalClient(another, "torso"); }), HasSubstr("it is refused: \"4 are connected"));
   expectOthersAreServed();
   EXPECT_EQ(server->connectionCount(), 4U);
+}
+
+TEST(ConnectionsOfOneProcess, AreLimitedAndTheLastOnesAreKeptForTheProgramItself) {
+  const kit::CaptureLog log({"mw.link"});
+  const kit::SocketFolder folder;
+  Session broker;
+  const auto isTaken = [&](const LinkOptions& options, std::size_t others, const char* reason) {
+    const LocalServer server(broker, "torso", options);
+    std::vector<std::unique_ptr<RawPeer>> peers;
+    for (std::size_t i = 0; i <= others; ++i) {
+      peers.push_back(std::make_unique<RawPeer>(folder.path() + "/korvo/torso.sock"));
+      peers.back()->send(request("korvo.hello", {1}));
+      const std::string answer = peers.back()->receive();
+      if (answer.find("refused") == std::string::npos) continue;
+      EXPECT_EQ(i, others);
+      EXPECT_THAT(answer, HasSubstr(reason));
+      return false;
+    }
+    return true;
+  };
+  EXPECT_FALSE(isTaken({.connectionsOfAProcess = 2}, 2, "it has 2 connections, which is the limit for one process"));
+  // A peer of this process executes this program.
+  EXPECT_TRUE(isTaken({.connectionLimit = 5, .connectionsKept = 3}, 4, ""));
 }
 
 /// Leaves the process no more files than it has.

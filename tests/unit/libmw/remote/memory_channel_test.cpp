@@ -326,7 +326,7 @@ TEST(Link, LeavesLongMessagesToThoseWhoUseThem) {
   kit::carry(*peer.channel, *host.channel);
 }
 
-TEST(Link, EndsThePeerWhoseLongMessageHoldsNoValue) {
+TEST(Link, FailsACallWhoseLongMessageHoldsNoValue) {
   const Side host;
   host.reserved->service = makeService("House")->method("enter", [](const HX::HXValue&) {}).build();
   HX::HXValue::List numbers(5000, HX::HXValue(1));
@@ -342,7 +342,12 @@ TEST(Link, EndsThePeerWhoseLongMessageHoldsNoValue) {
   const std::array wrong{std::byte{0x81}, std::byte{1}, std::byte{1}};  // A map whose key is no text.
   out.encoded(wrong);
   host.channel->receive(frame);
-  EXPECT_TRUE(host.channel->isEnded());
+  EXPECT_FALSE(host.channel->isEnded());
+  std::string sent;
+  for (Bytes bytes = host.channel->takeSent(); !bytes.empty(); bytes = host.channel->takeSent()) {
+    sent.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  }
+  EXPECT_THAT(sent, HasSubstr("House.enter: an argument cannot be kept: "));
 }
 
 struct Mortal final : Service {

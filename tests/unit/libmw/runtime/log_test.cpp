@@ -3,6 +3,7 @@
 
 #include <libmw/log.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -128,6 +129,22 @@ TEST(Log, WritesOneLineWhateverTheTextHolds) {
     log::warning("lines", "say", text);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "[warning] lines say: " + line + "\n");
   }
+}
+
+TEST(Log, WritesSoManyLinesOfACauseASecondAndCountsTheOthers) {
+  testing::internal::CaptureStderr();
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 1000; ++i) log::warning("flood", "f", std::string(100'000, 'x') + "end");
+  log::warning("flood", "g", "another cause");
+  while (std::chrono::steady_clock::now() - begin < std::chrono::milliseconds(1010)) std::this_thread::yield();
+  log::warning("flood", "f", "the next second");
+  const std::string lines = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 100 + 1 + 2);
+  EXPECT_LT(lines.size(), 100U * 2200);
+  EXPECT_THAT(lines, testing::HasSubstr("xxx… 98003 bytes …xxx"));
+  EXPECT_THAT(lines, testing::EndsWith("[warning] flood g: another cause\n"
+                                       "[warning] flood f: 900 more like these within a second\n"
+                                       "[warning] flood f: the next second\n"));
 }
 
 class LogDeathTest : public testing::Test {
