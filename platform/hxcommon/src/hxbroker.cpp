@@ -1,9 +1,12 @@
+#include "codemap.h"
 #include "modulelibrary.h"
 
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxbrokermanager.h>
 #include <hxcommon/hxmodule.h>
+#include <hxcommon/subscriptions.h>
 #include <libmw/log.h>
+#include <libmw/step.h>
 
 #include <algorithm>
 #include <utility>
@@ -60,6 +63,12 @@ std::shared_ptr<HXBroker> HXBroker::create(std::string name, const std::shared_p
       mw::SignalSubscriber([weak = std::weak_ptr(broker)](mw::ServiceId, const std::string& service) {
         if (const auto self = weak.lock()) self->forgetStaleProxy(service);
       }));
+  // Not on the thread that tells it, which has the connection to look after.
+  broker->session_->connectionRestored.connect(mw::SignalSubscriber(
+      [weak = std::weak_ptr(broker)] {
+        if (const auto self = weak.lock()) Subscriptions::instance().restore(*self);
+      },
+      mw::MetaCallType::Queued));
   return broker;
 }
 
@@ -106,7 +115,8 @@ void HXBroker::forgetStaleProxy(const std::string& name) {
 void HXBroker::loadModule(const std::string& library) {
   ModuleLibrary loaded = ModuleLibrary::open(library);
   // A module under construction does not listen for new services yet; it is told of them when it does.
-  const mw::Session::NoticeHold hold(*session_);
+  const mw::Session::CatchUp catchUp(*session_);
+  const mw::Step step(fmt::format("entry point of module library {}", loaded.path()));
   const Registrations registrations;
   std::string failure;
   try {
@@ -130,6 +140,8 @@ void HXBroker::requireRunning(const std::string& moduleName) const {
 
 void HXBroker::registerModule(std::shared_ptr<HXModuleCore> module) {
   const std::string& name = module->getName();
+  // The table of its virtual functions lies in the library of its class.
+  codemap::addModule(*reinterpret_cast<const void* const*>(module.get()), name);
   const mw::ServiceId service = session_->registerService(name, mw::AnyObject(module));
   try {
     const std::lock_guard lock(mutex_);
@@ -159,6 +171,7 @@ bool HXBroker::unregisterFirst(const IsWanted& isWanted) {
     hosted = std::move(*found);
     modules_.erase(found);
   }
+  Subscriptions::instance().forgetModule(hosted.module->getName());
   session_->unregisterService(hosted.service, [&] { hosted.module->interrupt(); });
   forgetStaleProxy(hosted.module->getName());
   return true;
@@ -178,6 +191,7 @@ std::shared_ptr<HXModuleCore> HXBroker::lastModule() const {
 
 void HXBroker::exitModule(std::shared_ptr<HXModuleCore> module) {
   const std::string name = module->getName();
+  const mw::Step step(fmt::format("exit of module {}", name));
   if (auto* own = dynamic_cast<HXModule*>(module.get())) {
     guarded(fmt::format("exit of module {}", name), [&] { own->exit(); });
   }
@@ -206,7 +220,9 @@ void HXBroker::closeLibraries() {
     loaded.swap(libraries_);
   }
   for (auto library = loaded.rbegin(); library != loaded.rend(); ++library) {
-    guarded(fmt::format("closing of module library {}", library->path()), [&] { library->closeModule(); });
+    const std::string what = fmt::format("closing of module library {}", library->path());
+    const mw::Step step(what);
+    guarded(what, [&] { library->closeModule(); });
   }
 }
 

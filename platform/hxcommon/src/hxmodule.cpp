@@ -2,6 +2,7 @@
 #include <hxcommon/hxmodule.h>
 #include <libmw/log.h>
 #include <libmw/servedcall.h>
+#include <libmw/step.h>
 
 #include <algorithm>
 #include <condition_variable>
@@ -113,6 +114,7 @@ void HXModule::exit() {
 void HXModule::start(const std::shared_ptr<HXModule>& module) {
   module->initModule();
   try {
+    const mw::Step step(fmt::format("init of module {}", module->getName()));
     module->init();
   } catch (const HXError&) {
     try {

@@ -1,6 +1,9 @@
 #include "modulelibrary.h"
 
+#include "codemap.h"
+
 #include <libmw/os.h>
+#include <libmw/step.h>
 
 #include <dlfcn.h>
 #include <filesystem>
@@ -55,7 +58,11 @@ std::string find(const std::string& library) {
 
 ModuleLibrary ModuleLibrary::open(const std::string& library) {
   std::string path = find(library);
-  void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+  const mw::Step step("loading of module library " + path);
+  void* handle = [&] {
+    const codemap::Opening opening(path);
+    return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+  }();
   if (!handle) {
     const char* reason = dlerror();
     throw std::runtime_error(fmt::format("module library {}: {}", path, reason ? reason : "cannot be loaded"));
@@ -67,6 +74,7 @@ ModuleLibrary ModuleLibrary::open(const std::string& library) {
   };
   const auto create = reinterpret_cast<Create>(entryPoint("_createModule"));
   const auto close = reinterpret_cast<Close>(entryPoint("_closeModule"));
+  codemap::addLibrary(reinterpret_cast<const void*>(create), path);
   return {std::move(path), create, close};
 }
 

@@ -1,4 +1,5 @@
 #include <hxcommon/hxproxy.h>
+#include <hxcommon/subscriptions.h>
 #include <hxproxies/hxmemoryproxy.h>
 
 #include <stdexcept>
@@ -62,19 +63,24 @@ void HXMemoryProxy::removeMicroEvent(const string& name) { proxy_->call("removeM
 
 void HXMemoryProxy::subscribeToEvent(const string& name, const string& callbackModule, const string& callbackMethod) {
   proxy_->call("subscribeToEvent", name, callbackModule, callbackMethod);
+  Subscriptions::instance().note(*proxy_, callbackModule, name, {callbackMethod, "", false});
 }
 void HXMemoryProxy::subscribeToEvent(const string& name, const string& callbackModule, const string& callbackMessage,
                                      const string& callbackMethod) {
   proxy_->call("subscribeToEvent", name, callbackModule, callbackMessage, callbackMethod);
+  Subscriptions::instance().note(*proxy_, callbackModule, name, {callbackMethod, callbackMessage, false});
 }
 void HXMemoryProxy::subscribeToMicroEvent(const string& name, const string& callbackModule,
                                           const string& callbackMessage, const string& callbackMethod) {
   proxy_->call("subscribeToMicroEvent", name, callbackModule, callbackMessage, callbackMethod);
+  Subscriptions::instance().note(*proxy_, callbackModule, name, {callbackMethod, callbackMessage, true});
 }
 void HXMemoryProxy::unsubscribeToEvent(const string& name, const string& callbackModule) {
+  Subscriptions::instance().forget(callbackModule, name);
   proxy_->call("unsubscribeToEvent", name, callbackModule);
 }
 void HXMemoryProxy::unsubscribeToMicroEvent(const string& name, const string& callbackModule) {
+  Subscriptions::instance().forget(callbackModule, name);
   proxy_->call("unsubscribeToMicroEvent", name, callbackModule);
 }
 HXMemoryProxy::Strings HXMemoryProxy::getSubscribers(const string& name) {
