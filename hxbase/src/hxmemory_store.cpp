@@ -14,6 +14,9 @@
 namespace HX {
 namespace {
 
+/// So that every name, and lists of many, fit into a message.
+constexpr std::size_t kLongestName = std::size_t{64} << 10;
+
 /// The name as the bookkeeping events say it. Names of behaviour boxes come and go with every behaviour, and nobody
 /// wants to hear of them: theirs is invalid.
 HXValue announced(const std::string& name) { return name.starts_with("_Behavior") ? HXValue() : HXValue(name); }
@@ -46,6 +49,12 @@ void HXMemory::insertListData(const HXValue& list) {
   if (size == 0) return;
   const mw::Batch batch;  // Whoever follows several of the keys is told of them in one go.
   // Callers know the index as a 16-bit one: a list that it cannot count to the end of is written round and round.
+  constexpr std::size_t kIndices = std::size_t{1} << 16;
+  if (size >= kIndices) {
+    mw::log::warning("hxmemory", "insertListData",
+                     "a list of " + std::to_string(size) +
+                         " elements is written round and round, until the memory ends; 65535 is the most that ends");
+  }
   for (std::uint16_t i = 0; i < size; ++i) {
     if (i == 0) checkRunning();
     const HXValue& element = list[i];
@@ -108,6 +117,7 @@ void HXMemory::write(const std::string& name, HXValue value, STMValue::dataType 
         isRecording() ? overwriteRecorded(name, value, kind, item) : overwrite(name, value, kind, item);
     if (overwritten) return;
   }
+  requireFilable(name);
   const HXValue news = announced(name);
   EventEntry entry = kind == STMValue::Event ? makeEntry(name, extractor) : EventEntry{};
   const Change change = file(name, value, kind, item, entry);
@@ -127,6 +137,12 @@ bool HXMemory::overwrite(const std::string& name, HXValue& value, STMValue::data
   if (!found || !(*found)->tryExchangeValue(value, kind)) return false;
   if (item) *item = *found;
   return true;
+}
+
+void HXMemory::requireFilable(std::string_view name) {
+  if (name.size() <= kLongestName) return;
+  fail("xInsertData",
+       "a name of " + std::to_string(name.size()) + " bytes; no key has more than " + std::to_string(kLongestName));
 }
 
 /// The same while the journal records: apart, so that writes of which nobody is told do not pay for it.
@@ -205,6 +221,7 @@ std::shared_ptr<STMValue> HXMemory::xRequireSTMValue(const std::string& name, ST
 
 /// Another thread may have been faster; its item counts.
 std::shared_ptr<STMValue> HXMemory::fileUnlessPresent(const std::shared_ptr<STMValue>& made) {
+  requireFilable(made->name());
   journal::Afterwards after(journal_);
   const std::unique_lock lock(itemsLock);
   if (const auto* found = items.find(made->name())) return *found;

@@ -240,6 +240,7 @@ class HXMemory : public HXModule, private journal::Source {
   bool overwrite(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
   bool overwriteRecorded(const std::string& name, HXValue& value, STMValue::dataType kind,
                          std::shared_ptr<STMValue>* item);
+  static void requireFilable(std::string_view name);
   Change file(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item,
               EventEntry& entry);
   static EventEntry makeEntry(const std::string& name, const std::string* extractor);
