@@ -1,7 +1,9 @@
 #include "brokerservice.h"
 
 #include <hxcommon/hxbroker.h>
+#include <hxproxies/hxmemoryproxy.h>
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -11,7 +13,8 @@ BrokerService::BrokerService(const std::shared_ptr<HX::HXBroker>& broker, std::f
     : broker_(broker), stop_(std::move(stop)) {
   mw::ObjectBuilder builder;
   builder.setTypeName(kName).setDescription("The broker itself: its modules, and its end.");
-  // One call at a time is the default, and what loading wants.
+  // A library that hangs while it is loaded must not keep the broker from being asked, least of all to stop.
+  builder.setThreadingModel(mw::ObjectThreadingModel::MultiThread);
   const auto describe = [](const char* method, const char* text) { return mw::MetaMethodBuilder(method, kName, text); };
   builder.advertiseMethod(describe("name", "The name of the broker.").setReturn("name", "As given to korvo run."), this,
                           &BrokerService::name);
@@ -21,6 +24,12 @@ BrokerService::BrokerService(const std::shared_ptr<HX::HXBroker>& broker, std::f
   builder.advertiseMethod(describe("loadModule", "Loads a module library into the broker.")
                               .addParameter("library", "A path with a slash in it, or a name."),
                           this, &BrokerService::loadModule);
+  builder.advertiseMethod(
+      describe("keys", "Lists keys of the memory in parts that fit a message: sorted, as many as that takes.")
+          .addParameter("filter", "Those that contain it; empty for all.")
+          .addParameter("after", "Those that come after it; empty for the first ones.")
+          .setReturn("keys", "Empty when there are no more."),
+      this, &BrokerService::keys);
   builder.advertiseMethod(describe("stop", "Ends the broker in order, as SIGTERM does. Returns before it has ended."),
                           this, &BrokerService::stop);
   setType(builder.build());
@@ -36,5 +45,17 @@ std::string BrokerService::name() const { return broker()->getName(); }
 std::vector<std::string> BrokerService::modules() const { return broker()->modules(); }
 
 void BrokerService::loadModule(const std::string& library) const { broker()->loadModule(library); }
+
+std::vector<std::string> BrokerService::keys(const std::string& filter, const std::string& after) const {
+  const auto memory = broker()->getSpecialisedProxy<HX::HXMemoryProxy>("HXMemory");
+  auto keys = memory->getDataList(filter);
+  if (!after.empty()) std::erase_if(keys, [&](const std::string& key) { return key <= after; });
+  std::ranges::sort(keys);
+  std::size_t bytes = 0;
+  const auto isTooMuch = [&](const std::string& key) { return (bytes += key.size()) > kKeysAtOnce; };
+  // One at least: whoever asks goes on behind the last one.
+  if (keys.size() > 1) keys.erase(std::find_if(keys.begin() + 1, keys.end(), isTooMuch), keys.end());
+  return keys;
+}
 
 }  // namespace korvo

@@ -19,6 +19,7 @@ namespace korvo {
 int host(const HostOptions& options) {
   StopSignals signals;
   prepareHosting(options);
+  Ending ending(signals, options.endLimit);
   Output output(std::cout, std::cerr);
   const auto broker = HX::HXBroker::create(fmt::format("host-{}", getpid()));
   mw::Session& session = *broker->session();
@@ -30,13 +31,12 @@ int host(const HostOptions& options) {
   const auto noteReturn = [&] { output.note(fmt::format("broker {} is back", client.broker())); };
   session.connectionLost.connect(mw::SignalSubscriber(noteLoss).track(lifetime.token()));
   session.connectionRestored.connect(mw::SignalSubscriber(noteReturn).track(lifetime.token()));
-  const bool loaded = loadModules(*broker, options.modules, options.strict, output);
+  const bool loaded = loadModules(*broker, options.modules, options.strict, output, ending);
   if (loaded) {
     output.note(fmt::format("hosting for broker {}: {}", client.broker(), fmt::join(broker->modules(), ", ")));
-    waitReadable({signals.file()});
-    signals.take();
+    waitReadable({ending.askedFile()});
   }
-  const ImpatientExit impatient(signals);
+  ending.begin();
   broker->shutdown();
   lifetime.destroy();
   return loaded ? kDone : kFailed;

@@ -12,7 +12,7 @@ struct HostOptions : HostingOptions {
 };
 
 /// Hosts modules in this process for a broker of another one, until SIGINT or SIGTERM; then they leave, the last one
-/// first. A second SIGINT meanwhile ends the process at once, with status 130.
+/// first. See `Ending` for what that may take.
 ///
 /// When the broker is lost, the modules stay and find its services again once it is back; both are told on standard
 /// error.

@@ -2,6 +2,7 @@
 
 #include <libmw/log.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@ class HXBroker;
 
 namespace korvo {
 
+class Ending;
 class Output;
 
 /// What every command that hosts modules is asked for.
@@ -20,14 +22,18 @@ struct HostingOptions {
   std::vector<std::string> dataDirs;  ///< Searched for data files before the usual folders, the first one first.
   bool strict = false;                ///< A library that cannot be loaded is a failure of all.
   mw::LogLevel logLevel = mw::LogLevel::Info;
+  std::chrono::milliseconds endLimit{kEndLimit};  ///< How long the end may take; zero: as long as it does.
+
+  static constexpr std::chrono::seconds kEndLimit{10};
 };
 
-/// Sets the process up as the options say.
+/// Sets the process up as the options say, and has crashes say in which module they were.
 void prepareHosting(const HostingOptions& options);
 
 /// Loads the libraries in their order. One that cannot be loaded is reported as an error; the others are loaded all the
-/// same, unless it is strict.
+/// same, unless it is strict. None is loaded any more once `ending` has been asked for.
 /// @return False when there are libraries and none could be loaded, or strictly, when one could not.
-bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries, bool strict, Output& output);
+bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries, bool strict, Output& output,
+                 const Ending& ending);
 
 }  // namespace korvo

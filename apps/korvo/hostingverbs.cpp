@@ -61,6 +61,15 @@ void addHosting(CLI::App& app, const std::shared_ptr<HostingOptions>& options) {
       ->check(CLI::Validator(checkLevel, ""))
       ->type_name("LEVEL")
       ->default_str("info");
+  app.add_option_function<double>(
+         "--end-within",
+         [options](double seconds) {
+           options->endLimit = std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));
+         },
+         "End at the latest so long after being told to, whatever modules do; 0 waits for them without end")
+      ->check(CLI::Range(0.0, 1e6))
+      ->type_name("SECONDS")
+      ->default_str(fmt::format("{}", HostingOptions::kEndLimit.count()));
 }
 
 Verb runVerb() {
@@ -89,21 +98,24 @@ Verb runVerb() {
       "Hosts a broker: loads its memory and modules, and runs until told to stop.",
       "A module library is a path with a slash in it, or a name: lib<name>.so is looked for in the folders of\n"
       "KORVO_MODULE_PATH and in the installed ones. One that cannot be loaded is reported, and the others are loaded;\n"
-      "with --strict nothing runs then, and the exit status is 1.\n"
+      "with --strict nothing runs then, and the exit status is 1. Without its memory the broker ends.\n"
       "\n"
-      "Other processes of this user reach the broker under its name; there is one broker of a name at a time. Its\n"
-      "service \"Broker\" loads modules, lists them and ends the broker: korvo methods Broker.\n"
+      "Other processes of this user reach the broker under its name once its modules are loaded; there is one of a\n"
+      "name at a time. Its service \"Broker\" loads modules, lists them and ends the broker: korvo methods Broker.\n"
       "\n"
       "The broker ends with SIGINT (Ctrl-C) or SIGTERM, when its service is asked to stop, with the end of the input\n"
       "of its console, or when its live view is left; the modules leave in the reverse order. A second SIGINT ends\n"
-      "it at once, with exit status 130.",
+      "it at once, with exit status 130. When the end takes longer than --end-within says, the broker says for which\n"
+      "module it has waited, and ends with exit status 1.",
       "run --name torso --module arm --module ./build/libhead.so\n"
       "run --console < commands.txt\n"
       "run --module ./libarm.so --live\n"
       "run --no-memory --module ./libmine.so --log-level debug",
       kGroup,
       "0    ended in order\n"
-      "1    no module could be loaded, with --strict not all, or a broker of that name is running\n"
+      "1    no module could be loaded, or not the memory, or with --strict not all; a broker of that name is running; "
+      "or\n"
+      "     the end took too long\n"
       "2    wrong usage\n"
       "130  ended at once by a second SIGINT\n",
       addOptions,

@@ -2,6 +2,7 @@
 
 #include <hxcommon/hxproxy.h>
 #include <hxerror/hxerror.h>
+#include <hxvalue/msgpack.h>
 #include <libmw/batch.h>
 #include <libmw/future.h>
 
@@ -11,7 +12,10 @@
 namespace korvo {
 namespace {
 
-constexpr std::size_t kKeysOfAPart = 256;
+/// As many as a part may have, and how many bytes of answers should wait at the broker at once, which ends those that
+/// it waits for too long.
+constexpr std::size_t kMostOfAPart = 64;
+constexpr std::size_t kBytesOfAPart = std::size_t{8} << 20;
 
 using Pending = std::vector<mw::Future<mw::AnyValue>>;
 
@@ -23,6 +27,15 @@ std::optional<KeyAnswers> await(Pending pending) {
     return std::nullopt;
   }
   return answers;
+}
+
+std::size_t sizeOf(const KeyAnswers& answers) {
+  std::size_t size = 0;
+  for (const auto& answer : answers) {
+    HX::HXValue value;
+    if (answer.reference().toValue(value)) size += HX::toMsgpack(value).size();
+  }
+  return size;
 }
 
 }  // namespace
@@ -56,8 +69,11 @@ std::string textOfDescription(const HX::HXValue& answer) { return answer[answer.
 void askInParts(const HX::HXProxy& memory, std::span<const std::string> keys, const std::vector<KeyQuestion>& questions,
                 const std::function<void(const std::string& key, KeyAnswers& answers)>& use) {
   const mw::AnyObject object = memory.asObject();
-  while (!keys.empty()) {
-    const auto part = keys.first(std::min(keys.size(), kKeysOfAPart));
+  // Not known before they come, the answers to a part are taken to be as large as those before; so the first part is
+  // one.
+  for (std::size_t count = 1; !keys.empty();) {
+    const auto part = keys.first(std::min(keys.size(), count));
+    std::size_t bytes = 0;
     keys = keys.subspan(part.size());
     std::vector<Pending> asked(part.size());
     const mw::Batch batch;
@@ -65,8 +81,12 @@ void askInParts(const HX::HXProxy& memory, std::span<const std::string> keys, co
       for (const KeyQuestion ask : questions) asked[i].push_back(ask(object.get(), part[i]));
     }
     for (std::size_t i = 0; i < part.size(); ++i) {
-      if (auto answers = await(std::move(asked[i]))) use(part[i], *answers);
+      auto answers = await(std::move(asked[i]));
+      if (!answers) continue;
+      bytes += sizeOf(*answers);
+      use(part[i], *answers);
     }
+    count = std::clamp<std::size_t>(kBytesOfAPart / (bytes / part.size() + 1), 1, std::min(2 * count, kMostOfAPart));
   }
 }
 

@@ -16,6 +16,7 @@
 #include <libmw/local.h>
 #include <libmw/path.h>
 
+#include <algorithm>
 #include <chrono>
 #include <clocale>
 #include <functional>
@@ -105,20 +106,24 @@ std::function<void(int)> frontEndBody(const RunOptions& options, const Context& 
   return [](int stop) { waitReadable({stop}); };
 }
 
-/// The broker as others see it: reachable under its name, with a service of its own.
+/// The broker as others see it: its name, which is its own from the beginning, and the way in, with a service of its
+/// own.
 class PublicBroker {
  public:
   /// @throws std::runtime_error when the name is taken.
   explicit PublicBroker(std::shared_ptr<HX::HXBroker> broker)
-      : broker_(std::move(broker)), server_(std::in_place, *broker_->session(), broker_->getName()) {}
+      : broker_(std::move(broker)),
+        server_(std::in_place, *broker_->session(), broker_->getName(), mw::LinkOptions{}, mw::Listening::Later) {}
   PublicBroker(const PublicBroker&) = delete;
   PublicBroker& operator=(const PublicBroker&) = delete;
   ~PublicBroker() { withdraw(); }
 
-  /// Offers the broker's service. Last of all services: who finds it knows that the modules are there.
-  void offerService() {
+  /// Offers the broker's service and lets others in. Last of all: who comes in finds the modules, and nobody takes
+  /// their names before them.
+  void open() {
     const auto service = std::make_shared<BrokerService>(broker_, [this] { stopAsked_.set(); });
     service_ = broker_->session()->registerService(BrokerService::kName, mw::AnyObject(service));
+    server_->listen();
   }
   /// Readable once somebody has asked the service to stop.
   int stopFile() const { return stopAsked_.file(); }
@@ -145,15 +150,24 @@ class PublicBroker {
 };
 
 void host(HX::HXBroker& broker, PublicBroker& access, const RunOptions& options, const Context& context,
-          StopSignals& signals) {
+          Ending& ending) {
   FrontEnd frontEnd(context.output, frontEndBody(options, context));
-  waitReadable({signals.file(), frontEnd.endedFile(), access.stopFile()});
-  signals.take();
-  const ImpatientExit impatient(signals);
+  waitReadable({ending.askedFile(), frontEnd.endedFile(), access.stopFile()});
+  ending.begin();
   frontEnd.stop();
   access.withdraw();
   context.watches.close();
   broker.shutdown();
+}
+
+/// Loads what was asked for. @return False when the broker is of no use.
+bool load(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
+  std::vector<std::string> libraries = options.modules;
+  if (options.memory) libraries.insert(libraries.begin(), "hxmemory");
+  if (!loadModules(broker, libraries, options.strict, output, ending)) return false;
+  if (!options.memory || ending.isAsked() || std::ranges::count(broker.modules(), "HXMemory") > 0) return true;
+  output.error("the broker has no memory of its own; --no-memory goes without");
+  return false;
 }
 
 }  // namespace
@@ -161,18 +175,18 @@ void host(HX::HXBroker& broker, PublicBroker& access, const RunOptions& options,
 int run(const RunOptions& options) {
   StopSignals signals;
   prepareHosting(options);
+  Ending ending(signals, options.endLimit);
   Output output(std::cout, std::cerr);
   const auto broker = HX::HXBroker::create(options.name);
   PublicBroker access(broker);
-  std::vector<std::string> libraries = options.modules;
-  if (options.memory) libraries.insert(libraries.begin(), "hxmemory");
-  if (!loadModules(*broker, libraries, options.strict, output)) {
-    access.withdraw();
+  const bool isOfUse = load(*broker, options, output, ending);
+  if (!isOfUse || ending.isAsked()) {
+    ending.begin();
     broker->shutdown();
-    return kFailed;
+    return isOfUse ? kDone : kFailed;
   }
   if (options.memory && !options.console && !options.live) explainMissingMap();
-  access.offerService();
+  access.open();
   // Beside a console or a live view it would stand in the way.
   if (!options.console && !options.live) {
     mw::log::info(kCategory, "run",
@@ -180,7 +194,7 @@ int run(const RunOptions& options) {
   }
   BrokerTarget target(broker);
   Watches watches(output);
-  host(*broker, access, options, {target, output, watches}, signals);
+  host(*broker, access, options, {target, output, watches}, ending);
   return kDone;
 }
 

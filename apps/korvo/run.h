@@ -15,15 +15,17 @@ struct RunOptions : HostingOptions {
 };
 
 /// Hosts a broker, which other processes of this user reach under its name, until SIGINT or SIGTERM, until somebody
-/// asks its service to stop, or until its console or its live view ends; then the modules leave, the last one first. A
-/// second SIGINT meanwhile ends the process at once, with status 130.
+/// asks its service to stop, or until its console or its live view ends; then the modules leave, the last one first.
+/// See `Ending` for what that may take.
 ///
 /// A library that cannot be loaded is reported on standard error; the others are loaded all the same, unless the
-/// options are strict.
+/// options are strict. Without the memory that it was asked for the broker ends. Its name is taken before the libraries
+/// are loaded, and others are let in afterwards.
 ///
 /// Called by the first thread, before there are others.
 ///
-/// @return The exit status: 0, or 1 when libraries were asked for and none could be loaded, or strictly, not all.
+/// @return The exit status: 0, or 1 when libraries were asked for and none, or not the memory, or strictly not all,
+///         could be loaded.
 /// @throws std::runtime_error when a broker of that name is running, or its socket cannot be made.
 int run(const RunOptions& options);
 

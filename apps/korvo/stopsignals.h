@@ -2,6 +2,7 @@
 
 #include "event.h"
 
+#include <chrono>
 #include <thread>
 
 namespace korvo {
@@ -26,17 +27,35 @@ class StopSignals {
   int file_;
 };
 
-/// While it lives, a SIGINT ends the process at once with status 130: for whoever does not want to wait for an orderly
-/// end any longer.
-class ImpatientExit {
+/// Sees to it that the process ends when it is told to, whatever the code of modules does meanwhile.
+///
+/// The first signal asks for an orderly end, at any stage. From then on, or from when the end begins for another
+/// reason, a SIGINT ends the process at once with status 130, for whoever does not want to wait any longer; and when
+/// the limit has passed, a line says what is still running, and the process ends with status 1.
+class Ending {
  public:
-  explicit ImpatientExit(StopSignals& signals);
-  ImpatientExit(const ImpatientExit&) = delete;
-  ImpatientExit& operator=(const ImpatientExit&) = delete;
-  ~ImpatientExit();
+  /// @param limit  Zero waits without end.
+  Ending(StopSignals& signals, std::chrono::milliseconds limit);
+  Ending(const Ending&) = delete;
+  Ending& operator=(const Ending&) = delete;
+  /// The end has been orderly.
+  ~Ending();
+
+  /// Readable once a signal has asked for the end.
+  int askedFile() const { return asked_.file(); }
+  bool isAsked() const { return asked_.wait(std::chrono::milliseconds(0)); }
+  /// The end begins, whoever has asked for it.
+  void begin() { begun_.set(); }
 
  private:
-  Event ended_;
+  void watch();
+  [[noreturn]] void giveUp() const;
+
+  StopSignals& signals_;
+  const std::chrono::milliseconds limit_;
+  Event asked_;
+  Event begun_;
+  Event over_;
   std::thread thread_;
 };
 

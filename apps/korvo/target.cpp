@@ -1,10 +1,13 @@
 #include "target.h"
 
+#include "brokerservice.h"
 #include "format.h"
 #include "suggestion.h"
 
 #include <hxcommon/hxbroker.h>
 
+#include <algorithm>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
@@ -20,6 +23,22 @@ std::shared_ptr<HX::HXProxy> Target::require(const std::string& service) {
 }
 
 HX::HXMemoryProxy Target::memory() { return HX::HXMemoryProxy(require("HXMemory")); }
+
+std::vector<std::string> Target::keys(const std::string& filter) {
+  auto memory = this->memory();
+  const auto broker = find(BrokerService::kName);
+  std::vector<std::string> all;
+  if (!broker || broker->asObject()->metaObject().findMethods("keys").empty()) {
+    all = memory.getDataList(filter);
+    std::ranges::sort(all);
+    return all;
+  }
+  do {
+    auto part = broker->call<std::vector<std::string>>("keys", filter, all.empty() ? "" : all.back());
+    if (part.empty()) return all;
+    std::ranges::move(part, std::back_inserter(all));
+  } while (true);
+}
 
 BrokerTarget::BrokerTarget(std::shared_ptr<HX::HXBroker> broker) : broker_(std::move(broker)) {}
 

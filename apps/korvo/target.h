@@ -37,6 +37,9 @@ class Target {
   std::shared_ptr<HX::HXProxy> require(const std::string& service);
   /// @throws std::runtime_error when the broker has no memory.
   HX::HXMemoryProxy memory();
+  /// The keys of the memory that contain `filter`, sorted: in parts, where they are more than fit a message. A key that
+  /// comes or goes meanwhile may or may not be among them.
+  std::vector<std::string> keys(const std::string& filter);
 };
 
 /// A broker of this process.

@@ -24,9 +24,8 @@ void exportKeys(Context& context, Arguments& arguments) {
   const std::string filter = arguments.atEnd() ? "" : arguments.word("FILTER");
   arguments.end();
   auto memory = context.target.memory();
-  auto keys = memory.getDataList(filter);
+  auto keys = context.target.keys(filter);
   std::erase_if(keys, isOfTheMemoryItself);
-  std::ranges::sort(keys);
   const std::vector<KeyQuestion> questions{askKind, askValue, askDescription};
   askInParts(*memory.proxy(), keys, questions, [&](const std::string& key, KeyAnswers& answers) {
     const auto kind = std::move(answers[0]).take<std::string>();

@@ -86,8 +86,7 @@ void list(Context& context, Arguments& arguments) {
   const std::string filter = arguments.atEnd() ? "" : arguments.word("FILTER");
   arguments.end();
   auto memory = context.target.memory();
-  auto keys = memory.getDataList(filter);
-  std::ranges::sort(keys);
+  const auto keys = context.target.keys(filter);
   if (!asObjects) {
     for (const auto& key : keys) context.output.line(context.shown(key));
     return;
@@ -182,8 +181,7 @@ void descriptions(Context& context, Arguments& arguments) {
     });
   }
   auto memory = context.target.memory();
-  keys = memory.getDataListName();
-  std::ranges::sort(keys);
+  keys = context.target.keys("");
   askInParts(*memory.proxy(), keys, {askKind, askDescription}, [&](const std::string& key, KeyAnswers& answers) {
     print(key, std::move(answers[0]).take<std::string>(), textOfDescription(std::move(answers[1]).take<HXValue>()));
   });
