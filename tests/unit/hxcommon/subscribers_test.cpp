@@ -142,6 +142,7 @@ TEST_F(SubscribersOfAnExtractor, OfAMemoryThatWasReplacedUnnoticedAreReplacedAtT
 }
 
 TEST_F(SubscribersOfAnExtractor, AreAskedForAgainWhereTheDeclarationFailed) {
+  settle();  // The notice of the first memory.
   memory_->broken = true;
   EXPECT_THROW(subscribers_->declare(kLoad), std::runtime_error);
   leave("HXMemory");
