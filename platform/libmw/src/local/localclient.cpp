@@ -294,7 +294,9 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   std::vector<ServiceInfo> othersOf(std::vector<ServiceInfo> all) const {
     const std::lock_guard lock(mutex_);
     for (const auto& [id, offer] : offered_) {
-      if (offer.id) std::erase_if(all, [&](const ServiceInfo& one) { return one.id == (*offer.id | kBrokerIds); });
+      if (!offer.id) continue;
+      const auto own = *offer.id | kBrokerIds;
+      std::erase_if(all, [own](const ServiceInfo& one) { return one.id == own; });
     }
     return all;
   }

@@ -218,8 +218,9 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   std::optional<local::FileId> lockId_;
   local::File socket_;
   std::optional<local::FileId> socketId_;
-  bool isWhole_ = true;               // both files were there when it was looked at last
-  std::uint64_t number_ = 0;          // at the poller; 0 until it listens
+  bool isWhole_ = true;  // both files were there when it was looked at last
+  /// At the poller, whose threads read it once it watches the socket; 0 until it listens.
+  std::atomic<std::uint64_t> number_{0};
   std::atomic<bool> isShort_{false};  // the last attempt to accept failed, and was told
 
   mutable std::mutex mutex_;  // Guards everything below.

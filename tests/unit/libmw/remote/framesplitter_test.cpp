@@ -40,12 +40,12 @@ std::vector<std::size_t> split(std::string_view stream, const std::vector<std::s
   return sizes;
 }
 
-struct Frame {
+struct SplitCase {
   const char* name;
   std::string bytes;
 };
 
-class EveryFormat : public testing::TestWithParam<Frame> {};
+class EveryFormat : public testing::TestWithParam<SplitCase> {};
 
 TEST_P(EveryFormat, EndsWhereItsValueEndsHoweverItArrives) {
   const std::string& frame = GetParam().bytes;
@@ -61,23 +61,26 @@ TEST_P(EveryFormat, EndsWhereItsValueEndsHoweverItArrives) {
 INSTANTIATE_TEST_SUITE_P(
     FrameSplitter, EveryFormat,
     testing::Values(
-        Frame{"fixint", bytes({0x7f})}, Frame{"negative", bytes({0xe0})}, Frame{"nil", bytes({0xc0})},
-        Frame{"false", bytes({0xc2})}, Frame{"true", bytes({0xc3})}, Frame{"float", bytes({0xca}, 4)},
-        Frame{"double", bytes({0xcb}, 8)}, Frame{"uint8", bytes({0xcc}, 1)}, Frame{"uint16", bytes({0xcd}, 2)},
-        Frame{"uint32", bytes({0xce}, 4)}, Frame{"uint64", bytes({0xcf}, 8)}, Frame{"int8", bytes({0xd0}, 1)},
-        Frame{"int16", bytes({0xd1}, 2)}, Frame{"int32", bytes({0xd2}, 4)}, Frame{"int64", bytes({0xd3}, 8)},
-        Frame{"fixstr", bytes({0xbf}, 31)}, Frame{"emptystr", bytes({0xa0})}, Frame{"str8", bytes({0xd9, 40}, 40)},
-        Frame{"str16", bytes({0xda, 1, 0}, 256)}, Frame{"str32", bytes({0xdb, 0, 0, 1, 1}, 257)},
-        Frame{"bin8", bytes({0xc4, 0})}, Frame{"bin16", bytes({0xc5, 0, 3}, 3)},
-        Frame{"bin32", bytes({0xc6, 0, 0, 0, 2}, 2)}, Frame{"fixext1", bytes({0xd4}, 2)},
-        Frame{"fixext2", bytes({0xd5}, 3)}, Frame{"fixext4", bytes({0xd6}, 5)}, Frame{"fixext8", bytes({0xd7}, 9)},
-        Frame{"fixext16", bytes({0xd8}, 17)}, Frame{"ext8", bytes({0xc7, 0, 1})},
-        Frame{"ext16", bytes({0xc8, 0, 2, 1}, 2)}, Frame{"ext32", bytes({0xc9, 0, 0, 0, 1, 1}, 1)},
-        Frame{"emptylist", bytes({0x90})}, Frame{"fixlist", bytes({0x92, 0xa1, 'a', 0xc0})},
-        Frame{"list16", bytes({0xdc, 0, 2, 1, 2})}, Frame{"list32", bytes({0xdd, 0, 0, 0, 1, 0x90})},
-        Frame{"emptymap", bytes({0x80})}, Frame{"fixmap", bytes({0x81, 0xa1, 'a', 0x91, 1})},
-        Frame{"map16", bytes({0xde, 0, 1, 1, 2})}, Frame{"map32", bytes({0xdf, 0, 0, 0, 1, 1, 0x80})},
-        Frame{"nested", bytes({0x92, 0x91, 0x81, 1, 0x90, 0xc0})}),
+        SplitCase{"fixint", bytes({0x7f})}, SplitCase{"negative", bytes({0xe0})}, SplitCase{"nil", bytes({0xc0})},
+        SplitCase{"false", bytes({0xc2})}, SplitCase{"true", bytes({0xc3})}, SplitCase{"float", bytes({0xca}, 4)},
+        SplitCase{"double", bytes({0xcb}, 8)}, SplitCase{"uint8", bytes({0xcc}, 1)},
+        SplitCase{"uint16", bytes({0xcd}, 2)}, SplitCase{"uint32", bytes({0xce}, 4)},
+        SplitCase{"uint64", bytes({0xcf}, 8)}, SplitCase{"int8", bytes({0xd0}, 1)},
+        SplitCase{"int16", bytes({0xd1}, 2)}, SplitCase{"int32", bytes({0xd2}, 4)},
+        SplitCase{"int64", bytes({0xd3}, 8)}, SplitCase{"fixstr", bytes({0xbf}, 31)},
+        SplitCase{"emptystr", bytes({0xa0})}, SplitCase{"str8", bytes({0xd9, 40}, 40)},
+        SplitCase{"str16", bytes({0xda, 1, 0}, 256)}, SplitCase{"str32", bytes({0xdb, 0, 0, 1, 1}, 257)},
+        SplitCase{"bin8", bytes({0xc4, 0})}, SplitCase{"bin16", bytes({0xc5, 0, 3}, 3)},
+        SplitCase{"bin32", bytes({0xc6, 0, 0, 0, 2}, 2)}, SplitCase{"fixext1", bytes({0xd4}, 2)},
+        SplitCase{"fixext2", bytes({0xd5}, 3)}, SplitCase{"fixext4", bytes({0xd6}, 5)},
+        SplitCase{"fixext8", bytes({0xd7}, 9)}, SplitCase{"fixext16", bytes({0xd8}, 17)},
+        SplitCase{"ext8", bytes({0xc7, 0, 1})}, SplitCase{"ext16", bytes({0xc8, 0, 2, 1}, 2)},
+        SplitCase{"ext32", bytes({0xc9, 0, 0, 0, 1, 1}, 1)}, SplitCase{"emptylist", bytes({0x90})},
+        SplitCase{"fixlist", bytes({0x92, 0xa1, 'a', 0xc0})}, SplitCase{"list16", bytes({0xdc, 0, 2, 1, 2})},
+        SplitCase{"list32", bytes({0xdd, 0, 0, 0, 1, 0x90})}, SplitCase{"emptymap", bytes({0x80})},
+        SplitCase{"fixmap", bytes({0x81, 0xa1, 'a', 0x91, 1})}, SplitCase{"map16", bytes({0xde, 0, 1, 1, 2})},
+        SplitCase{"map32", bytes({0xdf, 0, 0, 0, 1, 1, 0x80})},
+        SplitCase{"nested", bytes({0x92, 0x91, 0x81, 1, 0x90, 0xc0})}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(FrameSplitter, RefusesAtOnceWhatIsBeyondALimit) {
