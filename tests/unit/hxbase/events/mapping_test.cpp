@@ -140,8 +140,10 @@ TEST_F(Mapping, OfServicesOfAnotherProcessComesBackWithTheConnection) {
   restored.get_future().get();
   session.registerService("Late", mw::AnyObject(late));
   awaitConnections();
-  for (const auto& [event, door] : {std::pair("E", early), std::pair("L", late)}) {
-    const auto raised = raisesOf(event, [&, &door = door] {
+  for (const auto& mapped : {std::pair("E", early), std::pair("L", late)}) {
+    const auto& event = mapped.first;
+    const auto& door = mapped.second;
+    const auto raised = raisesOf(event, [&] {
       std::promise<void> heard;
       const auto last =
           memory->subscriber("Last")->signal.connect(mw::SignalSubscriber([&](const HXValue&) { heard.set_value(); }));
