@@ -49,6 +49,13 @@ class ManualExecutor : public HX::journal::Executor {
     while (moveToNext(until)) run();
   }
 
+  /// Forgets what has not run. A task may hold whoever posted it, who holds the executor.
+  void clear() {
+    std::multimap<Clock::time_point, std::function<void()>> forgotten;
+    const std::lock_guard lock(mutex_);
+    tasks_.swap(forgotten);
+  }
+
   std::size_t waiting() const {
     const std::lock_guard lock(mutex_);
     return tasks_.size();

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <deque>
 #include <link.h>
 #include <mutex>
+#include <string>
 #include <utility>
 
 namespace HX::codemap {
@@ -58,9 +60,11 @@ int visit(dl_phdr_info* info, std::size_t /*size*/, void* data) {
   return 1;
 }
 
-const char* keep(const std::string& text) {
-  auto* const kept = new std::string(text);
-  return kept->c_str();
+/// A text that stays where it is until the process has ended: a crash may come later than any destructor. Called with
+/// `writing` held.
+const char* keep(std::string text) {
+  static auto* const kept = new std::deque<std::string>;
+  return kept->emplace_back(std::move(text)).c_str();
 }
 
 }  // namespace

@@ -51,6 +51,10 @@ class Table : public Source {
 class JournalFixture : public testing::Test {
  protected:
   JournalFixture() { make({}); }
+  ~JournalFixture() override {
+    journal.reset();
+    executor->clear();
+  }
 
   void make(Journal::Options options) {
     journal.reset();

@@ -79,12 +79,12 @@ TEST_F(PollerTest, ReadsWhateverBlocks) {
 
 TEST_F(PollerTest, DoesAllThatOneReadingBringsAtOnce) {
   constexpr int kMany = 20;
-  std::latch all(kMany + 1);
-  const auto bell = Bell::make(poller, [&](std::vector<Work>& works) {
-    for (int i = 0; i < kMany; ++i) works.emplace_back([&] { all.arrive_and_wait(); });
+  const auto all = std::make_shared<std::latch>(kMany + 1);  // Left by the last of them, which may not be this thread.
+  const auto bell = Bell::make(poller, [all](std::vector<Work>& works) {
+    for (int i = 0; i < kMany; ++i) works.emplace_back([all] { all->arrive_and_wait(); });
   });
   bell->ring();
-  all.arrive_and_wait();
+  all->arrive_and_wait();
 }
 
 TEST_F(PollerTest, GoesOnBehindAWorkThatFails) {
