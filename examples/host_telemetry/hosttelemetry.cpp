@@ -82,7 +82,10 @@ void HostTelemetry::bindMethods() {
 }
 
 void HostTelemetry::init() {
-  thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+  // Whoever finds the module finds its values.
+  const auto now = Clock::now();
+  publish(now);
+  thread_ = std::jthread([this, now](const std::stop_token& stop) { run(stop, now); });
 }
 
 void HostTelemetry::exit() {
@@ -113,18 +116,23 @@ void HostTelemetry::subscribe(const std::string& subscriberId) { subscribers_.ad
 
 void HostTelemetry::unsubscribe(const std::string& subscriberId) { subscribers_.remove(subscriberId); }
 
-void HostTelemetry::run(const std::stop_token& stop) {
-  while (!stop.stop_requested()) {
-    const auto now = Clock::now();
-    try {
-      publisher().publish(sensors_.sample(now));
-      report({});
-    } catch (const std::exception& error) {
-      report(error.what());
-    } catch (...) {
-      report("unknown exception");
-    }
-    waitForNextSample(stop, now);
+void HostTelemetry::run(const std::stop_token& stop, Clock::time_point sampled) {
+  while (true) {
+    waitForNextSample(stop, sampled);
+    if (stop.stop_requested()) return;
+    sampled = Clock::now();
+    publish(sampled);
+  }
+}
+
+void HostTelemetry::publish(Clock::time_point now) {
+  try {
+    publisher().publish(sensors_.sample(now));
+    report({});
+  } catch (const std::exception& error) {
+    report(error.what());
+  } catch (...) {
+    report("unknown exception");
   }
 }
 

@@ -56,7 +56,8 @@ class HostTelemetry : public HX::HXModule {
   using Clock = Sensors::Clock;
 
   void bindMethods();
-  void run(const std::stop_token& stop);
+  void run(const std::stop_token& stop, Clock::time_point sampled);
+  void publish(Clock::time_point now);
   Publisher& publisher();
   void report(const std::string& failure);
   void waitForNextSample(const std::stop_token& stop, Clock::time_point sampled);

@@ -276,7 +276,10 @@ class BlockedCalls : public kit::MemoryFixture {
   void SetUp() override {
     wasOnStderr_ = mw::log::setStderrSink(false);
     MemoryFixture::SetUp();
-    server.emplace(*broker->session(), "torso", mw::LinkOptions{.heartbeat = 1h});  // The callers have none.
+    mw::LinkOptions options;
+    options.heartbeat = 1h;  // The callers have none.
+    options.connectionLimit = options.connectionsOfAProcess = 2 * kBlocked;
+    server.emplace(*broker->session(), "torso", options);
     joined.emplace(session, "torso", mw::LocalClient::Options{{.heartbeat = 1h}, false});
     honest = session.service("HXMemory").take();
   }

@@ -335,7 +335,8 @@ SignalLink SignalBase::nextLink() {
 void SignalBase::triggerBetween(SignalLink after, SignalLink before, GenericFunctionParameters parameters) {
   if (!connected_.load(std::memory_order_acquire)) return;
   const std::shared_ptr<Connections> held = owned_;
-  for (const auto& slot : *held->snapshot()) {
+  const auto slots = held->snapshot();
+  for (const auto& slot : *slots) {
     if (slot->link() <= after || slot->link() >= before) continue;
     if (!slot->deliver(parameters, MetaCallType::Auto)) held->drop(slot->link());
   }
