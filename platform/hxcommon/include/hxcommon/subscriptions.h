@@ -33,7 +33,10 @@ class HX_API Subscriptions {
   /// Those of the process.
   static Subscriptions& instance();
 
-  /// @param memory  The one that was asked; nothing is noted for one of this process.
+  /// @param memory        The one that was asked; nothing is noted for one of this process.
+  /// @param module        Who subscribed.
+  /// @param key           What to.
+  /// @param subscription  How it is stated again.
   void note(const HXProxy& memory, const std::string& module, const std::string& key, Subscription subscription);
   void forget(const std::string& module, const std::string& key);
   /// The module leaves: everything about it is forgotten.
@@ -41,6 +44,7 @@ class HX_API Subscriptions {
 
   /// Whether those of a module are stated again by themselves; so at first.
   void setRestored(const std::string& module, bool restored);
+  /// @param module      Whose subscriptions are meant.
   /// @param onRestored  Must not use a module that has gone: `forgetModule` does not wait for it.
   void setOnRestored(const std::string& module, OnRestored onRestored);
 

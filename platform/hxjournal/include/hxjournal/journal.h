@@ -86,6 +86,7 @@ class HX_API Journal {
 
   /// Appends a change. Under the table's lock and the item's: appended before the value can be read, and after readers
   /// without a lock were turned away from the old one. Allocates nothing and cannot fail.
+  /// @param entry  All of the change but its revision and author, which are set here.
   /// @param after  Takes what dies by it, and the waking of followers, out of the caller's locks.
   /// @return The revision of the change.
   std::uint64_t append(Entry entry, Afterwards& after) noexcept;

@@ -37,10 +37,10 @@ class HX_API Deadlines : public std::enable_shared_from_this<Deadlines> {
   /// @param whom   Who is to answer, for errors: "broker korvo".
   Deadlines(EventLoop& loop, std::chrono::milliseconds limit, std::string whom);
 
-  /// @param what  For the error: "HXMemory.getData".
+  /// @param answer  Of the call.
+  /// @param what    For the error: "HXMemory.getData".
   /// @return The same answer, or a DeadlineError that says who did not answer what, and in which time. To cancel it
-  /// cancels
-  ///         the call.
+  ///         cancels the call.
   Answer watch(const Answer& answer, std::string what);
   std::chrono::milliseconds limit() const { return limit_; }
   /// The error of an answer that did not come in time.
@@ -66,7 +66,9 @@ class HX_API Deadlines : public std::enable_shared_from_this<Deadlines> {
 };
 
 /// A handle on `object` whose calls are watched by `deadlines`. Posts, signals and properties are not.
-/// @param name  Of the object, for errors.
+/// @param object     Stays as it is.
+/// @param name       Of the object, for errors.
+/// @param deadlines  Kept as long as the handle.
 HX_API AnyObject withDeadline(const AnyObject& object, std::string name, std::shared_ptr<Deadlines> deadlines);
 
 }  // namespace mw

@@ -92,6 +92,7 @@ class HX_API LocalServer {
   /// @param session  Its services are what others find; theirs are registered with it. Must outlive the server.
   /// @param name     As `HXBroker::getName`.
   /// @param options  Limits and times of each connection.
+  /// @param listening  Whether others are let in at once.
   /// @throws std::runtime_error when it is no `isBrokerName`, when a broker of that name is running, or when the
   ///         socket cannot be made.
   LocalServer(Session& session, const std::string& name, const LinkOptions& options = {},

@@ -17,6 +17,7 @@ HX_API std::string escapeControls(std::string_view text);
 /// `text` with its middle left out, where it is longer than is good to read: "begin… 65436 bytes …end". Takes no UTF-8
 /// character apart.
 ///
+/// @param text  UTF-8, as a rule.
 /// @param most  About as many bytes are kept.
 /// @par Threads  Any.
 HX_API std::string shorten(std::string_view text, std::size_t most = 100);
