@@ -60,7 +60,9 @@ HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& n
     : HXMemory(broker, name, JournalSettings()) {}
 
 HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& name, const JournalSettings& settings)
-    : HXModule(broker, name), journal_(*this, executorOf(settings), settings.options) {
+    : HXModule(broker, name),
+      journal_(std::make_shared<journal::Journal>(static_cast<journal::Source&>(*this), executorOf(settings),
+                                                  settings.options)) {
   STMValue::setBrokerInstance(broker);
   items.reserve(kExpectedKeys);
   setModuleDescription(
@@ -95,7 +97,7 @@ void HXMemory::patrol() {
 HXMemory::~HXMemory() {
   lifetime_.destroy();
   if (const auto broker = findParentBroker()) broker->session()->serviceRegistered.disconnect(serviceRegisteredLink);
-  journal_.close();  // Its changes refer to the names of the items.
+  journal_->close();  // Its changes refer to the names of the items.
   items.clear();
   // Items with notifications in flight are being destroyed on the event loop; what they run is in this library's hands.
   STMValue::drainRetired();

@@ -97,8 +97,8 @@ STMValue::dataType HXMemory::getDataType(const std::string& key) {
 void HXMemory::setDescription(const std::string& name, const std::string& description) {
   std::string text(description);  // Takes the old text out of the lock before it dies.
   const HXValue told(description);
-  journal::Afterwards after(journal_);
-  const STMValue::Record record{journal_, journal::What::Described, after};
+  journal::Afterwards after(*journal_);
+  const STMValue::Record record{*journal_, journal::What::Described, after};
   const std::unique_lock lock(itemsLock);
   const auto* found = items.find(name);
   if (!found) fail("setDescription", name + " not found");

@@ -148,8 +148,8 @@ void HXMemory::requireFilable(std::string_view name) {
 /// The same while the journal records: apart, so that writes of which nobody is told do not pay for it.
 [[gnu::noinline]] bool HXMemory::overwriteRecorded(const std::string& name, HXValue& value, STMValue::dataType kind,
                                                    std::shared_ptr<STMValue>* item) {
-  journal::Afterwards after(journal_);
-  const STMValue::Record record{journal_, whatOf(kind, item), after};
+  journal::Afterwards after(*journal_);
+  const STMValue::Record record{*journal_, whatOf(kind, item), after};
   const std::shared_lock lock(itemsLock);
   if (!isRecording()) return false;
   const auto* found = findToOverwrite(name, kind, item);
@@ -169,8 +169,8 @@ inline const std::shared_ptr<STMValue>* HXMemory::findToOverwrite(const std::str
 
 HXMemory::Change HXMemory::file(const std::string& name, HXValue& value, STMValue::dataType kind,
                                 std::shared_ptr<STMValue>* item, EventEntry& entry) {
-  journal::Afterwards after(journal_);
-  const STMValue::Record record{journal_, whatOf(kind, item), after};
+  journal::Afterwards after(*journal_);
+  const STMValue::Record record{*journal_, whatOf(kind, item), after};
   const std::unique_lock lock(itemsLock);
   const STMValue::Record* const recorded = isRecording() ? &record : nullptr;
   const auto* found = items.find(name);
@@ -222,11 +222,11 @@ std::shared_ptr<STMValue> HXMemory::xRequireSTMValue(const std::string& name, ST
 /// Another thread may have been faster; its item counts.
 std::shared_ptr<STMValue> HXMemory::fileUnlessPresent(const std::shared_ptr<STMValue>& made) {
   requireFilable(made->name());
-  journal::Afterwards after(journal_);
+  journal::Afterwards after(*journal_);
   const std::unique_lock lock(itemsLock);
   if (const auto* found = items.find(made->name())) return *found;
   items.insert(made->name(), made);
-  if (isRecording()) made->recordMade({journal_, journal::What::Declared, after});
+  if (isRecording()) made->recordMade({*journal_, journal::What::Declared, after});
   return made;
 }
 
@@ -234,7 +234,7 @@ void HXMemory::xRemoveData(const std::string& name) {
   const HXValue news = announced(name);
   std::shared_ptr<STMValue> removed;  // Let go of after the lock: the last reference may run what needs it.
   {
-    journal::Afterwards after(journal_);
+    journal::Afterwards after(*journal_);
     std::list<journal::Grave> grave;
     if (isRecording()) grave.emplace_back();
     std::unique_lock lock(itemsLock);
@@ -249,7 +249,7 @@ void HXMemory::xRemoveData(const std::string& name) {
       fail("removeData", "Data " + name + " can't be erased because it has been accessed using getDataPtr", 1179);
     }
     removed = items.extract(name);
-    if (isRecording()) removed->recordRemoval({journal_, journal::What::Removed, after}, grave);
+    if (isRecording()) removed->recordRemoval({*journal_, journal::What::Removed, after}, grave);
   }
   removed.reset();
   announce(Memory::keyRemovedKey, news);

@@ -50,7 +50,7 @@ extern const std::string keyTypeChanged;  ///< "HXMemory/KeyTypeChanged"
 /// One process has at most one memory.
 ///
 /// Method words, messages and the stated line numbers of errors are relied on by callers and do not follow the code.
-class HXMemory : public HXModule, private journal::Source {
+class HXMemory : public HXModule, public journal::JournalOwner, private journal::Source {
  public:
   /// How the journal is kept. As made: by the default event loop, in its usual size.
   struct JournalSettings {
@@ -71,7 +71,8 @@ class HXMemory : public HXModule, private journal::Source {
 
   /// The feed of all changes of the memory. Values that are written through an address are not among them. Must not be
   /// used longer than the memory lives; a follower that does ends with it.
-  journal::Journal& journal() { return journal_; }
+  journal::Journal& journal() { return *journal_; }
+  std::shared_ptr<journal::Journal> sharedJournal() override { return journal_; }
 
   // --- Data: hxmemory_store.cpp --------------------------------------------------------------------------------------
 
@@ -293,7 +294,7 @@ class HXMemory : public HXModule, private journal::Source {
   std::mutex mappingMutex;                     // Guards `pendingMappings`. Outer to `mappedLock`.
   std::atomic<std::thread::id> mappingOwner_;  // The thread that holds `mappingMutex`, so that it is not asked to wait.
   mw::SignalLink serviceRegisteredLink = mw::kInvalidSignalLink;
-  journal::Journal journal_;
+  const std::shared_ptr<journal::Journal> journal_;
 };
 
 }  // namespace HX

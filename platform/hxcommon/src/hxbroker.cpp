@@ -177,6 +177,12 @@ bool HXBroker::unregisterFirst(const IsWanted& isWanted) {
   return true;
 }
 
+std::shared_ptr<mw::GenericObject> HXBroker::ownModule(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = std::ranges::find_if(modules_, [&](const Hosted& one) { return one.module->getName() == name; });
+  return found == modules_.end() ? nullptr : found->module;
+}
+
 std::vector<std::string> HXBroker::modules() const {
   const std::lock_guard lock(mutex_);
   std::vector<std::string> names;

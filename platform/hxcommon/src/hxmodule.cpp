@@ -1,3 +1,4 @@
+#include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxmodule.h>
 #include <libmw/log.h>
@@ -109,6 +110,23 @@ void HXModule::stop() {}
 
 void HXModule::exit() {
   if (const auto broker = findParentBroker()) broker->unregisterModule(*this);
+}
+
+std::shared_ptr<HXProxy> HXModule::memoryProxy() {
+  const auto broker = getParentBroker();
+  {
+    const std::lock_guard lock(memoryMutex_);
+    if (memory_ && broker->isCurrent(*memory_)) return memory_;
+  }
+  auto proxy = broker->getProxy("HXMemory");
+  if (!proxy) throw std::runtime_error("no module named HXMemory");
+  const std::lock_guard lock(memoryMutex_);
+  return memory_ = std::move(proxy);
+}
+
+journal::Follow HXModule::follow(journal::Filter filter, std::function<void(const journal::Change&)> onChange,
+                                 journal::FollowOptions options) {
+  return HX::follow(getParentBroker(), std::move(filter), std::move(onChange), std::move(options));
 }
 
 void HXModule::start(const std::shared_ptr<HXModule>& module) {

@@ -1,6 +1,7 @@
 #include "core.h"
 
 #include <algorithm>
+#include <limits>
 #include <new>
 #include <random>
 #include <stdexcept>
@@ -10,13 +11,13 @@ namespace HX::journal {
 namespace {
 
 constexpr std::chrono::milliseconds kSharedLook{20};
+constexpr std::uint64_t kNoLimit = std::numeric_limits<std::uint64_t>::max();
 constexpr int kLooksUntilIdle = 50;  // A second without a change: then the next one rings, once.
 
+/// Of 53 bits, so that it is exact in the numbers of every client's language.
 std::uint64_t randomEpoch() {
   std::random_device random;
-  std::uint64_t epoch = 0;
-  while (epoch == 0) epoch = std::uniform_int_distribution<std::uint64_t>()(random);
-  return epoch;
+  return std::uniform_int_distribution<std::uint64_t>(1, (std::uint64_t{1} << 53U) - 1)(random);
 }
 
 }  // namespace
@@ -88,6 +89,35 @@ void Core::keep(bool on) {
 bool Core::isRecording() const {
   const std::lock_guard lock(mutex_);
   return recording_;
+}
+
+Position Core::latest() const noexcept {
+  const std::uint64_t head = ring.head();
+  return {epoch, head == 0 ? 0 : head - 1};
+}
+
+Retained Core::retainedFrom(TimePoint time) {
+  Ring::Chunks spare(1);  // Whoever pins a chunk brings one.
+  const std::lock_guard lock(mutex_);
+  if (!recording_) return {latest(), latest(), std::nullopt, false};
+  ring.addSpare(spare);
+  Retained found{{}, {}, std::nullopt, true};
+  for (std::uint64_t cursor = ring.extent().oldest;;) {
+    const Ring::Pin pin(ring, cursor, kNoLimit, kNoLimit);
+    if (pin.isLapped()) {
+      cursor = ring.extent().oldest;
+      continue;
+    }
+    const auto entry = std::ranges::find_if(pin.entries(), [&](const Entry& one) { return one.time >= time; });
+    cursor += static_cast<std::uint64_t>(entry - pin.entries().begin());
+    if (entry == pin.entries().end() && !pin.entries().empty()) continue;
+    found.from = {epoch, cursor - 1};
+    if (!pin.entries().empty()) found.since = entry->time;
+    break;
+  }
+  spare = ring.takeSpare();
+  found.latest = latest();
+  return found;
 }
 
 void Core::beginRecording() {

@@ -24,6 +24,9 @@ class Core : public std::enable_shared_from_this<Core> {
   void keep(bool on);
   void close() noexcept;
   bool isRecording() const;
+  Position latest() const noexcept;
+  /// As `Journal::retained`, but from the first change on that is not older than `time`.
+  Retained retainedFrom(TimePoint time);
 
   /// Has those woken who sleep. From any thread that holds none of the locks.
   void ringBell() noexcept;

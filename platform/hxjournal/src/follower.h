@@ -36,25 +36,25 @@ namespace HX::journal {
 ///   none, from `begin` on; those of names walked earlier, all.
 /// @par Lapped: the cursor goes to the head, and the table is walked once round, from where a walk was.
 /// @par Threads  What is not said to be guarded belongs to the chain.
-class Follower : public std::enable_shared_from_this<Follower> {
+class Follower : public Following, public std::enable_shared_from_this<Follower> {
  public:
   using Listener = std::function<void(const Change&)>;
 
   Follower(std::shared_ptr<Core> core, Filter filter, Listener onChange, FollowOptions options);
   Follower(const Follower&) = delete;
   Follower& operator=(const Follower&) = delete;
-  ~Follower();
+  ~Follower() override;
 
   /// Before the first task, while the journal records.
   void begin();
   /// One task.
   void run();
   /// Waits for the task that runs, except its own, and takes it out of the journal.
-  void end() noexcept;
-  void pause() noexcept;
-  void resume();
+  void end() noexcept override;
+  void pause() noexcept override;
+  void resume() override;
 
-  Position position() const noexcept;
+  Position position() const noexcept override;
   bool isPrompt() const noexcept { return options_.promptness == Promptness::Prompt; }
 
   Ring::Sleeper sleeper;  // Guarded by the ring's lock.

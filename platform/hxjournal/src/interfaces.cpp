@@ -1,10 +1,14 @@
 #include <hxjournal/executor.h>
+#include <hxjournal/follow.h>
+#include <hxjournal/journal.h>
 #include <hxjournal/source.h>
 
 namespace HX::journal {
 
 // Here, so that the types are one object in the process.
 Executor::~Executor() = default;
+Following::~Following() = default;
+JournalOwner::~JournalOwner() = default;
 Visitor::~Visitor() = default;
 Source::~Source() = default;
 

@@ -35,10 +35,11 @@ void Journal::keep(bool on) { core_->keep(on); }
 
 bool Journal::isRecording() const { return core_->isRecording(); }
 
-Position Journal::position() const {
-  const std::uint64_t head = core_->ring.head();
-  return {core_->epoch, head == 0 ? 0 : head - 1};
-}
+Position Journal::position() const { return core_->latest(); }
+
+Retained Journal::retained() const { return core_->retainedFrom(TimePoint::min()); }
+
+Position Journal::at(TimePoint time) const { return core_->retainedFrom(time).from; }
 
 Afterwards::~Afterwards() {
   if (ring_) journal_.core_->ringBell();
@@ -47,7 +48,7 @@ Afterwards::~Afterwards() {
 Follow& Follow::operator=(Follow&& other) noexcept {
   if (this != &other) {
     end();
-    follower_ = std::move(other.follower_);
+    following_ = std::move(other.following_);
   }
   return *this;
 }
@@ -55,17 +56,17 @@ Follow& Follow::operator=(Follow&& other) noexcept {
 Follow::~Follow() { end(); }
 
 void Follow::end() noexcept {
-  if (follower_) follower_->end();
+  if (following_) following_->end();
 }
 
-Position Follow::position() const noexcept { return follower_ ? follower_->position() : Position(); }
+Position Follow::position() const noexcept { return following_ ? following_->position() : Position(); }
 
 void Follow::pause() noexcept {
-  if (follower_) follower_->pause();
+  if (following_) following_->pause();
 }
 
 void Follow::resume() {
-  if (follower_) follower_->resume();
+  if (following_) following_->resume();
 }
 
 }  // namespace HX::journal

@@ -355,5 +355,47 @@ TEST_F(Following, KeepsTheNamesOfRemovedKeysUntilTheirChangesAreForgotten) {
   EXPECT_TRUE(name.expired());
 }
 
+TEST_F(Following, CanGoBackToATimeAsFarAsChangesAreRetained) {
+  Journal::Options options;
+  options.chunks = 2;
+  make(options);
+  const auto at = [](int milliseconds) { return TimePoint(std::chrono::milliseconds(milliseconds)); };
+  const auto write = [&](int milliseconds) {
+    auto& item = table.items["a"];
+    if (!item.name) item.name = std::make_shared<const std::string>("a");
+    Entry entry;
+    entry.setName(*item.name);
+    entry.time = at(milliseconds);
+    Afterwards after(*journal);
+    return journal->append(std::move(entry), after);
+  };
+  EXPECT_FALSE(journal->retained().isRecording);
+  EXPECT_EQ(journal->at(at(0)), journal->position());
+  journal->keep(true);
+  const auto begin = journal->position();
+  EXPECT_EQ(journal->retained().from, begin);
+  EXPECT_EQ(journal->retained().since, std::nullopt);
+
+  const auto first = write(0);
+  for (int i = 1; i < 300; ++i) write(10 * i);
+  EXPECT_EQ(journal->retained().from, begin);
+  EXPECT_EQ(journal->retained().since, at(0));
+  EXPECT_EQ(journal->retained().latest, journal->position());
+  EXPECT_EQ(journal->at(at(-5)).revision, first - 1);
+  EXPECT_EQ(journal->at(at(10)).revision, first);
+  EXPECT_EQ(journal->at(at(2995)), journal->position());
+  const auto place = journal->at(at(2'601)).revision;
+  EXPECT_EQ(place, first + 260);
+
+  // The ring turns.
+  for (int i = 300; i < 600; ++i) write(10 * i);
+  EXPECT_EQ(journal->retained().from.revision, first + 255);
+  EXPECT_EQ(journal->retained().since, at(2'560));
+  EXPECT_EQ(journal->at(at(0)), journal->retained().from);
+  EXPECT_EQ(journal->at(at(2'601)).revision, place);
+  journal->close();
+  EXPECT_FALSE(journal->retained().isRecording);
+}
+
 }  // namespace
 }  // namespace HX::journal

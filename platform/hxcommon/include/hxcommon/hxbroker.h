@@ -57,6 +57,18 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
     return std::make_shared<P>(std::move(proxy));
   }
 
+  /// A module of this process as an interface that it derives from, for C++ that needs more of it than its methods.
+  ///
+  ///     auto owner = broker->interfaceOf<journal::JournalOwner>("HXMemory");
+  ///
+  /// @param name  Of the module.
+  /// @return Empty when there is no such module in this process, or it is no T. Let go of it soon: it keeps the module
+  ///         while that leaves, without being a call that its broker waits for.
+  template <class T>
+  std::shared_ptr<T> interfaceOf(const std::string& name) const {
+    return std::dynamic_pointer_cast<T>(ownModule(name));
+  }
+
   /// Loads a module library and lets it make its modules.
   ///
   /// @param library  A path (with a slash in it), or a name: `lib<name>.so` is looked for in the folders of
@@ -91,6 +103,7 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   bool unregisterFirst(const IsWanted& isWanted);
   void forgetStaleProxy(const std::string& name);
   void requireRunning(const std::string& moduleName) const;
+  std::shared_ptr<mw::GenericObject> ownModule(const std::string& name) const;
   std::shared_ptr<HXModuleCore> lastModule() const;
   void exitModule(std::shared_ptr<HXModuleCore> module);
   void closeLibraries();

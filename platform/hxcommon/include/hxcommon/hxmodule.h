@@ -2,10 +2,14 @@
 
 #include <hxcommon/hxfunctor.h>
 #include <hxerror/hxerror.h>
+#include <hxjournal/filter.h>
+#include <hxjournal/follow.h>
 #include <libmw/dynamicobject.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -14,6 +18,8 @@
 namespace HX {
 
 class HXBroker;
+class HXMemoryProxy;
+class HXProxy;
 
 /// What a module is to its broker: a name, a parent, and a table of documented methods.
 ///
@@ -128,6 +134,33 @@ class HX_API HXModule : public HXModuleCore {
   /// Ends what `execute` does. Does nothing unless overridden.
   virtual void stop();
 
+  /// The memory, wherever it runs, to be called at once: `memory().insertData("Arm/Speed", 0.5)`. To be asked again
+  /// rather than kept, for the memory may go and come back.
+  ///
+  /// Whoever calls it includes <hxproxies/hxmemoryproxy.h>; a module that does not call it needs no proxy.
+  /// @throws std::runtime_error when there is no memory, or the broker has gone.
+  template <class Proxy = HXMemoryProxy>
+  Proxy memory() {
+    return Proxy(memoryProxy());
+  }
+
+  /// Follows the changes of the memory, wherever that runs: in the same way, with the same contract. In another process
+  /// than the memory's, a lost connection is a gap in what is told.
+  ///
+  ///     follow_ = follow(HX::journal::Filter({"Arm/"}), [this](const HX::journal::Change& change) { … });
+  ///
+  /// Keep what it returns as the last member of the module: then it has ended before what the callbacks use goes.
+  /// @param filter    Which of the changes.
+  /// @param onChange  Runs on the event loop, one at a time, with no lock held; may write what it follows, and may end
+  ///                  the follower.
+  /// @param options   Where to begin, how often, how soon; further callbacks, which run like this one.
+  /// @return Follows as long as it lives.
+  /// @throws std::runtime_error when there is no memory, when that is of another process whose broker offers no
+  ///         journal, and when it refuses an option.
+  /// @par Threads  Any. Waits for the broker where that is another process.
+  journal::Follow follow(journal::Filter filter, std::function<void(const journal::Change&)> onChange,
+                         journal::FollowOptions options = {});
+
   /// Makes a module of type T, registers it with `broker` under `name`, and initialises it.
   ///
   /// @return The module; the broker keeps it too, until it leaves.
@@ -144,6 +177,10 @@ class HX_API HXModule : public HXModuleCore {
 
  private:
   static void start(const std::shared_ptr<HXModule>& module);
+  std::shared_ptr<HXProxy> memoryProxy();
+
+  std::mutex memoryMutex_;           // Guards `memory_`.
+  std::shared_ptr<HXProxy> memory_;  // As last asked for.
 };
 
 }  // namespace HX

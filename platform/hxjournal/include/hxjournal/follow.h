@@ -8,10 +8,9 @@
 #include <memory>
 #include <optional>
 #include <string_view>
+#include <utility>
 
 namespace HX::journal {
-
-class Follower;
 
 /// How soon a follower that sleeps hears of a change: at once, or within some 20 ms, which spares writers the waking.
 enum class Promptness : std::uint8_t { Prompt, Relaxed };
@@ -34,6 +33,19 @@ struct FollowOptions {
   std::function<void()> onPause;
 };
 
+/// What a `Follow` is the handle of: a follower of this process's journal, or of one in another process. Its functions
+/// do what those of the handle say.
+///
+/// @par Threads  Any.
+class HX_API Following {
+ public:
+  virtual ~Following();
+  virtual void end() noexcept = 0;
+  virtual Position position() const noexcept = 0;
+  virtual void pause() noexcept = 0;
+  virtual void resume() = 0;
+};
+
 /// Follows for as long as it lives. Empty when made without arguments or moved from.
 ///
 /// Destroying it waits for a callback that runs on another thread, and for none on this: from its own callback too it
@@ -41,13 +53,13 @@ struct FollowOptions {
 class HX_API Follow {
  public:
   Follow() = default;
-  explicit Follow(std::shared_ptr<Follower> follower) noexcept : follower_(std::move(follower)) {}
+  explicit Follow(std::shared_ptr<Following> following) noexcept : following_(std::move(following)) {}
   Follow(Follow&&) noexcept = default;
   Follow& operator=(Follow&& other) noexcept;
   ~Follow();
 
   /// Whether there is, or was, something that it follows.
-  explicit operator bool() const noexcept { return follower_ != nullptr; }
+  explicit operator bool() const noexcept { return following_ != nullptr; }
   /// As the destructor, and leaves the position to be asked for.
   void end() noexcept;
 
@@ -60,7 +72,7 @@ class HX_API Follow {
   void resume();
 
  private:
-  std::shared_ptr<Follower> follower_;
+  std::shared_ptr<Following> following_;
 };
 
 }  // namespace HX::journal

@@ -13,6 +13,7 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -48,6 +49,14 @@ static_assert(sizeof(Entry) == 48);
 struct Grave {
   std::shared_ptr<const std::string> name;
   std::uint64_t last = 0;  ///< Revision of the removal. Filled in by the journal.
+};
+
+/// What one can go back to.
+struct Retained {
+  Position from;                   ///< Going on after this place misses nothing that is retained.
+  Position latest;                 ///< The place of the latest change.
+  std::optional<TimePoint> since;  ///< The time of the first change after `from`; none when there is none.
+  bool isRecording = false;        ///< Otherwise what changes now is not retained.
 };
 
 /// The feed of all changes of a table, in order.
@@ -109,10 +118,25 @@ class HX_API Journal {
   bool isRecording() const;
   /// The place of the latest change.
   Position position() const;
+  /// What the ring holds at this moment. It may be less at the next: a busy writer turns it quickly.
+  Retained retained() const;
+  /// The place after which to go on for the changes from `time` on: before the first retained change that is not older.
+  /// Since when changes are retained, `retained` says. Reads the ring, within a millisecond or so.
+  /// @param time  As the items have it.
+  Position at(TimePoint time) const;
 
  private:
   friend Afterwards;
   const std::shared_ptr<Core> core_;
+};
+
+/// What has a journal, as modules of the same process find it: `HXBroker::interfaceOf`. The memory is one.
+class HX_API JournalOwner {
+ public:
+  virtual ~JournalOwner();
+  /// May be kept, also beyond the end of its owner, at which it is closed.
+  /// @par Threads  Any.
+  virtual std::shared_ptr<Journal> sharedJournal() = 0;
 };
 
 /// What an append leaves to be done once the caller has let go of its locks: make it before them.
