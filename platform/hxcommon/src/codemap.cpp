@@ -39,7 +39,7 @@ Entry* entryOf(std::uintptr_t address) noexcept {
 }
 
 struct Search {
-  std::uintptr_t address;
+  std::uintptr_t address = 0;
   std::uintptr_t begin = 0;
   std::uintptr_t end = 0;
 };

@@ -146,7 +146,7 @@ void reportCrashes() {
   // Loads what unwinding needs, which a handler could not.
   std::array<void*, 1> frame{};
   ::backtrace(frame.data(), 1);
-  static std::array<char, 64 * 1024> spare;  // For a first thread that has outgrown its own.
+  static std::array<char, std::size_t{64} * 1024> spare;  // For a first thread that has outgrown its own.
   stack_t stack{};
   stack.ss_sp = spare.data();
   stack.ss_size = spare.size();

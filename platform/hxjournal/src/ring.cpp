@@ -21,6 +21,7 @@ std::size_t placeOf(std::uint64_t revision) noexcept { return revision % kChunkS
 
 Ring::Pin::Pin(Ring& ring, std::uint64_t cursor, std::uint64_t limit, std::uint64_t behind) noexcept : ring_(ring) {
   const std::lock_guard lock(ring.lock_);
+  // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): what it asks is guarded by the lock.
   lapped_ = cursor < ring.oldest_ || ring.head_ - cursor > behind;
   limit = std::min(limit, ring.head_);
   if (lapped_ || cursor >= limit) return;

@@ -13,12 +13,7 @@ class CallStop {
  public:
   /// It does not: whoever has taken the token is told, on the calling thread.
   void request() {
-    std::stop_source source{std::nostopstate};
-    {
-      const std::lock_guard lock(mutex_);
-      isRequested_ = true;
-      source = source_;
-    }
+    std::stop_source source = requested();  // Told with nothing locked.
     if (source.stop_possible()) source.request_stop();
   }
   bool isRequested() const {
@@ -37,6 +32,12 @@ class CallStop {
   }
 
  private:
+  std::stop_source requested() {
+    const std::lock_guard lock(mutex_);
+    isRequested_ = true;
+    return source_;
+  }
+
   mutable std::mutex mutex_;  // Guards the two below.
   bool isRequested_ = false;
   std::stop_source source_{std::nostopstate};
