@@ -33,6 +33,12 @@ struct LinkOptions {
   std::size_t outputLimit = std::size_t{128} << 20;
   /// Bytes of calls that wait because the peer makes them faster than they are served.
   std::size_t inputLimit = std::size_t{128} << 20;
+  /// Bytes that all connections of the process hold together of messages that are not whole yet and calls that wait.
+  /// Beyond it the process that holds most loses the connection by which it does: who holds no more than an equal part
+  /// never pays for others.
+  std::size_t inputOfAll = std::size_t{512} << 20;
+  /// Likewise of what waits because it is not read. Enough for a value of the largest size to sixteen who read.
+  std::size_t outputOfAll = std::size_t{1} << 30;
   /// Calls of the peer that run at once, each of another caller or to another object; more get an error. All threads
   /// are not for one peer: others need some, and so does the end of the process.
   std::size_t callLimit = 32;

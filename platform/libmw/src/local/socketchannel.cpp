@@ -60,13 +60,17 @@ SocketChannel::SocketChannel(File socket, const LinkOptions& options)
       socket_(std::move(socket)),
       peer_(describePeer(socket_.number())),
       lastReceived_(Clock::now().time_since_epoch().count()),
-      splitter_(options.frameLimit, options.depthLimit) {
+      splitter_(options.frameLimit, options.depthLimit),
+      unfinished_(remote::Budget::input(), options.inputOfAll),
+      unread_(remote::Budget::output(), options.outputOfAll) {
   makeNonBlocking(socket_.number());
 }
 
 SocketChannel::~SocketChannel() { end("nobody uses it"); }
 
 void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
+  unfinished_.join(peer_, weak_from_this());
+  unread_.join(peer_, weak_from_this());
   bool isOver = false;
   {
     const std::lock_guard lock(watchMutex_);
@@ -215,10 +219,17 @@ void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>
     throw;
   }
   buffer_.drop(buffer_.bytes().size() - rest.size());
+  unfinished_.set(buffer_.bytes().size());
   sink.onPause(works);
 }
 
 bool SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
+  const bool isFirst = sendOrQueue(frame, when);
+  unread_.keepLimit();
+  return isFirst;
+}
+
+bool SocketChannel::sendOrQueue(remote::Bytes& frame, remote::Sending when) {
   std::unique_lock lock(outputMutex_);
   if (ended_ || refused_) return false;
   if (when == remote::Sending::Now && output_.empty()) {
@@ -248,7 +259,7 @@ bool SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
 }
 
 void SocketChannel::queueLocked(remote::Bytes& frame) {
-  outputBytes_ += frame.size();
+  setOutputLocked(outputBytes_ + frame.size());
   if (frame.size() > kShort) return output_.push_back(std::move(frame));
   if (output_.empty() || output_.back().capacity() - output_.back().size() < frame.size()) {
     output_.push_back(std::exchange(spare_, {}));
@@ -258,13 +269,18 @@ void SocketChannel::queueLocked(remote::Bytes& frame) {
   output_.back().insert(output_.back().end(), frame.begin(), frame.end());
 }
 
+void SocketChannel::setOutputLocked(std::size_t bytes) {
+  outputBytes_ = bytes;
+  unread_.set(bytes);
+}
+
 void SocketChannel::onSendFailed(int error) {
   if (error != EPIPE) return end(reasonOf(error));
   // The peer takes nothing more, but what it sent before is still to be read: its end comes behind that.
   const std::lock_guard lock(outputMutex_);
   refused_ = true;
   output_.clear();
-  outputBytes_ = 0;
+  setOutputLocked(0);
   sent_ = 0;
   if (hasOutput_.exchange(false)) watch();
 }
@@ -300,7 +316,7 @@ int SocketChannel::writeLocked() {
       if (!hasOutput_.exchange(true)) watch();
       return 0;
     }
-    outputBytes_ -= static_cast<std::size_t>(written);
+    setOutputLocked(outputBytes_ - static_cast<std::size_t>(written));
     sent_ += static_cast<std::size_t>(written);
     while (!output_.empty() && sent_ >= output_.front().size()) {
       sent_ -= output_.front().size();
@@ -326,7 +342,7 @@ void SocketChannel::end(const std::string& reason) {
   {
     const std::lock_guard lock(outputMutex_);
     output_.clear();
-    outputBytes_ = 0;
+    setOutputLocked(0);
   }
   if (const auto sink = sinkNow(); sink && !toldEnd_.exchange(true)) sink->onEnd(reason);
 }

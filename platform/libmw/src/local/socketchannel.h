@@ -1,5 +1,6 @@
 #pragma once
 
+#include "../remote/budget.h"
 #include "../remote/readingturn.h"
 #include "poller.h"
 #include "receivebuffer.h"
@@ -61,6 +62,7 @@ class HX_API SocketChannel final : public remote::Channel,
 
   static constexpr Clock::time_point kNoReminder = Clock::time_point::max();
 
+  bool sendOrQueue(remote::Bytes& frame, remote::Sending when);
   bool take(Turn::Step step);
   void watch();
   bool remindIn(Clock::duration time);
@@ -70,6 +72,7 @@ class HX_API SocketChannel final : public remote::Channel,
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void onSendFailed(int error);
   void queueLocked(remote::Bytes& frame);
+  void setOutputLocked(std::size_t bytes);
   int writeLocked();
 
   const LinkOptions options_;
@@ -86,6 +89,7 @@ class HX_API SocketChannel final : public remote::Channel,
   // For the thread that has the turn.
   remote::FrameSplitter splitter_;
   ReceiveBuffer buffer_;
+  remote::Budget::Share unfinished_;  // what is in it; the sink keeps the limit
   bool answersFast_ = true;
 
   std::mutex watchMutex_;     // Guards `number_`, and makes what is watched agree with `turn_` and `hasOutput_`.
@@ -101,8 +105,9 @@ class HX_API SocketChannel final : public remote::Channel,
   std::deque<remote::Bytes> output_;  // messages, short ones together
   remote::Bytes spare_;               // memory for short ones
   std::size_t outputBytes_ = 0;
-  std::size_t sent_ = 0;  // of the first of them
-  bool refused_ = false;  // the peer takes nothing more
+  remote::Budget::Share unread_;  // as many
+  std::size_t sent_ = 0;          // of the first of them
+  bool refused_ = false;          // the peer takes nothing more
 };
 
 }  // namespace mw::local

@@ -47,7 +47,13 @@ std::uint64_t nextNumber() {
 }  // namespace
 
 Link::Link(std::shared_ptr<Channel> channel, Domain domain, const LinkOptions& options)
-    : number_(nextNumber()), channel_(std::move(channel)), domain_(domain), options_(options) {}
+    : number_(nextNumber()),
+      channel_(std::move(channel)),
+      domain_(domain),
+      options_(options),
+      waiting_(Budget::input(), options.inputOfAll) {
+  waiting_.join(channel_->peer(), channel_);
+}
 
 Link::~Link() {
   Links::instance().remove(number_);

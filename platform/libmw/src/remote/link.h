@@ -1,5 +1,6 @@
 #pragma once
 
+#include "budget.h"
 #include "callstop.h"
 #include "chain.h"
 #include "channel.h"
@@ -61,11 +62,13 @@ struct Incoming {
   /// Gives back what it holds once it has been answered, for it may stay a while in its queue.
   void clear() {
     arguments.clear();
+    unread = {};
     object.reset();
   }
 
   std::optional<std::uint32_t> id;  ///< Of the request; none when no answer is wanted.
   std::size_t size = 0;             ///< Of the message, in bytes.
+  std::size_t memory = 0;           ///< That it takes until it is begun, in bytes.
   Chain chain;                      ///< Without a caller when the peer states none.
   std::string target;
   /// What is called: held from its arrival, because what gives it back, or the end of the link, may be right behind.
@@ -182,13 +185,16 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   class Thread;
   std::string limitOfLink() const;
   void refuse(const std::shared_ptr<Incoming>& call, const std::string& limit);
+  void fail(const std::shared_ptr<Incoming>& call, std::string_view reason);
   Work giveUp(Reader& in);
   void relay(const StrandKey& key, const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result);
   void continueStrand(const StrandKey& key, const Incoming& after);
   void serveNested(const std::shared_ptr<Incoming>& call);
   void endWaits();
   void reportWaits();
-  void countWaiting(std::size_t size);
+  void countWaiting(std::size_t size, std::size_t memory);
+  void countBegun(std::size_t size, std::size_t memory);
+  void drop(Incoming& call);
   Work schedule(const StrandKey& key, std::shared_ptr<Incoming> call);
   void onEmission(Reader& in, const Frame& frame, std::vector<Work>& works);
   void queueEmissions(std::vector<Work>& works);
@@ -222,6 +228,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   std::atomic<std::size_t> unawaited_{0};     // calls of chains that run although no thread waits in the chain
   std::atomic<std::size_t> running_{0};       // calls that have a thread
   std::atomic<std::size_t> waitingBytes_{0};  // of calls that have come and are not begun
+  Budget::Share waiting_;                     // the memory that they take
 
   /// For the thread that reads the channel: emissions to one subscription, that came one after another.
   struct Arrived {

@@ -99,6 +99,7 @@ void Link::onFrame(const Frame& frame, std::vector<Work>& works) {
 void Link::onPause(std::vector<Work>& works) {
   const mw::detail::NoForeignCode scope;
   queueEmissions(works);
+  waiting_.keepLimit();  // Also of what is not whole.
 }
 
 AnyValue Link::readValue(Reader& in) {
@@ -188,6 +189,7 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   auto call = std::make_shared<Incoming>();
   call->id = id;
   call->size = frame.bytes.size();
+  call->memory = call->size + sizeof(Incoming) + (lasts(frame) ? 0 : frame.values * sizeof(HX::HXValue));
   call->target = target;
   const std::uint32_t count = beginArguments(in, call->chain);
   call->object = targetAtArrival(call->target);
@@ -200,7 +202,7 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   if (!id && target == kRefused) throw ProtocolError(refusalIn(call->arguments));  // The end is right behind it.
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
-    countWaiting(call->size);
+    countWaiting(call->size, call->memory);
     Work work = [self = shared_from_this(), call] { self->serveNested(call); };
     if (runInChain(caller, domain_, work)) return {};
     return [self = shared_from_this(), call, work = std::move(work)] {
@@ -225,21 +227,36 @@ std::string Link::limitOfLink() const {
 }
 
 void Link::refuse(const std::shared_ptr<Incoming>& call, const std::string& limit) {
-  waitingBytes_ -= call->size;
-  answer(call,
-         Future<AnyValue>::failed(
-             std::make_exception_ptr(std::runtime_error(fmt::format("{}: {}", shorten(call->target), limit)))),
-         Sending::Now);
+  countBegun(call->size, call->memory);
+  fail(call, limit);
 }
 
-void Link::countWaiting(std::size_t size) {
+void Link::fail(const std::shared_ptr<Incoming>& call, std::string_view reason) {
+  const std::runtime_error error(fmt::format("{}: {}", shorten(call->target), reason));
+  answer(call, Future<AnyValue>::failed(std::make_exception_ptr(error)), Sending::Now);
+}
+
+void Link::countWaiting(std::size_t size, std::size_t memory) {
+  waiting_.add(memory);
   if (waitingBytes_.fetch_add(size) > options_.inputLimit) {
     throw ProtocolError(fmt::format("it calls faster than it is served: more than {} bytes wait", options_.inputLimit));
   }
 }
 
+void Link::countBegun(std::size_t size, std::size_t memory) {
+  waitingBytes_ -= size;
+  waiting_.remove(memory);
+}
+
+/// It does not run, unless it does already. Those before it may keep it in its queue for long.
+void Link::drop(Incoming& call) {
+  if (!call.change(Incoming::State::Waits, Incoming::State::Dropped)) return;
+  countBegun(call.size, call.memory);
+  call.clear();
+}
+
 Work Link::schedule(const StrandKey& key, std::shared_ptr<Incoming> call) {
-  countWaiting(call->size);
+  countWaiting(call->size, call->memory);
   using Entry = Strands<StrandKey, Incoming>::Entry;
   switch (strands_.enter(key, call, options_.callLimit)) {
     case Entry::Begins:
@@ -259,8 +276,12 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
   OutputBatch batch;
   bool wereMore = false;
   for (auto call = std::move(first); call; call = strands_.next(key, call.get())) {
-    if (!thread || !call->change(State::Waits, State::Runs)) {
-      refuse(call, thread ? "the call was given up" : Thread::limit());
+    if (!call->change(State::Waits, State::Runs)) {
+      if (call->id) fail(call, "the call was given up");
+      continue;
+    }
+    if (!thread) {
+      refuse(call, Thread::limit());
       call->clear();
       continue;
     }
@@ -332,7 +353,8 @@ Work Link::giveUp(Reader& in) {
   });
   if (given) {
     given->stop.request();
-    if (given->change(State::Waits, State::Dropped) || !given->change(State::Runs, State::Abandoned)) return {};
+    drop(*given);
+    if (!given->change(State::Runs, State::Abandoned)) return {};
     return [self = shared_from_this(), strand, given] {
       if (auto following = self->strands_.next(strand, given.get())) self->runStrand(strand, std::move(following));
     };
@@ -366,7 +388,8 @@ void Link::reportWaits() {
   for (const auto& text : texts) log::warning(kCategory, "call", text);
 }
 
-/// The peer has gone: what runs for it need not wait for anything. What has come is done all the same.
+/// The peer has gone: what runs for it need not wait for anything. What has come is done all the same, unless it is so
+/// much that the peer had to go for it.
 void Link::endWaits() {
   std::vector<std::shared_ptr<Incoming>> all;
   strands_.forEach([&](const StrandKey&, const std::shared_ptr<Incoming>& call) { all.push_back(call); });
@@ -374,8 +397,10 @@ void Link::endWaits() {
     const std::lock_guard lock(mutex_);
     all.insert(all.end(), nested_.begin(), nested_.end());
   }
+  const bool isTooMuch = waiting_.isOver() || waitingBytes_ > options_.inputLimit;
   for (const auto& call : all) {
     if (call->id && call->state != Incoming::State::Ended) call->stop.request();
+    if (isTooMuch) drop(*call);
   }
 }
 
@@ -414,7 +439,7 @@ void Link::readRest(Incoming& call) {
 }
 
 Future<AnyValue> Link::execute(Incoming& call) {
-  waitingBytes_ -= call.size;
+  countBegun(call.size, call.memory);
   CallStop* const stop = call.id ? &call.stop : nullptr;
   try {
     if (!call.refusal.empty()) throw std::runtime_error(fmt::format("{}: {}", shorten(call.target), call.refusal));

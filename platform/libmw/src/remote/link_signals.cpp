@@ -130,7 +130,7 @@ void Link::queueEmissions(std::vector<Work>& works) {
     const std::lock_guard lock(mutex_);
     const auto found = subscriptions_.find(arrived_.link);
     if (found != subscriptions_.end()) {  // It may be disconnected meanwhile.
-      countWaiting(size);
+      countWaiting(size, size + emissions.size() * sizeof(Emission));
       if (found->second->waiting.add(emissions)) idle = found->second;
     }
   }
@@ -163,7 +163,8 @@ void Link::deliver(SignalLink link, Subscription& subscription) {
 
 void Link::release(Emission& emission) {
   if (emission.size == 0) return;
-  waitingBytes_ -= std::exchange(emission.size, 0);
+  countBegun(emission.size, emission.size + sizeof(Emission));
+  emission.size = 0;
   emission.arguments.clear();
 }
 

@@ -324,6 +324,55 @@ TEST_F(WithLowLimits, APeerThatCallsFasterThanItIsServedIsEnded) {
   leave.set_value();
 }
 
+/// How two peers hold three megabytes each, where there is room for four.
+struct Hoard {
+  const char* name;
+  std::string request;
+  int times;
+  const char* reason;
+};
+
+class Hoards : public HostilePeers, public testing::WithParamInterface<Hoard> {
+ protected:
+  Hoards() : HostilePeers({.inputOfAll = 4 << 20, .outputOfAll = 4 << 20}) {}
+};
+
+TEST_P(Hoards, OfAllConnectionsCostTheLargestAndNoOther) {
+  std::promise<void> leave;
+  std::atomic<int> taken{0};
+  broker.registerService("Slow", makeService("Slow")
+                                     ->method("take",
+                                              [&taken, left = leave.get_future().share()](const HXValue&) {
+                                                ++taken;
+                                                left.wait();
+                                              })
+                                     .build());
+  const RawPeer one(socket());
+  const RawPeer other(socket());
+  for (const RawPeer* peer : {&one, &other}) {
+    for (int i = 0; i < GetParam().times; ++i) peer->send(GetParam().request);
+  }
+  waitForLog(GetParam().reason);
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(echo->call<std::string>("echo", std::string(300'000, 'x')).size(), 300'000U);
+  while (server->connectionCount() > 2) std::this_thread::yield();
+  EXPECT_EQ(server->connectionCount(), 2U);
+  leave.set_value();
+  if (taken == 0) return;
+  // What the one has sent that stays is done; of the other no more than was begun.
+  while (taken < GetParam().times + 1) std::this_thread::yield();
+  expectOthersAreServed();
+  EXPECT_EQ(taken, GetParam().times + 1);
+}
+
+const Hoard kHoards[] = {
+    {"Unfinished", bytes({0x94, 0, 7, 0xc6, 3, 0, 0, 0}) + std::string(3 << 20, 'x'), 1,
+     "what has come and is not handled yet"},
+    {"NotBegun", request("Slow.take", {std::string(60000, 'x')}), 50, "what has come and is not handled yet"},
+    {"Unread", request("Echo.much", {}), 55, "what waits to be read"},
+};
+INSTANTIATE_TEST_SUITE_P(HostilePeers, Hoards, testing::ValuesIn(kHoards),
+                         [](const auto& row) { return std::string(row.param.name); });
+
 class ManyCallers : public HostilePeers, public testing::WithParamInterface<int> {};
 
 TEST_P(ManyCallers, OfOnePeerDoNotTakeAllThreads) {
