@@ -35,6 +35,10 @@ std::string checkLevel(const std::string& name) {
   return fmt::format("no level {}; there is {}", excerpt(name), fmt::join(levelNames(), ", "));
 }
 
+std::string checkJournal(const std::string& word) {
+  return word == "keep" ? std::string() : fmt::format("what is {}? There is keep", excerpt(word));
+}
+
 mw::LogLevel levelOf(const std::string& name) {
   const auto names = levelNames();
   return static_cast<mw::LogLevel>(std::ranges::find(names, name) - names.begin());
@@ -82,6 +86,16 @@ Verb runVerb() {
     addModules(app, *options);
     auto* noMemory = app.add_flag_callback(
         "--no-memory", [options] { options->memory = false; }, "Do not load the memory");
+    auto* noJournal = app.add_flag_callback(
+        "--no-journal", [options] { options->journal = false; },
+        "Do not offer the memory's changes to other processes");
+    app.add_option_function<std::string>(
+           "--journal", [options](const std::string& /*keep*/) { options->keep = true; },
+           "Record changes always, so that who comes back can go on after any time: keep")
+        ->check(CLI::Validator(checkJournal, ""))
+        ->type_name("keep")
+        ->excludes(noMemory)
+        ->excludes(noJournal);
     auto* console = app.add_flag("--console", options->console, "Execute commands from standard input until it ends");
     app.add_flag("--live", options->live, "Show the memory as it changes; needs it, and not with --console")
         ->excludes(console)
@@ -99,6 +113,9 @@ Verb runVerb() {
       "A module library is a path with a slash in it, or a name: lib<name>.so is looked for in the folders of\n"
       "KORVO_MODULE_PATH and in the installed ones. One that cannot be loaded is reported, and the others are loaded;\n"
       "with --strict nothing runs then, and the exit status is 1. Without its memory the broker ends.\n"
+      "\n"
+      "Beside the memory it loads the module journal, through which other processes follow the changes of the\n"
+      "memory: korvo methods HXJournal.\n"
       "\n"
       "Other processes of this user reach the broker under its name once its modules are loaded; there is one of a\n"
       "name at a time. Its service \"Broker\" loads modules, lists them and ends the broker: korvo methods Broker.\n"

@@ -12,6 +12,7 @@
 #include "target.h"
 #include "watches.h"
 
+#include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
 #include <libmw/local.h>
 #include <libmw/path.h>
@@ -160,11 +161,17 @@ void host(HX::HXBroker& broker, PublicBroker& access, const RunOptions& options,
   broker.shutdown();
 }
 
+void keepJournal(const HX::HXBroker& broker) {
+  if (const auto journal = HX::ownJournal(broker)) journal->keep(true);
+}
+
 /// Loads what was asked for. @return False when the broker is of no use.
 bool load(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
   std::vector<std::string> libraries = options.modules;
+  if (options.memory && options.journal) libraries.insert(libraries.begin(), "journal");
   if (options.memory) libraries.insert(libraries.begin(), "hxmemory");
   if (!loadModules(broker, libraries, options.strict, output, ending)) return false;
+  if (options.keep) keepJournal(broker);
   if (!options.memory || ending.isAsked() || std::ranges::count(broker.modules(), "HXMemory") > 0) return true;
   output.error("the broker has no memory of its own; --no-memory goes without");
   return false;

@@ -79,7 +79,7 @@ TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
       {{"micro-events"}, "KorvoReady\n"},
       {{"subscribers", "Door"}, ""},
       {{"map", "Greeter", "nothing", "Nothing"}},
-      {{"services"}, "HXMemory\nGreeter\nSleeper\nBroker\n"},
+      {{"services"}, "HXMemory\nHXJournal\nGreeter\nSleeper\nBroker\n"},
       {{"methods", "Greeter"}, StartsWith("greet(string whom) -> string\n")},
       {{"call", "Greeter", "greet", "\"you\""}, "\"Hello, you\"\n"},
       {{"call", "Greeter", "greet", "\"you\"", "--json"}, "{\"result\":\"Hello, you\"}\n"},

@@ -48,7 +48,8 @@ TEST(Live, PrintsSnapshotsWhereThereIsNoTerminal) {
 TEST(Modules, AreLoadedInOrderAndLeaveInReverse) {
   const auto result = korvo({"--module", module("greeter"), "--module", module("sleeper"), "--console"},
                             "services\ncall Greeter greet \"you\"\n");
-  EXPECT_EQ(result.out, "HXMemory\nGreeter\nSleeper\nBroker\n\"Hello, you\"\nSleeper leaves\nGreeter leaves\n");
+  EXPECT_EQ(result.out,
+            "HXMemory\nHXJournal\nGreeter\nSleeper\nBroker\n\"Hello, you\"\nSleeper leaves\nGreeter leaves\n");
   EXPECT_EQ(result.err, "");
 }
 
@@ -57,7 +58,7 @@ TEST(BrokenModules, AreOneLineAndTheOthersRun) {
                                                            {module("throwsininit"), "ThrowsInInit.init: no motor"}};
   for (const auto& [library, why] : libraries) {
     const auto result = korvo({"--module", library, "--module", module("greeter"), "--console"}, "services\n");
-    EXPECT_THAT(result.out, StartsWith("HXMemory\nGreeter\n"));
+    EXPECT_THAT(result.out, StartsWith("HXMemory\nHXJournal\nGreeter\n"));
     EXPECT_EQ(result.err, "error: module library " + library + ": " + why + "\n");
     EXPECT_EQ(result.status, 0);
   }

@@ -20,7 +20,8 @@ class HXBroker;
 /// Follows the changes.
 /// @param broker    Whose memory; kept for as long as the follower lives.
 /// @param filter    Which of the changes.
-/// @param onChange  Runs on the event loop, one at a time, with no lock held; may write what it follows, and may end the
+/// @param onChange  Runs on the event loop, one at a time, with no lock held; may write what it follows, and may end
+/// the
 ///                  follower.
 /// @param options   Where to begin, how often, how soon; further callbacks, which run like this one.
 /// @return Follows as long as it lives.

@@ -52,8 +52,8 @@ TEST_F(ModuleFeed, IsThereForProgramsThatAreNoModule) {
   journal::FollowOptions options;
   options.snapshot = false;
   const auto followed = follow(
-      broker, journal::Filter({"Arm/"}), [&](const journal::Change& change) { told.set_value(std::string(change.key)); },
-      options);
+      broker, journal::Filter({"Arm/"}),
+      [&](const journal::Change& change) { told.set_value(std::string(change.key)); }, options);
   memory->insertData("Arm/Speed", 3);
   EXPECT_EQ(told.get_future().get(), "Arm/Speed");
   EXPECT_EQ(retainedChanges(broker).latest, journal->position());

@@ -1,0 +1,4 @@
+#include "hxjournal.h"
+
+using HX::HXJournal;
+HX_MODULE(HXJournal)

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <hxcommon/hxmodule.h>
+#include <hxjournal/journal.h>
+#include <hxvalue/hxvalue.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace HX {
+
+/// Offers the memory's journal to other processes, and what is known of the memory beside it.
+///
+/// It is loaded into the memory's process, and finds it there through the broker.
+///
+/// @par Threads  All methods are safe from any thread.
+class HXJournal : public HXModule {
+ public:
+  HXJournal(const std::shared_ptr<HXBroker>& broker, const std::string& name);
+
+  /// What one can go back to: {"epoch", "from", "latest", "since", "recording"}.
+  HXValue retained();
+  /// The place at a time, in microseconds since the epoch: [epoch, revision].
+  HXValue at(std::int64_t time);
+
+ private:
+  void bindFeed();
+  /// @throws std::runtime_error when the memory is of another process, or has gone.
+  std::shared_ptr<journal::Journal> requireJournal() const;
+};
+
+}  // namespace HX
