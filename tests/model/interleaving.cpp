@@ -113,8 +113,8 @@ Step withItem(const std::string& key, const char* method, bool locked, Use actio
 
 /// The steps of a call, the first one last.
 std::vector<Step> stepsOf(const Call& call) {
-  const std::string key = call.text('k');
-  const std::string module = call.text('s');
+  const std::string& key = call.text('k');
+  const std::string& module = call.text('s');
   const HXValue& data = call.argument('v');
   const std::string_view name = call.name();
   if (name == "insertData") return {write(key, data, STMValue::Data, false)};
