@@ -18,7 +18,8 @@ HXValue numberOf(std::uint64_t number) { return static_cast<std::int64_t>(number
 }  // namespace
 
 HXJournal::HXJournal(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
-  setModuleDescription("HXJournal tells of every change of the memory, in order, to processes other than the memory's.");
+  setModuleDescription(
+      "HXJournal tells of every change of the memory, in order, to processes other than the memory's.");
   bindFeed();
 }
 

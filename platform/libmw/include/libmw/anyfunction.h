@@ -40,6 +40,7 @@ class HX_API AnyFunction {
  public:
   using DynamicFunction = std::function<AnyReference(const std::vector<AnyReference>&)>;
   using ParametersFunction = std::function<void(GenericFunctionParameters)>;
+  using TypedFunction = std::function<AnyValue(GenericFunctionParameters)>;
 
   AnyFunction() = default;
 
@@ -60,6 +61,14 @@ class HX_API AnyFunction {
 
   /// The same for a function without a result, which is given the arguments where they lie: nothing is allocated.
   static AnyFunction fromParametersFunction(ParametersFunction function);
+
+  /// From a function whose types are known at run time only, those of another language for instance.
+  /// @param parameterTypes  Of `typeOf` or `typeNamed`. A call has as many arguments, and `function` gets each as what
+  ///                        it says.
+  /// @param returnType      Likewise: what `function` returns is converted into it, and dropped for `void`.
+  /// @param function        Gets its arguments by references that are good during the call.
+  static AnyFunction fromTypes(std::vector<const TypeInterface*> parameterTypes, const TypeInterface* returnType,
+                               TypedFunction function);
 
   explicit operator bool() const { return function_ != nullptr; }
 

@@ -5,6 +5,7 @@
 #include <libmw/signal.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -85,6 +86,13 @@ class HX_API GenericObject : public std::enable_shared_from_this<GenericObject> 
   /// `metaCall` for a thread that waits for the result at once: from another process it is read by the thread itself.
   /// @throws As `call`.
   AnyValue callNow(unsigned method, GenericFunctionParameters parameters);
+
+  /// The same for a thread that looks after something else now and then.
+  /// @param method      Its id.
+  /// @param parameters  The arguments; not kept.
+  /// @param limit       How long to wait.
+  /// @return Still running where that was too short: to be waited for again, or cancelled.
+  Future<AnyValue> callFor(unsigned method, GenericFunctionParameters parameters, std::chrono::milliseconds limit);
 
   /// Connects to a signal. @see metaConnect
   /// @throws std::runtime_error naming the signal when there is none.

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
@@ -115,6 +116,12 @@ const TypeInterface* typeOf() {
   static const TypeInterface* const type = detail::makeType<std::remove_cv_t<T>>();
   return type;
 }
+
+/// The type that signatures show under a name: "list<double>".
+/// @param name  As `TypeInterface::name`.
+/// @return Null where no type that methods of modules use has that name: types of your own are not found so.
+/// @par Threads  Any.
+HX_API const TypeInterface* typeNamed(std::string_view name);
 
 namespace detail {
 

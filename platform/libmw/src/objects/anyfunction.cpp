@@ -45,6 +45,44 @@ class OfParameters final : public FunctionBase {
   AnyFunction::ParametersFunction function_;
 };
 
+class OfTypes final : public FunctionBase {
+ public:
+  OfTypes(std::vector<const TypeInterface*> parameterTypes, const TypeInterface* returnType,
+          AnyFunction::TypedFunction function)
+      : parameterTypes_(std::move(parameterTypes)), returnType_(returnType), function_(std::move(function)) {}
+
+  AnyValue invoke(void*, GenericFunctionParameters parameters) const override {
+    if (parameters.size() != parameterTypes_.size()) throwWrongCount(parameters.size(), parameterTypes_.size());
+    std::vector<AnyValue> converted(parameters.size());  // What the references of converted arguments refer to.
+    std::vector<AnyReference> arguments;
+    arguments.reserve(parameters.size());
+    for (std::size_t i = 0; i < parameters.size(); ++i) {
+      const AnyReference given = parameters[i].content();
+      if (given.type() == parameterTypes_[i]) {
+        arguments.push_back(given);
+        continue;
+      }
+      converted[i] = given.convert(parameterTypes_[i]);
+      if (!converted[i]) throwWrongArgument(i, given, parameterTypes_[i]);
+      arguments.push_back(converted[i].reference());
+    }
+    return asResult(function_(arguments));
+  }
+
+ private:
+  AnyValue asResult(AnyValue given) const {
+    if (returnType_->kind == TypeKind::Void) return {};
+    if (given.type() == returnType_ || returnType_->kind == TypeKind::Dynamic) return given;
+    AnyValue result = given.reference().convert(returnType_);
+    if (!result) throw ConversionError(given.reference().content(), returnType_, "result");
+    return result;
+  }
+
+  const std::vector<const TypeInterface*> parameterTypes_;
+  const TypeInterface* const returnType_;
+  const AnyFunction::TypedFunction function_;
+};
+
 }  // namespace
 }  // namespace detail
 
@@ -62,6 +100,15 @@ AnyFunction AnyFunction::fromDynamicFunction(DynamicFunction function) {
 
 AnyFunction AnyFunction::fromParametersFunction(ParametersFunction function) {
   return dynamic(std::make_shared<detail::OfParameters>(std::move(function)), typeOf<void>());
+}
+
+AnyFunction AnyFunction::fromTypes(std::vector<const TypeInterface*> parameterTypes, const TypeInterface* returnType,
+                                   TypedFunction function) {
+  AnyFunction made;
+  made.function_ = std::make_shared<detail::OfTypes>(parameterTypes, returnType, std::move(function));
+  made.parameterTypes_ = std::move(parameterTypes);
+  made.returnType_ = returnType;
+  return made;
 }
 
 Fit AnyFunction::fit(GenericFunctionParameters parameters) const {

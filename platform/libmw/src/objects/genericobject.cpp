@@ -39,9 +39,20 @@ void GenericObject::standFor(const GenericObject& object) {
 void GenericObject::setMetaObject(MetaObject metaObject) { metaObject_ = std::move(metaObject); }
 
 AnyValue GenericObject::callNow(unsigned method, GenericFunctionParameters parameters) {
-  if (!isRemote()) return metaCall(method, parameters).take();
+  return callFor(method, parameters, kInfiniteTimeout).take();
+}
+
+Future<AnyValue> GenericObject::callFor(unsigned method, GenericFunctionParameters parameters,
+                                        std::chrono::milliseconds limit) {
+  if (!isRemote()) {
+    auto answer = metaCall(method, parameters);
+    answer.wait(limit);
+    return answer;
+  }
   const detail::AboutToWait scope;
-  return metaCall(method, parameters).take();
+  auto answer = metaCall(method, parameters);
+  answer.wait(limit);
+  return answer;
 }
 
 Future<SignalLink> GenericObject::connect(std::string_view signal, const SignalSubscriber& subscriber) {

@@ -1,14 +1,18 @@
 #include <libmw/genericobject.h>
 #include <libmw/type.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <limits>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <type_traits>
 #include <typeindex>
 #include <unordered_map>
+#include <vector>
 
 namespace mw::detail {
 namespace {
@@ -52,3 +56,42 @@ const TypeInterface* registeredType(const TypeInterface& candidate) {
 }
 
 }  // namespace mw::detail
+
+namespace mw {
+
+const TypeInterface* typeNamed(std::string_view name) {
+  using HX::HXValue;
+  static const std::array known{typeOf<void>(),
+                                typeOf<bool>(),
+                                typeOf<int>(),
+                                typeOf<std::int64_t>(),
+                                typeOf<std::int8_t>(),
+                                typeOf<std::uint8_t>(),
+                                typeOf<std::int16_t>(),
+                                typeOf<std::uint16_t>(),
+                                typeOf<std::uint32_t>(),
+                                typeOf<std::uint64_t>(),
+                                typeOf<float>(),
+                                typeOf<double>(),
+                                typeOf<std::string>(),
+                                typeOf<HXValue::Binary>(),
+                                typeOf<HXValue>(),
+                                typeOf<AnyValue>(),
+                                typeOf<AnyObject>(),
+                                typeOf<std::vector<bool>>(),
+                                typeOf<std::vector<int>>(),
+                                typeOf<std::vector<std::int64_t>>(),
+                                typeOf<std::vector<float>>(),
+                                typeOf<std::vector<double>>(),
+                                typeOf<std::vector<std::string>>(),
+                                typeOf<std::vector<HXValue>>(),
+                                typeOf<std::map<std::string, bool>>(),
+                                typeOf<std::map<std::string, std::int64_t>>(),
+                                typeOf<std::map<std::string, double>>(),
+                                typeOf<std::map<std::string, std::string>>(),
+                                typeOf<std::map<std::string, HXValue>>()};
+  const auto found = std::ranges::find_if(known, [&](const TypeInterface* type) { return type->name == name; });
+  return found == known.end() ? nullptr : *found;
+}
+
+}  // namespace mw

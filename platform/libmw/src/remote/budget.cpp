@@ -48,8 +48,7 @@ Budget::Share* Budget::largestLocked() const {
   for (const Share* share : shares_) {
     if (share->counts_) peers[share->peer_] += share->steps_;
   }
-  const auto most =
-      std::ranges::max_element(peers, {}, [](const auto& peer) { return peer.second; });
+  const auto most = std::ranges::max_element(peers, {}, [](const auto& peer) { return peer.second; });
   Share* largest = nullptr;
   for (Share* share : shares_) {
     if (!share->counts_ || share->peer_ != most->first) continue;
@@ -72,7 +71,8 @@ void Budget::relieve(std::size_t limit) {
       channel = share->channel_.lock();
     }
     if (!channel) continue;  // It is ending.
-    channel->end(fmt::format("it holds the most of {}, which is more than {} bytes of all connections together", what_, limit));
+    channel->end(
+        fmt::format("it holds the most of {}, which is more than {} bytes of all connections together", what_, limit));
   }
 }
 

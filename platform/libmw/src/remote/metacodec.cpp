@@ -7,7 +7,6 @@
 #include <libmw/remoteerror.h>
 
 #include <algorithm>
-#include <array>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -64,34 +63,9 @@ const TypeInterface* foreignType(const std::string& name, TypeKind kind) {
   return record.get();
 }
 
-const TypeInterface* typeNamed(const std::string& name, TypeKind kind) {
-  static const std::array known{typeOf<void>(),
-                                typeOf<bool>(),
-                                typeOf<int>(),
-                                typeOf<std::int64_t>(),
-                                typeOf<std::int8_t>(),
-                                typeOf<std::uint8_t>(),
-                                typeOf<std::int16_t>(),
-                                typeOf<std::uint16_t>(),
-                                typeOf<std::uint32_t>(),
-                                typeOf<std::uint64_t>(),
-                                typeOf<float>(),
-                                typeOf<double>(),
-                                typeOf<std::string>(),
-                                typeOf<HXValue::Binary>(),
-                                typeOf<HXValue>(),
-                                typeOf<AnyValue>(),
-                                typeOf<AnyObject>(),
-                                typeOf<std::vector<bool>>(),
-                                typeOf<std::vector<int>>(),
-                                typeOf<std::vector<float>>(),
-                                typeOf<std::vector<double>>(),
-                                typeOf<std::vector<std::string>>(),
-                                typeOf<std::vector<HXValue>>(),
-                                typeOf<std::map<std::string, std::string>>(),
-                                typeOf<std::map<std::string, HXValue>>()};
-  const auto found = std::ranges::find_if(known, [&](const TypeInterface* type) { return type->name == name; });
-  return found != known.end() && (*found)->kind == kind ? *found : foreignType(name, kind);
+const TypeInterface* typeOrForeign(const std::string& name, TypeKind kind) {
+  const TypeInterface* const known = typeNamed(name);
+  return known && known->kind == kind ? known : foreignType(name, kind);
 }
 
 HXValue typeValue(const TypeInterface* type) {
@@ -135,7 +109,7 @@ const TypeInterface* typeFrom(const HXValue& value) {
   if (!value.isValid()) return typeOf<void>();
   const int kind = numberOf(part(value, 1));
   if (kind < 0 || kind > static_cast<int>(TypeKind::Opaque)) throw ProtocolError("an unknown kind of type");
-  return typeNamed(textOf(part(value, 0)), static_cast<TypeKind>(kind));
+  return typeOrForeign(textOf(part(value, 0)), static_cast<TypeKind>(kind));
 }
 
 void requireUniqueIds(const MetaObject::Members& members) {

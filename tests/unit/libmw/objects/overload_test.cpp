@@ -3,9 +3,11 @@
 
 #include <libmw/dynamicobject.h>
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -133,6 +135,41 @@ TEST(Overloads, DynamicFunctionsTakeWhatNobodyElseWants) {
   EXPECT_EQ(object->call<int>("count", 1), -1);
   EXPECT_EQ(object->call<int>("count", 1, "two", 3.0), 3);
   EXPECT_EQ(object->metaObject().methods().front().signature(), "count(...)");
+}
+
+TEST(AnyFunctions, OfTypesKnownAtRunTimeAreStrictWithArgumentsAndResult) {
+  const auto named = [](const char* name) {
+    const auto* type = mw::typeNamed(name);
+    EXPECT_TRUE(type) << name;
+    return type;
+  };
+  EXPECT_EQ(mw::typeNamed("list<Door>"), nullptr);
+  HXValue result(1);  // An int, which an int64 takes and a string does not.
+  const auto make = [&](const char* returned) {
+    return AnyFunction::fromTypes({named("list<double>"), named("int64"), named("dynamic")}, named(returned),
+                                  [&](mw::GenericFunctionParameters given) {
+                                    EXPECT_EQ(given[0].getIf<std::vector<double>>()->size(), 2U);
+                                    EXPECT_EQ(*given[1].getIf<std::int64_t>(), 7);
+                                    EXPECT_EQ(*given[2].getIf<std::string>(), "as it is");
+                                    return AnyValue(result);
+                                  });
+  };
+  const HXValue list = HXValue::list({1, 2.5});
+  const std::string text = "as it is";
+  const int seven = 7;
+  const std::array given{AnyReference::of(list), AnyReference::of(seven), AnyReference::of(text)};
+  EXPECT_EQ(*make("int64").call(given).getIf<std::int64_t>(), 1);
+  EXPECT_EQ(*make("value").call(given).getIf<HXValue>(), HXValue(1));
+  EXPECT_FALSE(make("void").call(given));
+  EXPECT_THAT(errorOf([&] { make("string").call(given); }), AllOf(HasSubstr("result"), HasSubstr("string")));
+  EXPECT_THAT(errorOf([&] { make("void").call(std::span(given).first(2)); }), HasSubstr("2 given, 3 wanted"));
+  const std::array wrong{AnyReference::of(list), AnyReference::of(text), AnyReference::of(text)};
+  EXPECT_THAT(errorOf([&] { make("void").call(wrong); }), AllOf(HasSubstr("argument 2"), HasSubstr("int64")));
+
+  mw::ObjectBuilder builder;
+  builder.advertiseMethod(mw::MetaMethodBuilder("of", "", ""), make("void"));
+  const auto object = std::make_shared<mw::DynamicObject>(builder.build(), nullptr);
+  EXPECT_EQ(object->metaObject().methods().front().signature(), "of(list<double>, int64, dynamic)");
 }
 
 TEST(AnyFunctions, HandAStringInAVariantOnWithoutACopy) {
