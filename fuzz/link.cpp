@@ -53,7 +53,7 @@ void drain(kit::MemoryChannel& channel) {
 }
 
 void feed(kit::MemoryChannel& channel, std::span<const std::byte> bytes, const mw::LinkOptions& options) {
-  mw::remote::FrameSplitter splitter(options.frameLimit, options.depthLimit);
+  mw::remote::FrameSplitter splitter(options.frameLimit, options.depthLimit, options.valueLimit);
   while (!bytes.empty() && !channel.isEnded()) {
     std::size_t size = 0;
     try {

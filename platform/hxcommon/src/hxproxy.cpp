@@ -1,6 +1,11 @@
 #include <hxcommon/hxproxy.h>
+#include <libmw/log.h>
+#include <libmw/remoteerror.h>
+#include <libmw/text.h>
 
 #include <array>
+
+#include <fmt/format.h>
 
 namespace HX {
 
@@ -10,6 +15,16 @@ HXProxy::HXProxy(mw::AnyObject service, std::string moduleName)
 void HXProxy::pCallNotify(const std::string& method, const std::string& key, const HXValue& value,
                           const HXValue& message, CallState* state) const {
   const std::array parameters{mw::AnyReference::of(key), mw::AnyReference::of(value), mw::AnyReference::of(message)};
+  try {
+    notify(method, parameters, state);
+  } catch (const mw::TooLargeError& error) {
+    if (!object_->isRemote()) throw;  // Of a call that the subscriber made.
+    mw::log::warning("hxcommon.proxy", "pCallNotify",
+                     fmt::format("{} is not told the value of {}: {}", moduleName_, mw::shorten(key), error.what()));
+  }
+}
+
+void HXProxy::notify(const std::string& method, mw::GenericFunctionParameters parameters, CallState* state) const {
   mw::GenericObject& object = object_.get();
   const mw::MetaObject& offered = object.metaObject();
   if (state->first == 0 || state->second != offered.uid()) {

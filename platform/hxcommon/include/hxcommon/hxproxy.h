@@ -47,6 +47,10 @@ class HX_API HXProxy {
 
   /// Calls a subscriber's callback with (key, value, message).
   ///
+  /// What fits no message to a subscriber in another process is not told it, which a warning says that names the key
+  /// and the size; it is no failure, for the subscriber can be told the next value. Whatever came from another process
+  /// fits.
+  ///
   /// @param method   Of the module behind this proxy.
   /// @param key      The event's name.
   /// @param value    What it was raised with.
@@ -58,6 +62,8 @@ class HX_API HXProxy {
                    CallState* state) const;
 
  private:
+  void notify(const std::string& method, mw::GenericFunctionParameters parameters, CallState* state) const;
+
   mw::AnyObject object_;
   std::string moduleName_;
 };

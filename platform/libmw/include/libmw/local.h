@@ -27,6 +27,8 @@ struct LinkOptions {
   std::chrono::milliseconds heartbeat{1000};
   /// Bytes of one message.
   std::size_t frameLimit = std::size_t{64} << 20;
+  /// Values in one message, lists and what is in them: a byte on the wire can be a value of sixty-four bytes here.
+  std::size_t valueLimit = std::size_t{4} << 20;
   /// Lists and maps inside one another, the message's own list included.
   std::size_t depthLimit = 256;
   /// Bytes that wait because the peer does not read.

@@ -45,6 +45,16 @@ class HX_API NoSuchServiceError : public std::runtime_error {
   ~NoSuchServiceError() override;
 };
 
+/// A call, or its answer, fits no message: `LinkOptions` has the limits. What it is about did not leave; the connection
+/// goes on.
+class HX_API TooLargeError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+  TooLargeError(const TooLargeError&) = default;
+  TooLargeError& operator=(const TooLargeError&) = default;
+  ~TooLargeError() override;
+};
+
 /// The object has no method of that name, or none that takes those arguments. Thrown in the same process too.
 class HX_API NoSuchMethodError : public std::runtime_error {
  public:

@@ -60,7 +60,7 @@ SocketChannel::SocketChannel(File socket, const LinkOptions& options)
       socket_(std::move(socket)),
       peer_(describePeer(socket_.number())),
       lastReceived_(Clock::now().time_since_epoch().count()),
-      splitter_(options.frameLimit, options.depthLimit),
+      splitter_(options.frameLimit, options.depthLimit, options.valueLimit),
       unfinished_(remote::Budget::input(), options.inputOfAll),
       unread_(remote::Budget::output(), options.outputOfAll) {
   makeNonBlocking(socket_.number());

@@ -8,11 +8,16 @@
 
 namespace mw::local {
 
-/// What a broker hands on may be larger than what it took, by the name of a key or what a subscriber wants to be told:
-/// so much more a client takes from it.
-inline constexpr std::size_t kReserve = std::size_t{1} << 20;
+/// What a broker hands on may be larger than what it took: so much more a client takes from it. Otherwise a value that
+/// was raised could not be told to whoever has subscribed to it.
 inline LinkOptions withReserve(LinkOptions options) {
-  options.frameLimit += kReserve;
+  // The name of the key and what the subscriber wants to be told; and numbers that came in five bytes can leave in
+  // nine.
+  constexpr std::size_t kMoreBytes = std::size_t{1} << 20;
+  constexpr std::size_t kMoreBytesOfAValue = 4;
+  constexpr std::size_t kMoreValues = 1024;
+  options.frameLimit += kMoreBytes + kMoreBytesOfAValue * options.valueLimit;
+  options.valueLimit += kMoreValues;
   return options;
 }
 

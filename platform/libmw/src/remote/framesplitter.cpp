@@ -87,8 +87,8 @@ std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
     const Header header = read(bytes.subspan(position_));
     if (header.size > bytes.size() - position_) return 0;
     position_ += header.size;
-    if (++values_ + header.values > kMostValues) {
-      throw ProtocolError(fmt::format("a message of more than {} values", kMostValues));
+    if (++values_ + header.values > valueLimit_) {
+      throw ProtocolError(fmt::format("a message of more than {} values", valueLimit_));
     }
     // Each value takes a byte at least, so that a declared count is bounded like a declared size.
     require(header.content + header.values);

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <span>
 #include <stdexcept>
 #include <vector>
@@ -19,9 +20,6 @@ class HX_API ProtocolError : public std::runtime_error {
   ~ProtocolError() override;
 };
 
-/// Values in one message: a byte on the wire can be a value of sixty-four bytes here.
-inline constexpr std::uint64_t kMostValues = std::uint64_t{4} << 20;
-
 /// Finds where the messages of a stream end, without reading them.
 ///
 /// MessagePack states no length of the whole, so each header is walked over, once, as its bytes arrive. A size that is
@@ -31,13 +29,16 @@ class HX_API FrameSplitter {
  public:
   /// @param frameLimit  Bytes of one message.
   /// @param depthLimit  Lists and maps inside one another.
-  FrameSplitter(std::size_t frameLimit, std::size_t depthLimit) : frameLimit_(frameLimit), depthLimit_(depthLimit) {}
+  /// @param valueLimit  Values of one message.
+  FrameSplitter(std::size_t frameLimit, std::size_t depthLimit,
+                std::uint64_t valueLimit = std::numeric_limits<std::uint64_t>::max())
+      : frameLimit_(frameLimit), depthLimit_(depthLimit), valueLimit_(valueLimit) {}
 
   /// Walks on. The next message begins anew once a size was returned.
   ///
   /// @param bytes  From the beginning of the present message; what was there at the last call is there again.
   /// @return The size of the message; 0 as long as it is not all there.
-  /// @throws ProtocolError for what is over a limit, `kMostValues` included, or no MessagePack.
+  /// @throws ProtocolError for what is over a limit, or no MessagePack.
   std::size_t advance(std::span<const std::byte> bytes);
   /// How many values the message has whose size was returned last.
   std::uint64_t values() const { return found_; }
@@ -57,6 +58,7 @@ class HX_API FrameSplitter {
 
   const std::size_t frameLimit_;
   const std::size_t depthLimit_;
+  const std::uint64_t valueLimit_;
   std::size_t position_ = 0;         // everything before it was walked over; may lie beyond the bytes that are there
   std::uint64_t values_ = 0;         // headers that were seen
   std::uint64_t found_ = 0;          // in the message before

@@ -174,9 +174,10 @@ bool Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Menti
 void Link::requireSendable(const Bytes& frame, std::string_view what) const {
   if (frame.size() <= options_.depthLimit) return;  // It takes a byte to go one deeper.
   try {
-    FrameSplitter(options_.frameLimit, options_.depthLimit).advance(frame);
+    FrameSplitter(options_.frameLimit, options_.depthLimit, options_.valueLimit).advance(frame);
   } catch (const ProtocolError& error) {
-    throw std::runtime_error(fmt::format("{} cannot go to another process: {}", what, error.what()));
+    throw TooLargeError(
+        fmt::format("{} of {} bytes cannot go to another process: {}", what, frame.size(), error.what()));
   }
 }
 

@@ -22,6 +22,7 @@ namespace mw {
 RemoteError::~RemoteError() = default;
 ConnectionLostError::~ConnectionLostError() = default;
 NoSuchServiceError::~NoSuchServiceError() = default;
+TooLargeError::~TooLargeError() = default;
 NoSuchMethodError::~NoSuchMethodError() = default;
 
 namespace remote {

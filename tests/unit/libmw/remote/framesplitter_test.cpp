@@ -15,6 +15,7 @@ using testing::HasSubstr;
 
 constexpr std::size_t kFrameLimit = std::size_t{1} << 20;
 constexpr std::size_t kDepthLimit = 4;
+constexpr std::uint64_t kValueLimit = 2 << 20;
 
 std::string bytes(std::initializer_list<int> codes, std::size_t content = 0) {
   std::string all;
@@ -24,7 +25,7 @@ std::string bytes(std::initializer_list<int> codes, std::size_t content = 0) {
 
 /// Feeds pieces that end at `cuts` and at the end. @return The sizes of the frames that were found.
 std::vector<std::size_t> split(std::string_view stream, const std::vector<std::size_t>& cuts) {
-  FrameSplitter splitter(kFrameLimit, kDepthLimit);
+  FrameSplitter splitter(kFrameLimit, kDepthLimit, kValueLimit);
   std::vector<std::size_t> sizes;
   std::size_t begin = 0;
   const auto feed = [&](std::size_t end) {
@@ -93,13 +94,13 @@ TEST(FrameSplitter, RefusesAtOnceWhatIsBeyondALimit) {
                       {bytes({0xdb, 0xff, 0xff, 0xff, 0xff}), "more than 1048576 bytes"},
                       {bytes({0xc6, 0, 0x10, 0, 0}), "more than 1048576 bytes"},
                       {bytes({0xc9, 0xff, 0xff, 0xff, 0xff}), "more than 1048576 bytes"},
-                      {bytes({0xdd, 0xff, 0xff, 0xff, 0xff}), "more than 4194304 values"},
-                      {bytes({0xdf, 0xff, 0xff, 0xff, 0xff}), "more than 4194304 values"},
+                      {bytes({0xdd, 0xff, 0xff, 0xff, 0xff}), "more than 2097152 values"},
+                      {bytes({0xdf, 0xff, 0xff, 0xff, 0xff}), "more than 2097152 values"},
                       {bytes({0xdd, 0, 0x10, 0, 0}), "more than 1048576 bytes"},
                       {bytes({0x92, 0xc6, 0, 0x0f, 0xff, 0x00}, 0xfff00) + bytes({0xd9, 0xff}), "more than 1048576"},
                       {bytes({0x91, 0x91, 0x81, 1, 0x91, 0x91}), "more than 4 deep"}};
   for (const Row& row : rows) {
-    FrameSplitter splitter(kFrameLimit, kDepthLimit);
+    FrameSplitter splitter(kFrameLimit, kDepthLimit, kValueLimit);
     try {
       splitter.advance(std::as_bytes(std::span(row.bytes)));
       ADD_FAILURE() << row.reason;
