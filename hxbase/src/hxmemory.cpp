@@ -64,6 +64,7 @@ HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& n
       journal_(std::make_shared<journal::Journal>(static_cast<journal::Source&>(*this), executorOf(settings),
                                                   settings.options)) {
   STMValue::setBrokerInstance(broker);
+  setAuthor({});  // Whoever writes into it is the author.
   items.reserve(kExpectedKeys);
   setModuleDescription(
       "HXMemory provides a centralized memory that can be used to store and retrieve named values. It also acts as a "

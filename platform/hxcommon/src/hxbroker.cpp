@@ -97,7 +97,7 @@ bool HXBroker::isCurrent(const HXProxy& proxy) const {
   }
   const std::lock_guard lock(mutex_);
   const auto found = proxies_.find(proxy.moduleName());
-  return found != proxies_.end() && found->second.get() == &proxy;
+  return found != proxies_.end() && found->second->asObject().pointer() == proxy.asObject().pointer();
 }
 
 /// Forgets the proxy of a service that is not offered any more. The notice of it may come late, when a successor has

@@ -20,6 +20,7 @@ HXModuleCore::HXModuleCore(const std::shared_ptr<HXBroker>& broker, std::string 
   if (!broker) throw std::runtime_error(fmt::format("module {} needs a broker", name_));
   builder_.setTypeName(name_);
   builder_.setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+  setAuthor(Author(name_));
 }
 
 HXModuleCore::~HXModuleCore() = default;
@@ -101,6 +102,20 @@ mw::ObjectBuilder& HXModuleCore::objectBuilder() {
   return builder_;
 }
 
+namespace {
+
+/// What a callback writes, its module has written.
+template <class... Args>
+std::function<void(Args...)> inName(const Author& author, std::function<void(Args...)> callback) {
+  if (!callback) return callback;
+  return [author, callback = std::move(callback)](Args... args) {
+    const Author::Scope scope(author);
+    callback(std::forward<Args>(args)...);
+  };
+}
+
+}  // namespace
+
 HXModule::~HXModule() = default;
 
 void HXModule::execute() {}
@@ -118,21 +133,27 @@ std::shared_ptr<HXProxy> HXModule::memoryProxy() {
     const std::lock_guard lock(memoryMutex_);
     if (memory_ && broker->isCurrent(*memory_)) return memory_;
   }
-  auto proxy = broker->getProxy("HXMemory");
+  const auto proxy = broker->getProxy("HXMemory");
   if (!proxy) throw std::runtime_error("no module named HXMemory");
+  auto own = std::make_shared<HXProxy>(proxy->asObject(), proxy->moduleName(), author());
   const std::lock_guard lock(memoryMutex_);
-  return memory_ = std::move(proxy);
+  return memory_ = std::move(own);
 }
 
 journal::Follow HXModule::follow(journal::Filter filter, std::function<void(const journal::Change&)> onChange,
                                  journal::FollowOptions options) {
-  return HX::follow(getParentBroker(), std::move(filter), std::move(onChange), std::move(options));
+  options.onGap = inName(author(), std::move(options.onGap));
+  options.onComplete = inName(author(), std::move(options.onComplete));
+  options.onUnchanged = inName(author(), std::move(options.onUnchanged));
+  options.onPause = inName(author(), std::move(options.onPause));
+  return HX::follow(getParentBroker(), std::move(filter), inName(author(), std::move(onChange)), std::move(options));
 }
 
 void HXModule::start(const std::shared_ptr<HXModule>& module) {
   module->initModule();
   try {
     const mw::Step step(fmt::format("init of module {}", module->getName()));
+    const Author::Scope inItsName(module->author());
     module->init();
   } catch (const HXError&) {
     try {

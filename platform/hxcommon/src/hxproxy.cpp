@@ -9,8 +9,8 @@
 
 namespace HX {
 
-HXProxy::HXProxy(mw::AnyObject service, std::string moduleName)
-    : object_(std::move(service)), moduleName_(std::move(moduleName)) {}
+HXProxy::HXProxy(mw::AnyObject service, std::string moduleName, Author author)
+    : object_(std::move(service)), moduleName_(std::move(moduleName)), author_(std::move(author)) {}
 
 void HXProxy::pCallNotify(const std::string& method, const std::string& key, const HXValue& value,
                           const HXValue& message, CallState* state) const {

@@ -3,7 +3,7 @@
 #include "rates.h"
 #include "ring.h"
 
-#include <hxjournal/author.h>
+#include <hxauthor/author.h>
 #include <hxjournal/filter.h>
 #include <hxjournal/follow.h>
 

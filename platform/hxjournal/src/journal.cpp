@@ -1,6 +1,6 @@
 #include "core.h"
 
-#include <hxjournal/author.h>
+#include <hxauthor/author.h>
 #include <hxjournal/journal.h>
 
 #include <utility>

@@ -1,6 +1,6 @@
 #include "fixture.h"
 
-#include <hxjournal/author.h>
+#include <hxauthor/author.h>
 
 #include <stdexcept>
 
@@ -50,11 +50,13 @@ TEST_F(Following, NamesTheAuthor) {
   const auto all = journal->follow({}, [&](const Change& change) { authors.emplace_back(change.author); });
   const auto some = follow(filter.addAuthor("Arm"), withoutSnapshot());
   executor->run();
-  const auto as = [&](const char* author) {
-    const Author::Scope scope{Author(author)};
-    write("a", author);
-    const Author::Scope inner{Author("inner")};
-    write("b", author);
+  const Author within("inner");
+  const auto as = [&](const char* name) {
+    const Author author(name);
+    const Author::Scope scope(author);
+    write("a", name);
+    const Author::Scope inner(within);
+    write("b", name);
   };
   as("Arm");
   as("Leg");

@@ -2,7 +2,7 @@
 
 #include "fixture.h"
 
-#include <hxjournal/author.h>
+#include <hxauthor/author.h>
 
 #include <random>
 
@@ -161,7 +161,8 @@ TEST(Authors, KeepTheirNumberAndAreForgotten) {
   ASSERT_TRUE(Author::textOf(number));
   EXPECT_EQ(*Author::textOf(number), "writer");
   for (int i = 0; i < 66'000; ++i) {
-    const Author::Scope scope{Author("korvo set " + std::to_string(i))};
+    const Author author("korvo set " + std::to_string(i));
+    const Author::Scope scope(author);
     Author::writing();
   }
   EXPECT_FALSE(Author::textOf(number)) << "as many have left since as a ring has places";

@@ -44,8 +44,8 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   /// @return Empty when there is no such module.
   std::shared_ptr<HXProxy> getProxy(const std::string& name, int flags = 0);
 
-  /// Whether `getProxy` would give this very proxy again: false once its module has left, also when another one has
-  /// come under its name. For those who keep a proxy weakly. Asks nobody beyond this process.
+  /// Whether `getProxy` would give a proxy to the same module again: false once its module has left, also when another
+  /// one has come under its name. For those who keep a proxy weakly. Asks nobody beyond this process.
   bool isCurrent(const HXProxy& proxy) const;
 
   /// A proxy of a generated type, constructed from the generic one.

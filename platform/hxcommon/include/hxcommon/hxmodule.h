@@ -23,6 +23,8 @@ class HXProxy;
 
 /// What a module is to its broker: a name, a parent, and a table of documented methods.
 ///
+/// What its methods write into the memory, it has written itself, whoever called: the journal names it as the author.
+///
 /// Methods and signals are bound in the constructor, by the thread that runs it, and stay as they are from
 /// `initModule` on. Methods are called by any number of threads at once.
 class HX_API HXModuleCore : public mw::DynamicObject {
@@ -136,6 +138,8 @@ class HX_API HXModule : public HXModuleCore {
 
   /// The memory, wherever it runs, to be called at once: `memory().insertData("Arm/Speed", 0.5)`. To be asked again
   /// rather than kept, for the memory may go and come back.
+  ///
+  /// What is written by it is written in the module's name, also on threads of the module's own.
   ///
   /// Whoever calls it includes <hxproxies/hxmemoryproxy.h>; a module that does not call it needs no proxy.
   /// @throws std::runtime_error when there is no memory, or the broker has gone.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxauthor/author.h>
 #include <hxerror/api.h>
 #include <hxvalue/hxvalue.h>
 #include <libmw/genericobject.h>
@@ -26,7 +27,8 @@ class HX_API HXProxy {
 
   /// @param service     The module's object, as a session's look-up gives it.
   /// @param moduleName  Name of the module, for errors.
-  HXProxy(mw::AnyObject service, std::string moduleName);
+  /// @param author      In whose name the calls are made; nobody in particular: of whoever calls.
+  HXProxy(mw::AnyObject service, std::string moduleName, Author author = {});
 
   const std::string& moduleName() const { return moduleName_; }
   /// The module's object: its meta-object, its signals, asynchronous calls.
@@ -42,6 +44,7 @@ class HX_API HXProxy {
   ///         it does not exist or no overload takes these arguments, and naming the module when it is gone.
   template <class R = void, class... Args>
   R call(std::string_view method, const Args&... args) const {
+    const Author::Scope inTheOwnersName(author_);
     return object_->call<R>(method, args...);
   }
 
@@ -66,6 +69,7 @@ class HX_API HXProxy {
 
   mw::AnyObject object_;
   std::string moduleName_;
+  Author author_;
 };
 
 }  // namespace HX

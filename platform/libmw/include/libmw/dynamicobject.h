@@ -1,11 +1,13 @@
 #pragma once
 
+#include <hxauthor/author.h>
 #include <libmw/genericobject.h>
 
 #include <exception>
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace mw {
@@ -104,6 +106,11 @@ class HX_API DynamicObject : public GenericObject {
  protected:
   /// States the members. Called once, before the object is shared.
   void setType(std::shared_ptr<const ObjectType> type);
+  /// States in whose name the methods act, before there are calls. Nobody in particular, as at first: in the name of
+  /// whoever calls.
+  /// @param author  Of what they write.
+  void setAuthor(HX::Author author) { author_ = std::move(author); }
+  const HX::Author& author() const { return author_; }
 
  private:
   struct State;
@@ -115,6 +122,7 @@ class HX_API DynamicObject : public GenericObject {
 
   std::shared_ptr<const ObjectType> type_;
   std::shared_ptr<void> instance_;
+  HX::Author author_;
   std::unique_ptr<State> state_;
 };
 

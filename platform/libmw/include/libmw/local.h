@@ -86,6 +86,11 @@ struct RunningBroker {
 /// Tells more than `runningBrokers`. Asks no broker, so that one that hangs is told too.
 HX_API std::vector<RunningBroker> describeRunningBrokers();
 
+/// What this process is called by those it is connected to, behind its number: "process 4711, korvo set". The name of
+/// its program unless stated; counts for connections that are made afterwards.
+/// @param name  A few words.
+HX_API void setProgramName(std::string name);
+
 /// When a server lets peers in.
 enum class Listening : bool {
   Now,

@@ -154,7 +154,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
                   if (const auto self = weak.lock()) self->onEnd(raw, reason, *isOver);
                 });
     try {
-      link->ask("korvo.hello", remote::kProtocol).take(kGreetingTimeout);
+      greet(*link);
       link->ask("korvo.watch").take(kGreetingTimeout);
       if (number == 1) announced_.listed(number, servicesOf(*link).take(kGreetingTimeout));
     } catch (...) {
@@ -173,6 +173,18 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     link_ = link;
     connected_ = true;
     return true;
+  }
+
+  /// Each side says what program it is. A broker of an earlier version ignores that, and does not say.
+  static void greet(remote::Link& link) {
+    const AnyValue reply =
+        link.ask("korvo.hello", remote::kProtocol, remote::programName(), true).take(kGreetingTimeout);
+    const HXValue* const told = reply.getIf<HXValue>();
+    const auto entry = [&](const char* name) { return told && told->isMap() ? told->find(name) : nullptr; };
+    const HXValue* const program = entry("program");
+    const HXValue* const authors = entry("authors");
+    link.authors().greet(program && program->isString() ? program->asString() : "",
+                         authors && authors->isBool() && authors->asBool());
   }
 
   /// Answers the broker, and hands its notices to the session.

@@ -120,7 +120,10 @@ void CallQueue::runAll() {
       call = next();
       continue;
     }
-    auto result = call->run();
+    auto result = [&] {
+      const HX::Author::Scope inTheCallersName(call->author());
+      return call->run();
+    }();
     if (!result.isFinished()) {
       result.then([self = shared_from_this(), call](const Future<AnyValue>& done) {
         self->runOn();

@@ -2,6 +2,7 @@
 
 #include "../runtime/callerscope.h"
 
+#include <hxauthor/author.h>
 #include <libmw/genericobject.h>
 
 #include <atomic>
@@ -31,12 +32,15 @@ class QueuedCall : public std::enable_shared_from_this<QueuedCall> {
   /// @return False when it has begun, or is not to begin any more.
   bool begin() noexcept { return !begun_.exchange(true); }
   virtual Future<AnyValue> run() noexcept = 0;
+  /// Whoever queued it.
+  const HX::Author& author() const { return author_; }
   /// Tells whoever wants the result; what nobody is told of is logged when it failed.
   void finish(Future<AnyValue> result);
 
  private:
   virtual std::string name() const = 0;
 
+  const HX::Author author_ = HX::Author::present();
   std::atomic<bool> begun_{false};
   std::optional<Promise<AnyValue>> promise_;  ///< Set before it is queued, if at all.
 };

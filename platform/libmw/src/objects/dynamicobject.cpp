@@ -135,6 +135,7 @@ Future<AnyValue> DynamicObject::invoke(const AnyFunction& function, GenericFunct
   try {
     detail::awaitQueuedCalls(*this);
     const detail::InsideCall inside;
+    const HX::Author::Scope inItsName(author_);
     std::unique_lock<std::recursive_mutex> lock;
     if (type_->threadingModel() == ObjectThreadingModel::SingleThread) lock = std::unique_lock(state_->serialised);
     return Future<AnyValue>::ready(function.call(parameters, instance_.get()));

@@ -43,8 +43,8 @@ Chain chainOfThisThread() {
   return served.chain;
 }
 
-Serving::Serving(const Chain& chain, Domain domain, CallStop* stop, bool relays)
-    : outer_(std::exchange(served, {chain, domain, relays, stop})) {
+Serving::Serving(const Chain& chain, Domain domain, CallStop* stop, const HX::Author& author, bool relays)
+    : outer_(std::exchange(served, {chain, domain, relays, stop, &author})), inTheCallersName_(author) {
   serveWhileWaiting();
 }
 

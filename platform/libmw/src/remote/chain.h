@@ -2,6 +2,7 @@
 
 #include "../runtime/callerscope.h"
 
+#include <hxauthor/author.h>
 #include <hxerror/api.h>
 
 #include <compare>
@@ -50,6 +51,7 @@ struct Served {
   Domain domain = nullptr;
   bool relays = false;  ///< Hands the present call on, and will not wait for its answer.
   CallStop* stop = nullptr;
+  const HX::Author* author = nullptr;  ///< Who has called; null while it serves nobody.
 };
 Served& servedByThisThread();
 
@@ -57,8 +59,9 @@ Served& servedByThisThread();
 class Serving {
  public:
   /// @param stop    Of the call; null where nobody waits for its end. Must outlive this.
+  /// @param author  Who has called: in that name the thread acts. Must outlive this.
   /// @param relays  The thread hands the call on to another process, and does not wait for the answer.
-  Serving(const Chain& chain, Domain domain, CallStop* stop, bool relays = false);
+  Serving(const Chain& chain, Domain domain, CallStop* stop, const HX::Author& author, bool relays = false);
   Serving(const Serving&) = delete;
   Serving& operator=(const Serving&) = delete;
   ~Serving();
@@ -66,6 +69,7 @@ class Serving {
  private:
   const Served outer_;
   const mw::detail::CallerScope caller_;
+  const HX::Author::Scope inTheCallersName_;
 };
 
 }  // namespace mw::remote

@@ -1,5 +1,6 @@
 #include "chaincodec.h"
 
+#include <algorithm>
 #include <array>
 
 namespace mw::remote {
@@ -20,17 +21,19 @@ constexpr std::size_t kChainSize = 16;
 
 }  // namespace
 
-void writeChain(Writer& out, const Chain& chain) {
-  std::array<std::byte, kChainSize> content{};
+void writeChain(Writer& out, const Chain& chain, std::span<const std::byte> author) {
+  std::array<std::byte, kChainSize + 256> content;  // NOLINT(*-member-init): only what is written is read.
   std::byte* at = content.data();
   put(at, chain.caller.endpoint);
   put(at, chain.caller.thread);
   put(at, chain.depth);
-  out.extension(Extension::Chain, content);
+  at = std::copy(author.begin(), author.end(), at);
+  out.extension(Extension::Chain, std::span(content.data(), at));
 }
 
-Chain readChain(std::span<const std::byte> content) {
-  if (content.size() != kChainSize) throw ProtocolError("a chain is 16 bytes");
+Chain readChain(std::span<const std::byte> content, std::span<const std::byte>& author) {
+  if (content.size() < kChainSize) throw ProtocolError("a chain is 16 bytes at least");
+  author = content.subspan(kChainSize);
   Chain chain;
   const std::byte* at = content.data();
   take(at, chain.caller.endpoint);

@@ -51,6 +51,7 @@ Link::Link(std::shared_ptr<Channel> channel, Domain domain, const LinkOptions& o
       channel_(std::move(channel)),
       domain_(domain),
       options_(options),
+      authors_(channel_->peer(), [this](std::uint8_t number, std::string_view text) { tellAuthor(number, text); }),
       waiting_(Budget::input(), options.inputOfAll) {
   waiting_.join(channel_->peer(), channel_);
 }
@@ -181,11 +182,11 @@ void Link::requireSendable(const Bytes& frame, std::string_view what) const {
   }
 }
 
-void Link::writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
+void Link::writeCall(Writer& out, std::string_view target, const std::optional<Header>& header,
                      GenericFunctionParameters parameters, ObjectTable::Mention& mention) {
   out.text(target);
-  out.list(static_cast<std::uint32_t>(parameters.size() + (chain ? 1 : 0)));
-  if (chain) writeChain(out, *chain);
+  out.list(static_cast<std::uint32_t>(parameters.size() + (header ? 1 : 0)));
+  if (header) writeChain(out, header->chain, header->author.header());
   for (const AnyReference& parameter : parameters) writeValue(out, parameter, mention);
 }
 
@@ -195,7 +196,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
   auto future = promise.future();
   std::uint32_t id = 0;
   try {
-    const Chain chain = chainOfThisThread();
+    const Header header{chainOfThisThread(), LinkAuthors::Stated(authors_)};
     Expectation expectation = expectAnswer(channel_, domain_, then, mw::detail::PromiseAccess::stateOf(promise));
     {
       const std::lock_guard lock(mutex_);
@@ -204,7 +205,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     }
     Draft draft(objects_, MessageType::Request);
     draft.out.number(id);
-    writeCall(draft.out, target, chain, parameters, draft.mention);
+    writeCall(draft.out, target, header, parameters, draft.mention);
     requireSendable(draft.frame, "the call");
     const bool leavesAtOnce = then != Calling::MakesMore || !OutputBatch::holdsHere();
     // What leaves later is asked for then.
@@ -251,9 +252,19 @@ void Link::post(std::string_view target, GenericFunctionParameters parameters) {
 }
 
 void Link::send(std::string_view target, GenericFunctionParameters parameters, bool inChain) {
-  std::optional<Chain> chain;
-  if (inChain) chain = chainOfThisThread();
-  notify([&](Writer& out, ObjectTable::Mention& mention) { writeCall(out, target, chain, parameters, mention); });
+  std::optional<Header> header;
+  if (inChain) header.emplace(Header{chainOfThisThread(), LinkAuthors::Stated(authors_)});
+  notify([&](Writer& out, ObjectTable::Mention& mention) { writeCall(out, target, header, parameters, mention); });
+}
+
+/// At once: a call that is sent later may arrive no earlier.
+void Link::tellAuthor(std::uint8_t number, std::string_view text) {
+  Draft draft(objects_, MessageType::Notification);
+  draft.out.text(kAuthor);
+  draft.out.list(2);
+  draft.out.number(number);
+  draft.out.text(text);
+  channel_->send(draft.frame, Sending::Soon);
 }
 
 std::optional<Link::Pending> Link::takePending(std::uint32_t id) {

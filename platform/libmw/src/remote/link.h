@@ -4,6 +4,7 @@
 #include "callstop.h"
 #include "chain.h"
 #include "channel.h"
+#include "linkauthors.h"
 #include "objecttable.h"
 #include "pendingcalls.h"
 #include "strands.h"
@@ -70,6 +71,7 @@ struct Incoming {
   std::size_t size = 0;             ///< Of the message, in bytes.
   std::size_t memory = 0;           ///< That it takes until it is begun, in bytes.
   Chain chain;                      ///< Without a caller when the peer states none.
+  HX::Author author;                ///< In whose name it is made.
   std::string target;
   /// What is called: held from its arrival, because what gives it back, or the end of the link, may be right behind.
   AnyObject object;
@@ -147,6 +149,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void giveBack(std::uint32_t id, std::uint32_t references);
 
   ObjectTable& objects() { return objects_; }
+  LinkAuthors& authors() { return authors_; }
   const std::string& peer() const { return channel_->peer(); }
   bool hasEnded() const;
   /// How many calls wait for their answer. For diagnosis.
@@ -167,7 +170,11 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   template <class Write>
   void notify(const Write& write);
   void send(std::string_view target, GenericFunctionParameters parameters, bool inChain);
-  void writeCall(Writer& out, std::string_view target, const std::optional<Chain>& chain,
+  struct Header {
+    Chain chain;
+    LinkAuthors::Stated author;
+  };
+  void writeCall(Writer& out, std::string_view target, const std::optional<Header>& header,
                  GenericFunctionParameters parameters, ObjectTable::Mention& mention);
   bool writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention);
   void writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTable::Mention& mention);
@@ -181,6 +188,9 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   Work onResponse(Reader& in, const Frame& frame);
   void finish(Pending& pending, Reader& in);
   static std::uint32_t beginArguments(Reader& in, Chain& stated);
+  static std::uint32_t beginArguments(Reader& in, Chain& stated, LinkAuthors::Header& author);
+  void onAuthor(Reader& in);
+  void tellAuthor(std::uint8_t number, std::string_view text);
   Work onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, const Frame& frame);
   class Thread;
   std::string limitOfLink() const;
@@ -221,6 +231,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   const Domain domain_;
   const LinkOptions options_;
   ObjectTable objects_;
+  LinkAuthors authors_;
   Strands<StrandKey, Incoming> strands_;
   std::shared_ptr<ReservedService> reserved_;  // set once, by `start`
   OnEnd onEnd_;                                // likewise

@@ -84,7 +84,11 @@ void Link::onFrame(const Frame& frame, std::vector<Work>& works) {
       onEmission(in, frame, works);
     } else {
       queueEmissions(works);
-      work = isNotification && target == kCancel ? giveUp(in) : onCall(in, target, id, frame);
+      if (isNotification && target == kAuthor) {
+        onAuthor(in);
+      } else {
+        work = isNotification && target == kCancel ? giveUp(in) : onCall(in, target, id, frame);
+      }
     }
   } else if (type == MessageType::Response && parts == 4) {
     queueEmissions(works);
@@ -174,10 +178,15 @@ void Link::finish(Pending& pending, Reader& in) {
 
 /// @return How many follow.
 std::uint32_t Link::beginArguments(Reader& in, Chain& stated) {
+  LinkAuthors::Header unused;
+  return beginArguments(in, stated, unused);
+}
+
+std::uint32_t Link::beginArguments(Reader& in, Chain& stated, LinkAuthors::Header& author) {
   std::uint32_t count = in.list();
   if (count > 0) {
     if (const auto chain = in.extension(Extension::Chain); chain.data() != nullptr) {
-      stated = readChain(chain);
+      stated = readChain(chain, author);
       --count;
     }
   }
@@ -191,7 +200,9 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   call->size = frame.bytes.size();
   call->memory = call->size + sizeof(Incoming) + (lasts(frame) ? 0 : frame.values * sizeof(HX::HXValue));
   call->target = target;
-  const std::uint32_t count = beginArguments(in, call->chain);
+  LinkAuthors::Header author;
+  const std::uint32_t count = beginArguments(in, call->chain, author);
+  call->author = authors_.of(author);
   call->object = targetAtArrival(call->target);
   readArguments(in, count, frame, call->arguments, call->unread);
   if (call->chain.depth > kDeepestChain) {
@@ -220,6 +231,14 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   const std::string_view object = target.substr(0, target.rfind('.'));
   const StrandKey key{caller, std::hash<std::string_view>()(object)};
   return schedule(key, std::move(call));
+}
+
+/// Read here, since the calls that mean it may be right behind.
+void Link::onAuthor(Reader& in) {
+  Chain unused;
+  if (beginArguments(in, unused) != 2) throw ProtocolError("an author has a number and a text");
+  const std::uint32_t number = in.number();
+  authors_.enter(number, in.text());
 }
 
 std::string Link::limitOfLink() const {
@@ -445,7 +464,7 @@ Future<AnyValue> Link::execute(Incoming& call) {
     if (!call.refusal.empty()) throw std::runtime_error(fmt::format("{}: {}", shorten(call.target), call.refusal));
     readRest(call);
     if (call.target.starts_with(kReserved)) {
-      const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_, stop);
+      const Serving serving({call.chain.caller, call.chain.depth + 1}, domain_, stop, call.author);
       return reserved_->call(std::string_view(call.target).substr(kReserved.size()),
                              std::span<const AnyValue>(call.arguments.data(), call.arguments.size()));
     }
@@ -453,7 +472,8 @@ Future<AnyValue> Link::execute(Incoming& call) {
     const AnyObject object = targetOf(call, member);
     // What is handed on to the object of another process stays as deep as it is.
     const bool relays = object->isRemote();
-    const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, stop, relays);
+    const Serving serving({call.chain.caller, call.chain.depth + (relays ? 0U : 1U)}, domain_, stop, call.author,
+                          relays);
     return withReferences(call.arguments, [&](GenericFunctionParameters arguments) {
       return callMember(object, member, arguments, call.id.has_value());
     });

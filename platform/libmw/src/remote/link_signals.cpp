@@ -174,6 +174,7 @@ void Link::release(Emission& emission) {
 bool Link::deliver(SignalLink link, const Subscription& subscription, std::span<Emission> emissions, OutputBatch& batch,
                    bool more) {
   const auto pass = subscription.enter();
+  const HX::Author author = authors_.peer();
   bool isOfUse = true;
   for (Emission& emission : emissions) {
     if (!pass || subscription.isOver() || !isOfUse) break;
@@ -181,7 +182,7 @@ bool Link::deliver(SignalLink link, const Subscription& subscription, std::span<
     try {
       // One for each: what an emission has begun may call back while the next is delivered, which has other locks.
       emission.unread.readInto(emission.arguments);
-      const Serving serving({}, domain_, nullptr);
+      const Serving serving({}, domain_, nullptr, author);
       isOfUse = subscription.deliver(emission, link);
     } catch (const ValueError& error) {
       log::warning(kCategory, "emit", fmt::format("an emission of {} cannot be kept: {}", peer(), error.what()));

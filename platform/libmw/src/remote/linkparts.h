@@ -26,6 +26,7 @@ inline constexpr std::size_t kUsualFrame = 128;
 inline constexpr std::size_t kReusedFrame = std::size_t{64} << 10;
 inline constexpr std::string_view kAlive = "korvo.alive";
 inline constexpr std::string_view kEmit = "korvo.emit";
+inline constexpr std::string_view kAuthor = "korvo.author";
 inline constexpr std::string_view kCancel = "korvo.cancel";
 /// By which a broker says why it takes no connection; the end follows.
 inline constexpr std::string_view kRefused = "korvo.refused";

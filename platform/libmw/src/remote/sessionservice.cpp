@@ -76,10 +76,15 @@ AnyValue SessionService::hello(Arguments arguments) {
   if (version != kProtocol) {
     throw std::runtime_error(fmt::format("protocol version {} is not spoken here, but {}", version, kProtocol));
   }
+  const bool understands = arguments.size() > 2 && argument<bool>(arguments, 2, "whether authors are understood");
+  link()->authors().greet(arguments.size() > 1 ? argument<std::string>(arguments, 1, "the name of a program") : "",
+                          understands);
   HXValue::Map reply;
   reply["protocol"] = kProtocol;
   reply["name"] = name_;
   reply["process"] = ::getpid();
+  reply["program"] = programName();
+  reply["authors"] = true;
   return AnyValue(HXValue(std::move(reply)));
 }
 

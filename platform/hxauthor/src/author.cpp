@@ -1,16 +1,16 @@
-#include <hxjournal/author.h>
-#include <hxvalue/detail/wordlock.h>
+#include <hxauthor/author.h>
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <mutex>
 #include <new>
 #include <utility>
 
-namespace HX::journal {
+namespace HX {
 
 /// One author, for as long as a handle is there.
-struct AuthorRecord {
+struct AuthorRecord : std::enable_shared_from_this<AuthorRecord> {
   AuthorRecord(std::uint32_t itsNumber, std::shared_ptr<const std::string> itsText) noexcept
       : number(itsNumber), text(std::move(itsText)) {}
   AuthorRecord(const AuthorRecord&) = delete;
@@ -128,9 +128,15 @@ class Authors {
 
 AuthorRecord::~AuthorRecord() { Authors::instance().leave(*this); }
 
-Author::Author(std::string_view text) : record_(Authors::instance().enter(text)) {}
+Author::Author(std::string_view text) : record_(text.empty() ? nullptr : Authors::instance().enter(text)) {}
 
 std::uint32_t Author::number() const noexcept { return record_ ? record_->number : 0; }
+
+std::string_view Author::text() const noexcept { return record_ ? std::string_view(*record_->text) : ""; }
+
+Author Author::present() { return current ? Author(current->shared_from_this()) : Author(); }
+
+std::uint32_t Author::presentNumber() noexcept { return current ? current->number : 0; }
 
 std::uint32_t Author::writing() noexcept {
   if (!current) return 0;
@@ -144,10 +150,10 @@ std::shared_ptr<const std::string> Author::textOf(std::uint32_t number) {
 
 std::size_t Author::remembered() { return Authors::instance().size(); }
 
-Author::Scope::Scope(const Author& author) noexcept : record_(author.record_), outer_(current) {
-  current = record_.get();
+Author::Scope::Scope(const Author& author) noexcept : outer_(current) {
+  if (author.record_) current = author.record_.get();
 }
 
 Author::Scope::~Scope() { current = outer_; }
 
-}  // namespace HX::journal
+}  // namespace HX
