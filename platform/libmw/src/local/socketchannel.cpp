@@ -223,25 +223,26 @@ void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>
   sink.onPause(works);
 }
 
-bool SocketChannel::send(remote::Bytes& frame, remote::Sending when) {
-  const bool isFirst = sendOrQueue(frame, when);
+bool SocketChannel::send(remote::Message& message, remote::Sending when) {
+  const bool isFirst = sendOrQueue(message, when);
   unread_.keepLimit();
   return isFirst;
 }
 
-bool SocketChannel::sendOrQueue(remote::Bytes& frame, remote::Sending when) {
+bool SocketChannel::sendOrQueue(remote::Message& message, remote::Sending when) {
   std::unique_lock lock(outputMutex_);
   if (ended_ || refused_) return false;
-  if (when == remote::Sending::Now && output_.empty()) {
+  const auto& bytes = message.bytes;
+  if (when == remote::Sending::Now && output_.empty() && message.shared().empty()) {
     // What nothing waits before needs no queue.
-    const ssize_t written = ::send(socket_.number(), frame.data(), frame.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (written == static_cast<ssize_t>(frame.size())) return false;
+    const ssize_t written = ::send(socket_.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (written == static_cast<ssize_t>(bytes.size())) return false;
     if (written > 0) {
       sent_ = static_cast<std::size_t>(written);
       outputBytes_ -= sent_;
     }
   }
-  queueLocked(frame);
+  queueLocked(message);
   if (outputBytes_ > options_.outputLimit) {
     lock.unlock();
     end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
@@ -258,15 +259,20 @@ bool SocketChannel::sendOrQueue(remote::Bytes& frame, remote::Sending when) {
   return false;
 }
 
-void SocketChannel::queueLocked(remote::Bytes& frame) {
-  setOutputLocked(outputBytes_ + frame.size());
-  if (frame.size() > kShort) return output_.push_back(std::move(frame));
-  if (output_.empty() || output_.back().capacity() - output_.back().size() < frame.size()) {
-    output_.push_back(std::exchange(spare_, {}));
-    output_.back().clear();
-    output_.back().reserve(kPiece);
+void SocketChannel::queueLocked(remote::Message& message) {
+  const std::size_t size = message.size();
+  setOutputLocked(outputBytes_ + size);
+  if (size > kShort) return output_.push_back(std::move(message));
+  const auto hasRoom = [size](const remote::Message& last) {
+    return last.shared().empty() && last.bytes.capacity() - last.bytes.size() >= size;
+  };
+  if (output_.empty() || !hasRoom(output_.back())) {
+    output_.push_back({std::exchange(spare_, {}), {}});
+    output_.back().bytes.clear();
+    output_.back().bytes.reserve(kPiece);
   }
-  output_.back().insert(output_.back().end(), frame.begin(), frame.end());
+  auto& bytes = output_.back().bytes;
+  bytes.insert(bytes.end(), message.bytes.begin(), message.bytes.end());
 }
 
 void SocketChannel::setOutputLocked(std::size_t bytes) {
@@ -300,11 +306,15 @@ int SocketChannel::writeLocked() {
   // Answers may come that no thread waits for by reading.
   if (holdsBack_.exchange(false)) expectMore();
   while (!output_.empty()) {
-    std::array<iovec, kGathered> parts{};
+    std::array<iovec, kGathered> parts;
     std::size_t count = 0;
-    for (auto frame = output_.begin(); frame != output_.end() && count < parts.size(); ++frame, ++count) {
-      const std::size_t skipped = count == 0 ? sent_ : 0;
-      parts[count] = {frame->data() + skipped, frame->size() - skipped};
+    std::size_t skipped = sent_;
+    for (auto next = output_.begin(); next != output_.end() && count + 2 <= parts.size(); ++next) {
+      for (const auto part : {std::span<const std::byte>(next->bytes), next->shared()}) {
+        const std::size_t from = std::min(skipped, part.size());
+        skipped -= from;
+        if (from < part.size()) parts[count++] = {const_cast<std::byte*>(part.data()) + from, part.size() - from};
+      }
     }
     msghdr message{};
     message.msg_iov = parts.data();
@@ -320,7 +330,7 @@ int SocketChannel::writeLocked() {
     sent_ += static_cast<std::size_t>(written);
     while (!output_.empty() && sent_ >= output_.front().size()) {
       sent_ -= output_.front().size();
-      if (output_.front().capacity() <= 2 * kPiece) spare_ = std::move(output_.front());
+      if (output_.front().bytes.capacity() <= 2 * kPiece) spare_ = std::move(output_.front().bytes);
       output_.pop_front();
     }
   }

@@ -33,7 +33,7 @@ class HX_API SocketChannel final : public remote::Channel,
   ~SocketChannel() override;
 
   void start(const std::shared_ptr<remote::ChannelSink>& sink) override;
-  bool send(remote::Bytes& frame, remote::Sending when) override;
+  bool send(remote::Message& message, remote::Sending when) override;
   void flush() override;
   void end(const std::string& reason) override;
   const std::string& peer() const override { return peer_; }
@@ -62,7 +62,7 @@ class HX_API SocketChannel final : public remote::Channel,
 
   static constexpr Clock::time_point kNoReminder = Clock::time_point::max();
 
-  bool sendOrQueue(remote::Bytes& frame, remote::Sending when);
+  bool sendOrQueue(remote::Message& message, remote::Sending when);
   bool take(Turn::Step step);
   void watch();
   bool remindIn(Clock::duration time);
@@ -71,7 +71,7 @@ class HX_API SocketChannel final : public remote::Channel,
   Received receive(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void onSendFailed(int error);
-  void queueLocked(remote::Bytes& frame);
+  void queueLocked(remote::Message& message);
   void setOutputLocked(std::size_t bytes);
   int writeLocked();
 
@@ -101,9 +101,9 @@ class HX_API SocketChannel final : public remote::Channel,
   std::atomic<Clock::time_point> reminder_{kNoReminder};  // when `onTimer` comes
   std::atomic<std::uint32_t> seenMoment_{0};              // of `turn_`, by the last `onTimer`
 
-  std::mutex outputMutex_;            // Guards everything below. Outer to `watchMutex_`.
-  std::deque<remote::Bytes> output_;  // messages, short ones together
-  remote::Bytes spare_;               // memory for short ones
+  std::mutex outputMutex_;              // Guards everything below. Outer to `watchMutex_`.
+  std::deque<remote::Message> output_;  // short ones together
+  remote::Bytes spare_;                 // memory for short ones
   std::size_t outputBytes_ = 0;
   remote::Budget::Share unread_;  // as many
   std::size_t sent_ = 0;          // of the first of them

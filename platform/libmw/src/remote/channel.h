@@ -87,9 +87,9 @@ class Channel {
   /// Begins to receive. Once.
   virtual void start(const std::shared_ptr<ChannelSink>& sink) = 0;
   /// Messages of a channel that has ended are dropped.
-  /// @param frame  Copied or taken; nothing that matters is in it afterwards.
+  /// @param message  Copied or taken; nothing that matters is in it afterwards.
   /// @return Whether it is the first of those that wait to be flushed.
-  virtual bool send(Bytes& frame, Sending when) = 0;
+  virtual bool send(Message& message, Sending when) = 0;
   /// Sends what was to be sent soon.
   virtual void flush() {}
   /// Ends the channel.

@@ -148,17 +148,20 @@ bool Link::isIdle() const {
 
 // --- Calling --------------------------------------------------------------------------------------------------------
 
-/// @return Whether every process is told the same.
-bool Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention) {
+/// @param isLast  Whether nothing follows it in the message.
+/// @return Whether every process is told the same, and all of it is among the bytes.
+bool Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention, bool isLast) {
+  const auto write = [&](const HX::HXValue& plain) {
+    if (isLast) return out.lastValue(plain);
+    out.value(plain);
+    return true;
+  };
   const AnyReference content = value.content();
   if (!content) {
     out.nil();
     return true;
   }
-  if (const auto* plain = content.getIf<HX::HXValue>()) {
-    out.value(*plain);
-    return true;
-  }
+  if (const auto* plain = content.getIf<HX::HXValue>()) return write(*plain);
   if (content.type()->toObject) {
     objects_.write(out, content.type()->toObject(content.data()), *this, mention);
     return false;
@@ -167,18 +170,17 @@ bool Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Menti
   if (!content.toValue(converted)) {
     throw std::runtime_error(fmt::format("a {} cannot go to another process", content.type()->name));
   }
-  out.value(converted);
-  return true;
+  return write(converted);
 }
 
 /// What exceeds a limit would end the link at the peer; here it fails the call that it belongs to.
-void Link::requireSendable(const Bytes& frame, std::string_view what) const {
-  if (frame.size() <= options_.depthLimit) return;  // It takes a byte to go one deeper.
+void Link::requireSendable(const Message& message, std::string_view what) const {
+  if (message.size() <= options_.depthLimit) return;  // It takes a byte to go one deeper.
   try {
-    FrameSplitter(options_.frameLimit, options_.depthLimit, options_.valueLimit).advance(frame);
+    FrameSplitter(options_.frameLimit, options_.depthLimit, options_.valueLimit).advance(message.bytes);
   } catch (const ProtocolError& error) {
     throw TooLargeError(
-        fmt::format("{} of {} bytes cannot go to another process: {}", what, frame.size(), error.what()));
+        fmt::format("{} of {} bytes cannot go to another process: {}", what, message.size(), error.what()));
   }
 }
 
@@ -187,7 +189,9 @@ void Link::writeCall(Writer& out, std::string_view target, const std::optional<H
   out.text(target);
   out.list(static_cast<std::uint32_t>(parameters.size() + (header ? 1 : 0)));
   if (header) writeChain(out, header->chain, header->author.header());
-  for (const AnyReference& parameter : parameters) writeValue(out, parameter, mention);
+  for (std::size_t i = 0; i < parameters.size(); ++i) {
+    writeValue(out, parameters[i], mention, i + 1 == parameters.size());
+  }
 }
 
 Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters parameters, Calling then, bool returns) {
@@ -206,14 +210,14 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     Draft draft(objects_, MessageType::Request);
     draft.out.number(id);
     writeCall(draft.out, target, header, parameters, draft.mention);
-    requireSendable(draft.frame, "the call");
+    requireSendable(draft.message, "the call");
     const bool leavesAtOnce = then != Calling::MakesMore || !OutputBatch::holdsHere();
     // What leaves later is asked for then.
     if (leavesAtOnce && !claimAnswer()) expectMore();
     if (leavesAtOnce) {
-      channel_->send(draft.frame, Sending::Now);
+      channel_->send(draft.message, Sending::Now);
     } else {
-      OutputBatch::send(channel_, draft.frame);
+      OutputBatch::send(channel_, draft.message);
     }
     draft.mention.sent();
   } catch (...) {
@@ -264,7 +268,7 @@ void Link::tellAuthor(std::uint8_t number, std::string_view text) {
   draft.out.list(2);
   draft.out.number(number);
   draft.out.text(text);
-  channel_->send(draft.frame, Sending::Soon);
+  channel_->send(draft.message, Sending::Soon);
 }
 
 std::optional<Link::Pending> Link::takePending(std::uint32_t id) {

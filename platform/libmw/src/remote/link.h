@@ -176,9 +176,9 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   };
   void writeCall(Writer& out, std::string_view target, const std::optional<Header>& header,
                  GenericFunctionParameters parameters, ObjectTable::Mention& mention);
-  bool writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention);
+  bool writeValue(Writer& out, const AnyReference& value, ObjectTable::Mention& mention, bool isLast);
   void writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTable::Mention& mention);
-  void requireSendable(const Bytes& frame, std::string_view what) const;
+  void requireSendable(const Message& message, std::string_view what) const;
   AnyValue readValue(Reader& in);
   std::optional<Pending> takePending(std::uint32_t id);
   std::exception_ptr endedError() const;

@@ -537,8 +537,8 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
   const auto write = [&](const HX::HXValue& error, const AnyReference& value) {
     draft.out.number(*call->id);
     draft.out.value(error);
-    writeValue(draft.out, value, draft.mention);
-    requireSendable(draft.frame, "the result");
+    writeValue(draft.out, value, draft.mention, true);
+    requireSendable(draft.message, "the result");
   };
   try {
     if (result.hasValue()) {
@@ -552,7 +552,7 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
     draft.beginAnew();
     write(toValue(std::current_exception()), {});
   }
-  channel_->send(draft.frame, when);
+  channel_->send(draft.message, when);
   draft.mention.sent();
 }
 

@@ -56,7 +56,9 @@ void Link::writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTa
   if (last && last->emission == emission) return out.encoded(last->bytes);
   const std::size_t begin = out.bytes().size();
   bool isForAll = true;
-  for (const AnyReference& argument : emitted) isForAll = writeValue(out, argument, mention) && isForAll;
+  for (std::size_t i = 0; i < emitted.size(); ++i) {
+    isForAll = writeValue(out, emitted[i], mention, i + 1 == emitted.size()) && isForAll;
+  }
   const auto encoded = out.bytes().subspan(begin);
   if (!last || !isForAll || encoded.size() > kReusedFrame) return;
   last->emission = 0;

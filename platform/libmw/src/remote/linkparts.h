@@ -55,20 +55,20 @@ T* ofThisThread() {
 class FrameBuffer {
  public:
   FrameBuffer() {
-    if (auto* const last = ofThisThread<Bytes>()) bytes_.swap(*last);
-    bytes_.reserve(kUsualFrame);
+    if (auto* const last = ofThisThread<Bytes>()) message_.bytes.swap(*last);
+    message_.bytes.reserve(kUsualFrame);
   }
   FrameBuffer(const FrameBuffer&) = delete;
   FrameBuffer& operator=(const FrameBuffer&) = delete;
   ~FrameBuffer() {
-    bytes_.clear();
+    message_.bytes.clear();
     auto* const last = ofThisThread<Bytes>();
-    if (last && bytes_.capacity() <= kReusedFrame) bytes_.swap(*last);
+    if (last && message_.bytes.capacity() <= kReusedFrame) message_.bytes.swap(*last);
   }
-  Bytes& bytes() { return bytes_; }
+  Message& message() { return message_; }
 
  private:
-  Bytes bytes_;
+  Message message_;
 };
 
 /// A message while it is written, and the objects that it mentions.
@@ -76,7 +76,7 @@ struct Draft {
   Draft(ObjectTable& objects, MessageType kind) : mention(objects), type(kind) { writeHead(); }
 
   void beginAnew() {
-    frame.clear();
+    message.clear();
     mention.takeBack();
     writeHead();
   }
@@ -86,9 +86,9 @@ struct Draft {
   }
 
   FrameBuffer buffer;
-  Bytes& frame = buffer.bytes();
+  Message& message = buffer.message();
   ObjectTable::Mention mention;
-  Writer out{frame};
+  Writer out{message};
   const MessageType type;
 };
 
@@ -98,8 +98,8 @@ template <class Write>
 void Link::notify(const Write& write) {
   Draft draft(objects_, MessageType::Notification);
   write(draft.out, draft.mention);
-  requireSendable(draft.frame, "the message");
-  OutputBatch::send(channel_, draft.frame);
+  requireSendable(draft.message, "the message");
+  OutputBatch::send(channel_, draft.message);
   draft.mention.sent();
 }
 

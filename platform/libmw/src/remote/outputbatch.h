@@ -34,8 +34,8 @@ class OutputBatch {
 
   /// Whether what the calling thread sends now waits for more.
   static bool holdsHere() { return innermost_ && innermost_->holds_; }
-  static void send(const std::shared_ptr<Channel>& channel, Bytes& frame) {
-    const bool isFirst = channel->send(frame, holdsHere() ? Sending::Soon : Sending::Now);
+  static void send(const std::shared_ptr<Channel>& channel, Message& message) {
+    const bool isFirst = channel->send(message, holdsHere() ? Sending::Soon : Sending::Now);
     if (isFirst) innermost_->held_.push_back(channel);
   }
   /// Before the calling thread waits: what it waits for may be the answer.

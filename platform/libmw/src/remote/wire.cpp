@@ -2,6 +2,8 @@
 
 #include <hxvalue/msgpack.h>
 
+#include <utility>
+
 #include <msgpack.hpp>
 
 namespace mw::remote {
@@ -25,6 +27,17 @@ void pack(Bytes& out, Use&& use) {
 }  // namespace
 
 ValueError::~ValueError() = default;
+
+std::span<const std::byte> Message::shared() const {
+  if (const auto* text = last.stringIf()) return std::as_bytes(std::span(*text));
+  if (const auto* binary = last.binaryIf()) return *binary;
+  return {};
+}
+
+void Message::clear() {
+  bytes.clear();
+  last = {};
+}
 
 std::uint8_t Reader::peek() const {
   if (rest_.empty()) throw ProtocolError("a message with too few parts");
@@ -157,5 +170,21 @@ void Writer::extension(Extension type, std::span<const std::byte> content) {
 }
 
 void Writer::value(const HX::HXValue& value) { HX::appendMsgpack(out_, value); }
+
+bool Writer::lastValue(const HX::HXValue& value) {
+  // What is shorter costs less to copy than to send as a part of its own.
+  constexpr std::size_t kLong = std::size_t{32} << 10;
+  const std::size_t size = value.isString() ? value.asString().size() : value.isBinary() ? value.asBinary().size() : 0;
+  if (!last_ || size < kLong || !std::in_range<std::uint32_t>(size)) {
+    this->value(value);
+    return true;
+  }
+  pack(out_, [&](auto& packer) {
+    const auto length = static_cast<std::uint32_t>(size);
+    value.isString() ? packer.pack_str(length) : packer.pack_bin(length);
+  });
+  *last_ = value;
+  return false;
+}
 
 }  // namespace mw::remote

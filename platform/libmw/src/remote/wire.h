@@ -15,6 +15,16 @@ namespace mw::remote {
 
 using Bytes = std::vector<std::byte>;
 
+/// A message to be sent. A long text or binary at its end is not copied: the message shares it with the value.
+struct HX_API Message {
+  Bytes bytes;
+  HX::HXValue last;  ///< Its content follows `bytes`; nothing does where it is invalid.
+
+  std::span<const std::byte> shared() const;
+  std::size_t size() const { return bytes.size() + shared().size(); }
+  void clear();
+};
+
 enum class MessageType : std::uint8_t { Request = 0, Response = 1, Notification = 2 };
 
 /// The extension types of MessagePack that the protocol uses.
@@ -67,6 +77,7 @@ class HX_API Reader {
 class HX_API Writer {
  public:
   explicit Writer(Bytes& out) : out_(out) {}
+  explicit Writer(Message& out) : out_(out.bytes), last_(&out.last) {}
 
   void list(std::uint32_t size);
   void number(std::uint32_t number);
@@ -75,6 +86,9 @@ class HX_API Writer {
   void extension(Extension type, std::span<const std::byte> content);
   /// @throws std::runtime_error for a value too large for MessagePack.
   void value(const HX::HXValue& value);
+  /// A value that nothing follows in the message: a long content is shared.
+  /// @return Whether all of it is among the bytes.
+  bool lastValue(const HX::HXValue& value);
   /// What has been written before, elsewhere.
   void encoded(std::span<const std::byte> parts) { out_.insert(out_.end(), parts.begin(), parts.end()); }
 
@@ -83,6 +97,7 @@ class HX_API Writer {
 
  private:
   Bytes& out_;
+  HX::HXValue* const last_ = nullptr;
 };
 
 }  // namespace mw::remote

@@ -15,6 +15,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using remote::Bytes;
+using remote::Message;
 using remote::Sending;
 
 /// Collects the numbers that come as messages.
@@ -150,8 +151,8 @@ TEST_F(SocketChannelTest, IsReadByOthersAtOnceWhereMoreIsExpected) {
 
 TEST_F(SocketChannelTest, SendsWhatWaitsForOthers) {
   const auto send = [&](Sending when) {
-    Bytes frame = message(1);
-    channel->send(frame, when);
+    Message sent{message(1), {}};
+    channel->send(sent, when);
   };
   send(Sending::Soon);
   EXPECT_TRUE(leftWithin(20s)) << "though nobody flushes";
@@ -166,14 +167,21 @@ TEST_F(SocketChannelTest, SendsWhatWaitsForOthers) {
 }
 
 TEST_F(SocketChannelTest, WritesMoreThanTheSocketTakesOnceItDoes) {
-  constexpr std::size_t kSize = std::size_t{4} << 20;
-  Bytes large(kSize);
-  channel->send(large, Sending::Now);
-  std::vector<char> bytes(kSize);
-  for (std::size_t got = 0; got < kSize;) {
-    ASSERT_TRUE(leftWithin(20s)) << got;
-    got += static_cast<std::size_t>(::recv(other.number(), bytes.data(), bytes.size(), 0));
+  // Some of it copied, some shared with a value that changes meanwhile.
+  const std::string text(std::size_t{3} << 20, 't');
+  HX::HXValue value = text;
+  Message copied{Bytes(std::size_t{4} << 20), {}};
+  Message shared{Bytes(10), value};
+  Message last{Bytes(20), {}};
+  const std::string expected = std::string((std::size_t{4} << 20) + 10, '\0') + text + std::string(20, '\0');
+  for (Message* const one : {&copied, &shared, &last}) channel->send(*one, Sending::Now);
+  value.editString() = "another one";
+  std::string got;
+  for (std::vector<char> bytes(100'000); got.size() < expected.size();) {
+    ASSERT_TRUE(leftWithin(20s)) << got.size();
+    got.append(bytes.data(), static_cast<std::size_t>(::recv(other.number(), bytes.data(), bytes.size(), 0)));
   }
+  EXPECT_TRUE(got == expected);
 }
 
 TEST_F(SocketChannelTest, EndsOnceWithTheReasonWhoeverReads) {

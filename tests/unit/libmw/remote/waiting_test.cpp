@@ -20,7 +20,7 @@ using testing::ElementsAre;
 class ReadableChannel final : public Channel, public CallerReading {
  public:
   void start(const std::shared_ptr<ChannelSink>& /*sink*/) override {}
-  bool send(Bytes& /*frame*/, Sending /*when*/) override { return false; }
+  bool send(Message& /*message*/, Sending /*when*/) override { return false; }
   void end(const std::string& /*reason*/) override {}
   const std::string& peer() const override { return name_; }
   std::chrono::milliseconds silence() const override { return {}; }
