@@ -1,3 +1,4 @@
+#include "droppedsubscriptions.h"
 #include "logcategories.h"
 
 #include <hxbase/detail/notifierlock.h>
@@ -64,6 +65,7 @@ HXMemory::HXMemory(const std::shared_ptr<HXBroker>& broker, const std::string& n
       journal_(std::make_shared<journal::Journal>(static_cast<journal::Source&>(*this), executorOf(settings),
                                                   settings.options)) {
   STMValue::setBrokerInstance(broker);
+  DroppedSubscriptions::instance().clear();
   setAuthor({});  // Whoever writes into it is the author.
   items.reserve(kExpectedKeys);
   setModuleDescription(

@@ -74,10 +74,17 @@ void HXMemory::runExtractor(const std::string& event, const std::string& subscri
   const auto proxy = getParentBroker()->getProxy(extractor, 0);
   const mw::AnyObject object = proxy ? proxy->asObject() : mw::AnyObject();
   if (object && !wantsSubscribers(object)) return;
-  object->call("subscribe", subscriberId);
+  try {
+    object->call("subscribe", subscriberId);
+  } catch (const std::exception& error) {
+    noteDemand(extractor, event, subscriberId, error.what());
+    throw;
+  }
+  noteDemand(extractor, event, subscriberId, {});
 }
 
 void HXMemory::stopExtractor(const std::string& event, const std::string& subscriberId) {
+  forgetDemand(event, subscriberId);
   std::optional<std::string> extractor;
   {
     const std::shared_lock lock(eventExtractorsLock);

@@ -85,6 +85,7 @@ void HXMemory::applyPendingMappings() {
 void HXMemory::addMapping(const std::string& service, const std::string& signal, const std::string& event) {
   {
     const MappingLock lock(*this);
+    const std::lock_guard insight(insightLock);
     pendingMappings[service][signal] = event;
   }
   bool found = false;

@@ -1,5 +1,6 @@
 #include "logcategories.h"
 
+#include <hxauthor/author.h>
 #include <hxbase/detail/notifierlock.h>
 #include <libmw/servedcall.h>
 
@@ -8,6 +9,7 @@
 #include <cstdint>
 #include <mutex>
 #include <stdexcept>
+#include <utility>
 #include <vector>
 
 namespace HX {
@@ -45,7 +47,11 @@ struct NotifierLock::Thread {
   std::atomic<const Calls*> innermost{nullptr};
   std::atomic<std::uint64_t> step{0};  // another one with each call, written by the thread alone
 
-  // For the patrol.
+  std::atomic<const NotifierLock*> waitsFor{nullptr};  // Its end is noted with `reading` held.
+  std::atomic<PatienceClock::rep> waitsSince{0};
+  std::atomic<std::uint32_t> waitsAs{0};  // The author.
+
+  // For the patrol, and for those who ask how long a call lasts: what it saw last. Under the lock of `Threads`.
   std::uint64_t seenStep = 0;
   PatienceClock::time_point seenSince;
   bool isReported = false;
@@ -94,6 +100,24 @@ class NotifierLock::Threads {
 NotifierLock::Thread::Thread() { Threads::instance().add(*this); }
 NotifierLock::Thread::~Thread() { Threads::instance().remove(*this); }
 
+class NotifierLock::Waiting {
+ public:
+  explicit Waiting(const NotifierLock& lock) {
+    thread_.waitsSince.store(PatienceClock::now().time_since_epoch().count(), std::memory_order_relaxed);
+    thread_.waitsAs.store(Author::presentNumber(), std::memory_order_relaxed);
+    thread_.waitsFor.store(&lock, std::memory_order_release);
+  }
+  Waiting(const Waiting&) = delete;
+  Waiting& operator=(const Waiting&) = delete;
+  ~Waiting() {
+    const std::lock_guard guard(thread_.reading);
+    thread_.waitsFor.store(nullptr, std::memory_order_relaxed);
+  }
+
+ private:
+  Thread& thread_ = Thread::current();
+};
+
 NotifierLock::Calls::Calls(NotifierLock& lock)
     : lock_(lock), thread_(Thread::current()), outer_(thread_.innermost.load(std::memory_order_relaxed)) {
   thread_.innermost.store(this, std::memory_order_release);
@@ -112,6 +136,7 @@ void NotifierLock::Calls::next(const std::string& subscriber) {
 
 void NotifierLock::lock() {
   if (mutex_.try_lock()) return;
+  const Waiting waiting(*this);
   if (mutex_.try_lock_until(PatienceClock::now() + waitPatience.load())) return;
   reportWait();
   mutex_.lock();
@@ -121,6 +146,7 @@ void NotifierLock::lockForCaller() {
   if (mutex_.try_lock()) return;
   const auto givenUp = mw::stopOfServedCall();
   if (!givenUp.stop_possible()) return lock();
+  const Waiting waiting(*this);
   // In steps: what could wake the thread at once would take room in every item, for what waits in next to none.
   const auto reportAt = PatienceClock::now() + waitPatience.load();
   for (bool isReported = false; !mutex_.try_lock_until(PatienceClock::now() + std::min(kStep, waitPatience.load()));) {
@@ -151,6 +177,50 @@ void NotifierLock::reportWait() const {
     text += "; waiting is " + *self + ", which was notified of event " + own->lock_.event_;
   }
   HX_LOG_AS(Warning, itemCategory(), "notify", text);
+}
+
+std::vector<MemoryInsight::Call> NotifierLock::calls() {
+  const auto now = PatienceClock::now();
+  std::vector<MemoryInsight::Call> found;
+  Threads::instance().forEach([&](const Thread& thread) {
+    const bool isSeen = thread.seenStep == thread.step.load(std::memory_order_relaxed);
+    const Calls* calls = thread.innermost.load(std::memory_order_acquire);
+    const Calls* const innermost = calls;
+    for (; calls; calls = calls->outer_) {
+      const std::string* const subscriber = calls->subscriber_.load(std::memory_order_acquire);
+      if (!subscriber) continue;
+      const auto lasts = isSeen && calls == innermost ? now - thread.seenSince : PatienceClock::duration::zero();
+      found.push_back({calls->lock_.event_, *subscriber, lasts});
+    }
+  });
+  return found;
+}
+
+std::vector<MemoryInsight::Wait> NotifierLock::waits() {
+  const auto now = PatienceClock::now();
+  std::vector<MemoryInsight::Wait> found;
+  std::vector<const NotifierLock*> awaited;  // Of each. May have gone by the time they are compared.
+  std::vector<std::pair<const NotifierLock*, std::string>> called;
+  Threads::instance().forEach([&](const Thread& thread) {
+    const Calls* const innermost = thread.innermost.load(std::memory_order_acquire);
+    for (const Calls* calls = innermost; calls; calls = calls->outer_) {
+      const std::string* const subscriber = calls->subscriber_.load(std::memory_order_acquire);
+      if (subscriber) called.emplace_back(&calls->lock_, *subscriber);
+    }
+    const NotifierLock* const lock = thread.waitsFor.load(std::memory_order_acquire);
+    if (!lock) return;
+    const std::string* const self = innermost ? innermost->subscriber_.load(std::memory_order_acquire) : nullptr;
+    const auto author = Author::textOf(thread.waitsAs.load(std::memory_order_relaxed));
+    const PatienceClock::time_point since(PatienceClock::duration(thread.waitsSince.load(std::memory_order_relaxed)));
+    found.push_back({lock->event_, self ? *self : author ? *author : std::string(), {}, now - since});
+    awaited.push_back(lock);
+  });
+  for (std::size_t i = 0; i < found.size(); ++i) {
+    for (const auto& [lock, subscriber] : called) {
+      if (lock == awaited[i]) found[i].forWhom = subscriber;
+    }
+  }
+  return found;
 }
 
 void NotifierLock::patrol() {

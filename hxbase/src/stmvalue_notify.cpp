@@ -1,3 +1,4 @@
+#include "droppedsubscriptions.h"
 #include "logcategories.h"
 
 #include <hxbase/stmvalue.h>
@@ -46,6 +47,39 @@ class Retirement {
 // may be held, and raise, when its broker has gone. Holding the broker itself meanwhile would not do, for a raise that
 // came to be the last to hold it would shut it down.
 std::weak_ptr<mw::Session> brokerSession;
+
+/// How long a call takes. Where it takes next to nothing, so that timing it would cost as much, some are timed.
+class CallTimer {
+ public:
+  explicit CallTimer(STMNotifier& record) : record_(record), isTimed_(record.untimedCalls == 0) {
+    if (isTimed_) {
+      begin_ = std::chrono::steady_clock::now();
+    } else {
+      --record.untimedCalls;
+    }
+  }
+  CallTimer(const CallTimer&) = delete;
+  CallTimer& operator=(const CallTimer&) = delete;
+  ~CallTimer() {
+    if (!isTimed_) return;
+    const std::chrono::nanoseconds lasted = std::chrono::steady_clock::now() - begin_;
+    std::atomic_ref(record_.lastCall).store(lasted.count(), std::memory_order_relaxed);
+    if (record_.timedCalls < kAllTimed) {
+      ++record_.timedCalls;
+    } else if (lasted < kShort) {
+      record_.untimedCalls = kBetween;
+    }
+  }
+
+ private:
+  static constexpr std::uint8_t kAllTimed = 16;
+  static constexpr std::uint8_t kBetween = 31;
+  static constexpr std::chrono::microseconds kShort{5};
+
+  STMNotifier& record_;
+  const bool isTimed_;
+  std::chrono::steady_clock::time_point begin_;
+};
 
 mw::Future<mw::AnyObject> lookUp(const std::string& module) {
   const auto session = staticBroker ? brokerSession.lock() : nullptr;
@@ -126,7 +160,10 @@ void STMValue::setNotifier(const std::string& module, const HXValue& message, co
   const std::lock_guard lock(notifierLock_);
   if (const auto earlier = notifiers_.find(module); earlier != notifiers_.end()) removeNotifier(earlier);
   HX_RACE_POINT("a subscription is being replaced");
-  notifiers_.merge(made);
+  {
+    const std::lock_guard records(recordsLock_);
+    notifiers_.merge(made);
+  }
   ++changes_;
   noteQuiet();
 }
@@ -155,18 +192,35 @@ void STMValue::xCleanFinished() {
   pendingNotifications_.remove_if([](const mw::Future<void>& future) { return future.isFinished(); });
 }
 
+std::vector<MemoryInsight::Subscriber> STMValue::notifierRecords() const {
+  std::vector<MemoryInsight::Subscriber> records;
+  const std::lock_guard lock(recordsLock_);
+  for (const auto& [module, notifier] : notifiers_) {
+    auto& record = records.emplace_back();
+    record.module = module;
+    record.method = notifier.callbackMethod;
+    record.since = notifier.since;
+    const std::int64_t last =
+        std::atomic_ref(const_cast<std::int64_t&>(notifier.lastCall)).load(std::memory_order_relaxed);
+    if (last != STMNotifier::kNeverCalled) record.lastCall = std::chrono::nanoseconds(last);
+  }
+  return records;
+}
+
 void STMValue::removeNotifier(Notifiers::iterator record) {
   ++changes_;
-  if (dispatching_ > 0) {
-    removed_.insert(notifiers_.extract(record));
-  } else {
-    notifiers_.erase(record);
+  Notifiers::node_type removed;  // Goes after the lock.
+  {
+    const std::lock_guard records(recordsLock_);
+    removed = notifiers_.extract(record);
   }
+  if (dispatching_ > 0) removed_.insert(std::move(removed));
 }
 
 void STMValue::endNotifier(Notifiers::iterator record, const std::exception& error, const char* function) {
   HX_LOG_AS(Warning, itemCategory(), function,
             "the subscription of " + record->first + " to " + name() + " has ended: " + error.what());
+  DroppedSubscriptions::instance().add(name(), record->first, error.what());
   removeNotifier(record);
 }
 
@@ -212,6 +266,7 @@ void STMValue::call(STMNotifier& record, const std::string& key, const HXValue& 
   // A message that is no text is the subscription's fault, and ends it.
   static_cast<void>(record.callbackMessage.asString());
   calls.next(record.callbackModule);
+  const CallTimer timer(record);
   // Nothing of the record is copied: the dispatch keeps what is removed from the item, and what is replaced in it.
   record.proxy->pCallNotify(record.callbackMethod, key, value, record.callbackMessage, &record.notifyCallState);
 }
@@ -252,7 +307,10 @@ void STMValue::reportAndClean(const std::string& module, const mw::Future<void>&
   if (outcome.hasError()) {
     HX_LOG_AS(Warning, itemCategory(), "operator()", "can't get proxy to " + module + ": " + outcome.error());
     const std::lock_guard lock(notifierLock_);
-    if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) removeNotifier(failed);
+    if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) {
+      DroppedSubscriptions::instance().add(name(), module, outcome.error());
+      removeNotifier(failed);
+    }
     noteQuiet();
   }
   xCleanFinished();

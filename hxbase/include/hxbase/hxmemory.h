@@ -4,6 +4,7 @@
 #include <hxbase/detail/tablelock.h>
 #include <hxbase/stmvalue.h>
 #include <hxcommon/hxmodule.h>
+#include <hxcommon/memoryinsight.h>
 #include <hxerror/hxerror.h>
 #include <hxjournal/journal.h>
 #include <libmw/session.h>
@@ -50,7 +51,7 @@ extern const std::string keyTypeChanged;  ///< "HXMemory/KeyTypeChanged"
 /// One process has at most one memory.
 ///
 /// Method words, messages and the stated line numbers of errors are relied on by callers and do not follow the code.
-class HXMemory : public HXModule, public journal::JournalOwner, private journal::Source {
+class HXMemory : public HXModule, public journal::JournalOwner, public MemoryInsight, private journal::Source {
  public:
   /// How the journal is kept. As made: by the default event loop, in its usual size.
   struct JournalSettings {
@@ -73,6 +74,20 @@ class HXMemory : public HXModule, public journal::JournalOwner, private journal:
   /// used longer than the memory lives; a follower that does ends with it.
   journal::Journal& journal() { return *journal_; }
   std::shared_ptr<journal::Journal> sharedJournal() override { return journal_; }
+
+  // --- What no feed tells: hxmemory_insight.cpp
+  // ------------------------------------------------------------------------
+
+  std::vector<Subscriber> subscribersOf(const std::string& key) const override;
+  void forEachSubscribed(const std::function<void(const std::string& key, const std::vector<Subscriber>& subscribers)>&
+                             use) const override;
+  std::vector<Call> calls() const override;
+  std::vector<Wait> waits() const override;
+  std::string extractorNameOf(const std::string& key) const override;
+  std::vector<std::pair<std::string, std::string>> extractedEvents() const override;
+  std::vector<Demand> demands() const override;
+  std::vector<Mapping> mappings() const override;
+  std::vector<Dropped> dropped() const override;
 
   // --- Data: hxmemory_store.cpp --------------------------------------------------------------------------------------
 
@@ -254,6 +269,10 @@ class HXMemory : public HXModule, public journal::JournalOwner, private journal:
   void* pointerTo(const std::string& key, const char* method, const HXValue& defaultValue);
   HXValue describe(std::string_view name, const STMValue& item) const;
   std::string extractorOf(const std::string& event);
+  void noteDemand(const std::string& extractor, const std::string& event, const std::string& subscriberId,
+                  const std::string& failure) noexcept;
+  void forgetDemand(const std::string& event, const std::string& subscriberId);
+  std::vector<Subscriber> placed(std::vector<Subscriber> records) const;
   std::shared_ptr<HXProxy> frameManager(const char* caller);
   mw::AnyObject findService(const std::string& service, bool& found) const;
   bool noteMapped(const mw::AnyObject& object, const std::string& service, const std::string& signal);
@@ -282,6 +301,8 @@ class HXMemory : public HXModule, public journal::JournalOwner, private journal:
   mutable TableLock itemsLock;
   std::atomic<bool> recording_{false};
   std::map<std::string, std::map<std::string, std::string>> pendingMappings;
+  mutable std::mutex insightLock;  // Guards `demanded`, and `pendingMappings` for who does not write it. A leaf.
+  std::map<std::pair<std::string, std::string>, Demand> demanded;  // By event and the subscriber's identifier.
   /// Which signals of which object are connected. A service that restarts while notices wait is found by each of them,
   /// and is to be connected once; one that is back behind a lost connection has its connections again.
   struct MappedService {
@@ -291,7 +312,7 @@ class HXMemory : public HXModule, public journal::JournalOwner, private journal:
   std::mutex mappedLock;  // Guards `mappedServices`.
   std::map<std::string, MappedService> mappedServices;
   class MappingLock;
-  std::mutex mappingMutex;                     // Guards `pendingMappings`. Outer to `mappedLock`.
+  std::mutex mappingMutex;                     // Guards `pendingMappings`. Outer to `mappedLock`, `insightLock`.
   std::atomic<std::thread::id> mappingOwner_;  // The thread that holds `mappingMutex`, so that it is not asked to wait.
   mw::SignalLink serviceRegisteredLink = mw::kInvalidSignalLink;
   const std::shared_ptr<journal::Journal> journal_;

@@ -2,7 +2,9 @@
 
 #include <hxcommon/hxproxy.h>
 #include <hxvalue/hxvalue.h>
+#include <libmw/clock.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <utility>
@@ -24,11 +26,17 @@ struct STMNotifier {
     callbackMethod = std::move(method);
   }
 
+  static constexpr std::int64_t kNeverCalled = -1;
+
   std::string callbackModule;
   HXValue callbackMessage;  ///< Handed back with every notification; an empty string when none was given.
   std::string callbackMethod;
   std::shared_ptr<HXProxy> proxy;  ///< Empty until the first notification has found the module.
   HXProxy::CallState notifyCallState{0, 0};
+  mw::SystemTimePoint since = mw::systemNow();
+  std::int64_t lastCall = kNeverCalled;  ///< Nanoseconds. Read and written as an atomic.
+  std::uint8_t timedCalls = 0;           ///< Up to some number.
+  std::uint8_t untimedCalls = 0;         ///< To come before the next that is timed.
 };
 
 }  // namespace HX

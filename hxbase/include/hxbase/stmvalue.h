@@ -4,6 +4,7 @@
 #include <hxbase/detail/scalarview.h>
 #include <hxbase/hxmemorysignal.h>
 #include <hxbase/stmnotifier.h>
+#include <hxcommon/memoryinsight.h>
 #include <hxjournal/journal.h>
 #include <hxvalue/detail/wordlock.h>
 #include <hxvalue/hxvalue.h>
@@ -40,10 +41,10 @@ extern HXBroker* staticBroker;
 /// them, or under a lock that they need.
 ///
 /// @par Locks
-/// `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. Only
-/// `valueLock` is ever taken while the table's lock is held, and under it the lock of the journal's ring. While
-/// `notifierLock` is held, subscribers are called; it is recursive, because they may come back into the item on the
-/// same thread.
+/// `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. `recordsLock` is a
+/// leaf below `notifierLock`. Only `valueLock` is ever taken while the table's lock is held, and under it the lock of
+/// the journal's ring. While `notifierLock` is held, subscribers are called; it is recursive, because they may come
+/// back into the item on the same thread.
 class alignas(64) STMValue {
  public:
   /// What an item is kept as. The numbers are part of the interface.
@@ -127,6 +128,10 @@ class alignas(64) STMValue {
   void unsubscribeNotifier(const std::string& module, const std::string& itemName);
   /// Names of the subscribers, ascending.
   std::vector<std::string> getNotifierList() const;
+  /// Whether somebody is subscribed, or is being called.
+  bool hasNotifiers() const { return !quiet_.load(std::memory_order_acquire); }
+  /// What is known of the subscriptions, but where the subscribers are. Waits for none of them.
+  std::vector<MemoryInsight::Subscriber> notifierRecords() const;
   /// Forgets the notifications that are no longer in flight.
   void xCleanFinished();
   /// How many of them are kept, those included that have ended since they were last cleaned up. For diagnosis.
@@ -206,7 +211,11 @@ class alignas(64) STMValue {
   // this is written.
   std::atomic<bool> quiet_{true};
 
-  Notifiers notifiers_;  // Guarded by notifierLock_, as are the members of the dispatch below.
+  // Changed with both notifierLock_ and recordsLock_ held, so that it is read under either: who only wants to know who
+  // is subscribed does not wait for those that are being called. The members of the dispatch below are guarded by
+  // notifierLock_ alone.
+  Notifiers notifiers_;
+  mutable WordLock recordsLock_;
   std::weak_ptr<STMValue> self_;
   mutable NotifierLock notifierLock_;
   std::list<mw::Future<void>> pendingNotifications_;

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <hxcommon/memoryinsight.h>
 #include <hxvalue/detail/wordlock.h>
 
 #include <atomic>
 #include <chrono>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace HX {
 
@@ -58,7 +60,13 @@ class NotifierLock {
   /// in that time.
   static void patrol();
 
+  /// The subscribers that are being called, of all threads.
+  static std::vector<MemoryInsight::Call> calls();
+  /// The threads that wait for a lock.
+  static std::vector<MemoryInsight::Wait> waits();
+
  private:
+  class Waiting;  // While one lives, the thread waits for a lock.
   void reportWait() const;
 
   const std::string& event_;

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <hxcommon/memoryinsight.h>
+
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace HX {
+
+/// The latest subscriptions that ended although nobody unsubscribed: of the process, which has one memory.
+///
+/// @par Threads  Any. The lock is a leaf: who adds holds the item's.
+class DroppedSubscriptions {
+ public:
+  static DroppedSubscriptions& instance();
+
+  /// Does without where there is no memory.
+  void add(const std::string& event, const std::string& module, const std::string& why) noexcept;
+  /// Oldest first.
+  std::vector<MemoryInsight::Dropped> all() const;
+  void clear();
+
+ private:
+  static constexpr std::size_t kKept = 100;
+
+  mutable std::mutex mutex_;  // Guards `latest_`.
+  std::deque<MemoryInsight::Dropped> latest_;
+};
+
+}  // namespace HX

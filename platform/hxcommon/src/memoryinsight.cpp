@@ -1,0 +1,7 @@
+#include <hxcommon/memoryinsight.h>
+
+namespace HX {
+
+MemoryInsight::~MemoryInsight() = default;
+
+}  // namespace HX
