@@ -3,6 +3,7 @@
 #include "format.h"
 #include "suggestion.h"
 
+#include <hxcommon/units.h>
 #include <hxvalue/json.h>
 
 #include <algorithm>
@@ -159,6 +160,21 @@ std::optional<std::size_t> Arguments::count(std::string_view name) const {
 
 std::optional<double> Arguments::number(std::string_view name) const {
   return positive<double>(name, option(name), "number above zero");
+}
+
+std::optional<std::chrono::nanoseconds> Arguments::duration(std::string_view name) const {
+  const auto text = option(name);
+  return text ? std::optional(toDuration(name, *text)) : std::nullopt;
+}
+
+std::chrono::nanoseconds toDuration(std::string_view what, const std::string& text) {
+  try {
+    const auto duration = HX::toDuration(text);
+    if (duration.count() > 0) return duration;
+  } catch (const std::runtime_error& error) {
+    throw InputError(fmt::format("{}: {}", what, error.what()));
+  }
+  throw InputError(fmt::format("{}: {} is not above zero", what, excerpt(text)));
 }
 
 std::size_t jsonExtent(std::string_view text) {

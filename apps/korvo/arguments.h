@@ -2,6 +2,7 @@
 
 #include <hxvalue/hxvalue.h>
 
+#include <chrono>
 #include <cstddef>
 #include <map>
 #include <optional>
@@ -75,6 +76,8 @@ class Arguments {
   std::optional<std::size_t> count(std::string_view option) const;
   /// The value of an option as a number above zero.
   std::optional<double> number(std::string_view option) const;
+  /// The value of an option as a duration above zero: "200ms".
+  std::optional<std::chrono::nanoseconds> duration(std::string_view option) const;
 
  private:
   const std::string& take(const char* what);
@@ -84,6 +87,11 @@ class Arguments {
   GivenOptions options_;
   std::size_t next_ = 0;
 };
+
+/// A duration above zero: "200ms", "1.5s", "2min".
+/// @param what  What it is, for the error: "LIMIT".
+/// @throws InputError when it is none.
+std::chrono::nanoseconds toDuration(std::string_view what, const std::string& text);
 
 /// @throws InputError when `text` has a NUL character or is not UTF-8.
 /// @param what  What it is, for the error: "the line".

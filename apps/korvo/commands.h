@@ -53,6 +53,7 @@ struct Command {
 std::span<const Command> valueCommands();
 std::span<const Command> eventCommands();
 std::span<const Command> watchCommands();
+std::span<const Command> freshnessCommands();
 std::span<const Command> serviceCommands();
 std::span<const Command> transferCommands();
 

@@ -78,6 +78,15 @@ std::string formatTime(mw::SystemTimePoint time) {
                      std::abs(offset) % 60);
 }
 
+std::string formatDuration(std::chrono::nanoseconds duration) {
+  const double seconds = std::chrono::duration<double>(duration).count();
+  if (seconds < 1e-3) return fmt::format("{:.3g}us", seconds * 1e6);
+  if (seconds < 1) return fmt::format("{:.3g}ms", seconds * 1e3);
+  if (seconds < 120) return fmt::format("{:.3g}s", seconds);
+  if (seconds < 7200) return fmt::format("{:.3g}min", seconds / 60);
+  return seconds < 48 * 3600 ? fmt::format("{:.3g}h", seconds / 3600) : fmt::format("{:.0f}d", seconds / 86400);
+}
+
 Stamped toStamped(const HXValue& triple) {
   if (triple.getSize() != 3 || !triple.isList()) {
     throw std::runtime_error("expected [value, seconds, microseconds], and got " + excerpt(triple.toString()));

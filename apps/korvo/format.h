@@ -5,6 +5,7 @@
 #include <libmw/clock.h>
 #include <libmw/text.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,6 +32,9 @@ std::optional<std::string> formatResult(const mw::AnyValue& result);
 
 /// Local time to the microsecond: "2026-03-29T12:00:00.000250+02:00".
 std::string formatTime(mw::SystemTimePoint time);
+
+/// For people, to three digits: "200ms", "1.5s", "12min", "3h".
+std::string formatDuration(std::chrono::nanoseconds duration);
 
 /// A value and when it was set.
 struct Stamped {

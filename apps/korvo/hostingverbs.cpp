@@ -88,7 +88,7 @@ Verb runVerb() {
         "--no-memory", [options] { options->memory = false; }, "Do not load the memory");
     auto* noJournal = app.add_flag_callback(
         "--no-journal", [options] { options->journal = false; },
-        "Do not offer the memory's changes to other processes");
+        "Do not offer the memory's changes to other processes, and expect no keys");
     app.add_option_function<std::string>(
            "--journal", [options](const std::string& /*keep*/) { options->keep = true; },
            "Record changes always, so that who comes back can go on after any time: keep")
@@ -115,7 +115,8 @@ Verb runVerb() {
       "with --strict nothing runs then, and the exit status is 1. Without its memory the broker ends.\n"
       "\n"
       "Beside the memory it loads the module journal, through which other processes follow the changes of the\n"
-      "memory: korvo methods HXJournal.\n"
+      "memory (korvo methods HXJournal), and the module freshness, which tells of keys that are not written in time\n"
+      "(korvo expect); --no-journal goes without both.\n"
       "\n"
       "Other processes of this user reach the broker under its name once its modules are loaded; there is one of a\n"
       "name at a time. Its service \"Broker\" loads modules, lists them and ends the broker: korvo methods Broker.\n"

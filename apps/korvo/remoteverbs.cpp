@@ -98,7 +98,7 @@ std::string_view groupOf(const Command& command) {
   const auto isIn = [&](std::span<const Command> group) {
     return std::ranges::count(group, command.name, &Command::name) > 0;
   };
-  if (isIn(valueCommands())) return "Values of a running broker";
+  if (isIn(valueCommands()) || isIn(freshnessCommands())) return "Values of a running broker";
   if (isIn(eventCommands()) || isIn(watchCommands())) return "Events of a running broker";
   if (isIn(transferCommands())) return "Whole sets of keys";
   return "Services of a running broker";

@@ -168,7 +168,7 @@ void keepJournal(const HX::HXBroker& broker) {
 /// Loads what was asked for. @return False when the broker is of no use.
 bool load(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
   std::vector<std::string> libraries = options.modules;
-  if (options.memory && options.journal) libraries.insert(libraries.begin(), "journal");
+  if (options.memory && options.journal) libraries.insert(libraries.begin(), {"journal", "freshness"});
   if (options.memory) libraries.insert(libraries.begin(), "hxmemory");
   if (!loadModules(broker, libraries, options.strict, output, ending)) return false;
   if (options.keep) keepJournal(broker);

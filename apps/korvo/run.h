@@ -10,7 +10,7 @@ namespace korvo {
 struct RunOptions : HostingOptions {
   std::string name = "korvo";
   bool memory = true;    ///< Load the memory before the modules.
-  bool journal = true;   ///< With the memory, load the module that offers its journal to other processes.
+  bool journal = true;   ///< With the memory, load the modules that stand on its journal.
   bool keep = false;     ///< The memory records its changes always, not only while somebody follows.
   bool console = false;  ///< Execute commands from standard input until it ends.
   bool live = false;     ///< Show the memory until a person leaves. At most one of the two.

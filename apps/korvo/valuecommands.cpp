@@ -13,6 +13,10 @@
 #include <array>
 #include <chrono>
 #include <cmath>
+#include <optional>
+#include <stdexcept>
+
+#include <fmt/format.h>
 
 namespace korvo {
 namespace {
@@ -32,17 +36,46 @@ void printRaw(Output& output, const HXValue& value) {
   }
 }
 
+/// Keeps values that are too old from being taken for fresh ones.
+class Staleness {
+ public:
+  /// @param limit  How old a value may be; any age where it is none.
+  Staleness(Output& output, std::optional<std::chrono::nanoseconds> limit) : output_(output), limit_(limit) {}
+
+  /// Whether a key was set within the limit.
+  bool allows(HXMemoryProxy& memory, const std::string& key) {
+    if (!limit_) return true;
+    const auto age = mw::systemNow() - toStamped(memory.getTimestamp(key)).time;
+    if (age <= *limit_) return true;
+    if (last_) output_.error(*last_);
+    last_ = fmt::format("{} is {} old, more than {}", excerpt(key), formatDuration(age), formatDuration(*limit_));
+    return false;
+  }
+  /// @throws std::runtime_error for the last key that was not; the others have been told.
+  void end() const {
+    if (last_) throw std::runtime_error(*last_);
+  }
+
+ private:
+  Output& output_;
+  const std::optional<std::chrono::nanoseconds> limit_;
+  std::optional<std::string> last_;
+};
+
 void get(Context& context, Arguments& arguments) {
   const bool asObject = arguments.has("--json");
   const bool isRaw = arguments.has("--raw");
   if (asObject && isRaw) throw InputError("--json and --raw exclude each other");
   const bool tellsKey = arguments.has(kPrefix.name) && !isRaw;
+  Staleness staleness(context.output, arguments.duration("--max-age"));
   forEachKey(context, keysOf(context, arguments), [&](HXMemoryProxy& memory, const std::string& key) {
+    if (!staleness.allows(memory, key)) return;
     const HXValue value = memory.getData(key);
     if (isRaw) return printRaw(context.output, value);
     if (asObject) return context.output.line(JsonObject().add("key", key).addValue(value).text());
     context.output.line((tellsKey ? context.shown(key) + "\t" : "") + HX::toJson(value));
   });
+  staleness.end();
 }
 
 void setLines(Context& context, Arguments& arguments, ValueReader& reader, const std::string& key) {
@@ -190,14 +223,15 @@ void descriptions(Context& context, Arguments& arguments) {
 constexpr Option kGetOptions[] = {
     kJson,
     {"--raw", "", "Print strings without quotes and escapes, and bytes as they are, without a line end"},
-    kPrefix};
+    kPrefix,
+    {"--max-age", "LIMIT", "Fail for a key that was set longer ago than this: 200ms, 5s"}};
 constexpr Option kSetOptions[] = {kString, kType, kPrefix, kYes};
 constexpr Option kRemoveOptions[] = {kPrefix, kYes};
 
 constexpr std::array kValueCommands{
     Command{"get", "KEY...", "Prints the value of each key, a line each.",
             "With --json as {\"key\":KEY,\"value\":VALUE}. With --prefix each line begins with the name of its key and "
-            "a\ntabulator.",
+            "a\ntabulator. With --max-age a key that is older is an error, and not printed.",
             "get Arm/Pose", get, kGetOptions},
     Command{"set", "KEY JSON [KEY JSON]...", "Stores a value under a key; the key is made when there is none.",
             "A number gets the type of the number that the key has, where it fits: 1 stays a float where one was. A "

@@ -51,7 +51,7 @@ class HX_API MemoryInsight {
     std::string event;
     std::string subscriber;
     TimePoint since;
-    std::string failure;  ///< Why it could not be asked; empty when it was.
+    std::string failure;        ///< Why it could not be asked; empty when it was.
     bool isSubscribed = false;  ///< Still. Otherwise it produces for nobody, unless it has noticed by itself.
   };
   struct Mapping {

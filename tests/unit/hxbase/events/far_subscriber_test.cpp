@@ -56,14 +56,19 @@ TEST_F(FarSubscriber, MissesWhatFitsNoMessageWithALineAndStaysSubscribed) {
 
 std::string bigEndian(std::size_t number) {
   std::string bytes;
-  for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(number >> static_cast<unsigned>(shift) & 0xffU);
+  for (int shift = 24; shift >= 0; shift -= 8)
+    bytes += static_cast<char>(number >> static_cast<unsigned>(shift) & 0xffU);
   return bytes;
 }
 
 /// Numbers that are written in five bytes by whoever raises them, and in nine by the broker; and as much as fits else.
 TEST_F(FarSubscriber, IsToldTheLargestValueThatAnotherProcessCanRaise) {
   const std::size_t count = kLimits.valueLimit - 7;  // So many more are the message.
-  std::string message = std::string("\x94\x00\x01\xb3HXMemory.raiseEvent\x92\xa1" "E\xdd", 27) + bigEndian(count);
+  std::string message = std::string(
+                            "\x94\x00\x01\xb3HXMemory.raiseEvent\x92\xa1"
+                            "E\xdd",
+                            27) +
+                        bigEndian(count);
   for (std::size_t i = 1; i < count; ++i) message += "\xce\xff\xff\xff\xff";
   message += "\xc6" + bigEndian(kLimits.frameLimit - message.size() - 5);
   message.resize(kLimits.frameLimit);

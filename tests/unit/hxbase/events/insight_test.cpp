@@ -73,9 +73,10 @@ TEST_F(Insight, TellsWhoIsSubscribedSinceWhenAndHowLongCallsTake) {
     memory->insertData("asked", 1);  // Nothing is locked.
   });
   EXPECT_EQ(told, "Bell Ear\n");
-  EXPECT_THAT(insight().dropped(), ElementsAre(testing::AllOf(Field(&MemoryInsight::Dropped::event, "Bell"),
-                                                              Field(&MemoryInsight::Dropped::module, "Nobody"),
-                                                              Field(&MemoryInsight::Dropped::why, HasSubstr("Nobody")))));
+  EXPECT_THAT(insight().dropped(),
+              ElementsAre(testing::AllOf(Field(&MemoryInsight::Dropped::event, "Bell"),
+                                         Field(&MemoryInsight::Dropped::module, "Nobody"),
+                                         Field(&MemoryInsight::Dropped::why, HasSubstr("Nobody")))));
 }
 
 // It is asked above all when a subscriber hangs: what is known of it must not wait for it.
@@ -122,8 +123,7 @@ TEST_F(Insight, TellsForWhomExtractorsWereAsked) {
   memory->declareEvent("Plain");
   EXPECT_EQ(insight().extractorNameOf("Scan") + insight().extractorNameOf("Plain") + insight().extractorNameOf("x"),
             "Lidar");
-  EXPECT_THAT(insight().extractedEvents(),
-              ElementsAre(testing::Pair("Echo", "Sonar"), testing::Pair("Scan", "Lidar")));
+  EXPECT_THAT(insight().extractedEvents(), ElementsAre(testing::Pair("Echo", "Sonar"), testing::Pair("Scan", "Lidar")));
   memory->subscribeToEvent("Scan", "Ear", "onEvent");
   memory->subscribeToEvent("Plain", "Ear", "onEvent");
   EXPECT_THROW(memory->subscribeToEvent("Echo", "Ear", "onEvent"), std::runtime_error);
@@ -143,7 +143,8 @@ TEST_F(Insight, TellsForWhomExtractorsWereAsked) {
   memory->subscribeToEvent("Scan", "Ear", "onEvent");
   EXPECT_EQ(insight().demands().front().since, since) << "asked again";
   memory->raiseEvent("Scan", 1);  // Ends the subscriptions of both: one fails, and one is not there.
-  EXPECT_THAT(texts(), ElementsAre("Lidar Scan Ear gone", "Lidar Scan Map gone: no power", HasSubstr("Sonar Echo Ear")));
+  EXPECT_THAT(texts(),
+              ElementsAre("Lidar Scan Ear gone", "Lidar Scan Map gone: no power", HasSubstr("Sonar Echo Ear")));
   memory->subscribeToEvent("Scan", "Ear", "onEvent");
   memory->unsubscribeToEvent("Scan", "Ear");
   EXPECT_THAT(texts(), SizeIs(2));

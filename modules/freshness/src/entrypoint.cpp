@@ -1,0 +1,4 @@
+#include "hxfreshness.h"
+
+using HX::HXFreshness;
+HX_MODULE(HXFreshness)
