@@ -26,12 +26,17 @@ namespace bench {
 /// A program that runs until this object goes.
 class Child {
  public:
-  explicit Child(std::vector<std::string> arguments) {
+  /// @param input  What its standard input is to be; that of this process where it is -1.
+  explicit Child(std::vector<std::string> arguments, int input = -1) {
     std::vector<char*> raw;
     raw.reserve(arguments.size() + 1);
     for (auto& argument : arguments) raw.push_back(argument.data());
     raw.push_back(nullptr);
-    if (::posix_spawnp(&pid_, raw.front(), nullptr, nullptr, raw.data(), environ) != 0) pid_ = -1;
+    ::posix_spawn_file_actions_t files;
+    ::posix_spawn_file_actions_init(&files);
+    if (input >= 0) ::posix_spawn_file_actions_adddup2(&files, input, STDIN_FILENO);
+    if (::posix_spawnp(&pid_, raw.front(), &files, nullptr, raw.data(), environ) != 0) pid_ = -1;
+    ::posix_spawn_file_actions_destroy(&files);
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
@@ -73,6 +78,8 @@ class PlainSocket {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
+  /// @param socket  Connected; closed at the end.
+  explicit PlainSocket(int socket) : socket_(socket) {}
   PlainSocket(const PlainSocket&) = delete;
   PlainSocket& operator=(const PlainSocket&) = delete;
   ~PlainSocket() { ::close(socket_); }

@@ -4,6 +4,7 @@
 
 #include <libmw/batch.h>
 
+#include <array>
 #include <deque>
 #include <memory>
 
@@ -30,6 +31,7 @@ class Latencies {
     action();
     times_.push_back(std::chrono::steady_clock::now() - begin);
   }
+  double last() const { return std::chrono::duration<double>(times_.back()).count(); }
   /// Adds the counters p50_us and p99_us.
   void report(benchmark::State& state) {
     if (times_.empty()) return state.SkipWithError("it did no work");
@@ -139,7 +141,89 @@ void storeAndGetLarge(benchmark::State& state) {
   state.SetLabel("control=echoLarge/real_time aim=2");
 }
 
+/// Processes that each call a method that sleeps for a millisecond.
+class Sleepers {
+ public:
+  static constexpr std::size_t kMost = 4;
+
+  static Sleepers& instance() {
+    Broker::instance();
+    static Sleepers the;
+    return the;
+  }
+
+  /// Has the first `count` of them begin so many calls each.
+  void begin(std::size_t count, std::uint32_t times) {
+    for (std::size_t i = 0; i < count; ++i) pipes_[i]->send({reinterpret_cast<const char*>(&times), sizeof times});
+  }
+  void waitFor(std::size_t count) {
+    std::string done(1, ' ');
+    for (std::size_t i = 0; i < count; ++i) pipes_[i]->receive(done);
+  }
+
+ private:
+  Sleepers() {
+    for (std::size_t i = 0; i < kMost; ++i) {
+      std::array<int, 2> ends{};
+      if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) throw std::runtime_error("no pipe");
+      pipes_.push_back(std::make_unique<bench::PlainSocket>(ends[0]));
+      children_.push_back(
+          std::make_unique<bench::Child>(std::vector{bench::peerProgram(), std::string("sleeper")}, ends[1]));
+      ::close(ends[1]);
+    }
+    begin(kMost, 1);  // They are there once they have called.
+    waitFor(kMost);
+  }
+  std::vector<std::unique_ptr<bench::PlainSocket>> pipes_;
+  std::vector<std::unique_ptr<bench::Child>> children_;
+};
+
+void sleepIn(benchmark::State& state, std::size_t processes) {
+  auto& sleepers = Sleepers::instance();
+  constexpr std::uint32_t kTimes = 10;
+  for (auto _ : state) {
+    sleepers.begin(processes, kTimes);
+    sleepers.waitFor(processes);
+  }
+}
+
+void sleepInOneProcess(benchmark::State& state) { sleepIn(state, 1); }
+
+void sleepInFourProcesses(benchmark::State& state) {
+  sleepIn(state, Sleepers::kMost);
+  state.SetLabel("control=sleepInOneProcess/real_time aim=1.3");
+}
+
+/// Not one behind the other: the processors sleep in between, as they do while another process's calls sleep.
+void rest() { std::this_thread::sleep_for(std::chrono::microseconds(300)); }
+
+void getOnIdleProgram(benchmark::State& state) {
+  auto& memory = *Broker::instance().memory;
+  memory.call("insertData", "key", 42);
+  Latencies latencies;
+  for (auto _ : state) {
+    rest();
+    latencies.measure([&] { memory.call<HXValue>("getData", "key"); });
+    state.SetIterationTime(latencies.last());
+  }
+  latencies.report(state);
+}
+
+void getBesideSleepers(benchmark::State& state) {
+  auto& sleepers = Sleepers::instance();
+  // A read and the rest before it take less than half of a call's time.
+  const auto times = static_cast<std::uint32_t>(state.max_iterations / 2 + 10);
+  sleepers.begin(1, times);
+  getOnIdleProgram(state);
+  sleepers.waitFor(1);
+  state.SetLabel("control=getOnIdleProgram/manual_time aim=2");
+}
+
 BENCHMARK(echo)->UseRealTime();
+BENCHMARK(sleepInOneProcess)->UseRealTime();
+BENCHMARK(sleepInFourProcesses)->UseRealTime();
+BENCHMARK(getOnIdleProgram)->UseManualTime();
+BENCHMARK(getBesideSleepers)->UseManualTime();
 BENCHMARK(getFromProcess)->UseRealTime();
 BENCHMARK(pipelinedGet)->UseRealTime();
 BENCHMARK(echoLarge)->UseRealTime();

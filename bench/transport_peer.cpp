@@ -4,18 +4,46 @@
 #include "socket_peer.h"
 
 #include <hxcommon/hxbroker.h>
+#include <libmw/dynamicobject.h>
 #include <libmw/local.h>
 #include <libmw/session.h>
 
 #include <iostream>
+#include <memory>
+#include <thread>
 
 namespace {
+
+/// Has a method that sleeps.
+class Sleeper : public mw::DynamicObject {
+ public:
+  Sleeper() {
+    mw::ObjectBuilder builder;
+    builder.setTypeName("Sleeper").setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+    builder.advertiseMethod({"sleep", "", "", 0}, mw::AnyFunction::from([](int microseconds) {
+                              std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
+                            }));
+    setType(builder.build());
+  }
+};
 
 void runBroker() {
   const auto broker = HX::HXBroker::create("bench");
   broker->loadModule("hxmemory");
+  broker->session()->registerService("Sleeper", mw::AnyObject(std::make_shared<Sleeper>()));
   const mw::LocalServer server(*broker->session(), "bench");
   ::pause();
+}
+
+/// Has the broker sleep for a millisecond as often as it is told on the standard input, and says each time that it did.
+void runSleeper() {
+  mw::Session session;
+  const mw::LocalClient client(session, "bench");
+  const auto sleeper = session.service("Sleeper").take();
+  for (std::uint32_t times = 0; ::read(STDIN_FILENO, &times, sizeof times) == sizeof times;) {
+    for (; times > 0; --times) sleeper->call("sleep", 1000);
+    if (::write(STDIN_FILENO, "", 1) != 1) break;
+  }
 }
 
 /// Sends back what comes, to one peer at a time.
@@ -80,6 +108,7 @@ int main(int argc, char** argv) {
   const std::string role = argc > 1 ? argv[1] : "";
   try {
     if (role == "broker") runBroker();
+    if (role == "sleeper") runSleeper();
     if (role == "echo" && argc > 2) runEcho(argv[2]);
     if (role == "listener" && argc > 3) runListener(argv[2], std::stoul(argv[3]));
     if (role == "redis-listener" && argc > 4) runRedisListener(argv[2], argv[3], std::stoul(argv[4]));

@@ -7,6 +7,7 @@
 #include <hxcommon/hxproxy.h>
 #include <libmw/deadline.h>
 #include <libmw/local.h>
+#include <libmw/remoteerror.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -71,9 +72,8 @@ std::shared_ptr<HX::HXProxy> RemoteTarget::find(const std::string& service) {
     const auto& deadlines = connection().deadlines;
     const auto found = await(session_.service(service), fmt::format("where service {} is", excerpt(service)));
     return std::make_shared<HX::HXProxy>(deadlines ? mw::withDeadline(found, service, deadlines) : found, service);
-  } catch (const mw::FutureError& error) {
-    if (error.kind() == mw::FutureError::Kind::UserError) return nullptr;
-    throw;
+  } catch (const mw::NoSuchServiceError&) {
+    return nullptr;
   }
 }
 

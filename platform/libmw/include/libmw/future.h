@@ -127,8 +127,8 @@ class Future {
   /// The same for a temporary future, which the value outlives.
   T value(std::chrono::milliseconds timeout = kInfiniteTimeout) && { return std::move(*this).take(timeout); }
 
-  /// Waits for the value and gives it away: moved when this future holds it itself, otherwise copied, because other
-  /// copies of the future may be reading it. Throws like value().
+  /// Waits and gives the value away: moved where this future holds it itself, otherwise copied, since others may read
+  /// it. Throws like value(). To run out of time cancels nothing, as other copies may still want it; `cancel` does.
   T take(std::chrono::milliseconds timeout = kInfiniteTimeout) &&;
 
   /// Whether it finished with an error; a cancelled future has none.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxerror/api.h>
+#include <libmw/future.h>
 
 #include <exception>
 #include <stdexcept>
@@ -36,10 +37,11 @@ class HX_API ConnectionLostError : public std::runtime_error {
   ~ConnectionLostError() override;
 };
 
-/// There is no service of that name.
-class HX_API NoSuchServiceError : public std::runtime_error {
+/// There is no service of that name: what a session's look-up fails with, and a call by name of a service that has
+/// gone.
+class HX_API NoSuchServiceError : public FutureError {
  public:
-  using std::runtime_error::runtime_error;
+  explicit NoSuchServiceError(const std::string& text) : FutureError(Kind::UserError, text) {}
   NoSuchServiceError(const NoSuchServiceError&) = default;
   NoSuchServiceError& operator=(const NoSuchServiceError&) = default;
   ~NoSuchServiceError() override;

@@ -77,8 +77,8 @@ class HX_API Session {
   /// Looks a service up.
   /// @param name      Name of the service.
   /// @param protocol  Empty; kept for directories that offer one service in several ways.
-  /// @return A handle on the service, at once for services of this process. Fails with a FutureError that names the
-  ///         service when there is none.
+  /// @return A handle on the service, at once for services of this process. Fails with a NoSuchServiceError, which is
+  ///         a FutureError, when there is none.
   Future<AnyObject> service(const std::string& name, const std::string& protocol = {});
 
   /// Offers `object` under `name` and announces it.

@@ -67,7 +67,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     if (detail::isForkedChild()) return;  // The connection is the parent's.
     lifetime_.destroy();
     session_.join(nullptr);
-    services_.letGo();
+    services_.close();
     const auto link = [this] {
       const std::lock_guard lock(mutex_);
       stopped_ = true;

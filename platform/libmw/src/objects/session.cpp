@@ -2,6 +2,7 @@
 #include "servicehandle.h"
 
 #include <libmw/eventloop.h>
+#include <libmw/remoteerror.h>
 #include <libmw/session.h>
 
 #include <algorithm>
@@ -279,7 +280,8 @@ RemoteDirectory::~RemoteDirectory() = default;
 namespace {
 
 Future<AnyObject> noSuchService(const std::string& name) {
-  return Future<AnyObject>::failed(fmt::format("no service named {}", name));
+  return Future<AnyObject>::failed(
+      std::make_exception_ptr(NoSuchServiceError(fmt::format("no service named {}", name))));
 }
 
 }  // namespace

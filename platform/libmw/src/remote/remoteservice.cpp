@@ -116,7 +116,7 @@ Future<void> RemoteService::connectAgain(const AnyObject& target, SignalLink fir
       });
 }
 
-void RemoteService::letGo() {
+void RemoteService::keepNoLonger() {
   std::shared_ptr<RemoteService> kept;  // Goes after the lock.
   const std::lock_guard lock(mutex_);
   isKept_ = false;
@@ -130,20 +130,20 @@ AnyObject RemoteServices::handle(const std::string& name, const AnyObject& found
     const std::lock_guard lock(mutex_);
     known = known_[name].lock();
     if (!known || (known->target() != found && !known->isLost())) {
-      if (known) known->letGo();
+      if (known) known->keepNoLonger();
       return makeLocked(name, found);
     }
   }
   if (known->bind(found)) return AnyObject(std::move(known));
   const std::lock_guard lock(mutex_);
-  known->letGo();
+  known->keepNoLonger();
   return makeLocked(name, found);
 }
 
 AnyObject RemoteServices::makeLocked(const std::string& name, const AnyObject& found) {
   std::erase_if(known_, [&](const auto& one) { return one.second.expired(); });
   const auto made = std::make_shared<RemoteService>(name, found);
-  if (isOver_) made->letGo();
+  if (isOver_) made->keepNoLonger();
   known_[name] = made;
   return AnyObject(made);
 }
@@ -157,12 +157,12 @@ std::vector<std::shared_ptr<RemoteService>> RemoteServices::inUse() const {
   return all;
 }
 
-void RemoteServices::letGo() {
+void RemoteServices::close() {
   {
     const std::lock_guard lock(mutex_);
     isOver_ = true;
   }
-  for (const auto& service : inUse()) service->letGo();
+  for (const auto& service : inUse()) service->keepNoLonger();
 }
 
 bool RemoteServices::isLost(const std::string& name) const {

@@ -37,7 +37,7 @@ class RemoteService final : public ForwardingObject {
   /// @return What finishes when that is done; none, with nothing done, when `target` offers something else.
   std::optional<std::vector<Future<void>>> bind(const AnyObject& target);
   /// Its connections are no reason to stay any more.
-  void letGo();
+  void keepNoLonger();
 
  private:
   struct Connection {
@@ -72,7 +72,7 @@ class RemoteServices {
   /// @param patience  How long to wait for their signal connections.
   void bindAll(const std::function<AnyObject(const std::string&)>& find, std::chrono::milliseconds patience);
   /// There will be no more connections.
-  void letGo();
+  void close();
 
  private:
   AnyObject makeLocked(const std::string& name, const AnyObject& found);

@@ -591,6 +591,9 @@ TEST_F(JoinedSessions, ToldApartByTypeWhatFails) {
   const LocalClient alsoJoined(third, "torso");
   client.registerService("Mine", makeService("Mine")->method("fail", [] { throw NoSuchServiceError("X"); }).build());
   EXPECT_THROW(lookUp(third, "Mine")->call("fail"), NoSuchServiceError) << "through the broker";
+  for (Session* const session : {&broker, &client}) {
+    EXPECT_THROW(session->service("Nobody").value(), NoSuchServiceError);
+  }
   server.reset();
   EXPECT_THROW(echo->call("echo", 1), ConnectionLostError);
 }
