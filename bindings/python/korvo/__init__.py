@@ -1,0 +1,35 @@
+"""A robot in three lines.
+
+    import korvo
+
+    robot = korvo.connect()              # the only broker that runs; or its name, or KORVO_BROKER
+    robot["Arm/Speed"] = 0.5
+    print(robot["Arm/Speed"])
+
+See `help(korvo.Robot)` for the memory, its events and how to follow them, `help(korvo.Module)` for modules written in
+Python, and `help(robot.service("HXMemory"))` for what a service offers.
+"""
+
+import atexit as _atexit
+
+from . import _native
+from ._errors import CallError, Cancelled, Error, NoSuchKey, NoSuchService, NotConnected, Timeout, error_of, fields_of
+from ._following import Change, Follow, Watch
+from ._future import Future
+from ._hosting import Host, Module, method, on, signal
+from ._object import Method, Object, Signal
+from ._robot import KeyInfo, Robot, connect
+from ._state import callbacks as _callbacks
+from ._values import Float32, Int64
+
+__all__ = [
+    "CallError", "Cancelled", "Change", "Error", "Float32", "Follow", "Future", "Host", "Int64", "KeyInfo", "Method",
+    "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Signal", "Timeout", "Watch", "connect",
+    "method", "on", "signal",
+]
+
+_native.install({
+    "Float32": Float32, "Int64": Int64, "Object": Object, "Change": Change, "callbacks": _callbacks,
+    "error_of": error_of, "fields_of": fields_of,
+})
+_atexit.register(_native.end)

@@ -1,0 +1,207 @@
+#include "follower.h"
+
+#include "values.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <sys/eventfd.h>
+#include <unistd.h>
+#include <utility>
+
+namespace korvo::python {
+namespace {
+
+namespace journal = HX::journal;
+
+/// A change as the program gets it.
+struct Told {
+  std::string key;
+  HX::HXValue value;
+  HX::HXValue old;
+  journal::TimePoint time;
+  std::string author;
+  std::uint64_t lost;
+  const char* what;
+};
+
+const char* nameOf(const journal::Change& change) {
+  if (change.isState) return "state";
+  switch (change.what) {
+    case journal::What::Stored:
+      return "stored";
+    case journal::What::Raised:
+      return "raised";
+    case journal::What::RaisedMicro:
+      return "raised micro";
+    case journal::What::Declared:
+      return "declared";
+    case journal::What::Described:
+      return "described";
+    case journal::What::Removed:
+      return "removed";
+  }
+  return "stored";
+}
+
+py::object changeFrom(const Told& told) {
+  const double seconds = std::chrono::duration<double>(told.time.time_since_epoch()).count();
+  return callPython(Kinds::instance().change, toPython(HX::HXValue(told.key)), toPython(told.value), toPython(told.old),
+                    seconds, toPython(HX::HXValue(told.author)), told.lost, told.what);
+}
+
+}  // namespace
+
+/// Filled on the event loop, emptied by the program.
+class Follower::Queue {
+ public:
+  Queue(std::size_t capacity, bool snapshot) : capacity_(std::max<std::size_t>(1, capacity)), snapshot_(snapshot) {
+    if (file_ < 0) throw std::runtime_error("no file for the changes that are followed: too many are open");
+  }
+  Queue(const Queue&) = delete;
+  Queue& operator=(const Queue&) = delete;
+  ~Queue() { ::close(file_); }
+
+  void add(const journal::Change& change) {
+    const std::lock_guard lock(mutex_);
+    State& known = known_[std::string(change.key)];
+    const bool isTold = isNewsLocked(change, known);
+    const std::uint64_t missed = missedLocked(change, known);
+    HX::HXValue old = std::exchange(known.value, change.what == journal::What::Described ? known.value : change.value);
+    if (change.nth != 0) known.nth = change.nth;
+    if (isTold) {
+      tellLocked({std::string(change.key), change.value, std::move(old), change.time, std::string(change.author),
+                  missed, nameOf(change)});
+    }
+    if (change.what == journal::What::Removed) known_.erase(std::string(change.key));
+  }
+
+  void completed() {
+    const std::lock_guard lock(mutex_);
+    isFirst_ = false;
+  }
+
+  void end() {
+    const std::lock_guard lock(mutex_);
+    ended_ = true;
+    ready_.notify_all();
+    signalLocked();
+  }
+
+  bool wait(std::chrono::milliseconds longest) {
+    std::unique_lock lock(mutex_);
+    const auto isReady = [this] { return ended_ || !told_.empty(); };
+    if (longest >= mw::kInfiniteTimeout) {
+      ready_.wait(lock, isReady);
+      return true;
+    }
+    return ready_.wait_for(lock, longest, isReady);
+  }
+
+  /// @return None when it has ended and is empty.
+  std::optional<std::deque<Told>> take() {
+    const std::lock_guard lock(mutex_);
+    if (told_.empty() && ended_) return std::nullopt;
+    std::deque<Told> all;
+    all.swap(told_);
+    if (!ended_ && std::exchange(signalled_, false)) {
+      std::uint64_t count = 0;
+      static_cast<void>(!::read(file_, &count, sizeof count));
+    }
+    return all;
+  }
+
+  int file() const { return file_; }
+
+ private:
+  struct State {
+    HX::HXValue value;
+    std::uint32_t nth = 0;
+  };
+
+  /// The first snapshot tells what is there, and later ones what was missed.
+  bool isNewsLocked(const journal::Change& change, const State& known) const {
+    if (!change.isState) return true;
+    return isFirst_ ? snapshot_ : known.nth != change.nth || known.value != change.value;
+  }
+
+  static std::uint64_t missedLocked(const journal::Change& change, const State& known) {
+    if (known.nth == 0 || change.nth <= known.nth) return 0;
+    const std::uint64_t between = change.nth - known.nth - 1;
+    return between - std::min<std::uint64_t>(between, change.leftOut);
+  }
+
+  void tellLocked(Told told) {
+    told_.push_back(std::move(told));
+    if (told_.size() > capacity_) {
+      const std::uint64_t dropped = told_.front().lost + 1;
+      told_.pop_front();
+      told_.front().lost += dropped;
+    }
+    ready_.notify_one();
+    signalLocked();
+  }
+
+  void signalLocked() {
+    if (std::exchange(signalled_, true)) return;
+    const std::uint64_t one = 1;
+    static_cast<void>(!::write(file_, &one, sizeof one));
+  }
+
+  const std::size_t capacity_;
+  const bool snapshot_;
+  const int file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  std::mutex mutex_;  // Guards everything below.
+  std::condition_variable ready_;
+  std::deque<Told> told_;
+  std::map<std::string, State, std::less<>> known_;
+  bool isFirst_ = true;
+  bool ended_ = false;
+  bool signalled_ = false;
+};
+
+Follower::Follower(const std::shared_ptr<HX::HXBroker>& broker, const Wanted& wanted)
+    : queue_(std::make_shared<Queue>(wanted.capacity, wanted.snapshot)) {
+  journal::FollowOptions options;
+  options.rate = wanted.rate;
+  // Also where it is not told: it makes known what a key was before.
+  options.snapshot = true;
+  options.onComplete = [queue = queue_](journal::Position) { queue->completed(); };
+  follow_ = HX::follow(
+      broker, journal::Filter(wanted.patterns), [queue = queue_](const journal::Change& change) { queue->add(change); },
+      std::move(options));
+}
+
+Follower::~Follower() { follow_.end(); }
+
+py::object Follower::take(std::optional<double> limit) {
+  requireUsable();
+  const Limit within(limit);
+  if (!waitWhile(within, [this](std::chrono::milliseconds longest) { return queue_->wait(longest); }))
+    return py::list();
+  const auto taken = queue_->take();
+  if (!taken) return py::none();
+  py::list changes(taken->size());
+  for (std::size_t i = 0; i < taken->size(); ++i) changes[i] = changeFrom((*taken)[i]);
+  return changes;
+}
+
+std::function<void()> Follower::ending() const {
+  return [weak = std::weak_ptr(queue_)] {
+    if (const auto queue = weak.lock()) queue->end();
+  };
+}
+
+int Follower::file() const { return queue_->file(); }
+
+void Follower::end() {
+  if (isForked()) return;
+  queue_->end();
+  withoutGil([this] { follow_.end(); });
+}
+
+}  // namespace korvo::python

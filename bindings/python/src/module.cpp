@@ -1,0 +1,83 @@
+#include "connection.h"
+#include "errors.h"
+#include "follower.h"
+#include "future.h"
+#include "hosting.h"
+#include "interpreter.h"
+#include "object.h"
+#include "values.h"
+
+#include <libmw/local.h>
+
+#include <pybind11/stl.h>
+
+/// The extension `korvo._native`. Users see what the Python files beside it make of it.
+
+namespace {
+
+using namespace korvo::python;
+using pybind11::arg;
+
+void install(const py::dict& kinds) {
+  Kinds& all = Kinds::instance();
+  all.float32 = kinds["Float32"];
+  all.int64 = kinds["Int64"];
+  all.object = kinds["Object"];
+  all.change = kinds["Change"];
+  all.callbacks = kinds["callbacks"];
+  all.errorOf = kinds["error_of"];
+  all.fieldsOf = kinds["fields_of"];
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_native, native) {
+  prepareInterpreter();
+  registerErrors();
+  native.def("install", install);
+  native.def("end", [] { endInterpreter(Connection::closeAll); });
+  native.def("is_ending", isEnding);
+  native.def("running_brokers", [] { return withoutGil(mw::runningBrokers); });
+
+  py::class_<PendingResult, Held<PendingResult>>(native, "Future")
+      .def("done", &PendingResult::isDone)
+      .def("cancelled", &PendingResult::isCancelled)
+      .def("cancel", &PendingResult::cancel)
+      .def("result", &PendingResult::result, arg("timeout"))
+      .def("exception", &PendingResult::exception, arg("timeout"))
+      .def("notify", &PendingResult::notify, arg("callback"));
+
+  py::class_<NativeObject, Held<NativeObject>>(native, "Object")
+      .def_property_readonly("name", &NativeObject::name)
+      .def_property_readonly("number", &NativeObject::number)
+      .def("is_same", &NativeObject::isSame, arg("other"))
+      .def("describe", &NativeObject::describe)
+      .def("call", &NativeObject::call, arg("method"), arg("arguments"), arg("timeout"))
+      .def("start", &NativeObject::start, arg("method"), arg("arguments"))
+      .def("emit", &NativeObject::emit, arg("signal"), arg("arguments"))
+      .def("connect", &NativeObject::connect, arg("signal"), arg("callback"))
+      .def("disconnect", &NativeObject::disconnect, arg("link"))
+      .def("property", &NativeObject::property, arg("name"), arg("timeout"))
+      .def("set_property", &NativeObject::setProperty, arg("name"), arg("value"), arg("timeout"));
+
+  py::class_<HostedModule, Held<HostedModule>>(native, "HostedModule")
+      .def("emit", &HostedModule::emit, arg("signal"), arg("arguments"))
+      .def("sleep", &HostedModule::sleep, arg("seconds"))
+      .def("close", &HostedModule::close);
+
+  py::class_<Follower, Held<Follower>>(native, "Follower")
+      .def("take", &Follower::take, arg("timeout"))
+      .def("file", &Follower::file)
+      .def("end", &Follower::end);
+
+  py::class_<Connection, Held<Connection>>(native, "Connection")
+      .def(py::init([](const std::string& broker) { return Held<Connection>(new Connection(broker)); }), arg("broker"))
+      .def_property_readonly("broker", &Connection::broker)
+      .def_property_readonly("is_connected", &Connection::isConnected)
+      .def("service", &Connection::service, arg("name"), arg("timeout"))
+      .def("services", &Connection::services, arg("timeout"))
+      .def("notify", &Connection::notify, arg("callback"))
+      .def("host", &Connection::host, arg("description"))
+      .def("follow", &Connection::follow, arg("wanted"))
+      .def("close", &Connection::close);
+}
