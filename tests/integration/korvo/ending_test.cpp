@@ -146,7 +146,8 @@ INSTANTIATE_TEST_SUITE_P(By, Crashes,
                                          Crash{"abort", SIGABRT, "SIGABRT", ", thread korvo"},
                                          Crash{"throw", SIGABRT, "an exception that nobody catches",
                                                ": the motor burns\n"},
-                                         Crash{"signal", SIGFPE, "SIGFPE", ", thread korvo"}),
+                                         Crash{"signal", SIGFPE, "SIGFPE", ", thread korvo"},
+                                         Crash{"overflow", SIGSEGV, "SIGSEGV", ", thread default"}),
                          [](const auto& row) { return std::string(row.param.how); });
 
 }  // namespace

@@ -1,9 +1,11 @@
 #include <hxcommon/hxmodule.h>
+#include <libmw/eventloop.h>
 
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -16,7 +18,7 @@ class Troubled : public HX::HXModule {
  public:
   Troubled(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
     functionName("crash", getName(), "Does what ends a process.");
-    addParam("how", "segv, call, abort, throw or signal.");
+    addParam("how", "segv, call, abort, throw, signal or overflow.");
     bindMethod(this, &Troubled::crash);
     functionName("fork", getName(), "Has a child, which calls exit or stays for some seconds.");
     addParam("how", "exit or stay.");
@@ -51,12 +53,19 @@ class Troubled : public HX::HXModule {
     if (how == "abort") std::abort();
     if (how == "throw") std::thread([] { throw std::runtime_error("the motor burns"); }).join();
     if (how == "signal") std::raise(SIGFPE);
+    if (how == "overflow") mw::defaultLoop().async([] { std::cout << dig(0); }).wait();
   }
 
  private:
   static volatile int* nothing() {
     static int* volatile address = nullptr;
     return address;
+  }
+
+  /// Until the stack of the thread is used up.
+  static int dig(int depth) {
+    volatile char earth[4096] = {};
+    return depth < std::numeric_limits<int>::max() ? dig(depth + 1) + earth[depth % 4096] : 0;
   }
 
   void meet(std::string_view stage) {

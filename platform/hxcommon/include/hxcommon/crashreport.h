@@ -8,8 +8,8 @@ namespace HX {
 /// error, in one line, in which module it happened. Then it takes its course: the process ends by its signal, with a
 /// core file where the system writes one.
 ///
-/// Named is the innermost module library among the functions that were running, and its modules. Threads that have
-/// outgrown their stack say nothing, except the first one.
+/// Named is the innermost module library among the functions that were running, and its modules. A thread that has
+/// outgrown its stack says so too, if it is the first one or one that runs calls; those that modules start do not.
 ///
 /// Replaces the process's handlers of those signals, and its terminate handler. Does nothing under a sanitizer, which
 /// tells more. Once, by the first thread.

@@ -114,7 +114,7 @@ class HX_API DynamicObject : public GenericObject {
 
  private:
   struct State;
-  Future<AnyValue> invoke(const AnyFunction& function, GenericFunctionParameters parameters);
+  Future<AnyValue> invoke(unsigned method, const AnyFunction& function, GenericFunctionParameters parameters);
   std::shared_ptr<detail::QueuedCall> queued(unsigned method, GenericFunctionParameters parameters);
   SignalBase& requireSignal(unsigned id) const;
   bool hasProperty(unsigned id) const;

@@ -1,6 +1,7 @@
 #include "poller.h"
 
 #include "../runtime/processend.h"
+#include "../runtime/signalstack.h"
 
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
@@ -199,6 +200,7 @@ Poller::Told Poller::waitOnce(std::vector<remote::Work>& works) {
 
 void Poller::runThread() {
   ::pthread_setname_np(::pthread_self(), "link");
+  const mw::detail::SignalStack forOverflow;
   std::vector<remote::Work> works;
   for (auto told = Told::Nothing; told != Told::End;) {
     told = waitOnce(works);

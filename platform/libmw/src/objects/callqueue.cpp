@@ -19,18 +19,8 @@ constexpr std::chrono::seconds kPatience{5};
 
 /// The scope of a thread that works for itself. Null when the thread is about to end.
 CallerScope* callerOfThread() {
-  if (auto* const present = CallerScope::present()) return present;
-  HX_THREAD_LOCAL static constinit bool isOver = false;
-  struct Kept {
-    Kept() = default;
-    Kept(const Kept&) = delete;
-    Kept& operator=(const Kept&) = delete;
-    ~Kept() { isOver = true; }
-    CallerScope scope;
-  };
-  if (isOver) return nullptr;
-  static thread_local Kept kept;
-  return &kept.scope;
+  auto* const present = CallerScope::present();
+  return present ? present : ofThisThread<CallerScope>();
 }
 
 }  // namespace

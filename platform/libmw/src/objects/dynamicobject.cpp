@@ -116,7 +116,7 @@ Future<AnyValue> DynamicObject::metaCall(unsigned method, GenericFunctionParamet
   if (callType == MetaCallType::Auto) {
     if (const MetaMethod* described = metaObject().method(method)) callType = described->callType;
   }
-  if (callType != MetaCallType::Queued) return invoke(*function, parameters);
+  if (callType != MetaCallType::Queued) return invoke(method, *function, parameters);
   auto call = queued(method, parameters);
   auto result = call->promiseResult();
   detail::queueCall(*this, std::move(call));
@@ -127,14 +127,15 @@ std::shared_ptr<detail::QueuedCall> DynamicObject::queued(unsigned method, Gener
   const auto self = std::static_pointer_cast<DynamicObject>(shared_from_this());
   return detail::makeQueuedCall([self, method] { return self->memberName(method); },
                                 [self, method, owned = OwnedParameters(parameters)] {
-                                  return self->invoke(*self->type_->method(method), owned.references());
+                                  return self->invoke(method, *self->type_->method(method), owned.references());
                                 });
 }
 
-Future<AnyValue> DynamicObject::invoke(const AnyFunction& function, GenericFunctionParameters parameters) {
+Future<AnyValue> DynamicObject::invoke(unsigned method, const AnyFunction& function,
+                                       GenericFunctionParameters parameters) {
   try {
     detail::awaitQueuedCalls(*this);
-    const detail::InsideCall inside;
+    const detail::InsideCall inside(*this, method);
     const HX::Author::Scope inItsName(author_);
     std::unique_lock<std::recursive_mutex> lock;
     if (type_->threadingModel() == ObjectThreadingModel::SingleThread) lock = std::unique_lock(state_->serialised);
@@ -148,7 +149,7 @@ void DynamicObject::metaPost(unsigned member, GenericFunctionParameters paramete
   if (type_->method(member)) return detail::queueCall(*this, queued(member, parameters));
   SignalBase& signal = requireSignal(member);
   detail::awaitQueuedCalls(*this);
-  const detail::InsideCall inside;
+  const detail::InsideCall inside(*this, member);
   signal.trigger(parameters);
 }
 

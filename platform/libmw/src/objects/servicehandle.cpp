@@ -6,6 +6,8 @@
 #include <libmw/log.h>
 
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -82,9 +84,13 @@ Future<void> ServiceHandle::metaSetProperty(unsigned property, const AnyValue& v
 
 void ServiceHandle::drain(std::chrono::milliseconds patience) {
   if (gate_.drainFor(patience)) return;
-  log::warning(
-      "mw.session", "unregisterService",
-      fmt::format("service {}: still waiting, after {} ms, for calls that run in it", name_, patience.count()));
+  std::vector<std::string> running;
+  for (const unsigned member : detail::RunningCalls::of(target_.pointer().get())) {
+    running.push_back(target_->memberName(member));
+  }
+  log::warning("mw.session", "unregisterService",
+               fmt::format("service {}: still waiting, after {} ms, for calls that run in it: {}", name_,
+                           patience.count(), fmt::join(running, ", ")));
   gate_.drain();
 }
 

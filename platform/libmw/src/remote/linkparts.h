@@ -2,7 +2,7 @@
 
 // What the sources of a Link share: link.cpp calls, link_serving.cpp is called, link_signals.cpp emits and delivers.
 
-#include "../runtime/threadlocal.h"
+#include "../runtime/threadkept.h"
 #include "link.h"
 #include "outputbatch.h"
 
@@ -20,6 +20,8 @@
 
 namespace mw::remote {
 
+using mw::detail::ofThisThread;
+
 inline constexpr const char* kCategory = "mw.link";
 /// Bytes to begin a message with.
 inline constexpr std::size_t kUsualFrame = 128;
@@ -30,26 +32,6 @@ inline constexpr std::string_view kAuthor = "korvo.author";
 inline constexpr std::string_view kCancel = "korvo.cancel";
 /// By which a broker says why it takes no connection; the end follows.
 inline constexpr std::string_view kRefused = "korvo.refused";
-
-/// The T of the calling thread. Null when that has gone: objects that go when the thread ends may still send.
-template <class T>
-T* ofThisThread() {
-  HX_THREAD_LOCAL static T* now = nullptr;
-  HX_THREAD_LOCAL static bool isOver = false;
-  struct Holder {
-    Holder() { now = &value; }
-    Holder(const Holder&) = delete;
-    Holder& operator=(const Holder&) = delete;
-    ~Holder() {
-      now = nullptr;
-      isOver = true;
-    }
-    T value;
-  };
-  if (now || isOver) return now;
-  static thread_local Holder holder;
-  return &holder.value;
-}
 
 /// Where a message is written. Memory comes from the thread's last one, so that it is not asked for with every message.
 class FrameBuffer {

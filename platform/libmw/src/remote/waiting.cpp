@@ -1,6 +1,6 @@
 #include "waiting.h"
 
-#include "../runtime/threadlocal.h"
+#include "../runtime/threadkept.h"
 #include "../runtime/threadwait.h"
 #include "channel.h"
 #include "outputbatch.h"
@@ -189,11 +189,6 @@ class Waiters {
 /// How the calling thread waits.
 class WaitingThread final : public detail::ThreadWait {
  public:
-  static WaitingThread& current() {
-    static thread_local WaitingThread the;
-    return the;
-  }
-
   WaitingThread() { setCurrent(this); }
   WaitingThread(const WaitingThread&) = delete;
   WaitingThread& operator=(const WaitingThread&) = delete;
@@ -320,7 +315,7 @@ Expectation::~Expectation() {
 }
 
 void serveWhileWaiting() {
-  if (!detail::ThreadWait::current()) WaitingThread::current();
+  if (!detail::ThreadWait::current()) detail::ofThisThread<WaitingThread>();
 }
 
 bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task) {
@@ -330,9 +325,13 @@ bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task
 Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, Calling then,
                          const detail::FutureStateBase& answer) {
   servedByThisThread().domain = domain;
-  return WaitingThread::current().expect(channel, then, answer);
+  auto* const thread = detail::ofThisThread<WaitingThread>();
+  return thread ? thread->expect(channel, then, answer) : Expectation();
 }
 
-bool claimAnswer() { return WaitingThread::current().claim(); }
+bool claimAnswer() {
+  auto* const thread = detail::ofThisThread<WaitingThread>();
+  return thread && thread->claim();
+}
 
 }  // namespace mw::remote

@@ -1,10 +1,15 @@
 #pragma once
 
-#include "threadlocal.h"
+#include "runningcalls.h"
+#include "threadkept.h"
 
 #include <memory>
 #include <utility>
 #include <vector>
+
+namespace mw {
+class GenericObject;
+}
 
 namespace mw::detail {
 
@@ -33,15 +38,23 @@ class CallerScope {
 /// While one lives, the calling thread is inside a call of an object of this process.
 class InsideCall {
  public:
-  InsideCall() noexcept { ++depth_; }
+  /// @param object  To be told by `RunningCalls::of`.
+  InsideCall(const GenericObject& object, unsigned member) noexcept : calls_(ofThisThread<RunningCalls>()) {
+    if (calls_) calls_->enter(&object, member);
+  }
   InsideCall(const InsideCall&) = delete;
   InsideCall& operator=(const InsideCall&) = delete;
-  ~InsideCall() { --depth_; }
+  ~InsideCall() {
+    if (calls_) calls_->leave();
+  }
 
-  static bool isHere() noexcept { return depth_ > 0; }
+  static bool isHere() noexcept {
+    const auto* const calls = ofThisThread<RunningCalls>();
+    return calls && calls->isInside();
+  }
 
  private:
-  HX_THREAD_LOCAL static inline constinit unsigned depth_ = 0;
+  RunningCalls* const calls_;
 };
 
 }  // namespace mw::detail

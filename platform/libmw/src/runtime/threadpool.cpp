@@ -2,6 +2,7 @@
 
 #include "callerscope.h"
 #include "processend.h"
+#include "signalstack.h"
 
 #include <libmw/log.h>
 
@@ -121,6 +122,7 @@ void ThreadPool::startThread(void (ThreadPool::*body)()) {
   std::thread thread([self = shared_from_this(), body] {
     pthread_setname_np(pthread_self(), self->options_.name.substr(0, kLongestThreadName).c_str());
     currentPool = self.get();
+    const detail::SignalStack forOverflow;
     (self.get()->*body)();
     self->threadEnded();
   });
