@@ -9,43 +9,56 @@ include(GNUInstallDirs)
 # Where modules are installed, relative to the prefix: `korvo run --module <name>` looks there.
 set(KORVO_MODULE_DIR "${CMAKE_INSTALL_LIBDIR}/korvo/modules")
 
+# What the two commands below have in common. Sets ARG_SOURCES, ARG_LINK and ARG_INSTALL where it is called.
+macro(_korvo_arguments command name)
+  cmake_parse_arguments(ARG "INSTALL" "" "SOURCES;LINK" ${ARGN})
+  if(NOT ARG_SOURCES OR ARG_UNPARSED_ARGUMENTS)
+    message(FATAL_ERROR "${command}(${name}): expects SOURCES <file>... [LINK <target>...] [INSTALL]; "
+                        "not understood: '${ARG_UNPARSED_ARGUMENTS}'")
+  endif()
+endmacro()
+
+# rpath: from where it is installed to where the libraries are.
+function(_korvo_target name link install rpath)
+  target_compile_features(${name} PRIVATE cxx_std_20)
+  target_link_libraries(${name} PRIVATE ${link} Korvo::hxcommon Korvo::hxproxies)
+  set_target_properties(${name} PROPERTIES
+    CXX_EXTENSIONS OFF
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    INSTALL_RPATH "${rpath}"
+    INSTALL_RPATH_USE_LINK_PATH ON)
+  # These are set inside the Korvo tree only: an outside project keeps its own warnings.
+  if(TARGET korvo_warnings)
+    target_link_libraries(${name} PRIVATE korvo_warnings)
+  endif()
+  if(install)
+    if(TARGET installation)
+      add_dependencies(installation ${name})
+    endif()
+    install(TARGETS ${name}
+      LIBRARY DESTINATION "${KORVO_MODULE_DIR}"
+      RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+  endif()
+endfunction()
+
 # korvo_module(<name> SOURCES <file>... [LINK <target>...] [INSTALL])
 #
 # A library that a broker loads at run time (lib<name>.so, never linked against). It is linked with what a module is
 # written against, the module framework and the proxies; LINK adds to that. INSTALL puts it into KORVO_MODULE_DIR.
 function(korvo_module name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "INSTALL" "" "SOURCES;LINK")
-  if(NOT ARG_SOURCES OR ARG_UNPARSED_ARGUMENTS)
-    message(FATAL_ERROR "korvo_module(${name}): expects SOURCES <file>... [LINK <target>...] [INSTALL]; "
-                        "not understood: '${ARG_UNPARSED_ARGUMENTS}'")
-  endif()
+  _korvo_arguments(korvo_module ${name} ${ARGN})
   add_library(${name} MODULE ${ARG_SOURCES})
-  target_compile_features(${name} PRIVATE cxx_std_20)
-  target_link_libraries(${name} PRIVATE ${ARG_LINK} Korvo::hxcommon Korvo::hxproxies)
-  set_target_properties(${name} PROPERTIES
-    PREFIX lib
-    CXX_EXTENSIONS OFF
-    CXX_VISIBILITY_PRESET hidden
-    VISIBILITY_INLINES_HIDDEN ON
-    INSTALL_RPATH "$ORIGIN/../.."
-    INSTALL_RPATH_USE_LINK_PATH ON)
+  _korvo_target(${name} "${ARG_LINK}" ${ARG_INSTALL} "$ORIGIN/../..")
+  set_target_properties(${name} PROPERTIES PREFIX lib)
   # A function that nobody defines fails the link here rather than the load in a running broker. Sanitized builds
   # leave the sanitizer's own functions to the program.
   if(NOT "${CMAKE_CXX_FLAGS} ${CMAKE_MODULE_LINKER_FLAGS}" MATCHES "-fsanitize")
     target_link_options(${name} PRIVATE LINKER:--no-undefined)
   endif()
-  # These are set inside the Korvo tree only: an outside project keeps its own warnings and its own folders.
-  if(TARGET korvo_warnings)
-    target_link_libraries(${name} PRIVATE korvo_warnings)
-  endif()
+  # Likewise: an outside project keeps its own folders.
   if(KORVO_MODULE_OUTPUT_DIRECTORY)
     set_target_properties(${name} PROPERTIES LIBRARY_OUTPUT_DIRECTORY "${KORVO_MODULE_OUTPUT_DIRECTORY}")
-  endif()
-  if(ARG_INSTALL)
-    if(TARGET installation)
-      add_dependencies(installation ${name})
-    endif()
-    install(TARGETS ${name} LIBRARY DESTINATION "${KORVO_MODULE_DIR}")
   endif()
 endfunction()
 
@@ -54,28 +67,8 @@ endfunction()
 # A program that has a broker of its own, or joins one: it is linked with what a module is written against, and a module
 # can be a part of it. LINK adds to that. INSTALL puts it among the programs of the prefix.
 function(korvo_program name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "INSTALL" "" "SOURCES;LINK")
-  if(NOT ARG_SOURCES OR ARG_UNPARSED_ARGUMENTS)
-    message(FATAL_ERROR "korvo_program(${name}): expects SOURCES <file>... [LINK <target>...] [INSTALL]; "
-                        "not understood: '${ARG_UNPARSED_ARGUMENTS}'")
-  endif()
+  _korvo_arguments(korvo_program ${name} ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
-  target_compile_features(${name} PRIVATE cxx_std_20)
-  target_link_libraries(${name} PRIVATE ${ARG_LINK} Korvo::hxcommon Korvo::hxproxies)
-  set_target_properties(${name} PROPERTIES
-    CXX_EXTENSIONS OFF
-    CXX_VISIBILITY_PRESET hidden
-    VISIBILITY_INLINES_HIDDEN ON
-    POSITION_INDEPENDENT_CODE ON
-    INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}"
-    INSTALL_RPATH_USE_LINK_PATH ON)
-  if(TARGET korvo_warnings)
-    target_link_libraries(${name} PRIVATE korvo_warnings)
-  endif()
-  if(ARG_INSTALL)
-    if(TARGET installation)
-      add_dependencies(installation ${name})
-    endif()
-    install(TARGETS ${name} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
-  endif()
+  _korvo_target(${name} "${ARG_LINK}" ${ARG_INSTALL} "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
 endfunction()
