@@ -16,6 +16,8 @@
 
 namespace mw {
 
+inline AnyObject lookUp(Session& session, const std::string& name) { return session.service(name).take(); }
+
 /// A broker's session and another that has joined it, by a socket.
 class JoinedSessions : public testing::Test {
  protected:

@@ -3,24 +3,17 @@
 #include "joined_sessions.h"
 #include "random_value.h"
 #include "service.h"
-#include "sitter.h"
 
 #include <hxerror/hxerror.h>
-#include <libmw/batch.h>
-#include <libmw/deadline.h>
 #include <libmw/dynamicobject.h>
-#include <libmw/eventloop.h>
 #include <libmw/objecttypebuilder.h>
 #include <libmw/remoteerror.h>
-#include <libmw/servedcall.h>
 #include <libmw/signal.h>
 
 #include <algorithm>
 #include <atomic>
 #include <functional>
 #include <future>
-#include <semaphore>
-#include <stop_token>
 
 #include <gmock/gmock.h>
 
@@ -29,8 +22,6 @@ namespace {
 
 using HX::HXValue;
 using testing::HasSubstr;
-
-AnyObject lookUp(Session& session, const std::string& name) { return session.service(name).take(); }
 
 TEST_F(JoinedSessions, CarryValuesOfEveryTypeUnchanged) {
   broker.registerService("Echo", makeService("Echo")->method("echo", [](const HXValue& v) { return v; }).build());
@@ -352,144 +343,6 @@ TEST_F(JoinedSessions, StartOneThreadsCallsInTheirOrder) {
   for (int i = 0; i < 300; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
 }
 
-TEST_F(JoinedSessions, FailPendingCallsWhenThePeerGoesAndComeBackWithIt) {
-  kit::Sitter sitter;
-  broker.registerService("Slow", makeService("Slow")->method("wait", [&] { sitter.sit(); }).build());
-  client.registerService("Mine", makeService("Mine")->method("one", [] { return 1; }).build());
-  std::promise<void> lost;
-  std::promise<void> restored;
-  client.connectionLost.connect(SignalSubscriber([&](const std::string&) { lost.set_value(); }));
-  client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
-  auto pending = lookUp(client, "Slow")->async("wait");
-  sitter.awaitEntry();
-  server.reset();
-  EXPECT_THAT(pending.error(), HasSubstr("the connection to process"));
-  sitter.release();
-  lost.get_future().get();
-  EXPECT_FALSE(joined->isConnected());
-  EXPECT_FALSE(broker.service("Mine").hasValue());
-  EXPECT_THROW(LocalClient(broker, "torso"), NoBrokerError);
-  server.emplace(broker, "torso");
-  restored.get_future().get();
-  EXPECT_EQ(lookUp(broker, "Mine")->call<int>("one"), 1);
-}
-
-TEST_F(JoinedSessions, KeepServicesInUseAcrossARestart) {
-  Signal<int> ticked;
-  const auto clock = makeService("Clock")->method("now", [] { return 7; }).signal("ticked", ticked).build();
-  broker.registerService("Clock", clock);
-  const AnyObject held = lookUp(client, "Clock");
-  EXPECT_EQ(held, lookUp(client, "Clock"));
-  std::promise<int> tick;
-  const SignalLink link = held->connect("ticked", SignalSubscriber([&](int value) { tick.set_value(value); })).take();
-  std::promise<void> restored;
-  client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
-  server.reset();
-  server.emplace(broker, "torso");
-  restored.get_future().get();
-  EXPECT_EQ(held->call<int>("now"), 7);
-  ticked(3);
-  EXPECT_EQ(tick.get_future().get(), 3);
-  held->disconnect(link).value();
-  EXPECT_FALSE(ticked.hasSubscribers());
-}
-
-TEST_F(JoinedSessions, AreToldOfServicesThatGoAndComeWithTheBroker) {
-  const auto offer = [&](const char* name) { return broker.registerService(name, makeService(name)->build()); };
-  client.registerService("Mine", makeService("Mine")->build());
-  defaultLoop().drain();  // The notice of its own service comes from no other process.
-  std::vector<std::string> told;
-  std::promise<void> restored;
-  const Lifetime listening;
-  const auto note = [&](const char* what) {
-    return SignalSubscriber([&told, what](ServiceId, const std::string& name) { told.push_back(what + name); })
-        .track(listening.token());
-  };
-  client.serviceRegistered.connect(note("+"));
-  client.serviceUnregistered.connect(note("-"));
-  const auto noteLoss = [&](const std::string&) { told.emplace_back("lost"); };
-  const auto noteReturn = [&] {
-    told.emplace_back("back");
-    restored.set_value();
-  };
-  client.connectionLost.connect(SignalSubscriber(noteLoss).track(listening.token()));
-  client.connectionRestored.connect(SignalSubscriber(noteReturn).track(listening.token()));
-  offer("Arm");
-  const ServiceId leg = offer("Leg");
-  const ServiceId head = offer("Head");
-  while (!client.service("Head").hasValue()) std::this_thread::yield();
-  server.reset();
-  broker.unregisterService(leg);
-  broker.unregisterService(head);
-  offer("Hand");
-  server.emplace(broker, "torso");
-  restored.get_future().get();
-  EXPECT_THAT(told,
-              testing::ElementsAre("+Arm", "+Leg", "+Head", "lost", "-Arm", "-Leg", "-Head", "+Arm", "+Hand", "back"));
-}
-
-TEST_F(JoinedSessions, KeepConnectionsThatNobodyHoldsTheHandleOf) {
-  Signal<int> ticked;
-  const auto clock = makeService("Clock")->signal("ticked", ticked).build();
-  const ServiceId id = broker.registerService("Clock", clock);
-  std::promise<int> tick;
-  std::optional<Lifetime> owner(std::in_place);
-  const auto hear = [&](int value) { tick.set_value(value); };
-  lookUp(client, "Clock")->connect("ticked", SignalSubscriber(hear).track(owner->token())).value();
-  const auto restart = [&] {
-    std::promise<void> restored;
-    const SignalLink link = client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
-    server.reset();
-    server.emplace(broker, "torso");
-    restored.get_future().get();
-    client.connectionRestored.disconnect(link);
-  };
-  restart();
-  ticked(3);
-  EXPECT_EQ(tick.get_future().get(), 3);
-
-  // The service returns later than its broker.
-  tick = {};
-  server.reset();
-  broker.unregisterService(id);
-  server.emplace(broker, "torso");
-  broker.registerService("Clock", clock);
-  while (!ticked.hasSubscribers()) std::this_thread::yield();
-  ticked(4);
-  EXPECT_EQ(tick.get_future().get(), 4);
-
-  owner.reset();
-  restart();
-  EXPECT_FALSE(ticked.hasSubscribers());
-}
-
-TEST_F(JoinedSessions, OfferAgainWhatWasTakenMeanwhileOnceItIsFree) {
-  const auto ear = [](int number) { return makeService("Ear")->method("number", [number] { return number; }).build(); };
-  client.registerService("Ear", ear(1));
-  std::promise<void> restored;
-  client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
-  server.reset();
-  const ServiceId other = broker.registerService("Ear", ear(2));
-  server.emplace(broker, "torso");
-  restored.get_future().get();
-  EXPECT_EQ(lookUp(broker, "Ear")->call<int>("number"), 2);
-  std::promise<void> offered;
-  broker.serviceRegistered.connect(SignalSubscriber([&](ServiceId, const std::string&) { offered.set_value(); }));
-  broker.unregisterService(other);
-  offered.get_future().get();
-  EXPECT_EQ(lookUp(broker, "Ear")->call<int>("number"), 1);
-}
-
-TEST_F(JoinedSessions, MayLeaveWhenTheyAreToldOfTheLoss) {
-  std::promise<void> left;
-  client.connectionLost.connect(SignalSubscriber([&](const std::string&) {
-    joined.reset();
-    left.set_value();
-  }));
-  server.reset();
-  left.get_future().get();
-}
-
 TEST_F(JoinedSessions, RunTheContinuationsOfAnAnswerInTheirOrder) {
   std::promise<void> answer;
   broker.registerService("Slow", makeService("Slow")->method("wait", [&] { answer.get_future().get(); }).build());
@@ -502,84 +355,6 @@ TEST_F(JoinedSessions, RunTheContinuationsOfAnAnswerInTheirOrder) {
   last.wait();
   EXPECT_EQ(order.size(), 100U);
   EXPECT_TRUE(std::ranges::is_sorted(order));
-}
-
-/// A service whose methods wait for the test, in one way or another, as a caller that gives up meets them.
-class GivenUp : public JoinedSessions {
- protected:
-  GivenUp() {
-    broker.registerService("Slow", makeService("Slow")
-                                       ->method("block", [this] { sitter.sit(); })
-                                       .method("sleep", [this] { sleep(); })
-                                       .method("count", [this] { return ++count; })
-                                       .build());
-    client.registerService("Mine", makeService("Mine")->method("sleep", [this] { sleep(); }).build());
-  }
-  /// Until whoever called gives up.
-  void sleep() {
-    std::promise<void> stopped;
-    const std::stop_callback atStop(stopOfServedCall(), [&] { stopped.set_value(); });
-    sleeps.release();
-    EXPECT_EQ(stopped.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    wakes.release();
-  }
-
-  kit::Sitter sitter;
-  std::counting_semaphore<> sleeps{0};
-  std::counting_semaphore<> wakes{0};
-  std::atomic<int> count{0};
-};
-
-TEST_F(GivenUp, CallsDoNotStart) {
-  const AnyObject slow = lookUp(client, "Slow");
-  const auto running = slow->async("block");
-  sitter.awaitEntry();
-  auto waiting = slow->async("count");
-  waiting.cancel();
-  EXPECT_TRUE(waiting.isCanceled());
-  lookUp(client, "Slow");  // What was sent before has been read by then.
-  sitter.release();
-  running.wait();
-  EXPECT_EQ(slow->call<int>("count"), 1) << "the one that was cancelled ran";
-}
-
-TEST_F(GivenUp, CallsKeepNoOtherWaiting) {
-  const AnyObject slow = lookUp(client, "Slow");
-  auto running = slow->async("block");
-  sitter.awaitEntry();
-  const auto behind = slow->async("count");
-  running.cancel();
-  EXPECT_EQ(behind.value().reference().to<int>(), 1);
-  EXPECT_EQ(slow->call<int>("count"), 2);
-  sitter.release();
-}
-
-TEST_F(GivenUp, CallsEndTheirSleepAlsoBehindARelay) {
-  Session third;
-  std::optional<LocalClient> alsoJoined(std::in_place, third, "torso");
-  for (const char* service : {"Slow", "Mine"}) {
-    auto answer = lookUp(third, service)->async("sleep");
-    sleeps.acquire();
-    answer.cancel();
-    wakes.acquire();
-    const auto deadlines =
-        std::make_shared<Deadlines>(third.eventLoop(), std::chrono::milliseconds(100), "broker torso");
-    const auto late = withDeadline(lookUp(third, service), service, deadlines)->async("sleep");
-    EXPECT_THROW(late.value(), DeadlineError);
-    EXPECT_EQ(late.error(), std::string("broker torso did not answer ") + service + ".sleep within 0.1 s");
-    // Slow machines may not have begun it: it is dropped then.
-    if (sleeps.try_acquire_for(std::chrono::seconds(1))) wakes.acquire();
-  }
-}
-
-TEST_F(GivenUp, CallsEndTheirSleepWhenTheCallerGoes) {
-  Session third;
-  std::optional<LocalClient> alsoJoined(std::in_place, third, "torso");
-  const auto answer = lookUp(third, "Slow")->async("sleep");
-  sleeps.acquire();
-  alsoJoined.reset();
-  wakes.acquire();
-  EXPECT_THROW(answer.value(), ConnectionLostError);
 }
 
 TEST_F(JoinedSessions, ToldApartByTypeWhatFails) {
@@ -596,76 +371,6 @@ TEST_F(JoinedSessions, ToldApartByTypeWhatFails) {
   }
   server.reset();
   EXPECT_THROW(echo->call("echo", 1), ConnectionLostError);
-}
-
-/// Two sessions that send nothing by themselves, which would take along what waits.
-class QuietSessions : public JoinedSessions {
- protected:
-  QuietSessions() {
-    constexpr std::chrono::hours kNever{1};
-    joined.reset();
-    server.reset();
-    server.emplace(broker, "torso", LinkOptions{.heartbeat = kNever});
-    joined.emplace(client, "torso", LocalClient::Options{.link = {.heartbeat = kNever}});
-  }
-};
-
-TEST_F(QuietSessions, SendWhatWaitsForOthersThoughNoneFollow) {
-  std::promise<void> told;
-  std::promise<void> done;
-  broker.registerService("Slow", makeService("Slow")
-                                     ->method("wait",
-                                              [&] {
-                                                told.get_future().get();
-                                                done.set_value();
-                                              })
-                                     .build());
-  broker.registerService("Teller", makeService("Teller")->method("tell", [&] { told.set_value(); }).build());
-  const AnyObject slow = lookUp(client, "Slow");
-  const AnyObject teller = lookUp(client, "Teller");
-  const auto first = slow->async("wait");
-  const auto second = teller->async("tell");
-  done.get_future().get();
-  EXPECT_TRUE(second.hasValue());
-}
-
-TEST_F(QuietSessions, SendWhatABatchCollectsBeforeTheyWaitAndAfterAMoment) {
-  std::promise<int> told;
-  broker.registerService("Teller", makeService("Teller")
-                                       ->method("count", [](int i) { return i; })
-                                       .method("tell", [&](int i) { told.set_value(i); })
-                                       .build());
-  const AnyObject teller = lookUp(client, "Teller");
-  const Batch batch;
-  for (int round = 0; round < 100; ++round) {
-    std::vector<Future<AnyValue>> flying;
-    for (int i = 0; i < 50; ++i) flying.push_back(teller->async("count", i));
-    for (int i = 0; i < 50; ++i) EXPECT_EQ(flying[static_cast<std::size_t>(i)].value().reference().to<int>(), i);
-  }
-  const auto alone = teller->async("tell", 7);
-  EXPECT_EQ(told.get_future().get(), 7) << "though the batch goes on";
-  alone.wait();
-}
-
-TEST_F(QuietSessions, EmitWhatWaitsForOthersThoughTheNextCallLasts) {
-  std::promise<void> begin;
-  std::promise<void> heard;
-  const auto rang = std::make_shared<Signal<int>>();  // Outlives the service, as what the service calls does.
-  broker.registerService("Bell", makeService("Bell")
-                                     ->signal("rang", *rang)
-                                     .method("begin", [&] { begin.get_future().get(); })
-                                     .method("ring", [rang] { (*rang)(1); })
-                                     .method("hear", [&] { heard.get_future().get(); })
-                                     .build());
-  broker.registerService("Other", makeService("Other")->method("ping", [] {}).build());
-  const AnyObject bell = lookUp(client, "Bell");
-  bell->connect("rang", SignalSubscriber([&](int) { heard.set_value(); })).value();
-  const auto first = bell->async("begin");
-  const auto second = bell->async("ring");
-  const auto third = bell->async("hear");
-  lookUp(client, "Other")->call("ping");  // Everything is there now: the last two are done in one go.
-  begin.set_value();
-  EXPECT_TRUE(third.hasValue());
 }
 
 TEST_F(JoinedSessions, DoNotTireOfServicesThatComeAgain) {

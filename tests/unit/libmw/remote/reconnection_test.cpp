@@ -1,0 +1,138 @@
+#include "joined_sessions.h"
+#include "service.h"
+#include "sitter.h"
+
+#include <libmw/eventloop.h>
+#include <libmw/signal.h>
+
+#include <functional>
+#include <future>
+
+#include <gmock/gmock.h>
+
+namespace mw {
+namespace {
+
+using testing::ElementsAre;
+
+/// A client whose broker goes and comes back.
+class Reconnection : public JoinedSessions {
+ protected:
+  /// Until the client is told of the return.
+  void restart(const std::function<void()>& meanwhile = {}) {
+    std::promise<void> restored;
+    const SignalLink link = client.connectionRestored.connect(SignalSubscriber([&] { restored.set_value(); }));
+    server.reset();
+    if (meanwhile) meanwhile();
+    server.emplace(broker, "torso");
+    restored.get_future().get();
+    client.connectionRestored.disconnect(link);
+  }
+};
+
+TEST_F(Reconnection, FailsPendingCallsAndOffersServicesAgain) {
+  kit::Sitter sitter;
+  broker.registerService("Slow", makeService("Slow")->method("wait", [&] { sitter.sit(); }).build());
+  client.registerService("Mine", makeService("Mine")->method("one", [] { return 1; }).build());
+  std::promise<void> lost;
+  client.connectionLost.connect(SignalSubscriber([&](const std::string&) { lost.set_value(); }));
+  auto pending = lookUp(client, "Slow")->async("wait");
+  sitter.awaitEntry();
+  restart([&] {
+    EXPECT_THAT(pending.error(), testing::HasSubstr("the connection to process"));
+    sitter.release();
+    lost.get_future().get();
+    EXPECT_FALSE(joined->isConnected());
+    EXPECT_FALSE(broker.service("Mine").hasValue());
+    EXPECT_THROW(LocalClient(broker, "torso"), NoBrokerError);
+  });
+  EXPECT_EQ(lookUp(broker, "Mine")->call<int>("one"), 1);
+}
+
+TEST_F(Reconnection, KeepsServicesInUseAndConnectionsThatNobodyHoldsTheHandleOf) {
+  Signal<int> ticked;
+  const auto clock = makeService("Clock")->method("now", [] { return 7; }).signal("ticked", ticked).build();
+  const ServiceId id = broker.registerService("Clock", clock);
+  AnyObject held = lookUp(client, "Clock");
+  EXPECT_EQ(held, lookUp(client, "Clock"));
+  std::promise<int> tick;
+  std::optional<Lifetime> owner(std::in_place);
+  held->connect("ticked", SignalSubscriber([&](int value) { tick.set_value(value); }).track(owner->token())).value();
+  const SignalLink other = held->connect("ticked", SignalSubscriber([](int) {})).value();
+  restart();
+  EXPECT_EQ(held->call<int>("now"), 7);
+  held->disconnect(other).value();
+  held.reset();
+  restart();
+  ticked(3);
+  EXPECT_EQ(tick.get_future().get(), 3);
+
+  // The service returns later than its broker.
+  tick = {};
+  server.reset();
+  broker.unregisterService(id);
+  server.emplace(broker, "torso");
+  broker.registerService("Clock", clock);
+  while (!ticked.hasSubscribers()) std::this_thread::yield();
+  ticked(4);
+  EXPECT_EQ(tick.get_future().get(), 4);
+
+  owner.reset();
+  restart();
+  EXPECT_FALSE(ticked.hasSubscribers());
+}
+
+TEST_F(Reconnection, IsToldInOrderWithTheServicesThatWentAndCame) {
+  const auto offer = [&](const char* name) { return broker.registerService(name, makeService(name)->build()); };
+  client.registerService("Mine", makeService("Mine")->build());
+  defaultLoop().drain();  // The notice of its own service comes from no other process.
+  std::vector<std::string> told;
+  const Lifetime listening;
+  const auto note = [&](const char* what) {
+    return SignalSubscriber([&told, what](ServiceId, const std::string& name) { told.push_back(what + name); })
+        .track(listening.token());
+  };
+  client.serviceRegistered.connect(note("+"));
+  client.serviceUnregistered.connect(note("-"));
+  const auto noteLoss = [&](const std::string&) { told.emplace_back("lost"); };
+  client.connectionLost.connect(SignalSubscriber(noteLoss).track(listening.token()));
+  client.connectionRestored.connect(
+      SignalSubscriber([&] { told.emplace_back("back"); }).track(listening.token()));
+  offer("Arm");
+  const ServiceId leg = offer("Leg");
+  const ServiceId head = offer("Head");
+  while (!client.service("Head").hasValue()) std::this_thread::yield();
+  restart([&] {
+    broker.unregisterService(leg);
+    broker.unregisterService(head);
+    offer("Hand");
+  });
+  EXPECT_THAT(told, ElementsAre("+Arm", "+Leg", "+Head", "lost", "-Arm", "-Leg", "-Head", "+Arm", "+Hand", "back"));
+}
+
+TEST_F(Reconnection, OffersAgainWhatWasTakenMeanwhileOnceItIsFree) {
+  const auto ear = [](int number) { return makeService("Ear")->method("number", [number] { return number; }).build(); };
+  const auto found = [&] { return lookUp(broker, "Ear")->call<int>("number"); };
+  client.registerService("Ear", ear(1));
+  ServiceId other = 0;
+  restart([&] { other = broker.registerService("Ear", ear(2)); });
+  EXPECT_EQ(found(), 2);
+  std::promise<void> offered;
+  broker.serviceRegistered.connect(SignalSubscriber([&](ServiceId, const std::string&) { offered.set_value(); }));
+  broker.unregisterService(other);
+  offered.get_future().get();
+  EXPECT_EQ(found(), 1);
+}
+
+TEST_F(JoinedSessions, MayLeaveWhenTheyAreToldOfTheLoss) {
+  std::promise<void> left;
+  client.connectionLost.connect(SignalSubscriber([&](const std::string&) {
+    joined.reset();
+    left.set_value();
+  }));
+  server.reset();
+  left.get_future().get();
+}
+
+}  // namespace
+}  // namespace mw
