@@ -6,8 +6,8 @@
 
 namespace mw::detail {
 
-/// While one lives, handlers of the calling thread that ask for it (SA_ONSTACK) have a stack of their own: a thread that
-/// has outgrown its own can say so.
+/// While one lives, handlers of the calling thread that ask for it (SA_ONSTACK) have a stack of their own: a thread
+/// that has outgrown its own can say so.
 class SignalStack {
  public:
   SignalStack() : bytes_(std::make_unique_for_overwrite<std::byte[]>(kSize)) {

@@ -96,8 +96,7 @@ TEST_F(Reconnection, IsToldInOrderWithTheServicesThatWentAndCame) {
   client.serviceUnregistered.connect(note("-"));
   const auto noteLoss = [&](const std::string&) { told.emplace_back("lost"); };
   client.connectionLost.connect(SignalSubscriber(noteLoss).track(listening.token()));
-  client.connectionRestored.connect(
-      SignalSubscriber([&] { told.emplace_back("back"); }).track(listening.token()));
+  client.connectionRestored.connect(SignalSubscriber([&] { told.emplace_back("back"); }).track(listening.token()));
   offer("Arm");
   const ServiceId leg = offer("Leg");
   const ServiceId head = offer("Head");
