@@ -65,6 +65,7 @@ int runVerb(const Verb& verb, std::span<const std::string> words) {
     throw InputError(error.what());
   }
   Arguments arguments(std::move(given.arguments), std::move(given.values));
+  mw::setProgramName(fmt::format("korvo {}", verb.name));
   return verb.run(arguments);
 }
 

@@ -100,6 +100,7 @@ std::string_view groupOf(const Command& command) {
   };
   if (isIn(valueCommands()) || isIn(freshnessCommands())) return "Values of a running broker";
   if (isIn(eventCommands()) || isIn(watchCommands())) return "Events of a running broker";
+  if (isIn(inspectCommands())) return "What goes on in a running broker";
   if (isIn(transferCommands())) return "Whole sets of keys";
   return "Services of a running broker";
 }

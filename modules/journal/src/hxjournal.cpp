@@ -21,6 +21,7 @@ HXJournal::HXJournal(const std::shared_ptr<HXBroker>& broker, const std::string&
   setModuleDescription(
       "HXJournal tells of every change of the memory, in order, to processes other than the memory's.");
   bindFeed();
+  bindQuestions();
 }
 
 void HXJournal::bindFeed() {

@@ -24,8 +24,17 @@ class HXJournal : public HXModule {
   /// The place at a time, in microseconds since the epoch: [epoch, revision].
   HXValue at(std::int64_t time);
 
+  // hxjournal_questions.cpp
+  /// What there is to know of a key.
+  HXValue explain(const std::string& key);
+  /// What extractors produce, and for whom. @param extractor  Empty for all.
+  HXValue demand(const std::string& extractor);
+  /// How the memory is.
+  HXValue report();
+
  private:
   void bindFeed();
+  void bindQuestions();
   /// @throws std::runtime_error when the memory is of another process, or has gone.
   std::shared_ptr<journal::Journal> requireJournal() const;
 };

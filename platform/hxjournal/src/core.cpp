@@ -96,6 +96,56 @@ Position Core::latest() const noexcept {
   return {epoch, head == 0 ? 0 : head - 1};
 }
 
+std::vector<FollowerInfo> Core::followers() const {
+  const std::lock_guard lock(mutex_);
+  std::vector<FollowerInfo> all;
+  for (const auto& follower : followers_) all.push_back(follower->info());
+  return all;
+}
+
+void Core::scan(const Filter& filter, const std::function<void(const Change&)>& use) {
+  std::shared_ptr<const std::string> author;
+  std::uint32_t known = 0;
+  const auto tell = [&](const Entry& entry, std::uint64_t revision) {
+    if (entry.author != std::exchange(known, entry.author)) author = Author::textOf(entry.author);
+    Change change;
+    change.key = entry.name();
+    change.value = entry.value;
+    change.time = entry.time;
+    change.at = {epoch, revision};
+    change.nth = entry.nth;
+    change.what = entry.what;
+    change.kind = entry.kind;
+    change.changedKind = entry.changedKind;
+    change.byAddress = entry.byAddress;
+    if (author) change.author = *author;
+    use(change);
+  };
+  Ring::Chunks spare(1);
+  const std::lock_guard lock(mutex_);
+  if (!recording_) return;
+  ring.addSpare(spare);
+  struct TakeBack {
+    ~TakeBack() { spare = ring.takeSpare(); }
+    Ring& ring;
+    Ring::Chunks& spare;
+  } const takeBack{ring, spare};
+  const Ring::Extent extent = ring.extent();
+  for (std::uint64_t cursor = extent.oldest; cursor < extent.head;) {
+    const Ring::Pin pin(ring, cursor, extent.head, kNoLimit);
+    if (pin.isLapped()) {
+      cursor = ring.extent().oldest;
+      continue;
+    }
+    for (const Entry& entry : pin.entries()) {
+      if (filter.wantsChange(entry.what, entry.kind, entry.changedKind) && filter.wantsKey(entry.name())) {
+        tell(entry, cursor);
+      }
+      ++cursor;
+    }
+  }
+}
+
 Retained Core::retainedFrom(TimePoint time) {
   Ring::Chunks spare(1);  // Whoever pins a chunk brings one.
   const std::lock_guard lock(mutex_);

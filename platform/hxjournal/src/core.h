@@ -27,6 +27,9 @@ class Core : public std::enable_shared_from_this<Core> {
   Position latest() const noexcept;
   /// As `Journal::retained`, but from the first change on that is not older than `time`.
   Retained retainedFrom(TimePoint time);
+  /// As `Journal::scan` and `Journal::followers`.
+  void scan(const Filter& filter, const std::function<void(const Change&)>& use);
+  std::vector<FollowerInfo> followers() const;
 
   /// Has those woken who sleep. From any thread that holds none of the locks.
   void ringBell() noexcept;

@@ -30,6 +30,13 @@ Follower::Follower(std::shared_ptr<Core> core, Filter filter, Listener onChange,
 
 Follower::~Follower() = default;
 
+FollowerInfo Follower::info() const {
+  const std::uint64_t latest = core_->latest().revision;
+  const std::uint64_t told = position_.load(std::memory_order_relaxed);
+  return {std::string(who_.text()), latest > told ? latest - told : 0, gaps_.load(std::memory_order_relaxed),
+          paused_.load(std::memory_order_relaxed)};
+}
+
 Position Follower::position() const noexcept { return {core_->epoch, position_.load(std::memory_order_relaxed)}; }
 
 void Follower::run() {

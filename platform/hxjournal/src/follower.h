@@ -55,6 +55,7 @@ class Follower : public Following, public std::enable_shared_from_this<Follower>
   void resume() override;
 
   Position position() const noexcept override;
+  FollowerInfo info() const;
   bool isPrompt() const noexcept { return options_.promptness == Promptness::Prompt; }
 
   Ring::Sleeper sleeper;  // Guarded by the ring's lock.
@@ -132,6 +133,8 @@ class Follower : public Following, public std::enable_shared_from_this<Follower>
   Listener onChange_;  // These two go when the follower has ended and no callback runs.
   FollowOptions options_;
   const std::uint64_t behind_;
+  const Author who_ = Author::present();
+  std::atomic<std::uint64_t> gaps_{0};
 
   std::uint64_t cursor_ = 0;
   std::optional<Walk> walk_;

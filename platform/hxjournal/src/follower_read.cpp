@@ -228,6 +228,7 @@ void Follower::fallBehind() {
   const std::optional<std::uint64_t> since = walk_ ? walk_->since : std::optional(cursor_ - 1);
   const bool isFull = !since || extent.lastRemoval > *since;
   addGap({{core_->epoch, cursor_ - 1}, {core_->epoch, extent.head - 1}, isFull});
+  gaps_.fetch_add(1, std::memory_order_relaxed);
   cursor_ = extent.head;
   completeAt_.reset();
   startWalk(isFull ? std::nullopt : since);

@@ -39,6 +39,12 @@ Position Journal::position() const { return core_->latest(); }
 
 Retained Journal::retained() const { return core_->retainedFrom(TimePoint::min()); }
 
+void Journal::scan(const Filter& filter, const std::function<void(const Change&)>& use) const {
+  core_->scan(filter, use);
+}
+
+std::vector<FollowerInfo> Journal::followers() const { return core_->followers(); }
+
 Position Journal::at(TimePoint time) const { return core_->retainedFrom(time).from; }
 
 Afterwards::~Afterwards() {

@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace HX::journal {
 
@@ -57,6 +58,14 @@ struct Retained {
   Position latest;                 ///< The place of the latest change.
   std::optional<TimePoint> since;  ///< The time of the first change after `from`; none when there is none.
   bool isRecording = false;        ///< Otherwise what changes now is not retained.
+};
+
+/// One of those who follow. For diagnosis.
+struct FollowerInfo {
+  std::string who;           ///< Who began to follow, as an author; empty for the process itself.
+  std::uint64_t behind = 0;  ///< Changes that it has not been told yet.
+  std::uint64_t gaps = 0;    ///< So often it had fallen behind further than changes are retained.
+  bool isPaused = false;
 };
 
 /// The feed of all changes of a table, in order.
@@ -124,6 +133,12 @@ class HX_API Journal {
   /// Since when changes are retained, `retained` says. Reads the ring, within a millisecond or so.
   /// @param time  As the items have it.
   Position at(TimePoint time) const;
+  /// Looks through what is retained, oldest first, without following: nothing is recorded for it that is not anyway.
+  /// @param filter  What is looked at, authors excepted.
+  /// @param use     Runs on the calling thread, while nobody can begin or cease to follow: must not use the journal.
+  void scan(const Filter& filter, const std::function<void(const Change&)>& use) const;
+  /// Who follows, in the order in which they began.
+  std::vector<FollowerInfo> followers() const;
 
  private:
   friend Afterwards;

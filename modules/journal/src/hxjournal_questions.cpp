@@ -1,0 +1,41 @@
+#include "hxjournal.h"
+#include "inspector.h"
+
+#include <hxproxies/hxmemoryproxy.h>
+
+namespace HX {
+
+void HXJournal::bindQuestions() {
+  functionName("explain", getName(), "Tells what there is to know of a key.");
+  addParam("key", "name of it");
+  setReturn(
+      "explanation",
+      "a map: key, value, type, kind, description, written; of the retained changes last (time, author, revision), "
+      "rate (a second, over the last second and minute), changes, reach in seconds; subscribers, calls, waits, "
+      "extractor, mapped, odd. Times are microseconds since 1970, durations seconds. What only the journal knows "
+      "is a text that says so while it does not record");
+  bindMethod(this, &HXJournal::explain);
+
+  functionName("demand", getName(), "Tells what extractors produce, and for whom.");
+  addParam("extractor", "name of one, or nothing for all");
+  setReturn("productions",
+            "a list of maps: extractor, event, there, told, process, for (module, since, asked, subscribed, failure), "
+            "forNobody where it runs for nobody, failure where it does not run although asked");
+  bindMethod(this, &HXJournal::demand);
+
+  functionName("report", getName(), "Tells how the memory is.");
+  setReturn("report",
+            "a map: keys, residentBytes, changesPerSecond, subscriptions, slowest, calls, waits, dropped, followers, "
+            "extractors, severalAuthors, overdue, and wrong: a list of sentences");
+  bindMethod(this, &HXJournal::report);
+}
+
+HXValue HXJournal::explain(const std::string& key) { return Inspector(getParentBroker(), memory()).explain(key); }
+
+HXValue HXJournal::demand(const std::string& extractor) {
+  return Inspector(getParentBroker(), memory()).demand(extractor);
+}
+
+HXValue HXJournal::report() { return Inspector(getParentBroker(), memory()).report(); }
+
+}  // namespace HX
