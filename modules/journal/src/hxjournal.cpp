@@ -1,5 +1,7 @@
 #include "hxjournal.h"
 
+#include "feed.h"
+
 #include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
 
@@ -7,6 +9,8 @@
 #include <chrono>
 #include <stdexcept>
 #include <utility>
+
+#include <fmt/format.h>
 
 namespace HX {
 namespace {
@@ -25,6 +29,16 @@ HXJournal::HXJournal(const std::shared_ptr<HXBroker>& broker, const std::string&
 }
 
 void HXJournal::bindFeed() {
+  Feed::describe();
+  functionName("open", getName(), "Follows the changes of the memory: all of them, or those that the options name.");
+  addParam("options",
+           "a map, empty for all: keys, prefixes, globs, patterns, exclude, authors (lists of texts), whats, kinds "
+           "(lists of numbers), snapshot, relaxed (bools), rate, behind (numbers), since ([epoch, revision])");
+  setReturn("feed",
+            "an object with the signal batch and the methods start, took, stop; the page on the protocol says what "
+            "is in a batch");
+  bindMethod(this, &HXJournal::open);
+
   functionName("retained", getName(), "Says what one can go back to.");
   setReturn("retained",
             "{epoch, from: the place after which changes are retained, latest, recording, since: the time of the first "
@@ -41,6 +55,28 @@ std::shared_ptr<journal::Journal> HXJournal::requireJournal() const {
   auto found = ownJournal(*getParentBroker());
   if (!found) throw std::runtime_error("HXJournal is not in the process of the memory");
   return found;
+}
+
+std::shared_ptr<Feed> HXJournal::open(const HXValue& options) {
+  constexpr std::size_t kMostFeeds = 1024;
+  auto feed = std::make_shared<Feed>(requireJournal(), journal::requestOf(options));
+  const std::lock_guard lock(mutex_);
+  std::erase_if(feeds_, [](const auto& one) { return one.expired(); });
+  if (feeds_.size() >= kMostFeeds) throw std::runtime_error(fmt::format("{} feeds are open already", kMostFeeds));
+  feeds_.push_back(feed);
+  return feed;
+}
+
+void HXJournal::exit() {
+  std::vector<std::weak_ptr<Feed>> feeds;
+  {
+    const std::lock_guard lock(mutex_);
+    feeds.swap(feeds_);
+  }
+  for (const auto& one : feeds) {
+    if (const auto feed = one.lock()) feed->stop();
+  }
+  HXModule::exit();
 }
 
 HXValue HXJournal::retained() {

@@ -6,9 +6,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace HX {
+
+class Feed;
 
 /// Offers the memory's journal to other processes, and what is known of the memory beside it.
 ///
@@ -19,6 +23,14 @@ class HXJournal : public HXModule {
  public:
   HXJournal(const std::shared_ptr<HXBroker>& broker, const std::string& name);
 
+  /// Ends all feeds.
+  void exit() override;
+
+  /// Follows the changes for the caller.
+  /// @param options  As `journal::requestOf` takes them.
+  /// @return The feed, which is to be started. It ends when nobody holds it.
+  /// @throws std::runtime_error naming the option that is wrong; when too many feeds are open.
+  std::shared_ptr<Feed> open(const HXValue& options);
   /// What one can go back to: {"epoch", "from", "latest", "since", "recording"}.
   HXValue retained();
   /// The place at a time, in microseconds since the epoch: [epoch, revision].
@@ -37,6 +49,9 @@ class HXJournal : public HXModule {
   void bindQuestions();
   /// @throws std::runtime_error when the memory is of another process, or has gone.
   std::shared_ptr<journal::Journal> requireJournal() const;
+
+  std::mutex mutex_;  // Guards `feeds_`.
+  std::vector<std::weak_ptr<Feed>> feeds_;
 };
 
 }  // namespace HX

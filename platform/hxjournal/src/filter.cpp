@@ -34,65 +34,65 @@ Filter& Filter::add(std::string pattern) {
 }
 
 Filter& Filter::addKey(std::string key) {
-  const auto place = std::ranges::lower_bound(keys_, key);
-  if (place == keys_.end() || *place != key) keys_.insert(place, std::move(key));
+  const auto place = std::ranges::lower_bound(parts_.keys, key);
+  if (place == parts_.keys.end() || *place != key) parts_.keys.insert(place, std::move(key));
   return *this;
 }
 
 Filter& Filter::addPrefix(std::string prefix) {
-  prefixes_.push_back(std::move(prefix));
+  parts_.prefixes.push_back(std::move(prefix));
   return *this;
 }
 
 Filter& Filter::addGlob(std::string glob) {
-  globs_.push_back(std::move(glob));
+  parts_.globs.push_back(std::move(glob));
   return *this;
 }
 
 Filter& Filter::exclude(std::string pattern) {
   // A key without a glob's signs is a glob of itself.
-  auto& list = !isGlob(pattern) && pattern.ends_with('/') ? excludedPrefixes_ : excludedGlobs_;
+  auto& list = !isGlob(pattern) && pattern.ends_with('/') ? parts_.excludedPrefixes : parts_.excludedGlobs;
   list.push_back(std::move(pattern));
   return *this;
 }
 
 Filter& Filter::addWhat(What what) {
-  journal::add(whats_, static_cast<std::uint8_t>(what));
+  journal::add(parts_.whats, static_cast<std::uint8_t>(what));
   return *this;
 }
 
 Filter& Filter::addKind(std::uint8_t kind) {
-  journal::add(kinds_, kind);
+  journal::add(parts_.kinds, kind);
   return *this;
 }
 
 Filter& Filter::addAuthor(std::string author) {
-  authors_.push_back(std::move(author));
+  parts_.authors.push_back(std::move(author));
   return *this;
 }
 
 bool Filter::wantsKey(std::string_view key) const noexcept {
-  if (std::ranges::binary_search(keys_, key, std::less<>())) return true;
-  return names(key) && !anyBegins(excludedPrefixes_, key) && !anyMatches(excludedGlobs_, key);
+  if (std::ranges::binary_search(parts_.keys, key, std::less<>())) return true;
+  return names(key) && !anyBegins(parts_.excludedPrefixes, key) && !anyMatches(parts_.excludedGlobs, key);
 }
 
 bool Filter::names(std::string_view key) const noexcept {
-  if (prefixes_.empty() && globs_.empty()) return keys_.empty();
-  return anyBegins(prefixes_, key) || anyMatches(globs_, key);
+  if (parts_.prefixes.empty() && parts_.globs.empty()) return parts_.keys.empty();
+  return anyBegins(parts_.prefixes, key) || anyMatches(parts_.globs, key);
 }
 
 bool Filter::has(std::uint32_t set, std::uint8_t number) noexcept {
   return set == 0 || (number < 32 && (set >> number & 1U) != 0);
 }
 
-bool Filter::wantsKind(std::uint8_t kind) const noexcept { return has(kinds_, kind); }
+bool Filter::wantsKind(std::uint8_t kind) const noexcept { return has(parts_.kinds, kind); }
 
 bool Filter::wantsChange(What what, std::uint8_t kind, bool changedKind) const noexcept {
-  return has(whats_, static_cast<std::uint8_t>(what)) && (changedKind || wantsKind(kind));
+  return has(parts_.whats, static_cast<std::uint8_t>(what)) && (changedKind || wantsKind(kind));
 }
 
 bool Filter::wantsAuthor(std::string_view author) const noexcept {
-  return authors_.empty() || std::ranges::find(authors_, author) != authors_.end();
+  return parts_.authors.empty() || std::ranges::find(parts_.authors, author) != parts_.authors.end();
 }
 
 // Where a text fails behind a star, only the last star can take more: what an earlier one could take, it can as well.

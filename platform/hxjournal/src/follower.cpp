@@ -126,6 +126,7 @@ Follower::Outcome Follower::work() {
         }
       } else {
         looks_ = 0;
+        isNews_ = true;
         if (tell(batch_.all[batch_.next])) ++told;
         ++batch_.next;
         askClock = told % kChangesPerClock == 0;
@@ -141,7 +142,8 @@ Follower::Outcome Follower::work() {
 /// All is told that there is. @return Whether it is so still, after a callback.
 bool Follower::isAtRest() {
   if (!walk_) moveTo(cursor_ - 1);
-  if (looks_ != 0 || !options_.onPause) return true;
+  // A task may have ended between the last change and here: the looks do not tell.
+  if (!std::exchange(isNews_, false) || !options_.onPause) return true;
   try {
     options_.onPause();
   } catch (...) {

@@ -143,7 +143,8 @@ class Follower : public Following, public std::enable_shared_from_this<Follower>
   std::optional<std::uint64_t> completeAt_;  // To be told once the cursor is past it, where there was nothing to walk.
   std::optional<Rates> rates_;
   Batch batch_;
-  int looks_ = 0;  // In a row that found nothing.
+  int looks_ = 0;        // In a row that found nothing.
+  bool isNews_ = false;  // Something was read since all was told.
   std::uint32_t knownAuthor_ = 0;
   std::shared_ptr<const std::string> knownText_;
   std::atomic<std::uint64_t> position_{0};

@@ -116,6 +116,7 @@ void Follower::readOn(std::span<const Entry> entries) {
   for (std::size_t i = 0; i < entries.size(); ++i) read(entries[i], cursor_ + i);
   cursor_ += entries.size();
   looks_ = 0;
+  isNews_ = true;
 }
 
 void Follower::read(const Entry& entry, std::uint64_t revision) {

@@ -53,6 +53,11 @@ void Replica::complete(Position at) {
 }
 
 FollowOptions Replica::following(FollowOptions options) {
+  {
+    // What a snapshot that was broken off has not named yet is there still, for whoever goes on from before it.
+    const std::lock_guard lock(mutex_);
+    for (auto& [key, item] : items_) item.named = true;
+  }
   options.onGap = [this](const Gap& missed) { gap(missed); };
   options.onComplete = [this](Position at) { complete(at); };
   options.onUnchanged = [this](std::string_view key, Position at) { unchanged(key, at); };

@@ -18,7 +18,7 @@ class HXBroker;
 /// @par Threads  All functions are safe from any thread. They wait for the broker where that is another process.
 
 /// Follows the changes.
-/// @param broker    Whose memory; kept for as long as the follower lives.
+/// @param broker    Whose memory. Not kept: a follower hears nothing any more when its broker has gone.
 /// @param filter    Which of the changes.
 /// @param onChange  Runs on the event loop, one at a time, with no lock held; may write what it follows, and may end
 /// the

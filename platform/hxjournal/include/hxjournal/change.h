@@ -44,6 +44,7 @@ struct Change {
   bool isState = false;       ///< Told by a snapshot, or at the end of a period of a rate.
   bool changedKind = false;   ///< The key was kept as another kind before.
   bool byAddress = false;     ///< The value may be changed through its address, of which no change tells.
+  bool withheld = false;      ///< The value is too large for a message to another process, and invalid here.
   std::string_view
       author;  ///< Who changed it; empty for the process itself, and for a state. Good during the callback.
 };

@@ -43,12 +43,20 @@ class HX_API Filter {
   /// As `Change` says it.
   bool wantsChange(What what, std::uint8_t kind, bool changedKind) const noexcept;
   bool wantsAuthor(std::string_view author) const noexcept;
-  bool asksForAuthors() const noexcept { return !authors_.empty(); }
+  bool asksForAuthors() const noexcept { return !parts_.authors.empty(); }
 
   /// Whether only keys are wanted that are named whole: `keys`.
-  bool isExact() const noexcept { return !keys_.empty() && prefixes_.empty() && globs_.empty(); }
+  bool isExact() const noexcept { return !parts_.keys.empty() && parts_.prefixes.empty() && parts_.globs.empty(); }
   /// Ascending, each once.
-  const std::vector<std::string>& keys() const noexcept { return keys_; }
+  const std::vector<std::string>& keys() const noexcept { return parts_.keys; }
+
+  /// What it was made of, for those who pass it on.
+  struct Parts {
+    std::vector<std::string> keys, prefixes, globs, excludedPrefixes, excludedGlobs, authors;
+    std::uint32_t whats = 0;  ///< Bits by number; none: all.
+    std::uint32_t kinds = 0;  ///< The same.
+  };
+  const Parts& parts() const noexcept { return parts_; }
 
   /// Whether a glob stands for a text, in time proportional to their product at worst.
   static bool globMatches(std::string_view glob, std::string_view text) noexcept;
@@ -57,14 +65,7 @@ class HX_API Filter {
   static bool has(std::uint32_t set, std::uint8_t number) noexcept;
   bool names(std::string_view key) const noexcept;
 
-  std::vector<std::string> keys_;
-  std::vector<std::string> prefixes_;
-  std::vector<std::string> globs_;
-  std::vector<std::string> excludedPrefixes_;
-  std::vector<std::string> excludedGlobs_;
-  std::vector<std::string> authors_;
-  std::uint32_t whats_ = 0;  // Bits by number; none: all.
-  std::uint32_t kinds_ = 0;
+  Parts parts_;
 };
 
 }  // namespace HX::journal

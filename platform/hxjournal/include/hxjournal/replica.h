@@ -42,7 +42,7 @@ class HX_API Replica {
   void complete(Position at);
 
   /// `options` with its callbacks for gaps, completion and unchanged keys set to this replica, which must outlive the
-  /// follower.
+  /// follower. Asked for anew by each follower that goes on for another one.
   FollowOptions following(FollowOptions options = {});
   /// The callback for changes.
   std::function<void(const Change&)> listener();

@@ -20,7 +20,6 @@ class Mirror : public HXModule {
 
   void init() override {
     follow_ = follow(journal::Filter({"Arm/"}), [this](const journal::Change& change) {
-      if (change.isState) return;
       memory().insertData("Mirror/" + std::string(change.key), change.value);
     });
   }

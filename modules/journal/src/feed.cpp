@@ -1,0 +1,156 @@
+#include "feed.h"
+
+#include <libmw/log.h>
+#include <libmw/objecttypebuilder.h>
+
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace HX {
+
+Feed::Feed(std::shared_ptr<journal::Journal> journal, journal::Request request)
+    : journal_(std::move(journal)), request_(std::move(request)) {}
+
+Feed::~Feed() { follow_.end(); }
+
+void Feed::describe() {
+  mw::ObjectTypeBuilder<Feed> builder("HXJournalFeed");
+  builder.setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+  builder.advertiseMethod("start", &Feed::start, "Begins to follow. Connect to batch before.");
+  builder.advertiseMethod("took", &Feed::took, "Says that all up to the batch with this ack has been dealt with.");
+  builder.advertiseMethod("stop", &Feed::stop, "Ends it.");
+  builder.advertiseSignal("batch", &Feed::batch);
+  builder.registerType();
+}
+
+/// Whoever is told may let go of the feed, which then stays until it has been told.
+template <class... Args>
+auto Feed::callback(void (Feed::*tell)(Args...)) {
+  return [weak = weak_from_this(), tell](Args... args) {
+    const auto self = weak.lock();
+    if (!self) return;
+    if (!self->begun_) {
+      // The place where it began is asked for: it must not move until then.
+      const std::lock_guard wait(self->mutex_);
+    }
+    try {
+      (self.get()->*tell)(args...);
+    } catch (const std::bad_alloc&) {
+      self->startOver();
+    }
+  };
+}
+
+void Feed::follow(std::optional<journal::Position> since) {
+  journal::FollowOptions options = request_.options;
+  if (since) options.since = since;
+  options.onGap = callback(&Feed::onGap);
+  options.onUnchanged = callback(&Feed::onUnchanged);
+  options.onComplete = callback(&Feed::onComplete);
+  options.onPause = callback(&Feed::onPause);
+  follow_ = journal_->follow(request_.filter, callback(&Feed::onChange), std::move(options));
+}
+
+/// What was not sent is told anew, by another follower. From a callback of this one, which has nothing more to do.
+void Feed::startOver() noexcept {
+  const std::lock_guard lock(mutex_);
+  if (!follow_) return;
+  writer_.startOver();
+  try {
+    follow(sent_);
+  } catch (const std::exception& error) {
+    mw::log::error("HXJournal", "startOver", std::string("a feed has ended: ") + error.what());
+  }
+}
+
+HXValue Feed::start() {
+  const std::lock_guard lock(mutex_);
+  if (std::exchange(started_, true)) throw std::runtime_error("this feed has been started before");
+  follow(std::nullopt);
+  sent_ = follow_.position();
+  begun_ = true;
+  return HXValue::list({static_cast<std::int64_t>(sent_.epoch), static_cast<std::int64_t>(sent_.revision)});
+}
+
+void Feed::stop() {
+  journal::Follow ended;  // Ends after the lock, which its callbacks take.
+  const std::lock_guard lock(mutex_);
+  started_ = true;
+  std::swap(ended, follow_);
+}
+
+void Feed::took(std::int64_t number) {
+  const std::lock_guard lock(mutex_);
+  while (number > 0 && !unanswered_.empty() && unanswered_.front().number <= static_cast<std::uint64_t>(number)) {
+    lines_ -= unanswered_.front().lines;
+    bytes_ -= unanswered_.front().bytes;
+    unanswered_.pop_front();
+  }
+  if (!full_ || isHalfFull()) return;
+  follow_.resume();
+  full_ = false;
+}
+
+void Feed::onChange(const journal::Change& change) {
+  writer_.change(change);
+  sendIfFull();
+}
+
+void Feed::onGap(const journal::Gap& gap) {
+  if (!writer_.isEmpty()) send();
+  writer_.gap(gap);
+}
+
+void Feed::onUnchanged(std::string_view key, journal::Position at) {
+  writer_.unchanged(key, at);
+  sendIfFull();
+}
+
+void Feed::onComplete(journal::Position at) {
+  writer_.complete(at);
+  send();
+}
+
+/// That there was nothing wanted among many changes is told too, for the sake of the place to go on from, but not
+/// often.
+void Feed::onPause() {
+  const bool isNews = !writer_.isEmpty() || !saidPause_;
+  if (!isNews && std::chrono::steady_clock::now() < sentAt_ + kPlaceAgain) return;
+  writer_.pause();
+  send();
+  saidPause_ = true;
+}
+
+void Feed::sendIfFull() {
+  if (writer_.lines() >= kBatchLines || writer_.bytes() >= kBatchBytes) send();
+}
+
+void Feed::send() {
+  HXValue value;
+  {
+    const std::lock_guard lock(mutex_);
+    if (!follow_) return;
+    const journal::Position position = follow_.position();
+    linesSinceAsked_ += writer_.lines();
+    bytesSinceAsked_ += writer_.bytes();
+    lines_ += writer_.lines();
+    bytes_ += writer_.bytes();
+    const bool isAsked = linesSinceAsked_ >= kAskLines || bytesSinceAsked_ >= kAskBytes;
+    if (isAsked) {
+      unanswered_.push_back({writer_.number(), std::exchange(linesSinceAsked_, 0), std::exchange(bytesSinceAsked_, 0)});
+    }
+    value = writer_.take(position, isAsked);
+    sent_ = position;
+    if (isFull()) {
+      full_ = true;
+      follow_.pause();
+    }
+  }
+  sentAt_ = std::chrono::steady_clock::now();
+  saidPause_ = false;
+  batch(value);
+}
+
+}  // namespace HX
