@@ -20,7 +20,7 @@ inline HXValue timeOf(MemoryInsight::TimePoint time) {
   return std::int64_t{std::chrono::floor<std::chrono::microseconds>(time.time_since_epoch()).count()};
 }
 inline HXValue secondsOf(std::chrono::nanoseconds duration) { return std::chrono::duration<double>(duration).count(); }
-inline HXValue numberOf(std::uint64_t number) { return static_cast<std::int64_t>(number); }
+inline HXValue countOf(std::uint64_t number) { return static_cast<std::int64_t>(number); }
 
 /// A subscriber of a key, as a map.
 HXValue toValue(const MemoryInsight::Subscriber& subscriber);

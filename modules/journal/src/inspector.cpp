@@ -145,12 +145,12 @@ void Inspector::addChanges(Map& told, const std::string& key) const {
   }
   const Tally::OfKey* const known = tally.find(key);
   told.emplace("reach", secondsOf(tally.reach()));
-  told.emplace("changes", numberOf(known ? known->changes : 0));
+  told.emplace("changes", countOf(known ? known->changes : 0));
   told.emplace("rate", HXValue::map({{"second", rateOf(known ? known->inSecond : 0, 1s, tally.reach())},
                                      {"minute", rateOf(known ? known->inMinute : 0, 1min, tally.reach())}}));
   told.emplace("last", known ? HXValue::map({{"time", timeOf(known->last.time)},
-                                             {"revision", numberOf(known->last.at.revision)},
-                                             {"epoch", numberOf(known->last.at.epoch)},
+                                             {"revision", countOf(known->last.at.revision)},
+                                             {"epoch", countOf(known->last.at.epoch)},
                                              {"what", std::string(textOf(known->last.what))},
                                              {"author", known->last.author}})
                              : HXValue("unknown: no change of it is retained"));

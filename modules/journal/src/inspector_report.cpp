@@ -40,7 +40,7 @@ std::int64_t residentBytes() {
 HXValue Inspector::report() {
   Map told{{"broker", broker_->getName()},
            {"process", static_cast<std::int64_t>(::getpid())},
-           {"keys", numberOf(memory_.getDataListName().size())},
+           {"keys", countOf(memory_.getDataListName().size())},
            {"residentBytes", residentBytes()}};
   List wrong;
   addChanges(told);
@@ -71,8 +71,8 @@ void Inspector::addChanges(Map& told) const {
     if (of.authors.size() < 2 || several.size() == kAuthorsTold) continue;
     List authors;
     for (const std::string& author : of.authors) authors.emplace_back(author);
-    several.push_back(HXValue::map(
-        {{"key", key}, {"authors", HXValue::list(std::move(authors))}, {"retyped", numberOf(of.retyped)}}));
+    several.push_back(
+        HXValue::map({{"key", key}, {"authors", HXValue::list(std::move(authors))}, {"retyped", countOf(of.retyped)}}));
   }
   told.emplace("severalAuthors", HXValue::list(std::move(several)));
 }
@@ -145,7 +145,7 @@ void Inspector::addFollowers(Map& told, List& wrong) const {
   List list;
   for (const auto& one : journal_->followers()) {
     list.push_back(HXValue::map(
-        {{"who", one.who}, {"behind", numberOf(one.behind)}, {"gaps", numberOf(one.gaps)}, {"paused", one.isPaused}}));
+        {{"who", one.who}, {"behind", countOf(one.behind)}, {"gaps", countOf(one.gaps)}, {"paused", one.isPaused}}));
     if (one.gaps == 0) continue;
     wrong.emplace_back(fmt::format("{} follows too slowly: it has missed changes {}",
                                    one.who.empty() ? "a follower" : one.who, times(one.gaps)));

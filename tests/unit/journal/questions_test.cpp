@@ -158,6 +158,7 @@ TEST_F(Questions, TellWhoMakesAnExtractorRun) {
   EXPECT_THAT(reported(), HasSubstr("Sonar does not produce Echo although asked: it is not there"));
 
   memory->raiseEvent("Scan", 1);  // Ends Ghost's.
+  EXPECT_THAT(reported(), Not(HasSubstr("for nobody")));
   memory->unsubscribeToEvent("Scan", "Mapper");
   EXPECT_THAT(demanded(), HasSubstr("Scan: Lidar is on for nobody: Ghost has gone without unsubscribing"));
   EXPECT_THAT(reported(), AllOf(HasSubstr("Lidar produces Scan for nobody"), HasSubstr("Ghost"),

@@ -46,7 +46,8 @@ TEST(Completions, OfferCommandsAndTheirOptions) {
   const auto complete = [](std::vector<std::string> words) { return completions(words); };
   EXPECT_THAT(complete({"desc"}), ElementsAre("describe", "descriptions"));
   EXPECT_THAT(complete({"help", "unw"}), ElementsAre());
-  EXPECT_THAT(complete({"get", "--"}), ElementsAre("--broker", "--help", "--json", "--prefix", "--raw", "--timeout"));
+  EXPECT_THAT(complete({"get", "--"}),
+              ElementsAre("--broker", "--help", "--json", "--max-age", "--prefix", "--raw", "--timeout"));
   EXPECT_THAT(complete({"run", "--log-level", "e"}), ElementsAre("error"));
   EXPECT_THAT(complete({"fly", ""}), ElementsAre());
 }

@@ -211,6 +211,15 @@ TEST_F(RemoteAuthors, AreProcessesThatSayNothingOfThemselves) {
               ElementsAre(Pair("old", process), Pair("old", process), Pair("old", process), Pair("old", "Someone")));
 }
 
+TEST_F(RemoteAuthors, SayInWhichProcessASubscriberIs) {
+  Other other;
+  other.session.registerService("Witness", witness(other));
+  memory->subscribeToEvent("Bell", "Witness", "write");
+  const auto known = memory->subscribersOf("Bell");
+  ASSERT_EQ(known.size(), 1U);
+  EXPECT_EQ(known[0].process, thisProcess());
+}
+
 TEST_F(RemoteAuthors, AreForgottenWithTheirConnections) {
   const std::size_t before = Author::remembered();
   for (int i = 0; i < 50; ++i) {
