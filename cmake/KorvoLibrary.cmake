@@ -14,6 +14,7 @@ target_compile_options(korvo_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-qual -Wcast-align
   -Wnon-virtual-dtor -Woverloaded-virtual -Wdouble-promotion -Wformat=2 -Wundef -Wunused -Wvla
   $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wduplicated-branches -Wlogical-op -Wuseless-cast>
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
   # g++ 12 sees overlapping copies in `"literal" + std::string`, where there are none.
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>
   # In a unity build every source is an included file, where g++ takes the anonymous namespace for a header's.

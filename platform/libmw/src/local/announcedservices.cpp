@@ -1,11 +1,13 @@
 #include "announcedservices.h"
 
+#include <hxerror/mutex.h>
+
 #include <utility>
 
 namespace mw::local {
 
 void AnnouncedServices::begin(int connection) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   goAll();  // An attempt that failed may have told of some.
   connection_ = connection;
   isListed_ = false;
@@ -17,19 +19,19 @@ void AnnouncedServices::goAll() {
 }
 
 void AnnouncedServices::came(int connection, ServiceId id, const std::string& name) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (connection == connection_ && known_.emplace(id, name).second) session_.announce(id, name, true);
 }
 
 void AnnouncedServices::went(int connection, ServiceId id, const std::string& name) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (connection != connection_) return;
   if (!isListed_) gone_.insert(id);
   if (known_.erase(id) > 0) session_.announce(id, name, false);
 }
 
 void AnnouncedServices::listed(int connection, const std::vector<ServiceInfo>& all) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (connection != connection_) return;
   const bool isFirst = !std::exchange(wasListed_, true);
   for (const ServiceInfo& service : all) {
@@ -41,12 +43,12 @@ void AnnouncedServices::listed(int connection, const std::vector<ServiceInfo>& a
 }
 
 void AnnouncedServices::isBack(int connection) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (connection == connection_) session_.announceReturn();
 }
 
 void AnnouncedServices::lost(int connection, const std::string& reason) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (connection != connection_) return;
   connection_ = 0;
   session_.announceLoss(reason);

@@ -1,9 +1,9 @@
 #pragma once
 
+#include <hxerror/mutex.h>
 #include <libmw/session.h>
 
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -32,15 +32,15 @@ class AnnouncedServices {
   void lost(int connection, const std::string& reason);
 
  private:
-  void goAll();
+  void goAll() HX_REQUIRES(mutex_);
 
   Session& session_;
-  std::mutex mutex_;  // Guards everything below. Outer to the locks of the session's notices, which are put in order.
-  int connection_ = 0;
-  std::map<ServiceId, std::string> known_;
-  bool isListed_ = false;     ///< On this connection,
-  bool wasListed_ = false;    ///< and on any.
-  std::set<ServiceId> gone_;  ///< Before the list was there, which may be older.
+  HX::Mutex mutex_;  // Outer to the locks of the session's notices, which are put in order.
+  int connection_ HX_GUARDED_BY(mutex_) = 0;
+  std::map<ServiceId, std::string> known_ HX_GUARDED_BY(mutex_);
+  bool isListed_ HX_GUARDED_BY(mutex_) = false;     ///< On this connection,
+  bool wasListed_ HX_GUARDED_BY(mutex_) = false;    ///< and on any.
+  std::set<ServiceId> gone_ HX_GUARDED_BY(mutex_);  ///< Before the list was there, which may be older.
 };
 
 }  // namespace mw::local

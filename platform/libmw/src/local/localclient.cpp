@@ -5,6 +5,7 @@
 #include "socketchannel.h"
 #include "socketfolder.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/local.h>
 #include <libmw/log.h>
@@ -13,7 +14,6 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
-#include <mutex>
 #include <utility>
 
 #include <fmt/format.h>
@@ -69,7 +69,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     session_.join(nullptr);
     services_.close();
     const auto link = [this] {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       stopped_ = true;
       return link_;
     }();
@@ -81,7 +81,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   const std::string& broker() const { return broker_; }
 
   bool isConnected() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return connected_;
   }
 
@@ -105,13 +105,13 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
 
   void offer(ServiceId id, const std::string& name, const AnyObject& object) override {
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       if (!offered_.emplace(id, Offer{name, object, std::nullopt}).second) return;
     }
     try {
       offerNow(*link(), id);
     } catch (...) {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       offered_.erase(id);
       throw;
     }
@@ -121,7 +121,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     std::shared_ptr<remote::Link> link;
     Offer withdrawn;
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       const auto found = offered_.find(id);
       if (found == offered_.end()) return;
       withdrawn = std::move(found->second);
@@ -163,7 +163,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
       link->gone().wait();
       throw;
     }
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (stopped_) {
       link->end("the client has left");
       return true;
@@ -227,21 +227,21 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   }
 
   std::shared_ptr<remote::Link> link() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return link_;
   }
 
   void offerNow(remote::Link& link, ServiceId id) {
     Offer offer;
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       const auto found = offered_.find(id);
       if (found == offered_.end()) return;
       offer = found->second;
     }
     const auto given = link.ask("korvo.register", offer.name, offer.object).take().reference().to<std::int64_t>();
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       if (const auto found = offered_.find(id); found != offered_.end()) {
         found->second.id = given;
         return;
@@ -252,7 +252,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
 
   void onEnd(const remote::Link* ended, const std::string& reason, bool& isOver) {
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       isOver = true;
       if (link_.get() != ended || !connected_) return;
       connected_ = false;
@@ -304,7 +304,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
 
   /// Without the services that this process offers.
   std::vector<ServiceInfo> othersOf(std::vector<ServiceInfo> all) const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     for (const auto& [id, offer] : offered_) {
       if (!offer.id) continue;
       const auto own = *offer.id | kBrokerIds;
@@ -316,7 +316,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   void offerAgain() {
     std::vector<std::pair<ServiceId, std::string>> all;
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       for (auto& [id, offer] : offered_) all.emplace_back(id, offer.name);
     }
     for (const auto& [id, name] : all) {
@@ -324,7 +324,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
         offerNow(*link(), id);
       } catch (const std::exception& error) {
         log::error(kCategory, "retry", fmt::format("cannot offer service {} again: {}", name, error.what()));
-        const std::lock_guard lock(mutex_);
+        const HX::MutexLock lock(mutex_);
         if (const auto found = offered_.find(id); found != offered_.end()) found->second.isRefused = true;
       }
     }
@@ -334,7 +334,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   void onNameFree(const std::string& name) {
     std::optional<ServiceId> missing;
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       const auto isMissing = [&](const auto& one) { return one.second.name == name && one.second.isRefused; };
       const auto found = std::find_if(offered_.begin(), offered_.end(), isMissing);
       if (connected_ && found != offered_.end()) {
@@ -366,11 +366,11 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   std::atomic<int> connections_{0};  // tried so far, one after another
   Lifetime lifetime_;                // around every use of the session that the owner does not wait for otherwise
 
-  mutable std::mutex mutex_;  // Guards everything below.
-  bool stopped_ = false;
-  bool connected_ = false;
-  std::shared_ptr<remote::Link> link_;  // the latest; may have ended
-  std::map<ServiceId, Offer> offered_;
+  mutable HX::Mutex mutex_;
+  bool stopped_ HX_GUARDED_BY(mutex_) = false;
+  bool connected_ HX_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<remote::Link> link_ HX_GUARDED_BY(mutex_);  // the latest; may have ended
+  std::map<ServiceId, Offer> offered_ HX_GUARDED_BY(mutex_);
 };
 
 LocalClient::LocalClient(Session& session, const std::string& broker) : LocalClient(session, broker, Options{}) {}

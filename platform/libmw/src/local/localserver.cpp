@@ -5,6 +5,7 @@
 #include "socketchannel.h"
 #include "socketfolder.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/local.h>
 #include <libmw/log.h>
@@ -14,7 +15,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <map>
-#include <mutex>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -62,7 +62,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
     if (number_ != 0) local::Poller::instance().remove(number_, socket_.number());
     std::map<std::uint64_t, std::shared_ptr<remote::Link>> links;
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       stopped_ = true;
       links.swap(links_);
     }
@@ -75,7 +75,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   void onReady(std::uint32_t /*events*/, std::vector<remote::Work>& /*works*/) override { acceptOne(); }
 
   std::size_t connectionCount() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return links_.size();
   }
 
@@ -107,7 +107,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   }
 
   bool isStopped() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return stopped_;
   }
 
@@ -164,8 +164,10 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   /// Several newcomers may be welcomed at once.
   /// @return Why there is no place for a process; empty when it has the place `number` now.
   std::string takePlace(pid_t process, std::uint64_t& number) {
-    const auto isKept = [this] { return processes_.size() + options_.connectionsKept >= options_.connectionLimit; };
-    std::unique_lock lock(mutex_);
+    const auto isKept = [this]() HX_REQUIRES(mutex_) {
+      return processes_.size() + options_.connectionsKept >= options_.connectionLimit;
+    };
+    HX::MutexLock lock(mutex_);
     if (isKept()) {
       lock.unlock();
       const bool isOwn = local::isOfThisProgram(process);
@@ -198,14 +200,14 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   }
 
   bool add(std::uint64_t number, const std::shared_ptr<remote::Link>& link) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (!stopped_) links_.emplace(number, link);
     return !stopped_;
   }
 
   void remove(std::uint64_t number) {
     std::shared_ptr<remote::Link> last;
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     processes_.erase(number);
     if (auto found = links_.extract(number)) last = std::move(found.mapped());
   }
@@ -223,11 +225,12 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   std::atomic<std::uint64_t> number_{0};
   std::atomic<bool> isShort_{false};  // the last attempt to accept failed, and was told
 
-  mutable std::mutex mutex_;  // Guards everything below.
-  bool stopped_ = false;
-  std::uint64_t lastNumber_ = 0;
-  std::map<std::uint64_t, std::shared_ptr<remote::Link>> links_;
-  std::map<std::uint64_t, pid_t> processes_;  // at the other ends: of links, and of those that are being made
+  mutable HX::Mutex mutex_;
+  bool stopped_ HX_GUARDED_BY(mutex_) = false;
+  std::uint64_t lastNumber_ HX_GUARDED_BY(mutex_) = 0;
+  std::map<std::uint64_t, std::shared_ptr<remote::Link>> links_ HX_GUARDED_BY(mutex_);
+  std::map<std::uint64_t, pid_t> processes_
+      HX_GUARDED_BY(mutex_);  // at the other ends: of links, and of those that are being made
 };
 
 LocalServer::LocalServer(Session& session, const std::string& name, const LinkOptions& options, Listening listening)

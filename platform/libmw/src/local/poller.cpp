@@ -3,6 +3,7 @@
 #include "../runtime/processend.h"
 #include "../runtime/signalstack.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 
@@ -94,13 +95,13 @@ Poller::Poller()
 std::uint64_t Poller::add(int socket, const std::weak_ptr<Pollable>& owner) {
   std::uint64_t number = 0;
   {
-    const std::lock_guard lock(socketsMutex_);
+    const HX::MutexLock lock(socketsMutex_);
     number = ++lastNumber_;
     sockets_.emplace(number, owner);
   }
   if (local::add(epoll_, socket, number, EPOLLET) != 0) {
     const int error = errno;
-    const std::lock_guard lock(socketsMutex_);
+    const HX::MutexLock lock(socketsMutex_);
     sockets_.erase(number);
     throw std::system_error(error, std::generic_category(), "watching a connection");
   }
@@ -120,21 +121,21 @@ void Poller::watch(std::uint64_t number, int socket, std::uint32_t events) {
 void Poller::remove(std::uint64_t number, int socket) {
   ::epoll_ctl(epoll_.number(), EPOLL_CTL_DEL, socket, nullptr);
   {
-    const std::lock_guard lock(socketsMutex_);
+    const HX::MutexLock lock(socketsMutex_);
     sockets_.erase(number);
   }
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   reminders_.erase(number);
 }
 
 std::shared_ptr<Pollable> Poller::find(std::uint64_t number) const {
-  const std::lock_guard lock(socketsMutex_);
+  const HX::MutexLock lock(socketsMutex_);
   const auto found = sockets_.find(number);
   return found == sockets_.end() ? nullptr : found->second.lock();
 }
 
 std::size_t Poller::threadCount() const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return threads_;
 }
 
@@ -142,7 +143,7 @@ std::size_t Poller::threadCount() const {
 
 bool Poller::startThread() {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (stopped_) return false;
     ++threads_;
     ++waiting_;
@@ -216,7 +217,7 @@ void Poller::runThread() {
     for (; work; work = takePosted()) run(work);
     waiting_.fetch_add(1);
   }
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   --threads_;
   changed_.notify_all();
 }
@@ -236,7 +237,7 @@ void Poller::wake() { write(wakeUp_); }
 void Poller::post(std::vector<remote::Work>& works) {
   if (works.empty()) return;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     for (auto& work : works) posted_.push_back(std::move(work));
     postedCount_ = posted_.size();
   }
@@ -249,7 +250,7 @@ remote::Work Poller::takePosted() {
   if (postedCount_ == 0) return {};
   remote::Work taken;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (posted_.empty()) return {};
     taken = std::move(posted_.front());
     posted_.pop_front();
@@ -263,7 +264,7 @@ remote::Work Poller::takePosted() {
 // --- The timer ------------------------------------------------------------------------------------------------------
 
 bool Poller::remind(std::uint64_t number, Clock::time_point due) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (stopped_) return false;
   const auto [known, isNew] = reminders_.emplace(number, due);
   if (!isNew) known->second = std::min(known->second, due);
@@ -288,7 +289,7 @@ void Poller::fireTimer() {
     // What is due a little later is done as well, rather than by a further wake-up.
     const auto now = Clock::now() + 1ms;
     auto next = Clock::time_point::max();
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     for (auto one = reminders_.begin(); one != reminders_.end();) {
       if (one->second > now) {
         next = std::min(next, one->second);
@@ -315,14 +316,15 @@ void Poller::fireTimer() {
 void Poller::stop() {
   if (detail::isForkedChild()) return;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     stopped_ = true;
     for (auto& [number, due] : reminders_) due = Clock::time_point::min();
   }
   fireTimer();  // What waits to leave does, or never.
   write(end_);
-  std::unique_lock lock(mutex_);
-  if (changed_.wait_for(lock, detail::graceAtExit(), [this] { return threads_ == 0; })) return;
+  HX::MutexLock lock(mutex_);
+  if (changed_.wait_for(lock.native(), detail::graceAtExit(), [this]() HX_REQUIRES(mutex_) { return threads_ == 0; }))
+    return;
   lock.unlock();
   log::error(kCategory, "exit", "calls from other processes still run at the end of the process; not waiting");
 }

@@ -2,13 +2,14 @@
 
 #include "../remote/channel.h"
 
+#include <hxerror/mutex.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -106,7 +107,7 @@ class HX_API Poller {
   remote::Work takePosted();
   void wake();
   void fireTimer();
-  void setTimerLocked(Clock::time_point due);
+  void setTimerLocked(Clock::time_point due) HX_REQUIRES(mutex_);
   std::shared_ptr<Pollable> find(std::uint64_t number) const;
 
   const File epoll_;
@@ -118,18 +119,18 @@ class HX_API Poller {
   std::atomic<std::size_t> waiting_{0};
   std::atomic<std::size_t> postedCount_{0};
 
-  mutable std::mutex socketsMutex_;  // Guards the two below.
-  std::uint64_t lastNumber_;
-  std::unordered_map<std::uint64_t, std::weak_ptr<Pollable>> sockets_;
+  mutable HX::Mutex socketsMutex_;
+  std::uint64_t lastNumber_ HX_GUARDED_BY(socketsMutex_);
+  std::unordered_map<std::uint64_t, std::weak_ptr<Pollable>> sockets_ HX_GUARDED_BY(socketsMutex_);
 
-  mutable std::mutex mutex_;  // Guards everything below.
+  mutable HX::Mutex mutex_;
   std::condition_variable changed_;
-  std::deque<remote::Work> posted_;
-  std::unordered_map<std::uint64_t, Clock::time_point> reminders_;
-  Clock::time_point timerDue_ = Clock::time_point::max();
-  std::size_t threads_ = 0;
-  bool stopped_ = false;
-  bool isShort_ = false;  // of threads, which was told
+  std::deque<remote::Work> posted_ HX_GUARDED_BY(mutex_);
+  std::unordered_map<std::uint64_t, Clock::time_point> reminders_ HX_GUARDED_BY(mutex_);
+  Clock::time_point timerDue_ HX_GUARDED_BY(mutex_) = Clock::time_point::max();
+  std::size_t threads_ HX_GUARDED_BY(mutex_) = 0;
+  bool stopped_ HX_GUARDED_BY(mutex_) = false;
+  bool isShort_ HX_GUARDED_BY(mutex_) = false;  // of threads, which was told
 };
 
 }  // namespace mw::local

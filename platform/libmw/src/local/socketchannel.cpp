@@ -1,5 +1,7 @@
 #include "socketchannel.h"
 
+#include <hxerror/mutex.h>
+
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
@@ -73,7 +75,7 @@ void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
   unread_.join(peer_, weak_from_this());
   bool isOver = false;
   {
-    const std::lock_guard lock(watchMutex_);
+    const HX::MutexLock lock(watchMutex_);
     sink_ = sink;
     isOver = ended_;  // Asked before the poller knows of it: whoever ends it afterwards tells the sink.
     if (!isOver) number_ = poller_.add(socket_.number(), weak_from_this());
@@ -84,7 +86,7 @@ void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
 
 /// Watches for what is of interest now. After each marked step of the turn: what is read of it here is at least as new.
 void SocketChannel::watch() {
-  const std::lock_guard lock(watchMutex_);
+  const HX::MutexLock lock(watchMutex_);
   if (number_ == 0) return;
   std::uint32_t events = EPOLLET;
   if (turn_.isTold()) events |= EPOLLIN;
@@ -103,7 +105,7 @@ bool SocketChannel::remindIn(Clock::duration time) {
   // `onTimer` takes the reminder back before it looks at what is to be done: it sees what was said before this.
   if (reminder_.load() <= due) return true;
   reminder_ = due;
-  const std::lock_guard lock(watchMutex_);
+  const HX::MutexLock lock(watchMutex_);
   return number_ != 0 && poller_.remind(number_, due);
 }
 
@@ -230,7 +232,7 @@ bool SocketChannel::send(remote::Message& message, remote::Sending when) {
 }
 
 bool SocketChannel::sendOrQueue(remote::Message& message, remote::Sending when) {
-  std::unique_lock lock(outputMutex_);
+  HX::MutexLock lock(outputMutex_);
   if (ended_ || refused_) return false;
   const auto& bytes = message.bytes;
   if (when == remote::Sending::Now && output_.empty() && message.shared().empty()) {
@@ -283,7 +285,7 @@ void SocketChannel::setOutputLocked(std::size_t bytes) {
 void SocketChannel::onSendFailed(int error) {
   if (error != EPIPE) return end(reasonOf(error));
   // The peer takes nothing more, but what it sent before is still to be read: its end comes behind that.
-  const std::lock_guard lock(outputMutex_);
+  const HX::MutexLock lock(outputMutex_);
   refused_ = true;
   output_.clear();
   setOutputLocked(0);
@@ -294,7 +296,7 @@ void SocketChannel::onSendFailed(int error) {
 void SocketChannel::flush() {
   int error = 0;
   {
-    const std::lock_guard lock(outputMutex_);
+    const HX::MutexLock lock(outputMutex_);
     if (!ended_ && !output_.empty()) error = writeLocked();
   }
   if (error != 0) onSendFailed(error);
@@ -341,16 +343,16 @@ int SocketChannel::writeLocked() {
 void SocketChannel::end(const std::string& reason) {
   if (ended_.exchange(true)) return;
   {
-    const std::lock_guard lock(outputMutex_);
+    const HX::MutexLock lock(outputMutex_);
     if (holdsBack_) static_cast<void>(writeLocked());  // It was sent before the end.
   }
   ::shutdown(socket_.number(), SHUT_RDWR);
   {
-    const std::lock_guard lock(watchMutex_);
+    const HX::MutexLock lock(watchMutex_);
     if (number_ != 0) poller_.remove(std::exchange(number_, 0), socket_.number());
   }
   {
-    const std::lock_guard lock(outputMutex_);
+    const HX::MutexLock lock(outputMutex_);
     output_.clear();
     setOutputLocked(0);
   }
@@ -358,7 +360,7 @@ void SocketChannel::end(const std::string& reason) {
 }
 
 std::shared_ptr<remote::ChannelSink> SocketChannel::sinkNow() {
-  const std::lock_guard lock(watchMutex_);
+  const HX::MutexLock lock(watchMutex_);
   return sink_.lock();
 }
 

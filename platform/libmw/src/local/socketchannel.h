@@ -5,11 +5,11 @@
 #include "poller.h"
 #include "receivebuffer.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/local.h>
 
 #include <atomic>
 #include <deque>
-#include <mutex>
 #include <string>
 
 namespace mw::local {
@@ -71,9 +71,9 @@ class HX_API SocketChannel final : public remote::Channel,
   Received receive(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
   void onSendFailed(int error);
-  void queueLocked(remote::Message& message);
-  void setOutputLocked(std::size_t bytes);
-  int writeLocked();
+  void queueLocked(remote::Message& message) HX_REQUIRES(outputMutex_);
+  void setOutputLocked(std::size_t bytes) HX_REQUIRES(outputMutex_);
+  int writeLocked() HX_REQUIRES(outputMutex_);
 
   const LinkOptions options_;
   Poller& poller_;
@@ -92,22 +92,22 @@ class HX_API SocketChannel final : public remote::Channel,
   remote::Budget::Share unfinished_;  // what is in it; the sink keeps the limit
   bool answersFast_ = true;
 
-  std::mutex watchMutex_;     // Guards `number_`, and makes what is watched agree with `turn_` and `hasOutput_`.
-                              // Outer to those of the poller.
-  std::uint64_t number_ = 0;  // at the poller; 0 when it is not watched
+  HX::Mutex watchMutex_;                                 // Makes what is watched agree with `turn_` and `hasOutput_`.
+                                                         // Outer to those of the poller.
+  std::uint64_t number_ HX_GUARDED_BY(watchMutex_) = 0;  // at the poller; 0 when it is not watched
   std::atomic<bool> hasOutput_{false};
   std::atomic<bool> holdsBack_{false};  // messages wait for others to leave with
 
   std::atomic<Clock::time_point> reminder_{kNoReminder};  // when `onTimer` comes
   std::atomic<std::uint32_t> seenMoment_{0};              // of `turn_`, by the last `onTimer`
 
-  std::mutex outputMutex_;              // Guards everything below. Outer to `watchMutex_`.
-  std::deque<remote::Message> output_;  // short ones together
-  remote::Bytes spare_;                 // memory for short ones
-  std::size_t outputBytes_ = 0;
-  remote::Budget::Share unread_;  // as many
-  std::size_t sent_ = 0;          // of the first of them
-  bool refused_ = false;          // the peer takes nothing more
+  HX::Mutex outputMutex_;                                           // Outer to `watchMutex_`.
+  std::deque<remote::Message> output_ HX_GUARDED_BY(outputMutex_);  // short ones together
+  remote::Bytes spare_ HX_GUARDED_BY(outputMutex_);                 // memory for short ones
+  std::size_t outputBytes_ HX_GUARDED_BY(outputMutex_) = 0;
+  remote::Budget::Share unread_;                      // as many
+  std::size_t sent_ HX_GUARDED_BY(outputMutex_) = 0;  // of the first of them
+  bool refused_ HX_GUARDED_BY(outputMutex_) = false;  // the peer takes nothing more
 };
 
 }  // namespace mw::local

@@ -2,6 +2,7 @@
 
 #include "../runtime/threadwait.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 
@@ -64,7 +65,7 @@ class CallQueue::Runner {
 
 void CallQueue::add(std::shared_ptr<QueuedCall> call) {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     waiting_.push_back(std::move(call));
     if (std::exchange(isRunning_, true)) return;
   }
@@ -76,12 +77,12 @@ void CallQueue::runOn() {
 }
 
 bool CallQueue::isIdle() const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return !isRunning_;
 }
 
 Future<void> CallQueue::idle() {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (!isRunning_) return makeReadyFuture();
   if (!idle_) idle_.emplace();
   return idle_->future();
@@ -91,7 +92,7 @@ Future<void> CallQueue::idle() {
 std::shared_ptr<QueuedCall> CallQueue::next() {
   std::optional<Promise<void>> idle;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (!waiting_.empty()) {
       auto call = std::move(waiting_.front());
       waiting_.pop_front();
@@ -137,7 +138,7 @@ void CallQueue::abandon() {
   std::deque<std::shared_ptr<QueuedCall>> dropped;
   std::optional<Promise<void>> idle;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     dropped.swap(waiting_);
     isRunning_ = false;
     idle.swap(idle_);

@@ -3,13 +3,13 @@
 #include "../runtime/callerscope.h"
 
 #include <hxauthor/author.h>
+#include <hxerror/mutex.h>
 #include <libmw/genericobject.h>
 
 #include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -67,10 +67,10 @@ class CallQueue : public std::enable_shared_from_this<CallQueue> {
   void abandon();
 
   const std::uintptr_t object_;
-  mutable std::mutex mutex_;  // Guards everything below.
-  std::deque<std::shared_ptr<QueuedCall>> waiting_;
-  bool isRunning_ = false;
-  std::optional<Promise<void>> idle_;
+  mutable HX::Mutex mutex_;
+  std::deque<std::shared_ptr<QueuedCall>> waiting_ HX_GUARDED_BY(mutex_);
+  bool isRunning_ HX_GUARDED_BY(mutex_) = false;
+  std::optional<Promise<void>> idle_ HX_GUARDED_BY(mutex_);
 };
 
 /// Logs that what nobody waits for has failed.

@@ -1,8 +1,8 @@
 #include "servicehandle.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/objecttypebuilder.h>
 
-#include <mutex>
 #include <typeindex>
 #include <unordered_map>
 
@@ -12,8 +12,8 @@ namespace mw {
 namespace {
 
 struct Registry {
-  std::mutex mutex;  // Guards `types`.
-  std::unordered_map<std::type_index, std::shared_ptr<const ObjectType>> types;
+  HX::Mutex mutex;
+  std::unordered_map<std::type_index, std::shared_ptr<const ObjectType>> types HX_GUARDED_BY(mutex);
 };
 
 Registry& registry() {
@@ -38,7 +38,7 @@ class TypedObject final : public DynamicObject {
 
 void registerType(const std::type_info& type, std::shared_ptr<const ObjectType> description) {
   Registry& all = registry();
-  const std::lock_guard lock(all.mutex);
+  const HX::MutexLock lock(all.mutex);
   std::swap(all.types[std::type_index(type)], description);
 }
 
@@ -48,7 +48,7 @@ AnyObject makeTypedObject(const std::type_info& type, std::shared_ptr<void> inst
   Registry& all = registry();
   std::shared_ptr<const ObjectType> description;
   {
-    const std::lock_guard lock(all.mutex);
+    const HX::MutexLock lock(all.mutex);
     const auto found = all.types.find(std::type_index(type));
     if (found == all.types.end()) return AnyObject();
     description = found->second;

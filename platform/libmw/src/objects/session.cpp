@@ -1,6 +1,7 @@
 #include "../runtime/threadlocal.h"
 #include "servicehandle.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/remoteerror.h>
 #include <libmw/session.h>
@@ -11,7 +12,6 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -49,32 +49,32 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
   Notices(Session& session, EventLoop& loop) : session_(session), loop_(loop) {}
 
   void add(Notice notice) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     waiting_.push_back(std::move(notice));
     startLocked();
   }
 
   void hold() {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     ++holds_;
   }
 
   void release() {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     --holds_;
     startLocked();
   }
 
   /// Remembers from now on what is delivered. @return The number of the next one.
   std::uint64_t remember() {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     ++remembering_;
     return delivered_;
   }
 
   void forget() {
     std::deque<Delivered> gone;
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (--remembering_ == 0) gone.swap(past_);
   }
 
@@ -89,14 +89,14 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
   };
 
   // The posting itself happens under the lock; the loop never runs what is posted in the caller.
-  void startLocked() {
+  void startLocked() HX_REQUIRES(mutex_) {
     if (delivering_ || holds_ > 0 || waiting_.empty()) return;
     delivering_ = loop_.post([self = shared_from_this()] { self->deliver(); });
   }
 
   void deliver() {
     while (true) {
-      std::unique_lock lock(mutex_);
+      HX::MutexLock lock(mutex_);
       if (holds_ > 0 || waiting_.empty()) {
         delivering_ = false;
         return;
@@ -141,7 +141,7 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
   void tellPast(const Notice& wanted) {
     std::deque<Delivered> past;
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       past = past_;
     }
     for (const Delivered& one : past) {
@@ -157,13 +157,13 @@ class Session::Notices : public std::enable_shared_from_this<Notices> {
   Session& session_;
   EventLoop& loop_;
   Lifetime lifetime_;
-  std::mutex mutex_;  // Guards everything below.
-  std::deque<Notice> waiting_;
-  int holds_ = 0;
-  bool delivering_ = false;
-  int remembering_ = 0;
-  std::uint64_t delivered_ = 0;
-  std::deque<Delivered> past_;  // as long as somebody may have to catch up
+  HX::Mutex mutex_;
+  std::deque<Notice> waiting_ HX_GUARDED_BY(mutex_);
+  int holds_ HX_GUARDED_BY(mutex_) = 0;
+  bool delivering_ HX_GUARDED_BY(mutex_) = false;
+  int remembering_ HX_GUARDED_BY(mutex_) = 0;
+  std::uint64_t delivered_ HX_GUARDED_BY(mutex_) = 0;
+  std::deque<Delivered> past_ HX_GUARDED_BY(mutex_);  // as long as somebody may have to catch up
 };
 
 SignalLink NoticeSignal::connect(SignalSubscriber subscriber) {
@@ -191,7 +191,7 @@ class Session::Directory {
   /// @param remote  Set to the directory that has to be told. Whoever joins one later finds the service in the list.
   ServiceId add(const std::string& name, std::shared_ptr<ServiceHandle> handle,
                 std::shared_ptr<RemoteDirectory>& remote) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     remote = remote_;
     if (closed_) throw std::runtime_error(fmt::format("cannot register service {}: the session is closed", name));
     const ServiceId id = nextId_;
@@ -210,7 +210,7 @@ class Session::Directory {
   };
 
   std::optional<Service> remove(ServiceId id) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = services_.find(id);
     if (found == services_.end()) return std::nullopt;
     Service service = std::move(found->second);
@@ -221,13 +221,13 @@ class Session::Directory {
   }
 
   std::shared_ptr<ServiceHandle> find(const std::string& name) const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = ids_.find(name);
     return found == ids_.end() ? nullptr : services_.at(found->second).handle;
   }
 
   std::vector<ServiceInfo> list() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     std::vector<ServiceInfo> all;
     for (const auto& [id, service] : services_) all.push_back({id, service.name});
     return all;
@@ -235,28 +235,28 @@ class Session::Directory {
 
   /// @return The last registered service; 0 when there is none.
   ServiceId closeAndPickLast() {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     closed_ = true;
     return services_.empty() ? 0 : services_.rbegin()->first;
   }
 
   void setRemote(std::shared_ptr<RemoteDirectory> remote) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     remote_.swap(remote);
   }
 
   std::shared_ptr<RemoteDirectory> remote() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return remote_;
   }
 
   void setResolver(Resolver resolver) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     resolver_ = std::move(resolver);
   }
 
   Resolver resolver() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return resolver_;
   }
 
@@ -265,14 +265,14 @@ class Session::Directory {
 
  private:
   Notices& notices_;
-  // Guards everything below. Outer to the mutex of the notices, so that these are in the order of what happened.
-  mutable std::mutex mutex_;
-  std::map<ServiceId, Service> services_;
-  std::map<std::string, ServiceId> ids_;
-  ServiceId nextId_ = 1;
-  bool closed_ = false;
-  Resolver resolver_;
-  std::shared_ptr<RemoteDirectory> remote_;
+  // Outer to the mutex of the notices, so that these are in the order of what happened.
+  mutable HX::Mutex mutex_;
+  std::map<ServiceId, Service> services_ HX_GUARDED_BY(mutex_);
+  std::map<std::string, ServiceId> ids_ HX_GUARDED_BY(mutex_);
+  ServiceId nextId_ HX_GUARDED_BY(mutex_) = 1;
+  bool closed_ HX_GUARDED_BY(mutex_) = false;
+  Resolver resolver_ HX_GUARDED_BY(mutex_);
+  std::shared_ptr<RemoteDirectory> remote_ HX_GUARDED_BY(mutex_);
 };
 
 RemoteDirectory::~RemoteDirectory() = default;

@@ -1,6 +1,7 @@
 #include "../runtime/threadlocal.h"
 #include "emissionscope.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 #include <libmw/signal.h>
@@ -8,7 +9,6 @@
 #include <algorithm>
 #include <deque>
 #include <iterator>
-#include <mutex>
 #include <vector>
 
 #include <fmt/format.h>
@@ -69,7 +69,7 @@ class Slot : public std::enable_shared_from_this<Slot> {
 
   void add(OwnedParameters owned) {
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       if (stopped_) return;
       queue_.push_back(std::move(owned));
       if (draining_) return;
@@ -81,7 +81,7 @@ class Slot : public std::enable_shared_from_this<Slot> {
   // The loop has ended, with the process: nothing would ever take out what is queued.
   void stop() {
     std::deque<OwnedParameters> dropped;
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     stopped_ = true;
     dropped.swap(queue_);
   }
@@ -89,7 +89,7 @@ class Slot : public std::enable_shared_from_this<Slot> {
   // One task at a time drains the queue: that keeps the order of the emissions.
   void runQueued() {
     while (true) {
-      std::unique_lock lock(mutex_);
+      HX::MutexLock lock(mutex_);
       if (queue_.empty()) {
         draining_ = false;
         return;
@@ -105,10 +105,10 @@ class Slot : public std::enable_shared_from_this<Slot> {
   const MetaCallType callType_;
   SignalSubscriber subscriber_;  ///< Used only inside the gate, and once it is drained.
   CallGate gate_{1};
-  std::mutex mutex_;  // Guards everything below.
-  std::deque<OwnedParameters> queue_;
-  bool draining_ = false;
-  bool stopped_ = false;
+  HX::Mutex mutex_;
+  std::deque<OwnedParameters> queue_ HX_GUARDED_BY(mutex_);
+  bool draining_ HX_GUARDED_BY(mutex_) = false;
+  bool stopped_ HX_GUARDED_BY(mutex_) = false;
 };
 
 struct EmissionsOfThread {
@@ -182,7 +182,7 @@ class SignalBase::Connections {
 
   std::shared_ptr<const Slots> snapshot() {
     Slots gone;  // After the lock, with what belongs to the subscribers.
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (!snapshot_) {
       gone = takeClosed();
       snapshot_ = std::make_shared<const Slots>(slots_);
@@ -194,7 +194,7 @@ class SignalBase::Connections {
     SignalLink link = kInvalidSignalLink;
     {
       std::shared_ptr<const Slots> outdated;  // Goes after the lock.
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       link = nextLink();
       slots_.push_back(std::make_shared<Slot>(link, std::move(subscriber)));
       outdated.swap(snapshot_);
@@ -207,7 +207,7 @@ class SignalBase::Connections {
   std::shared_ptr<Slot> take(SignalLink link) {
     Slots gone;
     std::shared_ptr<const Slots> outdated;
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = std::ranges::lower_bound(slots_, link, {}, &Slot::link);
     if (found == slots_.end() || (*found)->link() != link || (*found)->isClosed()) return nullptr;
     std::shared_ptr<Slot> slot = *found;
@@ -240,16 +240,16 @@ class SignalBase::Connections {
   }
 
   bool isEmpty() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return isEmptyLocked();
   }
 
  private:
   static constexpr std::size_t kFew = 64;
 
-  bool isEmptyLocked() const { return slots_.size() == closed_; }
+  bool isEmptyLocked() const HX_REQUIRES(mutex_) { return slots_.size() == closed_; }
 
-  Slots takeClosed() {
+  Slots takeClosed() HX_REQUIRES(mutex_) {
     Slots gone;
     if (closed_ == 0) return gone;
     const auto isOpen = [](const auto& slot) { return !slot->isClosed(); };
@@ -264,7 +264,7 @@ class SignalBase::Connections {
   // round.
   void tell() {
     if (!onSubscribers_) return;
-    std::unique_lock lock(mutex_);
+    HX::MutexLock lock(mutex_);
     while (!telling_ && told_ == isEmptyLocked()) {
       telling_ = true;
       told_ = !told_;
@@ -287,12 +287,12 @@ class SignalBase::Connections {
   }
 
   const OnSubscribers onSubscribers_;
-  mutable std::mutex mutex_;               // Guards everything below.
-  Slots slots_;                            // in the order of their links, which is that of their connection
-  std::size_t closed_ = 0;                 // of them
-  std::shared_ptr<const Slots> snapshot_;  // none when one is missing in it
-  bool told_ = false;
-  bool telling_ = false;
+  mutable HX::Mutex mutex_;
+  Slots slots_ HX_GUARDED_BY(mutex_);             // in the order of their links, which is that of their connection
+  std::size_t closed_ HX_GUARDED_BY(mutex_) = 0;  // of them
+  std::shared_ptr<const Slots> snapshot_ HX_GUARDED_BY(mutex_);  // none when one is missing in it
+  bool told_ HX_GUARDED_BY(mutex_) = false;
+  bool telling_ HX_GUARDED_BY(mutex_) = false;
 };
 
 SignalBase::SignalBase(OnSubscribers onSubscribers) {
@@ -307,8 +307,8 @@ SignalBase::~SignalBase() {
 
 std::shared_ptr<SignalBase::Connections> SignalBase::connections() {
   if (connected_.load(std::memory_order_acquire)) return owned_;
-  static std::mutex creation;  // Guards the writing of `owned_`, of all signals: it happens once in a signal's life.
-  const std::lock_guard lock(creation);
+  static HX::Mutex creation;  // Guards the writing of `owned_`, of all signals: it happens once in a signal's life.
+  const HX::MutexLock lock(creation);
   if (!owned_) {
     owned_ = std::make_shared<Connections>(OnSubscribers{});
     connected_.store(true, std::memory_order_release);

@@ -1,3 +1,4 @@
+#include <hxerror/mutex.h>
 #include <libmw/genericobject.h>
 #include <libmw/type.h>
 
@@ -8,7 +9,6 @@
 #include <limits>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <type_traits>
 #include <typeindex>
 #include <unordered_map>
@@ -18,8 +18,8 @@ namespace mw::detail {
 namespace {
 
 struct Registry {
-  std::mutex mutex;  // Guards `types`.
-  std::unordered_map<std::type_index, std::unique_ptr<TypeInterface>> types;
+  HX::Mutex mutex;
+  std::unordered_map<std::type_index, std::unique_ptr<TypeInterface>> types HX_GUARDED_BY(mutex);
 };
 
 Registry& registry() {
@@ -49,7 +49,7 @@ std::string readableName(const std::type_info& type) {
 
 const TypeInterface* registeredType(const TypeInterface& candidate) {
   Registry& all = registry();
-  const std::lock_guard lock(all.mutex);
+  const HX::MutexLock lock(all.mutex);
   auto& record = all.types[std::type_index(*candidate.info)];
   if (!record) record = std::make_unique<TypeInterface>(candidate);
   return record.get();

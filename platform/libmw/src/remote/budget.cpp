@@ -1,5 +1,7 @@
 #include "budget.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
 #include <map>
 #include <string_view>
@@ -25,20 +27,20 @@ void Budget::Share::join(std::string peer, std::weak_ptr<Channel> channel) {
 }
 
 void Budget::join(Share& share) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   shares_.push_back(&share);
   share.counts_ = true;
   steps_ += share.steps_;
 }
 
 void Budget::leave(Share& share) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   std::erase(shares_, &share);
   if (share.counts_) steps_ -= share.steps_;
 }
 
 void Budget::change(Share& share, std::ptrdiff_t steps) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   share.steps_ += steps;
   if (share.counts_) steps_ += steps;
 }
@@ -61,7 +63,7 @@ void Budget::relieve(std::size_t limit) {
   while (true) {
     std::shared_ptr<Channel> channel;
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       if (bytes() <= limit) return;
       Share* const share = largestLocked();
       if (!share) return;

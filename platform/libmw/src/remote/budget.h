@@ -2,10 +2,11 @@
 
 #include "channel.h"
 
+#include <hxerror/mutex.h>
+
 #include <atomic>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -43,12 +44,12 @@ class HX_API Budget {
   void leave(Share& share);
   void change(Share& share, std::ptrdiff_t steps);
   void relieve(std::size_t limit);
-  Share* largestLocked() const;
+  Share* largestLocked() const HX_REQUIRES(mutex_);
 
   const std::string what_;
   std::atomic<std::ptrdiff_t> steps_{0};  // changed under `mutex_`
-  std::mutex mutex_;                      // Guards everything below, and what is its in the shares. Inner to all.
-  std::vector<Share*> shares_;
+  HX::Mutex mutex_;                       // Guards what is its in the shares, too. Inner to all.
+  std::vector<Share*> shares_ HX_GUARDED_BY(mutex_);
 };
 
 /// What one connection holds. One that was chosen to go does not count any more, and does not wait for its end.

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <mutex>
+#include <hxerror/mutex.h>
+
 #include <stop_token>
 #include <utility>
 
@@ -17,13 +18,13 @@ class CallStop {
     if (source.stop_possible()) source.request_stop();
   }
   bool isRequested() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return isRequested_;
   }
 
   /// Made when it is asked for: few methods do.
   std::stop_token token() {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (!source_.stop_possible()) {
       source_ = std::stop_source();
       if (isRequested_) source_.request_stop();  // Nobody is told yet, so that nothing foreign runs here.
@@ -33,14 +34,14 @@ class CallStop {
 
  private:
   std::stop_source requested() {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     isRequested_ = true;
     return source_;
   }
 
-  mutable std::mutex mutex_;  // Guards the two below.
-  bool isRequested_ = false;
-  std::stop_source source_{std::nostopstate};
+  mutable HX::Mutex mutex_;
+  bool isRequested_ HX_GUARDED_BY(mutex_) = false;
+  std::stop_source source_ HX_GUARDED_BY(mutex_){std::nostopstate};
 };
 
 }  // namespace mw::remote

@@ -2,6 +2,7 @@
 #include "chaincodec.h"
 #include "linkparts.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/remoteerror.h>
 
 #include <atomic>
@@ -21,22 +22,22 @@ class Links {
     return *the;
   }
   void add(std::uint64_t number, const std::weak_ptr<Link>& link) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     links_.emplace(number, link);
   }
   void remove(std::uint64_t number) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     links_.erase(number);
   }
   std::shared_ptr<Link> find(std::uint64_t number) const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = links_.find(number);
     return found == links_.end() ? nullptr : found->second.lock();
   }
 
  private:
-  mutable std::mutex mutex_;  // Guards `links_`.
-  std::unordered_map<std::uint64_t, std::weak_ptr<Link>> links_;
+  mutable HX::Mutex mutex_;
+  std::unordered_map<std::uint64_t, std::weak_ptr<Link>> links_ HX_GUARDED_BY(mutex_);
 };
 
 std::uint64_t nextNumber() {
@@ -73,7 +74,7 @@ void Link::start(std::shared_ptr<ReservedService> reserved, OnEnd onEnd) {
 
 void Link::tick() {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (ended_) return;
   }
   if (const auto silence = channel_->silence(); silence >= 3 * options_.heartbeat) {
@@ -97,7 +98,7 @@ void Link::onEnd(const std::string& reason) {
   std::vector<Pending> failed;
   std::exception_ptr error;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     ended_ = reason;
     error = endedError();
     failed = pending_.takeAll();
@@ -116,7 +117,7 @@ void Link::cleanUp(const std::string& reason) {
   objects_.clear();
   std::unordered_map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     subscriptions.swap(subscriptions_);
   }
   // What is queued is not delivered any more: subscribers may go once they know of the end.
@@ -127,12 +128,12 @@ void Link::cleanUp(const std::string& reason) {
 }
 
 bool Link::hasEnded() const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return ended_.has_value();
 }
 
 std::size_t Link::pendingCount() const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return pending_.count();
 }
 
@@ -140,7 +141,7 @@ std::size_t Link::pendingCount() const {
 /// there, does not matter at once.
 bool Link::isIdle() const {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (pending_.count() > 0 || !subscriptions_.empty()) return false;
   }
   return objects_.leaseCount() == 0;
@@ -203,7 +204,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     const Header header{chainOfThisThread(), LinkAuthors::Stated(authors_)};
     Expectation expectation = expectAnswer(channel_, domain_, then, mw::detail::PromiseAccess::stateOf(promise));
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       if (ended_) return Future<AnyValue>::failed(endedError());
       id = pending_.add({std::move(promise), returns, std::move(expectation)});
     }
@@ -232,7 +233,7 @@ void Link::giveUp(std::uint64_t number, mw::detail::FutureStateBase& answer) {
   if (const auto link = Links::instance().find(number)) {
     std::uint32_t id = 0;
     {
-      const std::lock_guard lock(link->mutex_);
+      const HX::MutexLock lock(link->mutex_);
       if (!link->ended_) {
         id = link->pending_.find(
             [&](const Pending& one) { return &mw::detail::PromiseAccess::stateOf(one.promise) == &answer; });
@@ -249,7 +250,7 @@ void Link::expectMore() {
 
 void Link::post(std::string_view target, GenericFunctionParameters parameters) {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (ended_) std::rethrow_exception(endedError());
   }
   send(target, parameters, true);
@@ -272,7 +273,7 @@ void Link::tellAuthor(std::uint8_t number, std::string_view text) {
 }
 
 std::optional<Link::Pending> Link::takePending(std::uint32_t id) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return pending_.take(id);
 }
 

@@ -11,6 +11,7 @@
 #include "subscription.h"
 #include "waiting.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/future.h>
 #include <libmw/genericobject.h>
 #include <libmw/local.h>
@@ -22,7 +23,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -154,6 +154,8 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   bool hasEnded() const;
   /// How many calls wait for their answer. For diagnosis.
   std::size_t pendingCount() const;
+  /// What is still counted of calls of the peer: those that run, and bytes of those that wait. For diagnosis.
+  std::size_t servingCount() const { return running_ + unawaited_ + waitingBytes_; }
 
   void onFrame(const Frame& frame, std::vector<Work>& works) override;
   void onPause(std::vector<Work>& works) override;
@@ -181,7 +183,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void requireSendable(const Message& message, std::string_view what) const;
   AnyValue readValue(Reader& in);
   std::optional<Pending> takePending(std::uint32_t id);
-  std::exception_ptr endedError() const;
+  std::exception_ptr endedError() const HX_REQUIRES(mutex_);
 
   void readArguments(Reader& in, std::uint32_t count, const Frame& frame, ArgumentValues& arguments,
                      UnreadValues& unread);
@@ -200,6 +202,9 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   void relay(const StrandKey& key, const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result);
   void continueStrand(const StrandKey& key, const Incoming& after);
   void serveNested(const std::shared_ptr<Incoming>& call);
+  void passBy(const std::shared_ptr<Incoming>& call);
+  void refuseNested(const std::shared_ptr<Incoming>& call, const std::string& limit);
+  void forgetNested(const std::shared_ptr<Incoming>& call);
   void endWaits();
   void reportWaits();
   void countWaiting(std::size_t size, std::size_t memory);
@@ -247,11 +252,11 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
     std::vector<Emission> emissions;
   } arrived_;
 
-  mutable std::mutex mutex_;          // Guards everything below.
-  std::optional<std::string> ended_;  // the reason
-  PendingCalls<Pending> pending_;
-  std::unordered_map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions_;
-  std::vector<std::shared_ptr<Incoming>> nested_;  // calls within chains that run
+  mutable HX::Mutex mutex_;
+  std::optional<std::string> ended_ HX_GUARDED_BY(mutex_);  // the reason
+  PendingCalls<Pending> pending_ HX_GUARDED_BY(mutex_);
+  std::unordered_map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions_ HX_GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<Incoming>> nested_ HX_GUARDED_BY(mutex_);  // calls within chains
 };
 
 }  // namespace mw::remote

@@ -4,6 +4,7 @@
 #include "linkparts.h"
 #include "metacodec.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/remoteerror.h>
 #include <libmw/text.h>
 
@@ -214,14 +215,18 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) {
     countWaiting(call->size, call->memory);
+    {
+      const HX::MutexLock lock(mutex_);
+      nested_.push_back(call);
+    }
     Work work = [self = shared_from_this(), call] { self->serveNested(call); };
     if (runInChain(caller, domain_, work)) return {};
     return [self = shared_from_this(), call, work = std::move(work)] {
       const Thread thread(*self);
       if (++self->unawaited_ > self->options_.callLimit) {
-        self->refuse(call, self->limitOfLink());
+        self->refuseNested(call, self->limitOfLink());
       } else if (!thread) {
-        self->refuse(call, Thread::limit());
+        self->refuseNested(call, Thread::limit());
       } else {
         work();
       }
@@ -253,6 +258,11 @@ void Link::refuse(const std::shared_ptr<Incoming>& call, const std::string& limi
 void Link::fail(const std::shared_ptr<Incoming>& call, std::string_view reason) {
   const std::runtime_error error(fmt::format("{}: {}", shorten(call->target), reason));
   answer(call, Future<AnyValue>::failed(std::make_exception_ptr(error)), Sending::Now);
+}
+
+/// Of one that was dropped.
+void Link::passBy(const std::shared_ptr<Incoming>& call) {
+  if (call->id) fail(call, "the call was given up");
 }
 
 void Link::countWaiting(std::size_t size, std::size_t memory) {
@@ -296,7 +306,7 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
   bool wereMore = false;
   for (auto call = std::move(first); call; call = strands_.next(key, call.get())) {
     if (!call->change(State::Waits, State::Runs)) {
-      if (call->id) fail(call, "the call was given up");
+      passBy(call);
       continue;
     }
     if (!thread) {
@@ -343,17 +353,30 @@ void Link::continueStrand(const StrandKey& key, const Incoming& after) {
 /// A call of the chain that the calling thread waits in, or of one that no thread waits in.
 void Link::serveNested(const std::shared_ptr<Incoming>& call) {
   const OutputBatch atOnce;
-  {
-    const std::lock_guard lock(mutex_);
-    nested_.push_back(call);
+  if (!call->change(Incoming::State::Waits, Incoming::State::Runs)) {
+    passBy(call);
+    return forgetNested(call);
   }
   const auto result = execute(*call);
   if (!result.isFinished()) call->cancelOnStop(result);
   result.then([self = shared_from_this(), call](const Future<AnyValue>& done) {
     self->answer(call, done, Sending::Now);
-    const std::lock_guard lock(self->mutex_);
-    std::erase(self->nested_, call);
+    self->forgetNested(call);
   });
+}
+
+void Link::refuseNested(const std::shared_ptr<Incoming>& call, const std::string& limit) {
+  if (call->change(Incoming::State::Waits, Incoming::State::Runs)) {
+    refuse(call, limit);
+  } else {
+    passBy(call);
+  }
+  forgetNested(call);
+}
+
+void Link::forgetNested(const std::shared_ptr<Incoming>& call) {
+  const HX::MutexLock lock(mutex_);
+  std::erase(nested_, call);
 }
 
 /// The peer does not want an answer any more. It gets one all the same.
@@ -379,11 +402,14 @@ Work Link::giveUp(Reader& in) {
     };
   }
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = std::ranges::find_if(nested_, [&](const auto& call) { return call->id == id; });
     if (found != nested_.end()) given = *found;
   }
-  if (given) given->stop.request();
+  if (given) {
+    given->stop.request();
+    drop(*given);
+  }
   return {};
 }
 
@@ -413,7 +439,7 @@ void Link::endWaits() {
   std::vector<std::shared_ptr<Incoming>> all;
   strands_.forEach([&](const StrandKey&, const std::shared_ptr<Incoming>& call) { all.push_back(call); });
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     all.insert(all.end(), nested_.begin(), nested_.end());
   }
   const bool isTooMuch = waiting_.isOver() || waitingBytes_ > options_.inputLimit;

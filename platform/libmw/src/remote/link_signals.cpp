@@ -1,6 +1,8 @@
 #include "../objects/emissionscope.h"
 #include "linkparts.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
 #include <atomic>
 #include <utility>
@@ -71,7 +73,7 @@ void Link::writeEmitted(Writer& out, GenericFunctionParameters emitted, ObjectTa
 Future<SignalLink> Link::connect(std::uint32_t object, unsigned signal, const SignalSubscriber& subscriber) {
   const std::uint32_t link = nextLink();
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (!ended_) subscriptions_.emplace(link, std::make_shared<Subscription>(subscriber));
   }
   return ask("korvo.connect", object, signal, link)
@@ -79,7 +81,7 @@ Future<SignalLink> Link::connect(std::uint32_t object, unsigned signal, const Si
         if (done.hasValue()) return Future<SignalLink>::ready(link);
         std::shared_ptr<Subscription> unused;  // Goes after the lock.
         {
-          const std::lock_guard lock(self->mutex_);
+          const HX::MutexLock lock(self->mutex_);
           if (auto found = self->subscriptions_.extract(link)) unused = std::move(found.mapped());
         }
         return done.isCanceled() ? Future<SignalLink>::canceled() : Future<SignalLink>::failed(done.exception());
@@ -89,7 +91,7 @@ Future<SignalLink> Link::connect(std::uint32_t object, unsigned signal, const Si
 std::optional<Future<void>> Link::disconnect(SignalLink link) {
   std::shared_ptr<Subscription> subscription;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = subscriptions_.find(link);
     if (found == subscriptions_.end()) return std::nullopt;
     subscription = std::move(found->second);
@@ -129,7 +131,7 @@ void Link::queueEmissions(std::vector<Work>& works) {
   for (const Emission& emission : emissions) size += emission.size;
   std::shared_ptr<Subscription> idle;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = subscriptions_.find(arrived_.link);
     if (found != subscriptions_.end()) {  // It may be disconnected meanwhile.
       countWaiting(size, size + emissions.size() * sizeof(Emission));
@@ -143,7 +145,7 @@ void Link::queueEmissions(std::vector<Work>& works) {
 }
 
 bool Link::takeEmissions(Subscription& subscription, std::vector<Emission>& taken) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return subscription.waiting.take(taken);
 }
 

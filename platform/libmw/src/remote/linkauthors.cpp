@@ -2,6 +2,7 @@
 
 #include "chain.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/local.h>
 #include <libmw/text.h>
 
@@ -25,17 +26,17 @@ class ProgramName {
     return *the;
   }
   void set(std::string name) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     name_ = std::move(name);
   }
   std::string get() const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     return name_;
   }
 
  private:
-  mutable std::mutex mutex_;  // Guards `name_`.
-  std::string name_ = ::program_invocation_short_name;
+  mutable HX::Mutex mutex_;
+  std::string name_ HX_GUARDED_BY(mutex_) = ::program_invocation_short_name;
 };
 
 }  // namespace
@@ -47,14 +48,14 @@ LinkAuthors::LinkAuthors(std::string_view peer, Tell tell) : channelsName_(peer)
 void LinkAuthors::greet(std::string_view program, bool understands) {
   HX::Author named(program.empty() ? channelsName_ : fmt::format("{}, {}", channelsName_, shown(program)));
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     std::swap(peer_, named);  // The earlier one goes after the lock.
   }
   understood_.store(understands, std::memory_order_relaxed);
 }
 
 HX::Author LinkAuthors::peer() const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return peer_;
 }
 
@@ -108,7 +109,7 @@ std::uint8_t LinkAuthors::numberOf(std::uint32_t author) {
   if (place < kNumbers && given_[place].load(std::memory_order_relaxed) == author) {
     return static_cast<std::uint8_t>(place + 1);
   }
-  const std::lock_guard lock(giving_);
+  const HX::MutexLock lock(giving_);
   place = find(std::memory_order_relaxed);
   if (place == kNumbers) return 0;
   const auto number = static_cast<std::uint8_t>(place + 1);

@@ -1,13 +1,13 @@
 #pragma once
 
 #include <hxauthor/author.h>
+#include <hxerror/mutex.h>
 
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
@@ -75,10 +75,10 @@ class LinkAuthors {
 
   // Authors by their numbers for the peer. Written under `giving_`, each once it has been told.
   std::array<std::atomic<std::uint32_t>, kNumbers> given_{};
-  std::mutex giving_;  // Guards who is given a number next. Outer to the locks of the channel, which sends under it.
+  HX::Mutex giving_;  // Guards who is given a number next. Outer to the locks of the channel, which sends under it.
 
-  mutable std::mutex mutex_;  // Guards `peer_`.
-  HX::Author peer_;
+  mutable HX::Mutex mutex_;
+  HX::Author peer_ HX_GUARDED_BY(mutex_);
 };
 
 /// What peers see of this process behind its number, unless it has said otherwise: the name of its program.

@@ -3,13 +3,13 @@
 #include "wire.h"
 
 #include <hxerror/hxerror.h>
+#include <hxerror/mutex.h>
 #include <libmw/genericobject.h>
 #include <libmw/remoteerror.h>
 
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <tuple>
 #include <utility>
@@ -42,9 +42,10 @@ Fit fitsAny(const HXValue& /*value*/) { return Fit::Variant; }
 
 const TypeInterface* foreignType(const std::string& name, TypeKind kind) {
   using Key = std::tuple<std::string, TypeKind>;
-  static std::mutex mutex;                                                       // Guards `known`.
-  static auto* const known = new std::map<Key, std::unique_ptr<TypeInterface>>;  // Records live as long as the process.
-  const std::lock_guard lock(mutex);
+  static HX::Mutex mutex;
+  static auto* const known HX_GUARDED_BY(mutex) =
+      new std::map<Key, std::unique_ptr<TypeInterface>>;  // Records live as long as the process.
+  const HX::MutexLock lock(mutex);
   // Since they are never given back, peers cannot make them without end. What has no record of its own is called by
   // its kind.
   static constexpr std::size_t kMost = 4096;

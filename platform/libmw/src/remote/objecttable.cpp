@@ -6,6 +6,7 @@
 #include "remoteobject.h"
 #include "remoteservice.h"
 
+#include <hxerror/mutex.h>
 #include <hxvalue/msgpack.h>
 
 #include <algorithm>
@@ -31,18 +32,18 @@ constexpr std::uint32_t kToldEachTime = 0;
 }  // namespace
 
 AnyObject ObjectTable::leased(std::uint32_t id) const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   const auto found = leases_.find(id);
   return found == leases_.end() ? AnyObject() : found->second.object;
 }
 
 std::size_t ObjectTable::leaseCount() const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return leases_.size();
 }
 
 std::uint32_t ObjectTable::lease(const AnyObject& object) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (cleared_) return 0;
   const auto [known, isNew] = leaseIds_.emplace(object->identity(), 0);
   // A handle that was cut off does not keep its object: what has the identity now may be another one.
@@ -102,7 +103,7 @@ void ObjectTable::write(Writer& out, const AnyObject& given, const Link& link, M
     writer.number(id);
     writer.number(number);
     const bool isTold = [&] {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       return told_.contains(number);
     }();
     if (isTold) {
@@ -118,12 +119,12 @@ void ObjectTable::write(Writer& out, const AnyObject& given, const Link& link, M
 
 std::uint32_t ObjectTable::numberOf(const MetaObject& metaObject) {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (const auto known = numbersOfUids_.find(metaObject.uid()); known != numbersOfUids_.end()) return known->second;
   }
   HX::HXValue content = toValue(metaObject);
   const std::size_t size = HX::toMsgpack(content).size();
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   const auto number = static_cast<std::uint32_t>(numbers_.size() + 1);
   const bool isFull = numbers_.size() >= kMostTold || toldBytes_ + size > kMostToldBytes;
   if (isFull && !numbers_.contains(content)) return kToldEachTime;
@@ -138,7 +139,7 @@ std::uint32_t ObjectTable::numberOf(const MetaObject& metaObject) {
 void ObjectTable::Mention::sent() {
   leases_.clear();
   if (descriptions_.empty()) return;
-  const std::lock_guard lock(table_.mutex_);
+  const HX::MutexLock lock(table_.mutex_);
   table_.told_.insert(descriptions_.begin(), descriptions_.end());
   descriptions_.clear();
 }
@@ -164,7 +165,7 @@ AnyObject ObjectTable::read(std::span<const std::byte> reference, const std::sha
   if (reference.size() > kMostDescribedBytes) throw ProtocolError("a description of an object that is too long");
   if (!reader.nil()) told = metaObjectFrom(reader.value());
   std::shared_ptr<RemoteObject> object;  // Outlives the lock, since the last reference to it may be this one.
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   const MetaObject& metaObject = described(description, std::move(told), reference.size());
   auto& entry = remote_[id];
   object = entry.lock();
@@ -193,7 +194,7 @@ const MetaObject& ObjectTable::described(std::uint32_t description, std::optiona
 }
 
 AnyObject ObjectTable::release(std::uint32_t id, std::uint32_t count) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   const auto found = leases_.find(id);
   if (found == leases_.end()) return {};
   if (found->second.count > count) {
@@ -209,14 +210,14 @@ AnyObject ObjectTable::release(std::uint32_t id, std::uint32_t count) {
 
 void ObjectTable::clear() {
   std::unordered_map<std::uint32_t, Lease> gone;
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   cleared_ = true;
   leaseIds_.clear();
   gone.swap(leases_);
 }
 
 void ObjectTable::forget(std::uint32_t id) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   const auto found = remote_.find(id);
   if (found != remote_.end() && found->second.expired()) remote_.erase(found);
 }

@@ -2,12 +2,12 @@
 
 #include "wire.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/genericobject.h>
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <span>
@@ -80,24 +80,26 @@ class HX_API ObjectTable {
     MetaObject metaObject;
     std::size_t size = 0;  ///< On the wire.
   };
-  const MetaObject& described(std::uint32_t description, std::optional<MetaObject> told, std::size_t size);
+  const MetaObject& described(std::uint32_t description, std::optional<MetaObject> told, std::size_t size)
+      HX_REQUIRES(mutex_);
   static AnyObject meantBy(const AnyObject& given, const Link& link);
   std::uint32_t lease(const AnyObject& object);
-  std::uint32_t freeNumber(std::uint32_t wanted) const;
+  std::uint32_t freeNumber(std::uint32_t wanted) const HX_REQUIRES(mutex_);
   std::uint32_t numberOf(const MetaObject& metaObject);
 
-  mutable std::mutex mutex_;  // Guards everything below.
-  bool cleared_ = false;
-  std::unordered_map<std::uint32_t, Lease> leases_;
-  std::unordered_map<std::uintptr_t, std::uint32_t> leaseIds_;  // by identity
+  mutable HX::Mutex mutex_;
+  bool cleared_ HX_GUARDED_BY(mutex_) = false;
+  std::unordered_map<std::uint32_t, Lease> leases_ HX_GUARDED_BY(mutex_);
+  std::unordered_map<std::uintptr_t, std::uint32_t> leaseIds_ HX_GUARDED_BY(mutex_);  // by identity
   /// The numbers of descriptions, by content: objects that are made anew, as after a restart, offer what was told.
-  std::map<HX::HXValue, std::uint32_t> numbers_;
-  std::size_t toldBytes_ = 0;                                      // of what has a number
-  std::unordered_map<std::int32_t, std::uint32_t> numbersOfUids_;  // found without looking at the content
-  std::set<std::uint32_t> told_;
-  std::map<std::uint32_t, std::weak_ptr<RemoteObject>> remote_;
-  std::map<std::uint32_t, Description> descriptions_;  // the peer's, by its numbers
-  std::size_t describedBytes_ = 0;                     // how much they were on the wire
+  std::map<HX::HXValue, std::uint32_t> numbers_ HX_GUARDED_BY(mutex_);
+  std::size_t toldBytes_ HX_GUARDED_BY(mutex_) = 0;  // of what has a number
+  std::unordered_map<std::int32_t, std::uint32_t> numbersOfUids_
+      HX_GUARDED_BY(mutex_);  // found without looking at the content
+  std::set<std::uint32_t> told_ HX_GUARDED_BY(mutex_);
+  std::map<std::uint32_t, std::weak_ptr<RemoteObject>> remote_ HX_GUARDED_BY(mutex_);
+  std::map<std::uint32_t, Description> descriptions_ HX_GUARDED_BY(mutex_);  // the peer's, by its numbers
+  std::size_t describedBytes_ HX_GUARDED_BY(mutex_) = 0;                     // how much they were on the wire
 };
 
 }  // namespace mw::remote

@@ -4,6 +4,7 @@
 #include "metacodec.h"
 #include "remoteobject.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 
 #include <algorithm>
@@ -30,7 +31,7 @@ RemoteService::RemoteService(std::string name, AnyObject target) : name_(std::mo
 RemoteService::~RemoteService() = default;
 
 AnyObject RemoteService::target() const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return target_;
 }
 
@@ -43,7 +44,7 @@ Future<SignalLink> RemoteService::metaConnect(unsigned signal, const SignalSubsc
 
 void RemoteService::add(SignalLink link, Connection connection) {
   std::map<SignalLink, Connection> ended;  // Goes after the lock, with what belongs to the subscribers.
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (connections_.size() >= looksThroughAt_) {
     for (auto one = connections_.begin(); one != connections_.end();) {
       const auto next = std::next(one);
@@ -61,7 +62,7 @@ Future<void> RemoteService::metaDisconnect(SignalLink link) {
   Connection ended;
   AnyObject target;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = connections_.find(link);
     if (found == connections_.end()) return noSuchLink(link);
     ended = std::move(found->second);
@@ -79,7 +80,7 @@ std::optional<std::vector<Future<void>>> RemoteService::bind(const AnyObject& ta
   if (toValue(target->metaObject()) != toValue(metaObject())) return std::nullopt;
   std::map<SignalLink, Connection> connections;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (!isBehindEndedLink(target_)) return std::vector<Future<void>>();
     target_ = target;
     standFor(*target.pointer());
@@ -98,7 +99,7 @@ std::optional<std::vector<Future<void>>> RemoteService::bind(const AnyObject& ta
 Future<void> RemoteService::connectAgain(const AnyObject& target, SignalLink first, const Connection& connection) {
   const auto made = [self = self(), target, first](const SignalLink& link) {
     {
-      const std::lock_guard lock(self->mutex_);
+      const HX::MutexLock lock(self->mutex_);
       if (const auto found = self->connections_.find(first); found != self->connections_.end()) {
         found->second.link = link;
         return;
@@ -118,7 +119,7 @@ Future<void> RemoteService::connectAgain(const AnyObject& target, SignalLink fir
 
 void RemoteService::keepNoLonger() {
   std::shared_ptr<RemoteService> kept;  // Goes after the lock.
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   isKept_ = false;
   kept.swap(kept_);
 }
@@ -127,7 +128,7 @@ AnyObject RemoteServices::handle(const std::string& name, const AnyObject& found
   if (!found) return found;
   std::shared_ptr<RemoteService> known;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     known = known_[name].lock();
     if (!known || (known->target() != found && !known->isLost())) {
       if (known) known->keepNoLonger();
@@ -135,7 +136,7 @@ AnyObject RemoteServices::handle(const std::string& name, const AnyObject& found
     }
   }
   if (known->bind(found)) return AnyObject(std::move(known));
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   known->keepNoLonger();
   return makeLocked(name, found);
 }
@@ -150,7 +151,7 @@ AnyObject RemoteServices::makeLocked(const std::string& name, const AnyObject& f
 
 std::vector<std::shared_ptr<RemoteService>> RemoteServices::inUse() const {
   std::vector<std::shared_ptr<RemoteService>> all;
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   for (const auto& [name, service] : known_) {
     if (auto held = service.lock()) all.push_back(std::move(held));
   }
@@ -159,7 +160,7 @@ std::vector<std::shared_ptr<RemoteService>> RemoteServices::inUse() const {
 
 void RemoteServices::close() {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     isOver_ = true;
   }
   for (const auto& service : inUse()) service->keepNoLonger();
@@ -167,7 +168,7 @@ void RemoteServices::close() {
 
 bool RemoteServices::isLost(const std::string& name) const {
   std::shared_ptr<RemoteService> known;
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   const auto found = known_.find(name);
   if (found != known_.end()) known = found->second.lock();
   return known && known->isLost();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxerror/mutex.h>
 #include <libmw/forwardingobject.h>
 
 #include <chrono>
@@ -7,7 +8,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -51,12 +51,13 @@ class RemoteService final : public ForwardingObject {
   Future<void> connectAgain(const AnyObject& target, SignalLink first, const Connection& connection);
 
   const std::string name_;
-  mutable std::mutex mutex_;  // Guards everything below. Outer to the mutex of a link.
-  AnyObject target_;
-  std::map<SignalLink, Connection> connections_;  // by the link that the first target gave
-  std::size_t looksThroughAt_ = 64;               // So many of them: those whose owner has gone are dropped then.
-  bool isKept_ = true;                            // by its connections
-  std::shared_ptr<RemoteService> kept_;           // itself, if so
+  mutable HX::Mutex mutex_;  // Outer to the mutex of a link.
+  AnyObject target_ HX_GUARDED_BY(mutex_);
+  std::map<SignalLink, Connection> connections_ HX_GUARDED_BY(mutex_);  // by the link that the first target gave
+  std::size_t looksThroughAt_ HX_GUARDED_BY(mutex_) =
+      64;                                     // So many of them: those whose owner has gone are dropped then.
+  bool isKept_ HX_GUARDED_BY(mutex_) = true;  // by its connections
+  std::shared_ptr<RemoteService> kept_ HX_GUARDED_BY(mutex_);  // itself, if so
 };
 
 /// The services of a connection that are in use, by name.
@@ -75,12 +76,12 @@ class RemoteServices {
   void close();
 
  private:
-  AnyObject makeLocked(const std::string& name, const AnyObject& found);
+  AnyObject makeLocked(const std::string& name, const AnyObject& found) HX_REQUIRES(mutex_);
   std::vector<std::shared_ptr<RemoteService>> inUse() const;
 
-  mutable std::mutex mutex_;  // Guards everything below. Outer to the mutex of a service.
-  bool isOver_ = false;
-  std::map<std::string, std::weak_ptr<RemoteService>> known_;
+  mutable HX::Mutex mutex_;  // Outer to the mutex of a service.
+  bool isOver_ HX_GUARDED_BY(mutex_) = false;
+  std::map<std::string, std::weak_ptr<RemoteService>> known_ HX_GUARDED_BY(mutex_);
 };
 
 }  // namespace mw::remote

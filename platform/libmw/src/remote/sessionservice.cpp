@@ -1,5 +1,6 @@
 #include "sessionservice.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 #include <libmw/text.h>
 
@@ -111,7 +112,7 @@ AnyValue SessionService::registerService(Arguments arguments) {
   // The peer is not told of its own services: until this one is known as such no notice goes out.
   const Session::NoticeHold hold(session_);
   const ServiceId id = session_.registerService(name, object);
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   registered_.insert(id);
   return AnyValue(HXValue(static_cast<int>(id)));
 }
@@ -120,7 +121,7 @@ AnyValue SessionService::unregisterService(Arguments arguments) {
   requireBroker("unregister");
   const auto id = argument<std::uint32_t>(arguments, 0, "the id of a service");
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (!registered_.contains(id)) throw std::runtime_error(fmt::format("service {} is not one of yours", id));
   }
   return AnyValue(HXValue(session_.unregisterService(id)));
@@ -128,7 +129,7 @@ AnyValue SessionService::unregisterService(Arguments arguments) {
 
 void SessionService::notify(const char* what, ServiceId id, const std::string& name) {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (registered_.contains(id)) return;
   }
   if (const auto link = link_.lock()) link->tell(what, id, name);
@@ -140,7 +141,7 @@ AnyValue SessionService::watch(Arguments /*arguments*/) {
     return SignalSubscriber([this, what](ServiceId id, const std::string& name) { notify(what, id, name); })
         .track(lifetime_.token());
   };
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (onRegistered_ != kInvalidSignalLink) return AnyValue();
   onRegistered_ = session_.serviceRegistered.connect(subscriber("korvo.registered"));
   onUnregistered_ = session_.serviceUnregistered.connect(subscriber("korvo.unregistered"));
@@ -180,7 +181,7 @@ Future<AnyValue> SessionService::connect(Arguments arguments) {
       .andThen([self = shared_from_this(), object, number](const SignalLink& made) {
         Connection replaced{object, made};
         {
-          const std::lock_guard lock(self->mutex_);
+          const HX::MutexLock lock(self->mutex_);
           if (!self->ended_) std::swap(self->connections_[number], replaced);
         }
         if (replaced.object) replaced.object->disconnect(replaced.link);
@@ -192,7 +193,7 @@ Future<AnyValue> SessionService::disconnect(Arguments arguments) {
   const auto number = argument<std::uint32_t>(arguments, 0, "the number of a link");
   Connection connection;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = connections_.find(number);
     if (found == connections_.end()) return Future<AnyValue>::ready(AnyValue());
     connection = std::move(found->second);
@@ -217,14 +218,18 @@ void SessionService::end() {
   lifetime_.destroy();
   std::set<ServiceId> services;
   std::map<std::uint32_t, Connection> connections;
+  SignalLink onRegistered{};
+  SignalLink onUnregistered{};
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     ended_ = true;
+    onRegistered = onRegistered_;
+    onUnregistered = onUnregistered_;
     services.swap(registered_);
     connections.swap(connections_);
   }
-  session_.serviceRegistered.disconnect(onRegistered_);
-  session_.serviceUnregistered.disconnect(onUnregistered_);
+  session_.serviceRegistered.disconnect(onRegistered);
+  session_.serviceUnregistered.disconnect(onUnregistered);
   for (auto& [number, connection] : connections) connection.object->disconnect(connection.link);
   for (const ServiceId id : services) session_.unregisterService(id);
 }

@@ -2,12 +2,12 @@
 
 #include "link.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/session.h>
 #include <libmw/trackable.h>
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <span>
 #include <string>
@@ -66,12 +66,12 @@ class HX_API SessionService final : public ReservedService, public std::enable_s
   CallGate gate_{1};   // around every use of the session
   Lifetime lifetime_;  // of the notices
 
-  std::mutex mutex_;  // Guards everything below.
-  bool ended_ = false;
-  std::set<ServiceId> registered_;
-  std::map<std::uint32_t, Connection> connections_;
-  SignalLink onRegistered_ = kInvalidSignalLink;
-  SignalLink onUnregistered_ = kInvalidSignalLink;
+  HX::Mutex mutex_;
+  bool ended_ HX_GUARDED_BY(mutex_) = false;
+  std::set<ServiceId> registered_ HX_GUARDED_BY(mutex_);
+  std::map<std::uint32_t, Connection> connections_ HX_GUARDED_BY(mutex_);
+  SignalLink onRegistered_ HX_GUARDED_BY(mutex_) = kInvalidSignalLink;
+  SignalLink onUnregistered_ HX_GUARDED_BY(mutex_) = kInvalidSignalLink;
 };
 
 /// The version of the protocol that this side speaks.

@@ -2,10 +2,11 @@
 
 #include "chain.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -35,7 +36,7 @@ class Strands {
 
   Entry enter(const Key& key, std::shared_ptr<Call>& call, std::size_t most) {
     Call* const last = call.get();
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = std::find_if(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
     if (found == busy_.end()) {
       if (busy_.size() >= most) return Entry::Refused;
@@ -53,7 +54,7 @@ class Strands {
   std::shared_ptr<Call> next(const Key& key, const Call* done) {
     if (done && done->next) return done->next;
     std::shared_ptr<Call> batch;  // Goes after the lock.
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = std::find_if(busy_.begin(), busy_.end(), [&](const Busy& one) { return one.key == key; });
     batch = std::exchange(found->batch, std::move(found->first));
     found->last = nullptr;
@@ -67,7 +68,7 @@ class Strands {
   /// nor use the strands.
   template <class Look>
   void forEach(const Look& look) const {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     for (const Busy& one : busy_) {
       for (const auto* queue : {&one.batch, &one.first}) {
         for (const auto* call = queue; *call; call = &(*call)->next) look(one.key, *call);
@@ -82,9 +83,9 @@ class Strands {
     std::shared_ptr<Call> first;
     Call* last = nullptr;
   };
-  mutable std::mutex mutex_;  // Guards `busy_`.
+  mutable HX::Mutex mutex_;
   /// As many as there are callers in the middle of a call: few, so that looking through them costs less than an index.
-  std::vector<Busy> busy_;
+  std::vector<Busy> busy_ HX_GUARDED_BY(mutex_);
 };
 
 }  // namespace mw::remote

@@ -5,12 +5,12 @@
 #include "channel.h"
 #include "outputbatch.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 
 #include <algorithm>
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <sys/eventfd.h>
 #include <thread>
 #include <unistd.h>
@@ -40,12 +40,12 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   }
 
   void wake() noexcept override {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     wakeLocked();
   }
 
   void put(const Caller& caller, Task task) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     tasks_.emplace_back(caller, std::move(task));
     if (isAwaited(caller)) return wakeLocked();
     defaultLoop().post(
@@ -57,7 +57,7 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
 
   /// @return The chain of the wait that this one is inside of, for `endWait`.
   Caller beginWait(const Caller& caller) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     ++waits_;
     woken_ = false;  // The thread looks for whatever it was before it sleeps.
     return std::exchange(caller_, caller);
@@ -67,7 +67,7 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   void endWait(const Caller& outer) {
     std::deque<std::pair<Caller, Task>> left;
     {
-      const std::lock_guard lock(mutex_);
+      const HX::MutexLock lock(mutex_);
       caller_ = outer;
       if (--waits_ == 0) left.swap(tasks_);
     }
@@ -81,23 +81,26 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
 
   /// Sleeps until something was put in, or it was woken since `take`.
   void sleep(Clock::time_point deadline) {
-    std::unique_lock lock(mutex_);
-    const auto isWoken = [this] { return woken_; };
+    HX::MutexLock lock(mutex_);
+    const auto isWoken = [this]() HX_REQUIRES(mutex_) { return woken_; };
     if (deadline == Clock::time_point::max()) {
-      condition_.wait(lock, isWoken);
+      condition_.wait(lock.native(), isWoken);
     } else {
-      condition_.wait_until(lock, deadline, isWoken);
+      condition_.wait_until(lock.native(), deadline, isWoken);
     }
     woken_ = false;
   }
 
   /// Whether there is a file to poll; the process may be out of them.
-  bool hasFile() const { return file_ >= 0; }
+  bool hasFile() const {
+    const HX::MutexLock lock(mutex_);
+    return file_ >= 0;
+  }
 
   /// Makes wakings readable on a file, for a thread that polls. @return The file; -1 when it cannot be, or when the
   /// inbox was woken already.
   int beginPolling() {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (file_ < 0) file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (file_ < 0 || std::exchange(woken_, false)) return -1;
     polling_ = true;
@@ -105,7 +108,7 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   }
 
   void endPolling() {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     polling_ = false;
     woken_ = false;  // Whatever it was for is looked at next.
     if (!std::exchange(signalled_, false)) return;
@@ -114,19 +117,19 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   }
 
  private:
-  bool isAwaited(const Caller& caller) const { return waits_ > 0 && caller == caller_; }
+  bool isAwaited(const Caller& caller) const HX_REQUIRES(mutex_) { return waits_ > 0 && caller == caller_; }
 
   Task takeIf(bool isAwaitedOne) {
-    const std::lock_guard lock(mutex_);
-    const auto found =
-        std::ranges::find_if(tasks_, [&](const auto& one) { return isAwaited(one.first) == isAwaitedOne; });
+    const HX::MutexLock lock(mutex_);
+    const auto isOne = [&](const auto& one) HX_REQUIRES(mutex_) { return isAwaited(one.first) == isAwaitedOne; };
+    const auto found = std::ranges::find_if(tasks_, isOne);
     if (found == tasks_.end()) return {};
     Task task = std::move(found->second);
     tasks_.erase(found);
     return task;
   }
 
-  void wakeLocked() noexcept {
+  void wakeLocked() noexcept HX_REQUIRES(mutex_) {
     woken_ = true;
     if (!polling_) {
       condition_.notify_one();
@@ -137,15 +140,15 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   }
 
   const std::thread::id owner_ = std::this_thread::get_id();
-  std::mutex mutex_;  // Guards everything below.
+  mutable HX::Mutex mutex_;
   std::condition_variable condition_;
-  std::deque<std::pair<Caller, Task>> tasks_;  // with the chain of each
-  int waits_ = 0;                              // inside one another
-  Caller caller_;                              // the chain of the innermost
-  bool woken_ = false;
-  bool polling_ = false;
-  bool signalled_ = false;
-  int file_ = -1;
+  std::deque<std::pair<Caller, Task>> tasks_ HX_GUARDED_BY(mutex_);  // with the chain of each
+  int waits_ HX_GUARDED_BY(mutex_) = 0;                              // inside one another
+  Caller caller_ HX_GUARDED_BY(mutex_);                              // the chain of the innermost
+  bool woken_ HX_GUARDED_BY(mutex_) = false;
+  bool polling_ HX_GUARDED_BY(mutex_) = false;
+  bool signalled_ HX_GUARDED_BY(mutex_) = false;
+  int file_ HX_GUARDED_BY(mutex_) = -1;
 };
 
 namespace {
@@ -159,20 +162,20 @@ class Waiters {
   }
 
   void add(const WaitingPlace& place, const std::shared_ptr<Inbox>& inbox) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     waiting_.emplace_back(place, inbox);
   }
 
   void remove(const WaitingPlace& place, const std::shared_ptr<Inbox>& inbox) {
     std::shared_ptr<Inbox> last;  // Goes after the lock.
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found = std::find(waiting_.rbegin(), waiting_.rend(), std::pair(place, inbox)).base() - 1;
     last = std::move(found->second);
     waiting_.erase(found);
   }
 
   bool put(const WaitingPlace& place, Task& task) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     const auto found =
         std::find_if(waiting_.rbegin(), waiting_.rend(), [&](const auto& waiting) { return waiting.first == place; });
     if (found == waiting_.rend()) return false;
@@ -181,9 +184,9 @@ class Waiters {
   }
 
  private:
-  std::mutex mutex_;  // Guards `waiting_`. Outer to the mutex of an inbox.
+  HX::Mutex mutex_;  // Outer to the mutex of an inbox.
   /// In the order in which they began: few at a time, so that looking through them costs less than an index.
-  std::vector<std::pair<WaitingPlace, std::shared_ptr<Inbox>>> waiting_;
+  std::vector<std::pair<WaitingPlace, std::shared_ptr<Inbox>>> waiting_ HX_GUARDED_BY(mutex_);
 };
 
 /// How the calling thread waits.

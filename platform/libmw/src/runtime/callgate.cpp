@@ -1,5 +1,6 @@
 #include "threadlocal.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/detail/racepoint.h>
 #include <libmw/trackable.h>
 
@@ -9,7 +10,6 @@
 #include <cassert>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 namespace mw {
 namespace {
@@ -73,15 +73,15 @@ class CallGate::Core : public std::enable_shared_from_this<Core> {
   void drain() noexcept {
     close();
     const auto own = keepAliveForOwnPasses();
-    std::unique_lock lock(mutex_);
-    left_.wait(lock, [&] { return haveLeft(own); });
+    HX::MutexLock lock(mutex_);
+    left_.wait(lock.native(), [&] { return haveLeft(own); });
   }
 
   bool drainFor(std::chrono::nanoseconds limit) noexcept {
     close();
     const auto own = keepAliveForOwnPasses();
-    std::unique_lock lock(mutex_);
-    return left_.wait_for(lock, limit, [&] { return haveLeft(own); });
+    HX::MutexLock lock(mutex_);
+    return left_.wait_for(lock.native(), limit, [&] { return haveLeft(own); });
   }
 
   bool isEnteredByThisThread() const noexcept {
@@ -94,7 +94,7 @@ class CallGate::Core : public std::enable_shared_from_this<Core> {
  private:
   /// Notifies under the mutex: once the waiter has it, nothing here touches the core any more.
   void endOnClosed(std::atomic<std::uint64_t>& word) noexcept {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     word.fetch_sub(kOnePass, std::memory_order_release);
     left_.notify_all();
   }
@@ -124,7 +124,7 @@ class CallGate::Core : public std::enable_shared_from_this<Core> {
 
   const unsigned mask_;
   const std::unique_ptr<Counter[]> counters_;
-  std::mutex mutex_;  // guards the decrements of closed counters, so that waiters miss none
+  HX::Mutex mutex_;  // guards the decrements of closed counters, so that waiters miss none
   std::condition_variable left_;
 };
 

@@ -29,7 +29,7 @@ bool LineLimit::admits(const LogRecord& record) {
   const Clock::time_point now = Clock::now();
   std::string line;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (seconds_.size() >= kMostCauses) seconds_.clear();
     const auto [entry, isNew] =
         seconds_.try_emplace({record.level, std::string(record.category), std::string(record.function)});
@@ -53,7 +53,7 @@ void LineLimit::tell(bool all) {
   const Clock::time_point now = Clock::now();
   std::vector<std::string> lines;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     for (auto& [cause, second] : seconds_) {
       if (second.leftOut == 0 || (!all && now - second.begin < kSecond)) continue;
       lines.push_back(lineOf(cause, second));

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 
 #include <chrono>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <string>
 #include <tuple>
 
@@ -41,8 +41,8 @@ class LineLimit {
   void tell(bool all);
   static std::string lineOf(const Cause& cause, const Second& second);
 
-  std::mutex mutex_;  // Guards `seconds_`.
-  std::map<Cause, Second> seconds_;
+  HX::Mutex mutex_;
+  std::map<Cause, Second> seconds_ HX_GUARDED_BY(mutex_);
 };
 
 }  // namespace mw::log

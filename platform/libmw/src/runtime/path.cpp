@@ -1,9 +1,9 @@
+#include <hxerror/mutex.h>
 #include <libmw/os.h>
 #include <libmw/path.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 
@@ -14,8 +14,8 @@ namespace fs = std::filesystem;
 
 /// The folders given to prependDataDir(), in the order of search. Never destroyed, so that look-ups work at exit.
 struct Prepended {
-  std::mutex mutex;  // guards directories
-  std::vector<std::string> directories;
+  HX::Mutex mutex;
+  std::vector<std::string> directories HX_GUARDED_BY(mutex);
 };
 
 Prepended& prepended() {
@@ -60,7 +60,7 @@ std::vector<std::string> dataPaths(const std::string& application, bool excludeU
   checkApplication(application);
   std::vector<std::string> directories;
   {
-    const std::lock_guard lock(prepended().mutex);
+    const HX::MutexLock lock(prepended().mutex);
     directories = prepended().directories;
   }
   if (!excludeUserWritablePath) appendAbsolute(directories, userDataHome(), application);
@@ -84,7 +84,7 @@ std::string findData(const std::string& application, const std::string& filename
 void prependDataDir(const std::string& directory) {
   if (directory.empty()) throw std::invalid_argument("path::prependDataDir: directory is empty");
   const auto absolute = fs::absolute(directory).lexically_normal().string();
-  const std::lock_guard lock(prepended().mutex);
+  const HX::MutexLock lock(prepended().mutex);
   auto& directories = prepended().directories;
   std::erase(directories, absolute);
   directories.insert(directories.begin(), absolute);

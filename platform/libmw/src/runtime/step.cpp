@@ -1,10 +1,10 @@
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 #include <libmw/step.h>
 
 #include <algorithm>
 #include <atomic>
-#include <mutex>
 
 #include <fmt/format.h>
 
@@ -17,8 +17,8 @@ std::atomic<std::chrono::milliseconds> patience{std::chrono::seconds(5)};
 
 /// Never destroyed: modules may leave with the last statics of the process.
 struct UnderWay {
-  std::mutex mutex;  // Guards `steps`.
-  std::vector<What> steps;
+  HX::Mutex mutex;
+  std::vector<What> steps HX_GUARDED_BY(mutex);
 
   static UnderWay& instance() {
     static auto* const the = new UnderWay;
@@ -31,7 +31,7 @@ struct UnderWay {
 Step::Step(std::string what) : what_(std::make_shared<const std::string>(std::move(what))) {
   auto& all = UnderWay::instance();
   {
-    const std::lock_guard lock(all.mutex);
+    const HX::MutexLock lock(all.mutex);
     all.steps.push_back(what_);
   }
   defaultLoop().post(
@@ -45,13 +45,13 @@ Step::Step(std::string what) : what_(std::make_shared<const std::string>(std::mo
 
 Step::~Step() {
   auto& all = UnderWay::instance();
-  const std::lock_guard lock(all.mutex);
+  const HX::MutexLock lock(all.mutex);
   std::erase(all.steps, what_);
 }
 
 std::vector<std::string> Step::underWay() {
   auto& all = UnderWay::instance();
-  const std::lock_guard lock(all.mutex);
+  const HX::MutexLock lock(all.mutex);
   std::vector<std::string> texts;
   for (const What& what : all.steps) texts.push_back(*what);
   return texts;

@@ -4,6 +4,7 @@
 #include "processend.h"
 #include "signalstack.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 
 #include <algorithm>
@@ -74,8 +75,8 @@ bool ThreadPool::isInThisPool() const noexcept { return currentPool == this; }
 
 void ThreadPool::drain() {
   if (isInThisPool()) throw std::logic_error("EventLoop::drain: called on a thread of the loop");
-  std::unique_lock lock(mutex_);
-  changed_.wait(lock, [this] { return outstanding_.load() == 0; });
+  HX::MutexLock lock(mutex_);
+  changed_.wait(lock.native(), [this] { return outstanding_.load() == 0; });
 }
 
 void ThreadPool::stop() {
@@ -83,7 +84,7 @@ void ThreadPool::stop() {
   // From here on nothing is queued any more, so that the workers end when they have emptied the queue.
   accepting_.drain();
   isStopped_ = true;
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   workGuard_.reset();
   serviceGuard_.reset();
   if (service_) service_->stop();
@@ -93,7 +94,7 @@ bool ThreadPool::join(std::optional<std::chrono::milliseconds> timeout) {
   if (isForkedChild()) return true;  // There are no threads, and the lock may be held by one of them.
   std::vector<std::thread> ended;
   std::unique_ptr<Context> timers;
-  std::unique_lock lock(mutex_);
+  HX::MutexLock lock(mutex_);
   const bool isOwnThread = isInThisPool();
   // The calling function counts as work, so the other workers would wait for it to return before they end.
   if (isOwnThread) work_.stop();
@@ -101,10 +102,10 @@ bool ThreadPool::join(std::optional<std::chrono::milliseconds> timeout) {
     self->second.detach();
     threads_.erase(self);
   }
-  const auto haveEnded = [this] { return threads_.empty(); };
+  const auto haveEnded = [this]() HX_REQUIRES(mutex_) { return threads_.empty(); };
   if (!timeout) {
-    changed_.wait(lock, haveEnded);
-  } else if (!changed_.wait_for(lock, *timeout, haveEnded)) {
+    changed_.wait(lock.native(), haveEnded);
+  } else if (!changed_.wait_for(lock.native(), *timeout, haveEnded)) {
     for (auto& [id, thread] : threads_) thread.detach();
     threads_.clear();
     return false;
@@ -118,7 +119,7 @@ bool ThreadPool::join(std::optional<std::chrono::milliseconds> timeout) {
 }
 
 void ThreadPool::startThread(void (ThreadPool::*body)()) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   std::thread thread([self = shared_from_this(), body] {
     pthread_setname_np(pthread_self(), self->options_.name.substr(0, kLongestThreadName).c_str());
     currentPool = self.get();
@@ -154,7 +155,7 @@ void ThreadPool::runService() { service_->run(); }
 
 void ThreadPool::threadEnded() {
   std::vector<std::thread> ended;  // earlier ones; joined here, so that a long-lived loop does not collect them
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   ended.swap(ended_);
   for (auto& thread : ended) thread.join();
   if (auto self = threads_.extract(std::this_thread::get_id())) ended_.push_back(std::move(self.mapped()));
@@ -190,7 +191,7 @@ void ThreadPool::execute(std::function<void()>& function) {
 
 void ThreadPool::oneDone() {
   if (outstanding_.fetch_sub(1) != 1) return;
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   changed_.notify_all();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/trackable.h>
 
@@ -7,7 +8,6 @@
 #include <condition_variable>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
@@ -94,12 +94,12 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
   Clock::time_point stalledSince_;
   bool isStallReported_ = false;
 
-  std::mutex mutex_;                 // guards everything below
+  HX::Mutex mutex_;
   std::condition_variable changed_;  // a thread ended, or nothing is outstanding
-  std::optional<WorkGuard> workGuard_;
-  std::optional<WorkGuard> serviceGuard_;
-  std::map<std::thread::id, std::thread> threads_;
-  std::vector<std::thread> ended_;  // to be joined
+  std::optional<WorkGuard> workGuard_ HX_GUARDED_BY(mutex_);
+  std::optional<WorkGuard> serviceGuard_ HX_GUARDED_BY(mutex_);
+  std::map<std::thread::id, std::thread> threads_ HX_GUARDED_BY(mutex_);
+  std::vector<std::thread> ended_ HX_GUARDED_BY(mutex_);  // to be joined
 };
 
 }  // namespace mw::detail

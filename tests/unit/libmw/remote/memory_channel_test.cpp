@@ -48,6 +48,9 @@ struct Side {
   Side(const Side&) = delete;
   Side& operator=(const Side&) = delete;
   ~Side() {
+    if (!channel->isEnded()) {
+      EXPECT_EQ(link->servingCount(), 0U);  // What is too much ends the link, and stays counted.
+    }
     channel->end("the test is over");  // What is never answered would hold the link.
     link->gone().wait();
     EXPECT_EQ(link->pendingCount(), 0U);
@@ -174,6 +177,26 @@ TEST(Link, ServesCallsOfChainsThatNobodyWaitsInForAsLongAsTheyAreFew) {
     host.channel->receive(request(number, number, 1, ""));
     EXPECT_TRUE(isAnswered(host, number));
   }
+}
+
+TEST(Link, PassesByACallThatIsGivenUpBeforeItRuns) {
+  const Side host;
+  std::vector<std::string> ran;
+  const auto enter = [&](const std::string& who) { ran.push_back(who); };
+  host.reserved->service = makeService("House")->method("enter", enter).build();
+  Bytes cancel;
+  Writer out(cancel);
+  out.list(3);
+  out.number(2);
+  out.text("korvo.cancel");
+  out.list(1);
+  out.number(2);
+  for (const std::uint8_t depth : {std::uint8_t{0}, std::uint8_t{1}}) {
+    host.channel->receive(request(1, 1, depth, "stays"), request(2, 1, depth, "goes"), cancel);
+    EXPECT_TRUE(isAnswered(host, 1));
+    EXPECT_FALSE(isAnswered(host, 2));
+  }
+  EXPECT_THAT(ran, testing::ElementsAre("stays", "stays"));
 }
 
 /// Follows a signal of the peer's. @return The number of the link.
