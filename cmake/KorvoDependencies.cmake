@@ -10,6 +10,8 @@ find_package(nlohmann_json REQUIRED)
 find_package(msgpack CONFIG REQUIRED)
 find_package(CLI11 REQUIRED)
 find_package(PkgConfig REQUIRED)
+# By pkg-config, for the compiled library: its CMake package has the headers alone, which cost each source 10 seconds.
+pkg_check_modules(TOML REQUIRED IMPORTED_TARGET tomlplusplus)
 pkg_check_modules(EDIT REQUIRED IMPORTED_TARGET libedit)
 if(KORVO_TESTS)
   find_package(GTest REQUIRED)

@@ -30,6 +30,11 @@ BrokerService::BrokerService(const std::shared_ptr<HX::HXBroker>& broker, std::f
           .addParameter("after", "Those that come after it; empty for the first ones.")
           .setReturn("keys", "Empty when there are no more."),
       this, &BrokerService::keys);
+  builder.advertiseMethod(
+      describe("settings", "Lists what can be set of a module of the broker's own process, and what it is.")
+          .addParameter("module", "Its name.")
+          .setReturn("settings", "A map: module, its name; settings, a list of maps of name, range, text, value."),
+      this, &BrokerService::settings);
   builder.advertiseMethod(describe("stop", "Ends the broker in order, as SIGTERM does. Returns before it has ended."),
                           this, &BrokerService::stop);
   setType(builder.build());
@@ -45,6 +50,21 @@ std::string BrokerService::name() const { return broker()->getName(); }
 std::vector<std::string> BrokerService::modules() const { return broker()->modules(); }
 
 void BrokerService::loadModule(const std::string& library) const { broker()->loadModule(library); }
+
+HX::HXValue BrokerService::settings(const std::string& module) const {
+  return settingsOf(broker()->describeModule(module));
+}
+
+HX::HXValue BrokerService::settingsOf(const HX::ModuleDescription& module) {
+  HX::HXValue settings = HX::HXValue::list();
+  for (const HX::Setting& declared : module.settings) {
+    HX::HXValue setting =
+        HX::HXValue::map({{"name", declared.name()}, {"range", declared.range()}, {"text", declared.text()}});
+    if (const HX::HXValue* const value = module.values.find(declared.name())) setting.mapSet("value", *value);
+    settings.arrayPush(std::move(setting));
+  }
+  return HX::HXValue::map({{"module", module.name}, {"settings", std::move(settings)}});
+}
 
 std::vector<std::string> BrokerService::keys(const std::string& filter, const std::string& after) const {
   const auto memory = broker()->getSpecialisedProxy<HX::HXMemoryProxy>("HXMemory");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxcommon/settings.h>
 #include <libmw/dynamicobject.h>
 
 #include <functional>
@@ -27,11 +28,15 @@ class BrokerService final : public mw::DynamicObject {
   /// @param stop    Asks the process to end, and returns at once.
   BrokerService(const std::shared_ptr<HX::HXBroker>& broker, std::function<void()> stop);
 
+  /// {"module":NAME, "settings":[{"name", "range", "text", "value"}]}
+  static HX::HXValue settingsOf(const HX::ModuleDescription& module);
+
  private:
   std::string name() const;
   std::vector<std::string> modules() const;
   void loadModule(const std::string& library) const;
   std::vector<std::string> keys(const std::string& filter, const std::string& after) const;
+  HX::HXValue settings(const std::string& module) const;
   void stop() const { stop_(); }
   std::shared_ptr<HX::HXBroker> broker() const;
 

@@ -5,6 +5,7 @@
 #include "help.h"
 #include "verbs.h"
 
+#include <hxcommon/settings.h>
 #include <libmw/local.h>
 
 #include <algorithm>
@@ -27,6 +28,12 @@ using Words = std::vector<std::string>;
 int fail(ExitStatus status, std::string_view message) {
   std::cerr << "error: " << escapeControls(message) << '\n';
   return status;
+}
+
+/// What is wrong in a file of settings, which is as wrong as a command line.
+int fail(const HX::SettingsError& error) {
+  for (const std::string& problem : error.problems()) fail(kWrongUsage, problem);
+  return kWrongUsage;
 }
 
 /// Whether standard output is a pipe that nobody reads any more.
@@ -55,6 +62,7 @@ int withAllWritten(int status) {
 int runVerb(const Verb& verb, std::span<const std::string> words) {
   const auto options = optionsOf(verb);
   GivenWords given = tellApart(*options, words);
+  if (verb.readFile) verb.readFile(*options, given);
   try {
     std::ranges::reverse(given.options);  // It takes them from the end.
     options->parse(given.options);
@@ -95,6 +103,8 @@ int runWords(std::span<const std::string> words) {
 int runProgram(int argc, const char* const* argv) {
   try {
     return withAllWritten(runWords(Words(argv + 1, argv + argc)));
+  } catch (const HX::SettingsError& error) {
+    return fail(error);
   } catch (const mw::NoBrokerError& error) {
     return fail(kNoBroker, error.what());
   } catch (const std::exception& error) {

@@ -31,6 +31,7 @@ int host(const HostOptions& options) {
   const auto noteReturn = [&] { output.note(fmt::format("broker {} is back", client.broker())); };
   session.connectionLost.connect(mw::SignalSubscriber(noteLoss).track(lifetime.token()));
   session.connectionRestored.connect(mw::SignalSubscriber(noteReturn).track(lifetime.token()));
+  for (const auto& [library, settings] : options.settings) broker->provideSettings(library, settings);
   const bool loaded = loadModules(*broker, options.modules, options.strict, output, ending);
   if (loaded) {
     output.note(fmt::format("hosting for broker {}: {}", client.broker(), fmt::join(broker->modules(), ", ")));

@@ -12,6 +12,7 @@ namespace korvo {
 void prepareHosting(const HostingOptions& options) {
   HX::reportCrashes();
   mw::log::setLevel(options.logLevel);
+  for (const auto& [category, level] : options.logLevels) mw::log::setLevel(level, category);
   for (auto folder = options.dataDirs.rbegin(); folder != options.dataDirs.rend(); ++folder) {
     mw::path::prependDataDir(*folder);
   }
@@ -25,6 +26,8 @@ bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries
     try {
       broker.loadModule(library);
       ++loaded;
+    } catch (const HX::SettingsError&) {
+      throw;
     } catch (const std::exception& error) {
       output.error(error.what());
       if (strict) return false;

@@ -1,12 +1,16 @@
 #include "arguments.h"
 #include "brokername.h"
 #include "checkmap.h"
+#include "checkrobot.h"
 #include "commands.h"
+#include "fileoptions.h"
 #include "format.h"
 #include "help.h"
 #include "host.h"
 #include "output.h"
+#include "robot/loglevels.h"
 #include "run.h"
+#include "settingsverb.h"
 #include "verbs.h"
 
 #include <algorithm>
@@ -21,15 +25,6 @@ namespace {
 
 constexpr std::string_view kGroup = "In this terminal";
 
-/// From silent to debug.
-std::vector<std::string> levelNames() {
-  std::vector<std::string> names;
-  for (int level = 0; level <= static_cast<int>(mw::LogLevel::Debug); ++level) {
-    names.emplace_back(mw::toString(static_cast<mw::LogLevel>(level)));
-  }
-  return names;
-}
-
 std::string checkLevel(const std::string& name) {
   if (std::ranges::count(levelNames(), name)) return {};
   return fmt::format("no level {}; there is {}", excerpt(name), fmt::join(levelNames(), ", "));
@@ -37,11 +32,6 @@ std::string checkLevel(const std::string& name) {
 
 std::string checkJournal(const std::string& word) {
   return word == "keep" ? std::string() : fmt::format("what is {}? There is keep", excerpt(word));
-}
-
-mw::LogLevel levelOf(const std::string& name) {
-  const auto names = levelNames();
-  return static_cast<mw::LogLevel>(std::ranges::find(names, name) - names.begin());
 }
 
 /// Each option that may be repeated takes one value at a time, so that it cannot swallow what follows.
@@ -102,14 +92,31 @@ Verb runVerb() {
         ->excludes(noMemory);
     addHosting(app, options);
   };
-  const auto start = [options](Arguments& arguments) {
+  const auto file = std::make_shared<RobotFile>();
+  const auto readFile = [file](const CLI::App& known, GivenWords& given) {
+    if (given.arguments.empty()) return;
+    Robot robot = readRobot(given.arguments.front());
+    addOptionWords(robot.words, known, given);
+    *file = std::move(robot.file);
+  };
+  const auto start = [options, file](Arguments& arguments) {
+    if (!arguments.atEnd()) arguments.word("FILE");
     arguments.end();
+    options->logLevels = file->logLevels;
+    options->maps = file->maps;
+    takeModules(*file, true, *options);
     return run(*options);
   };
   return {
       "run",
-      "",
+      "[FILE]",
       "Hosts a broker: loads its memory and modules, and runs until told to stop.",
+      "FILE says what to run, in TOML: these options by their names, each module with its settings as a table\n"
+      "[modules.NAME], signals that are raised as events in [maps], levels by category in [log-levels]. An option of\n"
+      "the command line wins over the file's; modules and folders are added. korvo check FILE says what is wrong\n"
+      "with one, and what it would run. A module that is given a setting that it does not have, or a wrong one, ends\n"
+      "the start, with exit status 2.\n"
+      "\n"
       "A module library is a path with a slash in it, or a name: lib<name>.so is looked for in the folders of\n"
       "KORVO_MODULE_PATH and in the installed ones. One that cannot be loaded is reported, and the others are loaded;\n"
       "with --strict nothing runs then, and the exit status is 1. Without its memory the broker ends.\n"
@@ -126,6 +133,7 @@ Verb runVerb() {
       "it at once, with exit status 130. When the end takes longer than --end-within says, the broker says for which\n"
       "module it has waited, and ends with exit status 1.",
       "run --name torso --module arm --module ./build/libhead.so\n"
+      "run robot.toml --log-level debug\n"
       "run --console < commands.txt\n"
       "run --module ./libarm.so --live\n"
       "run --no-memory --module ./libmine.so --log-level debug",
@@ -134,10 +142,11 @@ Verb runVerb() {
       "1    no module could be loaded, or not the memory, or with --strict not all; a broker of that name is running; "
       "or\n"
       "     the end took too long\n"
-      "2    wrong usage\n"
+      "2    wrong usage, or wrong settings\n"
       "130  ended at once by a second SIGINT\n",
       addOptions,
-      start};
+      start,
+      readFile};
 }
 
 Verb hostVerb() {
@@ -147,10 +156,24 @@ Verb hostVerb() {
     app.add_option("--broker", options->broker, kBrokerHelp)
         ->check(CLI::Validator(checkBrokerName, ""))
         ->type_name("NAME");
+    app.add_option("--settings",
+                   "Take the modules' settings from a file of korvo run, and its options that are also these")
+        ->type_name("FILE");
     addHosting(app, options);
   };
-  const auto start = [options](Arguments& arguments) {
+  const auto file = std::make_shared<RobotFile>();
+  const auto readFile = [file](const CLI::App& known, GivenWords& given) {
+    const auto path = given.values.find("--settings");
+    if (path == given.values.end()) return;
+    auto [read, words] = readRobot(path->second);
+    if (const auto name = words.extract("--name")) words["--broker"] = {"--broker" + name.mapped().front().substr(6)};
+    addOptionWords(words, known, given);
+    *file = std::move(read);
+  };
+  const auto start = [options, file](Arguments& arguments) {
     arguments.end();
+    options->logLevels = file->logLevels;
+    takeModules(*file, false, *options);
     return host(*options);
   };
   return {
@@ -158,20 +181,44 @@ Verb hostVerb() {
       "",
       "Hosts modules in a process of their own, for a running broker.",
       "The modules find the memory and everybody else by name, as in the broker's own process, and are found. What\n"
-      "goes wrong in them cannot take the broker along.\n"
+      "goes wrong in them cannot take the broker along. With --settings they get the same settings as there.\n"
       "\n"
       "Runs until SIGINT (Ctrl-C) or SIGTERM. When the broker is lost, the modules stay and find its services again\n"
       "once it is back; both are told on standard error.",
       "host --module ./build/libarm.so\n"
-      "host --broker torso --module arm --module hand",
+      "host --broker torso --module arm --module hand\n"
+      "host --settings robot.toml --module camera",
       kGroup,
       "0    ended in order\n"
       "1    no module could be loaded, or with --strict not all\n"
-      "2    wrong usage\n"
+      "2    wrong usage, or wrong settings\n"
       "3    there is no broker to join\n"
       "130  ended at once by a second SIGINT\n",
       addOptions,
-      start};
+      start,
+      readFile};
+}
+
+Verb checkVerb() {
+  const auto check = [](Arguments& arguments) {
+    const std::string file = arguments.word("FILE");
+    arguments.end();
+    Output output(std::cout, std::cerr);
+    return checkRobot(file, output);
+  };
+  return {
+      "check",
+      "FILE",
+      "Says what is wrong with a file of korvo run, and what it would run.",
+      "Every fault is one line with file, line and column. The modules are constructed to ask for their settings, and\n"
+      "dropped before they do anything.\n"
+      "\n"
+      "A file in order is printed as the command line that does the same, and the modules with all their settings.",
+      "check robot.toml",
+      kGroup,
+      "0  in order\n1  something is wrong with it, or it cannot be read\n2  wrong usage\n",
+      {},
+      check};
 }
 
 Verb checkMapVerb() {
@@ -238,6 +285,8 @@ Verb brokersVerb() {
 
 }  // namespace
 
-std::vector<Verb> hostingVerbs() { return {runVerb(), hostVerb(), brokersVerb(), checkMapVerb(), helpVerb()}; }
+std::vector<Verb> hostingVerbs() {
+  return {runVerb(), hostVerb(), checkVerb(), settingsVerb(), brokersVerb(), checkMapVerb(), helpVerb()};
+}
 
 }  // namespace korvo

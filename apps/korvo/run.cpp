@@ -14,6 +14,7 @@
 
 #include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
+#include <hxproxies/hxmemoryproxy.h>
 #include <libmw/local.h>
 #include <libmw/path.h>
 
@@ -165,16 +166,54 @@ void keepJournal(const HX::HXBroker& broker) {
   if (const auto journal = HX::ownJournal(broker)) journal->keep(true);
 }
 
-/// Loads what was asked for. @return False when the broker is of no use.
-bool load(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
-  std::vector<std::string> libraries = options.modules;
-  if (options.memory && options.journal) libraries.insert(libraries.begin(), {"journal", "freshness"});
-  if (options.memory) libraries.insert(libraries.begin(), "hxmemory");
-  if (!loadModules(broker, libraries, options.strict, output, ending)) return false;
-  if (options.keep) keepJournal(broker);
-  if (!options.memory || ending.isAsked() || std::ranges::count(broker.modules(), "HXMemory") > 0) return true;
+void stateMaps(HX::HXBroker& broker, const std::vector<RobotMapping>& maps) {
+  if (maps.empty()) return;
+  const auto memory = broker.getSpecialisedProxy<HX::HXMemoryProxy>("HXMemory");
+  for (const auto& [service, signal, event] : maps) memory->addMapping(service, signal, event);
+}
+
+/// What is loaded with the memory, before the modules.
+std::vector<std::string> librariesOfMemory(const RunOptions& options) {
+  if (options.journal) return {"hxmemory", "journal", "freshness"};
+  return {"hxmemory"};
+}
+
+/// Loads the memory and what belongs to it. @return False when there is no memory.
+bool loadMemory(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
+  const bool loaded = loadModules(broker, librariesOfMemory(options), options.strict, output, ending);
+  if (ending.isAsked()) return true;
+  if (loaded && std::ranges::count(broker.modules(), "HXMemory") > 0) {
+    if (options.keep) keepJournal(broker);
+    stateMaps(broker, options.maps);
+    return true;
+  }
   output.error("the broker has no memory of its own; --no-memory goes without");
   return false;
+}
+
+/// Loads what was asked for. @return False when the broker is of no use.
+bool load(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
+  for (const auto& [library, settings] : options.settings) broker.provideSettings(library, settings);
+  if (options.memory && !loadMemory(broker, options, output, ending)) return false;
+  std::vector<std::string> libraries = options.modules;
+  if (options.memory) {
+    // They may be in the file for their settings.
+    const auto loaded = librariesOfMemory(options);
+    std::erase_if(libraries, [&](const std::string& one) { return std::ranges::count(loaded, one) > 0; });
+  }
+  const bool loaded = loadModules(broker, libraries, options.strict, output, ending);
+  return loaded || (options.memory && !options.strict);
+}
+
+/// The same; modules that were loaded before a setting was found wrong leave in order.
+bool loadOrLeave(HX::HXBroker& broker, const RunOptions& options, Output& output, Ending& ending) {
+  try {
+    return load(broker, options, output, ending);
+  } catch (const HX::SettingsError&) {
+    ending.begin();
+    broker.shutdown();
+    throw;
+  }
 }
 
 }  // namespace
@@ -186,13 +225,13 @@ int run(const RunOptions& options) {
   Output output(std::cout, std::cerr);
   const auto broker = HX::HXBroker::create(options.name);
   PublicBroker access(broker);
-  const bool isOfUse = load(*broker, options, output, ending);
+  const bool isOfUse = loadOrLeave(*broker, options, output, ending);
   if (!isOfUse || ending.isAsked()) {
     ending.begin();
     broker->shutdown();
     return isOfUse ? kDone : kFailed;
   }
-  if (options.memory && !options.console && !options.live) explainMissingMap();
+  if (options.memory && options.maps.empty() && !options.console && !options.live) explainMissingMap();
   access.open();
   // Beside a console or a live view it would stand in the way.
   if (!options.console && !options.live) {

@@ -1,19 +1,22 @@
 #pragma once
 
 #include "hosting.h"
+#include "robot/robotfile.h"
 
 #include <string>
+#include <vector>
 
 namespace korvo {
 
 /// What `korvo run` was asked for.
 struct RunOptions : HostingOptions {
   std::string name = "korvo";
-  bool memory = true;    ///< Load the memory before the modules.
-  bool journal = true;   ///< With the memory, load the modules that stand on its journal.
-  bool keep = false;     ///< The memory records its changes always, not only while somebody follows.
-  bool console = false;  ///< Execute commands from standard input until it ends.
-  bool live = false;     ///< Show the memory until a person leaves. At most one of the two.
+  bool memory = true;              ///< Load the memory before the modules.
+  bool journal = true;             ///< With the memory, load the modules that stand on its journal.
+  bool keep = false;               ///< The memory records its changes always, not only while somebody follows.
+  std::vector<RobotMapping> maps;  ///< Stated before the modules are loaded.
+  bool console = false;            ///< Execute commands from standard input until it ends.
+  bool live = false;               ///< Show the memory until a person leaves. At most one of the two.
 };
 
 /// Hosts a broker, which other processes of this user reach under its name, until SIGINT or SIGTERM, until somebody
@@ -28,6 +31,7 @@ struct RunOptions : HostingOptions {
 ///
 /// @return The exit status: 0, or 1 when libraries were asked for and none, or not the memory, or strictly not all,
 ///         could be loaded.
+/// @throws HX::SettingsError when the settings of a module are wrong.
 /// @throws std::runtime_error when a broker of that name is running, or its socket cannot be made.
 int run(const RunOptions& options);
 

@@ -44,6 +44,8 @@ const Verb* findVerb(std::string_view name) {
   return found ? found : findIn(servants(), name);
 }
 
+Verb freshVerb(std::string_view name) { return *findIn(hostingVerbs(), name); }
+
 std::string noSuchVerb(std::string_view name) {
   const std::string suggestion = didYouMean(name, namesOf(verbs()));
   return fmt::format("no command {}{}", excerpt(name), suggestion.empty() ? "; korvo --help lists them" : suggestion);

@@ -15,6 +15,14 @@ class App;
 
 namespace korvo {
 
+/// What was given to a verb, told apart. Options may stand anywhere; a word `--` ends them. A word with a single hyphen
+/// is an argument: it may be a negative number.
+struct GivenWords {
+  std::vector<std::string> options;  ///< As they stand there.
+  GivenOptions values;               ///< The same by their names.
+  std::vector<std::string> arguments;
+};
+
 /// What a shell can ask the program for: `korvo NAME [OPTION...] ARGUMENTS`. The help, the manual pages and the
 /// completion are made of it.
 struct Verb {
@@ -29,6 +37,8 @@ struct Verb {
   std::function<void(CLI::App& app)> addOptions;
   /// Does it. @return The exit status. Throws InputError for wrong usage, and what went wrong otherwise.
   std::function<int(Arguments& arguments)> run;
+  /// Takes the options of a file that is among what was given, before they are parsed. None for most.
+  std::function<void(const CLI::App& options, GivenWords& given)> readFile = {};
 };
 
 /// All of them but those that only other programs use, in the order in which the help lists them.
@@ -48,19 +58,16 @@ std::vector<Verb> hostingVerbs();  ///< In this process.
 std::vector<Verb> remoteVerbs();   ///< In a running broker.
 std::vector<Verb> servantVerbs();  ///< For shells and for the build: not listed.
 
+/// A verb whose options set nothing that another one reads, for trying them.
+/// @param name  Of a verb that there is.
+Verb freshVerb(std::string_view name);
+
 /// An application of CLI11 with the options of `verb` and --help, to parse with or to ask.
 std::unique_ptr<CLI::App> optionsOf(const Verb& verb);
 
 /// "--json" and the like, the long ones.
 std::vector<std::string> optionNames(const CLI::App& options);
 
-/// What was given to a verb, told apart. Options may stand anywhere; a word `--` ends them. A word with a single hyphen
-/// is an argument: it may be a negative number.
-struct GivenWords {
-  std::vector<std::string> options;  ///< As they stand there.
-  GivenOptions values;               ///< The same by their names.
-  std::vector<std::string> arguments;
-};
 /// @throws InputError for an option that there is not.
 GivenWords tellApart(const CLI::App& options, std::span<const std::string> words);
 

@@ -1,4 +1,5 @@
 #include "codemap.h"
+#include "loading.h"
 #include "modulelibrary.h"
 
 #include <hxcommon/hxbroker.h>
@@ -9,6 +10,7 @@
 #include <libmw/step.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <utility>
 
 #include <fmt/format.h>
@@ -29,27 +31,6 @@ void guarded(const std::string& what, Action&& action) {
     mw::log::error(kCategory, "shutdown", fmt::format("{}: unknown exception", what));
   }
 }
-
-/// What the calling thread registers while one lives: a library that fails takes its own modules back, and not those
-/// that another thread loads meanwhile.
-class Registrations {
- public:
-  Registrations() : outer_(std::exchange(current, this)) {}
-  Registrations(const Registrations&) = delete;
-  Registrations& operator=(const Registrations&) = delete;
-  ~Registrations() { current = outer_; }
-
-  static void note(const std::shared_ptr<HXModuleCore>& module) {
-    if (current) current->modules_.push_back(module);
-  }
-  const std::vector<std::shared_ptr<HXModuleCore>>& modules() const { return modules_; }
-
- private:
-  static thread_local Registrations* current;
-  Registrations* const outer_;
-  std::vector<std::shared_ptr<HXModuleCore>> modules_;
-};
-thread_local Registrations* Registrations::current = nullptr;
 
 }  // namespace
 
@@ -112,26 +93,65 @@ void HXBroker::forgetStaleProxy(const std::string& name) {
   proxies_.erase(found);
 }
 
-void HXBroker::loadModule(const std::string& library) {
+void HXBroker::loadModule(const std::string& library) { makeModules(library, /*examineOnly=*/false); }
+
+std::vector<ModuleDescription> HXBroker::examineModule(const std::string& library) {
+  return makeModules(library, /*examineOnly=*/true);
+}
+
+std::vector<ModuleDescription> HXBroker::makeModules(const std::string& library, bool examineOnly) {
   ModuleLibrary loaded = ModuleLibrary::open(library);
   // A module under construction does not listen for new services yet; it is told of them when it does.
   const mw::Session::CatchUp catchUp(*session_);
   const mw::Step step(fmt::format("entry point of module library {}", loaded.path()));
-  const Registrations registrations;
+  const std::string name = libraryName(library);
+  Loading loading(name, givenSettings(name), examineOnly);
+  const auto undo = [&] {
+    const auto& made = loading.modules();
+    for (auto module = made.rbegin(); module != made.rend(); ++module) unregisterModule(**module);
+  };
   std::string failure;
   try {
     loaded.createModule(shared_from_this());
+    loading.requireAllTaken();
     const std::lock_guard lock(mutex_);
-    libraries_.push_back(std::move(loaded));
-    return;
+    if (!loading.examines()) libraries_.push_back(std::move(loaded));
+    return loading.descriptions();
+  } catch (const SettingsError&) {
+    undo();
+    throw;  // Says by itself where the fault is, which is not in the library.
   } catch (const std::exception& error) {
     failure = error.what();
   } catch (...) {
     failure = "unknown exception from its entry point";
   }
-  const auto& made = registrations.modules();
-  for (auto module = made.rbegin(); module != made.rend(); ++module) unregisterModule(**module);
+  undo();
   throw std::runtime_error(fmt::format("module library {}: {}", loaded.path(), failure));
+}
+
+std::string HXBroker::libraryName(const std::string& library) {
+  std::string name = std::filesystem::path(library).filename();
+  if (name.starts_with("lib")) name.erase(0, 3);
+  return name.substr(0, name.find(".so"));
+}
+
+void HXBroker::provideSettings(const std::string& name, GivenSettings settings) {
+  auto given = std::make_shared<const GivenSettings>(std::move(settings));
+  const std::lock_guard lock(mutex_);
+  givenSettings_.insert_or_assign(name, std::move(given));
+}
+
+std::shared_ptr<const GivenSettings> HXBroker::givenSettings(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = givenSettings_.find(name);
+  return found == givenSettings_.end() ? nullptr : found->second;
+}
+
+ModuleDescription HXBroker::describeModule(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = std::ranges::find_if(modules_, [&](const Hosted& one) { return one.module->getName() == name; });
+  if (found == modules_.end()) throw std::runtime_error(fmt::format("broker {} has no module {}", name_, name));
+  return found->module->describe();
 }
 
 void HXBroker::requireRunning(const std::string& moduleName) const {
@@ -146,7 +166,7 @@ void HXBroker::registerModule(std::shared_ptr<HXModuleCore> module) {
   try {
     const std::lock_guard lock(mutex_);
     requireRunning(name);
-    Registrations::note(module);
+    if (Loading* const loading = Loading::current()) loading->note(module, module->describe());
     modules_.push_back({std::move(module), service});
   } catch (...) {
     session_->unregisterService(service);

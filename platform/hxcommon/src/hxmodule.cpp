@@ -1,3 +1,6 @@
+#include "loading.h"
+#include "modulesettings.h"
+
 #include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxmodule.h>
@@ -14,16 +17,41 @@
 #include <fmt/format.h>
 
 namespace HX {
+namespace {
+
+std::shared_ptr<HXBroker> required(const std::shared_ptr<HXBroker>& broker, const std::string& module) {
+  if (!broker) throw std::runtime_error(fmt::format("module {} needs a broker", module));
+  return broker;
+}
+
+}  // namespace
 
 HXModuleCore::HXModuleCore(const std::shared_ptr<HXBroker>& broker, std::string name)
-    : broker_(broker), name_(std::move(name)) {
-  if (!broker) throw std::runtime_error(fmt::format("module {} needs a broker", name_));
+    : broker_(required(broker, name)), name_(std::move(name)), settings_(settingsOf(*broker, name_)) {
   builder_.setTypeName(name_);
   builder_.setThreadingModel(mw::ObjectThreadingModel::MultiThread);
   setAuthor(Author(name_));
 }
 
 HXModuleCore::~HXModuleCore() = default;
+
+std::unique_ptr<ModuleSettings> HXModuleCore::settingsOf(const HXBroker& broker, const std::string& name) {
+  Loading* const loading = Loading::current();
+  if (!loading) return std::make_unique<ModuleSettings>(name, broker.givenSettings(name), /*isExample=*/false);
+  std::string label;
+  auto given = loading->settingsFor(name, label);
+  const bool isExample = loading->examines() && !given;
+  return std::make_unique<ModuleSettings>(std::move(label), std::move(given), isExample);
+}
+
+void HXModuleCore::addSetting(Setting setting) {
+  if (closed_) throw std::logic_error(fmt::format("module {}: settings are declared in the constructor only", name_));
+  settings_->declare(std::move(setting));
+}
+
+const HXValue& HXModuleCore::settings() const { return settings_->values(); }
+
+ModuleDescription HXModuleCore::describe() const { return {name_, settings_->declared(), settings_->values()}; }
 
 std::shared_ptr<HXBroker> HXModuleCore::getParentBroker() const {
   auto broker = findParentBroker();
@@ -35,6 +63,9 @@ void HXModuleCore::initModule() {
   if (closed_) throw std::logic_error(fmt::format("module {} is initialised already", name_));
   setType(objectBuilder().build());
   closed_ = true;
+  Loading* const loading = Loading::current();
+  settings_->close(/*isAlone=*/!loading);
+  if (loading && loading->examines()) return loading->note(nullptr, describe());
   getParentBroker()->registerModule(std::static_pointer_cast<HXModuleCore>(shared_from_this()));
 }
 
@@ -151,6 +182,7 @@ journal::Follow HXModule::follow(journal::Filter filter, std::function<void(cons
 
 void HXModule::start(const std::shared_ptr<HXModule>& module) {
   module->initModule();
+  if (const Loading* const loading = Loading::current(); loading && loading->examines()) return;
   try {
     const mw::Step step(fmt::format("init of module {}", module->getName()));
     const Author::Scope inItsName(module->author());

@@ -1,4 +1,7 @@
 #include "program.h"
+#include "temporary_folder.h"
+
+#include <fstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -77,6 +80,18 @@ TEST(SecondSignal, EndsTheProgramAtOnceWhenTheFirstOneCannot) {
   ASSERT_TRUE(process.waitFor("Sleeper leaves"));
   process.send(SIGINT);
   EXPECT_EQ(process.finish(10s).status, 130);
+}
+
+TEST(RobotFile, SaysWhatRunsAndItsWrongSettingsKeepAllFromRunning) {
+  const kit::TemporaryFolder folder;
+  const std::string path = folder.path() / "robot.toml";
+  std::ofstream(path) << "[modules.greeter]\nlibrary = \"" << module("greeter") << "\"\n";
+  EXPECT_EQ(korvo({path, "--console"}, "call Greeter greet \"you\"").out.substr(0, 13), "\"Hello, you\"\n");
+  std::ofstream(path) << "[modules.greeter]\nlibrary = \"" << module("greeter") << "\"\nname = \"you\"\n";
+  const auto refused = korvo({path, "--console"});
+  EXPECT_EQ(refused.err, "error: " + path + ":3:1: greeter.name: no such setting; there are none\n");
+  EXPECT_EQ(refused.out, "");
+  EXPECT_EQ(refused.status, 2);
 }
 
 class WrongUsage : public testing::TestWithParam<std::vector<std::string>> {};

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxcommon/hxproxy.h>
+#include <hxcommon/settings.h>
 #include <hxerror/api.h>
 #include <libmw/session.h>
 
@@ -75,7 +76,38 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   ///                 KORVO_MODULE_PATH and then in the installed module folder.
   /// @throws std::runtime_error naming the library and why: not found, not loadable, without the entry points, or the
   ///         error of its entry point. What it registered before it failed is removed again.
+  /// @throws SettingsError for settings that the library's modules do not have or refuse; nothing of it is registered
+  /// then.
   void loadModule(const std::string& library);
+
+  /// Finds out what a library has, without running it: its modules are constructed, described, and dropped before their
+  /// `init`. Their constructors find the services of this broker, and the settings that are provided.
+  ///
+  /// @param library  As for `loadModule`.
+  /// @return Its modules, in the order in which it makes them.
+  /// @throws As `loadModule`.
+  std::vector<ModuleDescription> examineModule(const std::string& library);
+
+  /// Keeps settings for modules that are made later, which check them in their constructors.
+  ///
+  /// @param name      Whose they are: of a library, as `libraryName` says it, for all that it makes; of a module, when
+  /// a
+  ///                  program makes it by itself.
+  /// @param settings  Replace those that were provided for the same name. In a library of several modules, a table that
+  /// has
+  ///                  the name of a module is for that one.
+  void provideSettings(const std::string& name, GivenSettings settings);
+
+  /// The module of that name in this process, its settings and what they are.
+  /// @param name  Of the module.
+  /// @return The description.
+  /// @throws std::runtime_error when there is none.
+  ModuleDescription describeModule(const std::string& name) const;
+
+  /// The name of a library: "arm" for "arm", "./build/libarm.so" and "/opt/robot/libarm.so".
+  /// @param library  As for `loadModule`.
+  /// @return Without folder, "lib" and ".so".
+  static std::string libraryName(const std::string& library);
 
   /// Takes a module in. Called by `HXModuleCore::initModule`.
   /// @throws std::runtime_error when the name is taken or the broker is shut down.
@@ -98,7 +130,11 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
     mw::ServiceId service = 0;
   };
 
+  friend class HXModuleCore;  // Asks for its settings.
+
   explicit HXBroker(std::string name);
+  std::vector<ModuleDescription> makeModules(const std::string& library, bool examineOnly);
+  std::shared_ptr<const GivenSettings> givenSettings(const std::string& name) const;
   using IsWanted = std::function<bool(const HXModuleCore&)>;
   bool unregisterFirst(const IsWanted& isWanted);
   void forgetStaleProxy(const std::string& name);
@@ -116,6 +152,7 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   std::vector<Hosted> modules_;
   std::map<std::string, std::shared_ptr<HXProxy>> proxies_;
   std::vector<ModuleLibrary> libraries_;
+  std::map<std::string, std::shared_ptr<const GivenSettings>> givenSettings_;
   bool shutDown_ = false;
 };
 

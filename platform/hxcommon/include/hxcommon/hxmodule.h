@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxcommon/hxfunctor.h>
+#include <hxcommon/settings.h>
 #include <hxerror/hxerror.h>
 #include <hxjournal/filter.h>
 #include <hxjournal/follow.h>
@@ -20,6 +21,7 @@ namespace HX {
 class HXBroker;
 class HXMemoryProxy;
 class HXProxy;
+class ModuleSettings;
 
 /// What a module is to its broker: a name, a parent, and a table of documented methods.
 ///
@@ -40,9 +42,21 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   /// As `getParentBroker`; empty when the broker has gone.
   std::shared_ptr<HXBroker> findParentBroker() const { return broker_.lock(); }
 
+  /// What the module was set to by the file or the program that runs it: a Map of all that it declared by `addSetting`,
+  /// with the defaults of what was not given. Stays as it is from `initModule` on.
+  ///
+  ///     const auto period = HX::toDuration(settings()["period"]);
+  ///
+  /// @return The Map, which is the module's.
+  /// @throws SettingsError in the constructor, when something that was given is wrong.
+  const HXValue& settings() const;
+  /// What was declared, and what it is.
+  ModuleDescription describe() const;
+
   /// Closes the method table and registers the module with its broker. Called once, on a constructed module that is
   /// owned by a shared pointer.
   /// @throws std::runtime_error when the name is taken.
+  /// @throws SettingsError when it was given settings that it does not have, or that it refuses.
   void initModule();
 
   /// Suspends the calling thread, but no longer than until the module leaves its broker, or the caller in another
@@ -56,6 +70,11 @@ class HX_API HXModuleCore : public mw::DynamicObject {
 
  protected:
   void setModuleDescription(std::string text);
+
+  /// Declares a setting, in the constructor. From then on it is among `settings`.
+  /// @param setting  Its name is not declared yet.
+  /// @throws std::logic_error once the module is initialised, and for a name that is declared already.
+  void addSetting(Setting setting);
 
   /// Opens the description of a method. It goes with the next method that is bound, and with that one
   /// only.
@@ -97,10 +116,12 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   mw::ObjectBuilder& objectBuilder();
 
  private:
+  static std::unique_ptr<ModuleSettings> settingsOf(const HXBroker& broker, const std::string& name);
   void bind(mw::AnyFunction function);
 
   const std::weak_ptr<HXBroker> broker_;
   const std::string name_;
+  const std::unique_ptr<ModuleSettings> settings_;
   mw::ObjectBuilder builder_;
   bool closed_ = false;
   mw::MetaMethodBuilder current_;

@@ -1,4 +1,4 @@
-#include "suggestion.h"
+#include <hxcommon/suggestion.h>
 
 #include <algorithm>
 #include <cctype>
@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-namespace korvo {
+namespace HX {
 namespace {
 
 /// What is longer is no slip of a hand, and comparing it would take its time.
@@ -67,4 +67,4 @@ std::string didYouMean(std::string_view typed, std::span<const std::string> name
   return meant ? fmt::format("; did you mean {}?", *meant) : std::string();
 }
 
-}  // namespace korvo
+}  // namespace HX

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <hxcommon/settings.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace HX {
+
+/// The settings of one module, from its first declaration to the end of its constructor, and as they stay.
+class ModuleSettings {
+ public:
+  /// @param label  Names the settings in problems: "arm", of which one is "arm.period".
+  /// @param given  None when nobody gave any.
+  /// @param isExample  What is required may be missing.
+  ModuleSettings(std::string label, std::shared_ptr<const GivenSettings> given, bool isExample);
+
+  /// @throws std::logic_error for one that is declared already.
+  void declare(Setting setting);
+  /// What was declared, as given or by default. @throws SettingsError with what is wrong among them.
+  const HXValue& values() const;
+  /// Nothing is declared any more, so what was not declared is wrong.
+  /// @param isAlone  Also tables are: they are no other module's.
+  /// @throws SettingsError with all that is wrong.
+  void close(bool isAlone);
+
+  const std::vector<Setting>& declared() const { return declared_; }
+
+ private:
+  std::string named(const SettingPlace& place, const std::string& name) const;
+
+  const std::string label_;
+  const std::shared_ptr<const GivenSettings> given_;
+  const bool isExample_;
+  std::vector<Setting> declared_;
+  HXValue values_ = HXValue::map();
+  std::vector<std::string> problems_;
+};
+
+}  // namespace HX
