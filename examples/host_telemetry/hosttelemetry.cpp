@@ -1,10 +1,9 @@
 #include "hosttelemetry.h"
 
 #include <hxcommon/hxbroker.h>
+#include <hxcommon/units.h>
 #include <libmw/log.h>
-#include <libmw/os.h>
 
-#include <charconv>
 #include <exception>
 #include <utility>
 
@@ -16,8 +15,6 @@ namespace {
 using std::chrono::milliseconds;
 
 const char* const kCategory = "hosttelemetry";
-const char* const kPeriodVariable = "KORVO_HOST_PERIOD";
-constexpr milliseconds kDefaultPeriod{1000};
 // A directory beyond this process may take its time to answer, and leaving has to wait for it.
 constexpr milliseconds kLookUpLimit{1000};
 
@@ -29,29 +26,14 @@ bool isInRange(milliseconds period) {
   return period >= HostTelemetry::kShortestPeriod && period <= HostTelemetry::kLongestPeriod;
 }
 
-milliseconds periodAtStart() {
-  const std::string text = mw::os::getenv(kPeriodVariable);
-  if (text.empty()) return kDefaultPeriod;
-  milliseconds::rep count = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
-  if (error == std::errc() && end == text.data() + text.size() && isInRange(milliseconds(count))) {
-    return milliseconds(count);
-  }
-  mw::log::warning(kCategory, "periodAtStart",
-                   fmt::format("{} is not a period of {}: {}", kPeriodVariable, rangeText(), text));
-  return kDefaultPeriod;
-}
-
 }  // namespace
 
 HostTelemetry::HostTelemetry(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name, Sensors sensors)
-    : HXModule(broker, name),
-      session_(broker->session()),
-      subscribers_(session_, name),
-      period_(periodAtStart()),
-      sensors_(std::move(sensors)) {
+    : HXModule(broker, name), session_(broker->session()), subscribers_(session_, name), sensors_(std::move(sensors)) {
   setModuleDescription(
       "HostTelemetry publishes what this machine's sensors show: its load, memory, temperatures and traffic.");
+  addSetting(HX::Setting::duration("period", "1s", "The time from one sample to the next.").between("10ms", "1h"));
+  period_ = std::chrono::duration_cast<milliseconds>(HX::toDuration(settings()["period"]));
   bindMethods();
 }
 

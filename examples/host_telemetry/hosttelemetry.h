@@ -28,7 +28,7 @@ namespace telemetry {
 /// As long as there is no memory it tries again with every sample, and logs that once. A memory that comes, or comes
 /// again, gets everything anew.
 ///
-/// The period is 1 second, or what the environment variable KORVO_HOST_PERIOD says, in milliseconds, until it is set.
+/// The period is what the setting `period` says, 1 second by default, until it is set.
 ///
 /// @par Threads  Methods may be called from any thread. Subscribers are called on the sampling thread, so one that
 /// takes
@@ -70,7 +70,7 @@ class HostTelemetry : public HX::HXModule {
 
   mutable std::mutex mutex_;  // Guards `period_`.
   std::condition_variable_any periodChanged_;
-  std::chrono::milliseconds period_;
+  std::chrono::milliseconds period_{};
 
   // Used by the sampling thread only.
   Sensors sensors_;

@@ -1,6 +1,7 @@
 #include "hxfreshness.h"
 
 #include <hxcommon/hxbroker.h>
+#include <hxcommon/units.h>
 #include <hxproxies/hxmemoryproxy.h>
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
@@ -62,10 +63,20 @@ HXFreshness::HXFreshness(const std::shared_ptr<HXBroker>& broker, const std::str
     : HXModule(broker, name), loop_(std::move(loop)) {
   setModuleDescription(
       "HXFreshness tells when keys are not written in time: it raises HXFreshness/Overdue and HXFreshness/Recovered.");
+  addSetting(
+      Setting::map("expect", {}, "What is expected from the start: by key, its limit as a text like \"200ms\"."));
   bindMethods();
 }
 
 HXFreshness::~HXFreshness() { lifetime_.destroy(); }
+
+void HXFreshness::init() {
+  std::map<std::string, double> limits;
+  for (const auto& [key, limit] : settings()["expect"].asMap()) {
+    limits.emplace(key, seconds(toDuration(limit)).toDouble());
+  }
+  if (!limits.empty()) expectAll(limits);
+}
 
 void HXFreshness::bindMethods() {
   functionName("expect", getName(), "Expects a key to be written again and again; anew to change its limit.");

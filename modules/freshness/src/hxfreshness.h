@@ -35,6 +35,7 @@ class HXFreshness : public HXModule {
               std::shared_ptr<journal::Executor> loop);
   ~HXFreshness() override;
 
+  void init() override;
   void exit() override;
 
   /// @param limit  In seconds.

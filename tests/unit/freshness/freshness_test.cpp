@@ -137,6 +137,14 @@ TEST_F(Freshness, GoesOnWhenTheClockOfTheMemoryJumps) {
   EXPECT_EQ(told().size(), 1U);
 }
 
+TEST_F(Freshness, ExpectsFromTheStartWhatItsSettingsSay) {
+  freshness->exit();
+  broker->provideSettings("HXFreshness", GivenSettings::of(HXValue::map({{"expect", HXValue::map({{"A", "100ms"}})}})));
+  freshness = HXModule::createModule<HXFreshness>(broker, "HXFreshness", executor);
+  executor->advance(1s);
+  EXPECT_THAT(told(), ElementsAre("Overdue \"A\" 100ms"));
+}
+
 TEST_F(Freshness, ForgetsAndChangesLimits) {
   freshness->expectAll({{"A", 0.1}, {"B", 0.1}});
   executor->advance(1s);

@@ -30,7 +30,7 @@ class RunningTelemetry : public kit::MemoryFixture {
   RunningTelemetry() { std::ofstream(folder_.path() / "meminfo") << "MemTotal: 4 kB\nMemAvailable: 1 kB\n"; }
 
   void load() {
-    setenv("KORVO_HOST_PERIOD", "10", 1);
+    broker->provideSettings("HostTelemetry", HX::GivenSettings::of(HXValue::map({{"period", "10ms"}})));
     telemetry =
         HX::HXModule::createModule<HostTelemetry>(broker, "HostTelemetry", Sensors(folder_.path(), folder_.path()));
   }
@@ -38,7 +38,6 @@ class RunningTelemetry : public kit::MemoryFixture {
   void TearDown() override {
     telemetry.reset();
     MemoryFixture::TearDown();
-    unsetenv("KORVO_HOST_PERIOD");
   }
 
   void leaveMemory() {
@@ -121,15 +120,6 @@ TEST_F(RunningTelemetry, RefusesAPeriodOutOfRangeAndKeepsTheOldOne) {
   load();
   for (const int period : {-1, 0, 9, 3'600'001}) EXPECT_THROW(telemetry->setPeriod(period), HX::HXError) << period;
   EXPECT_EQ(telemetry->getPeriod(), 10);
-}
-
-TEST_F(RunningTelemetry, NamesAPeriodOfTheEnvironmentThatItCannotUse) {
-  const kit::CaptureLog log({"hosttelemetry"});
-  for (const char* text : {"soon", "9", "10 ms", "99999999999999999999"}) {
-    setenv("KORVO_HOST_PERIOD", text, 1);
-    EXPECT_EQ(HostTelemetry(broker, "HostTelemetry").getPeriod(), 1000) << text;
-    EXPECT_THAT(log.texts().back(), testing::AllOf(StartsWith("KORVO_HOST_PERIOD "), testing::EndsWith(text)));
-  }
 }
 
 }  // namespace
