@@ -15,6 +15,8 @@
             def onEvent(self, name, value, message):
                 memory.insertData("Greeter/Seen", value)
 
+        robot.changes(lambda news, change: print(news, change), prefixes=["Arm/"])    # every change, in order
+
         robot.register("Greeter", Greeter())
         memory.subscribeToEvent("Door", "Greeter", "onEvent")
         robot.serve()                                   # until the broker ends
@@ -131,6 +133,42 @@ class Client:
     def unfollow(self, link):
         self._callbacks[link] = lambda *_: None
         self.call("korvo.disconnect", link)
+
+    def changes(self, callback, **options):
+        """Calls back with (kind of news, dict) for each thing that the memory's journal tells: "change", "state",
+        "unchanged", "gap", "complete", "pause". The options are those of HXJournal.open. Gives the feed; stop() ends it."""
+        feed = self.call("HXJournal.open", options)
+        names, authors = [], []
+
+        def column(batch, name, line):
+            told = batch.get(name, 0)
+            return told[line] if isinstance(told, list) else told
+
+        def tell(batch):
+            if batch.get("forget"):
+                names.clear(), authors.clear()
+            names.extend(batch.get("names", []))
+            authors.extend(batch.get("authors", []))
+            if "gap" in batch:
+                callback("gap", dict(zip(("from", "to", "full"), batch["gap"])))
+            for line, number in enumerate(batch.get("keys", [])):
+                told = {name: column(batch, f"{name}s", line) for name in ("what", "kind", "nth")}
+                flags, by = column(batch, "flags", line), column(batch, "by", line)
+                told.update(
+                    key=names[number], value=batch["values"][line], left_out=column(batch, "leftOut", line),
+                    revision=batch["first"] + line + column(batch, "skips", line),
+                    time=(batch["time"] + column(batch, "times", line)) / 1e6,
+                    author=authors[by - 1] if by else "", withheld=bool(flags & 16))
+                callback("unchanged" if flags & 8 else "state" if flags & 1 else "change", told)
+            for news in ("complete", "pause"):
+                if news in batch:
+                    callback(news, {"position": batch["complete"] if news == "complete" else batch["position"]})
+            if batch.get("ack"):
+                self._notify(f"@{feed._number}.took", batch["number"])
+
+        self.follow(feed, "batch", tell)
+        feed.start()
+        return feed
 
     def serve(self, until=lambda: False):
         """Runs callbacks until `until()`, which is asked at least each second. Fails when the broker ends."""

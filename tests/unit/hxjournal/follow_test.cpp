@@ -399,5 +399,18 @@ TEST_F(Following, CanGoBackToATimeAsFarAsChangesAreRetained) {
   EXPECT_FALSE(journal->retained().isRecording);
 }
 
+TEST_F(Following, SaysThatAllIsToldAlsoWhereATaskEndsThere) {
+  constexpr int kChangesOfATask = 512;
+  int count = 0;
+  int toldAtPause = 0;
+  auto options = withoutSnapshot();
+  options.onPause = [&] { toldAtPause = count; };
+  const auto followed = journal->follow(
+      {}, [&](const Change&) { ++count; }, options);
+  for (int i = 0; i < kChangesOfATask; ++i) write("a", i);
+  executor->run();
+  EXPECT_EQ(toldAtPause, kChangesOfATask);
+}
+
 }  // namespace
 }  // namespace HX::journal
