@@ -132,13 +132,19 @@ void ThreadPool::startThread(void (ThreadPool::*body)()) {
 }
 
 void ThreadPool::startWorker() {
-  workers_.fetch_add(1);
+  const bool stays = workers_.fetch_add(1) < options_.minThreads;
   try {
-    startThread(&ThreadPool::runWorker);
+    startThread(stays ? &ThreadPool::runStayingWorker : &ThreadPool::runWorker);
   } catch (...) {
     workers_.fetch_sub(1);
     throw;
   }
+}
+
+/// A wait with a time-out wakes each second, whatever the time: those who never retire wait without one.
+void ThreadPool::runStayingWorker() {
+  while (work_.run_one() != 0) continue;
+  workers_.fetch_sub(1);
 }
 
 void ThreadPool::runWorker() {

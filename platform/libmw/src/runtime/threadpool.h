@@ -59,6 +59,7 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
 
   void startThread(void (ThreadPool::*body)());
   void startWorker();
+  void runStayingWorker();
   void runWorker();
   void runService();
   void threadEnded();
