@@ -1,7 +1,8 @@
 #include "runningcalls.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
-#include <mutex>
 #include <set>
 
 namespace mw::detail {
@@ -9,8 +10,8 @@ namespace {
 
 /// Never destroyed: threads may end with the last statics of the process.
 struct All {
-  std::mutex mutex;  // Guards `threads`. Inner to all.
-  std::vector<const RunningCalls*> threads;
+  HX::Mutex mutex;  // Inner to all.
+  std::vector<const RunningCalls*> threads HX_GUARDED_BY(mutex);
 
   static All& instance() {
     static auto* const the = new All;
@@ -22,20 +23,20 @@ struct All {
 
 RunningCalls::RunningCalls() {
   auto& all = All::instance();
-  const std::lock_guard lock(all.mutex);
+  const HX::MutexLock lock(all.mutex);
   all.threads.push_back(this);
 }
 
 RunningCalls::~RunningCalls() {
   auto& all = All::instance();
-  const std::lock_guard lock(all.mutex);
+  const HX::MutexLock lock(all.mutex);
   std::erase(all.threads, this);
 }
 
 std::vector<unsigned> RunningCalls::of(const void* object) {
   std::set<unsigned> members;
   auto& all = All::instance();
-  const std::lock_guard lock(all.mutex);
+  const HX::MutexLock lock(all.mutex);
   for (const RunningCalls* thread : all.threads) {
     const std::size_t depth = std::min(thread->depth_.load(std::memory_order_acquire), kDepth);
     for (std::size_t i = 0; i < depth; ++i) {
