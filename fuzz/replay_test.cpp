@@ -11,11 +11,9 @@
 
 namespace {
 
-const std::map<std::string, void (*)(fuzz::Input)> kHarnesses{{"console", fuzz::console},
-                                                              {"json", fuzz::json},
-                                                              {"link", fuzz::link},
-                                                              {"mapfile", fuzz::mapfile},
-                                                              {"msgpack", fuzz::msgpack}};
+const std::map<std::string, void (*)(fuzz::Input)> kHarnesses{{"batch", fuzz::batch},     {"console", fuzz::console},
+                                                              {"json", fuzz::json},       {"link", fuzz::link},
+                                                              {"mapfile", fuzz::mapfile}, {"msgpack", fuzz::msgpack}};
 
 std::vector<std::uint8_t> contentOf(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);
@@ -41,7 +39,7 @@ TEST_P(Corpus, AndEveryBeginningOfItsInputsIsTaken) {
   EXPECT_GT(files, 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Harness, Corpus, testing::Values("console", "json", "link", "mapfile", "msgpack"),
+INSTANTIATE_TEST_SUITE_P(Harness, Corpus, testing::Values("batch", "console", "json", "link", "mapfile", "msgpack"),
                          [](const auto& harness) { return harness.param; });
 
 }  // namespace
