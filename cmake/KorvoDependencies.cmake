@@ -12,6 +12,7 @@ find_package(CLI11 REQUIRED)
 find_package(PkgConfig REQUIRED)
 # By pkg-config, for the compiled library: its CMake package has the headers alone, which cost each source 10 seconds.
 pkg_check_modules(TOML REQUIRED IMPORTED_TARGET tomlplusplus)
+find_package(SQLite3 REQUIRED)
 pkg_check_modules(EDIT REQUIRED IMPORTED_TARGET libedit)
 if(KORVO_TESTS)
   find_package(GTest REQUIRED)

@@ -90,6 +90,12 @@ Verb runVerb() {
     app.add_flag("--live", options->live, "Show the memory as it changes; needs it, and not with --console")
         ->excludes(console)
         ->excludes(noMemory);
+    addRepeated(
+        app, "--keep", options->kept,
+        "Keep what is stored under these names across restarts, in the first --data-dir: a key, a prefix that ends "
+        "with /, or a glob; may be repeated",
+        "PATTERN")
+        ->excludes(noMemory);
     addHosting(app, options);
   };
   const auto file = std::make_shared<RobotFile>();

@@ -16,6 +16,7 @@
 #include <hxcommon/hxbroker.h>
 #include <hxproxies/hxmemoryproxy.h>
 #include <libmw/local.h>
+#include <libmw/os.h>
 #include <libmw/path.h>
 
 #include <algorithm>
@@ -172,10 +173,35 @@ void stateMaps(HX::HXBroker& broker, const std::vector<RobotMapping>& maps) {
   for (const auto& [service, signal, event] : maps) memory->addMapping(service, signal, event);
 }
 
-/// What is loaded with the memory, before the modules.
+const char* const kKeeper = "keeper";
+
+bool keeps(const RunOptions& options) {
+  return !options.kept.empty() || std::ranges::count(options.modules, kKeeper) > 0;
+}
+
+/// What is loaded with the memory, before the modules, which find the kept keys when they are constructed.
 std::vector<std::string> librariesOfMemory(const RunOptions& options) {
-  if (options.journal) return {"hxmemory", "journal", "freshness"};
-  return {"hxmemory"};
+  std::vector<std::string> libraries{"hxmemory"};
+  if (keeps(options)) libraries.emplace_back(kKeeper);
+  if (options.journal) libraries.insert(libraries.end(), {"journal", "freshness"});
+  return libraries;
+}
+
+/// Where keys are kept unless a folder is named: what is of one broker and not to be edited.
+std::string stateFolder(const std::string& broker) {
+  const std::string state = mw::os::getenv("XDG_STATE_HOME");
+  return fmt::format("{}/korvo/kept/{}", state.empty() ? mw::os::getenv("HOME") + "/.local/state" : state, broker);
+}
+
+/// What was given to the keeper, with what the options say.
+HX::GivenSettings keeperSettings(const RunOptions& options) {
+  const auto found = options.settings.find(kKeeper);
+  HX::GivenSettings given = found == options.settings.end() ? HX::GivenSettings() : found->second;
+  if (!options.kept.empty()) given.entries["keep"].value = HX::HXValue(options.kept);
+  HX::GivenSetting folder;
+  folder.value = options.dataDirs.empty() ? stateFolder(options.name) : options.dataDirs.front();
+  given.entries.try_emplace("folder", std::move(folder));
+  return given;
 }
 
 /// Loads the memory and what belongs to it. @return False when there is no memory.
@@ -194,6 +220,7 @@ bool loadMemory(HX::HXBroker& broker, const RunOptions& options, Output& output,
 /// Loads what was asked for. @return False when the broker is of no use.
 bool load(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
   for (const auto& [library, settings] : options.settings) broker.provideSettings(library, settings);
+  if (keeps(options)) broker.provideSettings(kKeeper, keeperSettings(options));
   if (options.memory && !loadMemory(broker, options, output, ending)) return false;
   std::vector<std::string> libraries = options.modules;
   if (options.memory) {

@@ -14,6 +14,7 @@ struct RunOptions : HostingOptions {
   bool memory = true;              ///< Load the memory before the modules.
   bool journal = true;             ///< With the memory, load the modules that stand on its journal.
   bool keep = false;               ///< The memory records its changes always, not only while somebody follows.
+  std::vector<std::string> kept;   ///< Patterns of keys that survive.
   std::vector<RobotMapping> maps;  ///< Stated before the modules are loaded.
   bool console = false;            ///< Execute commands from standard input until it ends.
   bool live = false;               ///< Show the memory until a person leaves. At most one of the two.

@@ -1,0 +1,4 @@
+#include "hxkeeper.h"
+
+using HX::HXKeeper;
+HX_MODULE(HXKeeper)
