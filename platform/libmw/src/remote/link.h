@@ -201,6 +201,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   Work giveUp(Reader& in);
   void relay(const StrandKey& key, const std::shared_ptr<Incoming>& call, const Future<AnyValue>& result);
   void continueStrand(const StrandKey& key, const Incoming& after);
+  Work scheduleNested(const std::shared_ptr<Incoming>& call);
   void serveNested(const std::shared_ptr<Incoming>& call);
   void passBy(const std::shared_ptr<Incoming>& call);
   void refuseNested(const std::shared_ptr<Incoming>& call, const std::string& limit);

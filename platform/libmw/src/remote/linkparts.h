@@ -1,6 +1,7 @@
 #pragma once
 
-// What the sources of a Link share: link.cpp calls, link_serving.cpp is called, link_signals.cpp emits and delivers.
+// What the sources of a Link share: link.cpp calls; link_receiving.cpp reads what comes, link_scheduling.cpp says when
+// calls of the peer run, link_serving.cpp runs them; link_signals.cpp emits and delivers.
 
 #include "../runtime/threadkept.h"
 #include "link.h"
