@@ -66,6 +66,7 @@ constexpr std::array kConsoleCommands{
 
 std::vector<std::string> commandNames() {
   std::vector<std::string> names;
+  names.reserve(commands().size());
   for (const Command& command : commands()) names.emplace_back(command.name);
   return names;
 }

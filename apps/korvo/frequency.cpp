@@ -5,17 +5,19 @@
 
 namespace korvo {
 
-void Frequency::see(Clock::time_point at) {
+void Frequency::see(mw::SystemTimePoint at) {
   const std::lock_guard lock(mutex_);
-  seen_.push_back(at);
+  seen_.push_back(seen_.empty() ? at : std::max(at, seen_.back()));
 }
 
-Frequency::Summary Frequency::summary(Clock::time_point now) {
+Frequency::Summary Frequency::summary(mw::SystemTimePoint now) {
   const std::lock_guard lock(mutex_);
   while (!seen_.empty() && seen_.front() < now - kSpan) seen_.pop_front();
   Summary summary{.count = seen_.size()};
   if (seen_.size() < 2) return summary;
-  const auto seconds = [](Clock::duration duration) { return std::chrono::duration<double>(duration).count(); };
+  const auto seconds = [](std::chrono::nanoseconds duration) {
+    return std::chrono::duration<double>(duration).count();
+  };
   const double gaps = static_cast<double>(seen_.size() - 1);
   const double mean = seconds(seen_.back() - seen_.front()) / gaps;
   summary.least = seconds(kSpan);

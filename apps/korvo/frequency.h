@@ -1,5 +1,7 @@
 #pragma once
 
+#include <libmw/clock.h>
+
 #include <chrono>
 #include <cstddef>
 #include <deque>
@@ -12,7 +14,6 @@ namespace korvo {
 /// @par Threads  Any.
 class Frequency {
  public:
-  using Clock = std::chrono::steady_clock;
   /// What lies further back does not count.
   static constexpr std::chrono::seconds kSpan{10};
 
@@ -24,13 +25,13 @@ class Frequency {
     double deviation = 0;  ///< Of these seconds from their mean, root of the mean square.
   };
 
-  /// It happened. Times must not go back.
-  void see(Clock::time_point at);
-  Summary summary(Clock::time_point now);
+  /// It happened. A time before the latest one counts as that.
+  void see(mw::SystemTimePoint at);
+  Summary summary(mw::SystemTimePoint now);
 
  private:
   std::mutex mutex_;  // Guards `seen_`.
-  std::deque<Clock::time_point> seen_;
+  std::deque<mw::SystemTimePoint> seen_;
 };
 
 }  // namespace korvo

@@ -20,13 +20,13 @@ using HX::HXFreshnessProxy;
 
 HXFreshnessProxy freshness(Context& context) { return HXFreshnessProxy(context.target.require("HXFreshness")); }
 
-double seconds(HXFreshnessProxy::Duration duration) { return std::chrono::duration<double>(duration).count(); }
+double secondsOf(HXFreshnessProxy::Duration duration) { return std::chrono::duration<double>(duration).count(); }
 
-void list(Context& context, bool asObjects) {
+void listExpectations(Context& context, bool asObjects) {
   for (const auto& one : freshness(context).expectations()) {
     if (asObjects) {
       JsonObject line;
-      line.add("key", one.key).add("age", seconds(one.age)).add("limit", seconds(one.limit));
+      line.add("key", one.key).add("age", secondsOf(one.age)).add("limit", secondsOf(one.limit));
       context.output.line(line.add("overdue", one.isOverdue).text());
     } else {
       context.output.line(fmt::format("{}\t{}\tof {}{}", context.shown(one.key), formatDuration(one.age),
@@ -35,7 +35,7 @@ void list(Context& context, bool asObjects) {
   }
 }
 
-void remove(Context& context, Arguments& arguments) {
+void forgetKeys(Context& context, Arguments& arguments) {
   if (arguments.atEnd()) throw InputError("KEY is missing");
   auto proxy = freshness(context);
   for (const auto& key : arguments.words("KEY")) {
@@ -47,8 +47,8 @@ void remove(Context& context, Arguments& arguments) {
 }
 
 void expect(Context& context, Arguments& arguments) {
-  if (arguments.has("--remove")) return remove(context, arguments);
-  if (arguments.atEnd()) return list(context, arguments.has("--json"));
+  if (arguments.has("--remove")) return forgetKeys(context, arguments);
+  if (arguments.atEnd()) return listExpectations(context, arguments.has("--json"));
   std::map<std::string, HXFreshnessProxy::Duration> limits;
   while (!arguments.atEnd()) {
     const std::string key = arguments.word("KEY");

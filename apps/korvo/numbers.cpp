@@ -113,6 +113,7 @@ std::optional<HXValue> withNumbers(const HXValue& value, Type type) {
   if (isNumber(value)) return asNumber(value, type);
   if (const auto* list = value.listIf()) {
     HXValue::List converted;
+    converted.reserve(list->size());
     for (const HXValue& element : *list) {
       auto one = withNumbers(element, type);
       if (!one) return std::nullopt;
@@ -136,6 +137,7 @@ HXValue withTypesOf(const HXValue& value, const HXValue& before) {
   if (isNumber(value) && isNumber(before)) return asNumber(value, before.getType()).value_or(value);
   if (value.isList() && before.isList() && before.getSize() > 0) {
     HXValue::List typed;
+    typed.reserve(value.getSize());
     for (std::size_t i = 0; i < value.getSize(); ++i) {
       typed.push_back(withTypesOf(value[i], before[std::min(i, before.getSize() - 1)]));
     }
@@ -174,6 +176,7 @@ void suitNumbers(const mw::MetaObject& object, const std::string& method, std::v
 
 std::vector<mw::AnyReference> references(const std::vector<HXValue>& values) {
   std::vector<mw::AnyReference> all;
+  all.reserve(values.size());
   for (const HXValue& value : values) all.push_back(mw::AnyReference::of(value));
   return all;
 }

@@ -4,6 +4,7 @@
 #include "brokerservice.h"
 #include "format.h"
 
+#include <hxcommon/hxbroker.h>
 #include <hxcommon/hxproxy.h>
 #include <libmw/deadline.h>
 #include <libmw/local.h>
@@ -11,6 +12,7 @@
 
 #include <filesystem>
 #include <stdexcept>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -27,7 +29,10 @@ struct RemoteTarget::Connection {
 };
 
 RemoteTarget::RemoteTarget(const std::string& broker, std::chrono::milliseconds patience)
-    : wanted_(broker), patience_(patience) {
+    : wanted_(broker),
+      patience_(patience),
+      own_(HX::HXBroker::create(fmt::format("korvo-{}", getpid()))),
+      session_(*own_->session()) {
   session_.connectionRestored.connect(mw::SignalSubscriber([this] { ++connectionNumber_; }));
 }
 
@@ -65,6 +70,11 @@ T RemoteTarget::await(mw::Future<T> answer, const std::string& what) {
     }
   }
   return std::move(answer).take();
+}
+
+const std::shared_ptr<HX::HXBroker>& RemoteTarget::ownBroker() {
+  connection();
+  return own_;
 }
 
 std::shared_ptr<HX::HXProxy> RemoteTarget::find(const std::string& service) {

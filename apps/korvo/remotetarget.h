@@ -33,6 +33,8 @@ class RemoteTarget final : public Target {
   void loadModule(const std::string& library) override;
   void settle() override { services(); }
 
+  const std::shared_ptr<HX::HXBroker>& ownBroker() override;
+
   unsigned connectionNumber() const override { return connectionNumber_; }
 
   /// The name of the broker.
@@ -52,7 +54,8 @@ class RemoteTarget final : public Target {
   const std::string wanted_;
   const std::chrono::milliseconds patience_;
   std::atomic<unsigned> connectionNumber_ = 0;
-  mw::Session session_;
+  const std::shared_ptr<HX::HXBroker> own_;
+  mw::Session& session_;
   std::once_flag connected_;
   std::unique_ptr<Connection> connection_;
 };

@@ -2,7 +2,7 @@
 #include "brokername.h"
 #include "commandline.h"
 #include "commands.h"
-#include "follow.h"
+#include "event.h"
 #include "format.h"
 #include "linesource.h"
 #include "live/view.h"
@@ -14,6 +14,8 @@
 
 #include <libmw/local.h>
 #include <libmw/log.h>
+#include <libmw/signal.h>
+#include <libmw/trackable.h>
 
 #include <algorithm>
 #include <chrono>
@@ -21,6 +23,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -73,6 +76,41 @@ void execute(const Command& command, Context& context, Arguments& arguments, con
   }
 }
 
+/// Tells a person that the broker has gone, and that it is back.
+class LossNotes {
+ public:
+  LossNotes(RemoteTarget& target, Output& output) {
+    const auto lost = [&target, &output](const std::string& reason) {
+      output.note(fmt::format("broker {}: {}; watching goes on when the broker is back", target.broker(), reason));
+    };
+    const auto back = [&target, &output] { output.note(fmt::format("broker {} is back", target.broker())); };
+    target.session().connectionLost.connect(mw::SignalSubscriber(lost).track(lifetime_.token()));
+    target.session().connectionRestored.connect(mw::SignalSubscriber(back).track(lifetime_.token()));
+  }
+  LossNotes(const LossNotes&) = delete;
+  LossNotes& operator=(const LossNotes&) = delete;
+  ~LossNotes() { lifetime_.destroy(); }
+
+ private:
+  mw::Lifetime lifetime_;
+};
+
+/// Standard output where its reader can go away; -1 elsewhere, for a terminal can be read from through it.
+int pipeOfOutput() {
+  struct stat status {};
+  return fstat(STDOUT_FILENO, &status) == 0 && S_ISFIFO(status.st_mode) ? STDOUT_FILENO : -1;
+}
+
+/// Returns when a signal arrives, nobody reads any more, or the watches have come to their end.
+void awaitEnd(const StopSignals& signals, const Watches& watches) {
+  using std::chrono::milliseconds;
+  constexpr std::chrono::nanoseconds kLongest = std::chrono::hours(24 * 24);  // That poll can wait for.
+  const auto limit = watches.duration();
+  const milliseconds timeout = limit ? std::chrono::ceil<milliseconds>(std::min(*limit, kLongest)) : milliseconds(-1);
+  const int ready = waitReadable({signals.file(), pipeOfOutput(), watches.endedFile()}, timeout);
+  if (ready == 1) std::cout.setstate(std::ios::badbit);
+}
+
 int runCommand(const Command& command, const RemoteOptions& options, Arguments& arguments) {
   // Before there are threads, and only where the signals are waited for: elsewhere they simply end the process.
   std::optional<StopSignals> signals;
@@ -88,9 +126,9 @@ int runCommand(const Command& command, const RemoteOptions& options, Arguments& 
     execute(command, context, arguments, target);
     return kDone;
   }
-  Follower follower(target, output, watches);
+  const LossNotes notes(target, output);
   execute(command, context, arguments, target);
-  follower.run(*signals);
+  awaitEnd(*signals, watches);
   return kDone;
 }
 
@@ -98,9 +136,10 @@ std::string_view groupOf(const Command& command) {
   const auto isIn = [&](std::span<const Command> group) {
     return std::ranges::count(group, command.name, &Command::name) > 0;
   };
-  if (isIn(valueCommands()) || isIn(freshnessCommands())) return "Values of a running broker";
-  if (isIn(eventCommands()) || isIn(watchCommands())) return "Events of a running broker";
-  if (isIn(inspectCommands())) return "What goes on in a running broker";
+  if (isIn(valueCommands())) return "Values of a running broker";
+  if (isIn(eventCommands())) return "Events of a running broker";
+  if (isIn(watchCommands()) || isIn(freshnessCommands()) || isIn(inspectCommands()))
+    return "What goes on in a running broker";
   if (isIn(transferCommands())) return "Whole sets of keys";
   return "Services of a running broker";
 }
@@ -147,7 +186,8 @@ Verb topVerb() {
           "  q                 leave\n"
           "Elsewhere all of it is printed once a second.\n"
           "\n"
-          "The rate is an estimate: it takes changes to come evenly.",
+          "What changes is shown at once. The rate is counted, over one second where there is much to count and up to\n"
+          "ten where there is little. A red age with ! is that of a key that is overdue; see korvo expect.",
           "top\n"
           "top Host/",
           "Values of a running broker",

@@ -24,6 +24,15 @@ std::shared_ptr<HX::HXProxy> Target::require(const std::string& service) {
 
 HX::HXMemoryProxy Target::memory() { return HX::HXMemoryProxy(require("HXMemory")); }
 
+HX::journal::Follow Target::follow(HX::journal::Filter filter, std::function<void(const HX::journal::Change&)> onChange,
+                                   HX::journal::FollowOptions options) {
+  return HX::follow(ownBroker(), std::move(filter), std::move(onChange), std::move(options));
+}
+
+HX::journal::Retained Target::retainedChanges() { return HX::retainedChanges(ownBroker()); }
+
+HX::journal::Position Target::changesAt(HX::journal::TimePoint time) { return HX::changesAt(ownBroker(), time); }
+
 std::vector<std::string> Target::keys(const std::string& filter) {
   auto memory = this->memory();
   const auto broker = find(BrokerService::kName);

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <hxcommon/feed.h>
 #include <hxproxies/hxmemoryproxy.h>
 #include <libmw/session.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,6 +35,15 @@ class Target {
   /// Changes when the broker was lost and is back: what it knew of this process went with the connection.
   virtual unsigned connectionNumber() const { return 0; }
 
+  /// The broker in this process by which the other one is reached, or which it is.
+  virtual const std::shared_ptr<HX::HXBroker>& ownBroker() = 0;
+
+  /// As HX::follow, HX::retainedChanges and HX::changesAt.
+  HX::journal::Follow follow(HX::journal::Filter filter, std::function<void(const HX::journal::Change&)> onChange,
+                             HX::journal::FollowOptions options);
+  HX::journal::Retained retainedChanges();
+  HX::journal::Position changesAt(HX::journal::TimePoint time);
+
   /// As `find`. @throws std::runtime_error naming the service when there is none.
   std::shared_ptr<HX::HXProxy> require(const std::string& service);
   /// @throws std::runtime_error when the broker has no memory.
@@ -50,9 +61,10 @@ class BrokerTarget final : public Target {
   std::vector<std::string> services() override;
   mw::Future<std::vector<mw::ServiceInfo>> askServices() override;
   void loadModule(const std::string& library) override;
+  const std::shared_ptr<HX::HXBroker>& ownBroker() override { return broker_; }
 
  private:
-  std::shared_ptr<HX::HXBroker> broker_;
+  const std::shared_ptr<HX::HXBroker> broker_;
 };
 
 }  // namespace korvo

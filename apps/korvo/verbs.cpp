@@ -24,6 +24,7 @@ const Verb* findIn(const std::vector<Verb>& all, std::string_view name) {
 
 std::vector<std::string> namesOf(const std::vector<Verb>& all) {
   std::vector<std::string> names;
+  names.reserve(all.size());
   for (const Verb& verb : all) names.emplace_back(verb.name);
   return names;
 }

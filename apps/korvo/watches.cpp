@@ -1,71 +1,79 @@
 #include "watches.h"
 
-#include "format.h"
 #include "output.h"
+#include "target.h"
 
 #include <stdexcept>
 #include <utility>
 
 namespace korvo {
 
-void Watches::add(const std::string& key, mw::AnyObject subscriber) {
-  const auto print = [this, key](const HX::HXValue& value) {
-    output_.line(JsonObject().add("key", key).addValue(value).add("time", formatTime(mw::systemNow())).text());
-  };
-  remove(key);
-  const mw::SignalLink link = subscriber->connect("signal", mw::SignalSubscriber(print)).take();
-  Watch watch{std::move(subscriber), link};
-  {
-    const std::lock_guard lock(mutex_);
-    if (!closed_) std::swap(watches_[key], watch);
-  }
-  if (watch.subscriber) {
-    disconnect(watch);
-    if (watch.link == link) throw std::runtime_error("the console is closing");
-  }
+using HX::journal::Change;
+using HX::journal::Gap;
+using HX::journal::What;
+
+Watch::Watch(Target& target, Output& output, Event& ended, WatchOptions options)
+    : output_(output), ended_(ended), lines_(options.asObjects), raisesOnly_(options.raisesOnly), left_(options.count) {
+  // Before the first change can be told, which may be a declaration that it is to know of.
+  if (options.demands) demand_.emplace(target, options.filter);
+  options.follow.onGap = [this](const Gap& gap) { print(gap); };
+  follow_ = target.follow(
+      std::move(options.filter), [this](const Change& change) { print(change); }, std::move(options.follow));
 }
 
-bool Watches::remove(const std::string& key) {
-  Watch removed;
-  {
-    const std::lock_guard lock(mutex_);
-    const auto found = watches_.find(key);
-    if (found == watches_.end()) return false;
-    removed = std::move(found->second);
-    watches_.erase(found);
-  }
-  disconnect(removed);
-  return true;
+Watch::~Watch() { follow_.end(); }
+
+bool Watch::isWanted(const Change& change) const {
+  if (!raisesOnly_) return true;
+  constexpr std::uint8_t kEvent = 3;  // By the memory's numbers; a micro-event is one more.
+  return change.isState ? change.kind >= kEvent : change.what == What::Raised || change.what == What::RaisedMicro;
+}
+
+void Watch::print(const Change& change) {
+  if (demand_ && change.what == What::Declared) demand_->look();
+  if (!isWanted(change) || left_ == 0U) return;
+  line(lines_.of(change));
+  if (left_ && --*left_ == 0) ended_.set();
+}
+
+void Watch::print(const Gap& gap) {
+  if (demand_) demand_->look();
+  if (left_ != 0U) line(lines_.of(gap));
+}
+
+void Watch::line(const std::string& text) {
+  output_.line(text);
+  if (!output_.works()) ended_.set();
+}
+
+void Watches::add(const std::string& name, Target& target, WatchOptions options) {
+  remove(name);
+  auto watch = std::make_unique<Watch>(target, output_, ended_, std::move(options));
+  const std::lock_guard lock(mutex_);
+  if (!closed_) watches_[name].swap(watch);
+  if (closed_) throw std::runtime_error("the console is closing");
+}
+
+bool Watches::remove(const std::string& name) {
+  All::node_type removed;  // Ends after the lock.
+  const std::lock_guard lock(mutex_);
+  removed = watches_.extract(name);
+  return !removed.empty();
 }
 
 void Watches::close() {
-  std::map<std::string, Watch> all;
-  {
-    const std::lock_guard lock(mutex_);
-    closed_ = true;
-    all.swap(watches_);
-  }
-  for (const auto& [key, watch] : all) disconnect(watch);
+  All all;  // Ends after the lock.
+  const std::lock_guard lock(mutex_);
+  closed_ = true;
+  all.swap(watches_);
 }
 
-std::vector<std::string> Watches::keys() const {
+std::vector<std::string> Watches::names() const {
   const std::lock_guard lock(mutex_);
   std::vector<std::string> all;
-  for (const auto& [key, watch] : watches_) all.push_back(key);
+  all.reserve(watches_.size());
+  for (const auto& [name, watch] : watches_) all.push_back(name);
   return all;
 }
-
-void Watches::beginGap(const std::string& reason) {
-  if (!gapsInOutput_) return output_.note(reason + "; watching goes on when the broker is back");
-  output_.line(JsonObject().add("gap", "begins").add("reason", reason).add("time", formatTime(mw::systemNow())).text());
-}
-
-void Watches::endGap() {
-  if (!gapsInOutput_) return output_.note("the broker is back; what was raised meanwhile is missing");
-  output_.line(JsonObject().add("gap", "ends").add("time", formatTime(mw::systemNow())).text());
-}
-
-// A watch whose host has gone needs no disconnecting, so that a failure is none.
-void Watches::disconnect(const Watch& watch) { watch.subscriber->disconnect(watch.link).wait(); }
 
 }  // namespace korvo

@@ -1,21 +1,67 @@
 #pragma once
 
-#include <libmw/genericobject.h>
+#include "demand.h"
+#include "event.h"
+#include "watchlines.h"
 
-#include <atomic>
+#include <hxjournal/filter.h>
+#include <hxjournal/follow.h>
+
+#include <chrono>
+#include <cstddef>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace korvo {
 
 class Output;
+class Target;
 
-/// The keys whose raises are being printed, a line of JSON each: {"key":…,"value":…,"time":…}.
+/// What a watch is to print.
+struct WatchOptions {
+  HX::journal::Filter filter;
+  HX::journal::FollowOptions follow;
+  bool asObjects = false;
+  bool raisesOnly = false;
+  bool demands = true;               ///< Has the extractors of the events run.
+  std::optional<std::size_t> count;  ///< It ends after so many lines about keys.
+};
+
+/// Prints what happens to some keys, a line each, on the event loop.
 ///
-/// @par Threads  Any thread. Lines are printed by the thread that raises. The lock is not held while middleware is
-///   called.
+/// Who prints slowly falls behind, and is told of the gap; nobody waits for it.
+class Watch {
+ public:
+  /// @param ended  Set when it has printed all that it was to, or nobody reads any more. Outlives it, as the others do.
+  /// @throws std::runtime_error when the changes cannot be followed.
+  Watch(Target& target, Output& output, Event& ended, WatchOptions options);
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+  /// Once it has returned nothing is printed any more.
+  ~Watch();
+
+ private:
+  void print(const HX::journal::Change& change);
+  void print(const HX::journal::Gap& gap);
+  bool isWanted(const HX::journal::Change& change) const;
+  void line(const std::string& text);
+
+  Output& output_;
+  Event& ended_;
+  const WatchLines lines_;
+  const bool raisesOnly_;
+  std::optional<std::size_t> left_;  // Of the callbacks, which do not overlap.
+  std::optional<Demand> demand_;
+  HX::journal::Follow follow_;  // The last member: it ends before what its callbacks use.
+};
+
+/// The watches of a console, or the one of a command line.
+///
+/// @par Threads  Any thread. The lock is not held while a watch begins or ends.
 class Watches {
  public:
   explicit Watches(Output& output) : output_(output) {}
@@ -23,37 +69,32 @@ class Watches {
   Watches& operator=(const Watches&) = delete;
   ~Watches() { close(); }
 
-  /// Prints every emission of `signal` from now on, in place of what was watched under `key` before.
-  /// @param subscriber  An object with a signal "signal", as the memory hands it out for a key.
-  /// @throws std::runtime_error when it cannot be connected to, or after `close`.
-  void add(const std::string& key, mw::AnyObject subscriber);
-  /// Once it has returned nothing is printed for `key` any more.
-  /// @return False when `key` is not watched.
-  bool remove(const std::string& key);
+  /// Begins a watch, in place of the one of the same name.
+  /// @throws std::runtime_error when the changes cannot be followed, or after `close`.
+  void add(const std::string& name, Target& target, WatchOptions options);
+  /// Once it has returned nothing is printed by that watch any more.
+  /// @return False when there is none.
+  bool remove(const std::string& name);
   /// Ends every watch, and refuses new ones.
   void close();
-  /// What is watched, sorted.
-  std::vector<std::string> keys() const;
+  /// Their names, sorted.
+  std::vector<std::string> names() const;
 
-  /// Has gaps printed as lines of JSON among the raises, {"gap":"begins",…} and {"gap":"ends",…}, instead of as
-  /// messages on the error stream.
-  void markGapsInOutput(bool inOutput) { gapsInOutput_ = inOutput; }
-  /// Prints that from now on raises are missed, and why; that they are seen again.
-  void beginGap(const std::string& reason);
-  void endGap();
+  /// Readable once a watch has printed all that it was to, or nobody reads the output any more.
+  int endedFile() const { return ended_.file(); }
+  /// How long the command line is to watch; none: until it is ended otherwise.
+  void setDuration(std::chrono::nanoseconds duration) { duration_ = duration; }
+  std::optional<std::chrono::nanoseconds> duration() const { return duration_; }
 
  private:
-  struct Watch {
-    mw::AnyObject subscriber;
-    mw::SignalLink link = mw::kInvalidSignalLink;
-  };
-  static void disconnect(const Watch& watch);
+  using All = std::map<std::string, std::unique_ptr<Watch>>;
 
   Output& output_;
-  std::atomic<bool> gapsInOutput_ = false;
+  Event ended_;
+  std::optional<std::chrono::nanoseconds> duration_;
   mutable std::mutex mutex_;  // Guards all below.
   bool closed_ = false;
-  std::map<std::string, Watch> watches_;
+  All watches_;
 };
 
 }  // namespace korvo

@@ -1,10 +1,13 @@
 #include "console.h"
 
 #include "linesource.h"
+#include "manual_executor.h"
 #include "memory_fixture.h"
 #include "output.h"
 #include "target.h"
 #include "watches.h"
+
+#include <hxvalue/json.h>
 
 #include <optional>
 #include <set>
@@ -52,6 +55,10 @@ class ConsoleTest : public kit::MemoryFixture {
  protected:
   void SetUp() override {
     MemoryFixture::SetUp();
+    memory->exit();
+    generic.reset();
+    memory.reset();
+    memory = HX::HXModule::createModule<HX::HXMemory>(broker, "HXMemory", HX::HXMemory::JournalSettings{executor, {}});
     motor = HX::HXModule::createModule<Motor>(broker, "Motor");
     target.emplace(broker);
     console.emplace(Context{*target, output, watches});
@@ -62,13 +69,17 @@ class ConsoleTest : public kit::MemoryFixture {
     target.reset();
     motor.reset();
     MemoryFixture::TearDown();
+    executor->clear();
   }
 
   /// What the lines print as values; errors are in `errors`.
-  std::vector<std::string> run(const std::vector<std::string_view>& lines) {
+  std::vector<std::string> run(const std::vector<std::string>& lines) {
     values_.str("");
     errors_.str("");
-    for (const auto line : lines) console->execute(line);
+    for (const std::string& line : lines) {
+      console->execute(line);
+      executor->advance(std::chrono::milliseconds(30));  // What is watched is told meanwhile.
+    }
     return split(values_.str());
   }
   std::vector<std::string> errors() const { return split(errors_.str()); }
@@ -81,6 +92,7 @@ class ConsoleTest : public kit::MemoryFixture {
     return lines;
   }
 
+  const std::shared_ptr<kit::ManualExecutor> executor = std::make_shared<kit::ManualExecutor>();
   std::ostringstream values_;
   std::ostringstream errors_;
   Output output{values_, errors_};
@@ -164,6 +176,9 @@ INSTANTIATE_TEST_SUITE_P(
                     WrongLine{"call Motor fail", "burnt\\nout"},
                     WrongLine{"emit Motor stuled", "Motor.stuled: no such signal; did you mean stalled?"},
                     WrongLine{"unwatch Foo", "not watched: Foo"},
+                    WrongLine{"watch Foo --once --count 2", "watch: --once and --count exclude each other"},
+                    WrongLine{"watch Foo --since yesterday", "watch: --since: \"yesterday\" is no duration"},
+                    WrongLine{"watch Foo --for 5s", "watch: --for is for a shell; unwatch ends it here"},
                     WrongLine{"help gte", "help: no command gte; did you mean get?"},
                     WrongLine{"methods Motor --jsn", "methods: no option --jsn; did you mean --json?"},
                     WrongLine{"get foo", "HXMemory.getData: Data not found foo; did you mean Foo?"},
@@ -196,17 +211,52 @@ TEST_F(ConsoleTest, TellsAllAboutAKey) {
                               "\"description\":\"A text\"}")));
 }
 
-TEST_F(ConsoleTest, WatchesUntilUnwatched) {
-  const auto lines = run({"watch Foo Bar", "watch Foo", "raise Foo 2.0", "unwatch Foo", "raise Foo 3", "raise Bar 4"});
-  EXPECT_THAT(lines, ElementsAre(StartsWith("{\"key\":\"Foo\",\"value\":2.0,\"time\":\""),
-                                 StartsWith("{\"key\":\"Bar\",\"value\":4,\"time\":\"")));
+TEST_F(ConsoleTest, WatchesDataAndEventsAlikeUntilUnwatched) {
+  const auto lines = run({"set Foo 1.5", "watch Foo Bar --wait", "watch Foo", "set Foo 2", "raise Foo 3", "unwatch Foo",
+                          "raise Foo 4", "raise Bar 5", "rm Bar", "set Bar 6", "set Other 7"});
+  EXPECT_THAT(lines, ElementsAre(HasSubstr("  stored    Foo  2.0"), HasSubstr("  raised    Foo  3.0"),
+                                 HasSubstr("  raised    Bar  5"), HasSubstr("  removed   Bar"),
+                                 HasSubstr("  stored    Bar  6")));
+}
+
+TEST_F(ConsoleTest, WatchesPrefixesAndGlobsWithWhatIsAskedFor) {
+  EXPECT_THAT(run({"set A/x 1", "set B/Battery 1", "watch A/ --snapshot --json", "watch */Battery --raises --once",
+                   "describe A/x text", "set B/Battery 2", "raise B/Battery 3", "raise B/Battery 4"}),
+              ElementsAre(StartsWith("{\"key\":\"A/x\",\"what\":\"state\",\"value\":1,\"time\":\""),
+                          StartsWith("{\"key\":\"A/x\",\"what\":\"described\",\"value\":\"text\","),
+                          HasSubstr("  raised    B/Battery  3")));
+  EXPECT_THAT(run({"unwatch A/", "watch *", "set C 1", "rm C"}),
+              ElementsAre(HasSubstr("stored    C  1"), HasSubstr("removed   C")))
+      << "the memory's own keys are not named";
+  EXPECT_THAT(run({"unwatch *", "watch HXMemory/", "set D 1"}), ElementsAre(HasSubstr("HXMemory/KeyAdded  \"D\"")));
+}
+
+TEST_F(ConsoleTest, DeclaresNothingForATypo) {
+  EXPECT_THAT(run({"set Foo 1", "watch Fooo", "watch Fo/", "watch Fo?o", "hz Fooo", "ls Fo"}), ElementsAre("Foo"));
+  EXPECT_THAT(errors(), ElementsAre(HasSubstr("did you mean Foo?"), HasSubstr("no key begins with Fo/; --wait"),
+                                    HasSubstr("no key matches Fo?o; --wait"), HasSubstr("did you mean Foo?")));
+}
+
+TEST_F(ConsoleTest, GoesOnFromAPlace) {
+  const auto at = [&](const std::string& line) {
+    const auto found = HX::fromJson(line);
+    return found.find("at")->asString();
+  };
+  const auto lines = run({"set Foo 1", "watch Foo --json", "set Foo 2", "set Foo 3", "unwatch Foo", "set Foo 4"});
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_THAT(run({"watch Foo --since " + at(lines[0])}),
+              ElementsAre(HasSubstr("stored    Foo  3"), HasSubstr("stored    Foo  4")));
+  EXPECT_THAT(run({"watch Foo --since 5m"}),
+              ElementsAre(HasSubstr("Foo  2"), HasSubstr("Foo  3"), HasSubstr("Foo  4")));
+  EXPECT_THAT(run({"watch Foo --since 1:5"}),
+              ElementsAre(HasSubstr("-- gap: an unknown number of changes was missed"), HasSubstr("state     Foo  4")));
 }
 
 TEST_F(ConsoleTest, EndsEveryWatchWhenClosed) {
-  run({"watch Foo"});
+  run({"set Foo 1", "watch Foo"});
   watches.close();
   EXPECT_THAT(run({"raise Foo 1", "watch Foo", "raise Foo 2"}), IsEmpty());
-  EXPECT_EQ(error(), "error: the console is closing\n");
+  EXPECT_THAT(error(), HasSubstr("the console is closing"));
 }
 
 TEST_F(ConsoleTest, CallsWithANumberWhereItFitsInValue) {

@@ -38,7 +38,7 @@ TEST(EditDistance, CountsLettersLeftOutPutInChangedAndExchanged) {
 
 TEST(Frequency, IsOfTheLatestAndFallsWhenNothingComes) {
   Frequency frequency;
-  const Frequency::Clock::time_point start{1000s};
+  const mw::SystemTimePoint start{1000s};
   EXPECT_EQ(frequency.summary(start).count, 0U);
   for (int i = 0; i <= 20; ++i) frequency.see(start + i * 1s);
   const auto steady = frequency.summary(start + 20s);
