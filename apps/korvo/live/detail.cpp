@@ -85,23 +85,18 @@ void addHistory(Page& page, const LiveDetail& detail, std::size_t width) {
 
 }  // namespace
 
-LiveFacts toFacts(KeyAnswers& answers) {
-  LiveFacts facts;
+LiveDetail toDetail(const std::string& key, KeyAnswers& answers) {
+  LiveDetail detail;
+  detail.key = key;
+  LiveFacts& facts = detail.facts;
   facts.kind = std::move(answers[0]).take<std::string>();
   Stamped stamped = toStamped(std::move(answers[1]).take<HXValue>());
   facts.value = std::move(stamped.value);
   facts.time = stamped.time;
-  facts.subscribers = answers[2].reference().to<std::vector<std::string>>().size();
-  return facts;
-}
-
-LiveDetail toDetail(const std::string& key, KeyAnswers& answers) {
-  LiveDetail detail;
-  detail.key = key;
-  detail.facts = toFacts(answers);
   detail.subscribers = std::move(answers[2]).take<std::vector<std::string>>();
   detail.description = textOfDescription(std::move(answers[3]).take<HXValue>());
   const HXValue raises = std::move(answers[4]).take<HXValue>();
+  detail.history.reserve(raises.getSize());
   for (std::size_t i = 0; i < raises.getSize(); ++i) detail.history.push_back(toStamped(raises[i]));
   return detail;
 }

@@ -13,10 +13,6 @@
 
 namespace korvo {
 
-/// What a row of the table is made of.
-inline constexpr std::array kFactQuestions{askKind, askTimestamp, askSubscribers};
-LiveFacts toFacts(KeyAnswers& answers);
-
 /// All there is to know of one key.
 struct LiveDetail {
   std::string key;

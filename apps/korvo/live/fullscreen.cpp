@@ -1,5 +1,7 @@
 #include "fullscreen.h"
 
+#include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -12,6 +14,15 @@ namespace {
 void write(const std::string& text) {
   std::fwrite(text.data(), 1, text.size(), stdout);
   std::fflush(stdout);
+}
+
+/// What a signal handler may touch: the event of the one screen that there is.
+std::atomic<Event*> resizedEvent = nullptr;
+
+void noteResize(int /*signal*/) {
+  const int error = errno;
+  if (Event* const event = resizedEvent.load()) event->set();
+  errno = error;
 }
 
 }  // namespace
@@ -29,10 +40,17 @@ FullScreen::FullScreen() : hasKeyboard_(tcgetattr(STDIN_FILENO, &before_) == 0) 
     raw.c_cc[VSUSP] = raw.c_cc[VQUIT] = _POSIX_VDISABLE;
     tcsetattr(STDIN_FILENO, TCSANOW, &raw);
   }
+  resizedEvent = &resized_;
+  struct sigaction action {};
+  action.sa_handler = noteResize;
+  action.sa_flags = SA_RESTART;
+  sigaction(SIGWINCH, &action, &formerResize_);
   write("\x1b[?1049h\x1b[?25l");
 }
 
 FullScreen::~FullScreen() {
+  sigaction(SIGWINCH, &formerResize_, nullptr);
+  resizedEvent = nullptr;
   write("\x1b[?25h\x1b[?1049l");
   if (hasKeyboard_) tcsetattr(STDIN_FILENO, TCSANOW, &before_);
 }

@@ -1,7 +1,10 @@
 #pragma once
 
+#include "event.h"
+
 #include <libmw/log.h>
 
+#include <csignal>
 #include <cstddef>
 #include <mutex>
 #include <string>
@@ -34,12 +37,18 @@ class FullScreen {
   /// Whether standard input is a terminal, which sends each key as it is pressed.
   bool hasKeyboard() const { return hasKeyboard_; }
 
+  /// Readable once the terminal has another size.
+  int resizedFile() const { return resized_.file(); }
+  void takeResize() { resized_.clear(); }
+
   /// Replaces what is on the screen. No line may be wider than it is.
   void show(const std::vector<std::string>& lines);
 
  private:
   termios before_{};
   const bool hasKeyboard_;
+  Event resized_;
+  struct sigaction formerResize_ {};
 };
 
 /// The latest line of the log, kept off a screen that it would spoil.

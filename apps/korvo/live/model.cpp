@@ -4,14 +4,11 @@
 
 #include <algorithm>
 #include <compare>
+#include <limits>
 #include <utility>
 
 namespace korvo {
 namespace {
-
-constexpr std::size_t kLooks = 10;
-
-double seconds(mw::SystemTimePoint::duration duration) { return std::chrono::duration<double>(duration).count(); }
 
 /// Unknown ones come last.
 template <class T>
@@ -22,45 +19,83 @@ std::weak_ordering descending(const T& a, const T& b) {
 
 }  // namespace
 
-void RateEstimate::see(mw::SystemTimePoint changed, mw::SystemTimePoint now) {
-  looks_.push_back({changed, now});
-  if (looks_.size() > kLooks) looks_.pop_front();
+std::size_t RateCount::slotOf(std::int64_t second) {
+  constexpr std::int64_t kSlots = kSeconds + 1;
+  return static_cast<std::size_t>((second % kSlots + kSlots) % kSlots);
 }
 
-std::optional<double> RateEstimate::perSecond() const {
-  if (looks_.size() < 2) return std::nullopt;
-  const double span = seconds(looks_.back().now - looks_.front().now);
-  if (span <= 0) return std::nullopt;
-  std::size_t changes = 0;
-  double ages = 0;
-  for (std::size_t i = 0; i < looks_.size(); ++i) {
-    if (i > 0 && looks_[i].changed != looks_[i - 1].changed) ++changes;
-    ages += std::max(0.0, seconds(looks_[i].now - looks_[i].changed));
+void RateCount::add(std::uint32_t changes, mw::SystemTimePoint at) {
+  const std::int64_t second = secondOf(at);
+  if (second <= last_ - kSeconds) return;
+  for (std::int64_t begun = std::max(last_, second - kSeconds - 1); begun < second;) counts_[slotOf(++begun)] = 0;
+  last_ = std::max(last_, second);
+  counts_[slotOf(second)] += changes;
+}
+
+std::optional<double> RateCount::perSecond(mw::SystemTimePoint now) const {
+  // As many as tell a rate to a tenth.
+  constexpr std::uint64_t kEnough = 10;
+  const std::int64_t current = secondOf(now);
+  std::uint64_t changes = 0;
+  std::int64_t seconds = 0;
+  while (seconds < kSeconds && changes < kEnough && current - seconds - 1 > first_) {
+    const std::int64_t second = current - ++seconds;
+    if (second <= last_ && second > last_ - kSeconds) changes += counts_[slotOf(second)];
   }
-  const double counted = static_cast<double>(changes) / span;
-  if (changes + 1 < looks_.size() || ages <= 0) return counted;
-  return std::max(counted, static_cast<double>(looks_.size()) / (2 * ages));
+  if (seconds == 0) return std::nullopt;
+  return static_cast<double>(changes) / static_cast<double>(seconds);
 }
 
-void LiveModel::setKeys(std::vector<std::string> keys) {
-  std::ranges::sort(keys);
-  std::erase_if(keys_, [&](const auto& entry) { return !std::ranges::binary_search(keys, entry.first); });
-  for (std::string& key : keys) add(key);
+void LiveModel::learn(const std::string& key, LiveFacts facts, std::uint32_t nth, bool isState,
+                      mw::SystemTimePoint now) {
+  const auto [found, isNew] = keys_.try_emplace(key);
+  Known& known = found->second;
+  known.isNamed = true;
+  if (isNew) {
+    widen(key);
+    known.rate.begin(now);
+    if (isState) known.nth = nth;
+  }
+  if (known.facts) facts.subscribers = known.facts->subscribers;
+  if (nth != known.nth) known.isOverdue = false;
+  known.facts = std::move(facts);
+  count(key, nth, now);
 }
 
-void LiveModel::add(const std::string& key) {
-  if (keys_.try_emplace(key).second) widen(key);
+void LiveModel::count(const std::string& key, std::uint32_t nth, mw::SystemTimePoint now) {
+  const auto found = keys_.find(key);
+  if (found == keys_.end()) return;
+  const std::uint32_t before = std::exchange(found->second.nth, nth);
+  // Backwards: it was removed and made again.
+  const bool isAnew = nth - before > std::numeric_limits<std::uint32_t>::max() / 2;
+  found->second.rate.add(isAnew ? nth : nth - before, now);
+}
+
+void LiveModel::learnSubscribers(const std::string& key, std::size_t count) {
+  const auto found = keys_.find(key);
+  if (found != keys_.end() && found->second.facts) found->second.facts->subscribers = count;
+}
+
+void LiveModel::setOverdue(const std::string& key, bool isOverdue) {
+  const auto found = keys_.find(key);
+  if (found != keys_.end()) found->second.isOverdue = isOverdue;
+}
+
+void LiveModel::beginSnapshot() {
+  for (auto& [key, known] : keys_) known.isNamed = false;
+}
+
+void LiveModel::keep(const std::string& key) {
+  const auto found = keys_.find(key);
+  if (found != keys_.end()) found->second.isNamed = true;
+}
+
+void LiveModel::endSnapshot() {
+  std::erase_if(keys_, [](const auto& entry) { return !entry.second.isNamed; });
 }
 
 void LiveModel::widen(const std::string& key) {
   if (passes(key)) keyColumns_ = std::max(keyColumns_, columnsOf(key));
-}
-
-void LiveModel::learn(const std::string& key, LiveFacts facts, mw::SystemTimePoint now) {
-  const auto found = keys_.find(key);
-  if (found == keys_.end()) return;
-  found->second.rate.see(facts.time, now);
-  found->second.facts = std::move(facts);
 }
 
 void LiveModel::setFilter(std::string filter) {
@@ -95,7 +130,7 @@ std::vector<LiveModel::Entry> LiveModel::shown() const {
   return entries;
 }
 
-bool LiveModel::isBefore(const Entry& a, const Entry& b) const {
+bool LiveModel::isBefore(const Entry& a, const Entry& b, mw::SystemTimePoint now) const {
   const auto& one = a->second;
   const auto& other = b->second;
   std::weak_ordering order = std::weak_ordering::equivalent;
@@ -103,7 +138,7 @@ bool LiveModel::isBefore(const Entry& a, const Entry& b) const {
   const bool isKnown = one.facts && other.facts;
   if (column_ == LiveColumn::Value && isKnown) order = one.facts->value <=> other.facts->value;
   if (column_ == LiveColumn::Age && isKnown) order = descending(one.facts->time, other.facts->time);
-  if (column_ == LiveColumn::Rate) order = descending(one.rate.perSecond(), other.rate.perSecond());
+  if (column_ == LiveColumn::Rate) order = descending(one.rate.perSecond(now), other.rate.perSecond(now));
   if (column_ == LiveColumn::Subscribers && isKnown) {
     order = descending(one.facts->subscribers, other.facts->subscribers);
   }
@@ -111,7 +146,7 @@ bool LiveModel::isBefore(const Entry& a, const Entry& b) const {
   return reversed_ ? order > 0 : order < 0;
 }
 
-std::vector<LiveRow> LiveModel::page(std::size_t rows) {
+std::vector<LiveRow> LiveModel::page(std::size_t rows, mw::SystemTimePoint now) {
   std::vector<Entry> entries = shown();
   chosen_ = std::min(chosen_, entries.empty() ? 0 : entries.size() - 1);
   if (chosen_ >= first_ + rows) first_ = chosen_ + 1 - rows;
@@ -120,25 +155,16 @@ std::vector<LiveRow> LiveModel::page(std::size_t rows) {
   const auto at = [&](std::size_t index) { return entries.begin() + static_cast<std::ptrdiff_t>(index); };
   // The keys are in their own order already.
   if (column_ != LiveColumn::Key || reversed_) {
-    std::partial_sort(at(0), at(last), entries.end(), [&](const Entry& a, const Entry& b) { return isBefore(a, b); });
+    std::partial_sort(at(0), at(last), entries.end(),
+                      [&](const Entry& a, const Entry& b) { return isBefore(a, b, now); });
   }
   std::vector<LiveRow> page;
+  page.reserve(last - first_);
   for (std::size_t i = first_; i < last; ++i) {
-    page.push_back({entries[i]->first, entries[i]->second.facts, entries[i]->second.rate.perSecond(), i == chosen_});
+    const auto& [key, known] = *entries[i];
+    page.push_back({key, known.facts, known.rate.perSecond(now), known.isOverdue, i == chosen_});
   }
   return page;
-}
-
-std::vector<std::string> LiveModel::nextInTurn(std::size_t count) {
-  std::vector<std::string> keys;
-  auto entry = keys_.upper_bound(turn_);
-  for (std::size_t i = 0; i < keys_.size() && keys.size() < count; ++i) {
-    if (entry == keys_.end()) entry = keys_.begin();
-    if (passes(entry->first)) keys.push_back(entry->first);
-    ++entry;
-  }
-  if (!keys.empty()) turn_ = keys.back();
-  return keys;
 }
 
 }  // namespace korvo

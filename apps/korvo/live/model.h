@@ -3,9 +3,10 @@
 #include <hxvalue/hxvalue.h>
 #include <libmw/clock.h>
 
+#include <array>
 #include <chrono>
 #include <cstddef>
-#include <deque>
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <span>
@@ -15,38 +16,43 @@
 
 namespace korvo {
 
-/// How often something changes, judged by looking at it now and then.
-///
-/// As long as some looks see no change, changes are counted. What changes between any two looks changes faster than
-/// they can count: its age at a look is then half its period on average, if it changes evenly.
-class RateEstimate {
+/// How often something changes, counted by the second.
+class RateCount {
  public:
-  /// @param changed  When it changed last, as seen at `now`.
-  void see(mw::SystemTimePoint changed, mw::SystemTimePoint now);
-  /// Changes a second; none before there is anything to compare.
-  std::optional<double> perSecond() const;
+  /// Nothing before this moment counts.
+  void begin(mw::SystemTimePoint now) { first_ = last_ = secondOf(now); }
+  /// It has changed so often.
+  void add(std::uint32_t changes, mw::SystemTimePoint at);
+  /// Changes a second, of the last whole seconds: of one where there were many, of up to ten where there were few. None
+  /// before the first has passed.
+  std::optional<double> perSecond(mw::SystemTimePoint now) const;
 
  private:
-  struct Look {
-    mw::SystemTimePoint changed;
-    mw::SystemTimePoint now;
-  };
-  std::deque<Look> looks_;  // The latest ones, the oldest first.
+  static constexpr std::int64_t kSeconds = 10;
+  static std::int64_t secondOf(mw::SystemTimePoint time) {
+    return std::chrono::floor<std::chrono::seconds>(time).time_since_epoch().count();
+  }
+  static std::size_t slotOf(std::int64_t second);
+
+  std::array<std::uint32_t, kSeconds + 1> counts_{};  // Of the latest seconds, each in the slot of its number.
+  std::int64_t first_ = 0;
+  std::int64_t last_ = 0;  // The latest that anything was counted in.
 };
 
-/// What was found out about a key at a look.
+/// What is known of a key.
 struct LiveFacts {
   std::string kind;
   HX::HXValue value;
   mw::SystemTimePoint time;
-  std::size_t subscribers = 0;
+  std::optional<std::size_t> subscribers;  ///< None as long as nobody has asked.
 };
 
 /// What the live view shows of one key.
 struct LiveRow {
   std::string key;
-  std::optional<LiveFacts> facts;  ///< None before the first look.
+  std::optional<LiveFacts> facts;
   std::optional<double> rate;
+  bool isOverdue = false;  ///< It was expected to be written, and was not.
   bool isChosen = false;
 };
 
@@ -59,12 +65,18 @@ class LiveModel {
  public:
   explicit LiveModel(std::string filter) : filter_(std::move(filter)) {}
 
-  /// All there are; what is known of those that stay is kept.
-  void setKeys(std::vector<std::string> keys);
-  void add(const std::string& key);
+  /// What a change, or a state, tells of a key. What is known of its subscribers is kept.
+  /// @param nth  The how-manieth change of the key; changes that were not told count too.
+  void learn(const std::string& key, LiveFacts facts, std::uint32_t nth, bool isState, mw::SystemTimePoint now);
+  /// It has changed in another way than in its value.
+  void count(const std::string& key, std::uint32_t nth, mw::SystemTimePoint now);
+  void learnSubscribers(const std::string& key, std::size_t count);
+  void setOverdue(const std::string& key, bool isOverdue);
   void remove(const std::string& key) { keys_.erase(key); }
-  /// Ignored for a key that is not there any more.
-  void learn(const std::string& key, LiveFacts facts, mw::SystemTimePoint now);
+  /// All keys are told anew; those that are not named until the end have gone.
+  void beginSnapshot();
+  void keep(const std::string& key);
+  void endSnapshot();
 
   /// Only keys that contain it are shown.
   void setFilter(std::string filter);
@@ -87,15 +99,15 @@ class LiveModel {
   /// filter, so that what stands beside the keys holds still.
   std::size_t keyColumns() const { return keyColumns_; }
   /// At most so many rows, those of the page. One of them is chosen.
-  std::vector<LiveRow> page(std::size_t rows);
-  /// At most `count` of the keys that pass the filter, going round from call to call: an order by what is known of keys
-  /// is right only when something is known of all.
-  std::vector<std::string> nextInTurn(std::size_t count);
+  std::vector<LiveRow> page(std::size_t rows, mw::SystemTimePoint now);
 
  private:
   struct Known {
     std::optional<LiveFacts> facts;
-    RateEstimate rate;
+    RateCount rate;
+    std::uint32_t nth = 0;
+    bool isOverdue = false;
+    bool isNamed = true;  // By the snapshot that is under way.
   };
   using Keys = std::map<std::string, Known>;
   using Entry = Keys::const_iterator;
@@ -103,7 +115,7 @@ class LiveModel {
   bool passes(const std::string& key) const { return key.find(filter_) != std::string::npos; }
   void widen(const std::string& key);
   std::vector<Entry> shown() const;
-  bool isBefore(const Entry& a, const Entry& b) const;
+  bool isBefore(const Entry& a, const Entry& b, mw::SystemTimePoint now) const;
 
   Keys keys_;
   std::string filter_;
@@ -112,7 +124,6 @@ class LiveModel {
   std::size_t first_ = 0;   // Of the keys shown, on top of the page.
   std::size_t chosen_ = 0;  // Of the keys shown.
   std::size_t keyColumns_ = 0;
-  std::string turn_;  // The key that had its turn last.
 };
 
 }  // namespace korvo

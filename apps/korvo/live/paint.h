@@ -10,12 +10,12 @@ enum class Style {
   Plain,
   Title,       ///< Inverted, as the row that is chosen.
   Head,        ///< Bold.
-  Fresh,       ///< Green: changed between the last two looks.
+  Fresh,       ///< Green: has just changed.
   Stale,       ///< Faint: has not changed for a minute.
   Event,       ///< Cyan.
   MicroEvent,  ///< Magenta.
   Silent,      ///< Yellow: waits for somebody to ask.
-  Trouble,     ///< Red.
+  Trouble,     ///< Red: overdue, or an error.
 };
 
 /// Gives text its style where a terminal shows it.

@@ -18,7 +18,7 @@ constexpr std::size_t kGap = 2;
 constexpr std::size_t kMark = 2;
 constexpr std::size_t kKind = 10;
 constexpr std::size_t kType = 7;
-constexpr std::size_t kAge = 5;
+constexpr std::size_t kAge = 6;
 constexpr std::size_t kRate = 8;
 constexpr std::size_t kSubscribers = 5;
 /// Below that another column goes before the value has less.
@@ -29,7 +29,7 @@ Style styleOfKind(std::string_view kind) {
   return kind == "MicroEvent" ? Style::MicroEvent : Style::Plain;
 }
 
-/// What stands in a row, and how; empty before the first look at the key.
+/// What stands in a row, and how.
 struct Cells {
   std::string kind, type, age, rate, subscribers, value;
   Style style = Style::Plain;  ///< Of age and value.
@@ -39,10 +39,18 @@ Cells cellsOf(const LiveRow& row, std::size_t valueColumns, mw::SystemTimePoint 
   if (!row.facts) return {};
   const LiveFacts& facts = *row.facts;
   const auto age = now - facts.time;
-  Cells cells{facts.kind,           HXValue::TypeToString(facts.value.getType()), formatAge(age),
-              formatRate(row.rate), fmt::format("{}", facts.subscribers),         briefText(facts.value, valueColumns)};
+  Cells cells{facts.kind,
+              HXValue::TypeToString(facts.value.getType()),
+              formatAge(age),
+              formatRate(row.rate),
+              facts.subscribers ? fmt::format("{}", *facts.subscribers) : "",
+              briefText(facts.value, valueColumns)};
   if (age < 600ms) cells.style = Style::Fresh;
   if (age > 1min) cells.style = Style::Stale;
+  if (row.isOverdue) {
+    cells.style = Style::Trouble;
+    cells.age = "!" + cells.age;
+  }
   if (facts.kind == "Event" && !facts.value.isValid()) {
     // Its module may produce it only for those who ask.
     cells.type.clear();

@@ -24,6 +24,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
+/// No eye needs more, and a terminal far away may not bear it.
+constexpr auto kShortestDraw = 100ms;
+
 std::string_view nameOf(LiveColumn column) {
   constexpr std::array<std::string_view, 5> kNames{"key", "value", "age", "rate", "subscribers"};
   return kNames[static_cast<std::size_t>(column)];
@@ -35,13 +38,18 @@ class LiveScreen {
       : name_(std::move(name)), stop_(stop), model_(filter), feed_(target, model_) {}
 
   void run() {
+    const int keyboard = screen_.hasKeyboard() ? STDIN_FILENO : -1;
     while (true) {
-      const Size size = terminalSize();
-      const bool changed = feed_.advance(pageOf(size));
-      if (changed || size != drawn_ || Clock::now() >= nextDraw_) draw(size);
-      const int keyboard = screen_.hasKeyboard() ? STDIN_FILENO : -1;
-      const int ready = waitReadable({stop_, keyboard}, 50ms);
+      const auto nextLook = feed_.advance(shownKeys());
+      if (Clock::now() >= nextDraw_) draw(terminalSize());
+      const auto wait = std::chrono::ceil<std::chrono::milliseconds>(std::min(nextLook, nextDraw_) - Clock::now());
+      const int ready = waitReadable({stop_, keyboard, feed_.file(), screen_.resizedFile()}, std::max(wait, 0ms));
       if (ready == 0 || (ready == 1 && !obeyKeyboard())) return;
+      if (ready == 2) nextDraw_ = std::min(nextDraw_, lastDraw_ + kShortestDraw);
+      if (ready == 3) {
+        screen_.takeResize();
+        nextDraw_ = {};
+      }
     }
   }
 
@@ -51,20 +59,42 @@ class LiveScreen {
   /// What title, head and last line leave.
   static std::size_t pageOf(const Size& size) { return std::max<std::size_t>(size.rows, 5) - 3; }
 
+  std::vector<std::string> shownKeys() const {
+    std::vector<std::string> keys;
+    keys.reserve(page_.size());
+    for (const LiveRow& row : page_) keys.push_back(row.key);
+    return keys;
+  }
+
+  /// When the ages on the screen will have changed.
+  std::chrono::nanoseconds untilOlder(mw::SystemTimePoint now) const {
+    std::chrono::nanoseconds wait = 30s;
+    for (const LiveRow& row : page_) {
+      const auto age = row.facts ? now - row.facts->time : 1h;
+      if (age < 120s) wait = std::min<std::chrono::nanoseconds>(wait, age < 10s ? 500ms : 1000ms);
+      // A rate falls when nothing comes any more.
+      if (row.rate.value_or(0) > 0) wait = std::min<std::chrono::nanoseconds>(wait, 1s);
+    }
+    return wait;
+  }
+
   void draw(const Size& size) {
     const auto now = mw::systemNow();
+    const std::string trouble = feed_.trouble();
+    const auto held = feed_.lock();
     const std::size_t rows = pageOf(size);
     std::vector<std::string> lines{paint_(Style::Title, padded(title(now), size.columns))};
     for (auto& line : body(size, rows, now)) lines.push_back(std::move(line));
     lines.resize(rows + 2);
-    lines.push_back(lastLine(size.columns));
+    lines.push_back(lastLine(size.columns, trouble));
     screen_.show(lines);
     drawn_ = size;
-    nextDraw_ = Clock::now() + 500ms;
+    lastDraw_ = Clock::now();
+    nextDraw_ = lastDraw_ + std::chrono::duration_cast<Clock::duration>(untilOlder(now));
   }
 
   std::vector<std::string> body(const Size& size, std::size_t rows, mw::SystemTimePoint now) {
-    page_ = model_.page(rows);
+    page_ = model_.page(rows, now);
     if (!inspected_) return drawTable(page_, layOut(size.columns, model_.keyColumns()), paint_, now);
     const auto row = std::ranges::find(page_, *inspected_, &LiveRow::key);
     const auto rate = row == page_.end() ? std::nullopt : row->rate;
@@ -82,14 +112,14 @@ class LiveScreen {
                        nameOf(model_.column()), model_.isReversed() ? ", turned round" : "", clockTime(now));
   }
 
-  std::string lastLine(std::size_t columns) const {
+  std::string lastLine(std::size_t columns, const std::string& trouble) const {
     if (isTyping_) return fit("/" + model_.filter() + "_", columns);
-    if (!feed_.trouble().empty()) return paint_(Style::Trouble, fit(feed_.trouble(), columns));
+    if (!trouble.empty()) return paint_(Style::Trouble, fit(trouble, columns));
     const std::string logged = log_.text();
     return fit(logged.empty() && !model_.filter().empty() ? "/" + model_.filter() : logged, columns);
   }
 
-  static std::string clockTime(mw::SystemTimePoint now) { return formatTime(now).substr(11, 8); }
+  static std::string clockTime(mw::SystemTimePoint now) { return formatTime(now).substr(11, 5); }
 
   /// @return False when the person wants to leave.
   bool obeyKeyboard() {
@@ -119,6 +149,7 @@ class LiveScreen {
   }
 
   void typeFilter(const std::string& key) {
+    const auto held = feed_.lock();
     std::string filter = model_.filter();
     if (isEnter(key)) {
       isTyping_ = false;
@@ -134,13 +165,20 @@ class LiveScreen {
     if (filter != model_.filter()) model_.setFilter(filter);
   }
 
-  void obey(const std::string& key) {
-    const auto page = static_cast<std::ptrdiff_t>(pageOf(drawn_));
-    if (isEnter(key)) {
-      page_ = model_.page(pageOf(drawn_));  // Keys before this one may have come with it.
-      const auto chosen = std::ranges::find(page_, true, &LiveRow::isChosen);
-      if (chosen != page_.end()) inspect(chosen->key);
+  /// Opens the key that is chosen.
+  void inspectChosen() {
+    {
+      const auto held = feed_.lock();
+      page_ = model_.page(pageOf(drawn_), mw::systemNow());  // Keys before this one may have come with it.
     }
+    const auto chosen = std::ranges::find(page_, true, &LiveRow::isChosen);
+    if (chosen != page_.end()) inspect(chosen->key);
+  }
+
+  void obey(const std::string& key) {
+    if (isEnter(key)) return inspectChosen();
+    const auto held = feed_.lock();
+    const auto page = static_cast<std::ptrdiff_t>(pageOf(drawn_));
     if (key == "/") isTyping_ = true;
     if (key == "k") model_.sortBy(LiveColumn::Key);
     if (key == "v") model_.sortBy(LiveColumn::Value);
@@ -166,24 +204,44 @@ class LiveScreen {
   std::optional<std::string> inspected_;  // The key that the screen is about; none: the table.
   std::vector<LiveRow> page_;             // As it was drawn last.
   Size drawn_;
+  Clock::time_point lastDraw_;
   Clock::time_point nextDraw_;
 };
 
-void printSnapshots(Target& target, Output& output, const std::string& filter, int stop) {
+void printTable(LiveModel& model, LiveFeed& feed, HX::HXProxy& memory, Output& output) {
+  const auto now = mw::systemNow();
+  std::vector<LiveRow> rows;
+  std::size_t keyColumns = 0;
+  {
+    const auto held = feed.lock();
+    rows = model.page(model.keyCount(), now);
+    keyColumns = model.keyColumns();
+  }
+  std::vector<std::string> keys;
+  keys.reserve(rows.size());
+  for (const LiveRow& row : rows) keys.push_back(row.key);
+  auto row = rows.begin();
+  askInParts(memory, keys, {askSubscribers}, [&](const std::string& key, KeyAnswers& answers) {
+    row = std::ranges::find(row, rows.end(), key, &LiveRow::key);
+    if (row->facts) row->facts->subscribers = answers[0].reference().to<std::vector<std::string>>().size();
+  });
+  output.line(formatTime(now));
+  for (LiveRow& one : rows) one.isChosen = false;  // There is nobody to choose.
+  for (const auto& line : drawTable(rows, layOut(0, keyColumns), Painter(false), now)) output.line(line);
+  output.line("");
+}
+
+void printTables(Target& target, Output& output, const std::string& filter, int stop) {
   LiveModel model(filter);
-  const std::vector<KeyQuestion> questions(kFactQuestions.begin(), kFactQuestions.end());
+  LiveFeed feed(target, model);
+  feed.begin();
+  while (!feed.isComplete()) {
+    if (waitReadable({stop, feed.file()}) == 0) return;
+    feed.advance({});
+  }
   while (output.works()) {
-    auto memory = target.memory();
-    const auto keys = memory.getDataList(filter);
-    model.setKeys(keys);
-    const auto now = mw::systemNow();
-    askInParts(*memory.proxy(), keys, questions,
-               [&](const std::string& key, KeyAnswers& answers) { model.learn(key, toFacts(answers), now); });
-    output.line(formatTime(now));
-    auto rows = model.page(model.keyCount());
-    for (LiveRow& row : rows) row.isChosen = false;  // There is nobody to choose.
-    for (const auto& line : drawTable(rows, layOut(0, model.keyColumns()), Painter(false), now)) output.line(line);
-    output.line("");
+    feed.advance({});
+    printTable(model, feed, *target.memory().proxy(), output);
     if (waitReadable({stop}, 1s) == 0) return;
   }
 }
@@ -194,7 +252,7 @@ void runLiveView(Target& target, Output& output, const std::string& name, const 
   if (isatty(STDOUT_FILENO)) {
     LiveScreen(target, name, filter, stop).run();
   } else {
-    printSnapshots(target, output, filter, stop);
+    printTables(target, output, filter, stop);
   }
 }
 

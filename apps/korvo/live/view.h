@@ -9,9 +9,9 @@ class Target;
 
 /// Shows the memory as it changes, until `stop` is readable.
 ///
-/// On a terminal a table that fits it, twice a second, to filter, to sort, to scroll, and to leave with `q`; what is
-/// wrong and what is logged meanwhile stands in its last line. The terminal is restored however it ends. Elsewhere all
-/// keys, once a second, until nobody reads them.
+/// On a terminal a table that fits it, drawn anew when something changes, to filter, to sort, to scroll, and to leave
+/// with `q`; what is wrong and what is logged meanwhile stands in its last line. The terminal is restored however it
+/// ends. Elsewhere all keys, once a second, until nobody reads them.
 ///
 /// @param name    Of the broker, for the head.
 /// @param filter  Shows only the keys that contain it, to begin with.
