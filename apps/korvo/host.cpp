@@ -1,5 +1,6 @@
 #include "host.h"
 
+#include "arguments.h"
 #include "brokername.h"
 #include "commandline.h"
 #include "event.h"
@@ -9,14 +10,41 @@
 #include <hxcommon/hxbroker.h>
 #include <libmw/local.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <iostream>
+#include <string>
+#include <system_error>
 #include <unistd.h>
+#include <vector>
 
 #include <fmt/format.h>
 
 namespace korvo {
+namespace {
+
+bool isPython(const std::string& module) { return module.ends_with(".py"); }
+
+/// Makes this process one of Python, which hosts the modules of the files.
+int hostPython(const HostOptions& options) {
+  if (!std::ranges::all_of(options.modules, isPython)) {
+    throw InputError("modules of Python and libraries are hosted by a process each");
+  }
+  std::vector<std::string> words{"python3", "-m", "korvo", "host"};
+  if (!options.broker.empty()) words.insert(words.end(), {"--broker", options.broker});
+  words.emplace_back("--");
+  words.insert(words.end(), options.modules.begin(), options.modules.end());
+  std::vector<char*> arguments;
+  for (auto& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  ::execvp(arguments.front(), arguments.data());
+  throw std::system_error(errno, std::generic_category(), "python3 cannot be started");
+}
+
+}  // namespace
 
 int host(const HostOptions& options) {
+  if (std::ranges::any_of(options.modules, isPython)) return hostPython(options);
   StopSignals signals;
   prepareHosting(options);
   Ending ending(signals, options.endLimit);

@@ -189,11 +189,15 @@ Verb hostVerb() {
       "The modules find the memory and everybody else by name, as in the broker's own process, and are found. What\n"
       "goes wrong in them cannot take the broker along. With --settings they get the same settings as there.\n"
       "\n"
+      "A file of Python, arm.py, is hosted by python3, with its package korvo: one of each class of modules that it\n"
+      "has. Of the options that takes --broker.\n"
+      "\n"
       "Runs until SIGINT (Ctrl-C) or SIGTERM. When the broker is lost, the modules stay and find its services again\n"
       "once it is back; both are told on standard error.",
       "host --module ./build/libarm.so\n"
       "host --broker torso --module arm --module hand\n"
-      "host --settings robot.toml --module camera",
+      "host --settings robot.toml --module camera\n"
+      "host --module ./arm.py",
       kGroup,
       "0    ended in order\n"
       "1    no module could be loaded, or with --strict not all\n"

@@ -39,6 +39,9 @@ def main():
     options = parser.parse_args()
     try:
         host(options.broker, options.files)
+    except korvo.NotConnected as error:
+        print(f"korvo: {error}", file=sys.stderr)
+        return 3
     except (korvo.Error, OSError, ValueError) as error:
         print(f"korvo: {error}", file=sys.stderr)
         return 1

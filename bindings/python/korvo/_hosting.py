@@ -186,7 +186,7 @@ def _overloads(name, function, number):
     result = _type_name(hints["return"], f"{name}, result") if "return" in hints else "value"
     least = len(parameters) - len(function.__defaults__ or ())
     return [{"name": name, "description": described, "parameters": typed[:count],
-             "result": ("", result, texts.get("returns", "")), "callback": number}
+             "result": ("result", result, texts.get("returns", "")), "callback": number}
             for count in range(len(parameters), least - 1, -1)]
 
 

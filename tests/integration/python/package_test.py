@@ -175,7 +175,7 @@ class Services(Package):
         self.assertLessEqual({"move", "meet", "moved"}, set(dir(arm)))
         text = pydoc.plain(pydoc.render_doc(arm.move)) + pydoc.plain(pydoc.render_doc(arm))
         for words in ("move(to: float, times: int) -> float", "move(to: float) -> float", "Moves the arm.",
-                      "to: Where to, in radians.", "returns: Where it is.", "signal moved(double)", "An arm."):
+                      "to: Where to, in radians.", "returns result: Where it is.", "signal moved(double)", "An arm."):
             self.assertIn(words, text)
         with self.assertRaisesRegex(AttributeError, "Arm has no moev; did you mean mov"):
             arm.moev
