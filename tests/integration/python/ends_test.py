@@ -62,7 +62,7 @@ INTERRUPTED = """
     service = robot.service(f"Sleeper{os.getpid()}")
     waits = {"call": lambda: memory.getDataOnChange("Still", 0), "limited": lambda: memory.getDataOnChange("Still", 0, timeout=3600),
              "future": lambda: memory.getDataOnChange.start("Still", 0).result(), "own": service.call,
-             "sleep": lambda: sleeper.sleep(3600)}
+             "sleep": lambda: sleeper.sleep(3600), "follow": lambda: next(robot.follow("Nothing"))}
     threading.Timer(0.1, lambda: os.kill(os.getpid(), signal.SIGINT)).start()
     begin = time.monotonic()
     try:
@@ -131,7 +131,7 @@ class Ends(unittest.TestCase):
             raiser.join()
 
     def test_an_interrupt_ends_every_wait(self):
-        programs = {wait: kit.program(INTERRUPTED, wait) for wait in ("call", "limited", "future", "own", "sleep")}
+        programs = {wait: kit.program(INTERRUPTED, wait) for wait in ("call", "limited", "future", "own", "sleep", "follow")}
         for wait, process in programs.items():
             with self.subTest(wait=wait):
                 status, output, errors = kit.ended(process)

@@ -51,8 +51,8 @@ class Lessons(unittest.TestCase):
         self.assertEqual(kit.ended(hosting), (0, "", ""))
 
     def test_what_cannot_be_hosted_is_an_error(self):
-        for arguments, status, words in (([__file__], 1, "no class that derives"), (["/nowhere.py"], 1, "nowhere"),
-                                         ([__file__, "arm"], 2, "a process each"),
+        for arguments, status, words in (([kit.__file__], 1, "no class that derives"), (["/nowhere.py"], 1, "nowhere"),
+                                         ([kit.__file__, "arm"], 2, "a process each"),
                                          ([LESSONS[0].parent / "greeter.py", "--broker", "nobody"], 3, "nobody")):
             with self.subTest(arguments=arguments):
                 options = [word for one in arguments[:2 if "arm" in arguments else 1] for word in ("--module", one)]

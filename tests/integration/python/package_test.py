@@ -168,6 +168,77 @@ class Memory(Package):
             self.robot.info("Nothing")
 
 
+class Following(Package):
+    def setUp(self):
+        super().setUp()
+        self.writer = self.enterContext(korvo.connect(timeout=30))
+
+    def test_tells_each_change_of_what_is_wanted(self):
+        self.robot["Feed/a"] = 1
+        with self.robot.follow("Feed/", "Feeding", timeout=30, snapshot=True) as follow:
+            self.writer["Feed/a"] = 2
+            self.writer["Fee"] = 0
+            self.writer.raise_event("Feeding", True)
+            del self.writer["Feed/a"]
+            told = [(change.key, change.old, change.value, change.what) for _, change in zip(range(4), follow)]
+        self.assertEqual(told, [("Feed/a", None, 1, "state"), ("Feed/a", 1, 2, "stored"),
+                                ("Feeding", None, True, "raised"), ("Feed/a", 2, None, "removed")])
+        self.assertEqual(list(follow), [])
+        self.assertEqual(list(self.robot.follow("Feed/", timeout=0.05)), [])
+
+    def test_loses_the_oldest_and_counts_them(self):
+        with self.robot.follow("Fast", "Last", capacity=10) as follow:
+            for value in range(100):
+                self.writer["Fast"] = value
+            self.writer["Last"] = 1
+            kit.until(lambda: self.robot["Last"] == 1)
+            seen = []
+            while not seen or seen[-1].key != "Last":
+                seen += follow.take(30)
+        fast = [change for change in seen if change.key == "Fast"]
+        self.assertEqual(fast[-1].value, 99)
+        self.assertEqual(sum(1 + change.lost for change in seen), 101)
+
+    def test_calls_back_without_holding_the_raiser(self):
+        entered, go_on, values = threading.Event(), threading.Event(), []
+
+        def changed(change):
+            values.append(change.value)
+            entered.set()
+            go_on.wait(30)
+
+        with self.robot.on("Watched", changed):
+            self.writer.raise_event("Watched", 1)
+            self.assertTrue(entered.wait(30))
+            self.writer.raise_event("Watched", 2)  # Returns although the callback has not.
+            go_on.set()
+            kit.until(lambda: values == [1, 2])
+
+    def test_async_for(self):
+        async def main():
+            async with korvo.connect() as robot:
+                follow = robot.follow("Async/", timeout=30)
+                for value in range(5):
+                    self.writer[f"Async/{value}"] = value
+                told = []
+                async for change in follow:
+                    told.append(change.value)
+                    if len(told) == 5:
+                        break
+                follow.stop()
+                self.assertEqual([change async for change in follow], [])
+                self.assertEqual([change async for change in robot.follow("Async/", timeout=0.05)], [])
+                return told
+
+        self.assertEqual(asyncio.run(main()), list(range(5)))
+
+    def test_ends_with_its_robot(self):
+        robot = korvo.connect()
+        follow = robot.follow("Quiet")
+        threading.Timer(0.05, robot.close).start()
+        self.assertEqual(list(follow), [])
+
+
 class Services(Package):
     def test_methods_tell_what_they_are(self):
         self.host(Arm())
@@ -389,6 +460,7 @@ class Connections(unittest.TestCase):
         robot = korvo.connect(timeout=30)
         self.addCleanup(robot.close)
         arm, notices = Arm(), []
+        follow = robot.follow("Arm/Event")
         robot.on_notice(lambda kind, text: notices.append(kind))
         robot.host(arm, "Returning")
         robot["Before"] = 1
@@ -405,6 +477,7 @@ class Connections(unittest.TestCase):
             kit.until(lambda: "Returning" in self.subscribers(other))
             other.raise_event("Arm/Event", 1)
         self.assertEqual(arm.seen, [("Arm/Event", 1)])
+        self.assertEqual(next(change.value for change in follow if change.what == "raised"), 1)
 
     @staticmethod
     def subscribers(robot):
