@@ -312,7 +312,7 @@ TEST(Extractor, KnowsItsSubscribersWhoeverIsKilledOrStartedAnew) {
 }
 
 TEST(Extractor, RunsForWhoWatchesItsEvent) {
-  const Broker broker({"--module", module("thermometer")});
+  const Broker broker({"--module", "thermometer"});
   const Words question{"call", "Thermometer", "subscribers"};
   {
     Process listens(korvo({"watch", "Thermometer/", "--no-demand", "--snapshot"}));
