@@ -22,6 +22,7 @@ void msgpack(Input input);  ///< MessagePack, and where its values end in a stre
 void link(Input input);     ///< What a peer of a broker sends, frame by frame.
 void mapfile(Input input);  ///< Files that map signals to events.
 void console(Input input);  ///< Lines of the console.
+void web(Input input);      ///< Requests at the gate of the page's server, and what pages say.
 
 /// Ends the run with what does not hold.
 inline void require(bool holds, const char* what) {

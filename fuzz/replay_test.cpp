@@ -11,9 +11,9 @@
 
 namespace {
 
-const std::map<std::string, void (*)(fuzz::Input)> kHarnesses{{"batch", fuzz::batch},     {"console", fuzz::console},
-                                                              {"json", fuzz::json},       {"link", fuzz::link},
-                                                              {"mapfile", fuzz::mapfile}, {"msgpack", fuzz::msgpack}};
+const std::map<std::string, void (*)(fuzz::Input)> kHarnesses{
+    {"batch", fuzz::batch},     {"console", fuzz::console}, {"json", fuzz::json}, {"link", fuzz::link},
+    {"mapfile", fuzz::mapfile}, {"msgpack", fuzz::msgpack}, {"web", fuzz::web}};
 
 std::vector<std::uint8_t> contentOf(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);

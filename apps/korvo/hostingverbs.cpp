@@ -296,7 +296,7 @@ Verb brokersVerb() {
 }  // namespace
 
 std::vector<Verb> hostingVerbs() {
-  return {runVerb(), hostVerb(), checkVerb(), settingsVerb(), brokersVerb(), checkMapVerb(), helpVerb()};
+  return {runVerb(), hostVerb(), webVerb(), checkVerb(), settingsVerb(), brokersVerb(), checkMapVerb(), helpVerb()};
 }
 
 }  // namespace korvo

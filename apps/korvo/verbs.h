@@ -55,6 +55,7 @@ std::string noSuchVerb(std::string_view name);
 
 // The verbs by where they do their work, each group in a source of its own name.
 std::vector<Verb> hostingVerbs();  ///< In this process.
+Verb webVerb();                    ///< In this process too.
 std::vector<Verb> remoteVerbs();   ///< In a running broker.
 std::vector<Verb> servantVerbs();  ///< For shells and for the build: not listed.
 

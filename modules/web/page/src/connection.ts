@@ -1,0 +1,85 @@
+import { decode, type Batch } from './batch';
+
+export type Status = 'connecting' | 'open' | 'lost' | 'refused';
+type Answer = Record<string, unknown>;
+type Waiting = { resolve: (answer: Answer) => void; reject: (error: Error) => void };
+
+const kFirstRetry = 250;
+const kLastRetry = 2000;
+
+/** The way to the server: comes back by itself, and says when it is not there. */
+export class Connection {
+  status: Status = 'connecting';
+  onStatus: (status: Status) => void = () => {};
+  onMessage: (message: Answer) => void = () => {};
+  onBatch: (batch: Batch) => void = () => {};
+
+  private socket: WebSocket | null = null;
+  private waiting = new Map<number, Waiting>();
+  private lastTag = 0;
+  private retry = kFirstRetry;
+
+  connect(): void {
+    const socket = new WebSocket(`${location.protocol === 'https:' ? 'wss' : 'ws'}://${location.host}/page`);
+    socket.binaryType = 'arraybuffer';
+    socket.onopen = () => {
+      this.retry = kFirstRetry;
+      this.become('open');
+    };
+    socket.onmessage = (event) => this.hear(event.data);
+    socket.onclose = () => this.lose();
+    this.socket = socket;
+  }
+
+  send(wish: object | string): void {
+    if (this.socket?.readyState !== WebSocket.OPEN) return;
+    this.socket.send(typeof wish === 'string' ? wish : JSON.stringify(wish));
+  }
+
+  /** Asks for something, and gives the answer or the error in the server's own words. */
+  ask(op: string, wish: object = {}, rawValue?: string): Promise<Answer> {
+    if (this.status !== 'open') return Promise.reject(new Error('there is no connection'));
+    const tag = ++this.lastTag;
+    let text = JSON.stringify({ op, tag, ...wish });
+    // Integers of 64 bits would lose digits on their way through a number.
+    if (rawValue !== undefined) text = `${text.slice(0, -1)},"value":${rawValue}}`;
+    return new Promise((resolve, reject) => {
+      this.waiting.set(tag, { resolve, reject });
+      this.send(text);
+    });
+  }
+
+  private hear(data: string | ArrayBuffer): void {
+    if (typeof data !== 'string') return this.onBatch(decode(data));
+    const message = JSON.parse(data) as Answer;
+    const waiting = typeof message.tag === 'number' ? this.waiting.get(message.tag) : undefined;
+    if (!waiting) return this.onMessage(message);
+    this.waiting.delete(message.tag as number);
+    if (typeof message.error === 'string') waiting.reject(new Error(message.error));
+    else waiting.resolve(message);
+  }
+
+  private lose(): void {
+    for (const each of this.waiting.values()) each.reject(new Error('the connection was lost'));
+    this.waiting.clear();
+    this.become('lost');
+    setTimeout(() => this.reconnect(), this.retry);
+    this.retry = Math.min(this.retry * 1.6, kLastRetry);
+  }
+
+  /** Browsers report each WebSocket that fails; so first see by a quiet request whether anybody is there. */
+  private async reconnect(): Promise<void> {
+    try {
+      await fetch('/', { method: 'HEAD', cache: 'no-store' });
+      this.connect();
+    } catch {
+      this.lose();
+    }
+  }
+
+  private become(status: Status): void {
+    if (this.status === status) return;
+    this.status = status;
+    this.onStatus(status);
+  }
+}

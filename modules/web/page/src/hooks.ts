@@ -1,0 +1,53 @@
+import { useEffect, useReducer, useState } from 'preact/hooks';
+import { route, type Route } from './route';
+import { store } from './store';
+
+/** Draws the component again when the store has news. */
+export function useNews(): void {
+  const [, again] = useReducer((count: number) => count + 1, 0);
+  useEffect(() => store.onNews(() => again(undefined as never)), []);
+}
+
+/** Draws the component again with what comes, but no more than so often. */
+export function useFrames(each: number): void {
+  const [, again] = useReducer((count: number) => count + 1, 0);
+  useEffect(() => {
+    let last = 0;
+    return store.onFrame(() => {
+      const now = performance.now();
+      if (now - last < each) return;
+      last = now;
+      again(undefined as never);
+    });
+  }, [each]);
+}
+
+export function useRoute(): Route {
+  const [current, set] = useState(route);
+  useEffect(() => {
+    const listener = () => set(route());
+    addEventListener('hashchange', listener);
+    return () => removeEventListener('hashchange', listener);
+  }, []);
+  return current;
+}
+
+/** A piece of the browser's own memory. */
+export function useKept<T>(name: string, otherwise: T): [T, (value: T) => void] {
+  const [value, set] = useState<T>(() => {
+    try {
+      return JSON.parse(localStorage.getItem(`korvo-${name}`) ?? 'null') ?? otherwise;
+    } catch {
+      return otherwise;
+    }
+  });
+  const keep = (next: T) => {
+    set(next);
+    try {
+      localStorage.setItem(`korvo-${name}`, JSON.stringify(next));
+    } catch {
+      // Without room it is kept until the page goes.
+    }
+  };
+  return [value, keep];
+}

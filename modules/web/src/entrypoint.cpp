@@ -1,0 +1,4 @@
+#include "hxweb.h"
+
+using HX::HXWeb;
+HX_MODULE(HXWeb)

@@ -1,0 +1,217 @@
+#include "errands.h"
+
+#include <hxcommon/hxbroker.h>
+#include <hxproxies/hxmemoryproxy.h>
+#include <libmw/metaobject.h>
+
+#include <chrono>
+#include <cmath>
+#include <stdexcept>
+#include <vector>
+
+#include <fmt/format.h>
+
+namespace HX::web {
+namespace {
+
+using namespace std::chrono_literals;
+
+/// A directory in another process may take its time; who waits is a person.
+constexpr auto kLookUpLimit = 3s;
+
+const std::string& textAt(const HXValue& wish, std::string_view name) { return wish[name].asString(); }
+
+/// The number as a type that holds it exactly.
+HXValue numberAs(const HXValue& value, mw::TypeKind kind) {
+  switch (kind) {
+    case mw::TypeKind::Int:
+      return value.toInt();
+    case mw::TypeKind::Int64:
+      return value.toInt64();
+    case mw::TypeKind::Float:
+      return value.toFloat();
+    case mw::TypeKind::Double:
+      return value.toDouble();
+    default:
+      return value;
+  }
+}
+
+HXValue suited(const HXValue& argument, const mw::TypeInterface& type) {
+  const bool isNumber = argument.isScalar() && !argument.isBool();
+  return isNumber ? numberAs(argument, type.kind) : argument;
+}
+
+HXValue describeMethod(const mw::MetaMethod& method) {
+  HXValue::List parameters;
+  for (std::size_t i = 0; i < method.types.size(); ++i) {
+    const bool isDocumented = i < method.parameters.size();
+    parameters.push_back(HXValue::map({{"name", isDocumented ? method.parameters[i].name : std::string()},
+                                       {"text", isDocumented ? method.parameters[i].description : std::string()},
+                                       {"type", method.types[i]->name}}));
+  }
+  HXValue described = HXValue::map({{"id", static_cast<std::int64_t>(method.id)},
+                                    {"name", method.name},
+                                    {"text", method.description},
+                                    {"parameters", std::move(parameters)},
+                                    {"here", (method.flags & mw::kSameProcessOnly) != 0}});
+  if (method.resultType && method.resultType->kind != mw::TypeKind::Void) {
+    described.mapSet("result", HXValue::map({{"type", method.resultType->name},
+                                             {"text", method.result ? method.result->description : std::string()}}));
+  }
+  return described;
+}
+
+std::vector<mw::AnyReference> references(const HXValue::List& values) {
+  std::vector<mw::AnyReference> all;
+  for (const HXValue& value : values) all.push_back(mw::AnyReference::of(value));
+  return all;
+}
+
+/// What a call gave, for people: a value, or what kind of thing it is.
+HXValue shown(const mw::AnyValue& result) {
+  const mw::AnyReference content = result.reference().content();
+  if (!content) return HXValue::map();
+  HXValue value;
+  if (content.toValue(value)) return HXValue::map({{"value", value}});
+  return HXValue::map({{"thing", content.type()->name}});
+}
+
+}  // namespace
+
+HXValue typed(const HXValue& value, const std::string& type) {
+  if (type == "Int") return value.toInt();
+  if (type == "Int64") return value.toInt64();
+  if (type == "Float") return value.toFloat();
+  if (type == "Double") return value.toDouble();
+  const auto require = [&](bool isRight) {
+    if (!isRight) throw std::runtime_error(fmt::format("{} is no {}", value.toString().substr(0, 60), type));
+  };
+  if (type == "Bool") require(value.isBool());
+  if (type == "String") require(value.isString());
+  if (type == "List") require(value.isList());
+  if (type == "Map") require(value.isMap());
+  return value;
+}
+
+std::shared_ptr<HXBroker> Errands::broker() const {
+  if (auto broker = broker_.lock()) return broker;
+  throw std::runtime_error("the broker has gone");
+}
+
+void Errands::write(const HXValue& wish) const {
+  const std::string& op = textAt(wish, "op");
+  const std::string& key = textAt(wish, "key");
+  HXMemoryProxy memory = memory_();
+  if (op == "describe") return memory.setDescription(key, textAt(wish, "value"));
+  if (op == "declare") return memory.declareEvent(key);
+  if (op == "remove") {
+    const std::string kind = memory.getType(key);
+    if (kind == "Event") return memory.removeEvent(key);
+    if (kind == "MicroEvent") return memory.removeMicroEvent(key);
+    return memory.removeData(key);
+  }
+  const HXValue* const type = wish.find("type");
+  const HXValue value = typed(wish["value"], type && type->isString() ? type->asString() : std::string());
+  if (op == "raise") return memory.raiseEvent(key, value);
+  if (op == "raiseMicro") return memory.raiseMicroEvent(key, value);
+  if (op != "set") throw std::runtime_error("nothing is called " + op);
+  memory.insertData(key, value);
+}
+
+HXValue Errands::about(const std::string& key) const {
+  HXMemoryProxy memory = memory_();
+  HXValue told = HXValue::map({{"key", key}});
+  // [name, kind, text], behind an empty entry for each key that was asked for.
+  const HXValue descriptions = memory.getDescriptionList({key});
+  for (std::size_t i = 0; i < descriptions.getSize(); ++i) {
+    const HXValue& entry = descriptions[i];
+    if (entry.getSize() >= 3 && entry[2].isString()) told.mapSet("description", entry[2]);
+  }
+  told.mapSet("kind", memory.getType(key));
+  if (told["kind"].asString() == "Event") told.mapSet("history", memory.getEventHistory(key));
+  if (told["kind"].asString() != "Data") told.mapSet("subscribers", HXValue(memory.getSubscribers(key)));
+  try {
+    if (const auto journal = broker()->getProxy("HXJournal")) {
+      if (!journal->asObject()->metaObject().findMethods("explain").empty()) {
+        told.mapSet("explanation", journal->call<HXValue>("explain", key));
+      }
+    }
+  } catch (const std::exception&) {
+    // What the memory itself tells is shown all the same.
+  }
+  return told;
+}
+
+HXValue Errands::services() const {
+  const auto infos = broker()->session()->reachableServices().value(kLookUpLimit);
+  HXValue::List names;
+  for (const mw::ServiceInfo& info : infos) names.emplace_back(info.name);
+  return names;
+}
+
+HXValue Errands::describe(const std::string& service) const {
+  const auto proxy = broker()->getProxy(service);
+  if (!proxy) throw std::runtime_error("no service named " + service);
+  const mw::MetaObject& offered = proxy->asObject()->metaObject();
+  HXValue::List methods;
+  for (const mw::MetaMethod& method : offered.methods()) methods.push_back(describeMethod(method));
+  HXValue::List signals;
+  for (const mw::MetaSignal& signal : offered.signals()) {
+    signals.push_back(HXValue::map({{"name", signal.name}, {"signature", signal.signature}}));
+  }
+  return HXValue::map({{"service", service},
+                       {"text", offered.description()},
+                       {"methods", std::move(methods)},
+                       {"signals", std::move(signals)}});
+}
+
+HXValue Errands::call(const HXValue& wish) const {
+  const std::string& service = textAt(wish, "service");
+  const auto proxy = broker()->getProxy(service);
+  if (!proxy) throw std::runtime_error("no service named " + service);
+  const mw::AnyObject object = proxy->asObject();
+  const auto id = static_cast<unsigned>(wish["method"].toInt64());
+  const mw::MetaMethod* const method = object->metaObject().method(id);
+  if (!method) throw std::runtime_error(service + " has no such method");
+  HXValue::List arguments = wish["arguments"].asList();
+  if (!method->dynamic && arguments.size() != method->types.size()) {
+    throw std::runtime_error(fmt::format("{} takes {} arguments", method->name, method->types.size()));
+  }
+  for (std::size_t i = 0; i < method->types.size(); ++i) arguments[i] = suited(arguments[i], *method->types[i]);
+  const auto parameters = references(arguments);
+  return shown(object->metaCall(id, parameters).take());
+}
+
+void Errands::emit(const HXValue& wish) const {
+  const std::string& service = textAt(wish, "service");
+  const auto proxy = broker()->getProxy(service);
+  if (!proxy) throw std::runtime_error("no service named " + service);
+  const mw::AnyObject object = proxy->asObject();
+  const int id = object->metaObject().signalId(textAt(wish, "signal"));
+  if (id < 0) throw std::runtime_error(service + " has no such signal");
+  object->metaPost(static_cast<unsigned>(id), references(wish["arguments"].asList()));
+}
+
+HXValue Errands::wiring() const {
+  constexpr std::size_t kMost = 400;
+  HXMemoryProxy memory = memory_();
+  HXValue::List events;
+  auto names = memory.getEventList();
+  const auto micro = memory.getMicroEventList();
+  names.insert(names.end(), micro.begin(), micro.end());
+  const bool isCut = names.size() > kMost;
+  if (isCut) names.resize(kMost);
+  for (const std::string& name : names) {
+    events.push_back(HXValue::map({{"key", name}, {"subscribers", HXValue(memory.getSubscribers(name))}}));
+  }
+  HXValue::List modules;
+  const HXValue reachable = services();
+  for (const HXValue& each : reachable.asList()) {
+    const auto produced = memory.getExtractorEvent(each.asString());
+    modules.push_back(HXValue::map({{"name", each}, {"extracts", HXValue(produced)}}));
+  }
+  return HXValue::map({{"events", std::move(events)}, {"modules", std::move(modules)}, {"cut", isCut}});
+}
+
+}  // namespace HX::web

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <hxvalue/hxvalue.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace HX {
+class HXBroker;
+class HXMemoryProxy;
+}  // namespace HX
+
+namespace HX::web {
+
+/// What a page has done on its behalf. Each function waits for the memory or another module, and throws what that
+/// throws.
+///
+/// @par Threads  Any, but not the server's.
+class Errands {
+ public:
+  using Memory = std::function<HXMemoryProxy()>;
+
+  Errands(std::weak_ptr<HXBroker> broker, Memory memory) : broker_(std::move(broker)), memory_(std::move(memory)) {}
+
+  /// Writes: set, raise, raiseMicro, describe, remove, declare.
+  /// @param wish  {"op", "key", "value", "type"}.
+  void write(const HXValue& wish) const;
+  /// What is known of a key beside its value.
+  HXValue about(const std::string& key) const;
+  /// Names of all services that can be reached.
+  HXValue services() const;
+  /// Methods and signals of one, with their documentation.
+  HXValue describe(const std::string& service) const;
+  /// @param wish  {"service", "method" (its number), "arguments"}.
+  HXValue call(const HXValue& wish) const;
+  /// @param wish  {"service", "signal", "arguments"}.
+  void emit(const HXValue& wish) const;
+  /// Who produces, raises and subscribes what.
+  HXValue wiring() const;
+
+ private:
+  std::shared_ptr<HXBroker> broker() const;
+
+  const std::weak_ptr<HXBroker> broker_;
+  const Memory memory_;
+};
+
+/// A value that came as JSON, as one of the named type.
+/// @param type  As `HXValue::TypeToString`; empty leaves it as it is.
+/// @throws std::runtime_error saying what does not fit.
+HXValue typed(const HXValue& value, const std::string& type);
+
+}  // namespace HX::web

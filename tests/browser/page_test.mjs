@@ -1,0 +1,151 @@
+// What a person does with the page, in a real browser.
+import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
+import { createServer } from 'node:http';
+import { kToken, launch, Robot } from './robot.mjs';
+
+const axe = readFileSync('node_modules/axe-core/axe.min.js', 'utf8');
+const robot = new Robot(process.argv[2]);
+const words = []; // What the page said on the console.
+let isLost = false;
+
+const test = async (what, body) => {
+  const began = Date.now();
+  await body();
+  console.log(`passed: ${what} (${Date.now() - began} ms)`);
+};
+
+const open = async (browser, hash, options = {}) => {
+  const context = await browser.newContext({ viewport: { width: 1280, height: 800 }, ...options });
+  const page = await context.newPage();
+  page.setDefaultTimeout(20000);
+  page.on('console', (message) => void (isLost || words.push(message.text())));
+  page.on('pageerror', (error) => words.push(error.message));
+  await page.goto(`${robot.address}/#token=${kToken}`);
+  await page.getByRole('row').first().waitFor();
+  if (hash) await page.evaluate((wanted) => void (location.hash = wanted), hash);
+  return page;
+};
+
+const complaintsOf = async (page) => {
+  await page.evaluate(axe);
+  const result = await page.evaluate(() => globalThis.axe.run(document, { resultTypes: ['violations'] }));
+  return result.violations.map((each) => `${each.id}: ${each.nodes.map((node) => node.html.slice(0, 120)).join(' | ')}`);
+};
+
+await robot.start();
+const browser = await launch();
+try {
+  await robot.korvo('set', 'Arm/Speed', '0.5');
+  await robot.korvo('set', 'Arm/Name', '"left"');
+  const page = await open(browser);
+
+  await test('the token leaves the address', () => assert.ok(!page.url().includes(kToken)));
+
+  await test('the tree shows values as they change', async () => {
+    const row = page.getByRole('row').filter({ hasText: 'Speed' });
+    await row.filter({ hasText: '0.5' }).waitFor();
+    await robot.korvo('set', 'Arm/Speed', '0.75');
+    await row.filter({ hasText: '0.75' }).waitFor();
+  });
+
+  await test('a key is found, opened by the keyboard, and set', async () => {
+    await page.keyboard.press('/');
+    await page.keyboard.type('arm/sp');
+    await page.getByText('1 found').waitFor();
+    await page.keyboard.press('ArrowDown');
+    await page.keyboard.press('ArrowDown');
+    await page.keyboard.press('Enter');
+    await page.getByRole('heading', { name: 'Arm/Speed' }).waitFor();
+    await page.getByLabel('Value', { exact: true }).last().fill('1.25');
+    await page.getByRole('button', { name: 'Set', exact: true }).click();
+    await page.getByText('Set', { exact: true }).last().waitFor();
+    assert.equal(await robot.korvo('get', 'Arm/Speed'), '1.25');
+  });
+
+  await test('an error is shown in words', async () => {
+    await page.getByLabel('Value', { exact: true }).last().fill('fast');
+    await page.getByRole('button', { name: 'Set', exact: true }).click();
+    await page.getByRole('alert').filter({ hasText: 'fast is no number' }).waitFor();
+  });
+
+  await test('a removal asks first', async () => {
+    await page.getByRole('button', { name: 'Remove…' }).click();
+    await page.getByRole('button', { name: 'Remove Arm/Speed' }).click();
+    await page.getByText('0 found').waitFor();
+  });
+
+  const views = ['#/memory?key=Host%2FMemory%2FUsed', '#/plots?p=Host%2FMemory%2FUsed', '#/events', '#/wiring', '#/services?service=HXMemory'];
+  const marks = ['Host/Memory/', 'Host/Memory/Used', 'Lid', 'Host/Sampled', 'insertData'];
+  await test('each view shows what it is for, and axe has no complaint', async () => {
+    for (const colorScheme of ['dark', 'light']) {
+      await page.emulateMedia({ colorScheme, reducedMotion: 'reduce' });
+      for (const [i, view] of views.entries()) {
+        await page.evaluate((wanted) => void (location.hash = wanted), view);
+        if (view === '#/events') {
+          await page.getByText('0 raises').or(page.getByText(/\d raises/)).first().waitFor();
+          await robot.korvo('raise', 'Lid', 'true');
+        }
+        await page.locator('main').getByText(marks[i]).first().waitFor({ state: 'attached' });
+        assert.deepEqual(await complaintsOf(page), [], `${view} ${colorScheme}`);
+      }
+    }
+  });
+
+  await test('a method is called by its form', async () => {
+    await page.getByLabel('Find a method').fill('getStrDataType');
+    const form = page.locator('details').filter({ hasText: 'getType' }).or(page.locator('details').filter({ hasText: 'getStrDataType' }));
+    await page.getByLabel('Find a method').fill('getType');
+    await form.first().locator('summary').click();
+    await form.first().locator('input').fill('Lid');
+    await form.first().getByRole('button', { name: 'Call' }).click();
+    await page.getByRole('status').filter({ hasText: 'Event' }).waitFor();
+  });
+
+  await test('a line is plotted', async () => {
+    await page.evaluate(() => void (location.hash = '#/plots?p=Host%2FMemory%2FUsed'));
+    await page.waitForFunction(() => {
+      const canvas = document.querySelector('.panel canvas');
+      if (!canvas) return false;
+      const { data } = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
+      // Lines are the only thing of much colour.
+      for (let at = 0; at < data.length; at += 4) if (Math.max(data[at], data[at + 1], data[at + 2]) - Math.min(data[at], data[at + 1], data[at + 2]) > 90) return true;
+      return false;
+    });
+  });
+
+  await test('the console has no word', () => assert.deepEqual(words, []));
+
+  await test('a killed broker is told at once, and the page comes back by itself', async () => {
+    await page.evaluate(() => void (location.hash = '#/memory'));
+    isLost = true; // The browser itself reports each request that fails.
+    await robot.kill();
+    await page.getByText('The robot does not answer').waitFor();
+    await robot.start();
+    await page.getByText('The robot does not answer').waitFor({ state: 'detached' });
+    await robot.korvo('set', 'Arm/Back', '7');
+    await page.getByRole('searchbox').fill('Arm/Back');
+    await page.getByRole('row').filter({ hasText: 'Arm/Back' }).filter({ hasText: '7' }).waitFor();
+  });
+
+  await test("a page of another origin gets nothing, with the reader's cookie and all", async () => {
+    const attacker = createServer((_, response) => response.setHeader('Content-Type', 'text/html').end('<h1>Prizes</h1>'));
+    await new Promise((resolve) => attacker.listen(0, '127.0.0.1', resolve));
+    const evil = await page.context().newPage();
+    await evil.goto(`http://127.0.0.1:${attacker.address().port}/`);
+    const outcome = await evil.evaluate(async (address) => {
+      const socket = await new Promise((resolve) => {
+        const made = new WebSocket(`${address.replace('http', 'ws')}/page`);
+        made.onopen = () => resolve('opened');
+        made.onerror = () => resolve('refused');
+      });
+      const read = await fetch(`${address}/metrics`, { credentials: 'include' }).then((answer) => answer.text(), () => 'refused');
+      return { socket, read };
+    }, robot.address);
+    assert.deepEqual(outcome, { socket: 'refused', read: 'refused' });
+    attacker.close();
+  });
+} finally {
+  await browser.close();
+  await robot.end();
+}
