@@ -39,6 +39,7 @@ class Broker final : public korvo::Target {
   std::vector<std::string> services() override { return target_->services(); }
   mw::Future<std::vector<mw::ServiceInfo>> askServices() override { return target_->askServices(); }
   void loadModule(const std::string& /*library*/) override { throw std::runtime_error("not here"); }
+  const std::shared_ptr<HX::HXBroker>& ownBroker() override { return broker_; }
 
  private:
   std::shared_ptr<HX::HXBroker> broker_;
@@ -47,7 +48,8 @@ class Broker final : public korvo::Target {
 
 /// The commands that wait, that print at length, or that open files by design.
 bool isLeftOut(std::string_view line) {
-  for (const char* word : {"OnChange", "perf", "import", "export", "hz", "--rate", "--count", "\\u"}) {
+  for (const char* word :
+       {"OnChange", "perf", "import", "export", "hz", "--rate", "--count", "--for", "--wait", "\\u"}) {
     if (line.find(word) != std::string_view::npos) return true;
   }
   return false;

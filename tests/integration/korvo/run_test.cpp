@@ -43,7 +43,7 @@ TEST(Console, EndsWhileACallLasts) {
 
 TEST(Live, PrintsSnapshotsWhereThereIsNoTerminal) {
   Process process(korvoRun({"--live"}));
-  ASSERT_TRUE(process.waitFor("KorvoReady               MicroEvent"));
+  ASSERT_TRUE(process.waitFor("KorvoReady  MicroEvent"));
   process.send(SIGINT);
   EXPECT_EQ(process.finish().status, 0);
 }
@@ -105,11 +105,10 @@ TEST_P(WrongUsage, IsToldAndExitsWithTwo) {
 
 using Words = std::vector<std::string>;
 INSTANTIATE_TEST_SUITE_P(CommandLines, WrongUsage,
-                         testing::Values(Words{}, Words{"fly"}, Words{"run", "--fly"}, Words{"run", "more"},
-                                         Words{"run", "--name", "a/b"}, Words{"run", "--name", ".."},
-                                         Words{"run", "--name", ""}, Words{"run", "--name", std::string(100, 'n')},
-                                         Words{"run", "--module"}, Words{"run", "--log-level", "loud"},
-                                         Words{"run", "--live", "--console"},
+                         testing::Values(Words{}, Words{"fly"}, Words{"run", "--fly"}, Words{"run", "--name", "a/b"},
+                                         Words{"run", "--name", ".."}, Words{"run", "--name", ""},
+                                         Words{"run", "--name", std::string(100, 'n')}, Words{"run", "--module"},
+                                         Words{"run", "--log-level", "loud"}, Words{"run", "--live", "--console"},
                                          Words{"run", "--data-dir", "/nowhere/at/all"}, Words{"get"},
                                          Words{"get", "a", "--fly"}, Words{"get", "a", "--timeout", "soon"},
                                          Words{"set", "a", "{"}, Words{"set", "\xff", "1"}, Words{"unwatch", "a"},

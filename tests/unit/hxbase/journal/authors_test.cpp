@@ -8,11 +8,13 @@
 #include <libmw/dynamicobject.h>
 #include <libmw/local.h>
 
+#include <chrono>
 #include <future>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -227,6 +229,9 @@ TEST_F(RemoteAuthors, AreForgottenWithTheirConnections) {
     Other().proxy("HXMemory")->call<HXValue>("getDataListName");
   }
   server_.reset();
+  // The thread that served a call lets go of its author a moment after the answer has left.
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (Author::remembered() != before && std::chrono::steady_clock::now() < limit) std::this_thread::yield();
   EXPECT_EQ(Author::remembered(), before) << "none of them has written";
 }
 
