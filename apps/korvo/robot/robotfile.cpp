@@ -28,9 +28,9 @@ using HX::Setting;
 const char* const kFreshness = "freshness";
 const char* const kExpect = "expect";
 
-class Reader {
+class RobotReader {
  public:
-  Reader(const std::string& path, Problems& problems) : problems_(problems) { file_.path = path; }
+  RobotReader(const std::string& path, Problems& problems) : problems_(problems) { file_.path = path; }
 
   RobotFile read(const GivenSettings& all) {
     for (const auto& [name, given] : all.entries) {
@@ -49,12 +49,12 @@ class Reader {
     return std::move(file_);
   }
 
-  using Read = void (Reader::*)(const GivenSettings&);
+  using Read = void (RobotReader::*)(const GivenSettings&);
   static const std::map<std::string, Read, std::less<>>& tables() {
-    static const std::map<std::string, Read, std::less<>> all{{"expect", &Reader::readExpectations},
-                                                              {"log-levels", &Reader::readLogLevels},
-                                                              {"maps", &Reader::readMaps},
-                                                              {"modules", &Reader::readModules}};
+    static const std::map<std::string, Read, std::less<>> all{{"expect", &RobotReader::readExpectations},
+                                                              {"log-levels", &RobotReader::readLogLevels},
+                                                              {"maps", &RobotReader::readMaps},
+                                                              {"modules", &RobotReader::readModules}};
     return all;
   }
 
@@ -180,13 +180,13 @@ std::string RobotFile::resolved(const std::string& relative) const {
 }
 
 RobotFile readRobotFile(const std::string& path, Problems& problems) {
-  return Reader(path, problems).read(readToml(path));
+  return RobotReader(path, problems).read(readToml(path));
 }
 
 const std::vector<std::string>& robotTables() {
   static const std::vector<std::string> names = [] {
     std::vector<std::string> all;
-    for (const auto& [name, read] : Reader::tables()) all.push_back(name);
+    for (const auto& [name, read] : RobotReader::tables()) all.push_back(name);
     return all;
   }();
   return names;

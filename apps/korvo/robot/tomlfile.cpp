@@ -33,9 +33,9 @@ std::string contentOf(const std::string& path) {
 }
 
 /// Makes values of nodes, and notes what has no value.
-class Reader {
+class TomlReader {
  public:
-  explicit Reader(std::string path) : path_(std::move(path)) {}
+  explicit TomlReader(std::string path) : path_(std::move(path)) {}
 
   GivenSettings read(const toml::table& table) {
     GivenSettings given;
@@ -99,7 +99,7 @@ class Reader {
 
 GivenSettings readToml(const std::string& path) {
   const std::string content = contentOf(path);
-  Reader reader(path);
+  TomlReader reader(path);
   try {
     GivenSettings given = reader.read(toml::parse(content, path));
     if (!reader.problems().empty()) throw HX::SettingsError(reader.problems());

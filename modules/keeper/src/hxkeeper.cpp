@@ -136,6 +136,8 @@ void HXKeeper::followChanges() {
 }
 
 void HXKeeper::onChange(const journal::Change& change) {
+  // A state has no description, and one that was set before the journal recorded is told by no change.
+  const std::string description = change.isState && change.kind == kData ? descriptionOf(change.key) : std::string();
   const std::lock_guard lock(mutex_);
   if (change.what == journal::What::Described) {
     noteDescription(std::string(change.key), change.value.isString() ? change.value.asString() : std::string());
@@ -143,6 +145,17 @@ void HXKeeper::onChange(const journal::Change& change) {
     noteRemoval(std::string(change.key));
   } else if (change.value.isValid()) {
     noteValue(change);
+    if (!description.empty()) noteDescription(std::string(change.key), description);
+  }
+}
+
+std::string HXKeeper::descriptionOf(std::string_view key) {
+  try {
+    const HXValue found = memory().getDescriptionList({std::string(key)});
+    // As many empty entries as keys, and then [name, kind, text].
+    return found.getSize() > 1 ? found[1][2].asString() : std::string();
+  } catch (const HXError&) {  // It has been removed meanwhile, of which a change tells.
+    return {};
   }
 }
 

@@ -62,6 +62,7 @@ class HXKeeper : public HXModule {
   void followChanges();
   void onChange(const journal::Change& change);
   void onSnapshotEnd();
+  std::string descriptionOf(std::string_view key);
   // With `mutex_` held:
   void noteValue(const journal::Change& change);
   void noteDescription(const std::string& key, const std::string& text);

@@ -102,9 +102,9 @@ TEST(Settings, ThatCanNeverBeRightAreRefusedWhenTheyAreDeclared) {
 }
 
 /// A module with some settings.
-class Arm : public HXModule {
+class Gripper : public HXModule {
  public:
-  Arm(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+  Gripper(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
     addSetting(Setting::duration("period", "20ms", "Time from one command to the next."));
     addSetting(Setting::integer("joints", 6, "How many it has.").between(1, 12));
   }
@@ -129,7 +129,7 @@ class ModuleSettings : public testing::Test {
   std::vector<std::string> problemsWith(const GivenSettings& given) {
     broker->provideSettings("Arm", given);
     try {
-      HXModule::createModule<Arm>(broker, "Arm");
+      HXModule::createModule<Gripper>(broker, "Arm");
     } catch (const HX::SettingsError& error) {
       EXPECT_THAT(broker->modules(), ElementsAre());
       return error.problems();
@@ -143,7 +143,7 @@ class ModuleSettings : public testing::Test {
 TEST_F(ModuleSettings, AreWhatWasGivenAndOtherwiseTheDefaults) {
   broker->provideSettings("Arm", GivenSettings::of(HXValue::map({{"joints", 7}})));
   broker->provideSettings("Leg", GivenSettings::of(HXValue::map({{"joints", 3}})));
-  const auto arm = HXModule::createModule<Arm>(broker, "Arm");
+  const auto arm = HXModule::createModule<Gripper>(broker, "Arm");
   EXPECT_EQ(arm->settings(), HXValue::map({{"joints", 7}, {"period", "20ms"}}));
   EXPECT_EQ(broker->describeModule("Arm").settings.front().name(), "period") << "in the order of their declaration";
   EXPECT_THROW(arm->addSetting(Setting::flag("late", true, "")), std::logic_error);
