@@ -107,7 +107,10 @@ try {
     await page.waitForFunction(() => {
       const canvas = document.querySelector('.panel canvas');
       if (!canvas) return false;
-      const { data } = canvas.getContext('2d').getImageData(0, 0, canvas.width, canvas.height);
+      // A copy: the browser complains of canvases that are read time and again.
+      const copy = new OffscreenCanvas(canvas.width, canvas.height).getContext('2d', { willReadFrequently: true });
+      copy.drawImage(canvas, 0, 0);
+      const { data } = copy.getImageData(0, 0, canvas.width, canvas.height);
       // Lines are the only thing of much colour.
       for (let at = 0; at < data.length; at += 4) if (Math.max(data[at], data[at + 1], data[at + 2]) - Math.min(data[at], data[at + 1], data[at + 2]) > 90) return true;
       return false;

@@ -49,7 +49,7 @@ template <class T>
 std::vector<T> column(const std::string& bytes, std::size_t& at, std::size_t count) {
   std::vector<T> read(count);
   EXPECT_EQ(at % sizeof(T), 0U) << "columns are aligned";
-  std::memcpy(read.data(), bytes.data() + at, count * sizeof(T));
+  if (count > 0) std::memcpy(read.data(), bytes.data() + at, count * sizeof(T));
   at += count * sizeof(T);
   return read;
 }
