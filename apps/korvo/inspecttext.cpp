@@ -9,6 +9,7 @@
 #include <chrono>
 #include <ctime>
 #include <initializer_list>
+#include <map>
 #include <utility>
 
 #include <fmt/chrono.h>
@@ -209,6 +210,18 @@ void addMemory(Sheet& sheet, const HXValue& told) {
   sheet.add("subscribers", fmt::format("{} subscriptions", entry(told, "subscriptions").toInt64()));
 }
 
+/// What several events of one extractor have in common is said once; `korvo demand` tells of each.
+void addExtractors(Sheet& sheet, const HXValue& answer) {
+  std::map<string, std::vector<string>> events;
+  for (const HXValue& one : listIn(answer, "extractors")) {
+    events[textIn(one, "extractor") + " " + demandOf(one, sheet)].push_back(textIn(one, "event"));
+  }
+  for (const auto& [demand, names] : events) {
+    const string more = names.size() == 1 ? "" : fmt::format(" and {} more", names.size() - 1);
+    sheet.add("extractors", fmt::format("{}{}: {}", names.front(), more, demand));
+  }
+}
+
 }  // namespace
 
 string durationText(double seconds) {
@@ -279,10 +292,7 @@ std::vector<string> doctorText(const std::vector<mw::RunningBroker>& brokers, co
     rows.push_back({sheet.clock(entry(one, "time")), textIn(one, "module"), textIn(one, "event"), textIn(one, "why")});
   }
   sheet.addRows("dropped", std::exchange(rows, {}));
-  for (const HXValue& one : listIn(answer, "extractors")) {
-    sheet.add("extractors",
-              fmt::format("{}: {} {}", textIn(one, "event"), textIn(one, "extractor"), demandOf(one, sheet)));
-  }
+  addExtractors(sheet, answer);
   for (const HXValue& one : listIn(answer, "severalAuthors")) {
     std::vector<string> authors;
     for (const HXValue& author : listIn(one, "authors")) authors.push_back(authorText(author.asString()));

@@ -87,10 +87,14 @@ void Follower::end() noexcept {
   if (!isOwn) dropCallbacks();
 }
 
-/// What they hold may hold the follower, and goes with its end rather than with its last task.
+/// What they hold may hold the follower, and goes with its end rather than with its last task. The other options are
+/// read by that task still.
 void Follower::dropCallbacks() noexcept {
   onChange_ = nullptr;
-  options_ = {};
+  options_.onGap = nullptr;
+  options_.onComplete = nullptr;
+  options_.onUnchanged = nullptr;
+  options_.onPause = nullptr;
 }
 
 void Follower::pause() noexcept {
