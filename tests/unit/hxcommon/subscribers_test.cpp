@@ -41,6 +41,9 @@ class Memory : public mw::DynamicObject {
 
 class SubscribersOfAnExtractor : public testing::Test {
  protected:
+  /// The notice of the memory would have events declared on another thread.
+  void SetUp() override { settle(); }
+
   mw::Session& session() { return *broker_->session(); }
 
   template <class Service = mw::DynamicObject>
