@@ -21,7 +21,6 @@ export class Robot {
     return {
       ...process.env,
       XDG_RUNTIME_DIR: this.folder,
-      KORVO_HOST_PERIOD: '100',
       KORVO_WEB_PORT: String(this.port),
       KORVO_WEB_ALLOW_WRITE: '1',
       KORVO_WEB_WRITE_TOKEN: kToken,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxproxies/hxfreshnessproxy.h>
 #include <libmw/clock.h>
 
 #include <chrono>
@@ -20,13 +21,7 @@ class Expectations {
   using TimePoint = std::chrono::steady_clock::time_point;
   using Duration = std::chrono::nanoseconds;
 
-  /// How a key stands.
-  struct Standing {
-    std::string key;
-    Duration age{};  ///< Since it was written; since it is expected, when it never was.
-    Duration limit{};
-    bool isOverdue = false;
-  };
+  using Standing = HXFreshnessProxy::Standing;
 
   /// Expects a key, or changes its limit.
   /// @return How it stood before, where it was overdue and is not any more by the new limit.

@@ -98,9 +98,9 @@ export function Chart({ series, seconds, height, isSmall, isPaused, onReady }: O
     const clock = window.setInterval(draw, 1000); // Time goes on when nothing changes.
     const observer = new ResizeObserver(() => plot.setSize({ width: Math.max(120, element.clientWidth), height }));
     observer.observe(element);
-    const again = () => plot.redraw();
-    const scheme = matchMedia('(prefers-color-scheme: dark)');
-    scheme.addEventListener('change', again);
+    // The colours of lines are read when they are drawn.
+    const scheme = new MutationObserver(() => plot.redraw());
+    scheme.observe(document.documentElement, { attributeFilter: ['data-scheme'] });
     const resetZoom = () => {
       isZoomed = false;
       draw();
@@ -111,7 +111,7 @@ export function Chart({ series, seconds, height, isSmall, isPaused, onReady }: O
       unlisten();
       clearInterval(clock);
       observer.disconnect();
-      scheme.removeEventListener('change', again);
+      scheme.disconnect();
       plot.destroy();
     };
   }, [names, seconds, height]);

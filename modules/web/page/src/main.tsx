@@ -51,7 +51,13 @@ function App({ isRefused }: { isRefused: boolean }) {
   useNews();
   const { view } = useRoute();
   const [scheme, setScheme] = useKept('scheme', 'auto');
-  useEffect(() => void (document.documentElement.dataset.scheme = scheme), [scheme]);
+  useEffect(() => {
+    const light = matchMedia('(prefers-color-scheme: light)');
+    const show = () => void (document.documentElement.dataset.scheme = scheme !== 'auto' ? scheme : light.matches ? 'light' : 'dark');
+    show();
+    light.addEventListener('change', show);
+    return () => light.removeEventListener('change', show);
+  }, [scheme]);
   useEffect(() => void (document.title = store.broker ? `${store.broker} · Korvo` : 'Korvo'), [store.broker]);
   const isLost = store.status === 'lost' || store.trouble !== '';
   return (
