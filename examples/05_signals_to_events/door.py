@@ -52,6 +52,10 @@ def main() -> None:
             door.close()
             door.open("cellar")
             print(rooms.get(timeout=30), rooms.get(timeout=30))
+        # The memory hears of it by a way of its own, a moment sooner or later.
+        for change in robot.follow("Door/Opened", timeout=30):
+            if change.value == "cellar":
+                break
         print(robot.info("Door/Opened").kind, robot["Door/Opened"])
 
 
