@@ -5,14 +5,14 @@
 #include <libmw/log.h>
 
 #include <algorithm>
-#include <console.h>
+#include <console/console.h>
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <output.h>
+#include <base/output.h>
 #include <sstream>
-#include <target.h>
-#include <watches.h>
+#include <base/target.h>
+#include <commands/watches.h>
 
 namespace fuzz {
 namespace {

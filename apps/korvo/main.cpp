@@ -1,4 +1,4 @@
-#include "commandline.h"
+#include "line/commandline.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "format.h"
-#include "keyquestions.h"
+#include "base/format.h"
+#include "base/keyquestions.h"
 #include "model.h"
 #include "paint.h"
 

@@ -1,6 +1,6 @@
 #include "extractorsearch.h"
 
-#include "target.h"
+#include "base/target.h"
 
 #include <algorithm>
 

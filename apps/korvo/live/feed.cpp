@@ -1,7 +1,7 @@
 #include "feed.h"
 
-#include "format.h"
-#include "target.h"
+#include "base/format.h"
+#include "base/target.h"
 
 #include <hxcommon/hxbroker.h>
 #include <hxerror/hxerror.h>

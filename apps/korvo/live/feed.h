@@ -1,9 +1,9 @@
 #pragma once
 
+#include "base/event.h"
+#include "base/keyquestions.h"
 #include "detail.h"
-#include "event.h"
 #include "extractorsearch.h"
-#include "keyquestions.h"
 #include "model.h"
 
 #include <hxcommon/hxproxy.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "event.h"
+#include "base/event.h"
 
 #include <libmw/log.h>
 

@@ -1,17 +1,17 @@
 #include "view.h"
 
+#include "base/event.h"
+#include "base/format.h"
+#include "base/keyquestions.h"
+#include "base/output.h"
+#include "base/target.h"
 #include "celltext.h"
 #include "detail.h"
-#include "event.h"
 #include "feed.h"
-#include "format.h"
 #include "fullscreen.h"
-#include "keyquestions.h"
 #include "model.h"
-#include "output.h"
 #include "paint.h"
 #include "table.h"
-#include "target.h"
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,5 @@
+#include "commands/inspecttext.h"
 #include "hxjournal.h"
-#include "inspecttext.h"
 #include "memory_fixture.h"
 
 #include <hxauthor/author.h>

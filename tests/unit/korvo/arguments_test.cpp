@@ -1,4 +1,4 @@
-#include "arguments.h"
+#include "commands/arguments.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,11 +1,11 @@
-#include "console.h"
+#include "console/console.h"
 
-#include "linesource.h"
+#include "base/output.h"
+#include "base/target.h"
+#include "commands/watches.h"
+#include "console/linesource.h"
 #include "manual_executor.h"
 #include "memory_fixture.h"
-#include "output.h"
-#include "target.h"
-#include "watches.h"
 
 #include <hxvalue/json.h>
 

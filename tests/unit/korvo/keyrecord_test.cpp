@@ -1,4 +1,4 @@
-#include "keyrecord.h"
+#include "commands/keyrecord.h"
 
 #include "expect_error.h"
 

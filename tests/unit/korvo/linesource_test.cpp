@@ -1,7 +1,7 @@
-#include "linesource.h"
+#include "console/linesource.h"
 
-#include "arguments.h"
-#include "event.h"
+#include "base/event.h"
+#include "commands/arguments.h"
 
 #include <array>
 #include <thread>

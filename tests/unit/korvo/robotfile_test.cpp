@@ -1,4 +1,4 @@
-#include "fileoptions.h"
+#include "hosting/fileoptions.h"
 #include "robot/tomlfile.h"
 #include "temporary_folder.h"
 

@@ -1,6 +1,6 @@
-#include "suggestion.h"
+#include "base/suggestion.h"
 
-#include "frequency.h"
+#include "commands/frequency.h"
 
 #include <vector>
 

@@ -1,8 +1,8 @@
-#include "verbs.h"
+#include "line/verbs.h"
 
-#include "commands.h"
-#include "completion.h"
-#include "help.h"
+#include "commands/commands.h"
+#include "console/completion.h"
+#include "line/help.h"
 
 #include <CLI/CLI.hpp>
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-#include "watchlines.h"
+#include "commands/watchlines.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,0 +1,168 @@
+#include "fileoptions.h"
+
+#include "base/suggestion.h"
+#include "robot/problems.h"
+
+#include <hxcommon/hxbroker.h>
+#include <hxcommon/units.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+namespace korvo {
+namespace {
+
+using HX::HXValue;
+
+// What a command line is for, or tables are.
+const std::vector<std::string> kNotInFiles{"help", "module"};
+
+bool isFlag(const CLI::Option& option) { return option.get_items_expected_max() == 0; }
+bool mayBeRepeated(const CLI::Option& option) { return option.get_items_expected_max() > 1; }
+
+/// What is wrong with an option as it would stand on a command line; empty for nothing.
+std::string problemOf(const std::string& word) {
+  // A verb of its own, so that nothing is set by trying.
+  const auto options = optionsOf(freshVerb("run"));
+  try {
+    std::vector<std::string> words{word};
+    options->parse(words);
+    return {};
+  } catch (const CLI::ParseError& error) {
+    std::string text = error.what();
+    return text.starts_with("--") ? text.substr(2) : text;
+  }
+}
+
+class OptionReader {
+ public:
+  OptionReader(const RobotFile& file, const CLI::App& options) : file_(file), options_(options) {}
+
+  std::vector<std::string> read(const std::string& name, const HXValue& value) const {
+    const CLI::Option* const option = options_.get_option_no_throw("--" + name);
+    if (!option || std::ranges::count(kNotInFiles, name) > 0) failName(name);
+    if (isFlag(*option)) {
+      if (!value.isBool())
+        throw std::runtime_error(fmt::format("{}: {} is no flag: write true or false", name, value.toString()));
+      return value.asBool() ? std::vector<std::string>{"--" + name} : std::vector<std::string>{};
+    }
+    if (!value.isList()) return {word(*option, name, value)};
+    if (!mayBeRepeated(*option)) throw std::runtime_error(name + " takes one value, and no list");
+    std::vector<std::string> words;
+    for (const HXValue& element : value.asList()) words.push_back(word(*option, name, element));
+    return words;
+  }
+
+ private:
+  [[noreturn]] void failName(const std::string& name) const {
+    if (name == "module") throw std::runtime_error("modules are tables: write [modules.NAME]");
+    std::vector<std::string> names = robotTables();
+    for (const std::string& one : optionNames(options_)) {
+      if (std::ranges::count(kNotInFiles, one.substr(2)) == 0) names.push_back(one.substr(2));
+    }
+    const std::string suggestion = didYouMean(name, names);
+    throw std::runtime_error(
+        fmt::format("no option {}{}", name, suggestion.empty() ? "; korvo run --help lists them" : suggestion));
+  }
+
+  std::string word(const CLI::Option& option, const std::string& name, const HXValue& value) const {
+    std::string word = fmt::format("--{}={}", name, text(option, name, value));
+    if (const std::string problem = problemOf(word); !problem.empty()) throw std::runtime_error(problem);
+    return word;
+  }
+
+  /// The value as a word of the command line, by the unit that the option says it takes.
+  std::string text(const CLI::Option& option, const std::string& name, const HXValue& value) const {
+    // What is checked about it stands behind a colon.
+    const std::string type = option.get_type_name();
+    const std::string unit = type.substr(0, type.find(':'));
+    try {
+      if (value.isString()) {
+        if (unit == "SECONDS") return fmt::format("{}", static_cast<double>(HX::toDuration(value).count()) / 1e9);
+        if (unit == "BYTES") return fmt::format("{}", HX::toBytes(value));
+        if (unit == "DIR" || unit == "FILE") return file_.resolved(value.asString());
+        return value.asString();
+      }
+      const bool isNumber = value.isInt() || value.isInt64() || value.isDouble();
+      // Who takes any text takes no number: it would be a slip.
+      const bool takesText = problemOf(fmt::format("--{}=a", name)).empty();
+      if (isNumber && !takesText) return value.toString();
+      throw std::runtime_error(
+          fmt::format("{} is no {}", value.toString(), takesText ? "text: write it in quotes" : "number"));
+    } catch (const std::exception& error) {
+      throw std::runtime_error(fmt::format("{}: {}", name, error.what()));
+    }
+  }
+
+  const RobotFile& file_;
+  const CLI::App& options_;
+};
+
+/// Whether an option of the command line keeps `option` from having effect.
+bool isOverridden(const CLI::Option& option, const CLI::App& options, const GivenWords& given) {
+  return std::ranges::any_of(given.values, [&](const auto& one) {
+    const CLI::Option* const other = options.get_option_no_throw(one.first);
+    if (!other) return false;
+    const auto excludes = [](const CLI::Option& a, const CLI::Option& b) {
+      return std::ranges::count(a.get_excludes(), &b, [](const auto* excluded) { return excluded; }) > 0;
+    };
+    return (other == &option && !mayBeRepeated(option)) || excludes(option, *other) || excludes(*other, option);
+  });
+}
+
+OptionWords optionWords(const RobotFile& file, Problems& problems) {
+  const auto options = optionsOf(freshVerb("run"));
+  const OptionReader reader(file, *options);
+  OptionWords words;
+  for (const auto& [name, given] : file.options) {
+    try {
+      words.emplace("--" + name, reader.read(name, given.value));
+    } catch (const std::exception& error) {
+      const bool isKnown = options->get_option_no_throw("--" + name) != nullptr;
+      problems.add(isKnown ? given.valuePlace : given.namePlace, error.what());
+    }
+  }
+  return words;
+}
+
+}  // namespace
+
+Robot readRobot(const std::string& path) {
+  Problems problems;
+  RobotFile file = readRobotFile(path, problems);
+  OptionWords words = optionWords(file, problems);
+  problems.throwIfAny();
+  return {std::move(file), std::move(words)};
+}
+
+void addOptionWords(const OptionWords& words, const CLI::App& options, GivenWords& given) {
+  const GivenWords line = given;
+  for (const auto& [name, values] : words) {
+    const CLI::Option* const option = options.get_option_no_throw(name);
+    if (!option || isOverridden(*option, options, line)) continue;
+    given.options.insert(given.options.end(), values.begin(), values.end());
+    given.values.try_emplace(name);
+  }
+}
+
+void takeModules(const RobotFile& file, bool all, HostingOptions& options) {
+  std::vector<std::string> libraries;
+  const auto add = [&](const std::string& library) {
+    if (std::ranges::count(libraries, library) == 0) libraries.push_back(library);
+  };
+  for (const RobotModule& module : file.modules) {
+    options.settings.insert_or_assign(HX::HXBroker::libraryName(module.library), module.settings);
+    if (all && !module.ownProcess) add(module.library);
+  }
+  for (const std::string& wanted : options.modules) {
+    const RobotModule* const module = file.find(wanted);
+    add(module ? module->library : wanted);
+  }
+  options.modules = std::move(libraries);
+}
+
+}  // namespace korvo

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "hosting.h"
+#include "line/verbs.h"
+#include "robot/robotfile.h"
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace korvo {
+
+/// Options as words of a command line, by their names: "--data-dir" and {"--data-dir=/a", "--data-dir=/b"}.
+using OptionWords = std::map<std::string, std::vector<std::string>, std::less<>>;
+
+/// A file, and its options as those of `korvo run`.
+struct Robot {
+  RobotFile file;
+  OptionWords words;
+};
+
+/// Reads a file. In its options texts like "200ms" and "1GiB" become the seconds and bytes that an option counts in,
+/// and paths are taken from the folder of the file.
+///
+/// @throws HX::SettingsError with all that is wrong.
+/// @throws std::runtime_error when the file cannot be read.
+Robot readRobot(const std::string& path);
+
+/// Puts the options of a file behind those of the command line, which win: an option that takes one value and is given
+/// there is left out, and so is one that cannot stand beside a given one; what may be repeated is added.
+///
+/// @param options  Of the command; what it does not have is left out.
+void addOptionWords(const OptionWords& words, const CLI::App& options, GivenWords& given);
+
+/// Has the modules of the file loaded before those of the command line, each once, and all of them find their settings.
+/// A module of the command line that the file names is the file's.
+/// @param all  False when only the modules of the command line are wanted.
+void takeModules(const RobotFile& file, bool all, HostingOptions& options);
+
+}  // namespace korvo
