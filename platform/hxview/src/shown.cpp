@@ -1,0 +1,102 @@
+#include <hxview/cell.h>
+#include <hxview/clock.h>
+#include <hxview/futex.h>
+#include <hxview/shown.h>
+
+#include <hxvalue/msgpack.h>
+
+#include <span>
+#include <stdexcept>
+
+namespace HX::view {
+namespace {
+
+Kind kindOf(const HXValue& value) noexcept { return {value.getType(), State::Present, 0}; }
+
+}  // namespace
+
+void Shown::publish(const HXValue& value, std::int64_t systemNanoseconds) const noexcept {
+  Kind kind = kindOf(value);
+  // A cell has no room for anything else. It says so, for a number may come again.
+  if (value.isValid() && !value.isScalar()) kind.state = State::OtherType;
+  const std::uint64_t bits = kind.state == State::Present ? value.scalarBits() : 0;
+  const std::uint64_t written = monotonicAt(systemNanoseconds);
+  publish(written, {written, kind.word(), bits});
+}
+
+void Shown::publish(State state) const noexcept {
+  const std::uint64_t written = monotonicNow();
+  publish(written, {written, Kind{HXValue::Type::Invalid, state, 0}.word(), 0});
+}
+
+void Shown::publish(std::uint64_t written, const Content& content) const noexcept
+    HX_THREAD_ATTRIBUTE(no_thread_safety_analysis) {  // Where there are rings, the Preparation holds it.
+  if (parts_.cell) view::publish(*parts_.cell, content);
+  for (RingWriter& ring : rings_) ring.commit(written);
+}
+
+void Shown::prepare(const HXValue& value) const HX_THREAD_ATTRIBUTE(no_thread_safety_analysis) {
+  if (rings_.empty()) return;
+  std::span<const std::byte> bytes;
+  Kind kind = kindOf(value);
+  const std::uint64_t bits = value.scalarBits();
+  if (value.isScalar()) {
+    bytes = std::as_bytes(std::span(&bits, 1));
+  } else if (const std::string* const text = value.stringIf()) {
+    bytes = std::as_bytes(std::span(*text));
+  } else if (const HXValue::Binary* const binary = value.binaryIf()) {
+    bytes = *binary;
+  } else if (value.isValid()) {
+    encoded_.clear();
+    try {
+      appendMsgpack(encoded_, value);
+    } catch (const std::runtime_error&) {
+      kind.state = State::TooLarge;  // For the format; so for every ring.
+    }
+    bytes = encoded_;
+  }
+  for (RingWriter& ring : rings_) ring.prepare(kind, bytes);
+}
+
+void Shown::prepare(State state) const noexcept HX_THREAD_ATTRIBUTE(no_thread_safety_analysis) {
+  for (RingWriter& ring : rings_) ring.prepare({HXValue::Type::Invalid, state, 0}, {});
+}
+
+/// Either the sequence is seen by who is about to sleep, or the bell is seen here: both say what they have to say, and
+/// look then, in the one order of all that is sequentially consistent.
+void Shown::wake() const noexcept {
+  int due = 0;
+  const Word* sequence = nullptr;
+  for (const Target& target : parts_.targets) {
+    const std::uint64_t published = target.sequence->fetch_add(0, std::memory_order_seq_cst);
+    for (const auto& bell : target.bells) {
+      const std::uint64_t awaited = bell->word->load(std::memory_order_seq_cst);
+      if (awaited == 0 || awaited > published) continue;
+      if (bell->rung.exchange(awaited, std::memory_order_relaxed) == awaited) continue;
+      sequence = target.sequence;
+      ++due;
+    }
+  }
+  if (due == 1) wakeAll(*sequence);
+  if (due > 1) parts_.waker->wakeLater(shared_from_this());
+}
+
+void Shown::ring() const noexcept {
+  for (const Target& target : parts_.targets) wakeAll(*target.sequence);
+}
+
+Preparation::Preparation(const Shown* shown, const HXValue& value, Afterwards& after) : shown_(shown) {
+  if (!shown || shown->isPlain()) return;
+  if (!shown->parts_.targets.empty()) after.shown_ = shown->shared_from_this();
+  lock_.emplace(shown->mutex_);
+  shown->prepare(value);
+}
+
+Preparation::Preparation(const Shown* shown, State state, Afterwards& after) : shown_(shown) {
+  if (!shown || shown->isPlain()) return;
+  if (!shown->parts_.targets.empty()) after.shown_ = shown->shared_from_this();
+  lock_.emplace(shown->mutex_);
+  shown->prepare(state);
+}
+
+}  // namespace HX::view
