@@ -1,5 +1,6 @@
 #include "droppedsubscriptions.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/clock.h>
 
 #include <exception>
@@ -14,7 +15,7 @@ DroppedSubscriptions& DroppedSubscriptions::instance() {
 void DroppedSubscriptions::add(const std::string& event, const std::string& module, const std::string& why) noexcept {
   try {
     MemoryInsight::Dropped dropped{event, module, why, mw::systemNow()};
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     latest_.push_back(std::move(dropped));
     if (latest_.size() > kKept) latest_.pop_front();
   } catch (const std::exception&) {
@@ -23,12 +24,12 @@ void DroppedSubscriptions::add(const std::string& event, const std::string& modu
 }
 
 std::vector<MemoryInsight::Dropped> DroppedSubscriptions::all() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return {latest_.begin(), latest_.end()};
 }
 
 void DroppedSubscriptions::clear() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   latest_.clear();
 }
 

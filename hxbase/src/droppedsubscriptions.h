@@ -1,9 +1,9 @@
 #pragma once
 
 #include <hxcommon/memoryinsight.h>
+#include <hxerror/mutex.h>
 
 #include <deque>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -25,8 +25,8 @@ class DroppedSubscriptions {
  private:
   static constexpr std::size_t kKept = 100;
 
-  mutable std::mutex mutex_;  // Guards `latest_`.
-  std::deque<MemoryInsight::Dropped> latest_;
+  mutable Mutex mutex_;
+  std::deque<MemoryInsight::Dropped> latest_ HX_GUARDED_BY(mutex_);
 };
 
 }  // namespace HX

@@ -2,10 +2,9 @@
 
 #include <hxbase/hxmemory.h>
 #include <hxcommon/hxbroker.h>
+#include <hxerror/mutex.h>
 
-#include <mutex>
 #include <optional>
-#include <shared_mutex>
 #include <stdexcept>
 
 namespace HX {
@@ -42,14 +41,14 @@ void HXMemory::xRaiseMicroEvent(const std::string& name, const HXValue& value) {
 
 void HXMemory::removeEvent(const std::string& name) {
   xRemoveData(name);
-  const std::unique_lock lock(eventExtractorsLock);
+  const Lock lock(eventExtractorsLock);
   eventExtractors.erase(name);
 }
 
 void HXMemory::removeMicroEvent(const std::string& name) { removeEvent(name); }
 
 std::vector<std::string> HXMemory::getExtractorEvent(const std::string& extractorName) {
-  const std::shared_lock lock(eventExtractorsLock);
+  const SharedLock lock(eventExtractorsLock);
   std::vector<std::string> events;
   for (const auto& [event, extractor] : eventExtractors) {
     if (extractor.filed && extractor.module == extractorName) events.push_back(event);
@@ -59,12 +58,12 @@ std::vector<std::string> HXMemory::getExtractorEvent(const std::string& extracto
 
 std::string HXMemory::extractorOf(const std::string& event) {
   {
-    const std::shared_lock lock(eventExtractorsLock);
+    const SharedLock lock(eventExtractorsLock);
     const auto found = eventExtractors.find(event);
     if (found != eventExtractors.end()) return found->second.module;
   }
   // Remembered from now on, so that unsubscribing later finds an entry and logs nothing.
-  const std::unique_lock lock(eventExtractorsLock);
+  const Lock lock(eventExtractorsLock);
   return eventExtractors[event].module;
 }
 
@@ -87,7 +86,7 @@ void HXMemory::stopExtractor(const std::string& event, const std::string& subscr
   forgetDemand(event, subscriberId);
   std::optional<std::string> extractor;
   {
-    const std::shared_lock lock(eventExtractorsLock);
+    const SharedLock lock(eventExtractorsLock);
     const auto found = eventExtractors.find(event);
     if (found != eventExtractors.end()) extractor = found->second.module;
   }

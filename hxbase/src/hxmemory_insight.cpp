@@ -2,12 +2,11 @@
 
 #include <hxbase/hxmemory.h>
 #include <hxcommon/hxbroker.h>
+#include <hxerror/mutex.h>
 #include <libmw/whereabouts.h>
 
 #include <algorithm>
-#include <mutex>
 #include <new>
-#include <shared_mutex>
 #include <utility>
 
 namespace HX {
@@ -40,7 +39,7 @@ void HXMemory::forEachSubscribed(
   std::vector<std::shared_ptr<STMValue>> some;
   for (std::uint64_t place = 0; place != NameTable<STMValue>::kWalked;) {
     {
-      const std::shared_lock lock(itemsLock);
+      const SharedLock lock(itemsLock);
       place = items.walk(place, NameTable<STMValue>::kWalked, kHomes, [&](std::string_view, const auto& item) {
         if (item->hasNotifiers()) some.push_back(item);
       });
@@ -58,13 +57,13 @@ std::vector<MemoryInsight::Wait> HXMemory::waits() const { return NotifierLock::
 std::vector<MemoryInsight::Dropped> HXMemory::dropped() const { return DroppedSubscriptions::instance().all(); }
 
 std::string HXMemory::extractorNameOf(const std::string& key) const {
-  const std::shared_lock lock(eventExtractorsLock);
+  const SharedLock lock(eventExtractorsLock);
   const auto found = eventExtractors.find(key);
   return found == eventExtractors.end() || found->second.module == "Unknown" ? "" : found->second.module;
 }
 
 std::vector<std::pair<std::string, std::string>> HXMemory::extractedEvents() const {
-  const std::shared_lock lock(eventExtractorsLock);
+  const SharedLock lock(eventExtractorsLock);
   std::vector<std::pair<std::string, std::string>> events;
   for (const auto& [event, extractor] : eventExtractors) {
     if (extractor.filed && !extractor.module.empty() && extractor.module != "Unknown") {
@@ -81,7 +80,7 @@ void HXMemory::noteDemand(const std::string& extractor, const std::string& event
   try {
     const std::size_t end = subscriberId.ends_with(event) ? subscriberId.size() - event.size() : std::string::npos;
     Demand demand{extractor, event, subscriberId.substr(0, end), mw::systemNow(), failure};
-    const std::lock_guard lock(insightLock);
+    const MutexLock lock(insightLock);
     auto [known, isNew] = demanded.try_emplace({event, subscriberId});
     if (!isNew && known->second.extractor == extractor && known->second.failure == failure) return;
     known->second = std::move(demand);
@@ -92,14 +91,14 @@ void HXMemory::noteDemand(const std::string& extractor, const std::string& event
 }
 
 void HXMemory::forgetDemand(const std::string& event, const std::string& subscriberId) {
-  const std::lock_guard lock(insightLock);
+  const MutexLock lock(insightLock);
   demanded.erase({event, subscriberId});
 }
 
 std::vector<MemoryInsight::Demand> HXMemory::demands() const {
   std::vector<Demand> all;
   {
-    const std::lock_guard lock(insightLock);
+    const MutexLock lock(insightLock);
     for (const auto& [name, demand] : demanded) all.push_back(demand);
   }
   for (Demand& demand : all) {
@@ -111,8 +110,9 @@ std::vector<MemoryInsight::Demand> HXMemory::demands() const {
   return all;
 }
 
-std::vector<MemoryInsight::Mapping> HXMemory::mappings() const {
-  const std::lock_guard lock(insightLock);
+// Who reads the mappings needs one of the two locks with which they are changed.
+HX_UNCHECKED std::vector<MemoryInsight::Mapping> HXMemory::mappings() const {
+  const MutexLock lock(insightLock);
   std::vector<Mapping> all;
   for (const auto& [service, signalEvent] : pendingMappings) {
     for (const auto& [signal, event] : signalEvent) all.push_back({service, signal, event});

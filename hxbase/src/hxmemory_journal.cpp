@@ -1,8 +1,6 @@
 #include <hxbase/hxmemory.h>
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
-
-#include <mutex>
-#include <shared_mutex>
 
 namespace HX {
 namespace {
@@ -24,7 +22,7 @@ std::shared_ptr<journal::Executor> HXMemory::executorOf(const JournalSettings& s
 std::uint64_t HXMemory::walk(std::uint64_t place, std::uint64_t until, std::size_t homes,
                              journal::Visitor& visitor) const {
   static_assert(NameTable<STMValue>::kWalked == journal::Source::kEnd);
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   return items.walk(place, until, homes, [&](std::string_view name, const auto& item) {
     if (visitor.wants(name)) visitor.visit(name, item->state());
   });
@@ -33,7 +31,7 @@ std::uint64_t HXMemory::walk(std::uint64_t place, std::uint64_t until, std::size
 std::uint64_t HXMemory::placeOf(std::string_view name) const noexcept { return NameTable<STMValue>::placeOf(name); }
 
 void HXMemory::show(std::span<const std::string> names, journal::Visitor& visitor) const {
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   for (const std::string& name : names) {
     const auto* found = items.find(name);
     if (found && visitor.wants(name)) visitor.visit(name, (*found)->state());
@@ -41,7 +39,7 @@ void HXMemory::show(std::span<const std::string> names, journal::Visitor& visito
 }
 
 void HXMemory::setRecording(bool on) {
-  const std::unique_lock lock(itemsLock);
+  const Lock lock(itemsLock);
   recording_.store(on, std::memory_order_relaxed);
 }
 

@@ -4,22 +4,22 @@
 #include <hxbase/detail/notifierlock.h>
 #include <hxbase/hxmemory.h>
 #include <hxcommon/hxbroker.h>
+#include <hxerror/mutex.h>
 #include <libmw/os.h>
 #include <libmw/path.h>
 
 #include <chrono>
 #include <cstdio>
 #include <memory>
-#include <shared_mutex>
 #include <stdexcept>
 
 namespace HX {
 
 /// Holds `mappingMutex` and says who does. Applying a mapping declares events, and a subscriber of the bookkeeping may
 /// ask for another mapping on the same thread: that one would wait for itself, and is refused instead.
-class HXMemory::MappingLock {
+class HX_SCOPED_CAPABILITY HXMemory::MappingLock {
  public:
-  explicit MappingLock(HXMemory& memory) : memory_(memory) {
+  explicit MappingLock(HXMemory& memory) HX_ACQUIRE(memory.mappingMutex) : memory_(memory) {
     if (memory.mappingOwner_ == std::this_thread::get_id()) {
       throw std::runtime_error("a mapping cannot be added while one is being applied on the same thread");
     }
@@ -28,7 +28,7 @@ class HXMemory::MappingLock {
   }
   MappingLock(const MappingLock&) = delete;
   MappingLock& operator=(const MappingLock&) = delete;
-  ~MappingLock() {
+  ~MappingLock() HX_RELEASE() {
     memory_.mappingOwner_ = std::thread::id();
     memory_.mappingMutex.unlock();
   }
@@ -38,16 +38,13 @@ class HXMemory::MappingLock {
 };
 
 std::shared_ptr<HXMemorySubscriber> HXMemory::subscriber(const std::string& eventName) {
-  std::shared_lock lock(itemsLock);
-  const auto* found = items.find(eventName);
-  if (!found) {
-    lock.unlock();
+  auto item = xGetSTMValue(eventName);
+  if (!item) {
     declareEvent(eventName);
-    lock.lock();
-    found = items.find(eventName);  // Somebody may have removed it again meanwhile.
-    if (!found) throw std::runtime_error("event not found");
+    item = xGetSTMValue(eventName);  // Somebody may have removed it again meanwhile.
+    if (!item) throw std::runtime_error("event not found");
   }
-  return (*found)->subscriber();  // Never without an item, which would be an "invalid registered event".
+  return item->subscriber();  // Never without an item, which would be an "invalid registered event".
 }
 
 bool HXMemory::_parseEventFromLine(std::string line, std::string& service, std::string& signal,
@@ -85,7 +82,7 @@ void HXMemory::applyPendingMappings() {
 void HXMemory::addMapping(const std::string& service, const std::string& signal, const std::string& event) {
   {
     const MappingLock lock(*this);
-    const std::lock_guard insight(insightLock);
+    const MutexLock insight(insightLock);
     pendingMappings[service][signal] = event;
   }
   bool found = false;
@@ -112,7 +109,7 @@ void HXMemory::declareEventsFromService(const std::string& service,
 
 /// @return Whether it was not noted of this object before.
 bool HXMemory::noteMapped(const mw::AnyObject& object, const std::string& service, const std::string& signal) {
-  const std::lock_guard lock(mappedLock);
+  const MutexLock lock(mappedLock);
   MappedService& mapped = mappedServices[service];
   const auto& given = object.pointer();
   const bool isSame = !mapped.object.owner_before(given) && !given.owner_before(mapped.object);

@@ -1,9 +1,8 @@
 #include <hxbase/hxmemory.h>
+#include <hxerror/mutex.h>
 #include <libmw/detail/racepoint.h>
 
 #include <chrono>
-#include <mutex>
-#include <shared_mutex>
 
 namespace HX {
 namespace {
@@ -24,7 +23,7 @@ HXValue HXMemory::getDataTimestamp(const std::string& key) { return requireItem(
 HXValue HXMemory::getEventHistory(const std::string& key) { return requireItem(key, "getEventHistory")->history(); }
 
 std::vector<std::string> HXMemory::getDataListName() {
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   std::vector<std::string> names;
   names.reserve(items.size());
   items.forEach([&](std::string_view name, const auto&) { names.emplace_back(name); });
@@ -34,7 +33,7 @@ std::vector<std::string> HXMemory::getDataListName() {
 std::vector<std::string> HXMemory::getDataList(const std::string& filter) {
   if (filter.empty()) return getDataListName();
   // Filtered under the lock: copying every name of a large table keeps writers out for longer than looking at it.
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   std::vector<std::string> names;
   items.forEach([&](std::string_view name, const auto&) {
     if (name.find(filter) != std::string_view::npos) names.emplace_back(name);
@@ -54,7 +53,7 @@ HXValue HXMemory::getDataOnChange(const std::string& key, const int& /*deprecate
 }
 
 std::vector<std::string> HXMemory::getEventList() {
-  const std::shared_lock lock(eventExtractorsLock);
+  const SharedLock lock(eventExtractorsLock);
   std::vector<std::string> names;
   names.reserve(eventExtractors.size());
   for (const auto& [event, extractor] : eventExtractors) {
@@ -68,7 +67,7 @@ std::vector<std::string> HXMemory::getMicroEventList() { return xGetListTyped(ST
 std::vector<std::string> HXMemory::getListTyped(const STMValue::dataType& type) { return xGetListTyped(type); }
 
 std::vector<std::string> HXMemory::xGetListTyped(STMValue::dataType type) const {
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   std::vector<std::string> names;
   items.forEach([&](std::string_view name, const auto& item) {
     if (item->getDataType() == type) names.emplace_back(name);
@@ -99,7 +98,7 @@ void HXMemory::setDescription(const std::string& name, const std::string& descri
   const HXValue told(description);
   journal::Afterwards after(*journal_);
   const STMValue::Record record{*journal_, journal::What::Described, after};
-  const std::unique_lock lock(itemsLock);
+  const Lock lock(itemsLock);
   const auto* found = items.find(name);
   if (!found) fail("setDescription", name + " not found");
   (*found)->swapDescription(text);
@@ -124,7 +123,7 @@ HXValue HXMemory::describe(std::string_view name, const STMValue& item) const {
 
 HXValue HXMemory::getDescriptionList(const std::vector<std::string>& keylist) {
   HXValue descriptions;
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   if (keylist.empty()) {
     descriptions.arrayReserve(items.size());
     items.forEach([&](std::string_view name, const auto& item) { descriptions.arrayPush(describe(name, *item)); });

@@ -1,6 +1,7 @@
 #include "logcategories.h"
 
 #include <hxbase/hxmemory.h>
+#include <hxerror/mutex.h>
 #include <libmw/batch.h>
 #include <libmw/clock.h>
 #include <libmw/detail/racepoint.h>
@@ -8,8 +9,6 @@
 #include <cstdint>
 #include <iostream>
 #include <list>
-#include <mutex>
-#include <shared_mutex>
 
 namespace HX {
 namespace {
@@ -78,7 +77,7 @@ HXValue HXMemory::getData(const std::string& key, const int& /*deprecatedParamet
 void HXMemory::removeData(const std::string& key) { xRemoveData(key); }
 
 std::shared_ptr<STMValue> HXMemory::xGetSTMValue(const std::string& name) const {
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   const auto* found = items.find(name);
   return found ? *found : nullptr;
 }
@@ -91,7 +90,7 @@ std::shared_ptr<STMValue> HXMemory::requireItem(const std::string& name, const c
 
 /// Copies under the table's lock, which costs less than sharing the item to get out of it.
 bool HXMemory::copyData(const std::string& name, HXValue& value) const {
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   const auto* found = items.find(name);
   if (!found) return false;
   value = (*found)->getValue();
@@ -130,7 +129,7 @@ void HXMemory::write(const std::string& name, HXValue value, STMValue::dataType 
 /// from after.
 bool HXMemory::overwrite(const std::string& name, HXValue& value, STMValue::dataType kind,
                          std::shared_ptr<STMValue>* item) {
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   if (isRecording()) [[unlikely]]
     return false;  // Since a moment ago. The other way to write records too.
   const auto* found = findToOverwrite(name, kind, item);
@@ -150,7 +149,7 @@ void HXMemory::requireFilable(std::string_view name) {
                                                    std::shared_ptr<STMValue>* item) {
   journal::Afterwards after(*journal_);
   const STMValue::Record record{*journal_, whatOf(kind, item), after};
-  const std::shared_lock lock(itemsLock);
+  const SharedLock lock(itemsLock);
   if (!isRecording()) return false;
   const auto* found = findToOverwrite(name, kind, item);
   if (!found || !(*found)->tryExchangeValue(value, kind, &record)) return false;
@@ -171,7 +170,7 @@ HXMemory::Change HXMemory::file(const std::string& name, HXValue& value, STMValu
                                 std::shared_ptr<STMValue>* item, EventEntry& entry) {
   journal::Afterwards after(*journal_);
   const STMValue::Record record{*journal_, whatOf(kind, item), after};
-  const std::unique_lock lock(itemsLock);
+  const Lock lock(itemsLock);
   const STMValue::Record* const recorded = isRecording() ? &record : nullptr;
   const auto* found = items.find(name);
   const bool added = !found;
@@ -201,7 +200,7 @@ HXMemory::EventEntry HXMemory::makeEntry(const std::string& name, const std::str
 
 void HXMemory::fileEvent(EventEntry& entry) {
   if (!entry.node) return;
-  const std::unique_lock lock(eventExtractorsLock);
+  const Lock lock(eventExtractorsLock);
   auto filed = eventExtractors.insert(std::move(entry.node));
   Extractor& present = filed.position->second;
   if (!filed.inserted && entry.namesItsExtractor) present.module.swap(filed.node.mapped().module);
@@ -223,7 +222,7 @@ std::shared_ptr<STMValue> HXMemory::xRequireSTMValue(const std::string& name, ST
 std::shared_ptr<STMValue> HXMemory::fileUnlessPresent(const std::shared_ptr<STMValue>& made) {
   requireFilable(made->name());
   journal::Afterwards after(*journal_);
-  const std::unique_lock lock(itemsLock);
+  const Lock lock(itemsLock);
   if (const auto* found = items.find(made->name())) return *found;
   items.insert(made->name(), made);
   if (isRecording()) made->recordMade({*journal_, journal::What::Declared, after});
@@ -235,14 +234,8 @@ void HXMemory::xRemoveData(const std::string& name) {
   std::shared_ptr<STMValue> removed;  // Let go of after the lock: the last reference may run what needs it.
   {
     journal::Afterwards after(*journal_);
-    std::list<journal::Grave> grave;
-    if (isRecording()) grave.emplace_back();
-    std::unique_lock lock(itemsLock);
-    if (isRecording() && grave.empty()) {  // Since a moment ago.
-      lock.unlock();
-      grave.emplace_back();
-      lock.lock();
-    }
+    std::list<journal::Grave> grave(1);  // In case that it records by then.
+    const Lock lock(itemsLock);
     const auto* found = items.find(name);
     if (!found) fail("removeData", "Data not found " + name, 1175);
     if ((*found)->isDataPtrAccessed()) {

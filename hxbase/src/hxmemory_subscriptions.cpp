@@ -2,8 +2,8 @@
 
 #include <hxbase/hxmemory.h>
 #include <hxcommon/hxbroker.h>
+#include <hxerror/mutex.h>
 
-#include <mutex>
 #include <stdexcept>
 
 namespace HX {
@@ -110,7 +110,7 @@ std::shared_ptr<HXProxy> HXMemory::frameManager(const char* caller) {
   const auto broker = getParentBroker();
   std::shared_ptr<HXProxy> known;
   {
-    const std::lock_guard lock(frameManagerLock);
+    const MutexLock lock(frameManagerLock);
     known = frameManagerProxy.lock();
   }
   // Somebody may hold the proxy of a frame manager that has left.
@@ -120,7 +120,7 @@ std::shared_ptr<HXProxy> HXMemory::frameManager(const char* caller) {
     HX_LOG_AS(Error, memoryCategory(), caller, "Cannot get frame manager proxy");
     throw std::runtime_error("Cannot get frame manager proxy");
   }
-  const std::lock_guard lock(frameManagerLock);
+  const MutexLock lock(frameManagerLock);
   frameManagerProxy = proxy;
   return proxy;
 }

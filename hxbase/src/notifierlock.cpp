@@ -2,12 +2,12 @@
 
 #include <hxauthor/author.h>
 #include <hxbase/detail/notifierlock.h>
+#include <hxerror/mutex.h>
 #include <libmw/servedcall.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -74,27 +74,27 @@ class NotifierLock::Threads {
   }
 
   void add(Thread& thread) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     all_.push_back(&thread);
   }
   void remove(Thread& thread) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     std::erase(all_, &thread);
   }
 
   /// Calls `look` with each thread, which may read meanwhile what that is inside of.
   template <class Look>
   void forEach(const Look& look) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     for (Thread* const thread : all_) {
-      const std::lock_guard reading(thread->reading);
+      const Lock reading(thread->reading);
       look(*thread);
     }
   }
 
  private:
-  std::mutex mutex_;  // Guards `all_`. Outer to the `reading` of each.
-  std::vector<Thread*> all_;
+  Mutex mutex_;  // Outer to the `reading` of each.
+  std::vector<Thread*> all_ HX_GUARDED_BY(mutex_);
 };
 
 NotifierLock::Thread::Thread() { Threads::instance().add(*this); }
@@ -110,7 +110,7 @@ class NotifierLock::Waiting {
   Waiting(const Waiting&) = delete;
   Waiting& operator=(const Waiting&) = delete;
   ~Waiting() {
-    const std::lock_guard guard(thread_.reading);
+    const Lock guard(thread_.reading);
     thread_.waitsFor.store(nullptr, std::memory_order_relaxed);
   }
 
@@ -124,7 +124,7 @@ NotifierLock::Calls::Calls(NotifierLock& lock)
 }
 
 NotifierLock::Calls::~Calls() {
-  const std::lock_guard guard(thread_.reading);
+  const Lock guard(thread_.reading);
   thread_.innermost.store(outer_, std::memory_order_relaxed);
   thread_.nextStep();
 }

@@ -2,6 +2,7 @@
 
 #include <hxbase/stmvalue.h>
 #include <hxerror/hxerror.h>
+#include <hxerror/mutex.h>
 #include <libmw/detail/racepoint.h>
 
 #include <iterator>
@@ -48,19 +49,19 @@ const char* STMValue::kindText(dataType kind) {
 }
 
 void STMValue::setValue(HXValue value, dataType kind, mw::SystemTimePoint time) {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   replaceValue(value, kind, time);
 }
 
 STMValue::dataType STMValue::exchangeValue(HXValue& value, dataType kind, const Record* record) {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   const auto before = static_cast<dataType>(kind_);
   replaceValue(value, kind, mw::systemNow(), record);
   return before;
 }
 
 bool STMValue::tryExchangeValue(HXValue& value, dataType kind, const Record* record) {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   if (kind_ != kind) return false;
   replaceValue(value, kind, mw::systemNow(), record);
   return true;
@@ -110,7 +111,7 @@ void STMValue::show() {
 HXValue STMValue::getValue() const {
   HXValue value;
   if (view_.read(value)) return value;
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   return copyValue();
 }
 
@@ -120,24 +121,24 @@ HXValue STMValue::copyValue() const {
 }
 
 STMValue::dataType STMValue::getDataType() const {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   return static_cast<dataType>(kind_);
 }
 
 HXValue STMValue::getValueTimeStamp() const {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   HXValue value = copyValue();
   HX_RACE_POINT("a value is being shown with its time");
   return withTime(std::move(value), timestamp_);
 }
 
 bool STMValue::isDataPtrAccessed() const {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   return dataPtrAccessed_;
 }
 
 void* STMValue::accessPointer(HXValue::Type type) {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   dataPtrAccessed_ = true;
   show();
   if (type == HXValue::Type::Int) return value_.getIntPtr();
@@ -147,7 +148,7 @@ void* STMValue::accessPointer(HXValue::Type type) {
 void STMValue::reserveHistory() {
   if (historyReserved_.load(std::memory_order_relaxed)) return;
   auto ring = std::make_shared<History>(kHistoryDepth);
-  const std::lock_guard lock(historyLock_);
+  const Lock lock(historyLock_);
   if (!historyRing_) historyRing_.swap(ring);
   historyReserved_.store(true, std::memory_order_relaxed);
 }
@@ -155,7 +156,7 @@ void STMValue::reserveHistory() {
 void STMValue::pushHistory(const HXValue& value) {
   reserveHistory();
   HXValue entry(value);  // Takes the oldest value out of the lock before it dies.
-  const std::lock_guard lock(historyLock_);
+  const Lock lock(historyLock_);
   raised_ = true;
   if (!value.isValid()) return;
   if (!historyRing_->full()) {
@@ -168,7 +169,7 @@ void STMValue::pushHistory(const HXValue& value) {
 }
 
 HXValue STMValue::history() const {
-  const std::lock_guard lock(historyLock_);
+  const Lock lock(historyLock_);
   if (!raised_) return {};
   HXValue::List entries;
   entries.reserve(historyRing_->size());

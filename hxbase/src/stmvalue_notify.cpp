@@ -4,6 +4,7 @@
 #include <hxbase/stmvalue.h>
 #include <hxcommon/hxbroker.h>
 #include <hxerror/hxerror.h>
+#include <hxerror/mutex.h>
 #include <libmw/detail/racepoint.h>
 #include <libmw/eventloop.h>
 
@@ -23,24 +24,24 @@ class Retirement {
   }
 
   void begin() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     ++count_;
   }
 
   void end() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (--count_ == 0) none_.notify_all();
   }
 
   void drain() {
-    std::unique_lock lock(mutex_);
-    none_.wait(lock, [this] { return count_ == 0; });
+    MutexLock lock(mutex_);
+    none_.wait(lock.native(), [this]() HX_REQUIRES(mutex_) { return count_ == 0; });
   }
 
  private:
-  std::mutex mutex_;  // Guards `count_`.
+  Mutex mutex_;
   std::condition_variable none_;
-  int count_ = 0;
+  int count_ HX_GUARDED_BY(mutex_) = 0;
 };
 
 // The session of `staticBroker`, written with it. The address does not tell whether the broker is still there: a memory
@@ -97,7 +98,7 @@ void STMValue::setBrokerInstance(const std::shared_ptr<HXBroker>& broker) {
 /// Keeps what was removed until the outermost dispatch of the item ends. Held under `notifierLock`.
 class STMValue::Dispatch {
  public:
-  explicit Dispatch(STMValue& item) : item_(item) { ++item_.dispatching_; }
+  explicit Dispatch(STMValue& item) HX_REQUIRES(item.notifierLock_) : item_(item) { ++item_.dispatching_; }
   Dispatch(const Dispatch&) = delete;
   Dispatch& operator=(const Dispatch&) = delete;
   ~Dispatch() {
@@ -134,7 +135,7 @@ STMValue::~STMValue() {
   // Cancelling runs continuations, and those edit the list: walk one that they cannot reach.
   std::list<mw::Future<void>> pending;
   {
-    const std::lock_guard lock(notifierLock_);
+    const Lock lock(notifierLock_);
     pending.swap(pendingNotifications_);
   }
   for (auto& future : pending) future.cancel();
@@ -142,12 +143,12 @@ STMValue::~STMValue() {
 }
 
 std::size_t STMValue::pendingCount() const {
-  const std::lock_guard lock(notifierLock_);
+  const Lock lock(notifierLock_);
   return pendingNotifications_.size();
 }
 
 bool STMValue::hasPending() const {
-  const std::lock_guard lock(notifierLock_);
+  const Lock lock(notifierLock_);
   for (const auto& future : pendingNotifications_) {
     if (!future.isFinished()) return true;
   }
@@ -157,11 +158,11 @@ bool STMValue::hasPending() const {
 void STMValue::setNotifier(const std::string& module, const HXValue& message, const std::string& method) {
   Notifiers made;  // All that takes memory, before the earlier subscription goes.
   made.emplace(module, STMNotifier(module, message, method));
-  const std::lock_guard lock(notifierLock_);
+  const Lock lock(notifierLock_);
   if (const auto earlier = notifiers_.find(module); earlier != notifiers_.end()) removeNotifier(earlier);
   HX_RACE_POINT("a subscription is being replaced");
   {
-    const std::lock_guard records(recordsLock_);
+    const Lock records(recordsLock_);
     notifiers_.merge(made);
   }
   ++changes_;
@@ -169,7 +170,7 @@ void STMValue::setNotifier(const std::string& module, const HXValue& message, co
 }
 
 void STMValue::unsubscribeNotifier(const std::string& module, const std::string& itemName) {
-  const std::lock_guard lock(notifierLock_);
+  const Lock lock(notifierLock_);
   const auto record = notifiers_.find(module);
   if (record == notifiers_.end()) {
     throw HXError("HXMemory", "UnsubscribeToMicroEvent", module + " is not subscribed to " + itemName, kSourceFile,
@@ -180,7 +181,7 @@ void STMValue::unsubscribeNotifier(const std::string& module, const std::string&
 }
 
 std::vector<std::string> STMValue::getNotifierList() const {
-  const std::lock_guard lock(notifierLock_);
+  const Lock lock(notifierLock_);
   std::vector<std::string> names;
   names.reserve(notifiers_.size());
   for (const auto& [module, record] : notifiers_) names.push_back(module);
@@ -188,13 +189,14 @@ std::vector<std::string> STMValue::getNotifierList() const {
 }
 
 void STMValue::xCleanFinished() {
-  const std::lock_guard lock(notifierLock_);
+  const Lock lock(notifierLock_);
   pendingNotifications_.remove_if([](const mw::Future<void>& future) { return future.isFinished(); });
 }
 
-std::vector<MemoryInsight::Subscriber> STMValue::notifierRecords() const {
+// Who reads the records needs one of the two locks with which they are changed.
+HX_UNCHECKED std::vector<MemoryInsight::Subscriber> STMValue::notifierRecords() const {
   std::vector<MemoryInsight::Subscriber> records;
-  const std::lock_guard lock(recordsLock_);
+  const Lock lock(recordsLock_);
   for (const auto& [module, notifier] : notifiers_) {
     auto& record = records.emplace_back();
     record.module = module;
@@ -211,7 +213,7 @@ void STMValue::removeNotifier(Notifiers::iterator record) {
   ++changes_;
   Notifiers::node_type removed;  // Goes after the lock.
   {
-    const std::lock_guard records(recordsLock_);
+    const Lock records(recordsLock_);
     removed = notifiers_.extract(record);
   }
   if (dispatching_ > 0) removed_.insert(std::move(removed));
@@ -235,7 +237,7 @@ void STMValue::notify(const std::string& key, const HXValue& value) {
 
 void STMValue::tellNotifiers(const std::string& key, const HXValue& value) {
   notifierLock_.lockForCaller();
-  const std::lock_guard lock(notifierLock_, std::adopt_lock);
+  const Lock lock(notifierLock_, std::adopt_lock);
   const Dispatch dispatch(*this);
   NotifierLock::Calls calls(notifierLock_);
   for (auto record = notifiers_.begin(); record != notifiers_.end();) {
@@ -285,7 +287,7 @@ void STMValue::look(const std::string& module, const std::string& key, const HXV
 
 void STMValue::resolveAndCall(const mw::AnyObject& service, const std::string& module, const std::string& key,
                               const HXValue& value) {
-  const std::lock_guard lock(notifierLock_);
+  const Lock lock(notifierLock_);
   const Dispatch dispatch(*this);
   NotifierLock::Calls calls(notifierLock_);
   const auto record = notifiers_.find(module);
@@ -306,7 +308,7 @@ void STMValue::resolveAndCall(const mw::AnyObject& service, const std::string& m
 void STMValue::reportAndClean(const std::string& module, const mw::Future<void>& outcome) {
   if (outcome.hasError()) {
     HX_LOG_AS(Warning, itemCategory(), "operator()", "can't get proxy to " + module + ": " + outcome.error());
-    const std::lock_guard lock(notifierLock_);
+    const Lock lock(notifierLock_);
     if (const auto failed = notifiers_.find(module); failed != notifiers_.end()) {
       DroppedSubscriptions::instance().add(name(), module, outcome.error());
       removeNotifier(failed);

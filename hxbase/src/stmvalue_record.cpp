@@ -1,8 +1,8 @@
 #include <hxbase/stmvalue.h>
+#include <hxerror/mutex.h>
 #include <libmw/detail/racepoint.h>
 
 #include <list>
-#include <mutex>
 
 namespace HX {
 
@@ -32,25 +32,25 @@ journal::Entry STMValue::entry(const HXValue& value, journal::What what) const {
 }
 
 void STMValue::recordMade(const Record& record) {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   revision_ = record.journal.append(entry(value_, record.what), record.after);
 }
 
 void STMValue::noteDescription(const HXValue& text, const Record* record) {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   ++nth_;
   revision_ = record ? record->journal.append(entry(text, record->what), record->after) : 0;
 }
 
 void STMValue::recordRemoval(const Record& record, std::list<journal::Grave>& grave) {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   ++nth_;
   grave.front().name = itemSignal_->signal.sharedEventName();
   record.journal.appendRemoval(entry({}, record.what), grave, record.after);
 }
 
 journal::State STMValue::state() const {
-  const std::lock_guard lock(valueLock_);
+  const Lock lock(valueLock_);
   return {copyValue(), timestamp_, revision_, nth_, kind_, dataPtrAccessed_};
 }
 

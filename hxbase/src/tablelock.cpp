@@ -1,4 +1,5 @@
 #include <hxbase/detail/tablelock.h>
+#include <hxerror/mutex.h>
 
 #include <algorithm>
 #include <utility>
@@ -16,12 +17,12 @@ std::uint32_t TableLock::numberThisThread() noexcept {
 }
 
 void TableLock::waitForWriter(Readers& readers) {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   readers.fetch_sub(kOneReader, std::memory_order_release);
   drained_.notify_one();  // The writer may have counted the attempt.
   if (writing_) {
     ++waiting_;
-    readersTurn_.wait(lock, [this, phase = phase_] { return phase_ != phase; });
+    readersTurn_.wait(lock.native(), [this, phase = phase_]() HX_REQUIRES(mutex_) { return phase_ != phase; });
     // No writer comes before this reader is in: it is one of those that are due.
     if (--due_ == 0) writersTurn_.notify_one();
   }
@@ -30,20 +31,20 @@ void TableLock::waitForWriter(Readers& readers) {
 
 void TableLock::tellWriter() {
   // Under the mutex: between its look at the counters and its wait the writer must miss nothing.
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   drained_.notify_one();
 }
 
 void TableLock::lock() {
-  std::unique_lock lock(mutex_);
-  writersTurn_.wait(lock, [this] { return !writing_ && due_ == 0; });
+  MutexLock lock(mutex_);
+  writersTurn_.wait(lock.native(), [this]() HX_REQUIRES(mutex_) { return !writing_ && due_ == 0; });
   writing_ = true;
   for (Counter& counter : counters_) counter.readers.fetch_or(kClosed, std::memory_order_relaxed);
-  drained_.wait(lock, [this] { return isEmpty(); });
+  drained_.wait(lock.native(), [this] { return isEmpty(); });
 }
 
 void TableLock::unlock() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (Counter& counter : counters_) counter.readers.fetch_and(~kClosed, std::memory_order_release);
   writing_ = false;
   ++phase_;

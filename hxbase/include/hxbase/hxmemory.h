@@ -6,6 +6,7 @@
 #include <hxcommon/hxmodule.h>
 #include <hxcommon/memoryinsight.h>
 #include <hxerror/hxerror.h>
+#include <hxerror/mutex.h>
 #include <hxjournal/journal.h>
 #include <libmw/session.h>
 #include <libmw/trackable.h>
@@ -13,7 +14,6 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <span>
 #include <string>
@@ -252,7 +252,8 @@ class HXMemory : public HXModule, public journal::JournalOwner, public MemoryIns
              const std::string* extractor = nullptr);
   bool isRecording() const { return recording_.load(std::memory_order_relaxed); }
   const std::shared_ptr<STMValue>* findToOverwrite(const std::string& name, STMValue::dataType kind,
-                                                   const std::shared_ptr<STMValue>* item) const;
+                                                   const std::shared_ptr<STMValue>* item) const
+      HX_REQUIRES_SHARED(itemsLock);
   bool overwrite(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
   bool overwriteRecorded(const std::string& name, HXValue& value, STMValue::dataType kind,
                          std::shared_ptr<STMValue>* item);
@@ -290,29 +291,31 @@ class HXMemory : public HXModule, public journal::JournalOwner, public MemoryIns
 
   const OnlyOne onlyOne_;
   mw::Lifetime lifetime_;
-  std::mutex frameManagerLock;  // Guards `frameManagerProxy`; never held across a call.
-  std::weak_ptr<HXProxy> frameManagerProxy;
-  Extractors eventExtractors;
-  mutable TableLock eventExtractorsLock;  // Guards `eventExtractors`.
-  NameTable<STMValue> items;
-  // Guards `items`: which item a name means, not what is in the item. And `recording_`, which is written under its
-  // exclusive side and read under either, so that no write goes by what it was before; a look without the lock is a
-  // hint.
+  Mutex frameManagerLock;  // Never held across a call.
+  std::weak_ptr<HXProxy> frameManagerProxy HX_GUARDED_BY(frameManagerLock);
+  Extractors eventExtractors HX_GUARDED_BY(eventExtractorsLock);
+  mutable TableLock eventExtractorsLock;
+  NameTable<STMValue> items HX_GUARDED_BY(itemsLock);
+  // Of `items` it guards which item a name means, not what is in the item. And it guards `recording_`, which is written
+  // under its exclusive side and read under either, so that no write goes by what it was before; a look without the
+  // lock is a hint.
   mutable TableLock itemsLock;
   std::atomic<bool> recording_{false};
-  std::map<std::string, std::map<std::string, std::string>> pendingMappings;
-  mutable std::mutex insightLock;  // Guards `demanded`, and `pendingMappings` for who does not write it. A leaf.
-  std::map<std::pair<std::string, std::string>, Demand> demanded;  // By event and the subscriber's identifier.
+  // Changed with both `mappingMutex` and `insightLock` held, so that it is read under either.
+  std::map<std::string, std::map<std::string, std::string>> pendingMappings HX_GUARDED_BY(mappingMutex);
+  mutable Mutex insightLock;  // A leaf.
+  // By event and the subscriber's identifier.
+  std::map<std::pair<std::string, std::string>, Demand> demanded HX_GUARDED_BY(insightLock);
   /// Which signals of which object are connected. A service that restarts while notices wait is found by each of them,
   /// and is to be connected once; one that is back behind a lost connection has its connections again.
   struct MappedService {
     std::weak_ptr<mw::GenericObject> object;
     std::set<std::string> signals;
   };
-  std::mutex mappedLock;  // Guards `mappedServices`.
-  std::map<std::string, MappedService> mappedServices;
+  Mutex mappedLock;
+  std::map<std::string, MappedService> mappedServices HX_GUARDED_BY(mappedLock);
   class MappingLock;
-  std::mutex mappingMutex;                     // Guards `pendingMappings`. Outer to `mappedLock`, `insightLock`.
+  Mutex mappingMutex;                          // Outer to `mappedLock`, `insightLock`.
   std::atomic<std::thread::id> mappingOwner_;  // The thread that holds `mappingMutex`, so that it is not asked to wait.
   mw::SignalLink serviceRegisteredLink = mw::kInvalidSignalLink;
   const std::shared_ptr<journal::Journal> journal_;

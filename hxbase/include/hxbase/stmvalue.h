@@ -5,6 +5,7 @@
 #include <hxbase/hxmemorysignal.h>
 #include <hxbase/stmnotifier.h>
 #include <hxcommon/memoryinsight.h>
+#include <hxerror/mutex.h>
 #include <hxjournal/journal.h>
 #include <hxvalue/detail/wordlock.h>
 #include <hxvalue/hxvalue.h>
@@ -172,61 +173,63 @@ class alignas(64) STMValue {
 
   void tellNotifiers(const std::string& key, const HXValue& value);
   void call(STMNotifier& record, const std::string& key, const HXValue& value, NotifierLock::Calls& calls,
-            const char* function);
-  void look(const std::string& module, const std::string& key, const HXValue& value);
+            const char* function) HX_REQUIRES(notifierLock_);
+  void look(const std::string& module, const std::string& key, const HXValue& value) HX_REQUIRES(notifierLock_);
   void resolveAndCall(const mw::AnyObject& service, const std::string& module, const std::string& key,
                       const HXValue& value);
   void reportAndClean(const std::string& module, const mw::Future<void>& outcome);
-  void removeNotifier(Notifiers::iterator record);
+  void removeNotifier(Notifiers::iterator record) HX_REQUIRES(notifierLock_);
   /// The same for a subscriber whose call failed: who subscribed has to hear of it.
-  void endNotifier(Notifiers::iterator record, const std::exception& error, const char* function);
-  void noteQuiet();
+  void endNotifier(Notifiers::iterator record, const std::exception& error, const char* function)
+      HX_REQUIRES(notifierLock_);
+  void noteQuiet() HX_REQUIRES(notifierLock_);
 
-  void replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record = nullptr);
-  void requireStorable(const HXValue& value) const;
-  void recordValue(const HXValue& value, dataType kind, mw::SystemTimePoint time, const Record& record);
-  journal::Entry entry(const HXValue& value, journal::What what) const;
-  void show();
-  HXValue copyValue() const;
+  void replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record = nullptr)
+      HX_REQUIRES(valueLock_);
+  void requireStorable(const HXValue& value) const HX_REQUIRES(valueLock_);
+  void recordValue(const HXValue& value, dataType kind, mw::SystemTimePoint time, const Record& record)
+      HX_REQUIRES(valueLock_);
+  journal::Entry entry(const HXValue& value, journal::What what) const HX_REQUIRES(valueLock_);
+  void show() HX_REQUIRES(valueLock_);
+  HXValue copyValue() const HX_REQUIRES(valueLock_);
 
   // Together on the first cache line: all that reading a number, or writing a value, touches.
   ScalarView view_;  // What readers of a number get without a lock. Written under valueLock_.
-  HXValue value_;    // Guarded by valueLock_, as are the next five.
-  mw::SystemTimePoint timestamp_{};
-  std::uint64_t revision_ = 0;  // Of the last change; 0 when it was not recorded.
-  std::uint32_t nth_ = 0;       // How often it was changed.
+  HXValue value_ HX_GUARDED_BY(valueLock_);
+  mw::SystemTimePoint timestamp_ HX_GUARDED_BY(valueLock_){};
+  std::uint64_t revision_ HX_GUARDED_BY(valueLock_) = 0;  // Of the last change; 0 when it was not recorded.
+  std::uint32_t nth_ HX_GUARDED_BY(valueLock_) = 0;       // How often it was changed.
   mutable WordLock valueLock_;
-  std::uint8_t kind_ = UnknownData;  // A dataType.
-  bool dataPtrAccessed_ = false;
+  std::uint8_t kind_ HX_GUARDED_BY(valueLock_) = UnknownData;  // A dataType.
+  bool dataPtrAccessed_ HX_GUARDED_BY(valueLock_) = false;
   bool filedAsEvent_ = false;  // Guarded by the table's lock.
 
   // Together on the second: all else that a raise touches while nobody is subscribed.
   using History = boost::circular_buffer<std::pair<mw::SystemTimePoint, HXValue>>;
   alignas(64) const std::shared_ptr<HXMemorySubscriber> itemSignal_;
-  std::shared_ptr<History> historyRing_;  // Guarded by historyLock_, as is `raised_`. Empty until it is needed.
+  std::shared_ptr<History> historyRing_ HX_GUARDED_BY(historyLock_);  // Empty until it is needed.
   mutable WordLock historyLock_;
-  bool raised_ = false;                       // Something was pushed, if only an invalid value.
-  std::atomic<bool> historyReserved_{false};  // `historyRing_` is there for good.
+  bool raised_ HX_GUARDED_BY(historyLock_) = false;  // Something was pushed, if only an invalid value.
+  std::atomic<bool> historyReserved_{false};         // `historyRing_` is there for good.
   // Nobody is subscribed and nobody is being called, so that a raise has no business with notifierLock_, under which
   // this is written.
   std::atomic<bool> quiet_{true};
 
   // Changed with both notifierLock_ and recordsLock_ held, so that it is read under either: who only wants to know who
-  // is subscribed does not wait for those that are being called. The members of the dispatch below are guarded by
-  // notifierLock_ alone.
-  Notifiers notifiers_;
+  // is subscribed does not wait for those that are being called.
+  Notifiers notifiers_ HX_GUARDED_BY(notifierLock_);
   mutable WordLock recordsLock_;
   std::weak_ptr<STMValue> self_;
   mutable NotifierLock notifierLock_;
-  std::list<mw::Future<void>> pendingNotifications_;
+  std::list<mw::Future<void>> pendingNotifications_ HX_GUARDED_BY(notifierLock_);
 
   // A record that goes while it is being called still owns the method's name, the message and the call state, and a
   // proxy that is replaced is still being called through: they wait here until the outermost dispatch ends. `changes_`
   // tells a walk whether its iterator is still good.
-  std::multimap<std::string, STMNotifier> removed_;
-  std::vector<std::shared_ptr<HXProxy>> replaced_;
-  std::uint64_t changes_ = 0;
-  int dispatching_ = 0;
+  std::multimap<std::string, STMNotifier> removed_ HX_GUARDED_BY(notifierLock_);
+  std::vector<std::shared_ptr<HXProxy>> replaced_ HX_GUARDED_BY(notifierLock_);
+  std::uint64_t changes_ HX_GUARDED_BY(notifierLock_) = 0;
+  int dispatching_ HX_GUARDED_BY(notifierLock_) = 0;
   std::string description_;  // Guarded by the table's lock.
 };
 

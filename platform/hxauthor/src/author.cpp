@@ -1,9 +1,9 @@
 #include <hxauthor/author.h>
+#include <hxerror/mutex.h>
 
 #include <atomic>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <new>
 #include <utility>
 
@@ -35,7 +35,7 @@ class Authors {
 
   std::shared_ptr<const AuthorRecord> enter(std::string_view text) {
     std::shared_ptr<const AuthorRecord> record;  // Let go of after the lock, which its end takes.
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto known = numbers_.find(text);
     if (known != numbers_.end()) {
       Known& one = known_.at(known->second);
@@ -61,7 +61,7 @@ class Authors {
   }
 
   void leave(const AuthorRecord& record) noexcept {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto known = known_.find(record.number);
     if (known == known_.end()) return;
     if (record.hasWritten.load(std::memory_order_relaxed)) {
@@ -81,13 +81,13 @@ class Authors {
   }
 
   std::shared_ptr<const std::string> textOf(std::uint32_t number) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto known = known_.find(number);
     return known == known_.end() ? nullptr : known->second.text;
   }
 
   std::size_t size() {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     return known_.size();
   }
 
@@ -100,24 +100,24 @@ class Authors {
     std::uint32_t stays = 0;  // Its handle, and its places in limbo: it may come back and leave again.
   };
 
-  std::uint32_t freeNumber() const {
+  std::uint32_t freeNumber() const HX_REQUIRES(mutex_) {
     std::uint32_t number = last_ + 1;
     while (number == 0 || known_.contains(number)) ++number;
     return number;
   }
 
-  void forget(std::uint32_t number) noexcept {
+  void forget(std::uint32_t number) noexcept HX_REQUIRES(mutex_) {
     const auto known = known_.find(number);
     if (known == known_.end() || --known->second.stays != 0) return;
     numbers_.erase(*known->second.text);
     known_.erase(known);
   }
 
-  std::mutex mutex_;  // Guards all below. No handle goes under it.
-  std::map<std::uint32_t, Known> known_;
-  std::map<std::string_view, std::uint32_t> numbers_;  // By the texts that `known_` keeps.
-  std::deque<std::uint32_t> limbo_;
-  std::uint32_t last_ = 0;
+  Mutex mutex_;  // No handle goes under it.
+  std::map<std::uint32_t, Known> known_ HX_GUARDED_BY(mutex_);
+  std::map<std::string_view, std::uint32_t> numbers_ HX_GUARDED_BY(mutex_);  // By the texts that `known_` keeps.
+  std::deque<std::uint32_t> limbo_ HX_GUARDED_BY(mutex_);
+  std::uint32_t last_ HX_GUARDED_BY(mutex_) = 0;
 };
 
 // The fastest model of thread-local storage takes eight bytes of what a process reserves for libraries that it loads

@@ -1,11 +1,12 @@
 #include "codemap.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <deque>
 #include <link.h>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -23,8 +24,8 @@ constexpr std::size_t kMost = 512;
 std::array<Entry, kMost> entries;
 std::atomic<std::size_t> count{0};
 
-std::mutex& writing() {
-  static auto* const mutex = new std::mutex;  // Guards the writing of `entries` and `count`.
+Mutex& writing() {
+  static auto* const mutex = new Mutex;  // Guards the writing of `entries` and `count`.
   return *mutex;
 }
 
@@ -72,7 +73,7 @@ const char* keep(std::string text) {
 void addLibrary(const void* address, const std::string& path) {
   Search search{reinterpret_cast<std::uintptr_t>(address)};
   if (dl_iterate_phdr(&visit, &search) == 0) return;
-  const std::lock_guard lock(writing());
+  const MutexLock lock(writing());
   const std::size_t known = count.load();
   if (entryOf(search.address) || known == kMost) return;
   entries[known].begin = search.begin;
@@ -82,7 +83,7 @@ void addLibrary(const void* address, const std::string& path) {
 }
 
 void addModule(const void* address, const std::string& name) {
-  const std::lock_guard lock(writing());
+  const MutexLock lock(writing());
   Entry* const entry = entryOf(reinterpret_cast<std::uintptr_t>(address));
   if (!entry) return;
   const std::string before = entry->text.load();

@@ -6,6 +6,7 @@
 #include <hxcommon/hxbrokermanager.h>
 #include <hxcommon/hxmodule.h>
 #include <hxcommon/subscriptions.h>
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 #include <libmw/step.h>
 
@@ -63,7 +64,7 @@ std::shared_ptr<HXProxy> HXBroker::getProxy(const std::string& name, int) {
   mw::AnyObject service = std::move(found).take();
   if (!service) return nullptr;
   std::shared_ptr<HXProxy> replaced;  // Dropped after the lock, since its object may go with it.
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   auto& known = proxies_[name];
   if (!known || known->asObject().pointer() != service.pointer()) {
     replaced = std::exchange(known, std::make_shared<HXProxy>(std::move(service), name));
@@ -76,7 +77,7 @@ bool HXBroker::isCurrent(const HXProxy& proxy) const {
   if (const mw::AnyObject offered = session_->ownService(proxy.moduleName())) {
     return offered.pointer() == proxy.asObject().pointer();
   }
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = proxies_.find(proxy.moduleName());
   return found != proxies_.end() && found->second->asObject().pointer() == proxy.asObject().pointer();
 }
@@ -86,7 +87,7 @@ bool HXBroker::isCurrent(const HXProxy& proxy) const {
 void HXBroker::forgetStaleProxy(const std::string& name) {
   const mw::AnyObject offered = session_->ownService(name);
   std::shared_ptr<HXProxy> stale;  // Dropped after the lock, since its object may go with it.
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = proxies_.find(name);
   if (found == proxies_.end() || (offered && found->second->asObject().pointer() == offered.pointer())) return;
   stale = std::move(found->second);
@@ -114,7 +115,7 @@ std::vector<ModuleDescription> HXBroker::makeModules(const std::string& library,
   try {
     loaded.createModule(shared_from_this());
     loading.requireAllTaken();
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!loading.examines()) libraries_.push_back(std::move(loaded));
     return loading.descriptions();
   } catch (const SettingsError&) {
@@ -137,18 +138,18 @@ std::string HXBroker::libraryName(const std::string& library) {
 
 void HXBroker::provideSettings(const std::string& name, GivenSettings settings) {
   auto given = std::make_shared<const GivenSettings>(std::move(settings));
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   givenSettings_.insert_or_assign(name, std::move(given));
 }
 
 std::shared_ptr<const GivenSettings> HXBroker::givenSettings(const std::string& name) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = givenSettings_.find(name);
   return found == givenSettings_.end() ? nullptr : found->second;
 }
 
 ModuleDescription HXBroker::describeModule(const std::string& name) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = std::ranges::find_if(modules_, [&](const Hosted& one) { return one.module->getName() == name; });
   if (found == modules_.end()) throw std::runtime_error(fmt::format("broker {} has no module {}", name_, name));
   return found->module->describe();
@@ -164,7 +165,7 @@ void HXBroker::registerModule(std::shared_ptr<HXModuleCore> module) {
   codemap::addModule(*reinterpret_cast<const void* const*>(module.get()), name);
   const mw::ServiceId service = session_->registerService(name, mw::AnyObject(module));
   try {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     requireRunning(name);
     if (Loading* const loading = Loading::current()) loading->note(module, module->describe());
     modules_.push_back({std::move(module), service});
@@ -185,7 +186,7 @@ bool HXBroker::unregisterModule(const HXModuleCore& module) {
 bool HXBroker::unregisterFirst(const IsWanted& isWanted) {
   Hosted hosted;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto found = std::ranges::find_if(modules_, [&](const Hosted& one) { return isWanted(*one.module); });
     if (found == modules_.end()) return false;
     hosted = std::move(*found);
@@ -198,20 +199,20 @@ bool HXBroker::unregisterFirst(const IsWanted& isWanted) {
 }
 
 std::shared_ptr<mw::GenericObject> HXBroker::ownModule(const std::string& name) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = std::ranges::find_if(modules_, [&](const Hosted& one) { return one.module->getName() == name; });
   return found == modules_.end() ? nullptr : found->module;
 }
 
 std::vector<std::string> HXBroker::modules() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::vector<std::string> names;
   for (const Hosted& hosted : modules_) names.push_back(hosted.module->getName());
   return names;
 }
 
 std::shared_ptr<HXModuleCore> HXBroker::lastModule() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return modules_.empty() ? nullptr : modules_.back().module;
 }
 
@@ -231,7 +232,7 @@ void HXBroker::exitModule(std::shared_ptr<HXModuleCore> module) {
 
 void HXBroker::shutdown() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (std::exchange(shutDown_, true)) return;
   }
   while (auto last = lastModule()) exitModule(std::move(last));
@@ -242,7 +243,7 @@ void HXBroker::shutdown() {
 void HXBroker::closeLibraries() {
   std::vector<ModuleLibrary> loaded;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     loaded.swap(libraries_);
   }
   for (auto library = loaded.rbegin(); library != loaded.rend(); ++library) {

@@ -1,5 +1,6 @@
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxbrokermanager.h>
+#include <hxerror/mutex.h>
 
 #include <algorithm>
 #include <utility>
@@ -8,8 +9,8 @@ namespace HX {
 namespace {
 
 struct Instance {
-  std::mutex mutex;  // Guards `manager`.
-  std::shared_ptr<HXBrokerManager> manager;
+  Mutex mutex;
+  std::shared_ptr<HXBrokerManager> manager HX_GUARDED_BY(mutex);
 };
 
 Instance& instance() {
@@ -20,24 +21,24 @@ Instance& instance() {
 }  // namespace
 
 std::shared_ptr<HXBrokerManager> HXBrokerManager::getInstance() {
-  const std::lock_guard lock(instance().mutex);
+  const MutexLock lock(instance().mutex);
   if (!instance().manager) instance().manager = std::make_shared<HXBrokerManager>();
   return instance().manager;
 }
 
 void HXBrokerManager::setInstance(std::shared_ptr<HXBrokerManager> manager) {
-  const std::lock_guard lock(instance().mutex);
+  const MutexLock lock(instance().mutex);
   instance().manager.swap(manager);
 }
 
 void HXBrokerManager::addBroker(const std::shared_ptr<HXBroker>& broker) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::erase_if(brokers_, [&](const auto& known) { return known.expired() || known.lock() == broker; });
   brokers_.push_back(broker);
 }
 
 void HXBrokerManager::removeBroker(const std::shared_ptr<HXBroker>& broker) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::erase_if(brokers_, [&](const auto& known) { return known.expired() || known.lock() == broker; });
 }
 
@@ -49,7 +50,7 @@ std::shared_ptr<HXBroker> HXBrokerManager::getBroker(const std::string& name) co
 }
 
 std::vector<std::shared_ptr<HXBroker>> HXBrokerManager::brokers() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::vector<std::shared_ptr<HXBroker>> alive;
   for (const auto& known : brokers_) {
     if (auto broker = known.lock()) alive.push_back(std::move(broker));

@@ -4,13 +4,13 @@
 #include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxmodule.h>
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 #include <libmw/servedcall.h>
 #include <libmw/step.h>
 
 #include <algorithm>
 #include <condition_variable>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -72,19 +72,23 @@ void HXModuleCore::initModule() {
 void HXModuleCore::sleepFor(std::chrono::milliseconds duration) {
   // Added to the present time, the longest durations and the most negative ones would overflow.
   static constexpr std::chrono::milliseconds kLongest = std::chrono::hours{24 * 365};
-  std::mutex mutex;  // Guards `woken`. Of this sleep alone: who wakes one wakes no other.
-  std::condition_variable wakeUp;
-  bool woken = false;
-  const auto wake = [&] {
-    const std::lock_guard lock(mutex);
-    woken = true;
-    wakeUp.notify_all();
+  // Of this sleep alone: who wakes one wakes no other.
+  struct Sleep {
+    Mutex mutex;
+    std::condition_variable wakeUp;
+    bool isOver HX_GUARDED_BY(mutex) = false;
+  } sleep;
+  const auto wake = [&sleep] {
+    const MutexLock lock(sleep.mutex);
+    sleep.isOver = true;
+    sleep.wakeUp.notify_all();
   };
   const std::stop_callback atExit(interrupted_.get_token(), wake);
   const std::stop_callback atGivingUp(mw::stopOfServedCall(), wake);
   {
-    std::unique_lock lock(mutex);
-    wakeUp.wait_for(lock, std::clamp(duration, std::chrono::milliseconds{0}, kLongest), [&] { return woken; });
+    MutexLock lock(sleep.mutex);
+    sleep.wakeUp.wait_for(lock.native(), std::clamp(duration, std::chrono::milliseconds{0}, kLongest),
+                          [&sleep]() HX_REQUIRES(sleep.mutex) { return sleep.isOver; });
   }
   checkRunning();
 }
@@ -161,13 +165,13 @@ void HXModule::exit() {
 std::shared_ptr<HXProxy> HXModule::memoryProxy() {
   const auto broker = getParentBroker();
   {
-    const std::lock_guard lock(memoryMutex_);
+    const MutexLock lock(memoryMutex_);
     if (memory_ && broker->isCurrent(*memory_)) return memory_;
   }
   const auto proxy = broker->getProxy("HXMemory");
   if (!proxy) throw std::runtime_error("no module named HXMemory");
   auto own = std::make_shared<HXProxy>(proxy->asObject(), proxy->moduleName(), author());
-  const std::lock_guard lock(memoryMutex_);
+  const MutexLock lock(memoryMutex_);
   return memory_ = std::move(own);
 }
 

@@ -1,6 +1,7 @@
 #include "remotefollow.h"
 
 #include <hxcommon/hxbroker.h>
+#include <hxerror/mutex.h>
 #include <hxjournal/request.h>
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
@@ -49,7 +50,7 @@ void RemoteFollow::listen() {
   };
   const auto registered = broker->session()->serviceRegistered.connect(onNotice(true));
   const auto unregistered = broker->session()->serviceUnregistered.connect(onNotice(false));
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   onRegistered_ = registered;
   onUnregistered_ = unregistered;
 }
@@ -62,7 +63,7 @@ void RemoteFollow::open() {
   journal::FollowOptions options = options_;
   std::uint64_t opening = 0;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     opening = ++opening_;
     if (position_.epoch != 0) options.since = position_;
   }
@@ -72,7 +73,7 @@ void RemoteFollow::open() {
                 }))
       .value();
   const auto start = feed->call<HXValue>("start");
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (opening != opening_) return;  // Lost meanwhile.
   if (position_.epoch == 0) {
     position_ = {static_cast<std::uint64_t>(start[0].toInt64()), static_cast<std::uint64_t>(start[1].toInt64())};
@@ -81,7 +82,7 @@ void RemoteFollow::open() {
 }
 
 void RemoteFollow::onBatch(std::uint64_t opening, const HXValue& batch) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (opening != opening_ || ended_) return;
   queue_.push_back({opening, batch});
   post();
@@ -89,7 +90,7 @@ void RemoteFollow::onBatch(std::uint64_t opening, const HXValue& batch) {
 
 void RemoteFollow::onService(bool isThere) {
   mw::AnyObject lost;  // Goes after the lock.
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (ended_) return;
   if (!isThere) {
     std::swap(lost, feed_);
@@ -101,7 +102,7 @@ void RemoteFollow::onService(bool isThere) {
   }
 }
 
-/// Sees to a task when there is something to do; the one that runs sees to the next. With `mutex_` held.
+/// Sees to a task when there is something to do; the one that runs sees to the next.
 void RemoteFollow::post() {
   const bool isRunning = running_ != std::thread::id();
   const bool isWork = isTelling_ || !queue_.empty() || (isLost_ && mayReopen_);
@@ -120,7 +121,7 @@ void RemoteFollow::run() {
 }
 
 bool RemoteFollow::enter() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   posted_ = false;
   if (ended_ || paused_) return false;
   running_ = std::this_thread::get_id();
@@ -129,7 +130,7 @@ bool RemoteFollow::enter() {
 
 void RemoteFollow::leave() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (!leftByItself_) {
       running_ = {};
       stopped_.notify_all();
@@ -138,7 +139,7 @@ void RemoteFollow::leave() {
     }
   }
   dropCallbacks();
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   running_ = {};
   stopped_.notify_all();
 }
@@ -158,12 +159,12 @@ void RemoteFollow::work() {
 
 bool RemoteFollow::isWanted() const {
   if (thrown_) return false;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return !ended_ && !paused_;
 }
 
 bool RemoteFollow::isTelling() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return isTelling_;
 }
 
@@ -172,7 +173,7 @@ bool RemoteFollow::isTelling() const {
 bool RemoteFollow::next() {
   Arrived arrived{};
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (queue_.empty()) {
       if (!isLost_ || !std::exchange(mayReopen_, false)) return false;
     } else {
@@ -188,7 +189,7 @@ bool RemoteFollow::next() {
   batch_ = reader_.read(arrived.batch);
   line_ = 0;
   saidGap_ = false;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return isTelling_ = true;
 }
 
@@ -228,7 +229,7 @@ void RemoteFollow::finish() {
   moveTo(batch_.position);
   mw::AnyObject feed;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     isTelling_ = false;
     if (read_ == opening_) feed = feed_;
   }
@@ -243,14 +244,14 @@ void RemoteFollow::finish() {
 }
 
 void RemoteFollow::moveTo(journal::Position position) noexcept {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   // A batch is sent with a place that may lie before its last change.
   if (position.epoch != position_.epoch || position.revision > position_.revision) position_ = position;
 }
 
 void RemoteFollow::reopen() {
   open();
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   isLost_ = !feed_;
 }
 
@@ -258,7 +259,7 @@ void RemoteFollow::reopen() {
 void RemoteFollow::loseTrack(const std::string& why) {
   mw::log::warning("hxcommon.module", "follow", fmt::format("following the memory's changes is tried again: {}", why));
   mw::AnyObject lost;  // Goes after the lock.
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   isTelling_ = false;
   std::swap(lost, feed_);
   queue_.clear();
@@ -275,11 +276,11 @@ void RemoteFollow::end() noexcept {
   mw::SignalLink registered = mw::kInvalidSignalLink;
   mw::SignalLink unregistered = mw::kInvalidSignalLink;
   {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     isOwn = running_ == std::this_thread::get_id();
     const bool isFirst = !std::exchange(ended_, true);
     if (isFirst && isOwn) leftByItself_ = true;
-    if (!isOwn) stopped_.wait(lock, [this] { return running_ == std::thread::id(); });
+    if (!isOwn) stopped_.wait(lock.native(), [this]() HX_REQUIRES(mutex_) { return running_ == std::thread::id(); });
     if (!isFirst) return;
     std::swap(feed, feed_);
     queue_.clear();
@@ -306,17 +307,17 @@ void RemoteFollow::dropCallbacks() noexcept {
 }
 
 journal::Position RemoteFollow::position() const noexcept {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return position_;
 }
 
 void RemoteFollow::pause() noexcept {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   paused_ = true;
 }
 
 void RemoteFollow::resume() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   paused_ = false;
   post();
 }

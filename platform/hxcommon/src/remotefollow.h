@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxerror/mutex.h>
 #include <hxjournal/batch.h>
 #include <hxjournal/filter.h>
 #include <hxjournal/follow.h>
@@ -14,7 +15,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 
@@ -64,7 +64,7 @@ class RemoteFollow : public journal::Following, public std::enable_shared_from_t
   void open();
   void onBatch(std::uint64_t opening, const HXValue& batch);
   void onService(bool isThere);
-  void post();
+  void post() HX_REQUIRES(mutex_);
 
   void run();
   bool enter();
@@ -95,23 +95,23 @@ class RemoteFollow : public journal::Following, public std::enable_shared_from_t
   bool saidGap_ = false;
   std::exception_ptr thrown_;  // By a callback.
 
-  mutable std::mutex mutex_;  // Guards all below. A leaf.
+  mutable Mutex mutex_;  // A leaf.
   std::condition_variable stopped_;
-  std::thread::id running_;
-  std::deque<Arrived> queue_;
-  mw::AnyObject feed_;         // Empty while there is none.
-  std::uint64_t opening_ = 0;  // Counts them: what comes late of an earlier one is not told.
-  journal::Position position_;
-  mw::SignalLink onRegistered_ = mw::kInvalidSignalLink;
-  mw::SignalLink onUnregistered_ = mw::kInvalidSignalLink;
-  bool isLost_ = false;
-  bool mayReopen_ = false;             // The service has come back, or it is worth another try.
-  bool isTelling_ = false;             // The chain is in a batch.
-  bool posted_ = false;                // A task is under way,
-  std::chrono::nanoseconds delay_{0};  // or is to be, not before this has passed.
-  bool paused_ = false;
-  bool ended_ = false;
-  bool leftByItself_ = false;
+  std::thread::id running_ HX_GUARDED_BY(mutex_);
+  std::deque<Arrived> queue_ HX_GUARDED_BY(mutex_);
+  mw::AnyObject feed_ HX_GUARDED_BY(mutex_);         // Empty while there is none.
+  std::uint64_t opening_ HX_GUARDED_BY(mutex_) = 0;  // Counts them: what comes late of an earlier one is not told.
+  journal::Position position_ HX_GUARDED_BY(mutex_);
+  mw::SignalLink onRegistered_ HX_GUARDED_BY(mutex_) = mw::kInvalidSignalLink;
+  mw::SignalLink onUnregistered_ HX_GUARDED_BY(mutex_) = mw::kInvalidSignalLink;
+  bool isLost_ HX_GUARDED_BY(mutex_) = false;
+  bool mayReopen_ HX_GUARDED_BY(mutex_) = false;             // The service has come back, or it is worth another try.
+  bool isTelling_ HX_GUARDED_BY(mutex_) = false;             // The chain is in a batch.
+  bool posted_ HX_GUARDED_BY(mutex_) = false;                // A task is under way,
+  std::chrono::nanoseconds delay_ HX_GUARDED_BY(mutex_){0};  // or is to be, not before this has passed.
+  bool paused_ HX_GUARDED_BY(mutex_) = false;
+  bool ended_ HX_GUARDED_BY(mutex_) = false;
+  bool leftByItself_ HX_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace HX

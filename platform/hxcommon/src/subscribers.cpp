@@ -1,4 +1,5 @@
 #include <hxcommon/subscribers.h>
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 
 #include <algorithm>
@@ -37,7 +38,7 @@ Subscribers::~Subscribers() {
 
 void Subscribers::declare(const std::string& event) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     events_.try_emplace(event);
   }
   if (const mw::AnyObject memory = findMemory()) declareTo(memory, event);
@@ -54,7 +55,7 @@ mw::AnyObject Subscribers::findMemory() const {
 void Subscribers::declareTo(const mw::AnyObject& memory, const std::string& event) {
   {
     mw::AnyObject former;  // Dropped after the lock.
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (memory_.pointer() != memory.pointer()) former = startAnew(memory);
     // Before it is done: to declare an event takes its value away, so another thread is not to do it again.
     if (std::exchange(events_[event].isDeclared, true)) return;
@@ -63,10 +64,10 @@ void Subscribers::declareTo(const mw::AnyObject& memory, const std::string& even
     memory->call("declareEvent", event, extractor_);
     // Asked after the declaration: a subscriber that comes in between is told of twice, and counts once.
     const auto modules = memory->call<std::vector<std::string>>("getSubscribers", event);
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     for (const std::string& module : modules) events_[event].modules[module] = ++arrivals_;
   } catch (...) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     events_[event].isDeclared = false;
     throw;
   }
@@ -85,7 +86,7 @@ mw::AnyObject Subscribers::startAnew(mw::AnyObject memory) {
 
 void Subscribers::add(std::string_view identifier) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const Named found = named(identifier);
     if (!found.event) return;
     found.event->modules.insert_or_assign(std::string(found.module), ++arrivals_);
@@ -95,7 +96,7 @@ void Subscribers::add(std::string_view identifier) {
 
 void Subscribers::remove(std::string_view identifier) {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const Named found = named(identifier);
     if (!found.event) return;
     if (const auto known = found.event->modules.find(found.module); known != found.event->modules.end()) {
@@ -118,13 +119,13 @@ Subscribers::Named Subscribers::named(std::string_view identifier) {
 }
 
 bool Subscribers::want(std::string_view event) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto known = events_.find(event);
   return known != events_.end() && !known->second.modules.empty();
 }
 
 std::vector<std::string> Subscribers::of(std::string_view event) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::vector<std::string> names;
   if (const auto known = events_.find(event); known != events_.end()) {
     for (const auto& [module, arrival] : known->second.modules) names.push_back(module);
@@ -138,7 +139,7 @@ void Subscribers::onRegistered(const std::string& service) {
   if (!memory) return;
   std::vector<std::string> names;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     for (const auto& [name, event] : events_) names.push_back(name);
   }
   for (const std::string& name : names) {
@@ -164,7 +165,7 @@ void Subscribers::onMemoryGone() {
   const mw::AnyObject present = session_->ownService(kMemory);
   {
     mw::AnyObject former;
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (memory_ && memory_.pointer() == present.pointer()) return;
     former = startAnew({});
   }
@@ -176,14 +177,14 @@ void Subscribers::onMemoryGone() {
 void Subscribers::onModuleGone(const std::string& module) {
   std::uint64_t latest = 0;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     const auto has = [&](const auto& event) { return event.second.modules.contains(module); };
     if (std::ranges::none_of(events_, has)) return;
     latest = arrivals_;
   }
   if (isThere(module)) return;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     for (auto& [name, event] : events_) {
       if (const auto known = event.modules.find(module); known != event.modules.end() && known->second <= latest) {
         event.modules.erase(known);
@@ -202,7 +203,7 @@ bool Subscribers::isThere(const std::string& service) const {
 }
 
 void Subscribers::tell() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   if (std::exchange(isTelling_, true)) return;
   while (true) {
     const auto news = std::ranges::find_if(

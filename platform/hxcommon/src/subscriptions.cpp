@@ -1,5 +1,6 @@
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/subscriptions.h>
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 #include <libmw/text.h>
 
@@ -18,27 +19,27 @@ Subscriptions& Subscriptions::instance() {
 void Subscriptions::note(const HXProxy& memory, const std::string& module, const std::string& key,
                          Subscription subscription) {
   if (!memory.asObject()->isRemote()) return;
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   modules_[module].byKey.insert_or_assign(key, std::move(subscription));
 }
 
 void Subscriptions::forget(const std::string& module, const std::string& key) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (const auto found = modules_.find(module); found != modules_.end()) found->second.byKey.erase(key);
 }
 
 void Subscriptions::forgetModule(const std::string& module) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   modules_.erase(module);
 }
 
 void Subscriptions::setRestored(const std::string& module, bool restored) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   modules_[module].restored = restored;
 }
 
 void Subscriptions::setOnRestored(const std::string& module, OnRestored onRestored) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   modules_[module].onRestored = std::move(onRestored);
 }
 
@@ -46,7 +47,7 @@ void Subscriptions::restore(HXBroker& broker) {
   for (const std::string& module : broker.modules()) {
     OfModule lost;
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       if (const auto found = modules_.find(module); found != modules_.end()) lost = found->second;
     }
     if (lost.restored && !lost.byKey.empty()) restore(broker, module, lost);

@@ -1,5 +1,7 @@
 #include "core.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
 #include <limits>
 #include <new>
@@ -35,7 +37,7 @@ std::shared_ptr<Follower> Core::join(Filter filter, Follower::Listener onChange,
   Followers one{follower};
   Ring::Chunks spare(1);
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (closed_) throw std::runtime_error("the journal is closed");
     if (!recording_) beginRecording();
     ring.addSpare(spare);
@@ -55,7 +57,7 @@ std::shared_ptr<Follower> Core::join(Filter filter, Follower::Listener onChange,
 void Core::leave(const Follower& follower) noexcept {
   Ring::Chunks spare;
   Followers one;  // Both go after the lock.
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto found = std::ranges::find(followers_, &follower, &std::shared_ptr<Follower>::get);
   if (found == followers_.end()) return;
   one.splice(one.end(), followers_, found);
@@ -65,7 +67,7 @@ void Core::leave(const Follower& follower) noexcept {
 }
 
 void Core::close() noexcept {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   closed_ = true;
   while (!followers_.empty()) {
     const auto follower = followers_.front();
@@ -73,13 +75,15 @@ void Core::close() noexcept {
     follower->end();
     lock.lock();
     // One that is leaving on another thread is gone in a moment.
-    somebodyLeft_.wait(lock, [&] { return std::ranges::find(followers_, follower) == followers_.end(); });
+    somebodyLeft_.wait(lock.native(), [&]() HX_REQUIRES(mutex_) {
+      return std::ranges::find(followers_, follower) == followers_.end();
+    });
   }
   endRecording();
 }
 
 void Core::keep(bool on) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (closed_) throw std::runtime_error("the journal is closed");
   if (on && !recording_) beginRecording();
   if (keep_ && !on && followers_.empty()) linger();
@@ -87,7 +91,7 @@ void Core::keep(bool on) {
 }
 
 bool Core::isRecording() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return recording_;
 }
 
@@ -97,7 +101,7 @@ Position Core::latest() const noexcept {
 }
 
 std::vector<FollowerInfo> Core::followers() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::vector<FollowerInfo> all;
   for (const auto& follower : followers_) all.push_back(follower->info());
   return all;
@@ -122,7 +126,7 @@ void Core::scan(const Filter& filter, const std::function<void(const Change&)>& 
     use(change);
   };
   Ring::Chunks spare(1);
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!recording_) return;
   ring.addSpare(spare);
   struct TakeBack {
@@ -148,7 +152,7 @@ void Core::scan(const Filter& filter, const std::function<void(const Change&)>& 
 
 Retained Core::retainedFrom(TimePoint time) {
   Ring::Chunks spare(1);  // Whoever pins a chunk brings one.
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   if (!recording_) return {latest(), latest(), std::nullopt, false};
   ring.addSpare(spare);
   Retained found{{}, {}, std::nullopt, true};
@@ -210,7 +214,7 @@ void Core::lingerFor(std::chrono::nanoseconds time) noexcept {
 }
 
 void Core::endLinger() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   lingering_ = false;
   if (closed_ || keep_ || !followers_.empty()) return;
   // Later, when somebody came and went meanwhile.
@@ -229,7 +233,7 @@ void Core::ringBell() noexcept {
 
 void Core::bell() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (closed_) return;
     looksWithout_ = 0;
     if (!looking_) lookLater();
@@ -249,7 +253,7 @@ void Core::runSoon(const std::shared_ptr<Follower>& follower) {
 }
 
 std::shared_ptr<Follower> Core::nextSleeper() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (const auto& follower : followers_) {
     if (follower->isPrompt() && ring.wake(follower->sleeper)) return follower;
   }
@@ -257,7 +261,7 @@ std::shared_ptr<Follower> Core::nextSleeper() {
 }
 
 std::shared_ptr<Follower> Core::nextRelaxed() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (const auto& follower : followers_) {
     if (!follower->isPrompt() && ring.wakeIfNews(follower->sleeper)) return follower;
   }
@@ -277,7 +281,7 @@ void Core::lookLater() noexcept {
 
 void Core::look() {
   while (const auto follower = nextRelaxed()) runSoon(follower);
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   looking_ = false;
   if (closed_) return;
   const std::uint64_t head = ring.head();

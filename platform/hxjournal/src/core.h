@@ -3,13 +3,13 @@
 #include "follower.h"
 #include "ring.h"
 
+#include <hxerror/mutex.h>
 #include <hxjournal/journal.h>
 
 #include <atomic>
 #include <condition_variable>
 #include <list>
 #include <memory>
-#include <mutex>
 
 namespace HX::journal {
 
@@ -42,33 +42,33 @@ class Core : public std::enable_shared_from_this<Core> {
  private:
   using Followers = std::list<std::shared_ptr<Follower>>;
 
-  void beginRecording();
-  void endRecording() noexcept;
+  void beginRecording() HX_REQUIRES(mutex_);
+  void endRecording() noexcept HX_REQUIRES(mutex_);
   bool later(void (Core::*step)(), std::chrono::nanoseconds delay);
-  void linger() noexcept;
-  void lingerFor(std::chrono::nanoseconds time) noexcept;
+  void linger() noexcept HX_REQUIRES(mutex_);
+  void lingerFor(std::chrono::nanoseconds time) noexcept HX_REQUIRES(mutex_);
   void endLinger();
   void bell();
   void runSoon(const std::shared_ptr<Follower>& follower);
   std::shared_ptr<Follower> nextSleeper();
   std::shared_ptr<Follower> nextRelaxed();
-  void lookLater() noexcept;
+  void lookLater() noexcept HX_REQUIRES(mutex_);
   void look();
 
   const std::chrono::nanoseconds lingerTime_;
 
-  mutable std::mutex mutex_;  // Guards all below. Outside the table's lock.
+  mutable Mutex mutex_;  // Outer to the table's lock.
   std::condition_variable somebodyLeft_;
-  Followers followers_;
-  bool recording_ = false;
-  bool keep_ = false;
-  bool closed_ = false;
-  bool lingering_ = false;  // A task is under way that ends the recording.
-  std::chrono::steady_clock::time_point lingerUntil_;
+  Followers followers_ HX_GUARDED_BY(mutex_);
+  bool recording_ HX_GUARDED_BY(mutex_) = false;
+  bool keep_ HX_GUARDED_BY(mutex_) = false;
+  bool closed_ HX_GUARDED_BY(mutex_) = false;
+  bool lingering_ HX_GUARDED_BY(mutex_) = false;  // A task is under way that ends the recording.
+  std::chrono::steady_clock::time_point lingerUntil_ HX_GUARDED_BY(mutex_);
   // The look that followers who need no promptness share.
-  bool looking_ = false;
-  std::uint64_t lookedAt_ = 0;
-  int looksWithout_ = 0;
+  bool looking_ HX_GUARDED_BY(mutex_) = false;
+  std::uint64_t lookedAt_ HX_GUARDED_BY(mutex_) = 0;
+  int looksWithout_ HX_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace HX::journal

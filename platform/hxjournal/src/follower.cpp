@@ -2,6 +2,8 @@
 
 #include "core.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
 #include <exception>
 #include <limits>
@@ -48,7 +50,7 @@ void Follower::run() {
 }
 
 bool Follower::enter() noexcept {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   parked_ = paused_ && !ended_;
   if (paused_ || ended_) return false;
   running_ = std::this_thread::get_id();
@@ -59,7 +61,7 @@ bool Follower::enter() noexcept {
 bool Follower::leave() noexcept {
   bool byItself = false;
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     byItself = leftByItself_;
     if (!byItself) running_ = {};
     stopped_.notify_all();
@@ -67,7 +69,7 @@ bool Follower::leave() noexcept {
   }
   if (!byItself) return false;
   dropCallbacks();
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   running_ = {};
   stopped_.notify_all();
   return false;
@@ -76,10 +78,10 @@ bool Follower::leave() noexcept {
 void Follower::end() noexcept {
   bool isOwn = false;
   {
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     ended_ = true;
     isOwn = running_ == std::this_thread::get_id();
-    if (!isOwn) stopped_.wait(lock, [this] { return running_ == std::thread::id(); });
+    if (!isOwn) stopped_.wait(lock.native(), [this]() HX_REQUIRES(mutex_) { return running_ == std::thread::id(); });
     if (std::exchange(left_, true)) return;
     leftByItself_ = isOwn;
   }
@@ -98,20 +100,20 @@ void Follower::dropCallbacks() noexcept {
 }
 
 void Follower::pause() noexcept {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   paused_ = true;
 }
 
 void Follower::resume() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     paused_ = false;
     if (!std::exchange(parked_, false)) return;
   }
   try {
     post({});
   } catch (...) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     paused_ = parked_ = true;
     throw;
   }

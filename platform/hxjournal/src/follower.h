@@ -4,6 +4,7 @@
 #include "ring.h"
 
 #include <hxauthor/author.h>
+#include <hxerror/mutex.h>
 #include <hxjournal/filter.h>
 #include <hxjournal/follow.h>
 
@@ -13,7 +14,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -150,14 +150,14 @@ class Follower : public Following, public std::enable_shared_from_this<Follower>
   std::atomic<std::uint64_t> position_{0};
   std::exception_ptr thrown_;  // By a callback.
 
-  mutable std::mutex mutex_;  // Guards all below. A leaf; held for moments.
+  mutable Mutex mutex_;  // A leaf; held for moments.
   std::condition_variable stopped_;
-  std::thread::id running_;
-  std::atomic<bool> ended_{false};   // Written under `mutex_`.
-  bool left_ = false;                // Taken out of the journal,
-  bool leftByItself_ = false;        // from a callback of its own.
-  std::atomic<bool> paused_{false};  // Written under `mutex_`.
-  bool parked_ = false;              // No task is under way, for it is paused.
+  std::thread::id running_ HX_GUARDED_BY(mutex_);
+  std::atomic<bool> ended_{false};                   // Written under `mutex_`.
+  bool left_ HX_GUARDED_BY(mutex_) = false;          // Taken out of the journal,
+  bool leftByItself_ HX_GUARDED_BY(mutex_) = false;  // from a callback of its own.
+  std::atomic<bool> paused_{false};                  // Written under `mutex_`.
+  bool parked_ HX_GUARDED_BY(mutex_) = false;        // No task is under way, for it is paused.
 };
 
 }  // namespace HX::journal

@@ -1,3 +1,4 @@
+#include <hxerror/mutex.h>
 #include <hxjournal/replica.h>
 
 #include <utility>
@@ -5,7 +6,7 @@
 namespace HX::journal {
 
 void Replica::change(const Change& change) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto held = items_.find(change.key);
   const bool known = held != items_.end();
   const bool isNews = known && change.nth != held->second.nth;
@@ -33,13 +34,13 @@ void Replica::change(const Change& change) {
 }
 
 void Replica::gap(const Gap& gap) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   for (auto& [key, item] : items_) item.named = false;
   counts_.atLeast |= gap.full && !items_.empty();
 }
 
 void Replica::unchanged(std::string_view key, Position at) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto held = items_.find(key);
   if (held == items_.end()) return;
   held->second.named = true;
@@ -47,7 +48,7 @@ void Replica::unchanged(std::string_view key, Position at) {
 }
 
 void Replica::complete(Position at) {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::erase_if(items_, [](const auto& entry) { return !entry.second.named; });
   completeAt_ = at;
 }
@@ -55,7 +56,7 @@ void Replica::complete(Position at) {
 FollowOptions Replica::following(FollowOptions options) {
   {
     // What a snapshot that was broken off has not named yet is there still, for whoever goes on from before it.
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     for (auto& [key, item] : items_) item.named = true;
   }
   options.onGap = [this](const Gap& missed) { gap(missed); };
@@ -69,23 +70,23 @@ std::function<void(const Change&)> Replica::listener() {
 }
 
 std::optional<Replica::Item> Replica::find(std::string_view key) const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   const auto held = items_.find(key);
   return held == items_.end() ? std::nullopt : std::optional(held->second);
 }
 
 std::map<std::string, Replica::Item, std::less<>> Replica::items() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return items_;
 }
 
 Replica::Counts Replica::counts() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return counts_;
 }
 
 std::optional<Position> Replica::completeAt() const {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return completeAt_;
 }
 

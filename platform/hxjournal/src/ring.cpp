@@ -1,5 +1,7 @@
 #include "ring.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
 #include <bit>
 #include <iterator>
@@ -20,7 +22,7 @@ std::size_t placeOf(std::uint64_t revision) noexcept { return revision % kChunkS
 }  // namespace
 
 Ring::Pin::Pin(Ring& ring, std::uint64_t cursor, std::uint64_t limit, std::uint64_t behind) noexcept : ring_(ring) {
-  const std::lock_guard lock(ring.lock_);
+  const Lock lock(ring.lock_);
   // NOLINTNEXTLINE(cppcoreguidelines-prefer-member-initializer): what it asks is guarded by the lock.
   lapped_ = cursor < ring.oldest_ || ring.head_ - cursor > behind;
   limit = std::min(limit, ring.head_);
@@ -46,7 +48,7 @@ Ring::Store Ring::makeStore() const {
 }
 
 void Ring::open(Store& store) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   used_.swap(store.chunks);
   ring_.swap(store.ring);
   // At the beginning of a chunk, and not next to the last one: what changed while nothing was recorded lies in the
@@ -57,7 +59,7 @@ void Ring::open(Store& store) noexcept {
 }
 
 void Ring::close(Store& store, std::list<Grave>& graves) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   used_.swap(store.chunks);
   ring_.swap(store.ring);
   graves_.swap(graves);
@@ -67,7 +69,7 @@ void Ring::close(Store& store, std::list<Grave>& graves) noexcept {
 }
 
 std::uint64_t Ring::append(Entry& entry, std::list<Grave>* grave, Afterwards& after) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   const std::uint64_t revision = head_;
   if (placeOf(revision) == 0) turn(revision);
   Entry& slot = current_->entries[placeOf(revision)];
@@ -135,7 +137,7 @@ void Ring::releaseGraves(Afterwards& after) noexcept {
 
 void Ring::unpin(Chunks::iterator chunk) noexcept {
   {
-    const std::lock_guard lock(lock_);
+    const Lock lock(lock_);
     if (!chunk->detached || chunk->pins > 1) {
       --chunk->pins;
       return;
@@ -147,7 +149,7 @@ void Ring::unpin(Chunks::iterator chunk) noexcept {
     bytes += bytesOf(entry.value);
     entry.value = HXValue();
   }
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   bytes_ -= bytes;
   chunk->first = 0;
   chunk->pins = 0;
@@ -156,29 +158,29 @@ void Ring::unpin(Chunks::iterator chunk) noexcept {
 }
 
 void Ring::addSpare(Chunks& one) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   spare_.splice(spare_.end(), one);
 }
 
 Ring::Chunks Ring::takeSpare() noexcept {
   Chunks one;
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   one.splice(one.end(), spare_, spare_.begin());
   return one;
 }
 
 std::uint64_t Ring::head() const noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   return head_;
 }
 
 Ring::Extent Ring::extent() const noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   return {began_, oldest_, head_, lastRemoval_};
 }
 
 bool Ring::fallAsleep(Sleeper& sleeper, std::uint64_t cursor) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   if (head_ != cursor) return false;
   sleeper = {true, sleeper.nap + 1, cursor};
   ringWanted_ = true;
@@ -186,35 +188,35 @@ bool Ring::fallAsleep(Sleeper& sleeper, std::uint64_t cursor) noexcept {
 }
 
 std::uint64_t Ring::fallAsleepUnrung(Sleeper& sleeper, std::uint64_t cursor) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   sleeper = {true, sleeper.nap + 1, cursor};
   return sleeper.nap;
 }
 
 bool Ring::wake(Sleeper& sleeper) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   return std::exchange(sleeper.asleep, false);
 }
 
 bool Ring::wakeFrom(Sleeper& sleeper, std::uint64_t nap) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   return sleeper.nap == nap && std::exchange(sleeper.asleep, false);
 }
 
 bool Ring::wakeIfNews(Sleeper& sleeper) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   return sleeper.cursor != head_ && std::exchange(sleeper.asleep, false);
 }
 
 bool Ring::askForBell(std::uint64_t head) noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   if (head_ != head) return false;
   ringWanted_ = true;
   return true;
 }
 
 void Ring::askForBell() noexcept {
-  const std::lock_guard lock(lock_);
+  const Lock lock(lock_);
   ringWanted_ = true;
 }
 

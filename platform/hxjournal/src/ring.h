@@ -72,7 +72,6 @@ class Ring {
   void open(Store& store) noexcept;
   /// Forgets all changes, and gives back what holds them. Nobody appends or reads any more.
   void close(Store& store, std::list<Grave>& graves) noexcept;
-  bool isOpen() const noexcept { return !ring_.empty(); }
 
   std::uint64_t append(Entry& entry, std::list<Grave>* grave, Afterwards& after) noexcept;
 
@@ -103,10 +102,10 @@ class Ring {
   void askForBell() noexcept;
 
  private:
-  void turn(std::uint64_t revision) noexcept;
-  void releaseOldest(Afterwards& after) noexcept;
-  void releaseGraves(Afterwards& after) noexcept;
-  Chunks::iterator& slotOf(std::uint64_t revision) noexcept {
+  void turn(std::uint64_t revision) noexcept HX_REQUIRES(lock_);
+  void releaseOldest(Afterwards& after) noexcept HX_REQUIRES(lock_);
+  void releaseGraves(Afterwards& after) noexcept HX_REQUIRES(lock_);
+  Chunks::iterator& slotOf(std::uint64_t revision) noexcept HX_REQUIRES(lock_) {
     return ring_[(revision / kChunkSize) & (ring_.size() - 1)];
   }
   void unpin(Chunks::iterator chunk) noexcept;
@@ -114,20 +113,21 @@ class Ring {
   const std::size_t chunks_;
   const std::size_t budget_;
 
-  mutable WordLock lock_;  // Guards all below.
-  std::vector<Chunks::iterator> ring_;
-  Chunks used_;
-  Chunks spare_;
-  Chunks detached_;
-  Chunk* current_ = nullptr;
-  std::uint64_t head_ = 0;
-  std::uint64_t began_ = 0;
-  std::uint64_t oldest_ = 0;
-  std::uint64_t kept_ = 0;  // From here on the values are there. Older ones than `oldest_` may be: nobody reads them.
-  std::uint64_t lastRemoval_ = 0;
-  std::size_t bytes_ = 0;
-  std::list<Grave> graves_;
-  bool ringWanted_ = false;
+  mutable WordLock lock_;
+  std::vector<Chunks::iterator> ring_ HX_GUARDED_BY(lock_);
+  Chunks used_ HX_GUARDED_BY(lock_);
+  Chunks spare_ HX_GUARDED_BY(lock_);
+  Chunks detached_ HX_GUARDED_BY(lock_);
+  Chunk* current_ HX_GUARDED_BY(lock_) = nullptr;
+  std::uint64_t head_ HX_GUARDED_BY(lock_) = 0;
+  std::uint64_t began_ HX_GUARDED_BY(lock_) = 0;
+  std::uint64_t oldest_ HX_GUARDED_BY(lock_) = 0;
+  // From here on the values are there. Older ones than `oldest_` may be: nobody reads them.
+  std::uint64_t kept_ HX_GUARDED_BY(lock_) = 0;
+  std::uint64_t lastRemoval_ HX_GUARDED_BY(lock_) = 0;
+  std::size_t bytes_ HX_GUARDED_BY(lock_) = 0;
+  std::list<Grave> graves_ HX_GUARDED_BY(lock_);
+  bool ringWanted_ HX_GUARDED_BY(lock_) = false;
 };
 
 }  // namespace HX::journal

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxcommon/memoryinsight.h>
+#include <hxerror/mutex.h>
 #include <hxvalue/detail/wordlock.h>
 
 #include <atomic>
@@ -17,7 +18,7 @@ namespace HX {
 /// raise each other crosswise on two threads keep each other for ever. Neither can be prevented without calling
 /// subscribers unlocked, so it is made visible: who waits longer than the patience logs, once, for which event and
 /// subscriber, and inside which notification; and `patrol` logs, once, which call lasts longer.
-class NotifierLock {
+class HX_CAPABILITY NotifierLock {
   struct Thread;  // What one thread is calling.
   class Threads;  // All of them, for who waits and for the patrol.
 
@@ -27,16 +28,16 @@ class NotifierLock {
   NotifierLock(const NotifierLock&) = delete;
   NotifierLock& operator=(const NotifierLock&) = delete;
 
-  void lock();
-  void unlock() { mutex_.unlock(); }
+  void lock() HX_ACQUIRE();
+  void unlock() HX_RELEASE() { mutex_.unlock(); }
   /// The same, for a raise: where another process has asked for it, about as long as that wants it.
   /// @throws std::runtime_error when it does not any more.
-  void lockForCaller();
+  void lockForCaller() HX_ACQUIRE();
 
   /// The calls of subscribers that one notification makes, one after another, on the thread that holds the lock.
   class Calls {
    public:
-    explicit Calls(NotifierLock& lock);
+    explicit Calls(NotifierLock& lock) HX_REQUIRES(lock);
     Calls(const Calls&) = delete;
     Calls& operator=(const Calls&) = delete;
     ~Calls();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <hxerror/mutex.h>
+
 #include <array>
 #include <atomic>
 #include <condition_variable>
@@ -26,27 +28,25 @@ namespace HX {
 /// @par Hazards  Not recursive, on either side: a thread that holds the shared side and asks for it again waits for
 ///   ever if a writer came between. Who takes the shared side releases it, on the same thread. The lock must outlive
 ///   everyone in it or waiting for it. It knows no time-outs.
-///
-/// The function names are the standard library's, for std::unique_lock and std::shared_lock.
-class TableLock {
+class HX_CAPABILITY TableLock {
  public:
   TableLock() = default;
   TableLock(const TableLock&) = delete;
   TableLock& operator=(const TableLock&) = delete;
 
-  void lock_shared() {
+  void lock_shared() HX_ACQUIRE_SHARED() {
     auto& readers = ofThisThread();
     if (readers.fetch_add(kOneReader, std::memory_order_acquire) & kClosed) [[unlikely]]
       waitForWriter(readers);
   }
 
-  void unlock_shared() {
+  void unlock_shared() HX_RELEASE_SHARED() {
     if (ofThisThread().fetch_sub(kOneReader, std::memory_order_release) & kClosed) [[unlikely]]
       tellWriter();
   }
 
-  void lock();
-  void unlock();
+  void lock() HX_ACQUIRE();
+  void unlock() HX_RELEASE();
 
  private:
   using Readers = std::atomic<std::uint32_t>;
@@ -75,14 +75,14 @@ class TableLock {
 
   std::array<Counter, kCounters> counters_;
 
-  std::mutex mutex_;                     // Guards what follows, and the closing and opening of the counters.
-  std::condition_variable drained_;      // A reader has left a closed counter.
-  std::condition_variable writersTurn_;  // Nobody writes, and the readers that were due are in.
-  std::condition_variable readersTurn_;  // `phase_` has changed.
-  bool writing_ = false;                 // A writer is in, or waits for the readers that are.
-  std::uint32_t waiting_ = 0;            // Readers that wait for it to end,
-  std::uint32_t due_ = 0;                // and those that waited for the one before it and are not in yet.
-  std::uint64_t phase_ = 0;              // Writers so far.
+  Mutex mutex_;                                      // Guards the closing and opening of the counters, too.
+  std::condition_variable drained_;                  // A reader has left a closed counter.
+  std::condition_variable writersTurn_;              // Nobody writes, and the readers that were due are in.
+  std::condition_variable readersTurn_;              // `phase_` has changed.
+  bool writing_ HX_GUARDED_BY(mutex_) = false;       // A writer is in, or waits for the readers that are.
+  std::uint32_t waiting_ HX_GUARDED_BY(mutex_) = 0;  // Readers that wait for it to end,
+  std::uint32_t due_ HX_GUARDED_BY(mutex_) = 0;      // and those that waited for the one before it and are not in yet.
+  std::uint64_t phase_ HX_GUARDED_BY(mutex_) = 0;    // Writers so far.
 };
 
 }  // namespace HX

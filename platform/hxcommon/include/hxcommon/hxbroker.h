@@ -3,12 +3,12 @@
 #include <hxcommon/hxproxy.h>
 #include <hxcommon/settings.h>
 #include <hxerror/api.h>
+#include <hxerror/mutex.h>
 #include <libmw/session.h>
 
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -138,7 +138,7 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   using IsWanted = std::function<bool(const HXModuleCore&)>;
   bool unregisterFirst(const IsWanted& isWanted);
   void forgetStaleProxy(const std::string& name);
-  void requireRunning(const std::string& moduleName) const;
+  void requireRunning(const std::string& moduleName) const HX_REQUIRES(mutex_);
   std::shared_ptr<mw::GenericObject> ownModule(const std::string& name) const;
   std::shared_ptr<HXModuleCore> lastModule() const;
   void exitModule(std::shared_ptr<HXModuleCore> module);
@@ -148,12 +148,12 @@ class HX_API HXBroker : public std::enable_shared_from_this<HXBroker> {
   std::weak_ptr<HXBrokerManager> manager_;
   const std::shared_ptr<mw::Session> session_;
 
-  mutable std::mutex mutex_;  // Guards everything below.
-  std::vector<Hosted> modules_;
-  std::map<std::string, std::shared_ptr<HXProxy>> proxies_;
-  std::vector<ModuleLibrary> libraries_;
-  std::map<std::string, std::shared_ptr<const GivenSettings>> givenSettings_;
-  bool shutDown_ = false;
+  mutable Mutex mutex_;
+  std::vector<Hosted> modules_ HX_GUARDED_BY(mutex_);
+  std::map<std::string, std::shared_ptr<HXProxy>> proxies_ HX_GUARDED_BY(mutex_);
+  std::vector<ModuleLibrary> libraries_ HX_GUARDED_BY(mutex_);
+  std::map<std::string, std::shared_ptr<const GivenSettings>> givenSettings_ HX_GUARDED_BY(mutex_);
+  bool shutDown_ HX_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace HX

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <hxerror/api.h>
+#include <hxerror/mutex.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -29,8 +29,8 @@ class HX_API HXBrokerManager {
   std::vector<std::shared_ptr<HXBroker>> brokers() const;
 
  private:
-  mutable std::mutex mutex_;  // Guards `brokers_`.
-  std::vector<std::weak_ptr<HXBroker>> brokers_;
+  mutable Mutex mutex_;
+  std::vector<std::weak_ptr<HXBroker>> brokers_ HX_GUARDED_BY(mutex_);
 };
 
 }  // namespace HX

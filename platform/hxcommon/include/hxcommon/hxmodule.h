@@ -3,6 +3,7 @@
 #include <hxcommon/hxfunctor.h>
 #include <hxcommon/settings.h>
 #include <hxerror/hxerror.h>
+#include <hxerror/mutex.h>
 #include <hxjournal/filter.h>
 #include <hxjournal/follow.h>
 #include <libmw/dynamicobject.h>
@@ -10,7 +11,6 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -204,8 +204,8 @@ class HX_API HXModule : public HXModuleCore {
   static void start(const std::shared_ptr<HXModule>& module);
   std::shared_ptr<HXProxy> memoryProxy();
 
-  std::mutex memoryMutex_;           // Guards `memory_`.
-  std::shared_ptr<HXProxy> memory_;  // As last asked for.
+  Mutex memoryMutex_;
+  std::shared_ptr<HXProxy> memory_ HX_GUARDED_BY(memoryMutex_);  // As last asked for.
 };
 
 }  // namespace HX

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxerror/api.h>
+#include <hxerror/mutex.h>
 #include <libmw/genericobject.h>
 #include <libmw/session.h>
 #include <libmw/trackable.h>
@@ -10,7 +11,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -93,9 +93,8 @@ class HX_API Subscribers {
   bool isThere(const std::string& service) const;
   void tell();
   void call(const std::string& event, bool isWanted) const;
-  // With `mutex_` held:
-  Named named(std::string_view identifier);
-  mw::AnyObject startAnew(mw::AnyObject memory);
+  Named named(std::string_view identifier) HX_REQUIRES(mutex_);
+  mw::AnyObject startAnew(mw::AnyObject memory) HX_REQUIRES(mutex_);
 
   const std::shared_ptr<mw::Session> session_;
   const std::string extractor_;
@@ -103,11 +102,13 @@ class HX_API Subscribers {
   mw::SignalLink registeredLink_ = mw::kInvalidSignalLink;
   mw::SignalLink unregisteredLink_ = mw::kInvalidSignalLink;
 
-  mutable std::mutex mutex_;  // Guards everything below.
-  Events events_;
-  mw::AnyObject memory_;        // To which events are declared. Held, so that a later one is a different handle.
-  std::uint64_t arrivals_ = 0;  // So far.
-  bool isTelling_ = false;      // A thread is inside `tell`, and tells what the others change as well.
+  mutable Mutex mutex_;
+  Events events_ HX_GUARDED_BY(mutex_);
+  // To which events are declared. Held, so that a later one is a different handle.
+  mw::AnyObject memory_ HX_GUARDED_BY(mutex_);
+  std::uint64_t arrivals_ HX_GUARDED_BY(mutex_) = 0;  // So far.
+  // A thread is inside `tell`, and tells what the others change as well.
+  bool isTelling_ HX_GUARDED_BY(mutex_) = false;
 
   mw::Lifetime lifetime_;
 };

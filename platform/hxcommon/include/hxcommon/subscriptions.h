@@ -1,10 +1,10 @@
 #pragma once
 
 #include <hxerror/api.h>
+#include <hxerror/mutex.h>
 
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -61,8 +61,8 @@ class HX_API Subscriptions {
   Subscriptions() = default;
   static void restore(HXBroker& broker, const std::string& module, const OfModule& lost);
 
-  std::mutex mutex_;  // Guards `modules_`.
-  std::map<std::string, OfModule> modules_;
+  Mutex mutex_;
+  std::map<std::string, OfModule> modules_ HX_GUARDED_BY(mutex_);
 };
 
 }  // namespace HX

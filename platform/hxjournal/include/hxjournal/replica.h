@@ -1,13 +1,13 @@
 #pragma once
 
 #include <hxerror/api.h>
+#include <hxerror/mutex.h>
 #include <hxjournal/change.h>
 #include <hxjournal/follow.h>
 
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -54,10 +54,10 @@ class HX_API Replica {
   std::optional<Position> completeAt() const;
 
  private:
-  mutable std::mutex mutex_;  // Guards all below.
-  std::map<std::string, Item, std::less<>> items_;
-  Counts counts_;
-  std::optional<Position> completeAt_;
+  mutable Mutex mutex_;
+  std::map<std::string, Item, std::less<>> items_ HX_GUARDED_BY(mutex_);
+  Counts counts_ HX_GUARDED_BY(mutex_);
+  std::optional<Position> completeAt_ HX_GUARDED_BY(mutex_);
 };
 
 }  // namespace HX::journal

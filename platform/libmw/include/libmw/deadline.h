@@ -1,13 +1,13 @@
 #pragma once
 
 #include <hxerror/api.h>
+#include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 #include <libmw/genericobject.h>
 
 #include <chrono>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -54,15 +54,15 @@ class HX_API Deadlines : public std::enable_shared_from_this<Deadlines> {
     Promise<AnyValue> promise;
     std::string what;
   };
-  void startTimerLocked(Clock::time_point end);
+  void startTimerLocked(Clock::time_point end) HX_REQUIRES(mutex_);
   void expire();
 
   EventLoop& loop_;
   const std::chrono::milliseconds limit_;
   const std::string whom_;
-  std::mutex mutex_;             // Guards all below.
-  std::deque<Watched> watched_;  // By their ends.
-  bool timerRuns_ = false;
+  HX::Mutex mutex_;
+  std::deque<Watched> watched_ HX_GUARDED_BY(mutex_);  // By their ends.
+  bool timerRuns_ HX_GUARDED_BY(mutex_) = false;
 };
 
 /// A handle on `object` whose calls are watched by `deadlines`. Posts, signals and properties are not.

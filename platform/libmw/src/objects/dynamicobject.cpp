@@ -1,5 +1,6 @@
 #include "callqueue.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/dynamicobject.h>
 
 #include <algorithm>
@@ -86,8 +87,8 @@ std::shared_ptr<const ObjectType> ObjectBuilder::build() {
 
 struct DynamicObject::State {
   std::recursive_mutex serialised;  // Held around each call on objects of the single-threaded model.
-  std::mutex mutex;                 // Guards `properties`.
-  std::map<unsigned, std::shared_ptr<const AnyValue>> properties;
+  HX::Mutex mutex;
+  std::map<unsigned, std::shared_ptr<const AnyValue>> properties HX_GUARDED_BY(mutex);
 };
 
 DynamicObject::DynamicObject() : type_(ObjectBuilder().build()), state_(std::make_unique<State>()) {}
@@ -188,7 +189,7 @@ Future<AnyValue> DynamicObject::metaProperty(unsigned property) {
   if (!hasProperty(property)) return Future<AnyValue>::failed(noSuchProperty(property));
   std::shared_ptr<const AnyValue> stored;
   {
-    const std::lock_guard lock(state_->mutex);
+    const HX::MutexLock lock(state_->mutex);
     stored = state_->properties[property];
   }
   return Future<AnyValue>::ready(stored ? *stored : AnyValue());
@@ -197,7 +198,7 @@ Future<AnyValue> DynamicObject::metaProperty(unsigned property) {
 Future<void> DynamicObject::metaSetProperty(unsigned property, const AnyValue& value) {
   if (!hasProperty(property)) return Future<void>::failed(noSuchProperty(property));
   auto stored = std::make_shared<const AnyValue>(value);
-  const std::lock_guard lock(state_->mutex);
+  const HX::MutexLock lock(state_->mutex);
   state_->properties[property].swap(stored);
   return Future<void>::ready();
 }

@@ -1,3 +1,4 @@
+#include <hxerror/mutex.h>
 #include <libmw/deadline.h>
 #include <libmw/forwardingobject.h>
 
@@ -63,7 +64,7 @@ Deadlines::Answer Deadlines::watch(const Answer& answer, std::string what) {
   });
   auto watched = promise.future();
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     while (!watched_.empty() && watched_.front().promise.future().isFinished()) watched_.pop_front();
     const auto end = Clock::now() + limit_;
     watched_.push_back({end, answer, promise, std::move(what)});
@@ -86,7 +87,7 @@ void Deadlines::startTimerLocked(Clock::time_point end) {
 void Deadlines::expire() {
   std::vector<Watched> late;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     timerRuns_ = false;
     const auto now = Clock::now();
     while (!watched_.empty() && (watched_.front().end <= now || watched_.front().promise.future().isFinished())) {

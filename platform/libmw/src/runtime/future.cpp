@@ -1,5 +1,6 @@
 #include "threadwait.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/detail/racepoint.h>
 #include <libmw/eventloop.h>
 #include <libmw/future.h>
@@ -52,14 +53,14 @@ FutureStateBase::~FutureStateBase() = default;
 Waker::~Waker() = default;
 
 bool FutureStateBase::addWaker(Waker& waker) const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (state() != FutureState::Running) return false;
   wakers_.push_back(&waker);
   return true;
 }
 
 void FutureStateBase::removeWaker(Waker& waker) const noexcept {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   // Once: the thread may wait for this state further out as well.
   if (const auto found = std::ranges::find(wakers_, &waker); found != wakers_.end()) wakers_.erase(found);
 }
@@ -69,11 +70,11 @@ FutureState FutureStateBase::wait(std::chrono::milliseconds timeout) const {
   if (ThreadWait* const own = ThreadWait::current()) return own->wait(*this, timeout);
   ThreadWait::tellOfWaiting();
   const auto isFinished = [this] { return state() != FutureState::Running; };
-  std::unique_lock lock(mutex_);
+  HX::MutexLock lock(mutex_);
   if (timeout >= kInfiniteTimeout) {
-    finished_.wait(lock, isFinished);
+    finished_.wait(lock.native(), isFinished);
   } else {
-    finished_.wait_for(lock, timeout, isFinished);
+    finished_.wait_for(lock.native(), timeout, isFinished);
   }
   return state();
 }
@@ -86,7 +87,7 @@ void FutureStateBase::cancel() {
 std::shared_ptr<FutureStateBase> FutureStateBase::requestCancel() {
   OnCancel onCancel;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (state() != FutureState::Running) return nullptr;
     const bool isRepeated = std::exchange(cancelRequested_, true);
     if (kind_ == Kind::Dependent) return source_.lock();
@@ -122,7 +123,7 @@ struct DeferredRun {
 };
 
 bool FutureStateBase::isCancelRequested() const {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   return cancelRequested_;
 }
 
@@ -130,7 +131,7 @@ bool FutureStateBase::claim() noexcept { return !claimed_.exchange(true); }
 
 void FutureStateBase::unclaim() noexcept {
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     claimed_ = false;
   }
   finished_.notify_all();
@@ -147,7 +148,7 @@ FutureStateBase::Dependents FutureStateBase::publish(FutureState outcome, std::e
   OnCancel unused;  // may own things whose destructors are foreign: goes after the lock
   Dependents dependents;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     claimed_ = true;
     exception_ = std::move(error);
     unused.swap(onCancel_);
@@ -174,9 +175,9 @@ bool FutureStateBase::tryCancel() {
 
 void FutureStateBase::refuseResult() const {
   // Whoever was first may not have published its outcome yet.
-  std::unique_lock lock(mutex_);
+  HX::MutexLock lock(mutex_);
   HX_RACE_POINT("a result is there already");
-  finished_.wait(lock, [this] { return state() != FutureState::Running || !claimed_; });
+  finished_.wait(lock.native(), [this] { return state() != FutureState::Running || !claimed_; });
   if (state() != FutureState::Canceled) throw std::logic_error("Promise: the future has a result already");
 }
 
@@ -186,14 +187,14 @@ void FutureStateBase::dropPromise() {
 
 void FutureStateBase::chain(const std::shared_ptr<FutureStateBase>& source, const Dependent& dependent) {
   {
-    const std::lock_guard lock(dependent.state->mutex_);
+    const HX::MutexLock lock(dependent.state->mutex_);
     dependent.state->source_ = source;
   }
   if (!source->attach(dependent)) run(source, {dependent});
 }
 
 bool FutureStateBase::attach(const Dependent& dependent) {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   if (state() != FutureState::Running) return false;
   dependents_.push_back(dependent);
   return true;
@@ -202,14 +203,14 @@ bool FutureStateBase::attach(const Dependent& dependent) {
 FutureStateBase::Dependents FutureStateBase::resume(const std::shared_ptr<FutureStateBase>&) noexcept { return {}; }
 
 void FutureStateBase::leaveSource() {
-  const std::lock_guard lock(mutex_);
+  const HX::MutexLock lock(mutex_);
   source_.reset();
 }
 
 bool FutureStateBase::awaitSource(const std::shared_ptr<FutureStateBase>& source) {
   bool isCanceling = false;
   {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     source_ = source;
     isCanceling = cancelRequested_;
   }

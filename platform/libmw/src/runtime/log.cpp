@@ -1,6 +1,7 @@
 #include "linelimit.h"
 #include "logline.h"
 
+#include <hxerror/mutex.h>
 #include <libmw/log.h>
 #include <libmw/trackable.h>
 
@@ -8,8 +9,6 @@
 #include <fnmatch.h>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <vector>
 
 namespace mw {
@@ -64,17 +63,17 @@ class Registry {
 
   Category& category(std::string_view name) {
     {
-      const std::shared_lock lock(categoriesMutex_);
+      const HX::SharedLock lock(categoriesMutex_);
       if (const auto found = categories_.find(name); found != categories_.end()) return *found->second;
     }
-    const std::unique_lock lock(categoriesMutex_);
+    const HX::Lock lock(categoriesMutex_);
     auto& category = categories_[std::string(name)];
     if (!category) category = std::make_unique<Category>(std::string(name), levelFor(std::string(name)));
     return *category;
   }
 
   void setLevel(LogLevel level, std::string_view pattern) {
-    const std::unique_lock lock(categoriesMutex_);
+    const HX::Lock lock(categoriesMutex_);
     std::erase_if(rules_, [&](const Rule& rule) { return pattern == "*" || rule.pattern == pattern; });
     rules_.push_back({std::string(pattern), level});
     for (auto& [name, category] : categories_) {
@@ -83,7 +82,7 @@ class Registry {
   }
 
   SinkId addSink(Sink sink) {
-    const std::lock_guard lock(sinksMutex_);
+    const HX::MutexLock lock(sinksMutex_);
     auto changed = std::make_shared<Sinks>(*sinks_);
     changed->push_back(std::make_shared<AddedSink>(++lastSink_, std::move(sink)));
     sinks_ = std::move(changed);
@@ -93,7 +92,7 @@ class Registry {
   void removeSink(SinkId id) {
     std::shared_ptr<AddedSink> removed;
     {
-      const std::lock_guard lock(sinksMutex_);
+      const HX::MutexLock lock(sinksMutex_);
       auto changed = std::make_shared<Sinks>(*sinks_);
       const auto found = std::find_if(changed->begin(), changed->end(), [&](auto& sink) { return sink->id == id; });
       if (found == changed->end()) return;
@@ -105,26 +104,27 @@ class Registry {
   }
 
   std::shared_ptr<const Sinks> sinks() const {
-    const std::lock_guard lock(sinksMutex_);
+    const HX::MutexLock lock(sinksMutex_);
     return sinks_;
   }
 
   std::atomic<bool> isStderrOn{true};
 
  private:
-  LogLevel levelFor(const std::string& name) const {
+  LogLevel levelFor(const std::string& name) const HX_REQUIRES_SHARED(categoriesMutex_) {
     const auto rule =
         std::find_if(rules_.rbegin(), rules_.rend(), [&](const Rule& each) { return each.matches(name); });
     return rule == rules_.rend() ? LogLevel::Info : rule->level;
   }
 
-  mutable std::shared_mutex categoriesMutex_;  // guards categories_ (the map, not the categories) and rules_
-  std::map<std::string, std::unique_ptr<Category>, std::less<>> categories_;
-  std::vector<Rule> rules_;
+  mutable HX::SharedMutex categoriesMutex_;  // Of `categories_` it guards the map, not the categories.
+  std::map<std::string, std::unique_ptr<Category>, std::less<>> categories_ HX_GUARDED_BY(categoriesMutex_);
+  std::vector<Rule> rules_ HX_GUARDED_BY(categoriesMutex_);
 
-  mutable std::mutex sinksMutex_;  // guards the pointer and lastSink_; lists are replaced, never changed
-  std::shared_ptr<const Sinks> sinks_ = std::make_shared<Sinks>();
-  SinkId lastSink_ = 0;
+  mutable HX::Mutex sinksMutex_;
+  std::shared_ptr<const Sinks> sinks_ HX_GUARDED_BY(sinksMutex_) =
+      std::make_shared<Sinks>();  // Replaced, never changed.
+  SinkId lastSink_ HX_GUARDED_BY(sinksMutex_) = 0;
 };
 
 void deliver(AddedSink& sink, const LogRecord& record) noexcept {

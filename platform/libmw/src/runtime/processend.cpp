@@ -1,9 +1,10 @@
 #include "processend.h"
 
+#include <hxerror/mutex.h>
+
 #include <algorithm>
 #include <atomic>
 #include <fcntl.h>
-#include <mutex>
 #include <new>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -22,12 +23,12 @@ class Forks {
   }
 
   void add(int file) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     files_.push_back(file);
   }
 
   void remove(int file) {
-    const std::lock_guard lock(mutex_);
+    const HX::MutexLock lock(mutex_);
     if (const auto found = std::ranges::find(files_, file); found != files_.end()) {
       *found = files_.back();
       files_.pop_back();
@@ -38,12 +39,13 @@ class Forks {
 
  private:
   Forks() {
-    ::pthread_atfork([] { instance().mutex_.lock(); }, [] { instance().mutex_.unlock(); },
-                     [] { instance().onChild(); });
+    // Locked by one of them, unlocked by another.
+    ::pthread_atfork([]() HX_UNCHECKED { instance().mutex_.lock(); }, []() HX_UNCHECKED { instance().mutex_.unlock(); },
+                     []() HX_UNCHECKED { instance().onChild(); });
   }
 
   /// Calls only what a child of many threads may call.
-  void onChild() {
+  void onChild() HX_RELEASE(mutex_) {
     isChild = true;
     const int nothing = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     for (const int file : files_) {
@@ -53,8 +55,8 @@ class Forks {
     mutex_.unlock();
   }
 
-  std::mutex mutex_;  // Guards `files_`.
-  std::vector<int> files_;
+  HX::Mutex mutex_;
+  std::vector<int> files_ HX_GUARDED_BY(mutex_);
 };
 
 }  // namespace

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <hxerror/mutex.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -16,19 +18,19 @@ namespace HX {
 ///
 /// Free, held, or held with someone waiting. Whoever has waited keeps the third state, for there may be others, and so
 /// wakes one of them, or nobody, when it leaves.
-class WordLock {
+class HX_CAPABILITY WordLock {
  public:
   WordLock() = default;
   WordLock(const WordLock&) = delete;
   WordLock& operator=(const WordLock&) = delete;
 
-  void lock() noexcept {
+  void lock() noexcept HX_ACQUIRE() {
     std::uint32_t free = kFree;
     if (!state_.compare_exchange_strong(free, kHeld, std::memory_order_acquire, std::memory_order_relaxed)) [[unlikely]]
       wait();
   }
 
-  void unlock() noexcept {
+  void unlock() noexcept HX_RELEASE() {
     if (state_.exchange(kFree, std::memory_order_release) == kWaitedFor) [[unlikely]]
       state_.notify_one();
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxerror/api.h>
+#include <hxerror/mutex.h>
 
 #include <atomic>
 #include <chrono>
@@ -9,7 +10,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <type_traits>
 #include <utility>
@@ -132,14 +132,14 @@ class HX_API FutureStateBase : public std::enable_shared_from_this<FutureStateBa
   std::atomic<int> promises_{0};
   const Kind kind_;
 
-  mutable std::mutex mutex_;  // guards everything below, and exception_ until the state is finished
+  mutable HX::Mutex mutex_;
   mutable std::condition_variable finished_;
-  mutable std::vector<Waker*> wakers_;
-  bool cancelRequested_ = false;
-  OnCancel onCancel_;
-  Dependents dependents_;
-  std::weak_ptr<FutureStateBase> source_;
-  std::exception_ptr exception_;
+  mutable std::vector<Waker*> wakers_ HX_GUARDED_BY(mutex_);
+  bool cancelRequested_ HX_GUARDED_BY(mutex_) = false;
+  OnCancel onCancel_ HX_GUARDED_BY(mutex_);
+  Dependents dependents_ HX_GUARDED_BY(mutex_);
+  std::weak_ptr<FutureStateBase> source_ HX_GUARDED_BY(mutex_);
+  std::exception_ptr exception_;  // Guarded likewise, until the state is finished.
 };
 
 template <class T>
