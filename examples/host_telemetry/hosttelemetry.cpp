@@ -121,7 +121,7 @@ void HostTelemetry::publish(Clock::time_point now) {
 Publisher& HostTelemetry::publisher() {
   mw::AnyObject memory = session_->service("HXMemory").value(kLookUpLimit);
   if (!publisher_ || memory.pointer() != memory_.pointer()) {
-    publisher_.emplace(HX::HXMemoryProxy(std::make_shared<HX::HXProxy>(memory, "HXMemory")), subscribers_);
+    publisher_.emplace(HX::HXMemoryProxy(std::make_shared<HX::HXProxy>(memory, "HXMemory", author())), subscribers_);
     memory_ = std::move(memory);
   }
   return *publisher_;

@@ -20,7 +20,10 @@ constexpr std::chrono::milliseconds kLookUpLimit{1000};
 }  // namespace
 
 Subscribers::Subscribers(std::shared_ptr<mw::Session> session, std::string extractor, OnWanted onWanted)
-    : session_(std::move(session)), extractor_(std::move(extractor)), onWanted_(std::move(onWanted)) {
+    : session_(std::move(session)),
+      extractor_(std::move(extractor)),
+      author_(extractor_),
+      onWanted_(std::move(onWanted)) {
   const auto connect = [this](auto& signal, void (Subscribers::*handler)(const std::string&)) {
     return signal.connect(mw::SignalSubscriber([this, handler](mw::ServiceId, const std::string& service) {
                             (this->*handler)(service);
@@ -61,6 +64,7 @@ void Subscribers::declareTo(const mw::AnyObject& memory, const std::string& even
     if (std::exchange(events_[event].isDeclared, true)) return;
   }
   try {
+    const Author::Scope inItsName(author_);
     memory->call("declareEvent", event, extractor_);
     // Asked after the declaration: a subscriber that comes in between is told of twice, and counts once.
     const auto modules = memory->call<std::vector<std::string>>("getSubscribers", event);
@@ -222,6 +226,7 @@ void Subscribers::tell() {
 void Subscribers::call(const std::string& event, bool isWanted) const {
   if (!onWanted_) return;
   try {
+    const Author::Scope inItsName(author_);
     onWanted_(event, isWanted);
   } catch (const std::exception& error) {
     mw::log::error(kSubscribersCategory, "tell",

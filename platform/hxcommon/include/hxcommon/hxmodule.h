@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxauthor/author.h>
 #include <hxcommon/hxfunctor.h>
 #include <hxcommon/settings.h>
 #include <hxerror/hxerror.h>
@@ -25,7 +26,8 @@ class ModuleSettings;
 
 /// What a module is to its broker: a name, a parent, and a table of documented methods.
 ///
-/// What its methods write into the memory, it has written itself, whoever called: the journal names it as the author.
+/// What its constructor and its methods write into the memory, it has written itself, whoever called: the journal names
+/// it as the author.
 ///
 /// Methods and signals are bound in the constructor, by the thread that runs it, and stay as they are from
 /// `initModule` on. Methods are called by any number of threads at once.
@@ -48,10 +50,13 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   ///     const auto period = HX::toDuration(settings()["period"]);
   ///
   /// @return The Map, which is the module's.
-  /// @throws SettingsError in the constructor, when something that was given is wrong.
+  /// @throws SettingsError in the constructor, when something that was given is wrong, with all that is. Declare all
+  ///         settings before the first is read: what is declared later is not among them.
   const HXValue& settings() const;
   /// What was declared, and what it is.
   ModuleDescription describe() const;
+  /// The method by which a module that has settings tells them.
+  static constexpr const char* kSettingsMethod = "settings";
 
   /// Closes the method table and registers the module with its broker. Called once, on a constructed module that is
   /// owned by a shared pointer.
@@ -72,6 +77,9 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   void setModuleDescription(std::string text);
 
   /// Declares a setting, in the constructor. From then on it is among `settings`.
+  ///
+  /// A module that has settings has a method `settings` too, unless it binds one itself: others ask what it is set to
+  /// by that, wherever it runs.
   /// @param setting  Its name is not declared yet.
   /// @throws std::logic_error once the module is initialised, and for a name that is declared already.
   void addSetting(Setting setting);
@@ -195,12 +203,20 @@ class HX_API HXModule : public HXModuleCore {
   template <class T, class... Args>
   static std::shared_ptr<T> createModule(const std::shared_ptr<HXBroker>& broker, const std::string& name,
                                          Args&&... args) {
-    auto module = std::make_shared<T>(broker, name, std::forward<Args>(args)...);
+    auto module = construct<T>(broker, name, std::forward<Args>(args)...);
     start(module);
     return module;
   }
 
  private:
+  /// What a constructor writes, its module has written.
+  template <class T, class... Args>
+  static std::shared_ptr<T> construct(const std::shared_ptr<HXBroker>& broker, const std::string& name,
+                                      Args&&... args) {
+    const Author author(name);
+    const Author::Scope inItsName(author);
+    return std::make_shared<T>(broker, name, std::forward<Args>(args)...);
+  }
   static void start(const std::shared_ptr<HXModule>& module);
   std::shared_ptr<HXProxy> memoryProxy();
 

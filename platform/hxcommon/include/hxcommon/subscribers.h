@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxauthor/author.h>
 #include <hxerror/api.h>
 #include <hxerror/mutex.h>
 #include <libmw/genericobject.h>
@@ -29,6 +30,8 @@ namespace HX {
 /// forgets the subscribers whose service is gone, in this process or in another one that ended or was killed. And it
 /// follows the memory: one that comes, or comes again, has the events declared to it, and tells who is subscribed
 /// already; subscribers of a memory that has gone went with it.
+///
+/// What it writes, and what the extractor writes while it is told, the extractor has written.
 ///
 /// A module that subscribes again replaces its subscription, and one unsubscription ends it. So it counts once,
 /// however often it came. A subscription is named by the subscriber's name with the event's name behind it and nothing
@@ -98,6 +101,7 @@ class HX_API Subscribers {
 
   const std::shared_ptr<mw::Session> session_;
   const std::string extractor_;
+  const Author author_;  // The extractor.
   const OnWanted onWanted_;
   mw::SignalLink registeredLink_ = mw::kInvalidSignalLink;
   mw::SignalLink unregisteredLink_ = mw::kInvalidSignalLink;

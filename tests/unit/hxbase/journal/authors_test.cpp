@@ -3,6 +3,7 @@
 #include "socket_folder.h"
 
 #include <hxauthor/author.h>
+#include <hxcommon/subscribers.h>
 #include <hxjournal/journal.h>
 #include <hxproxies/hxmemoryproxy.h>
 #include <libmw/dynamicobject.h>
@@ -30,7 +31,7 @@ using HX::HXValue;
 using testing::ElementsAre;
 using testing::Pair;
 
-/// Writes when it is called, and as it begins.
+/// Writes when it is called, as it is made and as it begins.
 class Door final : public HX::HXModule {
  public:
   Door(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
@@ -38,6 +39,8 @@ class Door final : public HX::HXModule {
     bindMethod(this, &Door::open);
     functionName("onEvent", name, "Writes because of an event.");
     bindMethod(this, &Door::onEvent);
+    open("Door/Made");
+    write("Door/Ready");
   }
   void init() override { open("Door/Init"); }
   void open(const std::string& key) { getParentBroker()->getProxy("HXMemory")->call("insertData", key, 1); }
@@ -92,7 +95,8 @@ TEST_F(Authors, AreTheInnermostModuleThatActs) {
   arms.call("insertData", "a", 1);
   generic->call("insertData", "b", 1);
   door->write("c");
-  EXPECT_THAT(told(), ElementsAre(Pair("Door/Init", "Door"), Pair("a", "Arm"), Pair("b", ""), Pair("c", "Door")));
+  EXPECT_THAT(told(), ElementsAre(Pair("Door/Made", "Door"), Pair("Door/Ready", "Door"), Pair("Door/Init", "Door"),
+                                  Pair("a", "Arm"), Pair("b", ""), Pair("c", "Door")));
 
   const HXProxy armsDoor(broker->getProxy("Door")->asObject(), "Door", Author("Arm"));
   armsDoor.call("open", "called");
@@ -104,6 +108,14 @@ TEST_F(Authors, AreTheInnermostModuleThatActs) {
   EXPECT_THAT(told(),
               ElementsAre(Pair("Bell", "Arm"), Pair("Bell", "Arm"), Pair("Door/OnBell", "Door"), Pair("after", "Arm")));
   door->exit();
+}
+
+TEST_F(Authors, AreExtractorsThoughOthersHaveThemDeclare) {
+  const auto onWanted = [this](const std::string& event, bool) { generic->call("insertData", "wanted " + event, 1); };
+  HX::Subscribers subscribers(broker->session(), "Lidar", onWanted);
+  memory->subscribeToEvent("Scan", "Mapper", "onScan");
+  subscribers.declare("Scan");
+  EXPECT_THAT(told(), ElementsAre(Pair("Scan", ""), Pair("Scan", "Lidar"), Pair("wanted Scan", "Lidar")));
 }
 
 TEST_F(Authors, AreCarriedToTheThreadThatACallIsQueuedFor) {
