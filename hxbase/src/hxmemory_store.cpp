@@ -229,6 +229,28 @@ std::shared_ptr<STMValue> HXMemory::fileUnlessPresent(const std::shared_ptr<STMV
   return made;
 }
 
+bool HXMemory::restoreData(const std::string& key, const HXValue& value, const std::string& description,
+                           DataRestorer::TimePoint time) {
+  requireFilable(key);
+  const HXValue news = announced(key);
+  const HXValue told(description);
+  const auto made = STMValue::create(this, key, value, STMValue::Data, time);
+  std::string text(description);
+  made->swapDescription(text);
+  {
+    journal::Afterwards afterMade(*journal_);
+    journal::Afterwards afterDescribed(*journal_);
+    const std::unique_lock lock(itemsLock);
+    if (items.find(key)) return false;
+    items.insert(made->name(), made);
+    if (isRecording()) made->recordMade({*journal_, journal::What::Stored, afterMade});
+    const STMValue::Record described{*journal_, journal::What::Described, afterDescribed};
+    if (!description.empty()) made->noteDescription(told, isRecording() ? &described : nullptr);
+  }
+  announce(Memory::keyAddedKey, news);
+  return true;
+}
+
 void HXMemory::xRemoveData(const std::string& name) {
   const HXValue news = announced(name);
   std::shared_ptr<STMValue> removed;  // Let go of after the lock: the last reference may run what needs it.

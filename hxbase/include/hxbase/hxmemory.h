@@ -3,6 +3,7 @@
 #include <hxbase/detail/nametable.h>
 #include <hxbase/detail/tablelock.h>
 #include <hxbase/stmvalue.h>
+#include <hxcommon/datarestorer.h>
 #include <hxcommon/hxmodule.h>
 #include <hxcommon/memoryinsight.h>
 #include <hxerror/hxerror.h>
@@ -51,7 +52,11 @@ extern const std::string keyTypeChanged;  ///< "HXMemory/KeyTypeChanged"
 /// One process has at most one memory.
 ///
 /// Method words, messages and the stated line numbers of errors are relied on by callers and do not follow the code.
-class HXMemory : public HXModule, public journal::JournalOwner, public MemoryInsight, private journal::Source {
+class HXMemory : public HXModule,
+                 public journal::JournalOwner,
+                 public MemoryInsight,
+                 public DataRestorer,
+                 private journal::Source {
  public:
   /// How the journal is kept. As made: by the default event loop, in its usual size.
   struct JournalSettings {
@@ -107,6 +112,8 @@ class HXMemory : public HXModule, public journal::JournalOwner, public MemoryIns
   HXValue getData(const std::string& key, const int& deprecatedParameter);
   /// @throws HXError when the name is absent, or its address was handed out.
   void removeData(const std::string& key);
+  bool restoreData(const std::string& key, const HXValue& value, const std::string& description,
+                   DataRestorer::TimePoint time) override;
 
   // --- Questions: hxmemory_queries.cpp -------------------------------------------------------------------------------
 

@@ -1,5 +1,6 @@
 #include "hxkeeper.h"
 
+#include <hxcommon/datarestorer.h>
 #include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/units.h>
@@ -96,22 +97,22 @@ bool HXKeeper::openStore() {
 /// What is not wanted stays in the store: it may be wanted again, and a slip in the settings must not cost it.
 void HXKeeper::restore(const keeper::Rows& rows) {
   if (patterns_.empty()) return;
-  HXMemoryProxy memory = this->memory();
-  auto known = memory.getDataListName();
-  std::ranges::sort(known);
+  const auto memory = getParentBroker()->interfaceOf<DataRestorer>("HXMemory");
+  if (!memory) throw std::runtime_error("HXKeeper is not in the process of the memory");
   const journal::Filter wanted(patterns_);
   for (const auto& [key, row] : rows) {
     if (!wanted.wantsKey(key)) continue;
-    const bool isThere = std::ranges::binary_search(known, key);
     {
+      // Before it is there: changes of it may be told at once.
       const std::lock_guard lock(mutex_);
-      // What the memory has is newer; whether it still has it, the snapshot tells.
-      if (isThere) mark(key);
-      if (isThere) continue;
-      rows_.insert_or_assign(key, row);
+      rows_.try_emplace(key, row);
     }
-    memory.insertData(key, row.value);
-    if (!row.description.empty()) memory.setDescription(key, row.description);
+    if (memory->restoreData(key, row.value, row.description, row.time)) continue;
+    // What the memory has is newer. If it is data, that is told too.
+    const std::lock_guard lock(mutex_);
+    const auto known = rows_.find(key);
+    if (known != rows_.end() && known->second.time == row.time) rows_.erase(known);
+    mark(key);
   }
 }
 

@@ -136,6 +136,10 @@ const Row kRows[] = {
        memory.insertData("Data", 2);
      },
      {{"Data", What::Described, "text", 1, 2}, {"Data", What::Stored, 2, 1, 3}}},
+    {"Restored",
+     [](HXMemory& memory) { EXPECT_TRUE(memory.restoreData("New", 5, "text", {})); },
+     {{"New", What::Stored, 5, 1, 1}, {"New", What::Described, "text", 1, 2}}},
+    {"NotRestoredWhereItIs", [](HXMemory& memory) { EXPECT_FALSE(memory.restoreData("Data", 5, "text", {})); }, {}},
     {"Removed",
      [](HXMemory& memory) {
        memory.removeData("Data");

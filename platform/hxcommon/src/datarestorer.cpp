@@ -1,0 +1,7 @@
+#include <hxcommon/datarestorer.h>
+
+namespace HX {
+
+DataRestorer::~DataRestorer() = default;
+
+}  // namespace HX
