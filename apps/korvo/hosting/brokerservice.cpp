@@ -52,18 +52,7 @@ std::vector<std::string> BrokerService::modules() const { return broker()->modul
 void BrokerService::loadModule(const std::string& library) const { broker()->loadModule(library); }
 
 HX::HXValue BrokerService::settings(const std::string& module) const {
-  return settingsOf(broker()->describeModule(module));
-}
-
-HX::HXValue BrokerService::settingsOf(const HX::ModuleDescription& module) {
-  HX::HXValue settings = HX::HXValue::list();
-  for (const HX::Setting& declared : module.settings) {
-    HX::HXValue setting =
-        HX::HXValue::map({{"name", declared.name()}, {"range", declared.range()}, {"text", declared.text()}});
-    if (const HX::HXValue* const value = module.values.find(declared.name())) setting.mapSet("value", *value);
-    settings.arrayPush(std::move(setting));
-  }
-  return HX::HXValue::map({{"module", module.name}, {"settings", std::move(settings)}});
+  return broker()->describeModule(module).toValue();
 }
 
 std::vector<std::string> BrokerService::keys(const std::string& filter, const std::string& after) const {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <hxcommon/settings.h>
+#include <hxvalue/hxvalue.h>
 #include <libmw/dynamicobject.h>
 
 #include <functional>
@@ -27,9 +27,6 @@ class BrokerService final : public mw::DynamicObject {
   /// @param broker  Not kept alive.
   /// @param stop    Asks the process to end, and returns at once.
   BrokerService(const std::shared_ptr<HX::HXBroker>& broker, std::function<void()> stop);
-
-  /// {"module":NAME, "settings":[{"name", "range", "text", "value"}]}
-  static HX::HXValue settingsOf(const HX::ModuleDescription& module);
 
  private:
   std::string name() const;

@@ -3,6 +3,7 @@
 #include "base/output.h"
 #include "fileoptions.h"
 #include "line/commandline.h"
+#include "robot/problems.h"
 
 #include <hxcommon/hxbroker.h>
 #include <libmw/log.h>
@@ -21,7 +22,7 @@ namespace {
 /// What is found out about a file.
 class Check {
  public:
-  explicit Check(const std::string& path) : robot_(readRobot(path)) {}
+  explicit Check(const std::string& path) : robot_(readRobot(path, problems_)) {}
 
   /// Constructs the modules. @throws HX::SettingsError with all that is wrong.
   void examine() {
@@ -31,7 +32,9 @@ class Check {
     if (wordsOf("--no-memory").empty()) broker->loadModule("hxmemory");
     for (const RobotModule& module : robot_.file.modules) examine(*broker, module);
     broker->shutdown();
-    if (!problems_.empty()) throw HX::SettingsError(problems_);
+    auto all = problems_.lines();
+    std::ranges::copy(problemsOfModules_, std::back_inserter(all));
+    if (!all.empty()) throw HX::SettingsError(std::move(all));
   }
 
   void print(Output& output) const {
@@ -65,9 +68,9 @@ class Check {
       broker.provideSettings(HX::HXBroker::libraryName(module.library), module.settings);
       examined_.push_back({&module, broker.examineModule(module.library)});
     } catch (const HX::SettingsError& error) {
-      std::ranges::copy(error.problems(), std::back_inserter(problems_));
+      std::ranges::copy(error.problems(), std::back_inserter(problemsOfModules_));
     } catch (const std::exception& error) {
-      problems_.push_back(module.place.prefix() + error.what());
+      problemsOfModules_.push_back(module.place.prefix() + error.what());
     }
   }
 
@@ -89,9 +92,10 @@ class Check {
     }
   }
 
+  Problems problems_;
   const Robot robot_;
   std::vector<Examined> examined_;
-  std::vector<std::string> problems_;
+  std::vector<std::string> problemsOfModules_;
 };
 
 }  // namespace

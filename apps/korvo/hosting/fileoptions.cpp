@@ -2,12 +2,16 @@
 
 #include "base/suggestion.h"
 #include "robot/problems.h"
+#include "robot/tomlfile.h"
 
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/units.h>
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
+#include <span>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -19,7 +23,9 @@ namespace {
 using HX::HXValue;
 
 // What a command line is for, or tables are.
-const std::vector<std::string> kNotInFiles{"help", "module"};
+const std::vector<std::string> kNotInFiles{"help", "module", "set"};
+
+const char* const kMapsNeedMemory = "maps: it is the memory that raises signals as events, and no-memory leaves it out";
 
 bool isFlag(const CLI::Option& option) { return option.get_items_expected_max() == 0; }
 bool mayBeRepeated(const CLI::Option& option) { return option.get_items_expected_max() > 1; }
@@ -114,6 +120,29 @@ bool isOverridden(const CLI::Option& option, const CLI::App& options, const Give
   });
 }
 
+/// A setting within those of a library, or of a module of it: "period", "Left.period".
+void put(HX::GivenSettings& settings, std::span<const std::string> path, const HXValue& value) {
+  HX::GivenSetting& given = settings.entries[path.front()];
+  HX::GivenSettings inner;
+  if (path.size() == 1) {
+    given = {value, {}, {}, nullptr};
+    if (value.isMap()) inner = HX::GivenSettings::of(value);
+  } else {
+    if (given.table) inner = *given.table;
+    put(inner, path.subspan(1), value);
+    given.value = HXValue::map();
+    for (const auto& [name, one] : inner.entries) given.value.mapSet(name, one.value);
+  }
+  if (given.value.isMap()) given.table = std::make_shared<const HX::GivenSettings>(std::move(inner));
+}
+
+std::vector<std::string> splitAtDots(const std::string& text) {
+  std::vector<std::string> parts;
+  std::istringstream rest(text + ".");
+  for (std::string part; std::getline(rest, part, '.');) parts.push_back(part);
+  return parts;
+}
+
 OptionWords optionWords(const RobotFile& file, Problems& problems) {
   const auto options = optionsOf(freshVerb("run"));
   const OptionReader reader(file, *options);
@@ -133,10 +162,22 @@ OptionWords optionWords(const RobotFile& file, Problems& problems) {
 
 Robot readRobot(const std::string& path) {
   Problems problems;
+  Robot robot = readRobot(path, problems);
+  problems.throwIfAny();
+  return robot;
+}
+
+Robot readRobot(const std::string& path, Problems& problems) {
   RobotFile file = readRobotFile(path, problems);
   OptionWords words = optionWords(file, problems);
-  problems.throwIfAny();
+  const auto noMemory = words.find("--no-memory");
+  const bool hasMemory = noMemory == words.end() || noMemory->second.empty();
+  if (!hasMemory && !file.maps.empty()) problems.add(file.mapsPlace, kMapsNeedMemory);
   return {std::move(file), std::move(words)};
+}
+
+void requireMemoryForMaps(const RobotFile& file) {
+  if (!file.maps.empty()) throw HX::SettingsError({file.mapsPlace.prefix() + kMapsNeedMemory});
 }
 
 void addOptionWords(const OptionWords& words, const CLI::App& options, GivenWords& given) {
@@ -163,6 +204,25 @@ void takeModules(const RobotFile& file, bool all, HostingOptions& options) {
     add(module ? module->library : wanted);
   }
   options.modules = std::move(libraries);
+}
+
+void takeSets(const RobotFile& file, const std::vector<std::string>& loaded, HostingOptions& options) {
+  std::vector<std::string> libraries;
+  std::ranges::transform(loaded, std::back_inserter(libraries), HX::HXBroker::libraryName);
+  for (const std::string& set : options.sets) {
+    const std::size_t equals = set.find('=');
+    const auto path = splitAtDots(set.substr(0, equals));
+    if (equals == std::string::npos || path.size() < 2 || std::ranges::count(path, "") > 0) {
+      throw InputError(fmt::format("--set {}: write MODULE.SETTING=VALUE", set));
+    }
+    const RobotModule* const module = file.find(path.front());
+    const std::string library = HX::HXBroker::libraryName(module ? module->library : path.front());
+    if (std::ranges::count(libraries, library) == 0) {
+      throw InputError(
+          fmt::format("--set {}: no module {} is loaded{}", set, path.front(), didYouMean(path.front(), libraries)));
+    }
+    put(options.settings[library], std::span(path).subspan(1), readTomlValue(set.substr(equals + 1)));
+  }
 }
 
 }  // namespace korvo

@@ -10,6 +10,8 @@
 
 namespace korvo {
 
+class Problems;
+
 /// Options as words of a command line, by their names: "--data-dir" and {"--data-dir=/a", "--data-dir=/b"}.
 using OptionWords = std::map<std::string, std::vector<std::string>, std::less<>>;
 
@@ -25,6 +27,13 @@ struct Robot {
 /// @throws HX::SettingsError with all that is wrong.
 /// @throws std::runtime_error when the file cannot be read.
 Robot readRobot(const std::string& path);
+/// The same, and goes on with what is right.
+/// @param problems  Is told what is wrong.
+/// @throws HX::SettingsError for an error of syntax.
+Robot readRobot(const std::string& path, Problems& problems);
+
+/// @throws HX::SettingsError when the file maps signals, and there is no memory to raise them.
+void requireMemoryForMaps(const RobotFile& file);
 
 /// Puts the options of a file behind those of the command line, which win: an option that takes one value and is given
 /// there is left out, and so is one that cannot stand beside a given one; what may be repeated is added.
@@ -36,5 +45,10 @@ void addOptionWords(const OptionWords& words, const CLI::App& options, GivenWord
 /// A module of the command line that the file names is the file's.
 /// @param all  False when only the modules of the command line are wanted.
 void takeModules(const RobotFile& file, bool all, HostingOptions& options);
+
+/// Puts what `options.sets` says over the settings of the file.
+/// @param loaded  The libraries that the options load.
+/// @throws InputError for a word that sets nothing, and for a module that is not loaded.
+void takeSets(const RobotFile& file, const std::vector<std::string>& loaded, HostingOptions& options);
 
 }  // namespace korvo

@@ -27,6 +27,7 @@ struct HostingOptions {
   mw::LogLevel logLevel = mw::LogLevel::Info;
   std::vector<std::pair<std::string, mw::LogLevel>> logLevels;  ///< By category, in the place of `logLevel`.
   std::map<std::string, HX::GivenSettings> settings;            ///< Of modules, by the names of their libraries.
+  std::vector<std::string> sets;                                ///< "MODULE.SETTING=VALUE", as on the command line.
   std::chrono::milliseconds endLimit{kEndLimit};  ///< How long the end may take; zero: as long as it does.
 
   static constexpr std::chrono::seconds kEndLimit{10};
@@ -38,6 +39,8 @@ void prepareHosting(const HostingOptions& options);
 /// Loads the libraries in their order. One that cannot be loaded is reported as an error; the others are loaded all the
 /// same, unless it is strict. None is loaded any more once `ending` has been asked for.
 /// @throws HX::SettingsError when the settings of one are wrong: nobody should run a robot on others than were meant.
+/// It
+///         tells of all of them; those behind the first one are constructed to be asked, and dropped.
 /// @return False when there are libraries and none could be loaded, or strictly, when one could not.
 bool loadModules(HX::HXBroker& broker, const std::vector<std::string>& libraries, bool strict, Output& output,
                  const Ending& ending);

@@ -48,6 +48,9 @@ void addHosting(CLI::App& app, const std::shared_ptr<HostingOptions>& options) {
   addRepeated(app, "--data-dir", options->dataDirs, "Look for data files here first; may be repeated, first one first",
               "DIR")
       ->check(CLI::Validator(CLI::ExistingDirectory).description(""));
+  addRepeated(app, "--set", options->sets,
+              "Set a setting of a module that is loaded, over the file's: camera.period=20ms; may be repeated",
+              "MODULE.SETTING=VALUE");
   app.add_flag("--strict", options->strict, "Fail when a module cannot be loaded, instead of running without it");
   app.add_option_function<std::string>(
          "--log-level", [options](const std::string& name) { options->logLevel = levelOf(name); },
@@ -110,7 +113,9 @@ Verb runVerb() {
     arguments.end();
     options->logLevels = file->logLevels;
     options->maps = file->maps;
+    if (!options->memory) requireMemoryForMaps(*file);
     takeModules(*file, true, *options);
+    takeSets(*file, librariesOf(*options), *options);
     return run(*options);
   };
   return {
@@ -180,6 +185,7 @@ Verb hostVerb() {
     arguments.end();
     options->logLevels = file->logLevels;
     takeModules(*file, false, *options);
+    takeSets(*file, options->modules, *options);
     return host(*options);
   };
   return {

@@ -24,6 +24,7 @@
 #include <clocale>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <optional>
 #include <thread>
 #include <unistd.h>
@@ -187,6 +188,16 @@ std::vector<std::string> librariesOfMemory(const RunOptions& options) {
   return libraries;
 }
 
+std::vector<std::string> librariesBesideMemory(const RunOptions& options) {
+  std::vector<std::string> libraries = options.modules;
+  // Those of the memory may be in the file for their settings.
+  if (options.memory) {
+    const auto loaded = librariesOfMemory(options);
+    std::erase_if(libraries, [&](const std::string& one) { return std::ranges::count(loaded, one) > 0; });
+  }
+  return libraries;
+}
+
 /// Where keys are kept unless a folder is named: what is of one broker and not to be edited.
 std::string stateFolder(const std::string& broker) {
   const std::string state = mw::os::getenv("XDG_STATE_HOME");
@@ -222,12 +233,7 @@ bool load(HX::HXBroker& broker, const RunOptions& options, Output& output, const
   for (const auto& [library, settings] : options.settings) broker.provideSettings(library, settings);
   if (keeps(options)) broker.provideSettings(kKeeper, keeperSettings(options));
   if (options.memory && !loadMemory(broker, options, output, ending)) return false;
-  std::vector<std::string> libraries = options.modules;
-  if (options.memory) {
-    // They may be in the file for their settings.
-    const auto loaded = librariesOfMemory(options);
-    std::erase_if(libraries, [&](const std::string& one) { return std::ranges::count(loaded, one) > 0; });
-  }
+  const auto libraries = librariesBesideMemory(options);
   const bool loaded = loadModules(broker, libraries, options.strict, output, ending);
   return loaded || (options.memory && !options.strict);
 }
@@ -244,6 +250,12 @@ bool loadOrLeave(HX::HXBroker& broker, const RunOptions& options, Output& output
 }
 
 }  // namespace
+
+std::vector<std::string> librariesOf(const RunOptions& options) {
+  std::vector<std::string> libraries = options.memory ? librariesOfMemory(options) : std::vector<std::string>();
+  std::ranges::copy(librariesBesideMemory(options), std::back_inserter(libraries));
+  return libraries;
+}
 
 int run(const RunOptions& options) {
   StopSignals signals;

@@ -20,6 +20,9 @@ struct RunOptions : HostingOptions {
   bool live = false;               ///< Show the memory until a person leaves. At most one of the two.
 };
 
+/// What is loaded: with the memory what belongs to it, and the modules.
+std::vector<std::string> librariesOf(const RunOptions& options);
+
 /// Hosts a broker, which other processes of this user reach under its name, until SIGINT or SIGTERM, until somebody
 /// asks its service to stop, or until its console or its live view ends; then the modules leave, the last one first.
 /// See `Ending` for what that may take.

@@ -2,12 +2,12 @@
 
 #include "base/format.h"
 #include "base/output.h"
-#include "brokerservice.h"
 #include "commands/commands.h"
 #include "line/brokername.h"
 #include "line/remotetarget.h"
 
 #include <hxcommon/hxbroker.h>
+#include <hxcommon/hxmodule.h>
 #include <hxcommon/hxproxy.h>
 #include <libmw/local.h>
 #include <libmw/log.h>
@@ -24,13 +24,20 @@ namespace {
 
 using HX::HXValue;
 
-/// From what the broker tells of a module that runs in it; invalid when it has none of that name.
+/// From a module that runs, in the broker's process or in another one; invalid when there is none of that name.
 HXValue askRunning(const std::string& broker, const std::string& module) {
   constexpr std::chrono::seconds kPatience{5};
   RemoteTarget target(broker, kPatience);
-  const auto service = target.require(BrokerService::kName);
-  const auto modules = service->call<std::vector<std::string>>("modules");
-  return std::ranges::count(modules, module) > 0 ? service->call<HXValue>("settings", module) : HXValue();
+  const auto service = target.find(module);
+  if (!service) return {};
+  const auto methods = service->asObject()->metaObject().findMethods(HX::HXModuleCore::kSettingsMethod);
+  const auto takesNothing = [](const mw::MetaMethod* method) { return !method->dynamic && method->types.empty(); };
+  if (std::ranges::any_of(methods, takesNothing)) {
+    HXValue told = service->call<HXValue>(HX::HXModuleCore::kSettingsMethod);
+    if (told.find("module") && told.find("settings")) return told;
+  }
+  // It has none, or a method of that name for something else.
+  return HXValue::map({{"module", module}, {"settings", HXValue::list()}});
 }
 
 /// From the library itself.
@@ -38,8 +45,7 @@ HXValue askLibrary(const std::string& library) {
   const auto broker = HX::HXBroker::create("settings");
   broker->loadModule("hxmemory");
   HXValue all = HXValue::list();
-  for (const HX::ModuleDescription& made : broker->examineModule(library))
-    all.arrayPush(BrokerService::settingsOf(made));
+  for (const HX::ModuleDescription& made : broker->examineModule(library)) all.arrayPush(made.toValue());
   broker->shutdown();
   return all;
 }
@@ -93,8 +99,10 @@ Verb settingsVerb() {
       "settings",
       "MODULE",
       "Lists what can be set of a module, and what it is.",
-      "MODULE is one of the running broker, which tells what it is set to, or a library as for korvo run, which tells\n"
-      "what it is by default: it is constructed to be asked, and dropped before it does anything.\n"
+      "MODULE is one that runs, in the broker or in a process of its own, and tells what it is set to; or a library "
+      "as\n"
+      "for korvo run, which tells what it is by default: it is constructed to be asked, and dropped before it does\n"
+      "anything.\n"
       "With --json one line for each module: its name, and a list of name, range, text, value.",
       "settings hosttelemetry",
       "In this terminal",

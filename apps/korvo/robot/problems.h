@@ -12,6 +12,8 @@ namespace korvo {
 class Problems {
  public:
   void add(const HX::SettingPlace& place, const std::string& text) { all_.emplace_back(place, text); }
+  /// Each with its place before it.
+  std::vector<std::string> lines() const;
   /// @throws HX::SettingsError when there are any.
   void throwIfAny() const;
 

@@ -108,6 +108,7 @@ class RobotReader {
   }
 
   void readMaps(const GivenSettings& maps) {
+    file_.mapsPlace = maps.place;
     const Setting event = Setting::text("event", "", "The name of the event.");
     for (const auto& [signal, given] : maps.entries) {
       const std::string name = read(event, "maps." + signal, given).asString();

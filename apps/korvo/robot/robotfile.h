@@ -50,6 +50,7 @@ struct RobotFile {
   std::map<std::string, HX::GivenSetting, std::less<>> options;
   std::vector<RobotModule> modules;
   std::vector<RobotMapping> maps;
+  HX::SettingPlace mapsPlace;
   std::vector<std::pair<std::string, mw::LogLevel>> logLevels;
 
   /// @return Null when the file has no such module.

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <toml++/toml.h>
 #include <utility>
@@ -46,6 +47,13 @@ class TomlReader {
       given.entries.emplace(std::string(key.str()), std::move(setting));
     }
     return given;
+  }
+
+  /// Of a table with one entry of a type that has values; otherwise none.
+  std::optional<HXValue> valueIn(const toml::table& table) {
+    if (table.size() != 1) return std::nullopt;
+    HXValue value = valueOf(table.begin()->second);
+    return problems_.empty() ? std::optional(std::move(value)) : std::nullopt;
   }
 
   SettingPlace placeOf(const toml::source_region& region) const {
@@ -96,6 +104,16 @@ class TomlReader {
 };
 
 }  // namespace
+
+HXValue readTomlValue(const std::string& text) {
+  try {
+    const auto read = TomlReader("").valueIn(toml::parse("value = " + text));
+    if (read) return *read;
+  } catch (const toml::parse_error&) {
+    // A text without quotes.
+  }
+  return text;
+}
 
 GivenSettings readToml(const std::string& path) {
   const std::string content = contentOf(path);

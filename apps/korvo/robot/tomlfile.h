@@ -12,4 +12,8 @@ namespace korvo {
 /// @throws std::runtime_error when the file cannot be read.
 HX::GivenSettings readToml(const std::string& path);
 
+/// What a word of a command line means as a value of such a file: 5, true, ["a", "b"]; what is none is a text, which
+/// needs no quotes then.
+HX::HXValue readTomlValue(const std::string& text);
+
 }  // namespace korvo

@@ -37,11 +37,12 @@ HXModuleCore::~HXModuleCore() = default;
 
 std::unique_ptr<ModuleSettings> HXModuleCore::settingsOf(const HXBroker& broker, const std::string& name) {
   Loading* const loading = Loading::current();
-  if (!loading) return std::make_unique<ModuleSettings>(name, broker.givenSettings(name), /*isExample=*/false);
+  if (!loading)
+    return std::make_unique<ModuleSettings>(name, broker.givenSettings(name), /*isExample=*/false, /*isAlone=*/true);
   std::string label;
   auto given = loading->settingsFor(name, label);
   const bool isExample = loading->examines() && !given;
-  return std::make_unique<ModuleSettings>(std::move(label), std::move(given), isExample);
+  return std::make_unique<ModuleSettings>(std::move(label), std::move(given), isExample, /*isAlone=*/false);
 }
 
 void HXModuleCore::addSetting(Setting setting) {
@@ -61,12 +62,21 @@ std::shared_ptr<HXBroker> HXModuleCore::getParentBroker() const {
 
 void HXModuleCore::initModule() {
   if (closed_) throw std::logic_error(fmt::format("module {} is initialised already", name_));
+  bindSettings();
   setType(objectBuilder().build());
   closed_ = true;
+  settings_->close();
   Loading* const loading = Loading::current();
-  settings_->close(/*isAlone=*/!loading);
   if (loading && loading->examines()) return loading->note(nullptr, describe());
   getParentBroker()->registerModule(std::static_pointer_cast<HXModuleCore>(shared_from_this()));
+}
+
+/// So that a module tells them wherever it runs. One that has no settings, or a method of that name, stays as it is.
+void HXModuleCore::bindSettings() {
+  if (settings_->declared().empty() || objectBuilder().hasMethod(kSettingsMethod)) return;
+  functionName(kSettingsMethod, name_, "Lists what can be set of the module, and what it is.");
+  setReturn("settings", "A map: module, its name; settings, a list of maps of name, range, text, value.");
+  bind(mw::AnyFunction::from([this] { return describe().toValue(); }));
 }
 
 void HXModuleCore::sleepFor(std::chrono::milliseconds duration) {

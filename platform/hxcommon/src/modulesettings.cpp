@@ -3,6 +3,7 @@
 #include <hxcommon/suggestion.h>
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include <fmt/format.h>
@@ -20,8 +21,9 @@ std::string insteadOf(std::string_view name, const std::vector<std::string>& nam
 
 }  // namespace
 
-ModuleSettings::ModuleSettings(std::string label, std::shared_ptr<const GivenSettings> given, bool isExample)
-    : label_(std::move(label)), given_(std::move(given)), isExample_(isExample) {}
+ModuleSettings::ModuleSettings(std::string label, std::shared_ptr<const GivenSettings> given, bool isExample,
+                               bool isAlone)
+    : label_(std::move(label)), given_(std::move(given)), isExample_(isExample), isAlone_(isAlone) {}
 
 std::string ModuleSettings::named(const SettingPlace& place, const std::string& name) const {
   return fmt::format("{}{}.{}", place.prefix(), label_, name);
@@ -53,20 +55,30 @@ void ModuleSettings::declare(Setting setting) {
 }
 
 const HXValue& ModuleSettings::values() const {
-  if (!problems_.empty()) throw SettingsError(problems_);
+  if (!problems_.empty()) throwAll();
   return values_;
 }
 
-void ModuleSettings::close(bool isAlone) {
+void ModuleSettings::close() const {
+  if (!problems_.empty() || !unknown().empty()) throwAll();
+}
+
+void ModuleSettings::throwAll() const {
+  std::vector<std::string> all = problems_;
+  std::ranges::move(unknown(), std::back_inserter(all));
+  throw SettingsError(std::move(all));
+}
+
+std::vector<std::string> ModuleSettings::unknown() const {
+  std::vector<std::string> problems;
+  if (!given_) return problems;
   std::vector<std::string> names;
   for (const Setting& setting : declared_) names.push_back(setting.name());
-  if (given_) {
-    for (const auto& [name, given] : given_->entries) {
-      if (std::ranges::count(names, name) > 0 || (given.table && !isAlone)) continue;
-      problems_.push_back(fmt::format("{}: no such setting{}", named(given.namePlace, name), insteadOf(name, names)));
-    }
+  for (const auto& [name, given] : given_->entries) {
+    if (std::ranges::count(names, name) > 0 || (given.table && !isAlone_)) continue;
+    problems.push_back(fmt::format("{}: no such setting{}", named(given.namePlace, name), insteadOf(name, names)));
   }
-  values();
+  return problems;
 }
 
 }  // namespace HX

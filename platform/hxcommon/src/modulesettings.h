@@ -14,25 +14,30 @@ class ModuleSettings {
   /// @param label  Names the settings in problems: "arm", of which one is "arm.period".
   /// @param given  None when nobody gave any.
   /// @param isExample  What is required may be missing.
-  ModuleSettings(std::string label, std::shared_ptr<const GivenSettings> given, bool isExample);
+  /// @param isAlone    What was given is for no other module: also tables that are not declared are wrong.
+  ModuleSettings(std::string label, std::shared_ptr<const GivenSettings> given, bool isExample, bool isAlone);
 
   /// @throws std::logic_error for one that is declared already.
   void declare(Setting setting);
-  /// What was declared, as given or by default. @throws SettingsError with what is wrong among them.
+  /// What was declared, as given or by default.
+  /// @throws SettingsError when something among them is wrong, with all that is wrong. What will only be declared after
+  ///         that counts as unknown, as the module has not come so far.
   const HXValue& values() const;
   /// Nothing is declared any more, so what was not declared is wrong.
-  /// @param isAlone  Also tables are: they are no other module's.
   /// @throws SettingsError with all that is wrong.
-  void close(bool isAlone);
+  void close() const;
 
   const std::vector<Setting>& declared() const { return declared_; }
 
  private:
+  [[noreturn]] void throwAll() const;
+  std::vector<std::string> unknown() const;
   std::string named(const SettingPlace& place, const std::string& name) const;
 
   const std::string label_;
   const std::shared_ptr<const GivenSettings> given_;
   const bool isExample_;
+  const bool isAlone_;
   std::vector<Setting> declared_;
   HXValue values_ = HXValue::map();
   std::vector<std::string> problems_;

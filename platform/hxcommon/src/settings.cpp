@@ -199,6 +199,16 @@ void Setting::requireChoice(const std::string& text) const {
                   suggestion.empty() ? fmt::format("; there is {}", fmt::join(choices_, ", ")) : suggestion));
 }
 
+HXValue ModuleDescription::toValue() const {
+  HXValue::List list;
+  for (const Setting& declared : settings) {
+    HXValue::Map setting{{"name", declared.name()}, {"range", declared.range()}, {"text", declared.text()}};
+    if (const HXValue* const value = values.find(declared.name())) setting.emplace("value", *value);
+    list.push_back(HXValue::map(std::move(setting)));
+  }
+  return HXValue::map({{"module", name}, {"settings", HXValue::list(std::move(list))}});
+}
+
 std::string_view toString(Setting::Type type) noexcept {
   static constexpr std::string_view kWords[] = {"flag", "integer", "number", "text", "duration",
                                                 "size", "texts",   "list",   "map"};

@@ -107,7 +107,9 @@ class Gripper : public HXModule {
   Gripper(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
     addSetting(Setting::duration("period", "20ms", "Time from one command to the next."));
     addSetting(Setting::integer("joints", 6, "How many it has.").between(1, 12));
+    joints = settings()["joints"].asInt();
   }
+  int joints = 0;
   using HXModule::addSetting;
 };
 
@@ -145,7 +147,14 @@ TEST_F(ModuleSettings, AreWhatWasGivenAndOtherwiseTheDefaults) {
   broker->provideSettings("Leg", GivenSettings::of(HXValue::map({{"joints", 3}})));
   const auto arm = HXModule::createModule<Gripper>(broker, "Arm");
   EXPECT_EQ(arm->settings(), HXValue::map({{"joints", 7}, {"period", "20ms"}}));
-  EXPECT_EQ(broker->describeModule("Arm").settings.front().name(), "period") << "in the order of their declaration";
+  EXPECT_EQ(arm->joints, 7);
+  const auto told = broker->getProxy("Arm")->call<HXValue>("settings");
+  EXPECT_EQ(told, broker->describeModule("Arm").toValue()) << "as other processes ask";
+  EXPECT_EQ(told["settings"][0], HXValue::map({{"name", "period"},
+                                               {"range", "duration"},
+                                               {"text", "Time from one command to the next."},
+                                               {"value", "20ms"}}))
+      << "in the order of their declaration";
   EXPECT_THROW(arm->addSetting(Setting::flag("late", true, "")), std::logic_error);
 }
 

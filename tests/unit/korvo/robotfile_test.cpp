@@ -1,3 +1,4 @@
+#include "expect_error.h"
 #include "hosting/fileoptions.h"
 #include "robot/tomlfile.h"
 #include "temporary_folder.h"
@@ -73,6 +74,8 @@ TEST_F(RobotFiles, ThatAreWrongSayWhereAndWhatMayHaveBeenMeant) {
       {"[modules.a]\n[modules.b]\nlibrary = \"./liba.so\"", "r.toml:2:10: modules.b loads the library of modules.a"},
       {"[maps]\nDoor = \"x\"", "r.toml:2:1: \"Door\" = \"x\" is no mapping: write \"SERVICE.SIGNAL\" = \"EVENT\""},
       {"[log-levels]\n\"a*\" = \"inof\"", "r.toml:2:8: log-levels.a*: no \"inof\"; did you mean info?"},
+      {"no-memory = true\n[maps]\n\"Door.opened\" = \"x\"",
+       "r.toml:2:1: maps: it is the memory that raises signals as events, and no-memory leaves it out"},
       {"[expect]\nLidar = 200",
        "r.toml:2:9: expect.Lidar: 200 is no duration: write \"200ms\", \"1.5s\", \"2min\" or \"1h\""},
   };
@@ -111,6 +114,33 @@ TEST_F(RobotFiles, HaveTheirModulesLoadedInTheirOrderBeforeOthers) {
   hosted.modules = {"eye"};
   takeModules(robot.file, false, hosted);
   EXPECT_THAT(hosted.modules, ElementsAre("eye"));
+}
+
+TEST_F(RobotFiles, YieldToWhatTheCommandLineSets) {
+  const RobotFile file =
+      read("[modules.eye]\nlibrary = \"libcamera.so\"\nperiod = \"20ms\"\n[modules.eye.Left]\nx = 1").file;
+  HostingOptions options;
+  takeModules(file, true, options);
+  options.sets = {"eye.period=5ms", "camera.Left.y=[2, true]", "camera.name=\"5\"", "eye.port=5", "eye.text=a = b"};
+  takeSets(file, options.modules, options);
+  HXValue settings = HXValue::map();
+  for (const auto& [name, given] : options.settings.at("camera").entries) settings.mapSet(name, given.value);
+  EXPECT_EQ(settings, HXValue::map({{"period", "5ms"},
+                                    {"Left", HXValue::map({{"x", 1}, {"y", HXValue::list({2, true})}})},
+                                    {"name", "5"},
+                                    {"port", 5},
+                                    {"text", "a = b"}}));
+  EXPECT_EQ(options.settings.at("camera").entries.at("Left").table->entries.size(), 2U);
+  const std::pair<const char*, const char*> wrong[] = {
+      {"period=5ms", "--set period=5ms: write MODULE.SETTING=VALUE"},
+      {"eye.period", "--set eye.period: write MODULE.SETTING=VALUE"},
+      {"eye.=1", "--set eye.=1: write MODULE.SETTING=VALUE"},
+      {"camra.period=1", "--set camra.period=1: no module camra is loaded; did you mean camera?"},
+  };
+  for (const auto& [set, problem] : wrong) {
+    options.sets = {set};
+    EXPECT_EQ(errorOf([&] { takeSets(file, options.modules, options); }), problem);
+  }
 }
 
 TEST_F(RobotFiles, HandExpectationsToTheModuleThatSeesToThem) {

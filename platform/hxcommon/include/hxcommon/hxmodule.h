@@ -126,6 +126,7 @@ class HX_API HXModuleCore : public mw::DynamicObject {
  private:
   static std::unique_ptr<ModuleSettings> settingsOf(const HXBroker& broker, const std::string& name);
   void bind(mw::AnyFunction function);
+  void bindSettings();
 
   const std::weak_ptr<HXBroker> broker_;
   const std::string name_;

@@ -139,6 +139,10 @@ struct ModuleDescription {
   std::string name;
   std::vector<Setting> settings;  ///< In the order in which they were declared.
   HXValue values;                 ///< What they are now: a Map.
+
+  /// For other processes.
+  /// @return {"module":NAME, "settings":[{"name", "range", "text", "value"}]}
+  HX_API HXValue toValue() const;
 };
 
 }  // namespace HX

@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -69,6 +70,9 @@ class HX_API ObjectBuilder {
   /// A signal that belongs to the object being built.
   unsigned advertiseSignal(std::string name, SignalBase& signal);
   unsigned advertiseProperty(std::string name);
+
+  /// Whether a method of that name was advertised.
+  bool hasMethod(std::string_view name) const;
 
   /// Hands the collected members out and leaves the builder empty.
   std::shared_ptr<const ObjectType> build();

@@ -77,6 +77,10 @@ unsigned ObjectBuilder::advertiseProperty(std::string name) {
   return id;
 }
 
+bool ObjectBuilder::hasMethod(std::string_view name) const {
+  return std::ranges::count(members_.methods, name, &MetaMethod::name) > 0;
+}
+
 std::shared_ptr<const ObjectType> ObjectBuilder::build() {
   auto type = std::make_shared<ObjectType>();
   type->metaObject_ = MetaObject(std::exchange(members_, {}));
