@@ -2,11 +2,9 @@
 
 #include "base/format.h"
 
+#include <hxvalue/exactjson.h>
 #include <hxvalue/json.h>
-#include <hxvalue/msgpack.h>
 
-#include <algorithm>
-#include <charconv>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -15,40 +13,6 @@ namespace korvo {
 namespace {
 
 using HX::HXValue;
-using Bytes = std::vector<std::byte>;
-
-std::string toHex(const Bytes& bytes) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  for (const std::byte byte : bytes) {
-    text += kDigits[std::to_integer<std::size_t>(byte >> 4)];
-    text += kDigits[std::to_integer<std::size_t>(byte & std::byte{15})];
-  }
-  return text;
-}
-
-Bytes fromHex(const std::string& text) {
-  Bytes bytes;
-  for (std::size_t i = 0; i < text.size(); i += 2) {
-    unsigned char byte = 0;
-    const char* const begin = text.data() + i;
-    const char* const end = text.data() + std::min(i + 2, text.size());
-    if (end - begin != 2 || std::from_chars(begin, end, byte, 16).ptr != end) {
-      throw std::runtime_error(fmt::format("msgpack: no hexadecimal digits at character {}", i + 1));
-    }
-    bytes.push_back(std::byte{byte});
-  }
-  return bytes;
-}
-
-/// Whether a value comes back from its JSON as it was, its type included.
-bool survivesJson(const HXValue& value, const std::string& json) {
-  try {
-    return HX::fromJson(json) == value;
-  } catch (const std::runtime_error&) {  // Nested too deep, for instance.
-    return false;
-  }
-}
 
 /// The member of that name as a string, `otherwise` when it is missing.
 std::string textOf(const HXValue& record, const std::string& name, std::string otherwise) {
@@ -63,9 +27,8 @@ std::string textOf(const HXValue& record, const std::string& name, std::string o
 std::string toLine(const KeyRecord& record) {
   JsonObject line;
   line.add("key", record.key).add("kind", record.kind);
-  const std::string json = HX::toJson(record.value);
-  line.addText("value", json);
-  if (!survivesJson(record.value, json)) line.add("msgpack", toHex(HX::toMsgpack(record.value)));
+  line.addText("value", HX::toJson(record.value));
+  if (const std::string exact = HX::exactHex(record.value); !exact.empty()) line.add("msgpack", exact);
   return line.add("description", record.description).text();
 }
 
@@ -81,7 +44,7 @@ KeyRecord toRecord(std::string_view line) {
     throw std::runtime_error(fmt::format("{} is no kind: there is Data, Event and MicroEvent", excerpt(record.kind)));
   }
   if (const std::string exact = textOf(object, "msgpack", ""); !exact.empty()) {
-    record.value = HX::fromMsgpack(fromHex(exact));
+    record.value = HX::fromExactHex(exact);
   } else if (const HXValue* const value = object.find("value")) {
     record.value = *value;
   } else {
