@@ -1,0 +1,106 @@
+#pragma once
+
+#include "payload.h"
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace HX::fleet {
+
+/// A key under the names that the fleet has for it. Shared by all that is sent of it.
+struct KeyName {
+  std::string key;
+  std::string subject;  ///< As `toSubject` gives it.
+};
+using KeyNamePointer = std::shared_ptr<const KeyName>;
+
+/// An event on its way.
+struct Event {
+  using Clock = std::chrono::steady_clock;
+  KeyNamePointer key;
+  std::uint64_t n = 0;  ///< As `Record::n`.
+  std::string payload;
+  Clock::time_point raised;
+  std::uint64_t id = 0;  ///< Given by the outbox: rises, from the outbox's first one on.
+};
+using EventPointer = std::shared_ptr<const Event>;
+
+/// What has become of the raises that were told to an outbox. Each is in exactly one of the five.
+struct Account {
+  std::uint64_t raised = 0;
+  std::uint64_t confirmed = 0;
+  std::uint64_t queued = 0;
+  std::uint64_t inFlight = 0;
+  std::uint64_t dropped = 0;  ///< Gave way to later ones.
+  std::uint64_t missed = 0;   ///< Grew too old, or were never told.
+
+  bool isBalanced() const { return raised == confirmed + queued + inFlight + dropped + missed; }
+  Account& operator+=(const Account& other);
+};
+
+/// Events between the robot that raises them and the hub that confirms them: bounded, and accounted for one by one.
+///
+/// What has been in flight once is never dropped, since it may have arrived: it is sent again, before all others, until
+/// it is confirmed. So there can be `Bounds::inFlight` events more than the queue holds.
+///
+/// @par Threads  One at a time.
+class Outbox {
+ public:
+  struct Bounds {
+    std::size_t events = 20'000;
+    std::size_t bytes = std::size_t{16} << 20U;  ///< Of payloads.
+    std::size_t inFlight = 4096;
+  };
+  using TimePoint = Event::Clock::time_point;
+
+  /// @param firstId  Of the first event; others in the same store must not have had it.
+  explicit Outbox(Bounds bounds, std::uint64_t firstId = 1);
+
+  /// Takes a raise in. Beyond the bounds the oldest that never left goes.
+  void push(Event event);
+  /// Counts raises whose events nobody has.
+  void addMissed(std::uint64_t count);
+
+  /// What is to be sent now, the oldest first: in flight from now on.
+  /// @param most  So many at most; never more than the bound of what is in flight leaves room for.
+  std::vector<EventPointer> take(std::size_t most);
+  /// @return False for what is not in flight: it was confirmed before.
+  bool confirm(std::uint64_t id);
+  void confirmAll();
+  /// Nobody knows whether what is in flight arrived: all of it is to be sent again.
+  void giveBack();
+  /// Events raised before `time` are not sent any more.
+  void missOlder(TimePoint time);
+
+  bool isEmpty() const { return queue_.empty() && again_.empty() && inFlight_.empty(); }
+  std::size_t queued() const { return queue_.size() + again_.size(); }
+  std::size_t inFlight() const { return inFlight_.size(); }
+  Account account() const;
+
+  /// What was dropped since it was asked last, by keys.
+  std::vector<Dropped> takeDropped();
+  /// That could not be told: it is asked for again.
+  void returnDropped(const std::vector<Dropped>& told);
+
+ private:
+  void drop();
+  void note(const Dropped& dropped);
+  static std::size_t missOlder(std::deque<EventPointer>& events, TimePoint time);
+
+  const Bounds bounds_;
+  std::uint64_t nextId_;
+  std::deque<EventPointer> queue_;  // Never sent.
+  std::deque<EventPointer> again_;  // Sent, and nobody knows.
+  std::map<std::uint64_t, EventPointer> inFlight_;
+  std::size_t bytes_ = 0;  // Of `queue_`.
+  Account account_;        // But for what is counted by the containers.
+  std::map<std::string, Dropped> dropped_;
+};
+
+}  // namespace HX::fleet
