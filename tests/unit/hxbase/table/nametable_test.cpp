@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -61,6 +62,48 @@ TEST(NameTable, TellsNamesApartByEveryByte) {
   }
   EXPECT_FALSE(table.find("b"));
   EXPECT_FALSE(table.extract("b"));
+}
+
+// A journal's snapshot goes through the table piece by piece while others add keys.
+TEST(NameTable, AWalkMeetsOnceWhoIsThereAllTheTime) {
+  Table table;
+  std::map<std::string, int> met;
+  for (int i = 0; i < 1000; ++i) met[fmt::format("Old/{}", i)] = 0;
+  for (const auto& [name, times] : met) file(table, name);
+  const auto meet = [&](std::string_view name, const auto&) {
+    if (const auto known = met.find(std::string(name)); known != met.end()) ++known->second;
+  };
+  int added = 0;
+  for (std::uint64_t place = 0; place != Table::kWalked;) {
+    place = table.walk(place, Table::kWalked, 7, meet);
+    for (int i = 0; i < 5; ++i) file(table, fmt::format("New/{}", added++));
+  }
+  EXPECT_GT(added, 1000);
+  for (const auto& [name, times] : met) EXPECT_EQ(times, 1) << name;
+}
+
+// Nobody reads while names are moved, so that they must not all be moved at once.
+TEST(NameTable, GrowsPieceByPiece) {
+  Table table;
+  std::map<std::string, const void*> watched;
+  std::size_t most = 0;
+  std::size_t all = 0;
+  for (int i = 0; i < 5000; ++i) {
+    file(table, fmt::format("Key{}", i));
+    if (i < 200) {
+      watched[fmt::format("Key{}", i)] = nullptr;
+      continue;
+    }
+    std::size_t moved = 0;
+    for (auto& [name, at] : watched) {
+      const void* const now = table.find(name);
+      moved += std::exchange(at, now) != now ? 1U : 0U;
+    }
+    if (i > 200) most = std::max(most, moved);  // Of the first, they were nowhere before.
+    all += moved;
+  }
+  EXPECT_GT(all, 3 * watched.size());
+  EXPECT_LT(most, watched.size() / 8);
 }
 
 TEST(NameTable, AnEmptyOneFindsNothing) {
