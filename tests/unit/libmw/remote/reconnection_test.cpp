@@ -87,9 +87,13 @@ TEST_F(Reconnection, IsToldInOrderWithTheServicesThatWentAndCame) {
   client.registerService("Mine", makeService("Mine")->build());
   defaultLoop().drain();  // The notice of its own service comes from no other process.
   std::vector<std::string> told;
+  std::promise<void> allAreThere;
   const Lifetime listening;
   const auto note = [&](const char* what) {
-    return SignalSubscriber([&told, what](ServiceId, const std::string& name) { told.push_back(what + name); })
+    return SignalSubscriber([&, what](ServiceId, const std::string& name) {
+             told.push_back(what + name);
+             if (told.back() == "+Head") allAreThere.set_value();
+           })
         .track(listening.token());
   };
   client.serviceRegistered.connect(note("+"));
@@ -100,11 +104,12 @@ TEST_F(Reconnection, IsToldInOrderWithTheServicesThatWentAndCame) {
   offer("Arm");
   const ServiceId leg = offer("Leg");
   const ServiceId head = offer("Head");
-  while (!client.service("Head").hasValue()) std::this_thread::yield();
+  allAreThere.get_future().get();
   restart([&] {
     broker.unregisterService(leg);
     broker.unregisterService(head);
     offer("Hand");
+    defaultLoop().drain();  // Its notice would come before the list, which has Arm first.
   });
   EXPECT_THAT(told, ElementsAre("+Arm", "+Leg", "+Head", "lost", "-Arm", "-Leg", "-Head", "+Arm", "+Hand", "back"));
 }
