@@ -1,5 +1,6 @@
 #include "fileoptions.h"
 
+#include "base/format.h"
 #include "base/suggestion.h"
 #include "robot/problems.h"
 #include "robot/tomlfile.h"
@@ -8,6 +9,7 @@
 #include <hxcommon/units.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 #include <memory>
 #include <span>
@@ -143,6 +145,25 @@ std::vector<std::string> splitAtDots(const std::string& text) {
   return parts;
 }
 
+/// The files beside `path` that are files to run by their names.
+std::vector<std::string> robotFilesBeside(const std::filesystem::path& path) {
+  std::vector<std::string> files;
+  std::error_code ignored;
+  const auto folder = path.has_parent_path() ? path.parent_path() : std::filesystem::path(".");
+  for (const auto& entry : std::filesystem::directory_iterator(folder, ignored)) {
+    if (entry.path().extension() == ".toml") files.push_back((path.parent_path() / entry.path().filename()).string());
+  }
+  return files;
+}
+
+std::string meantInsteadOf(const std::string& word, const CLI::App& options) {
+  const std::string option = "--" + word;
+  if (options.get_option_no_throw(option)) return fmt::format("; did you mean {}?", option);
+  if (findVerb(word)) return fmt::format("; did you mean korvo {}?", word);
+  const std::string file = didYouMean(word, robotFilesBeside(word));
+  return file.empty() ? didYouMean(option, optionNames(options)) : file;
+}
+
 OptionWords optionWords(const RobotFile& file, Problems& problems) {
   const auto options = optionsOf(freshVerb("run"));
   const OptionReader reader(file, *options);
@@ -178,6 +199,15 @@ Robot readRobot(const std::string& path, Problems& problems) {
 
 void requireMemoryForMaps(const RobotFile& file) {
   if (!file.maps.empty()) throw HX::SettingsError({file.mapsPlace.prefix() + kMapsNeedMemory});
+}
+
+void requireRobotFile(const std::string& word, const CLI::App& options) {
+  if (std::filesystem::path(word).extension() == ".so") {
+    throw InputError(fmt::format("{} is a module library; write --module {}", excerpt(word), excerpt(word)));
+  }
+  std::error_code ignored;
+  if (std::filesystem::exists(word, ignored)) return;
+  throw InputError(fmt::format("no file {}{}", excerpt(word), meantInsteadOf(word, options)));
 }
 
 void addOptionWords(const OptionWords& words, const CLI::App& options, GivenWords& given) {

@@ -35,6 +35,13 @@ Robot readRobot(const std::string& path, Problems& problems);
 /// @throws HX::SettingsError when the file maps signals, and there is no memory to raise them.
 void requireMemoryForMaps(const RobotFile& file);
 
+/// Says what somebody may have meant with a word in the place of the file that is no file to run: an option without its
+/// dashes, a command, a module library, a file of another name.
+///
+/// @param options  Of the command.
+/// @throws InputError  Unless there is a file of that name which may be one to run.
+void requireRobotFile(const std::string& word, const CLI::App& options);
+
 /// Puts the options of a file behind those of the command line, which win: an option that takes one value and is given
 /// there is left out, and so is one that cannot stand beside a given one; what may be repeated is added.
 ///

@@ -69,41 +69,44 @@ void addHosting(CLI::App& app, const std::shared_ptr<HostingOptions>& options) {
       ->default_str(fmt::format("{}", HostingOptions::kEndLimit.count()));
 }
 
+void addRunOptions(CLI::App& app, const std::shared_ptr<RunOptions>& options) {
+  app.add_option("--name", options->name, "Name of the broker")
+      ->check(CLI::Validator(checkBrokerName, ""))
+      ->type_name("NAME")
+      ->capture_default_str();
+  addModules(app, *options);
+  auto* noMemory = app.add_flag_callback(
+      "--no-memory", [options] { options->memory = false; }, "Do not load the memory");
+  auto* noJournal = app.add_flag_callback(
+      "--no-journal", [options] { options->journal = false; },
+      "Do not offer the memory's changes to other processes, and expect no keys");
+  app.add_option_function<std::string>(
+         "--journal", [options](const std::string& /*keep*/) { options->keep = true; },
+         "Record changes always, so that who comes back can go on after any time: keep")
+      ->check(CLI::Validator(checkJournal, ""))
+      ->type_name("keep")
+      ->excludes(noMemory)
+      ->excludes(noJournal);
+  auto* console = app.add_flag("--console", options->console, "Execute commands from standard input until it ends");
+  app.add_flag("--live", options->live, "Show the memory as it changes; needs it, and not with --console")
+      ->excludes(console)
+      ->excludes(noMemory);
+  addRepeated(
+      app, "--keep", options->kept,
+      "Keep what is stored under these names across restarts, in the first --data-dir: a key, a prefix that ends "
+      "with /, or a glob; may be repeated",
+      "PATTERN")
+      ->excludes(noMemory);
+  addHosting(app, options);
+}
+
 Verb runVerb() {
   const auto options = std::make_shared<RunOptions>();
-  const auto addOptions = [options](CLI::App& app) {
-    app.add_option("--name", options->name, "Name of the broker")
-        ->check(CLI::Validator(checkBrokerName, ""))
-        ->type_name("NAME")
-        ->capture_default_str();
-    addModules(app, *options);
-    auto* noMemory = app.add_flag_callback(
-        "--no-memory", [options] { options->memory = false; }, "Do not load the memory");
-    auto* noJournal = app.add_flag_callback(
-        "--no-journal", [options] { options->journal = false; },
-        "Do not offer the memory's changes to other processes, and expect no keys");
-    app.add_option_function<std::string>(
-           "--journal", [options](const std::string& /*keep*/) { options->keep = true; },
-           "Record changes always, so that who comes back can go on after any time: keep")
-        ->check(CLI::Validator(checkJournal, ""))
-        ->type_name("keep")
-        ->excludes(noMemory)
-        ->excludes(noJournal);
-    auto* console = app.add_flag("--console", options->console, "Execute commands from standard input until it ends");
-    app.add_flag("--live", options->live, "Show the memory as it changes; needs it, and not with --console")
-        ->excludes(console)
-        ->excludes(noMemory);
-    addRepeated(
-        app, "--keep", options->kept,
-        "Keep what is stored under these names across restarts, in the first --data-dir: a key, a prefix that ends "
-        "with /, or a glob; may be repeated",
-        "PATTERN")
-        ->excludes(noMemory);
-    addHosting(app, options);
-  };
+  const auto addOptions = [options](CLI::App& app) { addRunOptions(app, options); };
   const auto file = std::make_shared<RobotFile>();
   const auto readFile = [file](const CLI::App& known, GivenWords& given) {
     if (given.arguments.empty()) return;
+    requireRobotFile(given.arguments.front(), known);
     Robot robot = readRobot(given.arguments.front());
     addOptionWords(robot.words, known, given);
     *file = std::move(robot.file);

@@ -88,6 +88,25 @@ TEST_F(RobotFiles, ThatAreWrongSayWhereAndWhatMayHaveBeenMeant) {
   EXPECT_THROW(readRobot("."), std::runtime_error);
 }
 
+TEST_F(RobotFiles, ThatAreNoneSayWhatMayHaveBeenMeant) {
+  std::ofstream("robot.toml") << "";
+  const auto options = optionsOf(freshVerb("run"));
+  EXPECT_NO_THROW(requireRobotFile("robot.toml", *options));
+  const std::pair<const char*, const char*> cases[] = {
+      {"more", "no file more"},
+      {"live", "no file live; did you mean --live?"},
+      {"consle", "no file consle; did you mean --console?"},
+      {"top", "no file top; did you mean korvo top?"},
+      {"robto.toml", "no file robto.toml; did you mean robot.toml?"},
+      {"./robot.tml", "no file ./robot.tml; did you mean ./robot.toml?"},
+      {"/nowhere/robot.toml", "no file /nowhere/robot.toml"},
+      {"build/libarm.so", "build/libarm.so is a module library; write --module build/libarm.so"},
+  };
+  for (const auto& [word, said] : cases) {
+    EXPECT_EQ(errorOf([&, name = word] { requireRobotFile(name, *options); }), said);
+  }
+}
+
 TEST_F(RobotFiles, GiveTheOptionsThatTheCommandLineDoesNot) {
   const std::string text =
       "name = \"torso\"\nend-within = \"1.5s\"\nstrict = true\nlive = true\ndata-dir = [\".\"]\nno-memory = false";
