@@ -130,10 +130,10 @@ class Ended(Exception):
 class Client:
     """Sends its heartbeat by itself, unless it has no heart."""
 
-    def __init__(self, heart=True):
+    def __init__(self, heart=True, broker="korvo"):
         self.socket = socket.socket(socket.AF_UNIX)
         self.socket.settimeout(30)
-        self.socket.connect(folder.name + "/korvo/korvo.sock")
+        self.socket.connect(f"{folder.name}/korvo/{broker}.sock")
         self.input, self.last, self.sending, self.closed = bytearray(), 0, threading.Lock(), threading.Event()
         if heart:
             threading.Thread(target=self.beat, daemon=True).start()
@@ -442,6 +442,80 @@ class Page(unittest.TestCase):
         self.assertEqual(honest.call("HXMemory.getSubscribers", "Meal"), ["Eater"])
         honest.call("HXMemory.removeEvent", "Meal")
         honest.close()
+
+
+class Name:
+    """A number that the page has a name for."""
+
+    def __init__(self, text):
+        self.text = text
+
+
+class Exchange(unittest.TestCase):
+    """Plays the exchange of the page, line by line: it shows what is really sent."""
+
+    LEFT_OUT = object()
+
+    def setUp(self):
+        self.numbers = {}  # What was sent where the page has a name in capitals.
+        alone = subprocess.Popen([KORVO, "run", "--name", "exchange", "--log-level", "silent"])
+        self.addCleanup(alone.wait)
+        self.addCleanup(alone.terminate)
+        until(lambda: os.path.exists(folder.name + "/korvo/exchange.sock"))
+        self.client = Client(broker="exchange")
+        self.addCleanup(self.client.close)
+
+    def test_exchange_of_the_page(self):
+        lines = re.search(r"## An exchange\n\n.*?```\n(.*?)```", PAGE, re.DOTALL)[1].splitlines()
+        raised = []
+        for line in lines:
+            direction, shown, remark = re.fullmatch(r"([→←]) (.*?)(?:  +(\w.*))?", line).groups()
+            message = self.message(shown)
+            if direction == "→":
+                if message[0] == 0:  # A raise must not meet who subscribes behind it.
+                    for process in raised:
+                        process.wait(60)
+                self.client.send(self.packed(message))
+                continue
+            if remark and remark.startswith("somebody has raised"):
+                value = "true" if message[2][1] else "false"
+                raised.append(subprocess.Popen([KORVO, "raise", "Door", value, "--broker", "exchange"]))
+            self.compare(message, self.next(), line)
+        self.assertEqual([process.wait(60) for process in raised], [0, 0])
+
+    def message(self, shown):
+        names = {"nil": None, "true": True, "false": False, "ext": Ext, "anything": self.LEFT_OUT,
+                 "DOOR": self.numbers.get("DOOR", Name("DOOR"))}
+        return eval(shown.replace("…", "anything"), {"__builtins__": {}}, names)
+
+    def packed(self, value):
+        """With the contents of extensions, which the page shows as values, as bytes."""
+        if isinstance(value, list):
+            return [self.packed(element) for element in value]
+        return Ext(value.kind, pack(value.content)) if isinstance(value, Ext) else value
+
+    def next(self):
+        """The next message that is no heartbeat."""
+        while (message := self.client.receive()) == [2, "korvo.alive", []]:
+            pass
+        return message
+
+    def compare(self, shown, sent, line):
+        if shown is self.LEFT_OUT:
+            return
+        if isinstance(shown, Name):
+            self.assertIsInstance(sent, int, line)
+            self.numbers[shown.text] = sent
+        elif isinstance(shown, Ext):
+            self.assertEqual(sent.kind, shown.kind, line)
+            if shown.content is not self.LEFT_OUT:
+                self.compare(shown.content, unpack(sent.content)[0], line)
+        elif isinstance(shown, list) and isinstance(sent, list):
+            self.assertEqual(len(sent), len(shown), f"{line}\n{sent}")
+            for one, other in zip(shown, sent):
+                self.compare(one, other, line)
+        else:
+            self.assertEqual(sent, shown, line)
 
 
 if __name__ == "__main__":

@@ -7,56 +7,43 @@ SIZES = {0xc4: "B", 0xc5: "H", 0xc6: "I", 0xc7: "B", 0xc8: "H", 0xc9: "I", 0xd9:
          0xdc: "H", 0xdd: "I", 0xde: "H", 0xdf: "I"}
 
 
-class Float32(float):
-    """A number that is sent as a 32-bit float, and was received as one."""
-
-
-class Int64(int):
-    """A number that is sent in a 64-bit format however small it is, and was received in one."""
-
-
 class Extension:
     def __init__(self, kind, content):
         self.kind, self.content = kind, content
 
 
 NOT_UTF8 = "surrogateescape"  # Bytes of a string that are not UTF-8 stay what they are.
-EXACT = {0xca: Float32, 0xcf: Int64, 0xd3: Int64}
 
 
-def pack(value, extend=None):
-    """The bytes of a value; `extend` makes an Extension of an object that is no value."""
+def pack(value):
     if value is None or isinstance(value, bool):
         return {None: b"\xc0", False: b"\xc2", True: b"\xc3"}[value]
     if isinstance(value, int):
-        small = -2**31 <= value < 2**31 and not isinstance(value, Int64)
-        return struct.pack(">Bi", 0xd2, value) if small else struct.pack(">Bq", 0xd3, value)
+        return struct.pack(">Bi", 0xd2, value) if -2**31 <= value < 2**31 else struct.pack(">Bq", 0xd3, value)
     if isinstance(value, float):
-        return struct.pack(">Bf", 0xca, value) if isinstance(value, Float32) else struct.pack(">Bd", 0xcb, value)
+        return struct.pack(">Bd", 0xcb, value)
     if isinstance(value, str):
         content = value.encode(errors=NOT_UTF8)
         return struct.pack(">BI", 0xdb, len(content)) + content
     if isinstance(value, bytes):
         return struct.pack(">BI", 0xc6, len(value)) + value
     if isinstance(value, (list, tuple)):
-        return struct.pack(">BI", 0xdd, len(value)) + b"".join(pack(each, extend) for each in value)
+        return struct.pack(">BI", 0xdd, len(value)) + b"".join(pack(each) for each in value)
     if isinstance(value, dict):
         both = (each for pair in value.items() for each in pair)
-        return struct.pack(">BI", 0xdf, len(value)) + b"".join(pack(each, extend) for each in both)
-    extension = value if isinstance(value, Extension) else extend(value)
-    return struct.pack(">BIb", 0xc9, len(extension.content), extension.kind) + extension.content
+        return struct.pack(">BI", 0xdf, len(value)) + b"".join(pack(each) for each in both)
+    return struct.pack(">BIb", 0xc9, len(value.content), value.kind) + value.content
 
 
-def unpack(read, resolve=lambda extension: extension):
-    """The next value of a stream; `read(n)` gives n bytes, `resolve` makes of an Extension what it stands for."""
+def unpack(read):
+    """The next value of a stream; `read(n)` gives n bytes."""
     code = read(1)[0]
     if code < 0x80 or code >= 0xe0:
         return code if code < 0x80 else code - 0x100
     if code in (0xc0, 0xc2, 0xc3):
         return {0xc0: None, 0xc2: False, 0xc3: True}[code]
     if code in NUMBERS:
-        number, = struct.unpack(">" + NUMBERS[code], read(struct.calcsize(NUMBERS[code])))
-        return EXACT.get(code, type(number))(number)
+        return struct.unpack(">" + NUMBERS[code], read(struct.calcsize(NUMBERS[code])))[0]
     if code in SIZES:
         size, = struct.unpack(">" + SIZES[code], read(struct.calcsize(SIZES[code])))
     else:
@@ -66,8 +53,8 @@ def unpack(read, resolve=lambda extension: extension):
     if 0xc4 <= code <= 0xc6:
         return read(size)
     if 0x90 <= code < 0xa0 or code in (0xdc, 0xdd):
-        return [unpack(read, resolve) for _ in range(size)]
+        return [unpack(read) for _ in range(size)]
     if code < 0x90 or code in (0xde, 0xdf):
-        return {unpack(read, resolve): unpack(read, resolve) for _ in range(size)}
+        return {unpack(read): unpack(read) for _ in range(size)}
     kind, = struct.unpack("b", read(1))
-    return resolve(Extension(kind, read(size)))
+    return Extension(kind, read(size))
