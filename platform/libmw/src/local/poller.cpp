@@ -8,10 +8,10 @@
 #include <libmw/log.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <system_error>
 #include <thread>
 #include <unistd.h>
@@ -29,7 +29,7 @@ constexpr std::size_t kFewestWaiting = 2;
 /// How long a thread beyond those is kept without work.
 constexpr auto kIdleThread = 10s;
 /// Files of the poller itself; sockets are numbered behind them.
-enum OwnFile : std::uint64_t { kWakeUp, kTimer, kEnd, kLastOwn = kEnd };
+enum OwnFile : std::uint64_t { kWakeUp, kEnd, kLastOwn = kEnd };
 
 File made(int number) {
   if (number < 0) throw std::system_error(errno, std::generic_category(), "watching connections");
@@ -43,22 +43,20 @@ int add(const File& epoll, int file, std::uint64_t number, std::uint32_t events)
   return ::epoll_ctl(epoll.number(), EPOLL_CTL_ADD, file, &event);
 }
 
+/// Long values come and go: their memory is to be used again, not given back to the system and taken anew, page by
+/// page, with each of them. The allocator goes by the largest block that it has seen freed.
+void keepMemoryOfLongValues() {
+  constexpr std::size_t kLargest = std::size_t{4} << 20;
+  void* const volatile block = std::malloc(kLargest);
+  std::free(block);
+}
+
 void write(const File& file) {
   const std::uint64_t one = 1;
   static_cast<void>(!::write(file.number(), &one, sizeof one));
 }
 
 }  // namespace
-
-File::File(int number) noexcept : number_(number) {
-  if (number_ >= 0) detail::closeInChildren(number_);
-}
-
-File::~File() {
-  if (number_ < 0) return;
-  detail::closedAlready(number_);
-  ::close(number_);
-}
 
 /// At the end of the process nobody must be inside libraries that go. The poller itself stays: destructors of other
 /// statics may still use it.
@@ -83,12 +81,11 @@ Poller& Poller::instance() {
 Poller::Poller()
     : epoll_(made(::epoll_create1(EPOLL_CLOEXEC))),
       wakeUp_(made(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
-      timer_(made(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))),
       end_(made(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       lastNumber_(kLastOwn) {
+  keepMemoryOfLongValues();
   // None of them is ever read: an edge comes with each writing, and what is not one is for all threads.
   local::add(epoll_, wakeUp_.number(), kWakeUp, EPOLLIN | EPOLLET);
-  local::add(epoll_, timer_.number(), kTimer, EPOLLIN | EPOLLET);
   local::add(epoll_, end_.number(), kEnd, EPOLLIN);
 }
 
@@ -120,12 +117,8 @@ void Poller::watch(std::uint64_t number, int socket, std::uint32_t events) {
 
 void Poller::remove(std::uint64_t number, int socket) {
   ::epoll_ctl(epoll_.number(), EPOLL_CTL_DEL, socket, nullptr);
-  {
-    const HX::MutexLock lock(socketsMutex_);
-    sockets_.erase(number);
-  }
-  const HX::MutexLock lock(mutex_);
-  reminders_.erase(number);
+  const HX::MutexLock lock(socketsMutex_);
+  sockets_.erase(number);
 }
 
 std::shared_ptr<Pollable> Poller::find(std::uint64_t number) const {
@@ -188,11 +181,7 @@ Poller::Told Poller::waitOnce(std::vector<remote::Work>& works) {
   }
   // Seen to before the reading, which may take a while for one that sends much.
   const bool mayRun = leaveWaiting();
-  if (event.data.u64 == kTimer) {
-    fireTimer();
-  } else if (event.data.u64 != kWakeUp) {
-    if (const auto ready = find(event.data.u64)) ready->onReady(event.events, works);
-  }
+  if (const auto ready = find(event.data.u64)) ready->onReady(event.events, works);
   if (mayRun) return Told::Works;
   post(works);  // They are done when a thread comes back from what it does.
   waiting_.fetch_add(1);
@@ -261,66 +250,12 @@ remote::Work Poller::takePosted() {
   return taken;
 }
 
-// --- The timer ------------------------------------------------------------------------------------------------------
-
-bool Poller::remind(std::uint64_t number, Clock::time_point due) {
-  const HX::MutexLock lock(mutex_);
-  if (stopped_) return false;
-  const auto [known, isNew] = reminders_.emplace(number, due);
-  if (!isNew) known->second = std::min(known->second, due);
-  if (due < timerDue_) setTimerLocked(due);
-  return true;
-}
-
-void Poller::setTimerLocked(Clock::time_point due) {
-  timerDue_ = due;
-  itimerspec time{};
-  if (due != Clock::time_point::max()) {
-    const auto since = due.time_since_epoch();
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
-    time.it_value = {seconds.count(), (since - seconds).count()};
-  }
-  ::timerfd_settime(timer_.number(), TFD_TIMER_ABSTIME, &time, nullptr);
-}
-
-void Poller::fireTimer() {
-  std::vector<std::uint64_t> due;
-  {
-    // What is due a little later is done as well, rather than by a further wake-up.
-    const auto now = Clock::now() + 1ms;
-    auto next = Clock::time_point::max();
-    const HX::MutexLock lock(mutex_);
-    for (auto one = reminders_.begin(); one != reminders_.end();) {
-      if (one->second > now) {
-        next = std::min(next, one->second);
-        ++one;
-        continue;
-      }
-      due.push_back(one->first);
-      one = reminders_.erase(one);
-    }
-    timerDue_ = Clock::time_point::max();
-    if (next != timerDue_) setTimerLocked(next);
-  }
-  for (const std::uint64_t number : due) {
-    const auto socket = find(number);
-    if (!socket) continue;
-    try {
-      socket->onTimer();
-    } catch (const std::exception& error) {
-      log::error(kCategory, "timer", fmt::format("a connection is not looked after: {}", error.what()));
-    }
-  }
-}
-
 void Poller::stop() {
   if (detail::isForkedChild()) return;
   {
     const HX::MutexLock lock(mutex_);
     stopped_ = true;
-    for (auto& [number, due] : reminders_) due = Clock::time_point::min();
   }
-  fireTimer();  // What waits to leave does, or never.
   write(end_);
   HX::MutexLock lock(mutex_);
   if (changed_.wait_for(lock.native(), detail::graceAtExit(), [this]() HX_REQUIRES(mutex_) { return threads_ == 0; }))

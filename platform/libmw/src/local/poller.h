@@ -1,39 +1,19 @@
 #pragma once
 
 #include "../remote/channel.h"
+#include "file.h"
 
 #include <hxerror/mutex.h>
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <unordered_map>
-#include <utility>
 #include <vector>
 
 namespace mw::local {
-
-/// A file of the system, closed when it goes, and in processes that this one forks.
-class HX_API File {
- public:
-  File() = default;
-  explicit File(int number) noexcept;
-  File(File&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  File& operator=(File&& other) noexcept {
-    std::swap(number_, other.number_);
-    return *this;
-  }
-  ~File();
-
-  int number() const noexcept { return number_; }
-  explicit operator bool() const noexcept { return number_ >= 0; }
-
- private:
-  int number_ = -1;
-};
 
 /// Something with a socket.
 class Pollable {
@@ -44,8 +24,6 @@ class Pollable {
   /// @param events  As epoll_ctl(2) says them.
   /// @param works   Takes what is to be done for what came.
   virtual void onReady(std::uint32_t events, std::vector<remote::Work>& works) = 0;
-  /// The time of a reminder has come. Must not wait.
-  virtual void onTimer() {}
 };
 
 /// Watches the sockets of the process, and has threads for what comes.
@@ -59,8 +37,6 @@ class Pollable {
 ///   hand over work: what a link runs is limited there.
 class HX_API Poller {
  public:
-  using Clock = std::chrono::steady_clock;
-
   /// The one of the process.
   static Poller& instance();
 
@@ -80,15 +56,10 @@ class HX_API Poller {
   /// Ends the watching. `onReady` may still be running.
   void remove(std::uint64_t number, int socket);
 
-  /// Has `onTimer` of a socket called at `due` or before. One timer serves all reminders: it is set when the earliest
-  /// of them gets earlier, and else renewed only when it fires.
-  /// @return False when it will not be, because the process ends.
-  bool remind(std::uint64_t number, Clock::time_point due);
-
   /// Has works done by other threads. Empty afterwards.
   void post(std::vector<remote::Work>& works);
 
-  /// Ends the threads, and waits for them a while. What is reminded of is done before.
+  /// Ends the threads, and waits for them a while.
   void stop();
 
   /// For tests and diagnosis.
@@ -96,7 +67,7 @@ class HX_API Poller {
 
  private:
   class AtExit;
-  enum class Told : std::uint8_t { Socket, Works, Timer, End, Nothing };
+  enum class Told : std::uint8_t { Works, End, Nothing };
 
   Told waitOnce(std::vector<remote::Work>& works);
   void runThread();
@@ -106,13 +77,10 @@ class HX_API Poller {
   void run(remote::Work& work);
   remote::Work takePosted();
   void wake();
-  void fireTimer();
-  void setTimerLocked(Clock::time_point due) HX_REQUIRES(mutex_);
   std::shared_ptr<Pollable> find(std::uint64_t number) const;
 
   const File epoll_;
   const File wakeUp_;
-  const File timer_;
   const File end_;
 
   /// Threads that wait for events, or are on their way to. One that is started counts at once.
@@ -126,8 +94,6 @@ class HX_API Poller {
   mutable HX::Mutex mutex_;
   std::condition_variable changed_;
   std::deque<remote::Work> posted_ HX_GUARDED_BY(mutex_);
-  std::unordered_map<std::uint64_t, Clock::time_point> reminders_ HX_GUARDED_BY(mutex_);
-  Clock::time_point timerDue_ HX_GUARDED_BY(mutex_) = Clock::time_point::max();
   std::size_t threads_ HX_GUARDED_BY(mutex_) = 0;
   bool stopped_ HX_GUARDED_BY(mutex_) = false;
   bool isShort_ HX_GUARDED_BY(mutex_) = false;  // of threads, which was told

@@ -1,6 +1,7 @@
 #include "socketchannel.h"
 
 #include <hxerror/mutex.h>
+#include <libmw/eventloop.h>
 
 #include <array>
 #include <cerrno>
@@ -21,6 +22,16 @@ namespace {
 
 /// One turn of reading ends after so much, so that what came is not kept waiting by what comes.
 constexpr std::size_t kTurn = std::size_t{64} << 10;
+/// A text or binary at the end of a message is received to where it will lie, if it is as long.
+constexpr std::size_t kLongTail = std::size_t{32} << 10;
+/// Who reads a long message on waits for so long for the next piece of it,
+constexpr std::chrono::milliseconds kNextPiece{2};
+/// and so many do at once: a peer may send slowly.
+constexpr int kMostReadOn = 4;
+std::atomic<int> readOnCount{0};
+/// What a socket may hold that its peer has not read: the more, the fewer wake-ups a long message takes, and the less
+/// it costs who does not read. The system doubles it.
+constexpr int kSocketBuffer = 256 << 10;
 /// How long a caller that reads may leave the socket unwatched: once for each such time a thread is woken.
 constexpr std::chrono::milliseconds kParkedFor{100};
 /// How long a message waits for others where whoever holds it back does not come to send it.
@@ -49,9 +60,10 @@ std::string reasonOf(int error) {
   return std::generic_category().message(error);
 }
 
-void makeNonBlocking(int socket) {
+void prepare(int socket) {
   const int flags = ::fcntl(socket, F_GETFL);
   ::fcntl(socket, F_SETFL, flags | O_NONBLOCK);
+  ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
 }
 
 }  // namespace
@@ -65,7 +77,7 @@ SocketChannel::SocketChannel(File socket, const LinkOptions& options)
       splitter_(options.frameLimit, options.depthLimit, options.valueLimit),
       unfinished_(remote::Budget::input(), options.inputOfAll),
       unread_(remote::Budget::output(), options.outputOfAll) {
-  makeNonBlocking(socket_.number());
+  prepare(socket_.number());
 }
 
 SocketChannel::~SocketChannel() { end("nobody uses it"); }
@@ -99,22 +111,18 @@ bool SocketChannel::take(Turn::Step step) {
   return step != Turn::Step::Refused;
 }
 
-/// @return False when nobody will come.
-bool SocketChannel::remindIn(Clock::duration time) {
-  const auto due = Clock::now() + time;
-  // `onTimer` takes the reminder back before it looks at what is to be done: it sees what was said before this.
-  if (reminder_.load() <= due) return true;
-  reminder_ = due;
-  const HX::MutexLock lock(watchMutex_);
-  return number_ != 0 && poller_.remind(number_, due);
-}
-
-void SocketChannel::onTimer() {
-  reminder_ = kNoReminder;
-  if (holdsBack_) flush();
-  const std::uint32_t moment = turn_.moment();
-  if (take(turn_.lapse(seenMoment_.exchange(moment)))) return;
-  if (turn_.state() == Turn::State::Parked) remindIn(kParkedFor);
+/// Has `what` done by the event loop, if nobody is to do it already.
+/// @return False when nobody will, because the process ends.
+bool SocketChannel::remindIn(Clock::duration time, std::atomic<bool>& isReminded, void (SocketChannel::*what)()) {
+  if (isReminded.exchange(true)) return true;
+  return defaultLoop().post(
+      [weak = weak_from_this(), &isReminded, what] {
+        const auto self = weak.lock();
+        if (!self) return;
+        isReminded = false;  // Before it looks at what is to be done: it sees what was said before this.
+        (self.get()->*what)();
+      },
+      time);
 }
 
 void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& works) {
@@ -125,24 +133,39 @@ void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& wor
   if (!turn_.beginPoller()) return;
   do {
     const auto received = receive(works);
-    if (received == Received::All && turn_.endPoller()) return;
     if (received == Received::End) return turn_.leavePoller();
+    if (received == Received::All && tail_.isOpen() && works.empty()) return readOn(works);
+    if (received == Received::All && turn_.endPoller()) return;
   } while (works.empty());
   // There is more, or may be: whoever is told of it reads on, while this thread does what has come.
   turn_.leavePoller();
   watch();
 }
 
-bool SocketChannel::claim() { return !ended_ && take(turn_.claim()); }
+/// A long message is on its way. To be told of each piece of it would wake a thread for each.
+void SocketChannel::readOn(std::vector<remote::Work>& works) {
+  const bool mayWait = readOnCount.fetch_add(1) < kMostReadOn;
+  if (mayWait) {
+    turn_.hold();
+    watch();
+    pollfd file{socket_.number(), POLLIN, 0};
+    while (tail_.isOpen() && ::poll(&file, 1, static_cast<int>(kNextPiece.count())) > 0) {
+      if (receive(works) == Received::End) break;
+    }
+  }
+  --readOnCount;
+  turn_.leavePoller();
+  watch();
+}
 
-bool SocketChannel::beginReading() { return !ended_ && take(turn_.beginCaller()); }
+bool SocketChannel::beginReading() { return !ended_ && take(turn_.begin()); }
 
 void SocketChannel::endReading() {
   // Parked first, asked then: who expects something meanwhile asks for what is parked after having said so.
   turn_.park();
   const auto sink = sink_.lock();
   if (ended_ || !sink || !sink->isIdle()) return expectMore();
-  if (reminder_.load() == kNoReminder && !remindIn(kParkedFor)) expectMore();
+  if (!remindIn(kParkedFor, willWatch_, &SocketChannel::expectMore)) expectMore();
 }
 
 bool SocketChannel::readSoon() {
@@ -155,7 +178,7 @@ bool SocketChannel::readSoon() {
     receive(works);
     if (lastReceived_.load() != before || ended_) {
       poller_.post(works);
-      return true;
+      return ended_ || !tail_.isOpen();
     }
     if (limit == Clock::time_point()) limit = Clock::now() + kSpin;
     ::sched_yield();
@@ -167,11 +190,15 @@ void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
   std::vector<remote::Work> works;
   const auto begin = Clock::now();
   std::array<pollfd, 2> files{pollfd{socket_.number(), POLLIN, 0}, pollfd{wakeFile, POLLIN, 0}};
-  const int count = ::poll(files.data(), files.size(), static_cast<int>(timeout.count()));
-  answersFast_ = Clock::now() - begin < kSpin;
-  if (count <= 0 || files[0].revents == 0) return;
-  receive(works);
-  poller_.post(works);
+  for (auto left = timeout;;
+       left = timeout - std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin)) {
+    const int count = ::poll(files.data(), files.size(), static_cast<int>(std::max(left, left.zero()).count()));
+    answersFast_ = Clock::now() - begin < kSpin;
+    if (count <= 0 || files[0].revents == 0) return;
+    const auto received = receive(works);
+    poller_.post(works);
+    if (received == Received::End || !tail_.isOpen() || files[1].revents != 0) return;
+  }
 }
 
 /// Reads what is there, for one turn.
@@ -189,7 +216,7 @@ SocketChannel::Received SocketChannel::receive(std::vector<remote::Work>& works)
 SocketChannel::Received SocketChannel::receive(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
   for (std::size_t turn = 0; turn < kTurn;) {
     if (ended_) return Received::End;
-    const auto room = buffer_.room(splitter_.missing(buffer_.bytes().size()));
+    const auto room = this->room();
     const ssize_t received = ::recv(socket_.number(), room.data(), room.size(), 0);
     if (received < 0 && errno == EINTR) continue;
     if (received < 0 && (errno == EAGAIN)) return Received::All;
@@ -198,7 +225,11 @@ SocketChannel::Received SocketChannel::receive(remote::ChannelSink& sink, std::v
       return Received::End;
     }
     turn += static_cast<std::size_t>(received);
-    buffer_.received(static_cast<std::size_t>(received));
+    if (tail_.isOpen()) {
+      tail_.received(static_cast<std::size_t>(received));
+    } else {
+      buffer_.received(static_cast<std::size_t>(received));
+    }
     lastReceived_ = Clock::now().time_since_epoch().count();
     deliver(sink, works);
     if (static_cast<std::size_t>(received) < room.size()) return Received::All;
@@ -206,23 +237,52 @@ SocketChannel::Received SocketChannel::receive(remote::ChannelSink& sink, std::v
   return Received::Part;
 }
 
+std::span<std::byte> SocketChannel::room() {
+  return tail_.isOpen() ? tail_.room() : buffer_.room(splitter_.missing(buffer_.bytes().size()));
+}
+
 /// Hands the messages that are whole to the sink.
 void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
-  auto rest = buffer_.bytes();
   try {
-    while (!rest.empty()) {
-      const std::size_t size = splitter_.advance(rest);
-      if (size == 0) break;
-      sink.onFrame({rest.first(size), splitter_.values()}, works);
-      rest = rest.subspan(size);
+    if (!head_.empty()) {
+      if (!tail_.isOpen()) {
+        sink.onFrame({head_, splitter_.values(), tail_.take()}, works);
+        head_.clear();
+      }
+    } else {
+      const auto rest = deliver(sink, buffer_.bytes(), works);
+      buffer_.drop(buffer_.bytes().size() - rest.size());
     }
   } catch (...) {
     sink.onPause(works);  // What came before stays.
     throw;
   }
-  buffer_.drop(buffer_.bytes().size() - rest.size());
-  unfinished_.set(buffer_.bytes().size());
+  unfinished_.set(buffer_.bytes().size() + head_.size() + tail_.size());
   sink.onPause(works);
+}
+
+/// @return What is left: the beginning of a message.
+std::span<const std::byte> SocketChannel::deliver(remote::ChannelSink& sink, std::span<const std::byte> bytes,
+                                                  std::vector<remote::Work>& works) {
+  while (!bytes.empty()) {
+    const std::size_t size = splitter_.advance(bytes);
+    if (size == 0 && splitter_.tail().size < kLongTail) break;
+    if (size == 0) {
+      beginTail(bytes);
+      return {};
+    }
+    sink.onFrame({bytes.first(size), splitter_.values()}, works);
+    bytes = bytes.subspan(size);
+  }
+  return bytes;
+}
+
+void SocketChannel::beginTail(std::span<const std::byte> message) {
+  const auto tail = splitter_.tail();
+  const auto head = message.first(tail.begin);
+  head_.assign(head.begin(), head.end());
+  tail_.begin(tail.isText, tail.size, message.subspan(tail.begin));
+  splitter_.endAtTail();
 }
 
 bool SocketChannel::send(remote::Message& message, remote::Sending when) {
@@ -252,7 +312,7 @@ bool SocketChannel::sendOrQueue(remote::Message& message, remote::Sending when) 
   }
   if (when == remote::Sending::Soon && outputBytes_ < kHeldBytes) {
     if (holdsBack_.exchange(true)) return false;
-    if (remindIn(kHeldFor)) return true;
+    if (remindIn(kHeldFor, willFlush_, &SocketChannel::flushHeld)) return true;
   }
   if (hasOutput_) return false;  // It leaves when the peer has read.
   const int error = writeLocked();
@@ -291,6 +351,10 @@ void SocketChannel::onSendFailed(int error) {
   setOutputLocked(0);
   sent_ = 0;
   if (hasOutput_.exchange(false)) watch();
+}
+
+void SocketChannel::flushHeld() {
+  if (holdsBack_) flush();
 }
 
 void SocketChannel::flush() {

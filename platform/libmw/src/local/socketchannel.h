@@ -4,6 +4,7 @@
 #include "../remote/readingturn.h"
 #include "poller.h"
 #include "receivebuffer.h"
+#include "receivedtail.h"
 
 #include <hxerror/mutex.h>
 #include <libmw/local.h>
@@ -40,8 +41,6 @@ class HX_API SocketChannel final : public remote::Channel,
   std::chrono::milliseconds silence() const override;
   remote::CallerReading* callerReading() override { return this; }
 
-  bool claim() override;
-  void beginClaimed() override { turn_.beginClaimed(); }
   bool beginReading() override;
   bool readSoon() override;
   void read(int wakeFile, std::chrono::milliseconds timeout) override;
@@ -49,10 +48,9 @@ class HX_API SocketChannel final : public remote::Channel,
   void expectMore() override { take(turn_.watch()); }
 
   void onReady(std::uint32_t events, std::vector<remote::Work>& works) override;
-  void onTimer() override;
 
  private:
-  using Clock = Poller::Clock;
+  using Clock = std::chrono::steady_clock;
   using Turn = remote::ReadingTurn;
   enum class Received : std::uint8_t {
     All,   ///< That was there.
@@ -60,16 +58,20 @@ class HX_API SocketChannel final : public remote::Channel,
     End,
   };
 
-  static constexpr Clock::time_point kNoReminder = Clock::time_point::max();
-
   bool sendOrQueue(remote::Message& message, remote::Sending when);
   bool take(Turn::Step step);
   void watch();
-  bool remindIn(Clock::duration time);
+  bool remindIn(Clock::duration time, std::atomic<bool>& isReminded, void (SocketChannel::*what)());
+  void readOn(std::vector<remote::Work>& works);
   std::shared_ptr<remote::ChannelSink> sinkNow();
   Received receive(std::vector<remote::Work>& works);
   Received receive(remote::ChannelSink& sink, std::vector<remote::Work>& works);
+  std::span<std::byte> room();
   void deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works);
+  std::span<const std::byte> deliver(remote::ChannelSink& sink, std::span<const std::byte> bytes,
+                                     std::vector<remote::Work>& works);
+  void beginTail(std::span<const std::byte> message);
+  void flushHeld();
   void onSendFailed(int error);
   void queueLocked(remote::Message& message) HX_REQUIRES(outputMutex_);
   void setOutputLocked(std::size_t bytes) HX_REQUIRES(outputMutex_);
@@ -89,7 +91,9 @@ class HX_API SocketChannel final : public remote::Channel,
   // For the thread that has the turn.
   remote::FrameSplitter splitter_;
   ReceiveBuffer buffer_;
-  remote::Budget::Share unfinished_;  // what is in it; the sink keeps the limit
+  remote::Bytes head_;  // of the message whose tail is being received
+  ReceivedTail tail_;
+  remote::Budget::Share unfinished_;  // what is in these; the sink keeps the limit
   bool answersFast_ = true;
 
   HX::Mutex watchMutex_;                                 // Makes what is watched agree with `turn_` and `hasOutput_`.
@@ -98,8 +102,9 @@ class HX_API SocketChannel final : public remote::Channel,
   std::atomic<bool> hasOutput_{false};
   std::atomic<bool> holdsBack_{false};  // messages wait for others to leave with
 
-  std::atomic<Clock::time_point> reminder_{kNoReminder};  // when `onTimer` comes
-  std::atomic<std::uint32_t> seenMoment_{0};              // of `turn_`, by the last `onTimer`
+  // Somebody comes to do it before long.
+  std::atomic<bool> willFlush_{false};
+  std::atomic<bool> willWatch_{false};
 
   HX::Mutex outputMutex_;                                           // Outer to `watchMutex_`.
   std::deque<remote::Message> output_ HX_GUARDED_BY(outputMutex_);  // short ones together

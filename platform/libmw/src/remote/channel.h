@@ -24,6 +24,10 @@ inline constexpr std::string_view kPeerClosed = "it closed the connection";
 struct Frame {
   std::span<const std::byte> bytes;
   std::uint64_t values = 0;  ///< How many it consists of, those inside one another included.
+  /// The long text or binary that it ends with, where that was received apart: of it only the header is among `bytes`.
+  HX::HXValue last = {};
+
+  std::size_t size() const { return bytes.size() + contentOf(last).size(); }
 };
 
 /// Receives what comes over a channel.
@@ -57,18 +61,19 @@ class CallerReading {
  public:
   virtual ~CallerReading() = default;
 
-  /// The calling thread is about to send, and to wait for the answer at once: from now on no other begins to read.
-  /// @return False when another one has the turn already. Otherwise `beginClaimed` or `endReading` follows.
-  virtual bool claim() = 0;
-  virtual void beginClaimed() = 0;
-  /// @return False when another one has the turn.
+  /// The calling thread waits for an answer, or is about to send what it waits for the answer of at once: from now on
+  /// no other begins to read.
+  /// @return False when another one has the turn already. Otherwise `endReading` follows.
   virtual bool beginReading() = 0;
   /// Looks for some microseconds, where answers come fast. What the sink leaves to be done is done by other threads.
-  /// @return Whether something has come and been handed to the sink, or the channel has ended.
+  /// @return Whether something has come and been handed to the sink, or the channel has ended. False, too, where no
+  /// more
+  ///         than a part of a long message has come.
   virtual bool readSoon() = 0;
-  /// The same, until something has come, until `wakeFile` can be read, or `timeout` has passed.
+  /// The same, until something has come, and all of it where it is long; until `wakeFile` can be read, or `timeout` has
+  /// passed.
   virtual void read(int wakeFile, std::chrono::milliseconds timeout) = 0;
-  /// Gives the turn, or the claim to it, back. Where the sink is idle, it may take a tenth of a second until another
+  /// Gives the turn back. Where the sink is idle, it may take a tenth of a second until another
   /// thread reads.
   virtual void endReading() = 0;
   /// Something is expected that no thread waits for by reading itself. To be called when the sink is not idle any more

@@ -14,7 +14,7 @@ std::uint64_t bigEndian(std::span<const std::byte> bytes) {
   return number;
 }
 
-enum class Kind : std::uint8_t { Fixed, Sized, Extension, List, Map, Invalid };
+enum class Kind : std::uint8_t { Fixed, Text, Binary, Extension, List, Map, Invalid };
 
 /// What a format byte from 0xc0 to 0xdf announces: `width` bytes of a size behind it, or of content.
 struct Format {
@@ -23,13 +23,13 @@ struct Format {
 };
 constexpr std::array<Format, 32> kFormats{{
     {Kind::Fixed, 0},     {Kind::Invalid, 0},   {Kind::Fixed, 0},     {Kind::Fixed, 0},  // nil, never used, bools
-    {Kind::Sized, 1},     {Kind::Sized, 2},     {Kind::Sized, 4},                        // bin
+    {Kind::Binary, 1},    {Kind::Binary, 2},    {Kind::Binary, 4},                       // bin
     {Kind::Extension, 1}, {Kind::Extension, 2}, {Kind::Extension, 4},                    // ext
     {Kind::Fixed, 4},     {Kind::Fixed, 8},                                              // float
     {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},  // uint
     {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},  // int
     {Kind::Fixed, 2},     {Kind::Fixed, 3},     {Kind::Fixed, 5},     {Kind::Fixed, 9},  // fixext, with the type
-    {Kind::Fixed, 17},    {Kind::Sized, 1},     {Kind::Sized, 2},     {Kind::Sized, 4},  // … str
+    {Kind::Fixed, 17},    {Kind::Text, 1},      {Kind::Text, 2},      {Kind::Text, 4},   // … str
     {Kind::List, 2},      {Kind::List, 4},      {Kind::Map, 2},       {Kind::Map, 4},
 }};
 
@@ -61,6 +61,8 @@ FrameSplitter::Header FrameSplitter::read(std::span<const std::byte> bytes) {
       break;
     default:
       header.content = size;
+      header.isText = format.kind == Kind::Text;
+      header.isBinary = format.kind == Kind::Binary;
   }
   return header;
 }
@@ -92,6 +94,7 @@ std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
     }
     // Each value takes a byte at least, so that a declared count is bounded like a declared size.
     require(header.content + header.values);
+    tail_ = {position_, header.isText || header.isBinary ? header.content : 0, header.isText};
     position_ += header.content;
     if (header.values > 0) {
       enter(header.values);
@@ -102,6 +105,11 @@ std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
   if (position_ > bytes.size()) return 0;
   found_ = std::exchange(values_, 0);
   return std::exchange(position_, 0);
+}
+
+void FrameSplitter::endAtTail() {
+  found_ = std::exchange(values_, 0);
+  position_ = 0;
 }
 
 }  // namespace mw::remote

@@ -45,11 +45,24 @@ class HX_API FrameSplitter {
   /// How many bytes the present message lacks at least, where `size` of it are there.
   std::size_t missing(std::size_t size) const { return position_ > size ? position_ - size : 0; }
 
+  /// The content of a text or binary that the message ends with.
+  struct Tail {
+    std::size_t begin = 0;  ///< In the message.
+    std::size_t size = 0;   ///< 0: it ends with something else, or is not known yet to end so.
+    bool isText = false;
+  };
+  /// Of the present message, of which not all is there.
+  Tail tail() const { return values_ > 0 && open_.empty() ? tail_ : Tail{}; }
+  /// The rest of the present message, its tail, is received elsewhere: the next one begins anew.
+  void endAtTail();
+
  private:
   struct Header {
     std::size_t size = 1;       ///< Of the header itself; more than there is when it is not all there.
     std::uint64_t content = 0;  ///< Bytes that follow it.
     std::uint64_t values = 0;   ///< Values that follow it.
+    bool isText = false;
+    bool isBinary = false;
   };
   static Header read(std::span<const std::byte> bytes);
   void require(std::uint64_t more) const;
@@ -62,6 +75,7 @@ class HX_API FrameSplitter {
   std::size_t position_ = 0;         // everything before it was walked over; may lie beyond the bytes that are there
   std::uint64_t values_ = 0;         // headers that were seen
   std::uint64_t found_ = 0;          // in the message before
+  Tail tail_;                        // of the last header, as if nothing followed
   std::vector<std::uint64_t> open_;  // how many values each open list or map still lacks
 };
 

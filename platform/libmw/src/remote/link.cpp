@@ -214,7 +214,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     requireSendable(draft.message, "the call");
     const bool leavesAtOnce = then != Calling::MakesMore || !OutputBatch::holdsHere();
     // What leaves later is asked for then.
-    if (leavesAtOnce && !claimAnswer()) expectMore();
+    if (leavesAtOnce && !beginReadingAnswer()) expectMore();
     if (leavesAtOnce) {
       channel_->send(draft.message, Sending::Now);
     } else {

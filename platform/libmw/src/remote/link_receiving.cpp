@@ -27,7 +27,7 @@ std::string refusalIn(const ArgumentValues& arguments) {
 
 void Link::onFrame(const Frame& frame, std::vector<Work>& works) {
   const mw::detail::NoForeignCode scope;
-  Reader in(frame.bytes);
+  Reader in(frame.bytes, frame.last);
   const std::uint32_t parts = in.list();
   const auto type = static_cast<MessageType>(in.number());
   const bool isNotification = type == MessageType::Notification && parts == 3;
@@ -153,7 +153,7 @@ std::uint32_t Link::beginArguments(Reader& in, Chain& stated, LinkAuthors::Heade
 Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, const Frame& frame) {
   auto call = std::make_shared<Incoming>();
   call->id = id;
-  call->size = frame.bytes.size();
+  call->size = frame.size();
   call->memory = call->size + sizeof(Incoming) + (lasts(frame) ? 0 : frame.values * sizeof(HX::HXValue));
   call->target = target;
   LinkAuthors::Header author;

@@ -110,7 +110,7 @@ void Link::onEmission(Reader& in, const Frame& frame, std::vector<Work>& works) 
   const SignalLink link = in.number();
   if (link != arrived_.link) queueEmissions(works);
   arrived_.link = link;
-  Emission& emission = arrived_.emissions.emplace_back(frame.bytes.size());
+  Emission& emission = arrived_.emissions.emplace_back(frame.size());
   try {
     readArguments(in, count - 1, frame, emission.arguments, emission.unread);
     for (const AnyValue& read : emission.arguments) {

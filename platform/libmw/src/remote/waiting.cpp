@@ -198,7 +198,7 @@ class WaitingThread final : public detail::ThreadWait {
   ~WaitingThread() override { setCurrent(nullptr); }
 
   Expectation expect(const std::shared_ptr<Channel>& channel, Calling then, const detail::FutureStateBase& answer);
-  bool claim();
+  bool beginReading();
 
   FutureState wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) override;
   void hasWaited() noexcept override;
@@ -207,20 +207,21 @@ class WaitingThread final : public detail::ThreadWait {
   static WaitingPlace place() { return {servedByThisThread().chain.caller, servedByThisThread().domain}; }
   void pause(Clock::time_point deadline);
   bool readInstead(Clock::time_point deadline);
-  void dropClaim();
+  std::shared_ptr<Channel> tryToRead();
+  void endReading();
 
   const std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
   /// The one called last, which is read while the thread waits. It may end, and go, meanwhile.
   std::weak_ptr<Channel> channel_;
   const Channel* known_ = nullptr;  // the same, to compare with
-  bool hasClaim_ = false;           // on the reading of it
+  bool hasTurn_ = false;            // to read it
   const detail::FutureStateBase* expected_ =
       nullptr;  // the answer that the thread waits for next, and is registered for
 };
 
 Expectation WaitingThread::expect(const std::shared_ptr<Channel>& channel, Calling then,
                                   const detail::FutureStateBase& answer) {
-  dropClaim();
+  endReading();
   expected_ = nullptr;
   if (known_ != channel.get() || channel_.expired()) {
     if (const auto before = channel_.lock()) before->flush();  // The thread will not come to it when it waits.
@@ -232,22 +233,27 @@ Expectation WaitingThread::expect(const std::shared_ptr<Channel>& channel, Calli
   return {place(), inbox_};
 }
 
-bool WaitingThread::claim() {
-  if (!expected_) return false;
-  const auto channel = channel_.lock();
-  auto* const reading = channel ? channel->callerReading() : nullptr;
-  hasClaim_ = reading && reading->claim();
-  return hasClaim_;
+bool WaitingThread::beginReading() {
+  if (expected_) tryToRead();
+  return hasTurn_;
 }
 
-void WaitingThread::dropClaim() {
-  if (!std::exchange(hasClaim_, false)) return;
+/// @return The channel, where the thread has the turn to read it now.
+std::shared_ptr<Channel> WaitingThread::tryToRead() {
+  auto channel = channel_.lock();
+  auto* const reading = channel ? channel->callerReading() : nullptr;
+  hasTurn_ = reading && (hasTurn_ || reading->beginReading());
+  return channel;
+}
+
+void WaitingThread::endReading() {
+  if (!std::exchange(hasTurn_, false)) return;
   if (const auto channel = channel_.lock()) channel->callerReading()->endReading();
 }
 
 void WaitingThread::hasWaited() noexcept {
   expected_ = nullptr;
-  dropClaim();
+  endReading();
 }
 
 FutureState WaitingThread::wait(const detail::FutureStateBase& state, std::chrono::milliseconds timeout) {
@@ -260,7 +266,7 @@ FutureState WaitingThread::wait(const detail::FutureStateBase& state, std::chron
     const Expectation own = isExpected ? Expectation() : Expectation(place(), inbox_);
     while (state.state() == FutureState::Running) {
       if (const Task task = inbox_->take()) {
-        dropClaim();  // What the task does may last.
+        endReading();  // What the task does may last.
         task();
         continue;
       }
@@ -278,20 +284,14 @@ void WaitingThread::pause(Clock::time_point deadline) {
 }
 
 bool WaitingThread::readInstead(Clock::time_point deadline) {
-  const auto channel = channel_.lock();
-  auto* const reading = channel ? channel->callerReading() : nullptr;
-  bool reads = std::exchange(hasClaim_, false) && reading;
-  if (reads) {
-    reading->beginClaimed();
-  } else {
-    reads = reading && reading->beginReading();
-  }
+  const auto channel = tryToRead();
   // What is to be sent leaves after that: the answer may come at once, and would wake another thread.
   if (channel) channel->flush();
   OutputBatch::flushAll();
-  if (!reads) return false;
+  if (!hasTurn_) return false;
+  auto* const reading = channel->callerReading();
   if (reading->readSoon()) {
-    reading->endReading();
+    endReading();
     return true;
   }
   if (const int file = inbox_->beginPolling(); file >= 0) {
@@ -302,7 +302,7 @@ bool WaitingThread::readInstead(Clock::time_point deadline) {
     reading->read(file, std::clamp(left, std::chrono::milliseconds(0), kLongest));
     inbox_->endPolling();
   }
-  reading->endReading();
+  endReading();
   return inbox_->hasFile();
 }
 
@@ -332,9 +332,9 @@ Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain,
   return thread ? thread->expect(channel, then, answer) : Expectation();
 }
 
-bool claimAnswer() {
+bool beginReadingAnswer() {
   auto* const thread = detail::ofThisThread<WaitingThread>();
-  return thread && thread->claim();
+  return thread && thread->beginReading();
 }
 
 }  // namespace mw::remote

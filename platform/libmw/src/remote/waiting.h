@@ -61,6 +61,6 @@ HX_API Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain 
 /// The call is written, and about to be sent: where the thread waits at once, no other begins to read the channel. On a
 /// busy processor the answer is there before the sender runs again, and would wake another thread as well.
 /// @return Whether the thread has the turn to read.
-HX_API bool claimAnswer();
+HX_API bool beginReadingAnswer();
 
 }  // namespace mw::remote

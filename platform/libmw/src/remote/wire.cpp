@@ -28,11 +28,13 @@ void pack(Bytes& out, Use&& use) {
 
 ValueError::~ValueError() = default;
 
-std::span<const std::byte> Message::shared() const {
-  if (const auto* text = last.stringIf()) return std::as_bytes(std::span(*text));
-  if (const auto* binary = last.binaryIf()) return *binary;
+std::span<const std::byte> contentOf(const HX::HXValue& value) {
+  if (const auto* text = value.stringIf()) return std::as_bytes(std::span(*text));
+  if (const auto* binary = value.binaryIf()) return *binary;
   return {};
 }
+
+std::span<const std::byte> Message::shared() const { return contentOf(last); }
 
 void Message::clear() {
   bytes.clear();
@@ -121,7 +123,37 @@ std::span<const std::byte> Reader::extension(Extension type) {
   return take(size);
 }
 
+/// Whether nothing but the header of the last value is left. What comes before that is longer, or begins otherwise.
+bool Reader::isAtLast() const {
+  if (!last_ || rest_.empty()) return false;
+  switch (peek()) {
+    case 0xc5:
+    case 0xda:
+      return rest_.size() == 3;
+    case 0xc6:
+    case 0xdb:
+      return rest_.size() == 5;
+    default:
+      return false;
+  }
+}
+
+/// The last value lies inside of another one, which is read as a whole.
+void Reader::join() {
+  if (!last_) return;
+  auto joined = std::make_shared<Bytes>(rest_.begin(), rest_.end());
+  const auto content = contentOf(*std::exchange(last_, nullptr));
+  joined->insert(joined->end(), content.begin(), content.end());
+  rest_ = *joined;
+  joined_ = std::move(joined);
+}
+
 HX::HXValue Reader::value() {
+  if (isAtLast()) {
+    rest_ = {};
+    return *std::exchange(last_, nullptr);
+  }
+  join();
   std::size_t size = 0;
   HX::HXValue read;
   try {
@@ -137,6 +169,7 @@ HX::HXValue Reader::value() {
 }
 
 std::span<const std::byte> Reader::skip() {
+  join();
   // The limits have been kept by whoever found the message.
   FrameSplitter splitter(rest_.size(), rest_.size());
   const std::size_t size = splitter.advance(rest_);

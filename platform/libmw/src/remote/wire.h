@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -43,11 +44,18 @@ class HX_API ValueError : public ProtocolError {
   ~ValueError() override;
 };
 
+/// The bytes of a text or binary; none of another value.
+HX_API std::span<const std::byte> contentOf(const HX::HXValue& value);
+
 /// Reads the parts of one message, front to back. Every function throws ProtocolError when what comes next is
 /// something else.
 class HX_API Reader {
  public:
   explicit Reader(std::span<const std::byte> bytes) : rest_(bytes) {}
+  /// @param last  The text or binary that the message ends with, of which only the header is among the bytes. Invalid
+  ///              where all is. Must outlive the reader.
+  Reader(std::span<const std::byte> bytes, const HX::HXValue& last)
+      : rest_(bytes), last_(last.isValid() ? &last : nullptr) {}
 
   bool atEnd() const { return rest_.empty(); }
   /// @return How many values the list has that begins here.
@@ -69,8 +77,12 @@ class HX_API Reader {
   std::uint8_t peek() const;
   std::span<const std::byte> take(std::size_t size);
   std::uint64_t bigEndian(std::size_t width);
+  bool isAtLast() const;
+  void join();
 
   std::span<const std::byte> rest_;
+  const HX::HXValue* last_ = nullptr;
+  std::shared_ptr<const Bytes> joined_;  // what `rest_` is of, then
 };
 
 /// Appends the parts of a message to bytes.

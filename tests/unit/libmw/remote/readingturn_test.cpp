@@ -1,18 +1,19 @@
 #include "remote/readingturn.h"
 
-#include <array>
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 namespace mw::remote {
 namespace {
 
-/// Two threads and a channel that messages come over, as a model: every step is one that the threads can be interrupted
+/// Threads and a channel that messages come over, as a model: every step is one that a thread can be interrupted
 /// behind. All orders of the steps are tried.
 ///
 /// The kernel of the model keeps one edge for whoever waits at it: it is raised when a message comes while the channel
@@ -20,22 +21,23 @@ namespace {
 class Model {
  public:
   enum class Role : std::uint8_t {
-    Poller,         ///< Waits at the kernel; reads when told; ends, or leaves when it has read once.
-    Claimer,        ///< Claims, begins, reads until its message is there, gives back.
-    Caller,         ///< The same without a claim.
-    WithdrawingOne  ///< Claims, and gives back without having read.
+    Poller,  ///< Waits at the kernel; reads when told; ends, or leaves when it has read once.
+    Keeper,  ///< A poller that has the channel for itself while more is to come, as of a long message.
+    Caller,  ///< Reads until its message is there, and gives back.
+    Looker,  ///< Has the turn, and gives it back without having read.
   };
 
-  Model(Role first, Role second, int messages) : actors_{Actor{first}, Actor{second}}, toCome_(messages) {}
+  Model(const std::vector<Role>& roles, int messages) : toCome_(messages) {
+    for (const Role role : roles) actors_.push_back({role});
+  }
   Model(const Model& other)
-      : turn_(other.turn_.moment()),
+      : turn_(other.turn_.state()),
         actors_(other.actors_),
         toCome_(other.toCome_),
         unread_(other.unread_),
         isTold_(other.isTold_),
         isEdge_(other.isEdge_),
         isTimerSet_(other.isTimerSet_),
-        seen_(other.seen_),
         trace_(other.trace_) {}
   Model& operator=(const Model&) = delete;
 
@@ -47,7 +49,7 @@ class Model {
       Model next = *this;
       if (!(i < actors_.size() ? next.step(next.actors_[i]) : next.arrive())) continue;
       moved = true;
-      if (next.readers() > 1) return "two read at once" + next.trace_;
+      if (std::ranges::count_if(next.actors_, &Actor::reads) > 1) return "two read at once" + next.trace_;
       if (auto wrong = next.explore(seen)) return wrong;
     }
     if (!moved && unread_ > 0) return "nobody reads what has come" + trace_;
@@ -56,22 +58,26 @@ class Model {
 
  private:
   using Step = ReadingTurn::Step;
-  static constexpr int kDone = 100;
+  /// What an actor does next.
+  enum class At : std::uint8_t { Waits, Begins, Reads, Holds, ReadsOn, Leaves, Ends, Lapses, Tells, Parks, Asks, Done };
   struct Actor {
     Role role;
-    int at = 0;  // what it does next
+    At at = At::Waits;
+    At then = At::Waits;  ///< Behind `Tells`.
     bool reads = false;
   };
 
   std::string key() const {
-    std::string text = std::to_string(static_cast<int>(turn_.state())) + (turn_.moment() == seen_ ? "s" : "n");
-    for (const Actor& one : actors_) text += "," + std::to_string(one.at) + (one.reads ? "r" : "");
+    std::string text = std::to_string(static_cast<int>(turn_.state()));
+    for (const Actor& one : actors_) {
+      text += "," + std::to_string(static_cast<int>(one.at)) + "/" + std::to_string(static_cast<int>(one.then)) +
+              (one.reads ? "r" : "");
+    }
     for (const int number : {toCome_, unread_, int{isTold_}, int{isEdge_}, int{isTimerSet_}}) {
       text += "," + std::to_string(number);
     }
     return text;
   }
-  int readers() const { return int{actors_[0].reads} + int{actors_[1].reads}; }
 
   bool arrive() {
     if (toCome_ == 0) return false;
@@ -81,166 +87,134 @@ class Model {
     trace_ += " comes";
     return true;
   }
-  /// As a channel sets what the kernel tells: after the step, from the state as it is by then.
-  void tellKernel() {
-    isTold_ = turn_.isTold();
-    if (isTold_ && unread_ > 0) isEdge_ = true;
+  bool take() {
+    if (unread_ == 0) return false;
+    --unread_;
+    return true;
+  }
+  bool go(Actor& actor, At at) {
+    actor.at = at;
+    return true;
+  }
+  /// A marked step: what the kernel tells is set behind it.
+  bool tellThen(Actor& actor, At then) {
+    actor.then = then;
+    return go(actor, At::Tells);
   }
 
   bool step(Actor& actor) {
-    trace_ += " " + std::to_string(&actor - actors_.data()) + "@" + std::to_string(actor.at);
-    return actor.role == Role::Poller ? stepPoller(actor) : stepCaller(actor);
+    trace_ += " " + std::to_string(&actor - actors_.data()) + "@" + std::to_string(static_cast<int>(actor.at));
+    if (actor.at == At::Tells) {  // From the state as it is by then.
+      isTold_ = turn_.isTold();
+      if (isTold_ && unread_ > 0) isEdge_ = true;
+      return go(actor, actor.then);
+    }
+    return actor.role == Role::Poller || actor.role == Role::Keeper ? stepPoller(actor) : stepCaller(actor);
   }
 
   bool stepPoller(Actor& actor) {
     switch (actor.at) {
-      case 0:  // It waits. The timer is one of the things that it is told of.
-        if (isEdge_) {
-          isEdge_ = false;
-          actor.at = 1;
-        } else if (isTimerSet_) {
-          isTimerSet_ = false;
-          actor.at = 5;
-        } else {
-          return false;
-        }
-        return true;
-      case 1:
+      case At::Waits:  // What is to be done later is done by some thread that nothing keeps.
+        if (std::exchange(isEdge_, false)) return go(actor, At::Begins);
+        if (std::exchange(isTimerSet_, false)) return go(actor, At::Lapses);
+        return false;
+      case At::Begins:
         actor.reads = turn_.beginPoller();
-        actor.at = actor.reads ? 2 : 0;
-        return true;
-      case 2:
-        actor.at = unread_ > 1 ? 3 : 4;
-        if (unread_ > 0) --unread_;
-        return true;
-      case 3:  // As much as one turn takes.
+        return go(actor, actor.reads ? At::Reads : At::Waits);
+      case At::Reads: {
+        const bool isMore = take() && unread_ > 0;
+        if (isMore) return go(actor, At::Leaves);  // As much as one turn takes.
+        return go(actor, actor.role == Role::Keeper && toCome_ > 0 ? At::Holds : At::Ends);
+      }
+      case At::Holds:
+        turn_.hold();
+        return tellThen(actor, At::ReadsOn);
+      case At::ReadsOn:
+        take();
+        return go(actor, At::Leaves);
+      case At::Leaves:
         actor.reads = false;
         turn_.leavePoller();
-        actor.at = 6;
-        return true;
-      case 4:
+        return tellThen(actor, At::Waits);
+      case At::Ends:
         actor.reads = false;  // From the step on, another one may.
-        if (!turn_.endPoller()) {
-          actor.reads = true;
-          actor.at = 2;
-        } else {
-          actor.at = 0;
-        }
-        return true;
-      case 5: {
-        const auto moment = turn_.moment();
-        actor.at = turn_.lapse(std::exchange(seen_, moment)) == Step::TakenAndMarked ? 6 : 7;
-        return true;
-      }
-      case 7:
-        if (turn_.state() == ReadingTurn::State::Parked) isTimerSet_ = true;
-        actor.at = 0;
-        return true;
+        if (turn_.endPoller()) return go(actor, At::Waits);
+        actor.reads = true;
+        return go(actor, At::Reads);
+      case At::Lapses:
+        return turn_.watch() == Step::TakenAndMarked ? tellThen(actor, At::Waits) : go(actor, At::Waits);
       default:
-        tellKernel();
-        actor.at = 0;
-        return true;
+        return false;
     }
   }
 
   bool stepCaller(Actor& actor) {
-    const auto taken = [&](Step step, int next) {
-      // Refused, it sleeps until somebody else has read: here it has nothing more to do.
-      actor.at = step == Step::Refused ? kDone : step == Step::TakenAndMarked ? next : next + 1;
-      return true;
-    };
     switch (actor.at) {
-      case 0:
-        if (actor.role == Role::Claimer || actor.role == Role::WithdrawingOne) return taken(turn_.claim(), 1);
-        actor.at = 4;
-        return true;
-      case 1:
-        tellKernel();
-        actor.at = 2;
-        return true;
-      case 2:
-        actor.at = 7;
-        if (actor.role == Role::WithdrawingOne) return true;
-        turn_.beginClaimed();
+      case At::Waits: {
+        const Step step = turn_.begin();
+        if (step == Step::Refused) return go(actor, At::Done);  // It sleeps until somebody else has read.
         actor.reads = true;
-        actor.at = 6;
-        return true;
-      case 4: {
-        const Step step = turn_.beginCaller();
-        actor.reads = step != Step::Refused;
-        return taken(step, 5);
+        const At then = actor.role == Role::Looker ? At::Parks : At::Reads;
+        return step == Step::TakenAndMarked ? tellThen(actor, then) : go(actor, then);
       }
-      case 5:
-        tellKernel();
-        actor.at = 6;
-        return true;
-      case 6:  // One message at a time: what comes behind its own is left.
-        if (unread_ == 0 && toCome_ > 0) return false;
-        if (unread_ > 0) --unread_;
-        actor.at = 7;
-        return true;
-      case 7:
+      case At::Reads:  // One message at a time: what comes behind its own is left.
+        if (!take() && toCome_ > 0) return false;
+        return go(actor, At::Parks);
+      case At::Parks:
         actor.reads = false;
         turn_.park();
-        actor.at = 8;
-        return true;
-      case 8:  // It has asked whether more is expected: both answers, by how much is to come.
-        isTimerSet_ = isTimerSet_ || toCome_ % 2 == 0;
-        actor.at = toCome_ % 2 == 0 ? kDone : 9;
-        return true;
-      case 9:
-        actor.at = turn_.watch() == Step::TakenAndMarked ? 10 : kDone;
-        return true;
-      case 10:
-        tellKernel();
-        actor.at = kDone;
-        return true;
+        return go(actor, At::Asks);
+      case At::Asks:  // Whether more is expected: both answers, by how much is to come.
+        if (toCome_ % 2 == 0) {
+          isTimerSet_ = true;
+          return go(actor, At::Done);
+        }
+        return turn_.watch() == Step::TakenAndMarked ? tellThen(actor, At::Done) : go(actor, At::Done);
       default:
         return false;
     }
   }
 
   ReadingTurn turn_;
-  std::array<Actor, 2> actors_;
+  std::vector<Actor> actors_;
   int toCome_;
   int unread_ = 0;
   bool isTold_ = true;
   bool isEdge_ = false;
   bool isTimerSet_ = false;
-  std::uint32_t seen_ = 0;
   std::string trace_;
 };
 
-TEST(ReadingTurn, LeavesNothingUnreadAndHasOneReaderInEveryOrderOfTwoThreads) {
-  using Role = Model::Role;
+TEST(ReadingTurn, LeavesNothingUnreadAndHasOneReaderInEveryOrder) {
+  using enum Model::Role;
+  const std::vector<std::vector<Model::Role>> all{
+      {Poller, Poller},         {Poller, Keeper},         {Poller, Caller},         {Poller, Looker},
+      {Poller, Caller, Caller}, {Poller, Caller, Looker}, {Keeper, Caller, Caller}, {Poller, Keeper, Caller}};
   std::size_t states = 0;
-  for (const Role second : {Role::Poller, Role::Claimer, Role::Caller, Role::WithdrawingOne}) {
+  for (std::size_t which = 0; which < all.size(); ++which) {
     for (int messages = 1; messages <= 4; ++messages) {
       std::set<std::string> seen;
-      const auto wrong = Model(Role::Poller, second, messages).explore(seen);
-      EXPECT_FALSE(wrong) << "with role " << static_cast<int>(second) << ": " << *wrong;
+      const auto wrong = Model(all[which], messages).explore(seen);
+      EXPECT_FALSE(wrong) << "row " << which << ": " << *wrong;
       states += seen.size();
     }
   }
   EXPECT_GT(states, 1000U);
 }
 
-TEST(ReadingTurn, HasOneReaderInEveryOrderOfTwoCallers) {
-  // Without a poller nobody reads what is left: they are told apart by who gets the turn.
+TEST(ReadingTurn, TellsWhenWhatTheKernelTellsIsToBeSet) {
+  using Step = ReadingTurn::Step;
   ReadingTurn turn;
-  EXPECT_EQ(turn.claim(), ReadingTurn::Step::TakenAndMarked);
-  EXPECT_EQ(turn.claim(), ReadingTurn::Step::Refused);
-  EXPECT_EQ(turn.beginCaller(), ReadingTurn::Step::Refused);
+  EXPECT_EQ(turn.watch(), Step::Refused);
+  EXPECT_EQ(turn.begin(), Step::TakenAndMarked);
+  EXPECT_EQ(turn.begin(), Step::Refused);
   EXPECT_FALSE(turn.beginPoller());
-  EXPECT_EQ(turn.watch(), ReadingTurn::Step::Refused);
-  turn.beginClaimed();
-  EXPECT_EQ(turn.beginCaller(), ReadingTurn::Step::Refused);
+  EXPECT_EQ(turn.watch(), Step::Refused) << "somebody reads";
   turn.park();
-  const auto parked = turn.moment();
-  EXPECT_EQ(turn.beginCaller(), ReadingTurn::Step::Taken);
+  EXPECT_EQ(turn.begin(), Step::Taken) << "the kernel is silent already";
   turn.park();
-  EXPECT_EQ(turn.lapse(parked), ReadingTurn::Step::Refused) << "another time";
-  EXPECT_EQ(turn.lapse(turn.moment()), ReadingTurn::Step::TakenAndMarked);
+  EXPECT_EQ(turn.watch(), Step::TakenAndMarked);
+  EXPECT_TRUE(turn.isTold());
 }
 
 }  // namespace

@@ -26,8 +26,6 @@ class ReadableChannel final : public Channel, public CallerReading {
   std::chrono::milliseconds silence() const override { return {}; }
   CallerReading* callerReading() override { return this; }
 
-  bool claim() override { return note("claim"); }
-  void beginClaimed() override { note("beginClaimed"); }
   bool beginReading() override { return note("begin"); }
   bool readSoon() override {
     if (!onRead) return !note("soon");
@@ -73,14 +71,14 @@ TEST_F(Waiting, ReadsTheChannelItselfAndGivesItBack) {
     chainOfThisThread();
     const detail::AboutToWait scope;
     const auto expectation = expectAnswer(channel, &domain, Calling::Waits, stateOf(promise));
-    EXPECT_TRUE(claimAnswer());
+    EXPECT_TRUE(beginReadingAnswer());
     channel->onRead = [&] { promise.setValue(7); };
     EXPECT_EQ(promise.future().value(), 7);
-    EXPECT_THAT(channel->done, ElementsAre("claim", "beginClaimed", "read", "end"));
+    EXPECT_THAT(channel->done, ElementsAre("begin", "read", "end"));
   });
 }
 
-TEST_F(Waiting, GivesAClaimBackThatItDoesNotUse) {
+TEST_F(Waiting, GivesATurnBackThatItDoesNotUse) {
   onThread([] {
     const auto channel = std::make_shared<ReadableChannel>();
     const Promise<int> promise;
@@ -88,27 +86,27 @@ TEST_F(Waiting, GivesAClaimBackThatItDoesNotUse) {
     {
       const detail::AboutToWait scope;
       const auto expectation = expectAnswer(channel, &domain, Calling::Waits, stateOf(promise));
-      claimAnswer();
+      beginReadingAnswer();
     }
-    EXPECT_THAT(channel->done, ElementsAre("claim", "end"));
+    EXPECT_THAT(channel->done, ElementsAre("begin", "end"));
     const auto other = std::make_shared<ReadableChannel>();
     const auto expectation = expectAnswer(channel, &domain, Calling::MayWait, stateOf(promise));
-    EXPECT_FALSE(claimAnswer()) << "it may never come to read";
+    EXPECT_FALSE(beginReadingAnswer()) << "it may never come to read";
   });
 }
 
-TEST_F(Waiting, ServesTheCallsOfItsChainInBetweenWithoutAClaim) {
+TEST_F(Waiting, ServesTheCallsOfItsChainInBetweenWithoutTheTurn) {
   onThread([] {
     const auto channel = std::make_shared<ReadableChannel>();
     Promise<int> promise;
     const Caller caller = chainOfThisThread().caller;
     const detail::AboutToWait scope;
     const auto expectation = expectAnswer(channel, &domain, Calling::Waits, stateOf(promise));
-    claimAnswer();
+    beginReadingAnswer();
     const auto self = std::this_thread::get_id();
     ASSERT_TRUE(handOver(caller, [&, self] {
       EXPECT_EQ(std::this_thread::get_id(), self);
-      EXPECT_THAT(channel->done, ElementsAre("claim", "end")) << "others may read while it runs";
+      EXPECT_THAT(channel->done, ElementsAre("begin", "end")) << "others may read while it runs";
       promise.setValue(1);
     }));
     EXPECT_EQ(promise.future().value(), 1);

@@ -1,0 +1,19 @@
+#include "file.h"
+
+#include "../runtime/processend.h"
+
+#include <unistd.h>
+
+namespace mw::local {
+
+File::File(int number) noexcept : number_(number) {
+  if (number_ >= 0) detail::closeInChildren(number_);
+}
+
+File::~File() {
+  if (number_ < 0) return;
+  detail::closedAlready(number_);
+  ::close(number_);
+}
+
+}  // namespace mw::local
