@@ -5,14 +5,14 @@
 #include <libmw/log.h>
 
 #include <algorithm>
+#include <base/output.h>
+#include <base/target.h>
+#include <commands/watches.h>
 #include <console/console.h>
 #include <cstdlib>
 #include <memory>
 #include <optional>
-#include <base/output.h>
 #include <sstream>
-#include <base/target.h>
-#include <commands/watches.h>
 
 namespace fuzz {
 namespace {

@@ -35,9 +35,9 @@ void LastValues::makeDue(Item& item) {
   due_.emplace(item.notBefore, &item);
 }
 
-std::vector<LastValues::Put> LastValues::take(Clock::time_point now) {
+std::vector<LastValues::Put> LastValues::take(Clock::time_point now, std::size_t most) {
   std::vector<Put> puts;
-  while (!due_.empty() && due_.begin()->first <= now && inFlight_.size() < bounds_.inFlight) {
+  while (!due_.empty() && due_.begin()->first <= now && inFlight_.size() < bounds_.inFlight && puts.size() < most) {
     Item& item = *due_.begin()->second;
     due_.erase(due_.begin());
     item.isDue = false;

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <set>
@@ -47,10 +48,12 @@ class LastValues {
   void remove(const std::string& key);
 
   /// What is to be put now: in flight from now on.
-  std::vector<Put> take(Clock::time_point now);
+  /// @param most  So many at most.
+  std::vector<Put> take(Clock::time_point now, std::size_t most = std::numeric_limits<std::size_t>::max());
   /// When there may be something to take: some time in the past for at once. None: not until something changes.
   std::optional<Clock::time_point> nextDue() const;
   bool isIdle() const { return due_.empty() && inFlight_.empty(); }
+  std::size_t inFlight() const { return inFlight_.size(); }
 
   /// The hub has it.
   /// @param sequence  Its number in the bucket.

@@ -63,8 +63,8 @@ std::string toPayload(const Record& record) {
     value = fmt::format(R"({{"tooLarge":{}}})", size);
     exact.clear();
   }
-  return fmt::format(R"({{"key":{},"value":{},{}"kind":"{}","n":{},"run":"{}","time":"{}"}})", quoted(record.key), value,
-                     exact.empty() ? exact : fmt::format(R"("msgpack":"{}",)", exact), record.kind, record.n,
+  return fmt::format(R"({{"key":{},"value":{},{}"kind":"{}","n":{},"run":"{}","time":"{}"}})", quoted(record.key),
+                     value, exact.empty() ? exact : fmt::format(R"("msgpack":"{}",)", exact), record.kind, record.n,
                      record.run, toText(record.time));
 }
 

@@ -75,10 +75,8 @@ HXValue::Map ServiceFace::head(std::string_view type) const {
   map["name"] = std::string(kName);
   map["id"] = status_.robot;
   map["version"] = status_.version;
-  map["metadata"] = HXValue::map({{"robot", status_.robot},
-                                  {"run", status_.run},
-                                  {"host", status_.host},
-                                  {"since", toText(status_.since)}});
+  map["metadata"] = HXValue::map(
+      {{"robot", status_.robot}, {"run", status_.run}, {"host", status_.host}, {"since", toText(status_.since)}});
   return map;
 }
 
@@ -107,8 +105,8 @@ HXValue ServiceFace::listed(bool withStatistics) const {
 std::string ServiceFace::answer(std::string_view asked) const {
   const std::string_view verb = asked.substr(0, asked.find('.'));
   const std::string_view whom = asked.substr(verb.size());
-  const bool isMeant = whom.empty() || whom == fmt::format(".{}", kName) ||
-                       whom == fmt::format(".{}.{}", kName, status_.robot);
+  const bool isMeant =
+      whom.empty() || whom == fmt::format(".{}", kName) || whom == fmt::format(".{}.{}", kName, status_.robot);
   if (!isMeant) return {};
   if (verb == "PING") return toJson(HXValue(head("ping")));
   if (verb == "INFO") {

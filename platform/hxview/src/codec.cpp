@@ -1,6 +1,5 @@
-#include <hxview/codec.h>
-
 #include <hxvalue/msgpack.h>
+#include <hxview/codec.h>
 
 #include <bit>
 #include <cstring>

@@ -1,11 +1,12 @@
 #include <hxview/futex.h>
 
 #include <algorithm>
-#include <climits>
 #include <ctime>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include <climits>
 
 namespace HX::view {
 namespace {
@@ -25,6 +26,8 @@ void sleepWhile(const Word& word, std::uint64_t value, std::chrono::nanoseconds 
   ::syscall(SYS_futex, lowHalf(word), FUTEX_WAIT, static_cast<std::uint32_t>(value), &time, nullptr, 0);
 }
 
-void wakeAll(const Word& word) noexcept { ::syscall(SYS_futex, lowHalf(word), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0); }
+void wakeAll(const Word& word) noexcept {
+  ::syscall(SYS_futex, lowHalf(word), FUTEX_WAKE, INT_MAX, nullptr, nullptr, 0);
+}
 
 }  // namespace HX::view

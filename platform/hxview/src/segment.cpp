@@ -36,9 +36,8 @@ std::size_t wholePages(std::size_t size) {
 void requireAllowed(std::size_t size) {
   rlimit limit{};
   if (::getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY || size <= limit.rlim_cur) return;
-  throw std::runtime_error(
-      fmt::format("shared memory of {} bytes: the limit of the process for files is {} (ulimit -f)", size,
-                  limit.rlim_cur));
+  throw std::runtime_error(fmt::format(
+      "shared memory of {} bytes: the limit of the process for files is {} (ulimit -f)", size, limit.rlim_cur));
 }
 
 int newFile() {

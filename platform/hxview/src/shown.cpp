@@ -1,9 +1,8 @@
+#include <hxvalue/msgpack.h>
 #include <hxview/cell.h>
 #include <hxview/clock.h>
 #include <hxview/futex.h>
 #include <hxview/shown.h>
-
-#include <hxvalue/msgpack.h>
 
 #include <span>
 #include <stdexcept>

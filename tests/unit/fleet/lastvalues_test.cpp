@@ -1,4 +1,5 @@
 #include "lastvalues.h"
+
 #include "print_value.h"
 
 #include <map>

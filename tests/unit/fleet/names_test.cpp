@@ -1,5 +1,6 @@
-#include "expect_error.h"
 #include "names.h"
+
+#include "expect_error.h"
 #include "patterns.h"
 #include "print_value.h"
 

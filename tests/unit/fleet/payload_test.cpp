@@ -1,5 +1,6 @@
-#include "expect_error.h"
 #include "payload.h"
+
+#include "expect_error.h"
 #include "print_value.h"
 #include "services.h"
 
@@ -89,7 +90,8 @@ TEST(ServiceFace, AnswersWhoAsksForItAndCountsWhatItServes) {
   for (const char* asked : {"PING", "PING.korvo", "INFO.korvo.robot7"}) {
     EXPECT_EQ(fromJson(face.answer(asked))["id"], HXValue("robot7")) << asked;
   }
-  for (const char* asked : {"PING.other", "PING.korvo.robot8", "SCHEMA", "PINGS", ""}) EXPECT_EQ(face.answer(asked), "");
+  for (const char* asked : {"PING.other", "PING.korvo.robot8", "SCHEMA", "PINGS", ""})
+    EXPECT_EQ(face.answer(asked), "");
   const HXValue counted = fromJson(face.answer("STATS"))["endpoints"][0];
   EXPECT_EQ(counted["num_requests"], HXValue(2));
   EXPECT_EQ(counted["num_errors"], HXValue(1));

@@ -1,8 +1,9 @@
 #include <algorithm>
-#include <gtest/gtest.h>
 #include <set>
 #include <tuple>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -22,9 +23,7 @@ struct Situation {
   int seen = 0;
   int reader = 0;  // What he does next: 0 to say, 1 to look, 2 to fall asleep; 3 asleep.
   int compared = 0;
-  auto key() const {
-    return std::tuple(sequence, bell, rung, writes, writer, seen, reader, compared);
-  }
+  auto key() const { return std::tuple(sequence, bell, rung, writes, writer, seen, reader, compared); }
   bool operator<(const Situation& other) const { return key() < other.key(); }
 };
 

@@ -3,18 +3,19 @@
 #include <hxview/segment.h>
 
 #include <atomic>
-#include <gtest/gtest.h>
 #include <map>
 #include <mutex>
 #include <numeric>
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 namespace HX::view {
 namespace {
 
-/// Whatever release and acquire let a reader see, one after the other: each load may give any store that the reader does
-/// not know to be outdated yet. One writer has stored everything before.
+/// Whatever release and acquire let a reader see, one after the other: each load may give any store that the reader
+/// does not know to be outdated yet. One writer has stored everything before.
 class Walk {
  public:
   using Seen = std::map<const void*, std::size_t>;  // Of each word, the oldest store that may still be seen.
@@ -171,7 +172,8 @@ TEST(Cell, IsNeverSeenTornOrGoingBackByThreads) {
     EXPECT_GE(seen.sequence, last);
     return seen.sequence;
   };
-  writeAndRead(kWrites, [&](std::uint64_t number) { publish(cell, nth(number)); }, read);
+  writeAndRead(
+      kWrites, [&](std::uint64_t number) { publish(cell, nth(number)); }, read);
   EXPECT_EQ(read(0), kWrites);
 }
 

@@ -1,10 +1,10 @@
+#include <hxvalue/msgpack.h>
 #include <hxview/codec.h>
 
-#include <hxvalue/msgpack.h>
-
 #include <array>
-#include <gtest/gtest.h>
 #include <limits>
+
+#include <gtest/gtest.h>
 
 namespace HX::view {
 namespace {
@@ -20,8 +20,9 @@ std::optional<T> decoded(const HXValue& value) {
 constexpr std::int64_t kLarge = std::int64_t{1} << 40;
 
 TEST(Codec, ReadsListsOfNumbersAsTheyWereStored) {
-  const std::vector<std::int64_t> integers{0,      127,    128,    -32,         -33,   255,    256,
-                                           -128,   -129,   65'535, -32'768,     kLarge, -kLarge, std::numeric_limits<std::int64_t>::min()};
+  const std::vector<std::int64_t> integers{
+      0,    127,  128,    -32,     -33,    255,     256,
+      -128, -129, 65'535, -32'768, kLarge, -kLarge, std::numeric_limits<std::int64_t>::min()};
   EXPECT_EQ(decoded<std::vector<std::int64_t>>(HXValue(integers)), integers);
   const std::vector<std::int32_t> small{0, 1, -1, 127, 128, -32, -33, 40'000, 70'000, -70'000};
   EXPECT_EQ(decoded<std::vector<std::int32_t>>(HXValue(small)), small);

@@ -2,13 +2,14 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 namespace HX::view {
 namespace {

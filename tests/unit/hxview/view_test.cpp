@@ -6,10 +6,11 @@
 #include <array>
 #include <chrono>
 #include <ctime>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <memory>
 #include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 namespace HX::view {
 namespace {
@@ -132,8 +133,13 @@ TEST_F(Views, SayHowItStandsAndNeverHandOutWhatIsNotThere) {
       {"a float", [&] { showing_.write(0.5F); }, Present, OtherType, Present, OtherType},
       {"a double", [&] { showing_.write(0.5); }, OtherType, OtherType, Present, OtherType},
       {"a text", [&] { showing_.write("two"); }, OtherType, Present, Present, OtherType},
-      {"a text that is too large", [&] { showing_.write(std::string(65, 'x')); }, OtherType, TooLarge, TooLarge, TooLarge},
-      {"a list", [&] { showing_.write(std::array{1.0F, 2.0F}); }, OtherType, OtherType, Present, Present},
+      {"a text that is too large", [&] { showing_.write(std::string(65, 'x')); }, OtherType, TooLarge, TooLarge,
+       TooLarge},
+      {"a list",
+       [&] {
+         showing_.write(std::array{1.0F, 2.0F});
+       },
+       OtherType, OtherType, Present, Present},
       {"a list of another size", [&] { showing_.write(std::array{1.0F}); }, OtherType, OtherType, Present, OtherType},
       {"an address", [&] { showing_.write(AddressKnown); }, AddressKnown, AddressKnown, AddressKnown, AddressKnown},
       {"another use of the cell", [&] { showing_.giveAway(); }, Disconnected, AddressKnown, AddressKnown, AddressKnown},

@@ -6,8 +6,8 @@
 #include <cstdint>
 
 /// How a cell is written and read. Two slots, and no lock: the writer fills the one that nobody is sent to, and then
-/// sends everybody there. A writer that is killed in the middle of it leaves the last whole value readable, and one that
-/// is suspended keeps no reader waiting.
+/// sends everybody there. A writer that is killed in the middle of it leaves the last whole value readable, and one
+/// that is suspended keeps no reader waiting.
 ///
 /// @par Memory ordering
 /// What is read is not older than the sequence `s` that was read first: to acquire it makes publication `s` happen

@@ -23,7 +23,7 @@ namespace HX::view {
 /// What lies in a cell.
 template <class T>
 concept Scalar = std::same_as<T, bool> || std::same_as<T, std::int32_t> || std::same_as<T, std::int64_t> ||
-                 std::same_as<T, float> || std::same_as<T, double>;
+    std::same_as<T, float> || std::same_as<T, double>;
 
 template <class T>
 struct FixedListOf : std::false_type {};
@@ -36,13 +36,15 @@ struct FixedListOf<std::array<Element, size>> : std::true_type {
 template <class T>
 concept FixedList = FixedListOf<T>::value;
 template <class T>
-concept List = requires { typename T::value_type; } && std::same_as<T, std::vector<typename T::value_type>> &&
-               Scalar<typename T::value_type>;
+concept List = requires {
+  typename T::value_type;
+}
+&&std::same_as<T, std::vector<typename T::value_type>>&& Scalar<typename T::value_type>;
 
 /// What can be viewed.
 template <class T>
 concept Viewable = Scalar<T> || std::same_as<T, std::string> || std::same_as<T, HXValue::Binary> ||
-                   std::same_as<T, HXValue> || FixedList<T> || List<T>;
+    std::same_as<T, HXValue> || FixedList<T> || List<T>;
 
 /// A number out of a list.
 struct Number {

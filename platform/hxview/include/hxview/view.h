@@ -22,8 +22,8 @@ using ViewState = view::State;
 
 /// How a key is to be viewed.
 struct ViewOptions {
-  /// Bytes of the largest value: of a text or binary its own, of a list or map those of its MessagePack. A larger one is
-  /// not shown, and the state says so. Numbers, bools and arrays of a fixed size need none to be stated.
+  /// Bytes of the largest value: of a text or binary its own, of a list or map those of its MessagePack. A larger one
+  /// is not shown, and the state says so. Numbers, bools and arrays of a fixed size need none to be stated.
   std::size_t capacity = 4096;
   /// How soon to know that the broker does not run any more, although it has not ended. The sharper, the more often it
   /// has to say that it does.
@@ -38,8 +38,8 @@ template <view::Viewable T>
 class Seen {
  public:
   ViewState state = ViewState::Absent;
-  /// Of this key as this broker shows it, not the journal's: rises with every write, also of an equal value; never falls
-  /// in one view, but begins anew with a broker that was restarted. 0: nothing has been seen yet.
+  /// Of this key as this broker shows it, not the journal's: rises with every write, also of an equal value; never
+  /// falls in one view, but begins anew with a broker that was restarted. 0: nothing has been seen yet.
   std::uint64_t revision = 0;
   /// The broker was restarted, or lost and found again, since the read before.
   bool isReconnected = false;
@@ -184,9 +184,9 @@ enum class ReadResult : std::uint8_t {
   Ended,        ///< All have been read, and the broker has gone. There may be more once it is back.
 };
 
-/// Every value that is written under a key, oldest first, at the speed of memory. Made by `memory().stream<T>(key, depth)`.
-/// The first one is the value that is there at the beginning. The writer waits for nobody: who reads too slowly is told
-/// how many were lost.
+/// Every value that is written under a key, oldest first, at the speed of memory. Made by `memory().stream<T>(key,
+/// depth)`. The first one is the value that is there at the beginning. The writer waits for nobody: who reads too
+/// slowly is told how many were lost.
 ///
 /// @par Threads  One at a time for each stream. Copies go on independently.
 template <view::Viewable T>
@@ -237,9 +237,7 @@ class Stream {
   /// @param limit  How long at most.
   /// @return False when there is not.
   /// @throws std::runtime_error when the broker lets no more wait.
-  bool wait(std::chrono::milliseconds limit) {
-    return watch_.wait(next_ - 1, limit);
-  }
+  bool wait(std::chrono::milliseconds limit) { return watch_.wait(next_ - 1, limit); }
 
  private:
   ReadResult skipTo(std::uint64_t number) noexcept {

@@ -55,7 +55,8 @@ State take(const Content& content, std::span<const std::byte> bytes, T& value) n
   }
 }
 
-/// One reader's hold on what was opened: it stays where it is until the reader moves on, so nothing is unmapped under it.
+/// One reader's hold on what was opened: it stays where it is until the reader moves on, so nothing is unmapped under
+/// it.
 ///
 /// @par Threads  One at a time. Copies are independent.
 class HX_API Watch {

@@ -1,0 +1,312 @@
+#include "connection.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+namespace HX::fleet {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kTimeout = 2000;        // For connecting, milliseconds.
+constexpr int kWriteDeadline = 1000;  // A server that has frozen must hold nobody up for longer.
+constexpr auto kFarewell = 5s;        // For handlers, and for the library to let go.
+
+/// Host and scheme of "tls://user@hub.example:4222".
+struct Server {
+  explicit Server(const std::string& url) {
+    const auto colon = url.find("://");
+    scheme = colon == std::string::npos ? std::string("nats") : url.substr(0, colon);
+    std::string rest = colon == std::string::npos ? url : url.substr(colon + 3);
+    if (const auto at = rest.rfind('@'); at != std::string::npos) rest.erase(0, at + 1);
+    const bool isBracketed = rest.starts_with('[');
+    const auto end = isBracketed ? rest.find(']') : rest.find(':');
+    host = isBracketed ? rest.substr(1, end - 1) : rest.substr(0, end);
+  }
+  bool isOfThisMachine() const { return host == "localhost" || host == "::1" || host.starts_with("127."); }
+
+  std::string scheme;
+  std::string host;
+};
+
+void checkServer(const std::string& url, bool insecure) {
+  const Server server(url);
+  const bool isKnown = server.scheme == "nats" || server.scheme == "tls";
+  if (!isKnown || server.host.empty() || url.find_first_of(", \t") != std::string::npos) {
+    throw std::runtime_error(fmt::format("{} is no server: write tls://HOST:PORT or nats://HOST:PORT", url));
+  }
+  if (server.scheme == "nats" && !server.isOfThisMachine() && !insecure) {
+    throw std::runtime_error(fmt::format(
+        "{} would be reached in plain text: write tls://, or set insecure for a network that is trusted", url));
+  }
+}
+
+void checkSeed(const std::string& file) {
+  struct stat status {};
+  if (::stat(file.c_str(), &status) != 0) throw std::runtime_error(fmt::format("there is no file {}", file));
+  if ((status.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    throw std::runtime_error(fmt::format("{} is secret and others can use it: chmod 600 {}", file, file));
+  }
+}
+
+/// What the library says of a failure, in one line.
+std::string explain(natsStatus status) {
+  natsStatus last = status;
+  const char* const detail = nats_GetLastError(&last);
+  std::string text = detail && *detail && last == status ? detail : natsStatus_GetText(status);
+  std::ranges::replace(text, '\n', ' ');
+  return text;
+}
+
+bool isRefusal(natsStatus status) {
+  return status == NATS_CONNECTION_AUTH_FAILED || status == NATS_SSL_ERROR || status == NATS_NOT_PERMITTED ||
+         status == NATS_SECURE_CONNECTION_WANTED || status == NATS_SECURE_CONNECTION_REQUIRED;
+}
+
+/// The library tells a failed handshake and a refused user apart only in words.
+bool tellsRefusal(const std::string& text) {
+  constexpr std::string_view kWords[] = {"uthorization", "uthentication", "certificate", "SSL", "TLS", "ermission"};
+  return std::ranges::any_of(kWords, [&](auto word) { return text.find(word) != std::string::npos; });
+}
+
+[[noreturn]] void fail(natsStatus status, const std::string& what) {
+  const std::string text = explain(status);
+  if (status == NATS_NO_RESPONDERS) throw NobodyError(fmt::format("{}: nobody is there", what));
+  if (isRefusal(status) || tellsRefusal(text)) throw RefusedError(fmt::format("{}: {}", what, text));
+  throw AwayError(fmt::format("{}: {}", what, text));
+}
+
+void require(natsStatus status, const std::string& what) {
+  if (status != NATS_OK) fail(status, what);
+}
+
+using OptionsPointer = std::unique_ptr<natsOptions, decltype(&natsOptions_Destroy)>;
+
+void applyTls(natsOptions* raw, const Access& access) {
+  const bool isTls = std::ranges::any_of(access.servers, [](const auto& url) { return Server(url).scheme == "tls"; });
+  if (!isTls) return;
+  require(natsOptions_SetSecure(raw, true), "TLS");
+  if (!access.authority.empty()) {
+    require(natsOptions_LoadCATrustedCertificates(raw, access.authority.c_str()), access.authority);
+  }
+  // Otherwise any certificate of the authority would do, another robot's too.
+  require(natsOptions_SetExpectedHostname(raw, Server(access.servers.front()).host.c_str()), "TLS");
+}
+
+OptionsPointer optionsOf(const Access& access, const Connection::Options& options) {
+  natsOptions* raw = nullptr;
+  require(natsOptions_Create(&raw), "options");
+  OptionsPointer owned(raw, &natsOptions_Destroy);
+  std::vector<const char*> servers;
+  for (const std::string& server : access.servers) servers.push_back(server.c_str());
+  require(natsOptions_SetServers(raw, servers.data(), static_cast<int>(servers.size())), "servers");
+  require(natsOptions_SetName(raw, options.name.c_str()), "name");
+  require(natsOptions_SetTimeout(raw, kTimeout), "options");
+  require(natsOptions_SetWriteDeadline(raw, kWriteDeadline), "options");
+  require(natsOptions_SetAllowReconnect(raw, false), "options");
+  require(natsOptions_SetPingInterval(raw, 2000), "options");
+  require(natsOptions_SetMaxPingsOut(raw, 2), "options");
+  require(natsOptions_UseGlobalMessageDelivery(raw, true), "options");
+  require(natsOptions_SetMaxPendingMsgs(raw, 1 << 20), "options");
+  require(natsOptions_SetSendAsap(raw, options.isPrompt), "options");
+  require(natsOptions_SetCustomInboxPrefix(raw, options.inbox.c_str()), options.inbox);
+  if (!access.seed.empty()) require(natsOptions_SetNKeyFromSeed(raw, nullptr, access.seed.c_str()), access.seed);
+  applyTls(raw, access);
+  return owned;
+}
+
+}  // namespace
+
+void check(const Access& access) {
+  if (access.servers.empty()) throw std::runtime_error("no server is named");
+  for (const std::string& server : access.servers) checkServer(server, access.insecure);
+  if (!access.seed.empty()) checkSeed(access.seed);
+}
+
+std::string Message::reply() const {
+  const char* const reply = natsMsg_GetReply(message_.get());
+  return reply ? reply : "";
+}
+
+std::string_view Message::data() const {
+  return {natsMsg_GetData(message_.get()), static_cast<std::size_t>(natsMsg_GetDataLength(message_.get()))};
+}
+
+std::string Message::header(const char* name) const {
+  const char* value = nullptr;
+  return natsMsgHeader_Get(message_.get(), name, &value) == NATS_OK && value ? value : "";
+}
+
+int Message::status() const {
+  if (natsMsg_GetDataLength(message_.get()) > 0) return 0;
+  if (natsMsg_IsNoResponders(message_.get())) return 503;
+  const std::string text = header("Status");
+  return text.empty() ? 0 : std::atoi(text.c_str());
+}
+
+/// What the library's callbacks use, which come after the connection has gone too.
+struct Connection::Shared {
+  std::mutex mutex;  // Guards all below.
+  std::condition_variable changed;
+  std::string lastError;
+  std::function<void()> onEnd;
+  bool isClosed = false;
+  int subscriptions = 0;
+};
+
+struct Connection::Subscription {
+  std::shared_ptr<Shared> shared;
+  Handler handler;
+};
+
+Connection::Connection(const Access& access, const Options& options)
+    : inbox_(options.inbox), shared_(std::make_shared<Shared>()) {
+  const OptionsPointer made = optionsOf(access, options);
+  shared_->onEnd = options.onEnd;
+  // Each is let go of by the callback for the end.
+  auto* const closure = new std::shared_ptr<Shared>(shared_);
+  natsOptions_SetClosedCB(made.get(), onClosed, closure);
+  // Errors can still come after the end, so theirs lives as long as the connection.
+  natsOptions_SetErrorHandler(made.get(), onError, shared_.get());
+  const natsStatus status = natsConnection_Connect(&connection_, made.get());
+  if (status == NATS_OK) return;
+  delete closure;
+  std::string where;
+  for (const std::string& server : access.servers) where += (where.empty() ? "" : ", ") + server;
+  fail(status, where);
+}
+
+Connection::~Connection() {
+  std::vector<natsSubscription*> subscriptions;
+  {
+    const std::lock_guard lock(mutex_);
+    subscriptions.swap(subscriptions_);
+  }
+  for (natsSubscription* each : subscriptions) natsSubscription_Unsubscribe(each);
+  natsConnection_Close(connection_);
+  {
+    std::unique_lock lock(shared_->mutex);
+    shared_->onEnd = nullptr;
+    shared_->changed.wait_for(lock, kFarewell, [&] { return shared_->isClosed && shared_->subscriptions == 0; });
+  }
+  for (natsSubscription* each : subscriptions) natsSubscription_Destroy(each);
+  natsConnection_Destroy(connection_);
+}
+
+void Connection::onClosed(natsConnection* /*connection*/, void* closure) {
+  const std::unique_ptr<std::shared_ptr<Shared>> shared(static_cast<std::shared_ptr<Shared>*>(closure));
+  std::function<void()> onEnd;
+  {
+    const std::lock_guard lock((*shared)->mutex);
+    onEnd = (*shared)->onEnd;
+  }
+  if (onEnd) onEnd();
+  const std::lock_guard lock((*shared)->mutex);
+  (*shared)->isClosed = true;
+  (*shared)->changed.notify_all();
+}
+
+void Connection::onError(natsConnection* connection, natsSubscription* /*subscription*/, natsStatus error,
+                         void* closure) {
+  auto* const shared = static_cast<Shared*>(closure);
+  const char* text = nullptr;
+  natsConnection_GetLastError(connection, &text);
+  const std::lock_guard lock(shared->mutex);
+  shared->lastError = text && *text ? text : natsStatus_GetText(error);
+}
+
+void Connection::onMessage(natsConnection* /*connection*/, natsSubscription* /*subscription*/, natsMsg* message,
+                           void* closure) {
+  static_cast<Subscription*>(closure)->handler(Message(message));
+}
+
+void Connection::onComplete(void* closure) {
+  const std::unique_ptr<Subscription> subscription(static_cast<Subscription*>(closure));
+  subscription->handler = nullptr;
+  const std::lock_guard lock(subscription->shared->mutex);
+  --subscription->shared->subscriptions;
+  subscription->shared->changed.notify_all();
+}
+
+std::string Connection::server() const {
+  std::string url(256, '\0');
+  if (natsConnection_GetConnectedUrl(connection_, url.data(), url.size()) != NATS_OK) return {};
+  url.resize(url.find('\0'));
+  return url;
+}
+
+std::string Connection::lastError() const {
+  const std::lock_guard lock(shared_->mutex);
+  return shared_->lastError;
+}
+
+std::size_t Connection::largestMessage() const {
+  return static_cast<std::size_t>(std::max<std::int64_t>(0, natsConnection_GetMaxPayload(connection_)));
+}
+
+void Connection::publish(const std::string& subject, std::string_view data) {
+  require(natsConnection_Publish(connection_, subject.c_str(), data.data(), static_cast<int>(data.size())), subject);
+}
+
+namespace {
+using MessagePointer = std::unique_ptr<natsMsg, decltype(&natsMsg_Destroy)>;
+
+MessagePointer messageOf(const Letter& letter) {
+  natsMsg* raw = nullptr;
+  require(natsMsg_Create(&raw, letter.subject.c_str(), letter.reply.empty() ? nullptr : letter.reply.c_str(),
+                         letter.data.data(), static_cast<int>(letter.data.size())),
+          letter.subject);
+  MessagePointer message(raw, &natsMsg_Destroy);
+  for (const auto& [name, value] : letter.headers) {
+    require(natsMsgHeader_Set(raw, name, value.c_str()), letter.subject);
+  }
+  return message;
+}
+}  // namespace
+
+void Connection::publish(const Letter& letter) {
+  const auto message = messageOf(letter);
+  require(natsConnection_PublishMsg(connection_, message.get()), letter.subject);
+}
+
+void Connection::flush(std::chrono::milliseconds limit) {
+  require(natsConnection_FlushTimeout(connection_, limit.count()), "the server does not answer");
+}
+
+Message Connection::request(const Letter& letter, std::chrono::milliseconds limit) {
+  const auto message = messageOf(letter);
+  natsMsg* reply = nullptr;
+  const natsStatus status = natsConnection_RequestMsg(&reply, connection_, message.get(), limit.count());
+  if (status == NATS_TIMEOUT && !lastError().empty()) throw RefusedError(lastError());
+  require(status, letter.subject);
+  return Message(reply);
+}
+
+void Connection::subscribe(const std::string& subject, Handler handler) {
+  auto subscription = std::make_unique<Subscription>(Subscription{shared_, std::move(handler)});
+  {
+    const std::lock_guard lock(shared_->mutex);
+    ++shared_->subscriptions;
+  }
+  natsSubscription* made = nullptr;
+  // What arrives before the callback for the end is set is told all the same; it ends only by us.
+  const natsStatus status =
+      natsConnection_Subscribe(&made, connection_, subject.c_str(), onMessage, subscription.get());
+  if (status != NATS_OK) {
+    const std::lock_guard lock(shared_->mutex);
+    --shared_->subscriptions;
+    fail(status, subject);
+  }
+  natsSubscription_SetPendingLimits(made, -1, -1);
+  natsSubscription_SetOnCompleteCB(made, onComplete, subscription.release());
+  const std::lock_guard lock(mutex_);
+  subscriptions_.push_back(made);
+}
+
+}  // namespace HX::fleet

@@ -1,0 +1,4 @@
+#include "hxfleet.h"
+
+using HX::HXFleet;
+HX_MODULE(HXFleet)

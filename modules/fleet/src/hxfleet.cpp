@@ -1,0 +1,506 @@
+#include "hxfleet.h"
+
+#include <hxcommon/feed.h>
+#include <hxcommon/hxbroker.h>
+#include <hxcommon/settings.h>
+#include <hxproxies/hxmemoryproxy.h>
+#include <hxvalue/json.h>
+#include <libmw/log.h>
+
+#include <algorithm>
+#include <unistd.h>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace HX {
+namespace {
+
+using namespace std::chrono_literals;
+using fleet::Letter;
+using fleet::Status;
+using Clock = std::chrono::steady_clock;
+
+const char* const kCategory = "hxfleet";
+constexpr auto kStatusGap = 2s;
+constexpr auto kStoredStatusGap = 30s;
+constexpr auto kDesiredGap = 30s;
+constexpr auto kFirstPause = 100ms;
+constexpr auto kLongestPause = 10'000ms;
+constexpr auto kAskName = 500ms;
+constexpr auto kWaitForBroker = 1s;
+constexpr const char* kStates[] = {"away", "connected", "cut", "refused", "left"};
+
+std::vector<std::string> textsOf(const HXValue& list) {
+  std::vector<std::string> texts;
+  for (const HXValue& text : list.asList()) texts.push_back(text.asString());
+  return texts;
+}
+
+std::vector<std::string> commaSeparated(const std::string& text) {
+  std::vector<std::string> parts;
+  for (std::size_t begin = 0; begin <= text.size();) {
+    const std::size_t end = std::min(text.find(',', begin), text.size());
+    if (end > begin) parts.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return parts;
+}
+
+std::string hostName() {
+  std::string name(256, '\0');
+  if (::gethostname(name.data(), name.size() - 1) != 0) return "host";
+  name.resize(name.find('\0'));
+  return name;
+}
+
+}  // namespace
+
+/// The life of a connection, or rather of the two of it.
+struct HXFleet::Session {
+  std::shared_ptr<fleet::Connection> control;
+  std::shared_ptr<fleet::Connection> bulk;
+  std::atomic<bool> isNudged{true};
+  std::atomic<bool> isTaken{false};  // Another robot has our name.
+  std::string holder;                // Of the name; written before `isTaken`.
+  Clock::time_point nextStatus{};
+  Clock::time_point nextStored{};
+  Clock::time_point nextDesired{};
+};
+
+HXFleet::HXFleet(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
+  setModuleDescription("HXFleet makes this robot one of a fleet: others see its keys and events, and may ask it.");
+  addSettings();
+  readSettings();
+  bindMethods();
+}
+
+HXFleet::~HXFleet() { follow_.end(); }
+
+void HXFleet::addSettings() {
+  addSetting(Setting::text("url", "nats://127.0.0.1:4222", "The hub's servers, with commas between them.").required());
+  addSetting(Setting::text("robot", "", "What this robot is called in the fleet; the machine's name by default."));
+  addSetting(Setting::text("fleet", "fleet", "What the fleet is called."));
+  addSetting(Setting::text("domain", "hub", "Of the hub's store."));
+  addSetting(Setting::text("ca", "", "File of the certificate that the hub's is signed with."));
+  addSetting(Setting::text("seed", "", "File with this robot's key, which only its owner may read."));
+  addSetting(Setting::flag("insecure", false, "Let a plain connection leave this machine."));
+  addSetting(Setting::texts("export", {"**"}, "Keys that the fleet may see: * is one part of a key, ** the rest."));
+  addSetting(Setting::texts("hide", {"_*", "_*/**", "HXMemory/**", "HXFleet/**"}, "Keys among them that it may not."));
+  addSetting(Setting::texts("keep", {}, "Events that are stored by the hub, each once and in order."));
+  addSetting(Setting::texts("live", {}, "Events among them that are not."));
+  addSetting(Setting::texts("follow", {}, "Other robots, whose keys and services are to be here under their names."));
+  addSetting(
+      Setting::texts("allow", {"**"}, "What the fleet may call: Arm/stop, Arm/*. What changes keys is HXMemory/*."));
+  addSetting(Setting::texts("deny", {"Broker/*", "HXFleet/*"}, "What among that it may not."));
+}
+
+void HXFleet::readSettings() {
+  const HXValue& given = settings();
+  std::vector<std::string> problems;
+  const auto tryTo = [&](const char* what, const auto& action) {
+    try {
+      action();
+    } catch (const std::exception& error) {
+      problems.push_back(fmt::format("{}: {}", what, error.what()));
+    }
+  };
+  access_.servers = commaSeparated(given["url"].asString());
+  access_.authority = given["ca"].asString();
+  access_.seed = given["seed"].asString();
+  access_.insecure = given["insecure"].asBool();
+  tryTo("url", [&] { check(access_); });
+  robot_ = given["robot"].asString();
+  if (robot_.empty()) {
+    robot_ = hostName();
+    std::ranges::replace_if(
+        robot_, [](char c) { return !fleet::isName(std::string(1, c)); }, '-');
+  }
+  if (!fleet::isName(robot_)) {
+    problems.push_back(
+        fmt::format("robot: \"{}\" is no name of a robot: letters, digits, _ and -, 64 at most", robot_));
+  }
+  tryTo("fleet", [&] { subjects_.emplace(given["fleet"].asString(), given["domain"].asString()); });
+  followed_ = textsOf(given["follow"]);
+  fleet::Selection selection;
+  std::vector<std::string> others;
+  for (const std::string& robot : followed_) {
+    if (!fleet::isName(robot)) problems.push_back(fmt::format("follow: \"{}\" is no name of a robot", robot));
+    if (robot == robot_) problems.push_back("follow: a robot cannot follow itself");
+    others.push_back(robot + "/**");
+  }
+  for (const auto& [name, patterns] :
+       {std::pair{"export", &selection.exported}, std::pair{"hide", &selection.hidden},
+        std::pair{"keep", &selection.kept}, std::pair{"live", &selection.live},
+        std::pair{"allow", &permissions_.allowed}, std::pair{"deny", &permissions_.denied}}) {
+    const char* const setting = name;
+    fleet::Patterns* const read = patterns;
+    tryTo(setting, [&] { *read = fleet::Patterns(textsOf(given[setting])); });
+  }
+  if (!problems.empty()) throw SettingsError(std::move(problems));
+  selection.others = fleet::Patterns(others);
+  outgoing_.emplace(std::move(selection), fleet::Outgoing::Bounds());
+}
+
+void HXFleet::bindMethods() {
+  functionName("status", getName(), "Says how this robot stands with its fleet, and accounts for what it raised.");
+  setReturn("status",
+            "{state: connected, cut, away, refused or left, reason, robot, fleet, server, raised, confirmed, queued, "
+            "inFlight, dropped, missed, keys, turnedAway, desired}");
+  bindMethod(this, &HXFleet::status);
+  functionName("leave", getName(), "Stays away from the fleet until join.");
+  bindMethod(this, &HXFleet::leave);
+  functionName("join", getName(), "Ends what leave began.");
+  bindMethod(this, &HXFleet::join);
+}
+
+void HXFleet::init() {
+  since_ = mw::systemNow();
+  outgoing_->begin(fmt::format("{:x}", retainedChanges(getParentBroker()).latest.epoch));
+  sender_ = std::make_unique<fleet::Sender>(*outgoing_, *subjects_, robot_);
+  requests_ = std::make_unique<fleet::Requests>(*this, *subjects_, permissions_,
+                                                [this](std::string_view key) { return outgoing_->exports(key); });
+  mirror_ = std::make_unique<fleet::Mirror>(*this, *subjects_, followed_);
+  followChanges();
+  thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+}
+
+void HXFleet::exit() {
+  follow_.end();
+  if (thread_.joinable()) {
+    thread_.request_stop();
+    thread_.join();
+  }
+  sender_.reset();
+  mirror_.reset();
+  requests_.reset();
+  HXModule::exit();
+}
+
+void HXFleet::followChanges() {
+  journal::FollowOptions options;
+  options.onGap = [this](const journal::Gap& gap) { outgoing_->gap(gap); };
+  options.onUnchanged = [this](std::string_view key, journal::Position) { outgoing_->unchanged(key); };
+  options.onComplete = [this](journal::Position) { outgoing_->complete(); };
+  follow_ = follow(
+      journal::Filter(), [this](const journal::Change& change) { outgoing_->change(change); }, std::move(options));
+}
+
+// --- The thread of the module ----------------------------------------------------------------------------------------
+
+void HXFleet::run(const std::stop_token& stop) {
+  awaitBroker(stop);
+  auto backOff = std::chrono::milliseconds(kFirstPause);
+  while (!stop.stop_requested()) {
+    const auto begin = Clock::now();
+    try {
+      if (hasLeft()) {
+        become(State::Left, "it was told to leave");
+        pause(kLongestPause, stop);
+        continue;
+      }
+      attempt(stop);
+    } catch (const fleet::RefusedError& error) {
+      become(State::Refused, error.what());
+    } catch (const std::exception& error) {
+      become(State::Away, error.what());
+    }
+    sender_->use(nullptr);
+    mirror_->lose();
+    showState();
+    // A connection that has lasted is no failed attempt.
+    if (Clock::now() - begin > kLongestPause) backOff = kFirstPause;
+    const auto jitter = std::uniform_real_distribution<>(0.5, 1.5)(random_);
+    pause(std::chrono::duration_cast<std::chrono::milliseconds>(backOff * jitter), stop);
+    backOff = std::min<std::chrono::milliseconds>(2 * backOff, kLongestPause);
+  }
+}
+
+/// Modules that are loaded after us are to be there when the first request comes.
+void HXFleet::awaitBroker(const std::stop_token& stop) {
+  const auto end = Clock::now() + kWaitForBroker;
+  const auto broker = findParentBroker();
+  while (broker && !stop.stop_requested() && Clock::now() < end) {
+    if (broker->session()->service("Broker").wait(100ms) == mw::FutureState::FinishedWithValue) return;
+    pause(20ms, stop);
+  }
+}
+
+/// Connects, and stays until that ends.
+void HXFleet::attempt(const std::stop_token& stop) {
+  const std::string inbox = "_INBOX." + robot_;
+  const auto session = std::make_shared<Session>();
+  const auto onEnd = [this] {
+    const MutexLock lock(mutex_);
+    isWoken_ = true;
+    woken_.notify_all();
+  };
+  session->control = std::make_shared<fleet::Connection>(
+      access_, fleet::Connection::Options{fmt::format("{} control", robot_), inbox, true, onEnd});
+  requireOwnName(*session->control);
+  session->bulk = std::make_shared<fleet::Connection>(
+      access_, fleet::Connection::Options{fmt::format("{} bulk", robot_), inbox, false, onEnd});
+  requests_->listen(session->control, presentStatus());
+  watchName(session);
+  session->control->subscribe(subjects_->of(robot_, "desired"), [this, weak = std::weak_ptr(session)](const auto&) {
+    if (const auto held = weak.lock()) held->isNudged = true;
+    const MutexLock lock(mutex_);
+    isWoken_ = true;
+    woken_.notify_all();
+  });
+  {
+    const MutexLock lock(mutex_);
+    server_ = session->control->server();
+  }
+  become(State::Connected, session->control->server());
+  sender_->use(session->bulk);
+  if (!followed_.empty()) mirror_->listen(session->bulk);
+  serve(*session, stop);
+}
+
+void HXFleet::serve(Session& session, const std::stop_token& stop) {
+  while (!stop.stop_requested() && !hasLeft()) {
+    if (!session.control->isOpen() || !session.bulk->isOpen()) {
+      const std::string why = session.control->isOpen() ? session.bulk->lastError() : session.control->lastError();
+      throw fleet::AwayError(why.empty() ? "the connection was lost" : why);
+    }
+    if (session.isTaken) throw fleet::RefusedError(session.holder);
+    tell(session);
+    pause(500ms, stop);
+  }
+}
+
+/// Two robots of one name would share its requests at random.
+void HXFleet::requireOwnName(fleet::Connection& connection) {
+  try {
+    const auto answer = connection.request({fmt::format("$SRV.PING.korvo.{}", robot_), ""}, kAskName);
+    const HXValue other = fromJson(answer.data())["metadata"];
+    if (other["run"].asString() == outgoing_->run()) return;
+    throw fleet::RefusedError(fmt::format("there is a robot {} already, on host {}", robot_, other["host"].asString()));
+  } catch (const fleet::NobodyError&) {
+  } catch (const fleet::AwayError&) {  // It does not answer, so it does not count.
+  }
+}
+
+/// Of two that asked at the same time, and found nobody, the one that started later goes.
+void HXFleet::watchName(const std::shared_ptr<Session>& session) {
+  const std::string reply = session->control->inbox() + ".name";
+  session->control->subscribe(reply, [weak = std::weak_ptr(session), robot = robot_, run = outgoing_->run(),
+                                      since = fleet::toText(since_)](const fleet::Message& message) {
+    const auto held = weak.lock();
+    if (!held || held->isTaken || message.data().empty()) return;
+    try {
+      const HXValue other = fromJson(message.data())["metadata"];
+      const std::string otherRun = other["run"].asString();
+      if (otherRun == run || std::pair(other["since"].asString(), otherRun) > std::pair(since, run)) return;
+      held->holder = fmt::format("there is a robot {} already, on host {}", robot, other["host"].asString());
+      held->isTaken = true;
+    } catch (const std::exception&) {  // No answer of ours.
+    }
+  });
+  session->control->publish(Letter{fmt::format("$SRV.PING.korvo.{}", robot_), "", reply});
+}
+
+/// What is due of what is told now and then.
+void HXFleet::tell(Session& session) {
+  const auto now = Clock::now();
+  if (now >= session.nextStatus) {
+    session.nextStatus = now + kStatusGap;
+    const Status status = presentStatus();
+    session.control->publish(subjects_->of(robot_, "status"), toPayload(status));
+    Status timeless = status;
+    timeless.time = {};
+    if (now >= session.nextStored || toPayload(timeless) != stored_) storeStatus(session, status);
+    tellDropped(*session.control);
+    showState();
+  }
+  if (session.isNudged.exchange(false) || now >= session.nextDesired) {
+    session.nextDesired = now + kDesiredGap;
+    takeDesired(*session.control);
+    if (!followed_.empty()) mirror_->refresh(session.bulk);
+  }
+}
+
+/// By the store's answer it is known, too, whether that can be reached.
+void HXFleet::storeStatus(Session& session, const Status& status) {
+  std::string why = sender_->cut();
+  try {
+    const std::string payload = toPayload(status);
+    const auto put = [&] {
+      return writeKey(*session.control, *subjects_, subjects_->statusBucket(), robot_, payload, statusSequence_);
+    };
+    auto answer = put();
+    if (answer.last) {
+      // What was stored by us is gone: so is what else there was.
+      if (*answer.last < statusSequence_) outgoing_->onValues([](fleet::LastValues& values) { values.beginAnew(); });
+      statusSequence_ = *answer.last;
+      answer = put();
+    }
+    if (answer.isStored()) {
+      statusSequence_ = answer.sequence;
+      session.nextStored = Clock::now() + kStoredStatusGap;
+      Status timeless = status;
+      timeless.time = {};
+      stored_ = toPayload(timeless);
+      sender_->noteStore();
+      why = sender_->cut();
+    } else {
+      why = answer.text;
+    }
+  } catch (const fleet::NobodyError&) {
+    why = "the hub has no store: korvo fleet init makes it";
+  } catch (const std::exception& error) {
+    why = error.what();
+  }
+  if (why.empty()) {
+    become(State::Connected, session.control->server());
+  } else {
+    become(State::Cut, why);
+  }
+}
+
+void HXFleet::tellDropped(fleet::Connection& connection) {
+  const auto dropped = outgoing_->takeDropped();
+  std::vector<fleet::Dropped> untold;
+  for (const fleet::Dropped& each : dropped) {
+    try {
+      const auto answer = connection.request({subjects_->of(robot_, "dropped"), toPayload(each, outgoing_->run())},
+                                             untold.empty() ? 2s : 1ms);
+      if (!fleet::toAnswer(answer).isStored()) untold.push_back(each);
+    } catch (const std::exception&) {  // To be told later.
+      untold.push_back(each);
+    }
+  }
+  outgoing_->returnDropped(untold);
+}
+
+/// Takes on what has changed of what this robot is to have.
+void HXFleet::takeDesired(fleet::Connection& connection) {
+  try {
+    const auto entry = readKey(connection, *subjects_, subjects_->desiredBucket(), robot_);
+    if (!entry || entry->sequence == desiredRevision_) return;
+    const HXValue wanted = entry->isRemoved ? HXValue::map() : fromJson(entry->data);
+    auto memory = this->memory();
+    for (const auto& [key, value] : wanted.asMap()) {
+      const auto known = desired_.find(key);
+      if (known != desired_.end() && known->second == value) continue;
+      memory.insertData(key, value);
+    }
+    desired_ = wanted.asMap();
+    desiredRevision_ = entry->sequence;
+  } catch (const fleet::NobodyError&) {  // No store, which the status tells.
+  } catch (const std::exception& error) {
+    mw::log::verbose(kCategory, "desired", error.what());
+  }
+}
+
+void HXFleet::pause(std::chrono::milliseconds duration, const std::stop_token& stop) {
+  MutexLock lock(mutex_);
+  woken_.wait_for(lock.native(), stop, duration, [&]() HX_REQUIRES(mutex_) { return isWoken_; });
+  isWoken_ = false;
+}
+
+/// One line for each change of state.
+void HXFleet::become(State state, const std::string& reason) {
+  {
+    const MutexLock lock(mutex_);
+    reason_ = reason;
+    if (std::exchange(told_, state) == state) return;
+    state_ = state;
+  }
+  if (state == State::Connected) {
+    mw::log::info(kCategory, "state", fmt::format("robot {} is connected to {}", robot_, reason));
+  } else {
+    mw::log::warning(kCategory, "state",
+                     fmt::format("robot {} is {}: {}{}", robot_, kStates[static_cast<int>(state)], reason,
+                                 state == State::Left ? "" : "; it is tried again"));
+  }
+}
+
+/// What people on the robot see.
+void HXFleet::showState() {
+  const fleet::Account account = outgoing_->account();
+  bool isConnected = false;
+  {
+    const MutexLock lock(mutex_);
+    isConnected = state_ == State::Connected;
+  }
+  try {
+    auto memory = this->memory();
+    const auto show = [&](const char* key, const HXValue& value) {
+      HXValue& last = shown_[key];
+      if (last == value) return;
+      last = value;
+      memory.insertData(key, value);
+    };
+    show("HXFleet/Connected", isConnected);
+    show("HXFleet/Queued", static_cast<std::int64_t>(account.queued + account.inFlight));
+    show("HXFleet/Dropped", static_cast<std::int64_t>(account.dropped));
+  } catch (const std::exception&) {  // The memory has gone, in another process.
+    shown_.clear();
+  }
+}
+
+Status HXFleet::presentStatus() {
+  const fleet::Account account = outgoing_->account();
+  Status status;
+  status.robot = robot_;
+  status.run = outgoing_->run();
+  status.host = hostName();
+  status.version = KORVO_VERSION;
+  status.since = since_;
+  status.raised = account.raised;
+  status.confirmed = account.confirmed;
+  status.queued = account.queued + account.inFlight;
+  status.dropped = account.dropped;
+  status.missed = account.missed;
+  status.keys = outgoing_->mirrored();
+  status.turnedAway = outgoing_->turnedAway();
+  status.desired = desiredRevision_;
+  status.time = mw::systemNow();
+  return status;
+}
+
+// --- Methods ---------------------------------------------------------------------------------------------------------
+
+bool HXFleet::hasLeft() {
+  const MutexLock lock(mutex_);
+  return isLeft_;
+}
+
+void HXFleet::leave() {
+  const MutexLock lock(mutex_);
+  isLeft_ = isWoken_ = true;
+  woken_.notify_all();
+}
+
+void HXFleet::join() {
+  const MutexLock lock(mutex_);
+  isLeft_ = false;
+  isWoken_ = true;
+  woken_.notify_all();
+}
+
+HXValue HXFleet::status() {
+  const fleet::Account account = outgoing_->account();
+  const auto number = [](std::uint64_t count) { return static_cast<std::int64_t>(count); };
+  const auto mirrored = number(outgoing_->mirrored());
+  const auto turnedAway = number(outgoing_->turnedAway());
+  const MutexLock lock(mutex_);
+  return HXValue::map({{"state", kStates[static_cast<int>(state_)]},
+                       {"reason", reason_},
+                       {"robot", robot_},
+                       {"fleet", subjects_->fleet()},
+                       {"server", server_},
+                       {"raised", number(account.raised)},
+                       {"confirmed", number(account.confirmed)},
+                       {"queued", number(account.queued)},
+                       {"inFlight", number(account.inFlight)},
+                       {"dropped", number(account.dropped)},
+                       {"missed", number(account.missed)},
+                       {"keys", mirrored},
+                       {"turnedAway", turnedAway},
+                       {"desired", number(desiredRevision_)}});
+}
+
+}  // namespace HX

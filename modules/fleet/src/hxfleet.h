@@ -1,0 +1,110 @@
+#pragma once
+
+#include "connection.h"
+#include "hub.h"
+#include "mirror.h"
+#include "outgoing.h"
+#include "requests.h"
+#include "sender.h"
+#include "services.h"
+
+#include <hxcommon/hxmodule.h>
+#include <hxerror/mutex.h>
+#include <hxjournal/follow.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <stop_token>
+#include <string>
+#include <thread>
+
+namespace HX {
+
+/// Makes this robot one of a fleet: what it raises and what its keys are is seen at a hub, others may ask it, and it
+/// takes on what it is to have. The robot is the only writer of what stands under its name there.
+///
+/// It follows the changes. Nobody on the robot ever waits for the fleet: a hub that is away, frozen or full, or that
+/// refuses us, is one line in the log for each change of state, and is tried for ever.
+///
+/// @par Threads  All methods are safe from any thread.
+class HXFleet : public HXModule {
+ public:
+  HXFleet(const std::shared_ptr<HXBroker>& broker, const std::string& name);
+  ~HXFleet() override;
+
+  void init() override;
+  void exit() override;
+
+  /// {state: "connected", "cut", "away", "refused" or "left", reason, robot, fleet, server, raised, confirmed, queued,
+  /// inFlight, dropped, missed, keys, turnedAway, desired}.
+  HXValue status();
+  /// Stays away from the fleet until `join`.
+  void leave();
+  void join();
+
+ private:
+  enum class State : std::uint8_t { Away, Connected, Cut, Refused, Left };
+  struct Session;
+
+  void addSettings();
+  void readSettings();
+  void bindMethods();
+  void followChanges();
+  // On the thread of the module:
+  void run(const std::stop_token& stop);
+  void awaitBroker(const std::stop_token& stop);
+  void attempt(const std::stop_token& stop);
+  void serve(Session& session, const std::stop_token& stop);
+  void requireOwnName(fleet::Connection& connection);
+  void watchName(const std::shared_ptr<Session>& session);
+  void tell(Session& session);
+  void storeStatus(Session& session, const fleet::Status& status);
+  void tellDropped(fleet::Connection& connection);
+  void takeDesired(fleet::Connection& connection);
+  void pause(std::chrono::milliseconds duration, const std::stop_token& stop);
+  void become(State state, const std::string& reason);
+  void showState();
+  bool hasLeft();
+  fleet::Status presentStatus();
+
+  // As the settings say.
+  std::string robot_;
+  fleet::Access access_;
+  fleet::Permissions permissions_;
+  std::vector<std::string> followed_;
+  std::optional<fleet::FleetSubjects> subjects_;
+
+  mw::SystemTimePoint since_{};
+  std::optional<fleet::Outgoing> outgoing_;
+  std::unique_ptr<fleet::Sender> sender_;
+  std::unique_ptr<fleet::Requests> requests_;
+  std::unique_ptr<fleet::Mirror> mirror_;
+
+  // Of the thread of the module.
+  std::mt19937 random_{std::random_device{}()};
+  std::string stored_;                // The status that the bucket has, without its time.
+  std::uint64_t statusSequence_ = 0;  // Its number there.
+  HXValue::Map desired_;
+  std::atomic<std::uint64_t> desiredRevision_{0};
+  std::map<std::string, HXValue> shown_;
+
+  Mutex mutex_;
+  std::condition_variable_any woken_;
+  State state_ HX_GUARDED_BY(mutex_) = State::Away;
+  std::optional<State> told_ HX_GUARDED_BY(mutex_);
+  std::string reason_ HX_GUARDED_BY(mutex_) = "not connected yet";
+  std::string server_ HX_GUARDED_BY(mutex_);
+  bool isLeft_ HX_GUARDED_BY(mutex_) = false;
+  bool isWoken_ HX_GUARDED_BY(mutex_) = false;
+
+  std::jthread thread_;
+  journal::Follow follow_;
+};
+
+}  // namespace HX

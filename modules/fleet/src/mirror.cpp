@@ -1,0 +1,172 @@
+#include "mirror.h"
+
+#include "farservice.h"
+#include "hub.h"
+#include "payload.h"
+
+#include <hxcommon/hxbroker.h>
+#include <hxcommon/hxmodule.h>
+#include <hxproxies/hxmemoryproxy.h>
+#include <hxvalue/json.h>
+#include <libmw/eventloop.h>
+#include <libmw/log.h>
+
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace HX::fleet {
+namespace {
+
+using namespace std::chrono_literals;
+
+const char* const kCategory = "hxfleet";
+constexpr std::size_t kMostTasks = 20'000;
+constexpr auto kPatience = 2s;
+constexpr auto kPatienceForKeys = 10s;
+
+}  // namespace
+
+Mirror::Mirror(HXModule& module, FleetSubjects subjects, std::vector<std::string> robots)
+    : module_(module), subjects_(std::move(subjects)), robots_(std::move(robots)) {}
+
+Mirror::~Mirror() { end(); }
+
+void Mirror::listen(const std::shared_ptr<Connection>& connection) {
+  for (const std::string& robot : robots_) {
+    connection->subscribe(subjects_.event(robot, ">"), [this, robot](const Message& message) {
+      post([this, robot, payload = std::string(message.data())] { onEvent(robot, payload); });
+    });
+    const std::string bucket = subjects_.valueBucket();
+    const std::size_t head = FleetSubjects::stored(bucket, robot + ".").size();
+    connection->subscribe(FleetSubjects::stored(bucket, robot + ".>"), [this, robot, head](const Message& message) {
+      const bool isRemoved = !message.header("KV-Operation").empty();
+      post([this, robot, key = std::string(message.subject().substr(head)), payload = std::string(message.data()),
+            isRemoved] { onValue(robot, key, payload, isRemoved, false); });
+    });
+    try {
+      for (Entry& entry : readKeys(*connection, subjects_, bucket, robot + ".>", kPatienceForKeys)) {
+        post([this, robot, key = entry.key.substr(robot.size() + 1), payload = std::move(entry.data)] {
+          onValue(robot, key, payload, false, true);
+        });
+      }
+    } catch (const std::exception& error) {
+      mw::log::warning(kCategory, "follow",
+                       fmt::format("the last values of {} are not there: {}", robot, error.what()));
+    }
+  }
+  refresh(connection);
+}
+
+void Mirror::post(Task task) {
+  const MutexLock lock(mutex_);
+  if (ended_) return;
+  if (tasks_.size() >= kMostTasks) {
+    tasks_.pop_front();
+    if (lost_++ == 0) mw::log::warning(kCategory, "follow", "more comes from other robots than the memory takes");
+  }
+  tasks_.push_back(std::move(task));
+  if (std::exchange(isRunning_, true)) return;
+  const auto broker = module_.findParentBroker();
+  if (broker && broker->session()->eventLoop().post([this] { run(); })) return;
+  isRunning_ = false;
+}
+
+void Mirror::run() {
+  MutexLock lock(mutex_);
+  while (!tasks_.empty()) {
+    const Task task = std::move(tasks_.front());
+    tasks_.pop_front();
+    lock.unlock();
+    try {
+      task();
+    } catch (const std::exception& error) {
+      mw::log::verbose(kCategory, "follow", error.what());
+    }
+    lock.lock();
+  }
+  isRunning_ = false;
+  changed_.notify_all();
+}
+
+void Mirror::end() {
+  {
+    MutexLock lock(mutex_);
+    ended_ = true;
+    tasks_.clear();
+    changed_.wait(lock.native(), [&]() HX_REQUIRES(mutex_) { return !isRunning_; });
+  }
+  lose();
+}
+
+void Mirror::onEvent(const std::string& robot, const std::string& payload) {
+  const Record record = toRecord(payload);
+  const std::string key = robot + "/" + record.key;
+  auto memory = module_.memory();
+  if (record.kind == "MicroEvent") {
+    memory.raiseMicroEvent(key, record.value);
+  } else {
+    memory.raiseEvent(key, record.value);
+  }
+}
+
+void Mirror::onValue(const std::string& robot, const std::string& key, const std::string& payload, bool isRemoved,
+                     bool isFirst) {
+  auto memory = module_.memory();
+  if (isRemoved) return memory.removeData(robot + "/" + toKey(key));
+  const Record record = toRecord(payload);
+  // An event is raised when it is told as such; what it was before we came is no event now.
+  if (record.kind == "Data" || isFirst) memory.insertData(robot + "/" + record.key, record.value);
+}
+
+void Mirror::refresh(const std::shared_ptr<Connection>& connection) {
+  for (const std::string& robot : robots_) refreshRobot(connection, robot);
+}
+
+void Mirror::refreshRobot(const std::shared_ptr<Connection>& connection, const std::string& robot) {
+  std::map<std::string, std::vector<std::string>> found;
+  try {
+    const HXValue described = askRobot(*connection, subjects_.of(robot, "describe"), "", kPatience);
+    for (const auto& [service, methods] : described.asMap()) {
+      for (const HXValue& method : methods.asList()) found[service].push_back(method.asString());
+    }
+  } catch (const std::exception& error) {  // It is off: it has no services.
+    mw::log::verbose(kCategory, "follow", fmt::format("{}: {}", robot, error.what()));
+  }
+  const std::string head = robot + "/";
+  std::vector<std::string> gone;
+  for (const auto& [name, id] : services_) {
+    if (!name.starts_with(head)) continue;
+    const auto still = found.find(name.substr(head.size()));
+    if (still == found.end() || still->second != methods_[name]) gone.push_back(name);
+  }
+  for (const std::string& name : gone) withdraw(name);
+  const auto session = module_.getParentBroker()->session();
+  for (auto& [service, methods] : found) {
+    const std::string name = head + service;
+    // What that robot has of others is theirs to offer; and what is here already stays.
+    if (service.find('/') != std::string::npos || services_.contains(name)) continue;
+    const std::string subject = subjects_.of(robot, "call.") + toToken(service);
+    try {
+      services_[name] = session->registerService(
+          name, mw::AnyObject(std::make_shared<FarService>(connection, name, subject, methods)));
+      methods_[name] = std::move(methods);
+    } catch (const std::exception& error) {
+      services_.erase(name);
+      mw::log::warning(kCategory, "follow", error.what());
+    }
+  }
+}
+
+void Mirror::withdraw(const std::string& service) {
+  const auto broker = module_.findParentBroker();
+  if (broker) broker->session()->unregisterService(services_.at(service));
+  services_.erase(service);
+  methods_.erase(service);
+}
+
+void Mirror::lose() {
+  while (!services_.empty()) withdraw(std::string(services_.begin()->first));
+}
+
+}  // namespace HX::fleet

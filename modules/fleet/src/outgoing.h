@@ -1,0 +1,121 @@
+#pragma once
+
+#include "lastvalues.h"
+#include "outbox.h"
+#include "patterns.h"
+
+#include <hxerror/mutex.h>
+#include <hxjournal/change.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace HX::fleet {
+
+/// Which keys leave the robot, and how.
+struct Selection {
+  Patterns exported;
+  Patterns hidden;  ///< Wins over `exported`.
+  Patterns kept;    ///< Whose events are stored by the hub before they count as confirmed.
+  Patterns live;    ///< Wins over `kept`.
+  Patterns others;  ///< What stands under the names of other robots.
+
+  bool exports(std::string_view key) const;
+};
+
+/// Between the feed of changes and what sends: who tells a change never waits for who sends.
+///
+/// @par Threads  All are safe from any; the functions of the feed one at a time.
+class Outgoing {
+ public:
+  struct Bounds {
+    Outbox::Bounds events;  ///< Of each of the two boxes.
+    LastValues::Bounds values;
+    Event::Clock::duration oldest = std::chrono::seconds(5);  ///< Of a live event that leaves.
+  };
+  using Clock = Event::Clock;
+
+  Outgoing(Selection selection, Bounds bounds);
+
+  // Of the feed:
+  /// @param run  Names the start of the memory. Before anything else.
+  void begin(std::string run);
+  void change(const journal::Change& change);
+  void gap(const journal::Gap& gap);
+  void unchanged(std::string_view key);
+  void complete();
+
+  // Of the sender:
+  struct Work {
+    std::vector<EventPointer> live;
+    std::vector<EventPointer> kept;
+    std::vector<LastValues::Put> values;
+    bool isEmpty() const { return live.empty() && kept.empty() && values.empty(); }
+  };
+  /// What is to be sent now.
+  /// @param stored  So many kept events at most, and as many values; of one, the event goes first.
+  Work take(std::size_t stored);
+  /// Returns when there is something new to be sent, at `limit`, or when stopped.
+  /// @param values  Whether values count that are due by and by.
+  void await(std::chrono::milliseconds limit, bool values, const std::stop_token& stop);
+  void confirmLive();
+  void confirmKept(std::uint64_t id);
+  /// Uses the last values' own functions, with nobody else doing so.
+  void onValues(const std::function<void(LastValues& values)>& use);
+  void giveBackLive();
+  void giveBackStored();
+  /// Whether kept events or values are in flight.
+  bool awaitsStore();
+
+  std::vector<Dropped> takeDropped();
+  void returnDropped(const std::vector<Dropped>& told);
+  Account account();
+  std::size_t mirrored();
+  std::uint64_t turnedAway();
+  std::string run();
+  bool exports(std::string_view key) const { return selection_.exports(key); }
+
+ private:
+  struct Key {
+    KeyNamePointer name;  ///< Null for what is not exported.
+    bool isKept = false;
+    std::uint64_t n = 0;    ///< Raises since the start of the run.
+    std::uint32_t nth = 0;  ///< Of the change told last.
+    bool isEvent = false;
+  };
+  Key& keyOf(std::string_view name) HX_REQUIRES(mutex_);
+  void state(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
+  void raise(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
+  void setValue(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
+  Record recordOf(const Key& key, const journal::Change& change) const HX_REQUIRES(mutex_);
+  void tellStranger(const journal::Change& change) HX_REQUIRES(mutex_);
+  void wake() HX_REQUIRES(mutex_);
+
+  const Selection selection_;
+  const Bounds bounds_;
+
+  Mutex mutex_;
+  std::condition_variable_any changed_;
+  std::string run_ HX_GUARDED_BY(mutex_);
+  std::map<std::string, Key, std::less<>> keys_ HX_GUARDED_BY(mutex_);
+  std::set<std::string, std::less<>> unseen_ HX_GUARDED_BY(mutex_);  // By the snapshot that follows a gap.
+  bool knowsRaises_ HX_GUARDED_BY(mutex_) = false;  // The first snapshot is complete: what is left out is missed.
+  bool isIdle_ HX_GUARDED_BY(mutex_) = false;       // The sender sleeps.
+  bool hasNew_ HX_GUARDED_BY(mutex_) = false;       // Since the sender took something last.
+  bool toldStranger_ HX_GUARDED_BY(mutex_) = false;
+  bool toldLong_ HX_GUARDED_BY(mutex_) = false;
+  bool toldTooMany_ HX_GUARDED_BY(mutex_) = false;
+  Outbox live_ HX_GUARDED_BY(mutex_);
+  Outbox kept_ HX_GUARDED_BY(mutex_);
+  LastValues values_ HX_GUARDED_BY(mutex_);
+};
+
+}  // namespace HX::fleet

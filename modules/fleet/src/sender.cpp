@@ -1,0 +1,190 @@
+#include "sender.h"
+
+#include "hub.h"
+
+#include <algorithm>
+#include <charconv>
+#include <utility>
+
+#include <fmt/format.h>
+
+namespace HX::fleet {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kStoreLimit = 2s;   // For an acknowledgement.
+constexpr auto kServerLimit = 2s;  // For the server's answer.
+constexpr auto kProbeGap = 1s;
+constexpr auto kIdle = 200ms;
+constexpr std::size_t kAll = 4096;  // More are never in flight.
+
+}  // namespace
+
+Sender::Sender(Outgoing& outgoing, FleetSubjects subjects, std::string robot)
+    : outgoing_(outgoing), subjects_(std::move(subjects)), robot_(std::move(robot)) {
+  thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+}
+
+Sender::~Sender() { use(nullptr); }
+
+void Sender::use(std::shared_ptr<Connection> connection) {
+  const MutexLock lock(mutex_);
+  connection_.swap(connection);
+  cut_.clear();
+  given_.notify_all();
+}
+
+std::string Sender::cut() const {
+  const MutexLock lock(mutex_);
+  return cut_;
+}
+
+void Sender::run(const std::stop_token& stop) {
+  while (!stop.stop_requested()) {
+    std::shared_ptr<Connection> connection;
+    {
+      MutexLock lock(mutex_);
+      given_.wait(lock.native(), stop, [&]() HX_REQUIRES(mutex_) { return connection_ && connection_->isOpen(); });
+      connection = connection_;
+    }
+    if (!connection || stop.stop_requested()) continue;
+    try {
+      listen(*connection);
+      serve(*connection, stop);
+    } catch (const std::exception&) {  // It has ended, for a reason that whoever gave it finds out too.
+    }
+    outgoing_.giveBackLive();
+    outgoing_.giveBackStored();
+    const MutexLock lock(mutex_);
+    if (connection_ == connection) connection_.reset();
+  }
+}
+
+void Sender::serve(Connection& connection, const std::stop_token& stop) {
+  awaitsStore_ = false;
+  const auto isCurrent = [&] {
+    const MutexLock lock(mutex_);
+    return connection_.get() == &connection;
+  };
+  while (!stop.stop_requested() && connection.isOpen() && isCurrent()) {
+    if (!work(connection)) outgoing_.await(kIdle, !isCut(), stop);
+  }
+}
+
+/// @return Whether there was something to do.
+bool Sender::work(Connection& connection) {
+  const auto now = Clock::now();
+  const bool awaits = outgoing_.awaitsStore();
+  bool isLate = false;
+  {
+    const MutexLock lock(mutex_);
+    if (awaits && !awaitsStore_) lastAnswer_ = now;
+    awaitsStore_ = awaits;
+    isLate = awaits && now - lastAnswer_ > kStoreLimit;
+  }
+  const std::string refused = connection.lastError();
+  if (isLate) becomeCut(refused.empty() ? "the hub's store does not answer" : refused);
+  const bool isCutNow = isCut();
+  const bool isProbe = isCutNow && now >= nextProbe_;
+  if (isProbe) {
+    nextProbe_ = now + kProbeGap;
+    outgoing_.giveBackStored();
+  }
+  const std::size_t probed = isProbe ? 1 : 0;
+  const Outgoing::Work work = outgoing_.take(isCutNow ? probed : kAll);
+  if (work.isEmpty()) return false;
+  send(connection, work);
+  return true;
+}
+
+void Sender::send(Connection& connection, const Outgoing::Work& work) {
+  for (const EventPointer& event : work.live) {
+    connection.publish(subjects_.event(robot_, event->key->subject), event->payload);
+  }
+  for (const EventPointer& event : work.kept) {
+    connection.publish({subjects_.event(robot_, event->key->subject),
+                        event->payload,
+                        fmt::format("{}.kept.{}", connection.inbox(), event->id),
+                        {{"Nats-Msg-Id", fmt::format("{}.{}.{}", robot_, outgoing_.run(), event->id)}}});
+  }
+  for (const LastValues::Put& put : work.values) {
+    Letter letter{subjects_.put(subjects_.valueBucket(), fmt::format("{}.{}", robot_, put.key->subject)),
+                  put.record ? toPayload(*put.record) : std::string(),
+                  fmt::format("{}.value.{}", connection.inbox(), put.id),
+                  {{"Nats-Expected-Last-Subject-Sequence", std::to_string(put.follows)}}};
+    if (!put.record) letter.headers.emplace_back("KV-Operation", "DEL");
+    connection.publish(letter);
+  }
+  if (work.live.empty()) return;
+  connection.flush(kServerLimit);
+  outgoing_.confirmLive();
+}
+
+void Sender::listen(Connection& connection) {
+  connection.subscribe(connection.inbox() + ".kept.*", [this](const Message& message) { onEventAnswer(message); });
+  connection.subscribe(connection.inbox() + ".value.*", [this](const Message& message) { onValueAnswer(message); });
+}
+
+std::uint64_t Sender::numberOf(std::string_view subject) {
+  std::uint64_t number = 0;
+  const auto begin = subject.rfind('.') + 1;
+  std::from_chars(subject.data() + begin, subject.data() + subject.size(), number);
+  return number;
+}
+
+void Sender::onEventAnswer(const Message& message) {
+  // Most say nothing but that it is stored, and there are many.
+  const bool isPlain = message.status() == 0 && message.data().find("\"error\"") == std::string_view::npos;
+  if (!isPlain) {
+    return becomeCut(message.status() == kNoResponders ? "the hub has no store for events: korvo fleet init"
+                                                       : std::string(message.data()));
+  }
+  outgoing_.confirmKept(numberOf(message.subject()));
+  noteAnswer();
+}
+
+void Sender::onValueAnswer(const Message& message) {
+  StoreAnswer answer;
+  try {
+    answer = toAnswer(message);
+  } catch (const std::exception& error) {
+    return becomeCut(error.what());
+  }
+  const std::uint64_t id = numberOf(message.subject());
+  noteAnswer();
+  // Numbers rise for as long as the bucket is the same.
+  const bool isNew = answer.isStored() && answer.sequence <= highest_;
+  if (answer.isStored()) highest_ = answer.sequence;
+  outgoing_.onValues([&](LastValues& values) {
+    if (answer.isStored()) {
+      values.stored(id, answer.sequence);
+    } else if (answer.last) {
+      values.refused(id, *answer.last);
+    } else {
+      values.rejected(id);
+    }
+    if (isNew) values.beginAnew();
+  });
+}
+
+void Sender::becomeCut(const std::string& why) {
+  {
+    const MutexLock lock(mutex_);
+    if (!cut_.empty()) return;
+    cut_ = why;
+  }
+  outgoing_.giveBackStored();
+}
+
+void Sender::noteStore() {
+  if (!outgoing_.awaitsStore()) noteAnswer();
+}
+
+void Sender::noteAnswer() {
+  const MutexLock lock(mutex_);
+  lastAnswer_ = Clock::now();
+  cut_.clear();
+}
+
+}  // namespace HX::fleet
