@@ -31,10 +31,10 @@ std::vector<std::string> namedKeys(Arguments& arguments) {
   return keys;
 }
 
-std::vector<std::string> keysWithPrefix(HXMemoryProxy& memory, const std::vector<std::string>& prefixes) {
+std::vector<std::string> keysWithPrefix(Target& target, const std::vector<std::string>& prefixes) {
   std::set<std::string> keys;
   for (const std::string& prefix : prefixes) {
-    auto found = memory.getDataList(prefix);
+    auto found = target.keys(prefix);
     std::erase_if(found, [&](const std::string& key) { return !key.starts_with(prefix); });
     if (found.empty()) throw std::runtime_error(fmt::format("no key begins with {}", excerpt(prefix)));
     keys.insert(found.begin(), found.end());
@@ -56,9 +56,9 @@ void confirm(Context& context, std::string_view what, const std::vector<std::str
 }
 
 /// The name that may have been meant where there is no such key.
-std::string suggestKey(HXMemoryProxy& memory, const std::string& key) {
+std::string suggestKey(Target& target, const std::string& key) {
   try {
-    return didYouMean(key, memory.getDataListName());
+    return didYouMean(key, target.keys(""));
   } catch (const std::exception&) {  // The first error tells more.
     return {};
   }
@@ -75,8 +75,7 @@ bool isOfTheMemoryItself(std::string_view key) {
 std::vector<std::string> keysOf(Context& context, Arguments& arguments) {
   auto names = namedKeys(arguments);
   if (!arguments.has(kPrefix.name)) return names;
-  auto memory = context.target.memory();
-  return keysWithPrefix(memory, names);
+  return keysWithPrefix(context.target, names);
 }
 
 std::vector<std::string> keysToChange(Context& context, Arguments& arguments, std::string_view what) {
@@ -96,7 +95,7 @@ void forEachKey(Context& context, const std::vector<std::string>& keys,
       use(memory, key);
     } catch (const HX::HXError& error) {
       if (last) context.output.error(*last);
-      last = error.what() + suggestKey(memory, key);
+      last = error.what() + suggestKey(context.target, key);
     }
   }
   if (last) throw std::runtime_error(*last);

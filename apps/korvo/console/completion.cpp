@@ -57,7 +57,7 @@ Words namesOf(const mw::MetaObject& object, bool signals) {
 Words askBroker(const std::string& broker, const std::string& wanted, const Words& arguments,
                 const std::string& begun) {
   RemoteTarget target(broker, kPatience);
-  if (wanted == "KEY" || wanted == "FILTER") return target.memory().getDataList(begun);
+  if (wanted == "KEY" || wanted == "FILTER") return target.keys(begun);
   if (wanted == "EVENT") return target.memory().getEventList();
   if (wanted == "SERVICE" || wanted == "EXTRACTOR") return target.services();
   if (wanted == "METHOD" || wanted == "SIGNAL") {

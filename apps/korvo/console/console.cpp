@@ -64,8 +64,8 @@ std::vector<std::string> Console::complete(std::string_view line) {
   std::vector<std::string> found;
   if (line.find_first_not_of(" \t") >= begin) {
     for (const Command& command : commands()) found.emplace_back(command.name);
-  } else if (const auto memory = context_.target.find("HXMemory")) {
-    found = HX::HXMemoryProxy(memory).getDataListName();
+  } else if (context_.target.find("HXMemory")) {
+    found = context_.target.keys("");
   }
   std::erase_if(found, [&](const std::string& name) {
     return !name.starts_with(word) || formatName(name, NameReader::Console) != name;

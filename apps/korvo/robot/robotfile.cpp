@@ -84,7 +84,7 @@ class RobotReader {
 
   void addModule(const std::string& name, const HX::SettingPlace& place, const GivenSettings& settings) {
     RobotModule module{name, name, false, place, settings};
-    const auto take = [&](Setting setting) {
+    const auto take = [&](const Setting& setting) {
       const auto given = module.settings.entries.find(setting.name());
       if (given == module.settings.entries.end()) return setting.otherwise();
       const HXValue value = read(setting, fmt::format("modules.{}.{}", name, setting.name()), given->second);

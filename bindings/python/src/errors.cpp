@@ -37,7 +37,8 @@ const char* familyOf(mw::FutureError::Kind kind) {
   return "error";
 }
 
-void translate(std::exception_ptr error) {
+// pybind11 states the signature.
+void translate(std::exception_ptr error) {  // NOLINT(performance-unnecessary-value-param)
   try {
     std::rethrow_exception(error);
   } catch (const py::error_already_set&) {

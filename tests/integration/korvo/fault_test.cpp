@@ -37,6 +37,30 @@ INSTANTIATE_TEST_SUITE_P(UnderTheOutputOf, FullDisk,
                                          "get KorvoReady", "export", "services"),
                          [](const auto& row) { return "Command" + std::to_string(row.index); });
 
+// So many of the longest names are larger than the largest message that a broker sends.
+TEST(Listings, ThatFitNoMessageComeInParts) {
+  constexpr int kKeys = 1310;
+  Process broker(shell("exec $korvo run --name many"));
+  ASSERT_TRUE(broker.waitFor(" is running: "));
+  std::string exported;
+  for (int i = 0; i < kKeys; ++i) {
+    const std::string key = "Long/" + std::to_string(10000 + i);
+    exported += R"({"key":")" + key + std::string(65536 - key.size(), 'x');
+    exported += R"(","kind":"Data","value":1,"description":""})"
+                "\n";
+  }
+  ASSERT_EQ(kit::runProcess(shell("exec $korvo import - --broker many"), exported).err, "");
+  const auto counted = [](const std::string& command) {
+    return kit::runProcess(shell("$korvo " + command + " --broker many --timeout 60 | grep -c 'Long/.*xxx'"));
+  };
+  for (const char* const command : {"ls", "export", "descriptions"}) {
+    EXPECT_EQ(counted(command).out, std::to_string(kKeys) + "\n") << command;
+  }
+  const auto named = kit::runProcess(shell("exec $korvo call HXMemory getDataListName --broker many"));
+  EXPECT_THAT(named.err, HasSubstr("cannot go to another process")) << "what comes in one piece fails alone";
+  EXPECT_EQ(kit::runProcess(shell("exec $korvo ls KorvoReady --broker many")).out, "KorvoReady\n");
+}
+
 class StandardStreams : public testing::TestWithParam<const char*> {};
 
 TEST_P(StandardStreams, AreNotNeededByABroker) {
