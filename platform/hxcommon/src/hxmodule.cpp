@@ -187,6 +187,7 @@ std::shared_ptr<HXProxy> HXModule::memoryProxy() {
 
 journal::Follow HXModule::follow(journal::Filter filter, std::function<void(const journal::Change&)> onChange,
                                  journal::FollowOptions options) {
+  const Author::Scope inItsName(author());
   options.onGap = inName(author(), std::move(options.onGap));
   options.onComplete = inName(author(), std::move(options.onComplete));
   options.onUnchanged = inName(author(), std::move(options.onUnchanged));

@@ -59,6 +59,7 @@ void RemoteFollow::listen() {
 void RemoteFollow::open() {
   const auto broker = broker_.lock();
   if (!broker) throw std::runtime_error("the broker is gone");
+  const Author::Scope inItsName(who_);
   const auto service = requireJournalService(*broker);
   journal::FollowOptions options = options_;
   std::uint64_t opening = 0;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <hxauthor/author.h>
 #include <hxerror/mutex.h>
 #include <hxjournal/batch.h>
 #include <hxjournal/filter.h>
@@ -83,6 +84,7 @@ class RemoteFollow : public journal::Following, public std::enable_shared_from_t
   void dropCallbacks() noexcept;
 
   const std::weak_ptr<HXBroker> broker_;
+  const Author who_ = Author::present();  // In whose name it follows, also when it opens anew.
   const journal::Filter filter_;
   Listener onChange_;  // These two go when it has ended and no callback runs.
   journal::FollowOptions options_;

@@ -1,3 +1,4 @@
+#include "broker.h"
 #include "program.h"
 #include "temporary_folder.h"
 
@@ -12,48 +13,20 @@
 namespace {
 
 using namespace std::chrono_literals;
+using kit::Broker;
+using kit::check;
+using kit::isAnswered;
 using kit::korvo;
 using kit::module;
 using kit::Process;
+using kit::Row;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 using Text = testing::Matcher<const std::string&>;
 using Words = std::vector<std::string>;
 
-/// A broker that others find once this has been made.
-class Broker {
- public:
-  explicit Broker(Words options = {}) {
-    options.insert(options.begin(), "run");
-    process_.emplace(korvo(std::move(options)));
-    if (!process_->waitFor(" is running: ")) throw std::runtime_error("the broker did not start");
-  }
-  Process& operator*() { return *process_; }
-  Process* operator->() { return &*process_; }
-
- private:
-  std::optional<Process> process_;
-};
-
 std::string nested(std::size_t depth) { return std::string(depth, '[') + "1" + std::string(depth, ']'); }
-
-/// One command line and what comes of it.
-struct Row {
-  Words words;
-  Text out = "";
-  Text err = "";
-  int status = 0;
-  std::string input = {};
-};
-
-void check(const Row& row) {
-  SCOPED_TRACE(testing::PrintToString(row.words));
-  const auto result = kit::runKorvo(row.words, row.input);
-  EXPECT_THAT(result.out, row.out);
-  EXPECT_THAT(result.err, row.err);
-  EXPECT_EQ(result.status, row.status);
-}
 
 TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
   const Broker broker({"--module", module("greeter"), "--module", module("sleeper")});
@@ -271,15 +244,6 @@ TEST(Host, OffersItsModulesThroughTheBrokerAndFindsItAgain) {
   const auto result = host.finish(10s);
   EXPECT_EQ(result.out, "Greeter leaves\n");
   EXPECT_EQ(result.status, 0);
-}
-
-/// Whether `words` are answered with `out`, sooner or later.
-bool isAnswered(const Words& words, const Text& out) {
-  const auto deadline = Process::Clock::now() + 30s;
-  while (Process::Clock::now() < deadline) {
-    if (testing::Matches(out)(kit::runKorvo(words).out)) return true;
-  }
-  return false;
 }
 
 TEST(Extractor, KnowsItsSubscribersWhoeverIsKilledOrStartedAnew) {
