@@ -127,30 +127,50 @@ void Feed::sendIfFull() {
   if (writer_.lines() >= kBatchLines || writer_.bytes() >= kBatchBytes) send();
 }
 
+/// Without memory nothing has been sent, and nothing counts as under way that was not.
 void Feed::send() {
   HXValue value;
+  journal::Position position;
   {
     const std::lock_guard lock(mutex_);
     if (!follow_) return;
-    const journal::Position position = follow_.position();
-    linesSinceAsked_ += writer_.lines();
-    bytesSinceAsked_ += writer_.bytes();
-    lines_ += writer_.lines();
-    bytes_ += writer_.bytes();
-    const bool isAsked = linesSinceAsked_ >= kAskLines || bytesSinceAsked_ >= kAskBytes;
-    if (isAsked) {
-      unanswered_.push_back({writer_.number(), std::exchange(linesSinceAsked_, 0), std::exchange(bytesSinceAsked_, 0)});
-    }
-    value = writer_.take(position, isAsked);
-    sent_ = position;
+    position = follow_.position();
+    value = take(position);
     if (isFull()) {
       full_ = true;
       follow_.pause();
     }
   }
+  try {
+    batch(value);
+  } catch (const std::bad_alloc&) {
+    writer_.takeBack();
+    throw;
+  }
   sentAt_ = std::chrono::steady_clock::now();
   saidPause_ = false;
-  batch(value);
+  const std::lock_guard lock(mutex_);
+  sent_ = position;
+}
+
+/// The batch, and what it takes counted as under way. With `mutex_` held.
+HXValue Feed::take(journal::Position position) {
+  const Asked since{writer_.number(), linesSinceAsked_ + writer_.lines(), bytesSinceAsked_ + writer_.bytes()};
+  const bool isAsked = since.lines >= kAskLines || since.bytes >= kAskBytes;
+  if (isAsked) unanswered_.push_back(since);
+  lines_ += writer_.lines();
+  bytes_ += writer_.bytes();
+  try {
+    HXValue value = writer_.take(position, isAsked);
+    linesSinceAsked_ = isAsked ? 0 : since.lines;
+    bytesSinceAsked_ = isAsked ? 0 : since.bytes;
+    return value;
+  } catch (...) {
+    if (isAsked) unanswered_.pop_back();
+    lines_ -= writer_.lines();
+    bytes_ -= writer_.bytes();
+    throw;
+  }
 }
 
 }  // namespace HX

@@ -78,6 +78,7 @@ class Feed : public std::enable_shared_from_this<Feed> {
   void onPause();
   void sendIfFull();
   void send();
+  HXValue take(journal::Position position);
   bool isFull() const noexcept { return lines_ >= kMostLines || bytes_ >= kMostBytes; }
   bool isHalfFull() const noexcept { return lines_ >= kMostLines / 2 || bytes_ >= kMostBytes / 2; }
 

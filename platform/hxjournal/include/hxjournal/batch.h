@@ -55,6 +55,8 @@ class HX_API BatchWriter {
   /// @return The batch. They are numbered from 1 on.
   /// @throws std::bad_alloc, with nothing taken.
   HXValue take(Position position, bool acknowledge);
+  /// The batch that was taken last cannot be sent: the next one gets its number, for the reader counts them.
+  void takeBack() noexcept { --number_; }
   /// The number of the batch that is taken next.
   std::uint64_t number() const noexcept { return number_; }
 
