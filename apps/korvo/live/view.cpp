@@ -208,7 +208,23 @@ class LiveScreen {
   Clock::time_point nextDraw_;
 };
 
-void printTable(LiveModel& model, LiveFeed& feed, HX::HXProxy& memory, Output& output) {
+/// Who subscribes is in no feed. It is asked for keys of which it is not known, and for all of them now and then.
+void askForSubscribers(LiveModel& model, LiveFeed& feed, HX::HXProxy& memory, bool ofAll) {
+  std::vector<std::string> keys;
+  {
+    const auto held = feed.lock();
+    for (const LiveRow& row : model.page(model.keyCount(), mw::systemNow())) {
+      if (ofAll || (row.facts && !row.facts->subscribers)) keys.push_back(row.key);
+    }
+  }
+  askInParts(memory, keys, {askSubscribers}, [&](const std::string& key, KeyAnswers& answers) {
+    const auto count = answers[0].reference().to<std::vector<std::string>>().size();
+    const auto held = feed.lock();
+    model.learnSubscribers(key, count);
+  });
+}
+
+void printTable(LiveModel& model, LiveFeed& feed, Output& output) {
   const auto now = mw::systemNow();
   std::vector<LiveRow> rows;
   std::size_t keyColumns = 0;
@@ -217,14 +233,6 @@ void printTable(LiveModel& model, LiveFeed& feed, HX::HXProxy& memory, Output& o
     rows = model.page(model.keyCount(), now);
     keyColumns = model.keyColumns();
   }
-  std::vector<std::string> keys;
-  keys.reserve(rows.size());
-  for (const LiveRow& row : rows) keys.push_back(row.key);
-  auto row = rows.begin();
-  askInParts(memory, keys, {askSubscribers}, [&](const std::string& key, KeyAnswers& answers) {
-    row = std::ranges::find(row, rows.end(), key, &LiveRow::key);
-    if (row->facts) row->facts->subscribers = answers[0].reference().to<std::vector<std::string>>().size();
-  });
   output.line(formatTime(now));
   for (LiveRow& one : rows) one.isChosen = false;  // There is nobody to choose.
   for (const auto& line : drawTable(rows, layOut(0, keyColumns), Painter(false), now)) output.line(line);
@@ -239,9 +247,11 @@ void printTables(Target& target, Output& output, const std::string& filter, int 
     if (waitReadable({stop, feed.file()}) == 0) return;
     feed.advance({});
   }
-  while (output.works()) {
+  constexpr unsigned kTablesForALook = 10;
+  for (unsigned table = 0; output.works(); ++table) {
     feed.advance({});
-    printTable(model, feed, *target.memory().proxy(), output);
+    askForSubscribers(model, feed, *target.memory().proxy(), table % kTablesForALook == 0);
+    printTable(model, feed, output);
     if (waitReadable({stop}, 1s) == 0) return;
   }
 }
