@@ -17,6 +17,7 @@ namespace fuzz {
 using Input = std::span<const std::uint8_t>;
 
 void batch(Input input);    ///< What a client is told of changes, and what it asks for.
+void filter(Input input);   ///< Patterns of keys, as somebody who follows names them.
 void json(Input input);     ///< JSON texts: files, the console, the command line.
 void msgpack(Input input);  ///< MessagePack, and where its values end in a stream.
 void link(Input input);     ///< What a peer of a broker sends, frame by frame.

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,12 +13,18 @@
 namespace {
 
 const std::map<std::string, void (*)(fuzz::Input)> kHarnesses{
-    {"batch", fuzz::batch},     {"console", fuzz::console}, {"json", fuzz::json}, {"link", fuzz::link},
-    {"mapfile", fuzz::mapfile}, {"msgpack", fuzz::msgpack}, {"web", fuzz::web}};
+    {"batch", fuzz::batch}, {"console", fuzz::console}, {"filter", fuzz::filter},   {"json", fuzz::json},
+    {"link", fuzz::link},   {"mapfile", fuzz::mapfile}, {"msgpack", fuzz::msgpack}, {"web", fuzz::web}};
 
 std::vector<std::uint8_t> contentOf(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);
   return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+std::vector<std::string> names() {
+  std::vector<std::string> all;
+  for (const auto& [name, harness] : kHarnesses) all.push_back(name);
+  return all;
 }
 
 class Corpus : public testing::TestWithParam<std::string> {};
@@ -39,7 +46,7 @@ TEST_P(Corpus, AndEveryBeginningOfItsInputsIsTaken) {
   EXPECT_GT(files, 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Harness, Corpus, testing::Values("batch", "console", "json", "link", "mapfile", "msgpack"),
+INSTANTIATE_TEST_SUITE_P(Harness, Corpus, testing::ValuesIn(names()),
                          [](const auto& harness) { return harness.param; });
 
 }  // namespace
