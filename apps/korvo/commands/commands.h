@@ -54,6 +54,7 @@ std::span<const Command> valueCommands();
 std::span<const Command> eventCommands();
 std::span<const Command> watchCommands();
 std::span<const Command> freshnessCommands();
+std::span<const Command> keeperCommands();
 std::span<const Command> inspectCommands();
 std::span<const Command> serviceCommands();
 std::span<const Command> transferCommands();

@@ -293,6 +293,9 @@ std::vector<string> doctorText(const std::vector<mw::RunningBroker>& brokers, co
   }
   sheet.addRows("dropped", std::exchange(rows, {}));
   addExtractors(sheet, answer);
+  if (const HXValue& kept = entry(answer, "kept"); kept.isMap()) {
+    sheet.add("kept", fmt::format("{} keys in {}", entry(kept, "keys").toInt64(), textIn(kept, "folder")));
+  }
   for (const HXValue& one : listIn(answer, "severalAuthors")) {
     std::vector<string> authors;
     for (const HXValue& author : listIn(one, "authors")) authors.push_back(authorText(author.asString()));

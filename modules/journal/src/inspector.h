@@ -52,6 +52,7 @@ class Inspector {
   void addProductions(Map& told, List& wrong);
   void addChanges(Map& told) const;
   void addOverdue(Map& told, List& wrong) const;
+  void addKept(Map& told, List& wrong) const;
 
   bool isThere(const std::string& service) const;
 

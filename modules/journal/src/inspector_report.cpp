@@ -50,6 +50,7 @@ HXValue Inspector::report() {
   addFollowers(told, wrong);
   addProductions(told, wrong);
   addOverdue(told, wrong);
+  addKept(told, wrong);
   told.emplace("wrong", HXValue::list(std::move(wrong)));
   return HXValue::map(std::move(told));
 }
@@ -179,6 +180,21 @@ void Inspector::addOverdue(Map& told, List& wrong) const {
     told.emplace("overdue", overdue);
   } catch (const std::exception& error) {
     wrong.emplace_back(fmt::format("HXFreshness cannot say what is overdue: {}", error.what()));
+  }
+}
+
+/// Where keys are kept on a disk.
+void Inspector::addKept(Map& told, List& wrong) const {
+  if (!isThere("HXKeeper")) return;
+  try {
+    const auto state = broker_->getProxy("HXKeeper")->call<HXValue>("state");
+    if (const std::string& failure = state["failure"].asString(); !failure.empty()) {
+      wrong.emplace_back(fmt::format("{} keys are not on the disk: {}", state["unwritten"].toInt64(), failure));
+    }
+    for (const HXValue& complaint : state["complaints"].asList()) wrong.push_back(complaint);
+    told.emplace("kept", state);
+  } catch (const std::exception& error) {
+    wrong.emplace_back(fmt::format("HXKeeper cannot say what it keeps: {}", error.what()));
   }
 }
 

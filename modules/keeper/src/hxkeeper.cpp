@@ -19,10 +19,9 @@ using namespace std::chrono_literals;
 using keeper::Row;
 
 const char* const kCategory = "hxkeeper";
-constexpr auto kRetry = 1s;        // From one attempt at a disk that refuses to the next.
-constexpr auto kPatience = 2ms;    // Of `flush`, between two looks.
-constexpr auto kFarewell = 3s;     // How long an exit waits for the disk.
-constexpr std::uint8_t kData = 1;  // What the memory calls data.
+constexpr auto kRetry = 1s;      // From one attempt at a disk that refuses to the next.
+constexpr auto kPatience = 2ms;  // Of `flush`, between two looks.
+constexpr auto kFarewell = 3s;   // How long an exit waits for the disk.
 
 std::vector<std::string> textsOf(const HXValue& list) {
   std::vector<std::string> texts;
@@ -38,7 +37,8 @@ HXKeeper::HXKeeper(const std::shared_ptr<HXBroker>& broker, const std::string& n
   addSetting(Setting::text("folder", "kept", "Where, in a folder that no other broker uses."));
   addSetting(Setting::duration("window", "50ms", "How long changes are gathered before they are written.")
                  .between("1ms", "1h"));
-  patterns_ = textsOf(settings()["keep"]);
+  given_ = textsOf(settings()["keep"]);
+  wanted_ = journal::Filter(given_);
   folder_ = settings()["folder"].asString();
   window_ = toDuration(settings()["window"]);
   bindMethods();
@@ -49,12 +49,20 @@ HXKeeper::~HXKeeper() { follow_.end(); }
 void HXKeeper::bindMethods() {
   functionName("flush", getName(), "Returns once all that was written before is on the disk.");
   bindMethod(this, &HXKeeper::flush);
+  functionName("keep", getName(), "Keeps what the patterns name too, from now on and whenever this store is opened.");
+  addParam("patterns", "Keys, prefixes that end with /, and globs.");
+  bindMethod(this, &HXKeeper::keep);
+  functionName("forget", getName(), "Keeps what the patterns name no longer, and takes it off the disk.");
+  addParam("patterns", "As they were given to keep; or others, of what earlier settings have left in the store.");
+  bindMethod(this, &HXKeeper::forget);
   functionName("kept", getName(), "Lists the keys that are kept.");
   setReturn("keys", "Sorted.");
   bindMethod(this, &HXKeeper::kept);
   functionName("state", getName(), "Says what is kept where, and whether the disk takes it.");
   setReturn("state",
-            "{folder, keep: the patterns, keys: how many, failure: why the disk refuses, empty when it does not}");
+            "{folder, keep: the patterns, chosen: those of them that were added by keep, keys: how many, unwritten: of "
+            "how many the disk has not the latest, failure: why the disk refuses, empty when it does not, complaints: "
+            "what was wrong with the store when it was opened}");
   bindMethod(this, &HXKeeper::state);
 }
 
@@ -70,7 +78,10 @@ void HXKeeper::exit() {
   } catch (const std::exception& error) {
     mw::log::error(kCategory, "exit", fmt::format("what was written last is not kept: {}", error.what()));
   }
-  follow_.end();
+  {
+    const std::lock_guard lock(followMutex_);
+    follow_.end();
+  }
   if (writer_.joinable()) {
     writer_.request_stop();
     writer_.join();
@@ -81,43 +92,80 @@ void HXKeeper::exit() {
 /// @return False when that has to be tried again.
 bool HXKeeper::openStore() {
   try {
-    store_.emplace(folder_);
-    const keeper::Rows rows = store_->read();
-    for (const std::string& complaint : store_->complaints()) mw::log::error(kCategory, "open", complaint);
+    const keeper::Rows rows = readStore();
+    logComplaints();
     restore(rows);
     report({});
     return true;
   } catch (const std::exception& error) {
-    store_.reset();
+    {
+      const std::lock_guard lock(storeMutex_);
+      store_.reset();
+    }
     report(error.what());
     return false;
   }
 }
 
+bool HXKeeper::isStoreOpen() {
+  const std::lock_guard lock(storeMutex_);
+  return store_.has_value();
+}
+
+/// Opens it, and takes over the patterns that it has.
+keeper::Rows HXKeeper::readStore() {
+  const std::lock_guard openLock(storeMutex_);
+  if (store_) return store_->read();
+  store_.emplace(folder_);
+  keeper::Rows rows = store_->read();
+  const std::lock_guard lock(mutex_);
+  complaints_ = store_->complaints();
+  addChosen(store_->patterns());
+  return rows;
+}
+
+void HXKeeper::logComplaints() {
+  std::vector<std::string> complaints;
+  {
+    const std::lock_guard lock(mutex_);
+    complaints = complaints_;
+  }
+  for (const std::string& complaint : complaints) mw::log::error(kCategory, "open", complaint);
+}
+
 /// What is not wanted stays in the store: it may be wanted again, and a slip in the settings must not cost it.
 void HXKeeper::restore(const keeper::Rows& rows) {
-  if (patterns_.empty()) return;
   const auto memory = getParentBroker()->interfaceOf<DataRestorer>("HXMemory");
   if (!memory) throw std::runtime_error("HXKeeper is not in the process of the memory");
-  const journal::Filter wanted(patterns_);
   for (const auto& [key, row] : rows) {
-    if (!wanted.wantsKey(key)) continue;
     {
       // Before it is there: changes of it may be told at once.
       const std::lock_guard lock(mutex_);
-      rows_.try_emplace(key, row);
+      if (!isWanted(key)) {
+        left_.insert(key);
+        continue;
+      }
+      left_.erase(key);
+      if (!rows_.try_emplace(key, row).second) continue;
     }
-    if (memory->restoreData(key, row.value, row.description, row.time)) continue;
-    // What the memory has is newer. If it is data, that is told too.
-    const std::lock_guard lock(mutex_);
-    const auto known = rows_.find(key);
-    if (known != rows_.end() && known->second.time == row.time) rows_.erase(known);
-    mark(key);
+    // Where it is there already, it is newer, and the snapshot tells it.
+    memory->restoreData(key, row.value, row.description, row.time);
   }
 }
 
 void HXKeeper::followChanges() {
-  if (patterns_.empty()) return;
+  const std::lock_guard followLock(followMutex_);
+  follow_.end();
+  follow_ = {};
+  journal::Filter filter;
+  {
+    const std::lock_guard lock(mutex_);
+    isSnapshot_ = true;
+    seen_.clear();
+    if (patterns().empty()) return;
+    filter = wanted_;
+  }
+  filter.addKind(kDataKind);
   journal::FollowOptions options;
   options.promptness = journal::Promptness::Relaxed;
   options.onGap = [this](const journal::Gap&) {
@@ -130,117 +178,67 @@ void HXKeeper::followChanges() {
     seen_.emplace(key);
   };
   options.onComplete = [this](journal::Position) { onSnapshotEnd(); };
-  journal::Filter filter(patterns_);
-  filter.addKind(kData);
   follow_ = follow(
       std::move(filter), [this](const journal::Change& change) { onChange(change); }, std::move(options));
 }
 
-void HXKeeper::onChange(const journal::Change& change) {
-  // A state has no description, and one that was set before the journal recorded is told by no change.
-  const std::string description = change.isState && change.kind == kData ? descriptionOf(change.key) : std::string();
-  const std::lock_guard lock(mutex_);
-  if (change.what == journal::What::Described) {
-    noteDescription(std::string(change.key), change.value.isString() ? change.value.asString() : std::string());
-  } else if (change.what == journal::What::Removed || change.kind != kData) {
-    noteRemoval(std::string(change.key));
-  } else if (change.value.isValid()) {
-    noteValue(change);
-    if (!description.empty()) noteDescription(std::string(change.key), description);
-  }
-}
-
-std::string HXKeeper::descriptionOf(std::string_view key) {
-  try {
-    const HXValue found = memory().getDescriptionList({std::string(key)});
-    // As many empty entries as keys, and then [name, kind, text].
-    return found.getSize() > 1 ? found[1][2].asString() : std::string();
-  } catch (const HXError&) {  // It has been removed meanwhile, of which a change tells.
-    return {};
-  }
-}
-
-void HXKeeper::noteValue(const journal::Change& change) {
-  if (isSnapshot_) seen_.emplace(change.key);
-  const auto known = rows_.find(change.key);
-  // What was restored is told by the snapshot again.
-  if (change.isState && known != rows_.end() && known->second.value == change.value) return;
-  Row& row = known != rows_.end() ? known->second : rows_[std::string(change.key)];
-  row.value = change.value;
-  row.time = change.time;
-  mark(std::string(change.key));
-}
-
-void HXKeeper::noteDescription(const std::string& key, const std::string& text) {
-  const auto known = rows_.find(key);
-  if (known == rows_.end() || known->second.description == text) return;
-  known->second.description = text;
-  mark(key);
-}
-
-void HXKeeper::noteRemoval(const std::string& key) {
-  if (rows_.erase(key) > 0) mark(key);
-}
-
-void HXKeeper::mark(const std::string& key) {
-  dirty_.insert(key);
-  ++noted_;
-  changed_.notify_all();
-}
-
-/// A key that no snapshot tells has gone meanwhile.
-void HXKeeper::onSnapshotEnd() {
-  const std::lock_guard lock(mutex_);
-  if (!std::exchange(isSnapshot_, false)) return;
-  std::vector<std::string> gone;
-  for (const auto& [key, row] : rows_) {
-    if (!seen_.contains(key)) gone.push_back(key);
-  }
-  for (const std::string& key : gone) noteRemoval(key);
-  seen_.clear();
+bool HXKeeper::isFollowedTo(std::uint64_t revision) {
+  const std::lock_guard lock(followMutex_);
+  return !follow_ || follow_.position().revision >= revision;
 }
 
 void HXKeeper::run(const std::stop_token& stop) {
+  const Author::Scope inItsName(author());
   bool isLast = false;
   while (!isLast) {
-    std::set<std::string> keys;
-    std::uint64_t upTo = 0;
+    Unwritten unwritten;
     {
       std::unique_lock lock(mutex_);
-      changed_.wait(lock, stop, [&] { return !dirty_.empty() || isUrgent_ || !failure_.empty(); });
+      changed_.wait(lock, stop, [&] { return !dirty_.empty() || isChosenNew_ || isUrgent_ || !failure_.empty(); });
       const auto pause = failure_.empty() ? window_ : std::chrono::nanoseconds(kRetry);
       changed_.wait_for(lock, stop, pause, [&] { return isUrgent_; });
       isLast = stop.stop_requested();
       isUrgent_ = false;
-      keys.swap(dirty_);
-      upTo = noted_;
+      unwritten.keys.swap(dirty_);
+      if (std::exchange(isChosenNew_, false)) unwritten.patterns = chosen_;
+      unwritten.upTo = noted_;
     }
-    const bool isOpen = store_ || openStore();
-    if (isOpen && write(keys, upTo)) continue;
+    if (requireStore() && write(unwritten)) continue;
     const std::lock_guard lock(mutex_);
-    dirty_.merge(keys);
+    dirty_.merge(unwritten.keys);
+    if (unwritten.patterns) isChosenNew_ = true;
     ++refusals_;
   }
 }
 
-bool HXKeeper::write(const std::set<std::string>& keys, std::uint64_t upTo) {
+/// By the writer: what could not be opened at the start may be there now.
+bool HXKeeper::requireStore() {
+  if (isStoreOpen()) return true;
+  if (!openStore()) return false;
+  followChanges();  // The store may have patterns of its own.
+  return true;
+}
+
+bool HXKeeper::write(const Unwritten& unwritten) {
   keeper::Store::Changes changes;
   {
     const std::lock_guard lock(mutex_);
-    for (const std::string& key : keys) {
+    for (const std::string& key : unwritten.keys) {
       const auto row = rows_.find(key);
       changes.emplace_back(key, row == rows_.end() ? std::nullopt : std::optional(row->second));
     }
   }
   try {
-    if (!changes.empty()) store_->commit(changes);
+    const std::lock_guard lock(storeMutex_);
+    const auto* const patterns = unwritten.patterns ? &*unwritten.patterns : nullptr;
+    if (!changes.empty() || patterns) store_->commit(changes, patterns);
   } catch (const std::exception& error) {
     report(error.what());
     return false;
   }
   report({});
   const std::lock_guard lock(mutex_);
-  durable_ = upTo;
+  durable_ = unwritten.upTo;
   return true;
 }
 
@@ -259,13 +257,12 @@ void HXKeeper::report(const std::string& failure) {
 void HXKeeper::flush() { flushUntil(Clock::time_point::max()); }
 
 void HXKeeper::flushUntil(Clock::time_point end) {
-  if (patterns_.empty()) return;
   const auto await = [&] {
     if (Clock::now() >= end) throw HXError(getName(), "flush", "it takes too long");
     sleepFor(kPatience);
   };
   const auto latest = retainedChanges(getParentBroker()).latest;
-  while (follow_.position().revision < latest.revision) await();
+  while (!isFollowedTo(latest.revision)) await();
   std::unique_lock lock(mutex_);
   const std::uint64_t wanted = noted_;
   const std::uint64_t refused = refusals_;
@@ -277,21 +274,6 @@ void HXKeeper::flushUntil(Clock::time_point end) {
     await();
     lock.lock();
   }
-}
-
-std::vector<std::string> HXKeeper::kept() {
-  const std::lock_guard lock(mutex_);
-  std::vector<std::string> keys;
-  for (const auto& [key, row] : rows_) keys.push_back(key);
-  return keys;
-}
-
-HXValue HXKeeper::state() {
-  const std::lock_guard lock(mutex_);
-  return HXValue::map({{"folder", folder_.string()},
-                       {"keep", HXValue(patterns_)},
-                       {"keys", static_cast<std::int64_t>(rows_.size())},
-                       {"failure", failure_}});
 }
 
 }  // namespace HX

@@ -63,6 +63,14 @@ std::size_t addRows(sqlite3* database, const char* select, Rows& rows, bool& rea
   return broken;
 }
 
+/// Adds those that are whole.
+void addPatterns(sqlite3* database, std::vector<std::string>& patterns) {
+  Statement statement(database, "SELECT pattern, crc FROM patterns ORDER BY rowid");
+  while (statement.step() == SQLITE_ROW) {
+    if (checksum(statement.bytes(0), {}, {}, 0) == statement.number(1)) patterns.push_back(statement.text(0));
+  }
+}
+
 int execute(sqlite3* database, const char* sql) { return sqlite3_exec(database, sql, nullptr, nullptr, nullptr); }
 
 std::int64_t numberOf(sqlite3* database, const char* sql) {
@@ -104,10 +112,11 @@ Store::Store(const fs::path& folder) : file_(folder / kFile), lock_(folder) {
   open();
   if (!isEmpty && prepare(!wasThere)) return;
   // An empty file would be a good database without a key; it has been a store, and something has cut it.
-  const Rows good = salvage();
+  std::vector<std::string> patterns;
+  const Rows good = salvage(patterns);
   Changes changes;
   for (const auto& [key, row] : good) changes.emplace_back(key, row);
-  commit(changes);
+  commit(changes, &patterns);
 }
 
 Store::~Store() = default;
@@ -143,7 +152,8 @@ bool Store::prepare(bool isNew) {
   const std::string make = fmt::format(
       "BEGIN IMMEDIATE; PRAGMA application_id={};"
       "CREATE TABLE IF NOT EXISTS kept(key BLOB PRIMARY KEY NOT NULL, value BLOB NOT NULL, description BLOB NOT NULL,"
-      " time INTEGER NOT NULL, crc INTEGER NOT NULL); COMMIT",
+      " time INTEGER NOT NULL, crc INTEGER NOT NULL);"
+      "CREATE TABLE IF NOT EXISTS patterns(pattern BLOB PRIMARY KEY NOT NULL, crc INTEGER NOT NULL); COMMIT",
       kApplication);
   const int made = execute(database, make.c_str());
   if (made != SQLITE_OK) execute(database, "ROLLBACK");
@@ -151,7 +161,7 @@ bool Store::prepare(bool isNew) {
   return true;
 }
 
-Rows Store::salvage() {
+Rows Store::salvage(std::vector<std::string>& patterns) {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const fs::path aside =
       fmt::format("{}.damaged-{}", file_.string(), std::chrono::floor<std::chrono::microseconds>(now).count());
@@ -173,6 +183,7 @@ Rows Store::salvage() {
     broken = addRows(opened, kSelect, rows, reachedEnd);
     // What lies behind the damage, as far as it can be reached from there.
     if (!reachedEnd) addRows(opened, kSelectBackwards, rows, reachedEnd);
+    addPatterns(opened, patterns);
   }
   complaints_.push_back(fmt::format("{} was damaged and is now {}; {} keys of it are taken over{}", file_.string(),
                                     aside.string(), rows.size(),
@@ -192,7 +203,13 @@ Rows Store::read() {
   return rows;
 }
 
-void Store::commit(const Changes& changes) {
+std::vector<std::string> Store::patterns() {
+  std::vector<std::string> all;
+  addPatterns(database_.get(), all);
+  return all;
+}
+
+void Store::commit(const Changes& changes, const std::vector<std::string>* patterns) {
   sqlite3* const database = database_.get();
   const auto require = [&](int result) {
     if (result == SQLITE_OK || result == SQLITE_DONE) return;
@@ -222,6 +239,17 @@ void Store::commit(const Changes& changes) {
     const int result = statement.step();
     statement.reset();
     require(result);
+  }
+  if (patterns) {
+    require(execute(database, "DELETE FROM patterns"));
+    Statement add(database, "INSERT OR IGNORE INTO patterns(pattern, crc) VALUES(?, ?)");
+    for (const std::string& pattern : *patterns) {
+      add.bind(1, std::string_view(pattern));
+      add.bind(2, checksum(std::as_bytes(std::span(pattern)), {}, {}, 0));
+      const int result = add.step();
+      add.reset();
+      require(result);
+    }
   }
   require(execute(database, "COMMIT"));
 }

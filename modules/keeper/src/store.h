@@ -56,11 +56,15 @@ class Store {
   /// What was wrong with what was there, each one line for the log; empty for nothing. Grows with `read`.
   const std::vector<std::string>& complaints() const { return complaints_; }
 
+  /// The patterns that were written last; none at first.
+  std::vector<std::string> patterns();
+
   /// What becomes of a key: its row, or none for a key that is not kept any more.
   using Changes = std::vector<std::pair<std::string, std::optional<Row>>>;
   /// Writes all or nothing, and returns once it is on the disk.
+  /// @param patterns  In the place of those that are there; null leaves them.
   /// @throws StoreError when nothing was written.
-  void commit(const Changes& changes);
+  void commit(const Changes& changes, const std::vector<std::string>* patterns = nullptr);
 
  private:
   class Lock {
@@ -80,7 +84,7 @@ class Store {
 
   void open();
   bool prepare(bool isNew);
-  Rows salvage();
+  Rows salvage(std::vector<std::string>& patterns);
 
   const std::filesystem::path file_;
   const Lock lock_;

@@ -83,6 +83,39 @@ TEST_F(Keeper, LeavesWhatIsNotWantedThisTimeInTheStore) {
   EXPECT_EQ(memory->getData("Config/Speed"), HXValue(1));
 }
 
+TEST_F(Keeper, KeepsAndForgetsWhatIsChosenWhileItRuns) {
+  keep({});
+  memory->insertData("Config/A", 1);
+  memory->insertData("Config/B", 2);
+  EXPECT_THAT(keeper->kept(), IsEmpty());
+  keeper->keep({"Config/"});
+  EXPECT_THAT(keeper->kept(), ElementsAre("Config/A", "Config/B"));
+  memory->insertData("Config/A", 3);
+  restart({});
+  EXPECT_EQ(memory->getData("Config/A"), HXValue(3)) << "the store remembers what was chosen";
+  keeper->keep({"Config/B"});
+  keeper->forget({"Config/"});
+  EXPECT_THAT(keeper->kept(), ElementsAre("Config/B"));
+  EXPECT_EQ(memory->getData("Config/A"), HXValue(3)) << "the memory goes on";
+  restart({"Config/"});
+  EXPECT_FALSE(memory->xGetSTMValue("Config/A")) << "it is off the disk";
+  EXPECT_EQ(memory->getData("Config/B"), HXValue(2));
+}
+
+TEST_F(Keeper, BringsBackWhatEarlierSettingsLeftOnceItIsChosen) {
+  keep({"Config/"});
+  memory->insertData("Config/A", 1);
+  memory->insertData("Config/B", 2);
+  restart({});
+  keeper->forget({"Config/A"});
+  memory->insertData("Config/B", 3);
+  keeper->keep({"Config/"});
+  EXPECT_FALSE(memory->xGetSTMValue("Config/A"));
+  EXPECT_EQ(memory->getData("Config/B"), HXValue(3)) << "what the memory has is newer";
+  restart({});
+  EXPECT_EQ(memory->getData("Config/B"), HXValue(3));
+}
+
 TEST_F(Keeper, ForgetsAKeyThatBecomesAnEvent) {
   keep({"Config/"});
   memory->insertData("Config/A", 1);

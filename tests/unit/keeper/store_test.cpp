@@ -3,8 +3,10 @@
 #include "expect_error.h"
 #include "statement.h"
 #include "temporary_folder.h"
+#include "uncertain_disk.h"
 
 #include <fstream>
+#include <memory>
 #include <random>
 #include <sstream>
 
@@ -155,6 +157,57 @@ TEST_F(KeptStore, HasTheLastWholeCommitWhereverItsLogIsCut) {
     last = found;
   }
   EXPECT_GE(last, 2);
+}
+
+/// What was found after a loss of power, in which three keys are always written together.
+int numberIn(const fs::path& left) {
+  Store store(left);
+  const Rows rows = store.read();
+  EXPECT_THAT(store.complaints(), IsEmpty());
+  if (rows.empty()) return 0;
+  for (const char* key : {"b", "c"}) EXPECT_EQ(rows.at(key).value[0], rows.at("a").value[0]) << "half a commit";
+  return rows.at("a").value[0].asInt();
+}
+
+TEST_F(KeptStore, HasAllThatWasCommittedWhereverThePowerFails) {
+  std::mt19937 random(1);
+  int committed = 0;
+  std::vector<std::pair<int, std::unique_ptr<kit::TemporaryFolder>>> failures;
+  {
+    kit::UncertainDisk disk;
+    Store store(folder.path());
+    disk.onStep = [&] {
+      if (random() % 60 != 0) return;
+      failures.emplace_back(committed, std::make_unique<kit::TemporaryFolder>());
+      disk.leave(failures.back().second->path(), random);
+    };
+    // Enough for the log to be written into the database, and begun anew.
+    for (committed = 0; committed < 60; ++committed) {
+      const HXValue value = HXValue::list({committed + 1, std::string(25'000, 'x')});
+      store.commit(changes({{"a", value}, {"b", value}, {"c", value}}));
+    }
+  }
+  for (const auto& [atLeast, left] : failures) {
+    const int found = numberIn(left->path());
+    EXPECT_GE(found, atLeast);
+    EXPECT_LE(found, atLeast + 1);
+  }
+  EXPECT_GE(failures.size(), 25U);
+}
+
+TEST_F(KeptStore, RefusesWholeCommitsWhileTheDiskIsFull) {
+  kit::UncertainDisk disk;
+  Store store(folder.path());
+  store.commit(changes({{"a", 1}}));
+  disk.isFull = true;
+  const auto reason = errorOf([&] { store.commit(changes({{"a", 2}, {"b", std::string(100'000, 'b')}})); });
+  EXPECT_EQ(reason, file().string() + ": database or disk is full");
+  EXPECT_EQ(store.read().at("a").value, HXValue(1));
+  EXPECT_THAT(store.read(), SizeIs(1));
+  disk.isFull = false;
+  store.commit(changes({{"a", 3}}));
+  EXPECT_EQ(store.read().at("a").value, HXValue(3));
+  EXPECT_THAT(store.complaints(), IsEmpty());
 }
 
 }  // namespace
