@@ -43,6 +43,12 @@ class HXJournal : public HXModule {
   HXValue demand(const std::string& extractor);
   /// How the memory is.
   HXValue report();
+  /// How many raises a module was not told of since its subscription ended although it had not unsubscribed.
+  /// @param event   What it was subscribed to.
+  /// @param module  Its name.
+  /// @return A number: those raised since the end, and the one at which it ended; 0 while the subscription stands. Nil
+  ///         where it is not known: the subscription ended otherwise, or before what the journal retains.
+  HXValue missed(const std::string& event, const std::string& module);
 
  private:
   void bindFeed();

@@ -28,12 +28,25 @@ void HXJournal::bindQuestions() {
             "a map: keys, residentBytes, changesPerSecond, subscriptions, slowest, calls, waits, dropped, followers, "
             "extractors, severalAuthors, overdue, and wrong: a list of sentences");
   bindMethod(this, &HXJournal::report);
+
+  functionName("missed", getName(),
+               "Tells how many raises a module was not told of since its subscription ended without it.");
+  addParam("event", "what it was subscribed to");
+  addParam("module", "name of it");
+  setReturn("count",
+            "0 while the subscription stands; nothing where the journal does not know. Raises that waited behind the "
+            "one at which it ended are not in it");
+  bindMethod(this, &HXJournal::missed);
 }
 
 HXValue HXJournal::explain(const std::string& key) { return Inspector(getParentBroker(), memory()).explain(key); }
 
 HXValue HXJournal::demand(const std::string& extractor) {
   return Inspector(getParentBroker(), memory()).demand(extractor);
+}
+
+HXValue HXJournal::missed(const std::string& event, const std::string& module) {
+  return Inspector(getParentBroker(), memory()).missed(event, module);
 }
 
 HXValue HXJournal::report() { return Inspector(getParentBroker(), memory()).report(); }

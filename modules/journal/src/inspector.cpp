@@ -125,6 +125,21 @@ HXValue Inspector::explain(const std::string& key) {
   return HXValue::map(std::move(told));
 }
 
+HXValue Inspector::missed(const std::string& event, const std::string& module) const {
+  if (std::ranges::count(insight_->subscribersOf(event), module, &MemoryInsight::Subscriber::module) > 0) return 0;
+  const auto dropped = insight_->dropped();
+  const auto isIt = [&](const MemoryInsight::Dropped& one) { return one.event == event && one.module == module; };
+  const auto last = std::find_if(dropped.rbegin(), dropped.rend(), isIt);
+  const auto retained = journal_->retained();
+  if (last == dropped.rend() || !retained.isRecording || !retained.since || *retained.since > last->when) return {};
+  std::int64_t count = 1;  // That at which the subscription ended.
+  journal_->scan(journal::Filter().addKey(event), [&](const journal::Change& change) {
+    const bool isRaise = change.what == journal::What::Raised || change.what == journal::What::RaisedMicro;
+    if (isRaise && change.time > last->when) ++count;
+  });
+  return count;
+}
+
 void Inspector::addState(Map& told, const std::string& key) {
   const HXValue stamped = memory_.getTimestamp(key);
   told.emplace("value", stamped[0]);

@@ -30,6 +30,7 @@ class Inspector {
   /// @param extractor  Empty for all.
   HXValue demand(const std::string& extractor);
   HXValue report();
+  HXValue missed(const std::string& event, const std::string& module) const;
 
  private:
   using Map = HXValue::Map;

@@ -93,10 +93,18 @@ TEST(Subscriptions, OfAModuleAreThereAgainWithTheBroker) {
   EXPECT_EQ(runKorvo({"call", "Greeter", "listen", "\"Bell\"", "--broker", "s"}).status, 0);
   broker->send(SIGKILL);
   broker->finish();
-  broker = std::make_unique<Process>(korvo({"run", "--name", "s"}));
+  broker = std::make_unique<Process>(korvo({"run", "--name", "s", "--journal", "keep"}));
   ASSERT_TRUE(host.waitFor("module Greeter is subscribed to 1 keys again; raises since the connection was lost may"));
   EXPECT_EQ(runKorvo({"raise", "Bell", "7", "--broker", "s"}).status, 0);
   EXPECT_TRUE(host.waitFor("Bell = 7"));
+
+  // The first raise waits for the frozen one until it counts as gone.
+  host.send(SIGSTOP);
+  for (const char* value : {"8", "9", "10"}) {
+    EXPECT_EQ(runKorvo({"raise", "Bell", value, "--broker", "s", "--timeout", "60"}).status, 0);
+  }
+  host.send(SIGCONT);
+  EXPECT_TRUE(host.waitFor("module Greeter is subscribed to 1 keys again; at least 3 raises were missed: 3 of Bell"));
 }
 
 TEST(ForkedChildren, EndByExitAndHoldNoConnectionOfTheirParent) {

@@ -113,6 +113,28 @@ TEST_F(Questions, TellOfChangesWhatTheJournalKnowsAndThatItDoesNot) {
   EXPECT_THAT(explained("Arm/Pose"), HasSubstr("100 ms ago: stored by Arm, revision"));
 }
 
+TEST_F(Questions, CountWhatASubscriberMissedSinceItWasDropped) {
+  const auto missed = [&] { return broker->getProxy("HXJournal")->call<HXValue>("missed", "Bell", "Deaf"); };
+  memory->declareEvent("Bell");
+  EXPECT_EQ(missed(), HXValue()) << "it never was subscribed";
+  const auto lose = [&](int raises) {
+    const auto id = offer("Deaf", false);
+    memory->subscribeToEvent("Bell", "Deaf", "onEvent");
+    broker->session()->unregisterService(id);
+    for (int i = 0; i < raises; ++i, now_ += 1s) memory->raiseEvent("Bell", i);
+  };
+  lose(2);
+  EXPECT_EQ(missed(), HXValue()) << "nothing was recorded";
+  memory->journal().keep(true);
+  memory->raiseEvent("Bell", 5);
+  EXPECT_EQ(missed(), HXValue()) << "the first one was not recorded";
+  lose(0);
+  EXPECT_EQ(missed(), HXValue(0));
+  lose(3);
+  memory->insertData("Bell", 7);
+  EXPECT_EQ(missed().toInt64(), 3);
+}
+
 TEST_F(Questions, TellWhatIsOdd) {
   memory->journal().keep(true);
   write("Pose", 1, "Arm");
