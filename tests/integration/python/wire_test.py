@@ -461,9 +461,15 @@ class Exchange(unittest.TestCase):
         alone = subprocess.Popen([KORVO, "run", "--name", "exchange", "--log-level", "silent"])
         self.addCleanup(alone.wait)
         self.addCleanup(alone.terminate)
-        until(lambda: os.path.exists(folder.name + "/korvo/exchange.sock"))
-        self.client = Client(broker="exchange")
+        until(self.join)
         self.addCleanup(self.client.close)
+
+    def join(self):
+        try:
+            self.client = Client(broker="exchange")
+            return True
+        except (FileNotFoundError, ConnectionRefusedError):  # It is there before it listens.
+            return False
 
     def test_exchange_of_the_page(self):
         lines = re.search(r"## An exchange\n\n.*?```\n(.*?)```", PAGE, re.DOTALL)[1].splitlines()
