@@ -33,6 +33,8 @@ class MemoryChannel final : public mw::remote::Channel {
     return false;
   }
 
+  void post(mw::remote::Work work) override { work(); }
+
   void end(const std::string& reason) override {
     if (ended_.exchange(true)) return;
     if (const auto sink = sink_.lock()) sink->onEnd(reason);

@@ -55,10 +55,10 @@ void Feed::follow(std::optional<journal::Position> since) {
 
 /// What was not sent is told anew, by another follower. From a callback of this one, which has nothing more to do.
 void Feed::startOver() noexcept {
-  const std::lock_guard lock(mutex_);
-  if (!follow_) return;
-  writer_.startOver();
   try {
+    const std::lock_guard lock(mutex_);
+    if (!follow_) return;
+    writer_.startOver();
     follow(sent_);
   } catch (const std::exception& error) {
     mw::log::error("HXJournal", "startOver", std::string("a feed has ended: ") + error.what());

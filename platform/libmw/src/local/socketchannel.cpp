@@ -404,6 +404,12 @@ int SocketChannel::writeLocked() {
   return 0;
 }
 
+void SocketChannel::post(remote::Work work) {
+  std::vector<remote::Work> works;
+  works.push_back(std::move(work));
+  poller_.post(works);
+}
+
 void SocketChannel::end(const std::string& reason) {
   if (ended_.exchange(true)) return;
   {

@@ -36,6 +36,7 @@ class HX_API SocketChannel final : public remote::Channel,
   void start(const std::shared_ptr<remote::ChannelSink>& sink) override;
   bool send(remote::Message& message, remote::Sending when) override;
   void flush() override;
+  void post(remote::Work work) override;
   void end(const std::string& reason) override;
   const std::string& peer() const override { return peer_; }
   std::chrono::milliseconds silence() const override;

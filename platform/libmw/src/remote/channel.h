@@ -97,6 +97,8 @@ class Channel {
   virtual bool send(Message& message, Sending when) = 0;
   /// Sends what was to be sent soon.
   virtual void flush() {}
+  /// Has `work` done as what the sink leaves to be done: by a thread that may block, of which there are enough.
+  virtual void post(Work work) = 0;
   /// Ends the channel.
   virtual void end(const std::string& reason) = 0;
 

@@ -161,7 +161,7 @@ void Link::relay(const StrandKey& key, const std::shared_ptr<Incoming>& call, co
 
 void Link::continueStrand(const StrandKey& key, const Incoming& after) {
   if (const auto following = strands_.next(key, &after)) {
-    postOrRun([self = shared_from_this(), key, following] { self->runStrand(key, following); });
+    channel_->post([self = shared_from_this(), key, following] { self->runStrand(key, following); });
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include "remote/wire.h"
 
+#include <libmw/eventloop.h>
+
 #include <condition_variable>
 #include <future>
 #include <poll.h>
@@ -227,6 +229,16 @@ TEST_F(SocketChannelTest, HandsOverLongTextsAndBinariesWhereverTheyStand) {
   receives(false);
   receives(true);
   EXPECT_TRUE(sink->isWhole());
+}
+
+TEST_F(SocketChannelTest, DoesWhatIsPostedWhateverTheEventLoopIsBusyWith) {
+  std::promise<void> leave;
+  const auto left = leave.get_future().share();
+  for (std::size_t i = 0; i < defaultLoop().threadCount(); ++i) defaultLoop().post([left] { left.wait(); });
+  std::promise<void> done;
+  channel->post([&] { done.set_value(); });
+  EXPECT_EQ(done.get_future().wait_for(20s), std::future_status::ready);
+  leave.set_value();
 }
 
 TEST_F(SocketChannelTest, EndsOnceWithTheReasonWhoeverReads) {

@@ -21,6 +21,7 @@ class ReadableChannel final : public Channel, public CallerReading {
  public:
   void start(const std::shared_ptr<ChannelSink>& /*sink*/) override {}
   bool send(Message& /*message*/, Sending /*when*/) override { return false; }
+  void post(Work /*work*/) override {}
   void end(const std::string& /*reason*/) override {}
   const std::string& peer() const override { return name_; }
   std::chrono::milliseconds silence() const override { return {}; }
