@@ -20,16 +20,17 @@ struct ServiceInfo {
   std::string name;
 };
 
-/// Finds and publishes services beyond this process. Implemented by transports.
-///
-/// @par Threads  Any, in parallel. Called with no lock held.
+/// Finds and publishes services beyond this process: what a transport or an engine implements. A session has one of
+/// them, and one resolver, which is asked before it. Both are asked only for what is not offered in the process itself.
+/// @par Threads  Any, in parallel: those that use the session, and those that answer for it. Called with no lock held.
 class HX_API RemoteDirectory {
  public:
   virtual ~RemoteDirectory();
-  /// Must not wait. A future with an empty object says that there is no such service.
+  /// At each such look-up, those of peers included. Must not wait. An empty object: there is no such service.
   virtual Future<AnyObject> find(const std::string& name) = 0;
   virtual Future<std::vector<ServiceInfo>> services() = 0;
-  /// Publishes a service of this process. Waits for the answer. What is offered already stays offered once.
+  /// Publishes a service of this process. May wait for the answer: who registers it does. Once offered, it stays so
+  /// once.
   /// @throws std::runtime_error naming the service when its name is taken there.
   virtual void offer(ServiceId id, const std::string& name, const AnyObject& object) = 0;
   /// Withdraws it. Must not throw.

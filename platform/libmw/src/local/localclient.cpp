@@ -1,7 +1,8 @@
+#include "../remote/announcedservices.h"
+#include "../remote/offeredservices.h"
 #include "../remote/remoteservice.h"
 #include "../remote/sessionservice.h"
 #include "../runtime/processend.h"
-#include "announcedservices.h"
 #include "socketchannel.h"
 #include "socketfolder.h"
 
@@ -13,7 +14,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <map>
 #include <utility>
 
 #include <fmt/format.h>
@@ -104,41 +104,15 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   }
 
   void offer(ServiceId id, const std::string& name, const AnyObject& object) override {
-    {
-      const HX::MutexLock lock(mutex_);
-      if (!offered_.emplace(id, Offer{name, object, std::nullopt}).second) return;
-    }
-    try {
-      offerNow(*link(), id);
-    } catch (...) {
-      const HX::MutexLock lock(mutex_);
-      offered_.erase(id);
-      throw;
-    }
+    offered_.offer(*link(), id, name, object);
   }
 
   void withdraw(ServiceId id, const std::string&) override {
-    std::shared_ptr<remote::Link> link;
-    Offer withdrawn;
-    {
-      const HX::MutexLock lock(mutex_);
-      const auto found = offered_.find(id);
-      if (found == offered_.end()) return;
-      withdrawn = std::move(found->second);
-      offered_.erase(found);
-      if (connected_) link = link_;
-    }
-    if (link && withdrawn.id) link->ask("korvo.unregister", *withdrawn.id).wait(kGreetingTimeout);
+    const auto known = offered_.withdraw(id);
+    if (known && isConnected()) link()->ask("korvo.unregister", *known).wait(kGreetingTimeout);
   }
 
  private:
-  struct Offer {
-    std::string name;
-    AnyObject object;
-    std::optional<std::int64_t> id;  ///< The broker's.
-    bool isRefused = false;          ///< The broker has it of somebody else.
-  };
-
   /// One attempt. @return False when no broker listens.
   bool connect() {
     const int number = ++connections_;
@@ -231,34 +205,15 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     return link_;
   }
 
-  void offerNow(remote::Link& link, ServiceId id) {
-    Offer offer;
-    {
-      const HX::MutexLock lock(mutex_);
-      const auto found = offered_.find(id);
-      if (found == offered_.end()) return;
-      offer = found->second;
-    }
-    const auto given = link.ask("korvo.register", offer.name, offer.object).take().reference().to<std::int64_t>();
-    {
-      const HX::MutexLock lock(mutex_);
-      if (const auto found = offered_.find(id); found != offered_.end()) {
-        found->second.id = given;
-        return;
-      }
-    }
-    link.ask("korvo.unregister", given);  // Withdrawn meanwhile.
-  }
-
   void onEnd(const remote::Link* ended, const std::string& reason, bool& isOver) {
     {
       const HX::MutexLock lock(mutex_);
       isOver = true;
       if (link_.get() != ended || !connected_) return;
       connected_ = false;
-      for (auto& [id, offer] : offered_) offer.id.reset();  // The next broker gives others.
       if (stopped_) return;
     }
+    offered_.forgetIds();
     const auto token = lifetime_.token();
     if (const auto pass = token.enter()) {
       log::warning(kCategory, "end", fmt::format("the connection to broker {} is lost: {}", broker_, reason));
@@ -285,7 +240,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
       log::verbose(kCategory, "retry", fmt::format("broker {}: {}", broker_, error.what()));
       return retryAfter(std::min(2 * pause, kLongestPause));
     }
-    offerAgain();
+    offered_.offerAll(*link());
     services_.bindAll(
         [this](const std::string& name) {
           const AnyValue found = link()->ask("korvo.service", name).take(kGreetingTimeout);
@@ -304,56 +259,18 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
 
   /// Without the services that this process offers.
   std::vector<ServiceInfo> othersOf(std::vector<ServiceInfo> all) const {
-    const HX::MutexLock lock(mutex_);
-    for (const auto& [id, offer] : offered_) {
-      if (!offer.id) continue;
-      const auto own = *offer.id | kBrokerIds;
-      std::erase_if(all, [own](const ServiceInfo& one) { return one.id == own; });
-    }
+    std::erase_if(all, [this](const ServiceInfo& one) { return offered_.isOwn(one.id & ~kBrokerIds); });
     return all;
   }
 
-  void offerAgain() {
-    std::vector<std::pair<ServiceId, std::string>> all;
-    {
-      const HX::MutexLock lock(mutex_);
-      for (auto& [id, offer] : offered_) all.emplace_back(id, offer.name);
-    }
-    for (const auto& [id, name] : all) {
-      try {
-        offerNow(*link(), id);
-      } catch (const std::exception& error) {
-        log::error(kCategory, "retry", fmt::format("cannot offer service {} again: {}", name, error.what()));
-        const HX::MutexLock lock(mutex_);
-        if (const auto found = offered_.find(id); found != offered_.end()) found->second.isRefused = true;
-      }
-    }
-  }
-
-  /// Somebody else may have taken a name while the connection was lost, and have left it now.
   void onNameFree(const std::string& name) {
-    std::optional<ServiceId> missing;
-    {
-      const HX::MutexLock lock(mutex_);
-      const auto isMissing = [&](const auto& one) { return one.second.name == name && one.second.isRefused; };
-      const auto found = std::find_if(offered_.begin(), offered_.end(), isMissing);
-      if (connected_ && found != offered_.end()) {
-        missing = found->first;
-        found->second.isRefused = false;
-      }
-    }
+    const auto missing = isConnected() ? offered_.onNameFree(name) : std::nullopt;
     if (!missing) return;
     defaultLoop().post([weak = weak_from_this(), id = *missing, name] {
       const auto self = weak.lock();
       const auto token = self ? self->lifetime_.token() : Lifetime::Token();
       const auto pass = token.enter();
-      if (!self || !pass) return;
-      try {
-        self->offerNow(*self->link(), id);
-        log::info(kCategory, "offer", fmt::format("service {} is offered again: its name is free", name));
-      } catch (const std::exception& error) {
-        log::warning(kCategory, "offer", fmt::format("cannot offer service {} again: {}", name, error.what()));
-      }
+      if (self && pass) self->offered_.offerAgain(*self->link(), id, name);
     });
   }
 
@@ -362,7 +279,8 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   const std::string broker_;
   const local::BrokerFiles files_;
   remote::RemoteServices services_;
-  local::AnnouncedServices announced_{session_};
+  remote::OfferedServices offered_;
+  remote::AnnouncedServices announced_{session_};
   std::atomic<int> connections_{0};  // tried so far, one after another
   Lifetime lifetime_;                // around every use of the session that the owner does not wait for otherwise
 
@@ -370,7 +288,6 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   bool stopped_ HX_GUARDED_BY(mutex_) = false;
   bool connected_ HX_GUARDED_BY(mutex_) = false;
   std::shared_ptr<remote::Link> link_ HX_GUARDED_BY(mutex_);  // the latest; may have ended
-  std::map<ServiceId, Offer> offered_ HX_GUARDED_BY(mutex_);
 };
 
 LocalClient::LocalClient(Session& session, const std::string& broker) : LocalClient(session, broker, Options{}) {}

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace mw::local {
+namespace mw::remote {
 
 void AnnouncedServices::begin(int connection) {
   const HX::MutexLock lock(mutex_);
@@ -55,4 +55,4 @@ void AnnouncedServices::lost(int connection, const std::string& reason) {
   goAll();
 }
 
-}  // namespace mw::local
+}  // namespace mw::remote

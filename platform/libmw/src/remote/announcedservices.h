@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace mw::local {
+namespace mw::remote {
 
 /// What a session's handlers are told of the broker that it has joined: of each service when it comes and when it goes,
 /// and of the connection. When that is lost, all services go behind the notice of it; when it is back, those that are
@@ -43,4 +43,4 @@ class AnnouncedServices {
   std::set<ServiceId> gone_ HX_GUARDED_BY(mutex_);  ///< Before the list was there, which may be older.
 };
 
-}  // namespace mw::local
+}  // namespace mw::remote

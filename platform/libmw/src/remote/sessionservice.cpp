@@ -2,6 +2,7 @@
 
 #include <hxerror/mutex.h>
 #include <libmw/log.h>
+#include <libmw/remoteerror.h>
 #include <libmw/text.h>
 
 #include <stdexcept>
@@ -48,7 +49,6 @@ AnyObject SessionService::find(const std::string& service) {
 SessionService::Method SessionService::methodNamed(std::string_view name) {
   static const std::map<std::string_view, Method> methods{
       {"hello", &SessionService::hello},
-      {"service", &SessionService::service},
       {"services", &SessionService::services},
       {"register", &SessionService::registerService},
       {"unregister", &SessionService::unregisterService},
@@ -65,6 +65,7 @@ Future<AnyValue> SessionService::call(std::string_view method, std::span<const A
   if (!pass && method == "release") return Future<AnyValue>::ready(AnyValue());
   if (!pass) throw std::runtime_error("the session is closing");
   if (const Method known = methodNamed(method)) return Future<AnyValue>::ready((this->*known)(arguments));
+  if (method == "service") return service(arguments);
   if (method == "connect") return connect(arguments);
   if (method == "disconnect") return disconnect(arguments);
   if (method == "property") return property(arguments);
@@ -89,9 +90,17 @@ AnyValue SessionService::hello(Arguments arguments) {
   return AnyValue(HXValue(std::move(reply)));
 }
 
-AnyValue SessionService::service(Arguments arguments) {
+/// Whatever the session finds, also beyond this process.
+Future<AnyValue> SessionService::service(Arguments arguments) {
   requireBroker("service");
-  return AnyValue(session_.ownService(argument<std::string>(arguments, 0, "the name of a service")));
+  return session_.service(argument<std::string>(arguments, 0, "the name of a service"))
+      .then([](const Future<AnyObject>& found) {
+        try {
+          return AnyValue(found.value());
+        } catch (const NoSuchServiceError&) {
+          return AnyValue(AnyObject());
+        }
+      });
 }
 
 AnyValue SessionService::services(Arguments /*arguments*/) {

@@ -43,12 +43,12 @@ class HX_API SessionService final : public ReservedService, public std::enable_s
 
   static Method methodNamed(std::string_view name);
   AnyValue hello(Arguments arguments);
-  AnyValue service(Arguments arguments);
   AnyValue services(Arguments arguments);
   AnyValue registerService(Arguments arguments);
   AnyValue unregisterService(Arguments arguments);
   AnyValue watch(Arguments arguments);
   AnyValue release(Arguments arguments);
+  Future<AnyValue> service(Arguments arguments);
   Future<AnyValue> connect(Arguments arguments);
   Future<AnyValue> disconnect(Arguments arguments);
   Future<AnyValue> property(Arguments arguments);

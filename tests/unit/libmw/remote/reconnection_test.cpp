@@ -1,10 +1,15 @@
+#include "capture_log.h"
 #include "joined_sessions.h"
 #include "service.h"
 #include "sitter.h"
 
 #include <libmw/eventloop.h>
+#include <libmw/log.h>
+#include <libmw/remoteerror.h>
 #include <libmw/signal.h>
 
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <future>
 
@@ -126,6 +131,37 @@ TEST_F(Reconnection, OffersAgainWhatWasTakenMeanwhileOnceItIsFree) {
   broker.unregisterService(other);
   offered.get_future().get();
   EXPECT_EQ(found(), 1);
+}
+
+TEST_F(Reconnection, IsLoggedUnderNoLock) {
+  const kit::CaptureLog shown({"mw.link"});
+  Session another;
+  const LocalServer limited(another, "arm", LinkOptions{.connectionsOfAProcess = 1});
+  Session guest;
+  const LocalClient first(guest, "arm");
+  std::atomic<int> records{0};
+  // While a sink runs, another thread can use everything that may have been logged about.
+  const auto sink = log::addSink([&](const LogRecord& record) {
+    if (record.category != "mw.link") return;
+    ++records;
+    const auto use = std::async(std::launch::async, [&] {
+      return std::pair(joined->isConnected(), limited.connectionCount() + client.services().size() +
+                                                  broker.services().size() + another.services().size());
+    });
+    EXPECT_EQ(use.wait_for(std::chrono::seconds(20)), std::future_status::ready) << record.text;
+  });
+  restart([&] { EXPECT_ANY_THROW(LocalClient(guest, "arm")); });
+  log::removeSink(sink);
+  EXPECT_GE(records, 3) << "the loss, the refusal, the return";
+}
+
+TEST_F(JoinedSessions, FindWhatTheBrokersSessionFindsBeyondIt) {
+  broker.setResolver([](const std::string& name) {
+    if (name != "Far") return Future<AnyObject>();
+    return Future<AnyObject>::ready(makeService("Far")->method("one", [] { return 1; }).build());
+  });
+  EXPECT_EQ(lookUp(client, "Far")->call<int>("one"), 1);
+  EXPECT_THROW(lookUp(client, "Nowhere"), NoSuchServiceError);
 }
 
 TEST_F(JoinedSessions, MayLeaveWhenTheyAreToldOfTheLoss) {
