@@ -29,8 +29,7 @@ class HX_API RemoteDirectory {
   /// At each such look-up, those of peers included. Must not wait. An empty object: there is no such service.
   virtual Future<AnyObject> find(const std::string& name) = 0;
   virtual Future<std::vector<ServiceInfo>> services() = 0;
-  /// Publishes a service of this process. May wait for the answer: who registers it does. Once offered, it stays so
-  /// once.
+  /// Publishes a service of this process. May wait for the answer: who registers it does. Offered already, it stays so.
   /// @throws std::runtime_error naming the service when its name is taken there.
   virtual void offer(ServiceId id, const std::string& name, const AnyObject& object) = 0;
   /// Withdraws it. Must not throw.
