@@ -102,7 +102,6 @@ void addRunOptions(CLI::App& app, const std::shared_ptr<RunOptions>& options) {
 
 Verb runVerb() {
   const auto options = std::make_shared<RunOptions>();
-  const auto addOptions = [options](CLI::App& app) { addRunOptions(app, options); };
   const auto file = std::make_shared<RobotFile>();
   const auto readFile = [file](const CLI::App& known, GivenWords& given) {
     if (given.arguments.empty()) return;
@@ -158,7 +157,7 @@ Verb runVerb() {
       "     the end took too long\n"
       "2    wrong usage, or wrong settings\n"
       "130  ended at once by a second SIGINT\n",
-      addOptions,
+      [options](CLI::App& app) { addRunOptions(app, options); },
       start,
       readFile};
 }
