@@ -42,7 +42,9 @@ constexpr auto kSurely = 2s;
 using Numbers = std::array<int, kKeys>;
 
 std::string nameOf(int key) { return fmt::format("Config/Key{}", key); }
-HXValue valueOf(int number) { return HXValue::list({number, std::string(static_cast<std::size_t>(number % 700), 'x')}); }
+HXValue valueOf(int number) {
+  return HXValue::list({number, std::string(static_cast<std::size_t>(number % 700), 'x')});
+}
 
 /// From the start of a broker until it is killed.
 class Round {
@@ -77,7 +79,8 @@ class Round {
   void write(Numbers& sent, std::chrono::milliseconds time) {
     journal::FollowOptions options;
     options.snapshot = false;
-    follow_ = follow(broker_, journal::Filter({"Config/"}), [this](const journal::Change& change) { note(change); }, options);
+    follow_ = follow(
+        broker_, journal::Filter({"Config/"}), [this](const journal::Change& change) { note(change); }, options);
     std::thread writer([&] {
       try {
         auto memory = this->memory();
@@ -125,7 +128,8 @@ class Round {
     const auto key = static_cast<std::size_t>(std::stoi(std::string(change.key.substr(nameOf(0).size() - 1))));
     told_.emplace_back(change.time, std::pair(key, change.value[0].asInt()));
     const auto now = mw::systemNow();
-    for (; next_ < told_.size() && told_[next_].first + kSurely < now; ++next_) old_[told_[next_].second.first] = told_[next_].second.second;
+    for (; next_ < told_.size() && told_[next_].first + kSurely < now; ++next_)
+      old_[told_[next_].second.first] = told_[next_].second.second;
   }
 
   const std::shared_ptr<HXBroker> broker_ = HXBroker::create("far");

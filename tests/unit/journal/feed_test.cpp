@@ -1,5 +1,6 @@
-#include "../hxjournal/fixture.h"
 #include "feed.h"
+
+#include "../hxjournal/fixture.h"
 
 #include <hxjournal/replica.h>
 #include <hxjournal/request.h>

@@ -144,9 +144,7 @@ class UncertainDisk {
     methods.xFileControl = [](sqlite3_file* file, int operation, void* argument) {
       return of(file)->real()->pMethods->xFileControl(of(file)->real(), operation, argument);
     };
-    methods.xSectorSize = [](sqlite3_file* file) {
-      return of(file)->real()->pMethods->xSectorSize(of(file)->real());
-    };
+    methods.xSectorSize = [](sqlite3_file* file) { return of(file)->real()->pMethods->xSectorSize(of(file)->real()); };
     methods.xDeviceCharacteristics = [](sqlite3_file* file) {
       // That a write does not harm its neighbours is a promise that not every disk keeps.
       return of(file)->real()->pMethods->xDeviceCharacteristics(of(file)->real()) & ~SQLITE_IOCAP_POWERSAFE_OVERWRITE;

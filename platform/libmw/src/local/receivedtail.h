@@ -38,8 +38,8 @@ class ReceivedTail {
     }
   }
 
-  /// Where to receive the next part of it. It gets room as it comes, whatever size a peer has claimed: made ready shortly
-  /// before it is written, it is still in the processor's cache then.
+  /// Where to receive the next part of it. It gets room as it comes, whatever size a peer has claimed: made ready
+  /// shortly before it is written, it is still in the processor's cache then.
   std::span<std::byte> room() {
     return std::visit(
         [this](auto& content) {
