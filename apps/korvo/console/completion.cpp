@@ -72,6 +72,12 @@ Words verbNames() {
   return names;
 }
 
+/// Those of the program behind `korvo fleet`.
+Words fleetCommands() {
+  return {"call", "demo", "doctor", "get",   "history", "hub", "init",
+          "key",  "list", "ls",     "raise", "set",     "top", "watch"};
+}
+
 /// The value that was given to --broker; empty when none was.
 std::string brokerIn(const GivenOptions& options) {
   const auto found = options.find("--broker");
@@ -101,6 +107,7 @@ Words candidates(std::span<const std::string> words) {
   const GivenWords given = tellApart(*options, before);
   const std::string wanted = placeholderAt(verb->arguments, given.arguments.size());
   if (wanted == "COMMAND") return verbNames();
+  if (wanted == "SUBCOMMAND") return fleetCommands();
   return askBroker(brokerIn(given.values), wanted, given.arguments, words.back());
 }
 

@@ -16,8 +16,12 @@
 #include <algorithm>
 #include <iostream>
 #include <memory>
+#include <span>
+#include <stdexcept>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <climits>
 #include <fmt/format.h>
 
 namespace korvo {
@@ -97,7 +101,25 @@ void addRunOptions(CLI::App& app, const std::shared_ptr<RunOptions>& options) {
       "with /, or a glob; may be repeated",
       "PATTERN")
       ->excludes(noMemory);
+  auto* fleet = app.add_option("--fleet", options->fleet,
+                               "Be one of the fleet at this hub: tls://HOST:PORT, several with commas between them")
+                    ->type_name("URL")
+                    ->excludes(noMemory)
+                    ->excludes(noJournal);
+  app.add_option("--robot", options->robot, "What this robot is called in the fleet; else the machine's name")
+      ->type_name("NAME")
+      ->needs(fleet);
   addHosting(app, options);
+}
+
+/// The module that makes this robot one of a fleet, set to what the command line says.
+void takeFleet(RunOptions& options) {
+  const std::string module = "fleet";
+  if (options.fleet.empty()) return;
+  HX::GivenSettings& given = options.settings[module];
+  given.entries["url"] = {options.fleet, {}, {}, nullptr};
+  if (!options.robot.empty()) given.entries["robot"] = {options.robot, {}, {}, nullptr};
+  if (std::ranges::count(options.modules, module) == 0) options.modules.push_back(module);
 }
 
 Verb runVerb() {
@@ -117,6 +139,7 @@ Verb runVerb() {
     options->maps = file->maps;
     if (!options->memory) requireMemoryForMaps(*file);
     takeModules(*file, true, *options);
+    takeFleet(*options);
     takeSets(*file, librariesOf(*options), *options);
     return run(*options);
   };
@@ -281,6 +304,40 @@ Verb helpVerb() {
           help};
 }
 
+/// The program that has it takes the words as they are.
+int runFleet(std::span<const std::string> words) {
+  std::string self(PATH_MAX, '\0');
+  const auto length = ::readlink("/proc/self/exe", self.data(), self.size());
+  self.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+  const std::string program = self.substr(0, self.rfind('/') + 1) + "korvo-fleet";
+  std::vector<char*> all{const_cast<char*>(program.c_str())};  // As execv has it.
+  for (const std::string& word : words) all.push_back(const_cast<char*>(word.c_str()));
+  all.push_back(nullptr);
+  ::execv(program.c_str(), all.data());
+  throw std::runtime_error(fmt::format("there is no {}: the package korvo-fleet brings it", program));
+}
+
+Verb fleetVerb() {
+  return {
+      "fleet",
+      "SUBCOMMAND",
+      "Sees and drives the robots of a fleet, and makes hubs for it.",
+      "A robot is one of a fleet by korvo run --fleet URL --robot NAME. The commands are those of a program of its\n"
+      "own, which korvo fleet --help lists: demo and hub for a hub on this machine, init, key and doctor for one\n"
+      "elsewhere; ls, get, list, watch, set, raise, call, history and top for the robots.",
+      "fleet demo\n"
+      "fleet ls\n"
+      "fleet get robot1/Battery/Level\n"
+      "fleet watch 'robot*/Battery/**'\n"
+      "fleet set --when-online robot2/Speed 0.5",
+      kGroup,
+      "0  done\n1  what was asked for failed\n2  wrong usage\n3  the robot or the hub cannot be reached\n",
+      {},
+      {},
+      {},
+      runFleet};
+}
+
 Verb brokersVerb() {
   const auto addOptions = [](CLI::App& app) { app.add_flag("--json")->description(std::string(kJson.summary)); };
   const auto list = [](Arguments& arguments) {
@@ -304,7 +361,8 @@ Verb brokersVerb() {
 }  // namespace
 
 std::vector<Verb> hostingVerbs() {
-  return {runVerb(), hostVerb(), webVerb(), checkVerb(), settingsVerb(), brokersVerb(), checkMapVerb(), helpVerb()};
+  return {runVerb(),      hostVerb(),    webVerb(),      fleetVerb(), checkVerb(),
+          settingsVerb(), brokersVerb(), checkMapVerb(), helpVerb()};
 }
 
 }  // namespace korvo

@@ -15,6 +15,8 @@ struct RunOptions : HostingOptions {
   bool journal = true;             ///< With the memory, load the modules that stand on its journal.
   bool keep = false;               ///< The memory records its changes always, not only while somebody follows.
   std::vector<std::string> kept;   ///< Patterns of keys that survive.
+  std::string fleet;               ///< The hub's servers, with commas between them; empty: none.
+  std::string robot;               ///< What this one is called there; empty: as the module says.
   std::vector<RobotMapping> maps;  ///< Stated before the modules are loaded.
   bool console = false;            ///< Execute commands from standard input until it ends.
   bool live = false;               ///< Show the memory until a person leaves. At most one of the two.

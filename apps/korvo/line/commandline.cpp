@@ -60,6 +60,7 @@ int withAllWritten(int status) {
 }
 
 int runVerb(const Verb& verb, std::span<const std::string> words) {
+  if (verb.takeOver) return verb.takeOver(words);
   const auto options = optionsOf(verb);
   GivenWords given = tellApart(*options, words);
   if (verb.readFile) verb.readFile(*options, given);

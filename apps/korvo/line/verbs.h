@@ -39,6 +39,8 @@ struct Verb {
   std::function<int(Arguments& arguments)> run;
   /// Takes the options of a file that is among what was given, before they are parsed. None for most.
   std::function<void(const CLI::App& options, GivenWords& given)> readFile = {};
+  /// Takes its words as they are, `--help` included, in the place of all of the above. None for most.
+  std::function<int(std::span<const std::string> words)> takeOver = {};
 };
 
 /// All of them but those that only other programs use, in the order in which the help lists them.

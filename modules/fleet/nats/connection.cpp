@@ -1,9 +1,12 @@
 #include "connection.h"
 
+#include "nkey.h"
+
 #include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
+#include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -55,13 +58,26 @@ void checkSeed(const std::string& file) {
   }
 }
 
+/// What a server knows the owner of a seed by.
+std::string publicKeyOf(const std::string& file) {
+  std::string seed;
+  std::ifstream(file) >> seed;
+  try {
+    return userKeyOf(seed).publicKey;
+  } catch (const std::exception& error) {
+    throw RefusedError(fmt::format("{}: {}", file, error.what()));
+  }
+}
+
 /// What the library says of a failure, in one line.
 std::string explain(natsStatus status) {
   natsStatus last = status;
   const char* const detail = nats_GetLastError(&last);
   std::string text = detail && *detail && last == status ? detail : natsStatus_GetText(status);
   std::ranges::replace(text, '\n', ' ');
-  return text;
+  // Where in the library it was noticed says nothing to our readers.
+  const auto place = text.starts_with('(') ? text.find("): ") : std::string::npos;
+  return place == std::string::npos ? text : text.substr(place + 3);
 }
 
 bool isRefusal(natsStatus status) {
@@ -116,7 +132,10 @@ OptionsPointer optionsOf(const Access& access, const Connection::Options& option
   require(natsOptions_SetMaxPendingMsgs(raw, 1 << 20), "options");
   require(natsOptions_SetSendAsap(raw, options.isPrompt), "options");
   require(natsOptions_SetCustomInboxPrefix(raw, options.inbox.c_str()), options.inbox);
-  if (!access.seed.empty()) require(natsOptions_SetNKeyFromSeed(raw, nullptr, access.seed.c_str()), access.seed);
+  if (!access.seed.empty()) {
+    const std::string key = publicKeyOf(access.seed);
+    require(natsOptions_SetNKeyFromSeed(raw, key.c_str(), access.seed.c_str()), access.seed);
+  }
   applyTls(raw, access);
   return owned;
 }

@@ -117,8 +117,8 @@ StoreAnswer writeKey(Connection& connection, const FleetSubjects& subjects, cons
   return toAnswer(connection.request(letter, kPatience));
 }
 
-std::vector<Entry> readKeys(Connection& connection, const FleetSubjects& subjects, const std::string& bucket,
-                            const std::string& filter, std::chrono::milliseconds limit) {
+std::vector<Entry> readStream(Connection& connection, const FleetSubjects& subjects, const std::string& stream,
+                              const std::string& filter, const std::string& policy, std::chrono::milliseconds limit) {
   struct Collected {
     std::mutex mutex;  // Guards all below.
     std::condition_variable arrived;
@@ -130,18 +130,17 @@ std::vector<Entry> readKeys(Connection& connection, const FleetSubjects& subject
   const std::string tail = std::string(inbox).substr(std::string(inbox).rfind('.') + 1);
   natsInbox_Destroy(inbox);
   const std::string deliver = fmt::format("{}.{}", connection.inbox(), tail);
-  connection.subscribe(deliver, [collected, bucket](const Message& message) {
+  connection.subscribe(deliver, [collected](const Message& message) {
     if (message.data().empty() && message.status() != 0) return;  // A sign of life.
     const std::lock_guard lock(collected->mutex);
     collected->entries.push_back(
-        {keyOf(message.subject(), bucket), std::string(message.data()), 0, !message.header("KV-Operation").empty()});
+        {std::string(message.subject()), std::string(message.data()), 0, !message.header("KV-Operation").empty()});
     collected->arrived.notify_all();
   });
-  const std::string stream = "KV_" + bucket;
   const HXValue config = HXValue::map({{"deliver_subject", deliver},
-                                       {"deliver_policy", "last_per_subject"},
+                                       {"deliver_policy", policy},
                                        {"ack_policy", "none"},
-                                       {"filter_subject", FleetSubjects::stored(bucket, filter)},
+                                       {"filter_subject", filter},
                                        {"inactive_threshold", std::int64_t{5'000'000'000}},
                                        {"mem_storage", true},
                                        {"num_replicas", 1},
@@ -153,11 +152,18 @@ std::vector<Entry> readKeys(Connection& connection, const FleetSubjects& subject
                         static_cast<std::size_t>(made["delivered"]["consumer_seq"].toInt64());
   std::unique_lock lock(collected->mutex);
   if (!collected->arrived.wait_for(lock, limit, [&] { return collected->entries.size() >= expected; })) {
-    throw AwayError(
-        fmt::format("bucket {}: {} of {} keys arrived in time", bucket, collected->entries.size(), expected));
+    throw AwayError(fmt::format("{}: {} of {} messages arrived in time", stream, collected->entries.size(), expected));
   }
-  std::erase_if(collected->entries, [](const Entry& entry) { return entry.isRemoved; });
   return std::move(collected->entries);
+}
+
+std::vector<Entry> readKeys(Connection& connection, const FleetSubjects& subjects, const std::string& bucket,
+                            const std::string& filter, std::chrono::milliseconds limit) {
+  auto entries = readStream(connection, subjects, "KV_" + bucket, FleetSubjects::stored(bucket, filter),
+                            "last_per_subject", limit);
+  std::erase_if(entries, [](const Entry& entry) { return entry.isRemoved; });
+  for (Entry& entry : entries) entry.key = keyOf(entry.key, bucket);
+  return entries;
 }
 
 HXValue askRobot(Connection& connection, const std::string& subject, const std::string& data,

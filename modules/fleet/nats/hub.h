@@ -45,6 +45,12 @@ std::optional<Entry> readKey(Connection& connection, const FleetSubjects& subjec
 /// @param follows  `Entry::sequence`, or 0 where there was none.
 StoreAnswer writeKey(Connection& connection, const FleetSubjects& subjects, const std::string& bucket,
                      const std::string& key, const std::string& data, std::uint64_t follows);
+/// Messages of a stream that match.
+/// @param filter  Subjects, with wildcards. `Entry::key` is the subject.
+/// @param policy  "all", or "last_per_subject".
+/// @throws AwayError when not all arrive in time.
+std::vector<Entry> readStream(Connection& connection, const FleetSubjects& subjects, const std::string& stream,
+                              const std::string& filter, const std::string& policy, std::chrono::milliseconds limit);
 /// The last of all keys that match.
 /// @param filter  With wildcards.
 std::vector<Entry> readKeys(Connection& connection, const FleetSubjects& subjects, const std::string& bucket,
