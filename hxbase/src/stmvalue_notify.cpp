@@ -8,6 +8,7 @@
 #include <libmw/detail/racepoint.h>
 #include <libmw/eventloop.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <new>
 #include <utility>
@@ -65,10 +66,13 @@ class CallTimer {
     if (!isTimed_) return;
     const std::chrono::nanoseconds lasted = std::chrono::steady_clock::now() - begin_;
     std::atomic_ref(record_.lastCall).store(lasted.count(), std::memory_order_relaxed);
+    count(lasted);
+    record_.callsATime = 1;
     if (record_.timedCalls < kAllTimed) {
       ++record_.timedCalls;
     } else if (lasted < kShort) {
       record_.untimedCalls = kBetween;
+      record_.callsATime = kBetween + 1;
     }
   }
 
@@ -77,10 +81,32 @@ class CallTimer {
   static constexpr std::uint8_t kBetween = 31;
   static constexpr std::chrono::microseconds kShort{5};
 
+  /// Only one call of a record runs at a time, so that nothing is lost between the reading and the writing.
+  static void add(std::atomic_ref<std::uint64_t> counter, std::uint64_t number) {
+    counter.store(counter.load(std::memory_order_relaxed) + number, std::memory_order_relaxed);
+  }
+  void count(std::chrono::nanoseconds lasted) {
+    auto& times = record_.callTimes;
+    const auto bound = std::ranges::lower_bound(times.kBounds, lasted);
+    const auto place = static_cast<std::size_t>(bound - times.kBounds.begin());
+    add(std::atomic_ref(times.counts[place]), record_.callsATime);
+    add(std::atomic_ref(times.nanoseconds), static_cast<std::uint64_t>(lasted.count()) * record_.callsATime);
+  }
+
   STMNotifier& record_;
   const bool isTimed_;
   std::chrono::steady_clock::time_point begin_;
 };
+
+MemoryInsight::CallTimes read(const MemoryInsight::CallTimes& times) {
+  const auto load = [](const std::uint64_t& number) {
+    return std::atomic_ref(const_cast<std::uint64_t&>(number)).load(std::memory_order_relaxed);
+  };
+  MemoryInsight::CallTimes copy;
+  std::ranges::transform(times.counts, copy.counts.begin(), load);
+  copy.nanoseconds = load(times.nanoseconds);
+  return copy;
+}
 
 mw::Future<mw::AnyObject> lookUp(const std::string& module) {
   const auto session = staticBroker ? brokerSession.lock() : nullptr;
@@ -205,6 +231,7 @@ HX_UNCHECKED std::vector<MemoryInsight::Subscriber> STMValue::notifierRecords() 
     const std::int64_t last =
         std::atomic_ref(const_cast<std::int64_t&>(notifier.lastCall)).load(std::memory_order_relaxed);
     if (last != STMNotifier::kNeverCalled) record.lastCall = std::chrono::nanoseconds(last);
+    record.calls = read(notifier.callTimes);
   }
   return records;
 }

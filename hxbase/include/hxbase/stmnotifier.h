@@ -1,6 +1,7 @@
 #pragma once
 
 #include <hxcommon/hxproxy.h>
+#include <hxcommon/memoryinsight.h>
 #include <hxvalue/hxvalue.h>
 #include <libmw/clock.h>
 
@@ -35,8 +36,11 @@ struct STMNotifier {
   HXProxy::CallState notifyCallState{0, 0};
   mw::SystemTimePoint since = mw::systemNow();
   std::int64_t lastCall = kNeverCalled;  ///< Nanoseconds. Read and written as an atomic.
-  std::uint8_t timedCalls = 0;           ///< Up to some number.
-  std::uint8_t untimedCalls = 0;         ///< To come before the next that is timed.
+  /// How many calls took how long, and nanoseconds in all. Read and written as atomics.
+  MemoryInsight::CallTimes callTimes;
+  std::uint8_t timedCalls = 0;    ///< Up to some number.
+  std::uint8_t untimedCalls = 0;  ///< To come before the next that is timed.
+  std::uint8_t callsATime = 1;    ///< So many calls the next that is timed stands for.
 };
 
 }  // namespace HX

@@ -49,6 +49,10 @@ class HXJournal : public HXModule {
   /// @return A number: those raised since the end, and the one at which it ended; 0 while the subscription stands. Nil
   ///         where it is not known: the subscription ended otherwise, or before what the journal retains.
   HXValue missed(const std::string& event, const std::string& module);
+  /// What is counted of subscribers and followers.
+  HXValue figures();
+  /// Who is subscribed to each of these keys.
+  HXValue subscribers(const std::vector<std::string>& keys);
 
  private:
   void bindFeed();

@@ -37,6 +37,19 @@ void HXJournal::bindQuestions() {
             "0 while the subscription stands; nothing where the journal does not know. Raises that waited behind the "
             "one at which it ended are not in it");
   bindMethod(this, &HXJournal::missed);
+
+  functionName("figures", getName(), "Tells what is counted of subscribers and followers. Costs little.");
+  setReturn("figures",
+            "a map: subscriptions, how many; slow, of how many the last call took 100 ms or more; calls: for each "
+            "subscriber [name, how many calls took up to each of bounds and more than the one before, the last of them "
+            "more than all, seconds in all]; bounds, in seconds; mappings, [service, signal, event] each; dropped and "
+            "followers as in the report");
+  bindMethod(this, &HXJournal::figures);
+
+  functionName("subscribers", getName(), "Tells who is subscribed to some keys.");
+  addParam("keys", "names of them");
+  setReturn("subscribers", "a map of lists, by key, as explain gives them");
+  bindMethod(this, &HXJournal::subscribers);
 }
 
 HXValue HXJournal::explain(const std::string& key) { return Inspector(getParentBroker(), memory()).explain(key); }
@@ -47,6 +60,12 @@ HXValue HXJournal::demand(const std::string& extractor) {
 
 HXValue HXJournal::missed(const std::string& event, const std::string& module) {
   return Inspector(getParentBroker(), memory()).missed(event, module);
+}
+
+HXValue HXJournal::figures() { return Inspector(getParentBroker(), memory()).figures(); }
+
+HXValue HXJournal::subscribers(const std::vector<std::string>& keys) {
+  return Inspector(getParentBroker(), memory()).subscribers(keys);
 }
 
 HXValue HXJournal::report() { return Inspector(getParentBroker(), memory()).report(); }

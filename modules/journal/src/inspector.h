@@ -31,6 +31,10 @@ class Inspector {
   HXValue demand(const std::string& extractor);
   HXValue report();
   HXValue missed(const std::string& event, const std::string& module) const;
+  /// What is counted of subscribers and followers. Looks at no changes, so that it may be asked often.
+  HXValue figures() const;
+  /// Who is subscribed to these keys, as in `explain`: lists by key.
+  HXValue subscribers(const std::vector<std::string>& keys) const;
 
  private:
   using Map = HXValue::Map;

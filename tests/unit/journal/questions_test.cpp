@@ -203,6 +203,14 @@ TEST_F(Questions, TellOfSubscribersThatFailAreSlowOrHang) {
                                 HasSubstr("Slow took 0.1 s for Bell: who raises it waits")));
   EXPECT_THAT(explained("Bell"),
               AllOf(HasSubstr("Slow.onEvent  in the broker"), HasSubstr("took 1"), Not(HasSubstr("Deaf"))));
+  const HXValue figures = journal_->figures();
+  EXPECT_EQ(figures["subscriptions"].toInt(), 1);
+  EXPECT_EQ(figures["slow"].toInt(), 1);
+  EXPECT_EQ(figures["calls"][0][0], HXValue("Slow"));
+  EXPECT_EQ(figures["calls"][0][1][5].toInt64(), 1) << "of more than 100 ms";
+  EXPECT_GE(figures["calls"][0][2].toDouble(), 0.12);
+  EXPECT_EQ(figures["dropped"][0]["module"], HXValue("Deaf"));
+  EXPECT_EQ(journal_->subscribers({"Bell", "Gong"})["Bell"][0]["module"], HXValue("Slow"));
   now_ += 11min;
   EXPECT_THAT(reported(), AllOf(HasSubstr("no ears"), Not(HasSubstr("has ended")))) << "long ago";
 

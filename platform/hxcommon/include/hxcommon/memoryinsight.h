@@ -2,7 +2,9 @@
 
 #include <hxerror/api.h>
 
+#include <array>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -22,6 +24,16 @@ class HX_API MemoryInsight {
   using Duration = std::chrono::nanoseconds;
   using TimePoint = std::chrono::time_point<std::chrono::system_clock, Duration>;
 
+  /// Calls by how long they took.
+  struct CallTimes {
+    /// Upper ones, ascending; a last count is for what took longer.
+    static constexpr std::array<Duration, 7> kBounds{std::chrono::microseconds(10),  std::chrono::microseconds(100),
+                                                     std::chrono::milliseconds(1),   std::chrono::milliseconds(10),
+                                                     std::chrono::milliseconds(100), std::chrono::seconds(1),
+                                                     std::chrono::seconds(10)};
+    std::array<std::uint64_t, kBounds.size() + 1> counts{};
+    std::uint64_t nanoseconds = 0;  ///< In all.
+  };
   struct Subscriber {
     std::string module;
     std::string method;
@@ -31,6 +43,7 @@ class HX_API MemoryInsight {
     /// How long it took at the last raise. Where calls take less than a few microseconds, now and then one is timed.
     /// Empty before the first.
     std::optional<Duration> lastCall;
+    CallTimes calls;  ///< Since it subscribed; those that were not timed count as the one that was timed after them.
   };
   /// A subscriber that is being called now.
   struct Call {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <future>
+#include <numeric>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -67,6 +68,10 @@ TEST_F(Insight, TellsWhoIsSubscribedSinceWhenAndHowLongCallsTake) {
   ASSERT_THAT(known, SizeIs(1)) << "nobody has been dropped";
   ASSERT_TRUE(known[0].lastCall);
   EXPECT_GE(*known[0].lastCall, 2ms);
+  const auto& counts = known[0].calls.counts;
+  EXPECT_EQ(std::accumulate(counts.begin(), counts.end(), std::uint64_t{0}), 2U);
+  EXPECT_EQ(counts[0] + counts[1] + counts[2], 0U) << "both took more than a millisecond";
+  EXPECT_GE(known[0].calls.nanoseconds, 4'000'000U);
   std::string told;
   insight().forEachSubscribed([&](const std::string& key, const auto& subscribers) {
     told += key + " " + subscribers.front().module + "\n";
@@ -77,6 +82,16 @@ TEST_F(Insight, TellsWhoIsSubscribedSinceWhenAndHowLongCallsTake) {
               ElementsAre(testing::AllOf(Field(&MemoryInsight::Dropped::event, "Bell"),
                                          Field(&MemoryInsight::Dropped::module, "Nobody"),
                                          Field(&MemoryInsight::Dropped::why, HasSubstr("Nobody")))));
+}
+
+// Timing each of them would cost as much as the calls.
+TEST_F(Insight, CountsCallsThatItDoesNotTime) {
+  offer("Ear", [](const std::string&) {});
+  memory->subscribeToEvent("Bell", "Ear", "onEvent");
+  for (int i = 0; i < 1000; ++i) memory->raiseEvent("Bell", i);
+  const auto known = insight().subscribersOf("Bell");
+  const auto& counts = known[0].calls.counts;
+  EXPECT_NEAR(static_cast<double>(std::accumulate(counts.begin(), counts.end(), std::uint64_t{0})), 1000, 32);
 }
 
 // It is asked above all when a subscriber hangs: what is known of it must not wait for it.
