@@ -1,7 +1,6 @@
 #include "harness.h"
+#include "web_services.h"
 
-#include <hxproxies/hxmemoryproxy.h>
-#include <libmw/eventloop.h>
 #include <libmw/log.h>
 
 #include <access/access.h>
@@ -14,12 +13,6 @@ namespace {
 using namespace HX::web;
 
 constexpr std::string_view kToken = "token-of-the-owner";
-
-class Nowhere : public Socket {
- public:
-  void send(Message /*message*/) override {}
-  void close(const std::string& /*reason*/) override {}
-};
 
 /// Takes the first line off.
 std::string takeLine(std::string_view& text) {
@@ -54,22 +47,13 @@ void ask(std::string_view& lines) {
   require(traded.status != 204 || all.find("token-") != std::string::npos, "nobody trades what is no token");
 }
 
-std::shared_ptr<PageServices> services(mw::EventLoop& loop) {
-  const auto refuse = []() -> HX::HXMemoryProxy { throw std::runtime_error("there is no memory"); };
-  return std::make_shared<PageServices>(std::make_shared<Model>(loop, [](auto&&...) { return HX::journal::Follow(); }),
-                                        std::make_shared<Errands>(std::weak_ptr<HX::HXBroker>(), refuse), loop, "fuzz",
-                                        [](HX::journal::TimePoint) { return HX::journal::Position{}; });
-}
-
 }  // namespace
 
 void web(Input input) {
   mw::log::setStderrSink(false);
-  static mw::EventLoop loop;
-  static const auto shared = services(loop);
   std::string_view lines = textOf(input);
   ask(lines);
-  const auto page = std::make_shared<PageSession>(shared, Right::Write);
+  const auto page = std::make_shared<PageSession>(webServices(), Right::Write);
   page->opened(std::make_shared<Nowhere>());
   while (!lines.empty()) {
     page->message(takeLine(lines), false);

@@ -220,6 +220,15 @@ void addOptionWords(const OptionWords& words, const CLI::App& options, GivenWord
   }
 }
 
+RobotFile readSettingsFile(const CLI::App& options, GivenWords& given) {
+  const auto path = given.values.find("--settings");
+  if (path == given.values.end()) return {};
+  auto [file, words] = readRobot(path->second);
+  if (const auto name = words.extract("--name")) words["--broker"] = {"--broker" + name.mapped().front().substr(6)};
+  addOptionWords(words, options, given);
+  return std::move(file);
+}
+
 void takeModules(const RobotFile& file, bool all, HostingOptions& options) {
   std::vector<std::string> libraries;
   const auto add = [&](const std::string& library) {

@@ -48,6 +48,12 @@ void requireRobotFile(const std::string& word, const CLI::App& options);
 /// @param options  Of the command; what it does not have is left out.
 void addOptionWords(const OptionWords& words, const CLI::App& options, GivenWords& given);
 
+/// Reads the file that a command which hosts modules was given by --settings, and adds its options that the command
+/// has. The broker's name there is the broker to join.
+/// @return The file; an empty one when none was given.
+/// @throws As `readRobot`.
+RobotFile readSettingsFile(const CLI::App& options, GivenWords& given);
+
 /// Has the modules of the file loaded before those of the command line, each once, and all of them find their settings.
 /// A module of the command line that the file names is the file's.
 /// @param all  False when only the modules of the command line are wanted.

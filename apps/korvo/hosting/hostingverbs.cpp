@@ -198,14 +198,7 @@ Verb hostVerb() {
     addHosting(app, options);
   };
   const auto file = std::make_shared<RobotFile>();
-  const auto readFile = [file](const CLI::App& known, GivenWords& given) {
-    const auto path = given.values.find("--settings");
-    if (path == given.values.end()) return;
-    auto [read, words] = readRobot(path->second);
-    if (const auto name = words.extract("--name")) words["--broker"] = {"--broker" + name.mapped().front().substr(6)};
-    addOptionWords(words, known, given);
-    *file = std::move(read);
-  };
+  const auto readFile = [file](const CLI::App& known, GivenWords& given) { *file = readSettingsFile(known, given); };
   const auto start = [options, file](Arguments& arguments) {
     arguments.end();
     options->logLevels = file->logLevels;

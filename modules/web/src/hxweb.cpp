@@ -5,7 +5,6 @@
 #include <hxproxies/hxmemoryproxy.h>
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
-#include <libmw/os.h>
 #include <libmw/session.h>
 
 #include <stdexcept>
@@ -29,17 +28,13 @@ web::AccessOptions accessOf(const WebOptions& options, std::uint16_t port) {
 
 }  // namespace
 
-HXWeb::HXWeb(const std::shared_ptr<HXBroker>& broker, const std::string& name)
-    : HXWeb(broker, name,
-            WebOptions::from([](const std::string& variable) { return mw::os::getenv(variable.c_str()); })) {}
-
-HXWeb::HXWeb(const std::shared_ptr<HXBroker>& broker, const std::string& name, WebOptions options)
-    : HXModule(broker, name), options_(std::move(options)) {
+HXWeb::HXWeb(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
   setModuleDescription("HXWeb serves a page that shows the memory as it changes, and figures for Prometheus.");
   functionName("address", getName(), "Gets the address of the page, with the token that it needs.");
   setReturn("address", "What a browser is given.");
   bindMethod(this, &HXWeb::address);
-  options_.check();
+  for (const Setting& setting : WebOptions::settings()) addSetting(setting);
+  options_ = WebOptions::from(settings());
 }
 
 HXWeb::~HXWeb() { close(); }
@@ -77,7 +72,7 @@ void HXWeb::init() {
   server.key = options_.key;
   server_ = std::make_unique<web::Server>(std::move(server));
   site_ = std::make_unique<web::Site>(web::Access(accessOf(options_, server_->port())), services_, options_.metrics,
-                                      [server = server_.get()] { return server->connectionCount(); });
+                                      options_.parameters, server_->connectionCount());
   server_->serve(*site_);
   mw::log::info("web", "init", "the page is at " + address());
 }
@@ -92,6 +87,9 @@ void HXWeb::noteConnection() {
                                    tell("the connection to the broker is lost: " + reason);
                                  }).track(lifetime_.token()));
   session.connectionRestored.connect(mw::SignalSubscriber([tell] { tell({}); }).track(lifetime_.token()));
+  const auto note = [services = services_](mw::ServiceId, const std::string&) { ++services->serviceNotices; };
+  session.serviceRegistered.connect(mw::SignalSubscriber(note).track(lifetime_.token()));
+  session.serviceUnregistered.connect(mw::SignalSubscriber(note).track(lifetime_.token()));
 }
 
 std::string HXWeb::address() const {

@@ -21,10 +21,10 @@ namespace HX {
 /// @par Threads  All methods are safe from any thread.
 class HXWeb : public HXModule {
  public:
-  /// With the options of the environment.
-  HXWeb(const std::shared_ptr<HXBroker>& broker, const std::string& name);
+  /// With the options that its settings say.
+  /// @throws SettingsError for settings that are wrong.
   /// @throws std::runtime_error as `WebOptions::check`.
-  HXWeb(const std::shared_ptr<HXBroker>& broker, const std::string& name, WebOptions options);
+  HXWeb(const std::shared_ptr<HXBroker>& broker, const std::string& name);
   ~HXWeb() override;
 
   void init() override;

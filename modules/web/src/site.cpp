@@ -1,7 +1,9 @@
 #include "site.h"
 
-#include "metrics/metrics.h"
+#include "viewer/protocol.h"
+#include "viewer/viewersession.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace HX::web {
@@ -26,24 +28,25 @@ std::shared_ptr<const std::string> shared(std::string_view bytes) { return std::
 }  // namespace
 
 Site::Site(Access access, std::shared_ptr<PageServices> services, std::vector<std::string> metricsKeys,
-           std::function<std::size_t()> connections)
+           std::vector<std::string> parameters, std::function<std::size_t()> connections)
     : access_(std::move(access)),
       services_(std::move(services)),
-      metricsKeys_(std::move(metricsKeys)),
-      connections_(std::move(connections)) {
+      metrics_(std::make_shared<Metrics>(services_, std::move(metricsKeys), std::move(connections))),
+      parameters_(std::make_shared<const ViewerParameters>(std::move(parameters))) {
   for (const Asset& asset : assets()) assets_[asset.path] = {&asset, shared(asset.plain), shared(asset.gzip)};
 }
 
-Response Site::answer(const Request& request) {
-  Response response = [&] {
-    if (auto refused = access_.refuse(request)) return *std::move(refused);
-    if (request.path == "/token") return access_.trade(request);
-    if (request.method != "GET" && request.method != "HEAD") return Response::text(405, "This is only read.\n");
-    if (request.path == "/metrics") return metrics(request);
-    return page(request);
-  }();
-  addPolicy(response);
-  return response;
+void Site::answer(const Request& request, Reply reply) {
+  const auto give = [reply = std::move(reply)](Response response) {
+    addPolicy(response);
+    reply(std::move(response));
+  };
+  if (auto refused = access_.refuse(request)) return give(*std::move(refused));
+  if (request.path == "/token") return give(access_.trade(request));
+  if (request.method != "GET" && request.method != "HEAD") return give(Response::text(405, "This is only read.\n"));
+  if (request.path != "/metrics") return give(page(request));
+  if (access_.rightOf(request) == Right::None) return give(access_.lacking(Right::None));
+  metrics(give);
 }
 
 Response Site::page(const Request& request) const {
@@ -68,15 +71,15 @@ Response Site::page(const Request& request) const {
   return response;
 }
 
-Response Site::metrics(const Request& request) {
-  if (access_.rightOf(request) == Right::None) return access_.lacking(Right::None);
-  if (!counting_) counting_ = std::make_unique<Model::Use>(services_->model);
-  const ServerFigures figures{connections_(), services_->batches, KORVO_VERSION};
-  Response response;
-  response.contentType = "text/plain; version=0.0.4; charset=utf-8";
-  response.headers.emplace_back("Cache-Control", "no-store");
-  response.body = std::make_shared<const std::string>(metricsOf(*services_->model->lock(), metricsKeys_, figures));
-  return response;
+/// Others are asked for some of it, which may take its time.
+void Site::metrics(const Reply& reply) {
+  services_->loop.post([metrics = metrics_, reply] {
+    Response response;
+    response.contentType = "text/plain; version=0.0.4; charset=utf-8";
+    response.headers.emplace_back("Cache-Control", "no-store");
+    response.body = std::make_shared<const std::string>(metrics->text());
+    reply(std::move(response));
+  });
 }
 
 Upgrade Site::upgrade(const Request& request) {
@@ -84,8 +87,17 @@ Upgrade Site::upgrade(const Request& request) {
   if (auto refused = access_.refuse(request)) return refuse(*std::move(refused));
   const Right right = access_.rightOf(request);
   if (right == Right::None) return refuse(access_.lacking(right));
-  if (request.path != "/page") return refuse(Response::text(404, "There is no such WebSocket.\n"));
-  return {std::make_shared<PageSession>(services_, right), {}, {}};
+  if (request.path == "/page") return {std::make_shared<PageSession>(services_, right), {}, {}};
+  if (request.path == "/") return upgradeViewer(request, right);
+  return refuse(Response::text(404, "There is no such WebSocket.\n"));
+}
+
+Upgrade Site::upgradeViewer(const Request& request, Right right) const {
+  for (const std::string_view known : viewer::kSubprotocols) {
+    if (std::ranges::count(request.subprotocols, known) == 0) continue;
+    return {std::make_shared<ViewerSession>(services_, right, parameters_), std::string(known), {}};
+  }
+  return {nullptr, {}, Response::text(400, "Viewers speak foxglove.sdk.v1 or foxglove.websocket.v1 here.\n")};
 }
 
 }  // namespace HX::web

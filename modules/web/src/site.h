@@ -3,7 +3,9 @@
 #include "access/access.h"
 #include "assets.h"
 #include "http/request.h"
+#include "metrics/gathering.h"
 #include "page/pagesession.h"
+#include "viewer/offers.h"
 
 #include <functional>
 #include <map>
@@ -13,31 +15,31 @@
 
 namespace HX::web {
 
-/// What is where: the page and its files, its WebSocket, the figures.
+/// What is where: the page and its files, its WebSocket and that of viewers, the figures.
 ///
 /// @par Threads  The server's.
 class Site : public Handler {
  public:
   /// @param services     What pages share.
   /// @param metricsKeys  As for `metricsOf`.
+  /// @param parameters   As for `ViewerParameters`.
   /// @param connections  How many there are at the moment.
   Site(Access access, std::shared_ptr<PageServices> services, std::vector<std::string> metricsKeys,
-       std::function<std::size_t()> connections);
+       std::vector<std::string> parameters, std::function<std::size_t()> connections);
 
-  Response answer(const Request& request) override;
+  void answer(const Request& request, Reply reply) override;
   Upgrade upgrade(const Request& request) override;
   const Access& access() const { return access_; }
 
  private:
   Response page(const Request& request) const;
-  Response metrics(const Request& request);
+  void metrics(const Reply& reply);
+  Upgrade upgradeViewer(const Request& request, Right right) const;
 
   Access access_;
   const std::shared_ptr<PageServices> services_;
-  const std::vector<std::string> metricsKeys_;
-  const std::function<std::size_t()> connections_;
-  /// Held from the first look at the figures on: counters count from there.
-  std::unique_ptr<Model::Use> counting_;
+  const std::shared_ptr<Metrics> metrics_;
+  const std::shared_ptr<const ViewerParameters> parameters_;
   struct Sent {
     const Asset* asset;
     std::shared_ptr<const std::string> plain, gzip;

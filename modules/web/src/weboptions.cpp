@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 #include <stdexcept>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -14,14 +14,10 @@ namespace {
 
 constexpr std::size_t kShortestToken = 16;
 
-std::vector<std::string> listOf(std::string_view text) {
-  std::vector<std::string> parts;
-  while (!text.empty()) {
-    const std::size_t end = std::min(text.find(','), text.size());
-    if (end > 0) parts.emplace_back(text.substr(0, end));
-    text.remove_prefix(std::min(end + 1, text.size()));
-  }
-  return parts;
+std::vector<std::string> textsOf(const HXValue& list) {
+  std::vector<std::string> texts;
+  for (const HXValue& text : list.asList()) texts.push_back(text.asString());
+  return texts;
 }
 
 bool isToken(const std::string& text) {
@@ -36,50 +32,59 @@ bool isOrigin(const std::string& text) {
          text.find_first_of("/?#@ ", host + 3) == std::string::npos;
 }
 
-bool isTrue(const std::string& name, const std::string& text) {
-  if (text == "1" || text == "true") return true;
-  if (text.empty() || text == "0" || text == "false") return false;
-  throw std::runtime_error(fmt::format("{} is 1 or 0, and not {}", name, text));
-}
-
-std::uint16_t portOf(const std::string& name, const std::string& text) {
-  std::uint16_t port = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
-  if (error == std::errc() && end == text.data() + text.size()) return port;
-  throw std::runtime_error(fmt::format("{} is a number from 0 to 65535, and not {}", name, text));
-}
-
 }  // namespace
 
-WebOptions WebOptions::from(const std::function<std::string(const std::string& name)>& variable) {
+std::vector<Setting> WebOptions::settings() {
+  const WebOptions usual;
+  return {
+      Setting::integer("port", usual.port, "At which it listens; 0 takes any that is free.").between(0, 65535),
+      Setting::text("bind", usual.bind, "The address at which it listens; others than this machine's ask for a token."),
+      Setting::texts("hosts", {}, "Further names under which browsers reach it."),
+      Setting::flag("allow-write", false, "Whether who has the token to write may set, raise, remove and call."),
+      Setting::texts("allow-origins", {}, "Origins of viewers that run in a browser, as in https://viewer.example."),
+      Setting::texts("metrics", {}, "Keys whose numbers Prometheus is told, as globs."),
+      Setting::texts(
+          "parameters", {},
+          "Keys that viewers are offered as parameters: keys, prefixes that end with /, and globs. Kept keys "
+          "always are."),
+      Setting::text("view-token", "", "The token to look; where one is needed and none is set, another one each time."),
+      Setting::text("write-token", "", "The token to write, likewise."),
+      Setting::text("certificate", "", "A file in PEM with the certificate to speak TLS with, and its chain."),
+      Setting::text("key", "", "The file in PEM with the certificate's key."),
+  };
+}
+
+WebOptions WebOptions::from(const HXValue& values) {
   WebOptions options;
-  if (const auto bind = variable("KORVO_WEB_BIND"); !bind.empty()) options.bind = bind;
-  if (const auto port = variable("KORVO_WEB_PORT"); !port.empty()) options.port = portOf("KORVO_WEB_PORT", port);
-  options.hosts = listOf(variable("KORVO_WEB_HOSTS"));
-  options.allowedOrigins = listOf(variable("KORVO_WEB_ALLOW_ORIGINS"));
-  options.metrics = listOf(variable("KORVO_WEB_METRICS"));
-  options.allowWrite = isTrue("KORVO_WEB_ALLOW_WRITE", variable("KORVO_WEB_ALLOW_WRITE"));
-  options.viewToken = variable("KORVO_WEB_VIEW_TOKEN");
-  options.writeToken = variable("KORVO_WEB_WRITE_TOKEN");
-  options.certificate = variable("KORVO_WEB_CERTIFICATE");
-  options.key = variable("KORVO_WEB_KEY");
+  options.port = static_cast<std::uint16_t>(values["port"].toInt());
+  options.bind = values["bind"].asString();
+  options.hosts = textsOf(values["hosts"]);
+  options.allowWrite = values["allow-write"].asBool();
+  options.allowedOrigins = textsOf(values["allow-origins"]);
+  options.metrics = textsOf(values["metrics"]);
+  options.parameters = textsOf(values["parameters"]);
+  options.viewToken = values["view-token"].asString();
+  options.writeToken = values["write-token"].asString();
+  options.certificate = values["certificate"].asString();
+  options.key = values["key"].asString();
   options.check();
   return options;
 }
 
 void WebOptions::check() const {
-  if (certificate.empty() != key.empty()) throw std::runtime_error("a certificate and its key come together");
-  for (const std::string& token : {viewToken, writeToken}) {
-    if (token.empty() || isToken(token)) continue;
-    throw std::runtime_error(fmt::format("a token has {} letters, digits, - and _, or more", kShortestToken));
+  if (certificate.empty() != key.empty()) throw std::runtime_error("certificate and key come together, or not at all");
+  for (const auto& [name, token] : {std::pair("view-token", &viewToken), std::pair("write-token", &writeToken)}) {
+    if (token->empty() || isToken(*token)) continue;
+    throw std::runtime_error(fmt::format("{}: a token has {} letters, digits, - and _, or more", name, kShortestToken));
   }
   if (!viewToken.empty() && viewToken == writeToken) {
-    throw std::runtime_error("the token to look and the one to write differ, or they would be one");
+    throw std::runtime_error("view-token and write-token differ, or they would be one");
   }
   for (const std::string& origin : allowedOrigins) {
     if (isOrigin(origin)) continue;
-    throw std::runtime_error(
-        fmt::format("an origin is scheme, host and port, as in https://viewer.example:8080, and {} is none", origin));
+    throw std::runtime_error(fmt::format(
+        "allow-origins: an origin is scheme, host and port, as in https://viewer.example:8080, and {} is none",
+        origin));
   }
 }
 

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <hxcommon/settings.h>
+#include <hxvalue/hxvalue.h>
+
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -13,17 +15,19 @@ struct WebOptions {
   std::uint16_t port = 8765;  ///< 0: any that is free.
   std::vector<std::string> hosts;
   std::vector<std::string> allowedOrigins;
-  std::vector<std::string> metrics;  ///< Patterns of keys that are told as gauges.
+  std::vector<std::string> metrics;     ///< Patterns of keys that are told as gauges.
+  std::vector<std::string> parameters;  ///< Patterns of keys that viewers are offered as parameters.
   bool allowWrite = false;
   std::string viewToken;    ///< Empty: made up, where one is needed.
   std::string writeToken;   ///< As `viewToken`.
   std::string certificate;  ///< File in PEM; with `key`. Empty: no TLS.
   std::string key;
 
-  /// As the environment says it, KORVO_WEB_PORT and so on; lists are separated by commas.
-  /// @param variable  The value of a variable, empty when there is none.
-  /// @throws std::runtime_error naming the variable that is wrong.
-  static WebOptions from(const std::function<std::string(const std::string& name)>& variable);
+  /// What a module declares to be set to them.
+  static std::vector<Setting> settings();
+  /// @param values  Of all of `settings`, by their names.
+  /// @throws std::runtime_error as `check`.
+  static WebOptions from(const HXValue& values);
   /// @throws std::runtime_error for what contradicts itself, or would let in more than is meant.
   void check() const;
   /// Whether only those may look who know a token.

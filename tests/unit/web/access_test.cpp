@@ -141,32 +141,29 @@ TEST(Access, LooksAtFewGuessesOfOneAddress) {
 }
 
 TEST(WebOptions, RefuseWhatContradictsItself) {
-  const auto optionsOf = [](std::map<std::string, std::string> variables) {
-    return HX::WebOptions::from([variables](const std::string& name) {
-      const auto found = variables.find(name);
-      return found == variables.end() ? std::string() : found->second;
-    });
+  const auto optionsOf = [](const HX::HXValue& given) {
+    HX::HXValue values = HX::HXValue::map();
+    for (const HX::Setting& setting : HX::WebOptions::settings()) values.mapSet(setting.name(), setting.otherwise());
+    for (const auto& [name, value] : given.asMap()) values.mapSet(name, value);
+    return HX::WebOptions::from(values);
   };
-  const HX::WebOptions options = optionsOf({{"KORVO_WEB_PORT", "80"}, {"KORVO_WEB_METRICS", "Host/*,,Arm/*"}});
+  using HX::HXValue;
+  const HX::WebOptions options =
+      optionsOf(HXValue::map({{"port", 80}, {"metrics", HXValue::list({"Host/*", "Arm/*"})}}));
   EXPECT_EQ(options.port, 80);
   EXPECT_EQ(options.metrics, (std::vector<std::string>{"Host/*", "Arm/*"}));
   EXPECT_FALSE(options.needsToken());
-  EXPECT_TRUE(optionsOf({{"KORVO_WEB_BIND", "0.0.0.0"}}).needsToken());
-  EXPECT_TRUE(optionsOf({{"KORVO_WEB_ALLOW_WRITE", "1"}}).needsToken());
-  const std::map<std::string, std::string> wrong[] = {
-      {{"KORVO_WEB_PORT", "65536"}},
-      {{"KORVO_WEB_PORT", "80x"}},
-      {{"KORVO_WEB_ALLOW_WRITE", "maybe"}},
-      {{"KORVO_WEB_VIEW_TOKEN", "short"}},
-      {{"KORVO_WEB_VIEW_TOKEN", "with;a;semicolon;in;it"}},
-      {{"KORVO_WEB_VIEW_TOKEN", kView}, {"KORVO_WEB_WRITE_TOKEN", kView}},
-      {{"KORVO_WEB_CERTIFICATE", "robot.pem"}},
-      {{"KORVO_WEB_ALLOW_ORIGINS", "*"}},
-      {{"KORVO_WEB_ALLOW_ORIGINS", "https://viewer.example/"}},
+  EXPECT_TRUE(optionsOf(HXValue::map({{"bind", "0.0.0.0"}})).needsToken());
+  EXPECT_TRUE(optionsOf(HXValue::map({{"allow-write", true}})).needsToken());
+  const HXValue wrong[] = {
+      HXValue::map({{"view-token", "short"}}),
+      HXValue::map({{"view-token", "with;a;semicolon;in;it"}}),
+      HXValue::map({{"view-token", kView}, {"write-token", kView}}),
+      HXValue::map({{"certificate", "robot.pem"}}),
+      HXValue::map({{"allow-origins", HXValue::list({"*"})}}),
+      HXValue::map({{"allow-origins", HXValue::list({"https://viewer.example/"})}}),
   };
-  for (const auto& variables : wrong) {
-    EXPECT_THROW(optionsOf(variables), std::runtime_error) << variables.begin()->first << variables.begin()->second;
-  }
+  for (const HXValue& given : wrong) EXPECT_THROW(optionsOf(given), std::runtime_error) << given.toString();
 }
 
 }  // namespace

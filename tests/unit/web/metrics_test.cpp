@@ -31,6 +31,21 @@ Tree someTree() {
   return made;
 }
 
+/// What modules tell of a memory with two subscribers, one of which is slow.
+ServerFigures someFigures() {
+  using HX::HXValue;
+  ServerFigures figures{3, 7, "1.2"};
+  const HXValue follower = HXValue::map({{"who", "HXKeeper"}, {"behind", 5}, {"gaps", 1}});
+  figures.journal = HXValue::map({{"subscriptions", 2},
+                                  {"slow", 1},
+                                  {"bounds", HXValue::list({0.001, 1.0})},
+                                  {"calls", HXValue::list({HXValue::list({"Arm", HXValue::list({4, 0, 1}), 7.5})})},
+                                  {"followers", HXValue::list({follower, follower})}});
+  figures.freshness = HXValue::list({HXValue::list({"Lidar/Scan", 0.5, 0.2, true})});
+  figures.dropped = 9;
+  return figures;
+}
+
 TEST(MetricsText, IsTheSameInEveryCountry) {
   // Where there is no such locale, there is nothing that it could spoil.
   std::setlocale(LC_ALL, "de_DE.UTF-8");
@@ -61,11 +76,25 @@ TEST(Metrics, TellOnlyChosenKeysThatAreNumbers) {
   EXPECT_EQ(metricsOf(someTree(), {}, {}).find("korvo_key_value"), std::string::npos);
 }
 
+TEST(Metrics, TellWhatModulesKnowWhereTheyAreThere) {
+  const std::string text = metricsOf(someTree(), {}, someFigures());
+  for (const char* line :
+       {"korvo_subscriptions 2", "korvo_subscriptions_slow 1", "korvo_subscriptions_dropped_total 9",
+        "korvo_subscriber_call_seconds_bucket{subscriber=\"Arm\",le=\"1\"} 4",
+        "korvo_subscriber_call_seconds_count{subscriber=\"Arm\"} 5",
+        "korvo_subscriber_call_seconds_sum{subscriber=\"Arm\"} 7.5", "korvo_followers{follower=\"HXKeeper\"} 2",
+        "korvo_follower_behind{follower=\"HXKeeper\"} 5", "korvo_follower_gaps{follower=\"HXKeeper\"} 2",
+        "korvo_key_overdue{key=\"Lidar/Scan\"} 1", "korvo_key_silence_seconds{key=\"Lidar/Scan\"} 0.5"}) {
+    EXPECT_NE(text.find(std::string(line) + "\n"), std::string::npos) << line;
+  }
+  EXPECT_EQ(metricsOf(someTree(), {}, {}).find("korvo_subscri"), std::string::npos);
+}
+
 TEST(Metrics, ArePrometheusText) {
   if (std::system("command -v promtool >/dev/null") != 0) GTEST_SKIP() << "no promtool";
   const kit::TemporaryFolder folder;
   const auto file = folder.path() / "metrics";
-  std::ofstream(file) << metricsOf(someTree(), {"*"}, {3, 7, "1.2"});
+  std::ofstream(file) << metricsOf(someTree(), {"*"}, someFigures());
   EXPECT_EQ(std::system(("promtool check metrics < " + file.string()).c_str()), 0);
 }
 

@@ -1,12 +1,11 @@
-#include "memory_fixture.h"
+#include "web_fixture.h"
 
-#include <hxcommon/feed.h>
-#include <hxproxies/hxmemoryproxy.h>
 #include <hxvalue/json.h>
+#include <libmw/dynamicobject.h>
+#include <libmw/signal.h>
 
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <page/batch.h>
 #include <page/pagesession.h>
 #include <thread>
@@ -17,24 +16,8 @@ namespace {
 
 using namespace HX::web;
 using HX::HXValue;
-
-/// A browser, as the server sees it.
-class Browser : public Socket {
- public:
-  void send(Message message) override {
-    const std::lock_guard lock(mutex_);
-    messages_.push_back(std::move(message));
-  }
-  void close(const std::string& /*reason*/) override {}
-  std::vector<Message> take() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(messages_, {});
-  }
-
- private:
-  std::mutex mutex_;  // Guards what follows.
-  std::vector<Message> messages_;
-};
+using kit::Browser;
+using kit::WebFixture;
 
 /// A batch, read as the page reads it.
 struct Read {
@@ -71,25 +54,12 @@ Read read(const std::string& bytes) {
   return batch;
 }
 
-class Page : public kit::MemoryFixture {
+class Page : public WebFixture {
  protected:
-  void SetUp() override {
-    MemoryFixture::SetUp();
-    mw::EventLoop& loop = broker->session()->eventLoop();
-    model_ = std::make_shared<Model>(loop, [this](auto filter, auto onChange, auto options) {
-      return HX::follow(broker, std::move(filter), std::move(onChange), std::move(options));
-    });
-    auto errands = std::make_shared<Errands>(broker, [this] { return HX::HXMemoryProxy(generic); });
-    services_ = std::make_shared<PageServices>(
-        model_, errands, loop, "robot", [this](HX::journal::TimePoint time) { return HX::changesAt(broker, time); });
-  }
   void TearDown() override {
     if (session_) session_->closed();
     session_.reset();
-    model_->close();
-    services_.reset();
-    model_.reset();
-    MemoryFixture::TearDown();
+    WebFixture::TearDown();
   }
 
   void open(Right right) {
@@ -138,8 +108,6 @@ class Page : public kit::MemoryFixture {
     return static_cast<std::uint32_t>(answer["rows"][0][0].toInt64());
   }
 
-  std::shared_ptr<Model> model_;
-  std::shared_ptr<PageServices> services_;
   std::shared_ptr<Browser> browser_;
   std::shared_ptr<PageSession> session_;
   Read last_;
@@ -256,6 +224,31 @@ TEST_F(Page, CallsMethodsByTheirForms) {
   ASSERT_GE(id, 0);
   say(R"({"op":"call","service":"HXMemory","method":)" + std::to_string(id) + R"(,"arguments":["KeyAdded"]})");
   EXPECT_EQ(answerTo("call")["value"], HXValue::list({"HXMemory/KeyAdded"}));
+}
+
+TEST_F(Page, WatchesSignalsUntilItLooksAway) {
+  mw::Signal<int> opened;
+  mw::ObjectBuilder builder;
+  builder.advertiseSignal("opened", opened);
+  broker->session()->registerService("Door",
+                                     mw::AnyObject(std::make_shared<mw::DynamicObject>(builder.build(), nullptr)));
+  open(Right::View);
+  say(R"({"op":"listen","service":"Door","signal":"closed","on":true})");
+  EXPECT_NE(answerTo("listen").find("error"), nullptr);
+  say(R"({"op":"listen","service":"Door","signal":"closed","on":false})");
+  answerTo("listen");
+  say(R"({"op":"listen","service":"Door","signal":"opened","on":true})");
+  EXPECT_EQ(answerTo("listen").find("error"), nullptr);
+  opened(7);
+  const HXValue told = waitFor([](const HXValue& message) { return message.find("emitted") != nullptr; });
+  EXPECT_EQ(told["emitted"][0][0], HXValue("Door.opened"));
+  EXPECT_EQ(told["emitted"][0][1].toInt(), 1);
+  EXPECT_EQ(told["emitted"][0][2][0][0], HXValue::list({7}));
+  say(R"({"op":"listen","service":"Door","signal":"opened","on":false})");
+  answerTo("listen");
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (opened.hasSubscribers() && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+  EXPECT_FALSE(opened.hasSubscribers());
 }
 
 }  // namespace

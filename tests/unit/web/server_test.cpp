@@ -1,8 +1,18 @@
+#include "temporary_folder.h"
+
 #include <arpa/inet.h>
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <http/server.h>
+#include <memory>
 #include <netinet/in.h>
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
+#include <stdexcept>
+#include <string>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -14,12 +24,17 @@ using namespace HX::web;
 /// Says what it was asked.
 class Echo : public Handler {
  public:
-  Response answer(const Request& request) override {
+  void answer(const Request& request, Reply reply) override {
     ++answered;
-    return Response::text(200, request.method + " " + request.path + " " + request.query + " " + request.body);
+    auto response = Response::text(200, request.method + " " + request.path + " " + request.query + " " + request.body);
+    if (request.path != "/later") return reply(std::move(response));
+    late_ = std::jthread([reply = std::move(reply), response = std::move(response)] { reply(response); });
   }
   Upgrade upgrade(const Request& /*request*/) override { return {nullptr, {}, Response::text(403, "no")}; }
   std::atomic<int> answered{0};
+
+ private:
+  std::jthread late_;
 };
 
 /// A peer that says what it likes.
@@ -75,8 +90,11 @@ class ServerTest : public testing::Test {
 
 TEST_F(ServerTest, AnswersRequestsOfOneConnectionInTurn) {
   const Peer peer(server_.port());
-  peer.say("GET /a?b=c HTTP/1.1\r\nHost: x\r\n\r\nPOST /d HTTP/1.1\r\nHost: x\r\nContent-Length: 2\r\n\r\nhi");
+  peer.say(
+      "GET /later HTTP/1.1\r\nHost: x\r\n\r\nGET /a?b=c HTTP/1.1\r\nHost: x\r\n\r\nPOST /d HTTP/1.1\r\nHost: "
+      "x\r\nContent-Length: 2\r\n\r\nhi");
   const std::string heard = peer.hear("hi");
+  EXPECT_LT(heard.find("GET /later "), heard.find("GET /a b=c ")) << "in turn, also where an answer takes its time";
   EXPECT_NE(heard.find("GET /a b=c "), std::string::npos);
   EXPECT_NE(heard.find("POST /d  hi"), std::string::npos);
 }
@@ -109,6 +127,63 @@ TEST(Server, SaysWhatItCannotHave) {
   ServerOptions secret;
   secret.certificate = "/nowhere.pem";
   EXPECT_THROW(Server{secret}, std::runtime_error);
+}
+
+/// A certificate for localhost and its key, as `openssl` makes them.
+bool makeCertificate(const std::filesystem::path& folder, const std::string& name) {
+  const std::string stem = (folder / name).string();
+  return std::system(
+             ("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 -subj /CN=localhost"
+              " -addext subjectAltName=DNS:localhost -keyout " +
+              stem + ".key -out " + stem + ".pem 2>/dev/null")
+                 .c_str()) == 0;
+}
+
+/// What a client that trusts one certificate alone gets; empty when there is no way to it.
+std::string askByTls(std::uint16_t port, const std::string& trusted) {
+  const std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+  SSL_CTX_load_verify_locations(context.get(), trusted.c_str(), nullptr);
+  SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
+  const std::unique_ptr<BIO, decltype(&BIO_free_all)> line(BIO_new_ssl_connect(context.get()), BIO_free_all);
+  SSL* ssl = nullptr;
+  BIO_get_ssl(line.get(), &ssl);
+  SSL_set1_host(ssl, "localhost");
+  std::string address = "127.0.0.1:" + std::to_string(port);
+  BIO_ctrl(line.get(), BIO_C_SET_CONNECT, 0, address.data());
+  if (BIO_do_connect(line.get()) != 1 || BIO_puts(line.get(), "GET /tls HTTP/1.0\r\nHost: x\r\n\r\n") <= 0) return {};
+  std::string heard;
+  char bytes[1024];
+  for (int count = 0; (count = BIO_read(line.get(), bytes, sizeof bytes)) > 0;) {
+    heard.append(bytes, static_cast<std::size_t>(count));
+  }
+  return heard;
+}
+
+TEST(ServerWithTls, IsReachedByItsCertificateAlone) {
+  const kit::TemporaryFolder folder;
+  if (!makeCertificate(folder.path(), "own") || !makeCertificate(folder.path(), "other")) GTEST_SKIP() << "no openssl";
+  const auto file = [&](const char* name) { return (folder.path() / name).string(); };
+  ServerOptions options;
+  options.certificate = file("own.pem");
+  options.key = file("own.key");
+  Echo echo;
+  Server server(options);
+  server.serve(echo);
+  EXPECT_NE(askByTls(server.port(), file("own.pem")).find("GET /tls"), std::string::npos);
+  EXPECT_EQ(askByTls(server.port(), file("other.pem")), "") << "another one's";
+  const Peer plain(server.port());
+  plain.say("GET / HTTP/1.1\r\nHost: x\r\n\r\n");
+  EXPECT_EQ(plain.hear("200").find("200"), std::string::npos) << "without TLS nothing is told";
+
+  options.key = file("other.key");
+  EXPECT_THROW(Server{options}, std::runtime_error) << "it is not this certificate's";
+  options.certificate = file("missing.pem");
+  try {
+    const Server none(options);
+    ADD_FAILURE() << "it has no certificate";
+  } catch (const std::exception& error) {
+    EXPECT_NE(std::string(error.what()).find("missing.pem"), std::string::npos) << error.what();
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -60,6 +61,8 @@ class Socket {
   /// Queues a message. A peer that leaves too much of it unread is cut off.
   virtual void send(Message message) = 0;
   virtual void close(const std::string& reason) = 0;
+  /// Bytes that were sent, and that the peer has not taken yet. On the server's thread only.
+  virtual std::size_t unread() const = 0;
 };
 
 /// What answers a WebSocket. Its functions run on the server's thread and must not wait.
@@ -83,8 +86,11 @@ struct Upgrade {
 /// What answers requests. Its functions run on the server's thread and must not wait.
 class Handler {
  public:
+  using Reply = std::function<void(Response)>;
+
   virtual ~Handler() = default;
-  virtual Response answer(const Request& request) = 0;
+  /// @param reply  To be called once, on any thread; also later, and when the server has gone.
+  virtual void answer(const Request& request, Reply reply) = 0;
   virtual Upgrade upgrade(const Request& request) = 0;
 };
 

@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include <boost/asio/dispatch.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
@@ -200,6 +201,8 @@ class WebSocket final : public Connection, public std::enable_shared_from_this<W
     finish();
   }
 
+  std::size_t unread() const noexcept { return unread_; }
+
  private:
   void read() {
     isReading_ = true;
@@ -268,6 +271,10 @@ class Line final : public Socket {
       if (const auto socket = peer.lock()) socket->enqueue(std::move(message));
     });
   }
+  std::size_t unread() const override {
+    const auto socket = peer_.lock();
+    return socket ? socket->unread() : 0;
+  }
   void close(const std::string& reason) override {
     asio::post(shared_->io, [peer = peer_, reason] {
       if (const auto socket = peer.lock()) socket->close(reason);
@@ -298,7 +305,10 @@ class HttpConnection final : public Connection, public std::enable_shared_from_t
     }
   }
 
-  void end() override { beast::get_lowest_layer(stream_).close(); }
+  void end() override {
+    beast::get_lowest_layer(stream_).close();
+    awaiting_.reset();
+  }
 
  private:
   void read(std::chrono::milliseconds limit) {
@@ -331,11 +341,22 @@ class HttpConnection final : public Connection, public std::enable_shared_from_t
     place_.take(shared_->requests, this->weak_from_this());  // Behind those that were silent for longer.
     const auto request = requestOf(parser_->get(), remote_);
     if (!request) return refuse(400, "a request has one Host, at most one Origin, and a path");
-    if (!request->isUpgrade) return write(shared_->handler->answer(*request));
+    if (!request->isUpgrade) return ask(*request);
     Upgrade upgrade = shared_->handler->upgrade(*request);
     if (!upgrade.handler) return write(upgrade.refusal);
     std::make_shared<WebSocket<Stream>>(shared_, std::move(stream_), std::move(upgrade.handler))
         ->run(parser_->get(), upgrade.subprotocol);
+  }
+
+  /// Nothing is read or written meanwhile, so the connection holds itself.
+  void ask(const Request& request) {
+    awaiting_ = this->shared_from_this();
+    shared_->handler->answer(request, [shared = shared_, weak = this->weak_from_this()](Response response) {
+      asio::dispatch(shared->io, [weak, response = std::move(response)] {
+        const auto self = weak.lock();
+        if (self && std::exchange(self->awaiting_, nullptr)) self->write(response);
+      });
+    });
   }
 
   void write(const Response& response) {
@@ -360,6 +381,7 @@ class HttpConnection final : public Connection, public std::enable_shared_from_t
   beast::flat_buffer input_{64 << 10};
   std::optional<http::request_parser<http::string_body>> parser_;
   std::unique_ptr<Outgoing> outgoing_;
+  std::shared_ptr<HttpConnection> awaiting_;  ///< This one, while its request is being answered.
 };
 
 std::string remoteOf(const tcp::socket& socket) {
@@ -433,7 +455,9 @@ class Server::Engine {
     thread_ = std::thread([this] { shared_->io.run(); });
   }
   std::uint16_t port() const noexcept { return port_; }
-  std::size_t count() const noexcept { return shared_->count; }
+  std::function<std::size_t()> count() const {
+    return [shared = shared_] { return shared->count.load(); };
+  }
 
  private:
   void accept() {
@@ -490,6 +514,6 @@ void Server::serve(Handler& handler) { engine_->serve(handler); }
 
 std::uint16_t Server::port() const noexcept { return engine_->port(); }
 
-std::size_t Server::connectionCount() const noexcept { return engine_->count(); }
+std::function<std::size_t()> Server::connectionCount() const { return engine_->count(); }
 
 }  // namespace HX::web

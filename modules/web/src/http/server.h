@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -49,8 +50,9 @@ class Server {
   void serve(Handler& handler);
   /// The port that it has.
   std::uint16_t port() const noexcept;
-  /// At this moment, WebSockets included.
-  std::size_t connectionCount() const noexcept;
+  /// Tells how many connections there are at a moment, WebSockets included; on any thread, and when the server has
+  /// gone.
+  std::function<std::size_t()> connectionCount() const;
 
  private:
   class Engine;

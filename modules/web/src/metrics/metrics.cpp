@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <fstream>
+#include <map>
 #include <unistd.h>
 
 namespace HX::web {
@@ -60,6 +61,53 @@ void addValues(MetricsText& text, const Tree& tree, const std::vector<std::strin
   text.sample(static_cast<double>(left));
 }
 
+void addSubscribers(MetricsText& text, const HXValue& figures, std::uint64_t dropped) {
+  text.family("korvo_subscriptions", "gauge", "Subscriptions to events.");
+  text.sample(figures["subscriptions"].toDouble());
+  text.family("korvo_subscriptions_slow", "gauge", "Subscriptions whose last call took 100 ms or more.");
+  text.sample(figures["slow"].toDouble());
+  text.family("korvo_subscriptions_dropped_total", "counter", "Subscriptions that ended because their calls failed.");
+  text.sample(static_cast<double>(dropped));
+  std::vector<double> bounds;
+  for (const HXValue& bound : figures["bounds"].asList()) bounds.push_back(bound.toDouble());
+  text.family("korvo_subscriber_call_seconds", "histogram", "How long subscribers took when they were called.");
+  for (const HXValue& each : figures["calls"].asList()) {
+    std::vector<std::uint64_t> counts;
+    for (const HXValue& count : each[1].asList()) counts.push_back(static_cast<std::uint64_t>(count.toInt64()));
+    text.histogram(bounds, counts, each[2].toDouble(), {{"subscriber", each[0].asString()}});
+  }
+}
+
+/// By their names, of which several may have one.
+void addFollowers(MetricsText& text, const HXValue& followers) {
+  struct Sum {
+    double count = 0, behind = 0, gaps = 0;
+  };
+  std::map<std::string, Sum> byName;
+  for (const HXValue& each : followers.asList()) {
+    Sum& sum = byName[each["who"].asString()];
+    sum.count += 1;
+    sum.behind = std::max(sum.behind, each["behind"].toDouble());
+    sum.gaps += each["gaps"].toDouble();
+  }
+  text.family("korvo_followers", "gauge", "Who follows the changes, and how many of that name.");
+  for (const auto& [name, sum] : byName) text.sample(sum.count, {{"follower", name}});
+  text.family("korvo_follower_behind", "gauge", "Changes that a follower has not been told yet; of several the most.");
+  for (const auto& [name, sum] : byName) text.sample(sum.behind, {{"follower", name}});
+  text.family("korvo_follower_gaps", "gauge", "How often a present follower has missed changes.");
+  for (const auto& [name, sum] : byName) text.sample(sum.gaps, {{"follower", name}});
+}
+
+/// Lists of [key, age, limit, whether it is overdue].
+void addFreshness(MetricsText& text, const HXValue& expectations) {
+  text.family("korvo_key_overdue", "gauge", "Whether an expected key has not been written in time.");
+  for (const HXValue& each : expectations.asList()) {
+    text.sample(each[3].toBool() ? 1 : 0, {{"key", each[0].asString()}});
+  }
+  text.family("korvo_key_silence_seconds", "gauge", "Since when an expected key has not been written.");
+  for (const HXValue& each : expectations.asList()) text.sample(each[1].toDouble(), {{"key", each[0].asString()}});
+}
+
 void addProcess(MetricsText& text) {
   double pages = 0;
   std::ifstream("/proc/self/statm") >> pages >> pages;
@@ -83,6 +131,11 @@ std::string metricsOf(const Tree& tree, const std::vector<std::string>& keys, co
   text.sample(static_cast<double>(figures.connections));
   text.family("korvo_web_batches_total", "counter", "Batches that pages were sent.");
   text.sample(static_cast<double>(figures.pageBatches));
+  if (figures.journal.isMap()) {
+    addSubscribers(text, figures.journal, figures.dropped);
+    addFollowers(text, figures.journal["followers"]);
+  }
+  if (figures.freshness.isList()) addFreshness(text, figures.freshness);
   addValues(text, tree, keys);
   addProcess(text);
   return text.take();

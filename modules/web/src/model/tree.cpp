@@ -74,6 +74,7 @@ std::vector<const Node*> Tree::find(std::string_view text, std::size_t most, std
 
 void Tree::change(const journal::Change& change) {
   ++count_;
+  if (change.at.epoch != 0) epoch_ = change.at.epoch;
   if (change.what == journal::What::Removed) {
     ++whats_[static_cast<std::size_t>(change.what)];
     if (const auto found = keys_.find(change.key); found != keys_.end()) removeKey(*found->second);

@@ -109,6 +109,8 @@ class Tree {
   std::uint32_t keysOf(std::uint8_t kind) const { return kind < kinds_.size() ? kinds_[kind] : 0; }
   std::uint64_t changesOf(journal::What what) const { return whats_[static_cast<std::size_t>(what)]; }
   std::uint64_t gaps() const { return gaps_; }
+  /// Of the memory that was heard of last: another one each time it is made. 0 before the first change.
+  std::uint64_t epoch() const { return epoch_; }
   const std::vector<std::string>& authors() const { return authors_; }
   const std::deque<Movement>& movements() const { return movements_; }
   const std::deque<Raise>& raises() const { return raises_; }
@@ -148,6 +150,7 @@ class Tree {
   std::uint64_t count_ = 0;
   std::uint64_t generation_ = 0;
   std::uint64_t gaps_ = 0;
+  std::uint64_t epoch_ = 0;
   std::uint32_t lastId_ = 0;
   bool isComplete_ = false;
 };

@@ -1,6 +1,7 @@
 #include "errands.h"
 
 #include <hxcommon/hxbroker.h>
+#include <hxerror/hxerror.h>
 #include <hxproxies/hxmemoryproxy.h>
 #include <libmw/metaobject.h>
 
@@ -151,9 +152,8 @@ HXValue Errands::services() const {
 }
 
 HXValue Errands::describe(const std::string& service) const {
-  const auto proxy = broker()->getProxy(service);
-  if (!proxy) throw std::runtime_error("no service named " + service);
-  const mw::MetaObject& offered = proxy->asObject()->metaObject();
+  const mw::AnyObject described = object(service);
+  const mw::MetaObject& offered = described->metaObject();
   HXValue::List methods;
   for (const mw::MetaMethod& method : offered.methods()) methods.push_back(describeMethod(method));
   HXValue::List signals;
@@ -168,11 +168,9 @@ HXValue Errands::describe(const std::string& service) const {
 
 HXValue Errands::call(const HXValue& wish) const {
   const std::string& service = textAt(wish, "service");
-  const auto proxy = broker()->getProxy(service);
-  if (!proxy) throw std::runtime_error("no service named " + service);
-  const mw::AnyObject object = proxy->asObject();
+  const mw::AnyObject called = object(service);
   const auto id = static_cast<unsigned>(wish["method"].toInt64());
-  const mw::MetaMethod* const method = object->metaObject().method(id);
+  const mw::MetaMethod* const method = called->metaObject().method(id);
   if (!method) throw std::runtime_error(service + " has no such method");
   HXValue::List arguments = wish["arguments"].asList();
   if (!method->dynamic && arguments.size() != method->types.size()) {
@@ -180,17 +178,15 @@ HXValue Errands::call(const HXValue& wish) const {
   }
   for (std::size_t i = 0; i < method->types.size(); ++i) arguments[i] = suited(arguments[i], *method->types[i]);
   const auto parameters = references(arguments);
-  return shown(object->metaCall(id, parameters).take());
+  return shown(called->metaCall(id, parameters).take());
 }
 
 void Errands::emit(const HXValue& wish) const {
   const std::string& service = textAt(wish, "service");
-  const auto proxy = broker()->getProxy(service);
-  if (!proxy) throw std::runtime_error("no service named " + service);
-  const mw::AnyObject object = proxy->asObject();
-  const int id = object->metaObject().signalId(textAt(wish, "signal"));
+  const mw::AnyObject emitter = object(service);
+  const int id = emitter->metaObject().signalId(textAt(wish, "signal"));
   if (id < 0) throw std::runtime_error(service + " has no such signal");
-  object->metaPost(static_cast<unsigned>(id), references(wish["arguments"].asList()));
+  emitter->metaPost(static_cast<unsigned>(id), references(wish["arguments"].asList()));
 }
 
 HXValue Errands::wiring() const {
@@ -211,7 +207,57 @@ HXValue Errands::wiring() const {
     const auto produced = memory.getExtractorEvent(each.asString());
     modules.push_back(HXValue::map({{"name", each}, {"extracts", HXValue(produced)}}));
   }
-  return HXValue::map({{"events", std::move(events)}, {"modules", std::move(modules)}, {"cut", isCut}});
+  HXValue told = HXValue::map({{"events", std::move(events)}, {"modules", std::move(modules)}, {"cut", isCut}});
+  if (const HXValue figures = ask("HXJournal", "figures"); figures.isMap())
+    told.mapSet("mappings", figures["mappings"]);
+  return told;
+}
+
+std::string Errands::kindOf(const std::string& key) const {
+  try {
+    return memory_().getType(key);
+  } catch (const HXError&) {
+    return {};
+  }
+}
+
+void Errands::raise(const std::string& key, const HXValue& value) const {
+  HXMemoryProxy memory = memory_();
+  const std::string kind = kindOf(key);
+  if (kind == "Data") throw std::runtime_error(key + " is data, and would become an event if it were raised");
+  if (kind == "MicroEvent") return memory.raiseMicroEvent(key, value);
+  memory.raiseEvent(key, value);
+}
+
+HXValue Errands::ask(const std::string& service, const std::string& method, const HXValue* argument) const {
+  try {
+    const auto proxy = broker()->getProxy(service);
+    if (!proxy) return {};
+    return argument ? proxy->call<HXValue>(method, *argument) : proxy->call<HXValue>(method);
+  } catch (const std::exception&) {
+    return {};
+  }
+}
+
+mw::AnyObject Errands::object(const std::string& service) const {
+  const auto proxy = broker()->getProxy(service);
+  if (!proxy) throw std::runtime_error("no service named " + service);
+  return proxy->asObject();
+}
+
+std::vector<std::string> Errands::dataKeys() const { return memory_().getDataListName(); }
+
+std::vector<std::string> Errands::kept() const {
+  const auto keeper = broker()->getProxy("HXKeeper");
+  return keeper ? keeper->call<std::vector<std::string>>("kept") : std::vector<std::string>();
+}
+
+std::optional<HXValue> Errands::valueOf(const std::string& key) const {
+  try {
+    return memory_().getData(key);
+  } catch (const HXError&) {
+    return std::nullopt;
+  }
 }
 
 }  // namespace HX::web

@@ -1,10 +1,13 @@
 #pragma once
 
 #include <hxvalue/hxvalue.h>
+#include <libmw/genericobject.h>
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace HX {
 class HXBroker;
@@ -38,9 +41,25 @@ class Errands {
   void emit(const HXValue& wish) const;
   /// Who produces, raises and subscribes what.
   HXValue wiring() const;
+  /// Raises an event or a micro-event, whatever it is already; a name that is nothing yet becomes an event.
+  /// @throws std::runtime_error for data, which would become an event thereby.
+  void raise(const std::string& key, const HXValue& value) const;
+  /// What a method of another module gives; invalid where there is no such module, or it fails.
+  /// @param argument  Its only one; null for none.
+  HXValue ask(const std::string& service, const std::string& method, const HXValue* argument = nullptr) const;
+  /// @throws std::runtime_error when there is no such service.
+  mw::AnyObject object(const std::string& service) const;
+  /// The names of all data.
+  std::vector<std::string> dataKeys() const;
+  /// Those that survive a restart; none where nothing is kept.
+  std::vector<std::string> kept() const;
+  /// @return None when there is no such key.
+  std::optional<HXValue> valueOf(const std::string& key) const;
 
  private:
   std::shared_ptr<HXBroker> broker() const;
+  /// Empty for a key that there is not.
+  std::string kindOf(const std::string& key) const;
 
   const std::weak_ptr<HXBroker> broker_;
   const Memory memory_;

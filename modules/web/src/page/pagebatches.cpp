@@ -33,9 +33,12 @@ void PageSession::tick() {
   sendState();
   if (sent_ != drawn_) return;
   Batch batch;
+  HXValue emissions = takeEmissions();
+  const bool isEmitted = emissions.getSize() > 0;
+  if (isEmitted) batch.add("emitted", std::move(emissions));
   {
     const auto tree = services_->model->lock();
-    if (!hasNewWishes_ && tree->count() == seen_ && tree->isComplete() == wasComplete_) return;
+    if (!isEmitted && !hasNewWishes_ && tree->count() == seen_ && tree->isComplete() == wasComplete_) return;
     collect(batch, *tree);
     seen_ = tree->count();
     wasComplete_ = tree->isComplete();

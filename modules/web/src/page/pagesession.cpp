@@ -27,18 +27,39 @@ std::uint32_t wholeAt(const HXValue& wish, std::string_view name) {
 PageSession::PageSession(std::shared_ptr<PageServices> services, Right right)
     : services_(std::move(services)), right_(right) {}
 
-PageSession::~PageSession() { endPlots(); }
+PageSession::~PageSession() {
+  endPlots();
+  endSignals();
+}
 
 const std::map<std::string_view, PageSession::Operation>& PageSession::operations() {
   static const std::map<std::string_view, Operation> all{
-      {"open", &PageSession::openGroup},    {"close", &PageSession::closeGroup}, {"find", &PageSession::find},
-      {"resolve", &PageSession::resolve},   {"watch", &PageSession::watch},      {"plot", &PageSession::plot},
-      {"history", &PageSession::history},   {"key", &PageSession::lookAtKey},    {"events", &PageSession::timeLine},
-      {"drawn", &PageSession::acknowledge}, {"set", &PageSession::write},        {"raise", &PageSession::write},
-      {"raiseMicro", &PageSession::write},  {"describe", &PageSession::write},   {"remove", &PageSession::write},
-      {"declare", &PageSession::write},     {"about", &PageSession::about},      {"services", &PageSession::services},
-      {"service", &PageSession::describe},  {"call", &PageSession::call},        {"emit", &PageSession::emit},
+      {"open", &PageSession::openGroup},
+      {"close", &PageSession::closeGroup},
+      {"find", &PageSession::find},
+      {"resolve", &PageSession::resolve},
+      {"watch", &PageSession::watch},
+      {"plot", &PageSession::plot},
+      {"history", &PageSession::history},
+      {"key", &PageSession::lookAtKey},
+      {"events", &PageSession::timeLine},
+      {"drawn", &PageSession::acknowledge},
+      {"set", &PageSession::write},
+      {"raise", &PageSession::write},
+      {"raiseMicro", &PageSession::write},
+      {"describe", &PageSession::write},
+      {"remove", &PageSession::write},
+      {"declare", &PageSession::write},
+      {"about", &PageSession::about},
+      {"services", &PageSession::services},
+      {"service", &PageSession::describe},
+      {"call", &PageSession::call},
+      {"emit", &PageSession::emit},
       {"wiring", &PageSession::wiring},
+      {"health", &PageSession::health},
+      {"listen", &PageSession::listen},
+      {"subscribers", &PageSession::subscribers},
+      {"standing", &PageSession::standing},
   };
   return all;
 }
@@ -52,6 +73,7 @@ void PageSession::opened(std::shared_ptr<Socket> socket) {
 
 void PageSession::closed() {
   endPlots();
+  endSignals();
   use_.reset();
   socket_.reset();
 }
@@ -241,18 +263,6 @@ void PageSession::write(const HXValue& wish) {
   });
 }
 
-void PageSession::about(const HXValue& wish) {
-  send(wish, [key = wish["key"].asString()](const Errands& errands) { return errands.about(key); });
-}
-
-void PageSession::services(const HXValue& wish) {
-  send(wish, [](const Errands& errands) { return HXValue::map({{"services", errands.services()}}); });
-}
-
-void PageSession::describe(const HXValue& wish) {
-  send(wish, [service = wish["service"].asString()](const Errands& errands) { return errands.describe(service); });
-}
-
 void PageSession::call(const HXValue& wish) {
   requireRight();
   send(wish, [wish](const Errands& errands) { return errands.call(wish); });
@@ -264,10 +274,6 @@ void PageSession::emit(const HXValue& wish) {
     errands.emit(wish);
     return HXValue::map();
   });
-}
-
-void PageSession::wiring(const HXValue& wish) {
-  send(wish, [](const Errands& errands) { return errands.wiring(); });
 }
 
 }  // namespace HX::web

@@ -4,6 +4,7 @@
 #include "errands.h"
 #include "http/request.h"
 #include "model/model.h"
+#include "signalwatch.h"
 
 #include <atomic>
 #include <cstdint>
@@ -35,6 +36,7 @@ struct PageServices {
   std::string broker;  ///< Its name, for people.
   PlaceAt placeAt;     ///< The place in the journal at a time: `changesAt`.
   std::atomic<std::uint64_t> batches{0};
+  std::atomic<std::uint64_t> serviceNotices{0};  ///< How often a service came or went.
 };
 
 /// One page: what it looks at, and what it is told.
@@ -75,12 +77,19 @@ class PageSession : public SocketHandler, public std::enable_shared_from_this<Pa
   void timeLine(const HXValue& wish);
   void acknowledge(const HXValue& wish);
   void write(const HXValue& wish);
+  void call(const HXValue& wish);
+  void emit(const HXValue& wish);
+  // pagequestions.cpp
   void about(const HXValue& wish);
   void services(const HXValue& wish);
   void describe(const HXValue& wish);
-  void call(const HXValue& wish);
-  void emit(const HXValue& wish);
   void wiring(const HXValue& wish);
+  void health(const HXValue& wish);
+  void standing(const HXValue& wish);
+  void subscribers(const HXValue& wish);
+  void listen(const HXValue& wish);
+  HXValue takeEmissions();
+  void endSignals();
 
   void requireRight() const;
   /// Runs `errand` where it may wait, and answers with what it gives, or with its error.
@@ -114,6 +123,7 @@ class PageSession : public SocketHandler, public std::enable_shared_from_this<Pa
   std::vector<std::uint32_t> watched_;
   std::vector<std::uint32_t> fresh_;  // Watched since the last batch: told whatever their age.
   std::map<std::uint32_t, std::unique_ptr<Plot>> plots_;
+  std::map<std::string, std::shared_ptr<SignalWatch>> signals_;  // By the names of services and theirs.
   std::string key_;
   std::uint64_t keyTold_ = 0;
 };
