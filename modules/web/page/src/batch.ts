@@ -40,6 +40,7 @@ export interface Rest {
   raises?: RaiseEntry[];
   raisesLeftOut?: number;
   key?: KeyState;
+  emitted?: [signal: string, count: number, latest: [values: unknown[], time: number][]][];
 }
 
 const kMark = 0x3142574b;

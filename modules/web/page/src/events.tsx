@@ -1,6 +1,7 @@
 import { useEffect, useState } from 'preact/hooks';
-import { timeText } from './format';
+import { durationText, timeText } from './format';
 import { useFrames } from './hooks';
+import type { Subscriber } from './known';
 import { addressOf } from './route';
 import { store } from './store';
 
@@ -42,7 +43,36 @@ export function Events() {
   );
 }
 
-/** Each event a line, each raise a mark, the last minute from left to right. */
+/** Who is called for some keys, asked now and then. */
+function useSubscribers(keys: string[]): Record<string, Subscriber[]> {
+  const [told, set] = useState<Record<string, Subscriber[]>>({});
+  const wanted = keys.join('\n');
+  useEffect(() => {
+    if (!wanted) return;
+    const ask = () => void store.connection.ask('subscribers', { keys: wanted.split('\n') })
+      .then((answer) => set((answer.subscribers ?? {}) as Record<string, Subscriber[]>), () => {});
+    ask();
+    const again = setInterval(() => void (document.hidden || ask()), 2000);
+    return () => clearInterval(again);
+  }, [wanted, store.status]);
+  return told;
+}
+
+/** Those who are called, the slowest first, and how long the last call took. */
+function Called({ subscribers }: { subscribers: Subscriber[] }) {
+  const sorted = [...subscribers].sort((a, b) => (b.lastCall ?? 0) - (a.lastCall ?? 0));
+  return (
+    <span class="called">
+      {sorted.map((each) => (
+        <span key={`${each.module} ${each.method}`} class={(each.lastCall ?? 0) >= 0.1 ? 'badge bad' : 'badge'}>
+          {each.module} {each.lastCall === undefined ? '' : durationText(each.lastCall)}
+        </span>
+      ))}
+    </span>
+  );
+}
+
+/** Each event a line, each raise a mark, the last minute from left to right; behind it who was called, and how long. */
 function Lanes({ raises }: { raises: typeof store.raises }) {
   const kSpan = 60000;
   const kLanes = 12;
@@ -51,9 +81,10 @@ function Lanes({ raises }: { raises: typeof store.raises }) {
   const counts = new Map<string, number>();
   for (const [, key] of recent) counts.set(key, (counts.get(key) ?? 0) + 1);
   const keys = [...counts.keys()].sort().slice(0, kLanes);
+  const subscribers = useSubscribers(keys);
   if (keys.length === 0) return null;
   return (
-    <div class="lanes" role="img" aria-label={`The last minute of ${keys.length} events`}>
+    <div class="lanes" role="group" aria-label={`The last minute of ${keys.length} events, and who was called for them`}>
       {keys.map((key) => (
         <div class="lane" key={key}>
           <span class="label">{key}</span>
@@ -63,6 +94,7 @@ function Lanes({ raises }: { raises: typeof store.raises }) {
             ))}
           </svg>
           <span class="quiet">{counts.get(key)}</span>
+          <Called subscribers={subscribers[key] ?? []} />
         </div>
       ))}
     </div>

@@ -41,6 +41,17 @@ export function ageText(milliseconds: number): string {
   return `${Math.floor(seconds / 86400)} d`;
 }
 
+/** Seconds as one reads them: 0.35 ms, 12 s. */
+export function durationText(seconds: number): string {
+  if (seconds < 1e-3) return `${Math.round(seconds * 1e6)} µs`;
+  if (seconds < 1) return `${Number((seconds * 1e3).toPrecision(2))} ms`;
+  return seconds < 10 ? `${Number(seconds.toPrecision(2))} s` : ageText(seconds * 1000);
+}
+
+export function bytesText(bytes: number): string {
+  return bytes < 1 << 30 ? `${Math.round(bytes / (1 << 20))} MiB` : `${(bytes / (1 << 30)).toFixed(1)} GiB`;
+}
+
 export function rateText(rate: number): string {
   if (rate < 0.05) return '';
   if (rate < 10) return `${rate.toFixed(1)}/s`;

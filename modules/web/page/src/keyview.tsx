@@ -1,8 +1,11 @@
 import { useEffect, useRef, useState } from 'preact/hooks';
 import { isByAddress, isNumber, kindOf, typeOf, type KeyState } from './batch';
 import { Chart } from './chart';
+import { Explained } from './explained';
+import type { Explanation } from './known';
+import { Parts } from './parts';
 import { Editor, kEditable, rawOf, type Draft } from './editor';
-import { ageText, numberText, pretty, timeText } from './format';
+import { ageText, durationText, numberText, pretty, timeText } from './format';
 import { useFrames, useKept } from './hooks';
 import { addressOf } from './route';
 import { store, type Series } from './store';
@@ -12,7 +15,7 @@ interface About {
   kind?: string;
   history?: unknown;
   subscribers?: string[];
-  explanation?: unknown;
+  explanation?: Explanation;
 }
 
 interface Prepared {
@@ -70,22 +73,30 @@ export function KeyView({ name, isPinned, onPin, onClose }: { name: string; isPi
           <pre class={`large t${type}`} tabIndex={0} aria-label="Value">{textOf(state)}</pre>
           {!state.whole && <p class="quiet">It is too long to be shown whole.</p>}
           {isNumber(type) && <MiniPlot name={name} />}
+          {(type === 'List' || type === 'Map') && state.whole && <Parts name={name} value={state.value} />}
           <dl>
             <dt>Changed</dt><dd>{timeText(state.time)}{state.time > 0 && <span class="quiet"> · {ageText(Date.now() - state.time)}</span>}</dd>
             <dt>By</dt><dd>{store.authorOf(state.facts) || <span class="quiet">not known</span>}</dd>
             <dt>Changes</dt><dd>{state.nth.toLocaleString()}{state.revision > 0 && <span class="quiet"> · revision {state.revision}</span>}</dd>
-            {about.subscribers && <><dt>Subscribers</dt><dd>{about.subscribers.length > 0 ? about.subscribers.join(', ') : <span class="quiet">none</span>}</dd></>}
+            <Expected name={name} />
+            {about.subscribers && !about.explanation && <><dt>Subscribers</dt><dd>{about.subscribers.length > 0 ? about.subscribers.join(', ') : <span class="quiet">none</span>}</dd></>}
           </dl>
+          {about.explanation && <Explained known={about.explanation} />}
           <Description name={name} text={about.description ?? ''} onDone={ask} />
           {store.mayWrite && <Writing key={`${name} ${type}`} name={name} state={state} onClose={onClose} />}
           <History history={about.history} />
-          {about.explanation !== undefined && (
-            <details><summary>What else is known</summary><pre class="more" tabIndex={0}>{pretty(about.explanation)}</pre></details>
-          )}
         </>
       )}
     </aside>
   );
+}
+
+/** How often it is to be written, where somebody has said so. */
+function Expected({ name }: { name: string }) {
+  const expected = store.expected.get(name);
+  if (!expected) return null;
+  const [, , limit, isOverdue] = expected;
+  return <><dt>Expected</dt><dd class={isOverdue ? 'overdue' : ''}>every {durationText(limit)}{isOverdue && ' · overdue'}</dd></>;
 }
 
 function Head({ name, heading, onClose }: { name: string; heading?: { current: HTMLHeadingElement | null }; onClose: () => void }) {

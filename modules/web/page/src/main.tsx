@@ -3,20 +3,23 @@ import { useEffect, useState } from 'preact/hooks';
 import { Events } from './events';
 import { rateText } from './format';
 import { useFrames, useKept, useNews, useRoute } from './hooks';
+import { Health } from './health';
 import { Memory } from './memory';
 import { Plots } from './plots';
-import { addressOf, isKiosk, kViews, tradeToken, type View } from './route';
+import { Recorder } from './recorder';
+import { isKiosk, kViews, lastAddressOf, tradeToken, type View } from './route';
 import { Services } from './services';
 import { store } from './store';
 import { Wiring } from './wiring';
 
-const kNames: Record<View, string> = { memory: 'Memory', plots: 'Plots', events: 'Events', wiring: 'Wiring', services: 'Services' };
+const kNames: Record<View, string> = { memory: 'Memory', plots: 'Plots', events: 'Events', wiring: 'Wiring', services: 'Services', health: 'Health' };
 const kMarks: Record<View, string> = {
   memory: 'M3 5h4M3 10h4M3 15h4M10 5h7M10 10h7M10 15h7',
   plots: 'M3 16 L7 9 L11 12 L17 4',
   events: 'M4 16V9M8 16V4M12 16v-6M16 16V7',
   wiring: 'M5 5h0M5 15h0M15 10h0M5 5 C10 5 10 10 15 10M5 15 C10 15 10 10 15 10',
   services: 'M4 4h12v5H4zM4 12h12v4H4z',
+  health: 'M2 11h4l2-6 4 11 2-5h4',
 };
 const kSchemes = ['auto', 'dark', 'light'];
 
@@ -47,6 +50,11 @@ function Trouble() {
   );
 }
 
+/** Who drags a key over "Plots" wants to drop it there. */
+function turnTo(view: View, event: DragEvent): void {
+  if (view === 'plots' && event.dataTransfer?.types.includes('text/x-korvo-key')) location.hash = lastAddressOf(view);
+}
+
 function App({ isRefused }: { isRefused: boolean }) {
   useNews();
   const { view } = useRoute();
@@ -66,11 +74,13 @@ function App({ isRefused }: { isRefused: boolean }) {
         <h1><span class={`dot ${isLost ? 'bad' : store.status === 'open' ? 'good' : ''}`} aria-hidden="true" />{store.broker || 'Korvo'}</h1>
         <nav aria-label="Views">
           {kViews.map((each) => (
-            <a key={each} href={addressOf(each, new URLSearchParams())} aria-current={each === view ? 'page' : undefined}>
+            <a key={each} href={each === view ? `#/${each}` : lastAddressOf(each)} aria-current={each === view ? 'page' : undefined}
+              onDragEnter={(event) => turnTo(each, event)}>
               <svg viewBox="0 0 20 20" aria-hidden="true"><path d={kMarks[each]} /></svg><span>{kNames[each]}</span>
             </a>
           ))}
         </nav>
+        <Recorder />
         <Pulse />
         {store.status === 'open' && !store.mayWrite && <span class="badge">view only</span>}
         <button type="button" class="plain scheme" aria-label={`Colours: ${scheme}`} title={`Colours: ${scheme}`}
@@ -84,6 +94,7 @@ function App({ isRefused }: { isRefused: boolean }) {
         {view === 'events' && <Events />}
         {view === 'wiring' && <Wiring />}
         {view === 'services' && <Services />}
+        {view === 'health' && <Health />}
       </main>
     </div>
   );

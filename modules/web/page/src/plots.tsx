@@ -2,15 +2,10 @@ import { useEffect, useRef, useState } from 'preact/hooks';
 import { Chart, labelOf, type ChartControl } from './chart';
 import { timeText } from './format';
 import { useNews, useRoute } from './hooks';
+import { partOf, partText } from './parttext';
 import { setParameter } from './route';
 import { store, type Series } from './store';
 
-/** "Arm/Pose~x~0": a key, and where in its value the number is. What separates is escaped in names. */
-const partText = (key: string, path: string[]): string => [key, ...path].map((each) => each.replace(/[%~,|]/g, encodeURIComponent)).join('~');
-const partOf = (text: string): { key: string; path: string[] } => {
-  const [key, ...path] = text.split('~').map(decodeURIComponent);
-  return { key, path };
-};
 const panelsOf = (text: string): string[][] => (text ? text.split('|').map((panel) => panel.split(',').filter(Boolean)) : []);
 const textOf = (panels: string[][]): string => panels.filter((panel) => panel.length > 0).map((panel) => panel.join(',')).join('|');
 

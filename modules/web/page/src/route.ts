@@ -1,16 +1,23 @@
 // What is shown stands in the address, behind the #, so that a link shows the same view.
 
-export type View = 'memory' | 'plots' | 'events' | 'wiring' | 'services';
-export const kViews: View[] = ['memory', 'plots', 'events', 'wiring', 'services'];
+export type View = 'memory' | 'plots' | 'events' | 'wiring' | 'services' | 'health';
+export const kViews: View[] = ['memory', 'plots', 'events', 'wiring', 'services', 'health'];
 
 export interface Route {
   view: View;
   parameters: URLSearchParams;
 }
 
+/** What each view showed last, so that it shows the same when one comes back to it. */
+const lastQueries = new Map<View, string>();
+
+/** Where a click on a view's name leads. */
+export const lastAddressOf = (view: View): string => addressOf(view, new URLSearchParams(lastQueries.get(view) ?? ''));
+
 export function route(): Route {
   const [path, query = ''] = location.hash.replace(/^#\/?/, '').split('?');
   const view = kViews.find((each) => each === path) ?? 'memory';
+  lastQueries.set(view, query);
   return { view, parameters: new URLSearchParams(query) };
 }
 

@@ -100,7 +100,9 @@ class Cells {
     this.write(this.age, row ? ageText(now - row.time) : '');
     this.write(this.author, isByAddress(facts) ? 'by address' : store.authorOf(facts));
     const isStale = row !== undefined && row.usualRate > 0.2 && now - row.time > Math.max(3000, 5000 / row.usualRate);
-    this.element.classList.toggle('stale', isStale);
+    const isOverdue = store.expected.get(twig.path)?.[3] ?? false;
+    this.element.classList.toggle('stale', isStale && !isOverdue);
+    this.element.classList.toggle('overdue', isOverdue);
     if (row && isNew) this.glow(row, now);
     if (row) this.draw(row);
   }
@@ -113,7 +115,7 @@ class Cells {
     this.write(this.value, `${keys.toLocaleString()} ${keys === 1 ? 'key' : 'keys'}`);
     for (const cell of [this.type, this.age, this.author]) this.write(cell, '');
     this.write(this.rate, row ? rateText(row.rate) : '');
-    this.element.classList.remove('stale');
+    this.element.classList.remove('stale', 'overdue');
     if (row && !twig.isOpen) this.glow(row, now);
     if (this.drawn) this.clear();
   }

@@ -1,8 +1,8 @@
 import { useEffect, useState } from 'preact/hooks';
-import { pretty } from './format';
-import { useNews, useRoute } from './hooks';
+import { pretty, timeText } from './format';
+import { useFrames, useNews, useRoute } from './hooks';
 import { setParameter } from './route';
-import { store } from './store';
+import { store, type Watched } from './store';
 
 interface Method {
   id: number;
@@ -127,17 +127,24 @@ function MethodForm({ service, method }: { service: string; method: Method }) {
 function SignalForm({ service, signal }: { service: string; signal: { name: string; signature: string } }) {
   const [text, setText] = useState('[]');
   const [error, setError] = useState('');
+  const watched = store.signals.get(`${service}.${signal.name}`);
+  const fail = (failure: Error) => setError(failure.message);
   const emit = async () => {
     try {
       await store.connection.ask('emit', { service, signal: signal.name, arguments: JSON.parse(text) as unknown });
       setError('');
     } catch (failure) {
-      setError((failure as Error).message);
+      fail(failure as Error);
     }
   };
+  const watch = () => store.watchSignal(service, signal.name, !watched).then(() => setError(''), fail);
   return (
     <details class="method">
-      <summary><b>{signal.name}</b><span class="quiet">{signal.signature}</span></summary>
+      <summary><b>{signal.name}</b><span class="quiet">{signal.signature}</span>{watched && <span class="badge">watched</span>}</summary>
+      <div class="actions">
+        <button type="button" aria-pressed={watched !== undefined} onClick={() => void watch()}>{watched ? 'Watch no more' : 'Watch'}</button>
+      </div>
+      {watched && <Emissions watched={watched} />}
       {store.mayWrite && (
         <form onSubmit={(event) => { event.preventDefault(); void emit(); }}>
           <label class="field wide">Arguments, as a list<input value={text} onInput={(event) => setText(event.currentTarget.value)} /></label>
@@ -146,5 +153,17 @@ function SignalForm({ service, signal }: { service: string; signal: { name: stri
       )}
       {error && <p class="error" role="alert">{error}</p>}
     </details>
+  );
+}
+
+function Emissions({ watched }: { watched: Watched }) {
+  useFrames(200);
+  return (
+    <>
+      <p class="quiet" role="status">{watched.count.toLocaleString()} emissions since</p>
+      <ol class="history">
+        {watched.latest.slice(-20).reverse().map(([values, time], i) => <li key={i}><time>{timeText(time)}</time><span>{values.map(pretty).join(', ') || '()'}</span></li>)}
+      </ol>
+    </>
   );
 }

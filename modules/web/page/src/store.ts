@@ -1,5 +1,6 @@
 import { authorOf, hasChildren, isKey, isNumber, typeOf, type Batch, type ChildEntry, type KeyState, type RaiseEntry } from './batch';
 import { Connection, type Status } from './connection';
+import type { Expectation, Recording } from './known';
 
 /** A group or a key of the tree. */
 export interface Twig {
@@ -30,6 +31,12 @@ export interface Row {
   trendAt: number;
 }
 
+/** A signal that is watched: how often it was emitted since, and the latest of it. */
+export interface Watched {
+  count: number;
+  latest: [values: unknown[], time: number][];
+}
+
 export interface Series {
   number: number;
   key: string;
@@ -44,6 +51,8 @@ const kRowsKept = 4000;
 const kAutoOpen = 220;
 const kSortable = 5000;
 const kRaisesKept = 1500;
+const kEmissionsKept = 100;
+const kStandingEach = 2000; // ms
 const collator = new Intl.Collator(undefined, { numeric: true });
 
 type Listener = () => void;
@@ -64,6 +73,11 @@ export class Store {
   authors: string[] = [''];
   raises: RaiseEntry[] = [];
   key: KeyState | null = null;
+  signals = new Map<string, Watched>();
+  /** Keys that are to be written in time. */
+  expected = new Map<string, Expectation>();
+  /** Null where no recorder runs. */
+  recorder: Recording | null = null;
   /** Counts changes of the tree's shape. */
   shape = 0;
   lostAt = 0;
@@ -90,6 +104,18 @@ export class Store {
         this.connection.send({ op: 'drawn', number: batch.number });
       });
     this.connection.connect();
+    setInterval(() => void (document.hidden || this.askStanding()), kStandingEach);
+  }
+
+  /** Where no module tells of it nothing is expected, and nothing recorded. */
+  private async askStanding(): Promise<void> {
+    if (this.status !== 'open') return;
+    const answer = await this.connection.ask('standing').catch(() => ({}) as Record<string, unknown>);
+    this.expected = new Map(((answer.expectations ?? []) as Expectation[]).map((each) => [each[0], each]));
+    const recorder = (answer.recorder ?? null) as Recording | null;
+    const isNew = JSON.stringify(recorder) !== JSON.stringify(this.recorder);
+    this.recorder = recorder;
+    if (isNew) this.tell();
   }
 
   /** Called after each batch, inside the browser's frame. */
@@ -159,6 +185,28 @@ export class Store {
     this.connection.send({ op: 'events', on });
   }
 
+  async watchSignal(service: string, signal: string, on: boolean): Promise<void> {
+    const name = `${service}.${signal}`;
+    if (on) this.signals.set(name, { count: 0, latest: [] });
+    else this.signals.delete(name);
+    this.tell();
+    try {
+      await this.connection.ask('listen', { service, signal, on });
+    } catch (failure) {
+      this.signals.delete(name);
+      throw failure;
+    }
+  }
+
+  private noteEmissions(emitted: NonNullable<Batch['rest']['emitted']>): void {
+    for (const [name, count, latest] of emitted) {
+      const watched = this.signals.get(name);
+      if (!watched) continue;
+      watched.count += count;
+      watched.latest = [...watched.latest, ...latest].slice(-kEmissionsKept);
+    }
+  }
+
   addSeries(key: string, path: string[]): Series {
     const series: Series = { number: ++this.lastSeries, key, path, times: [], values: [] };
     this.series.set(series.number, series);
@@ -203,6 +251,10 @@ export class Store {
     this.sendSeries();
     if (this.keyName) this.connection.send({ op: 'key', key: this.keyName });
     if (this.showsTimeLine) this.connection.send({ op: 'events', on: true });
+    for (const name of this.signals.keys()) {
+      const dot = name.lastIndexOf('.');
+      this.connection.send({ op: 'listen', service: name.slice(0, dot), signal: name.slice(dot + 1), on: true });
+    }
     ++this.shape;
   }
 
@@ -357,6 +409,7 @@ export class Store {
   }
 
   private applyRest(rest: Batch['rest'], now: number): void {
+    if (rest.emitted) this.noteEmissions(rest.emitted);
     if (rest.authors) this.authors.push(...rest.authors);
     if (rest.key) this.key = rest.key;
     if (rest.raises) this.raises = [...this.raises, ...rest.raises].slice(-kRaisesKept);
@@ -382,6 +435,14 @@ export class Store {
   async find(text: string): Promise<{ total: number; twigs: Twig[] }> {
     const answer = await this.connection.ask('find', { text });
     return { total: answer.total as number, twigs: (answer.rows as ChildEntry[]).map((entry) => this.loose(entry)) };
+  }
+
+  /** Calls a method of a service by its name. */
+  async call(service: string, method: string, given: unknown[] = []): Promise<unknown> {
+    const described = await this.connection.ask('service', { service });
+    const found = (described.methods as { id: number; name: string }[]).find((each) => each.name === method);
+    if (!found) throw new Error(`${service} has no method ${method}`);
+    return (await this.connection.ask('call', { service, method: found.id, arguments: given })).value;
   }
 
   async resolve(keys: string[]): Promise<Twig[]> {
