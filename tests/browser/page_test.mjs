@@ -2,7 +2,8 @@
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { createServer } from 'node:http';
-import { kToken, launch, Robot } from './robot.mjs';
+import { launch } from './browser.mjs';
+import { kToken, Robot } from './robot.mjs';
 
 const axe = readFileSync('node_modules/axe-core/axe.min.js', 'utf8');
 const robot = new Robot(process.argv[2]);
@@ -53,6 +54,7 @@ try {
     await page.keyboard.press('/');
     await page.keyboard.type('arm/sp');
     await page.getByText('1 found').waitFor();
+    await page.getByRole('row').filter({ hasText: 'Arm/Speed' }).waitFor();
     await page.keyboard.press('ArrowDown');
     await page.keyboard.press('ArrowDown');
     await page.keyboard.press('Enter');
@@ -75,8 +77,8 @@ try {
     await page.getByText('0 found').waitFor();
   });
 
-  const views = ['#/memory?key=Host%2FMemory%2FUsed', '#/plots?p=Host%2FMemory%2FUsed', '#/events', '#/wiring', '#/services?service=HXMemory'];
-  const marks = ['Host/Memory/', 'Host/Memory/Used', 'Lid', 'Host/Sampled', 'insertData'];
+  const views = ['#/memory?key=Host%2FMemory%2FUsed', '#/plots?p=Host%2FMemory%2FUsed', '#/events', '#/wiring', '#/services?service=HXMemory', '#/health'];
+  const marks = ['Host/Memory/', 'Host/Memory/Used', 'Lid', 'Host/Sampled', 'insertData', 'changes a second'];
   await test('each view shows what it is for, and axe has no complaint', async () => {
     for (const colorScheme of ['dark', 'light']) {
       await page.emulateMedia({ colorScheme, reducedMotion: 'reduce' });
@@ -93,6 +95,7 @@ try {
   });
 
   await test('a method is called by its form', async () => {
+    await page.evaluate(() => void (location.hash = '#/services?service=HXMemory'));
     await page.getByLabel('Find a method').fill('getStrDataType');
     const form = page.locator('details').filter({ hasText: 'getType' }).or(page.locator('details').filter({ hasText: 'getStrDataType' }));
     await page.getByLabel('Find a method').fill('getType');
@@ -115,6 +118,59 @@ try {
       for (let at = 0; at < data.length; at += 4) if (Math.max(data[at], data[at + 1], data[at + 2]) - Math.min(data[at], data[at + 1], data[at + 2]) > 90) return true;
       return false;
     });
+  });
+
+  await test('a part of a value is dragged into a plot', async () => {
+    await robot.korvo('set', 'Arm/Pose', '{"x": 1.5, "name": "left"}');
+    await page.evaluate(() => void (location.hash = '#/memory?key=Arm%2FPose'));
+    const part = page.locator('.part').filter({ hasText: 'x' });
+    await part.waitFor();
+    // As a hand does it: over the name of the view, which shows it, and there into a panel.
+    const transfer = await page.evaluateHandle(() => new DataTransfer());
+    await part.dispatchEvent('dragstart', { dataTransfer: transfer });
+    await page.getByRole('link', { name: 'Plots' }).dispatchEvent('dragenter', { dataTransfer: transfer });
+    const panel = page.locator('.panel');
+    await panel.waitFor();
+    await panel.dispatchEvent('drop', { dataTransfer: transfer });
+    await page.locator('.chip').filter({ hasText: 'Arm/Pose[x]' }).waitFor();
+  });
+
+  await test('what is slow, wrong and overdue is told', async () => {
+    await robot.korvo('call', 'HXFreshness', 'expect', '"Lidar/Scan"', '0.1');
+    await page.evaluate(() => void (location.hash = '#/health'));
+    await page.getByText('Lidar/Scan is overdue').waitFor();
+    await page.getByRole('region', { name: 'Keys that are expected' }).getByText('Lidar/Scan').waitFor();
+    await robot.korvo('call', 'HXFreshness', 'forget', '"Lidar/Scan"');
+  });
+
+  await test('a wall shows the view alone, a phone all of it', async () => {
+    const wall = await open(browser);
+    await wall.goto(`${robot.address}/?kiosk#/memory`);
+    await wall.getByRole('row').first().waitFor();
+    assert.equal(await wall.getByRole('navigation', { name: 'Views' }).isVisible(), false);
+    await wall.setViewportSize({ width: 390, height: 844 });
+    await wall.goto(`${robot.address}/#/memory?key=Host%2FMemory%2FUsed`);
+    await wall.getByRole('heading', { name: 'Host/Memory/Used' }).waitFor();
+    assert.ok(await wall.evaluate(() => document.documentElement.scrollWidth <= innerWidth), 'nothing is cut off');
+    assert.deepEqual(await complaintsOf(wall), []);
+    await wall.context().close();
+  });
+
+  await test('100,000 keys are read at 50,000 changes a second', async () => {
+    await page.evaluate(() => void (location.hash = '#/memory'));
+    const writing = robot.write(100000, 50000, 12);
+    await page.getByText(/100,\d{3} keys/).first().waitFor();
+    await page.getByRole('row').filter({ hasText: 'Load' }).first().waitFor();
+    await page.getByRole('searchbox').fill('Load/99/');
+    await page.getByText('1,000 found').waitFor();
+    const rows = page.getByRole('treegrid');
+    await rows.evaluate((element) => void (element.scrollTop = element.scrollHeight));
+    const last = page.getByRole('row').filter({ hasText: 'Key99' }).last();
+    const before = await last.textContent();
+    await page.waitForFunction((text) => [...document.querySelectorAll('.row')].some((row) => row.textContent.includes('Key99') && row.textContent !== text), before);
+    assert.ok((await rows.getByRole('row').count()) < 100, 'only what is in view is there');
+    assert.ok((await writing) > 1000);
+    await page.getByRole('searchbox').fill('');
   });
 
   await test('the console has no word', () => assert.deepEqual(words, []));
@@ -147,6 +203,12 @@ try {
     }, robot.address);
     assert.deepEqual(outcome, { socket: 'refused', read: 'refused' });
     attacker.close();
+  });
+
+  await test('a name that was made to mean this machine gets nothing', async () => {
+    const rebound = await page.context().newPage();
+    const answer = await rebound.goto(`http://rebound.example:${robot.port}/`);
+    assert.equal(answer.status(), 421);
   });
 } finally {
   await browser.close();

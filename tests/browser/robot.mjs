@@ -1,17 +1,19 @@
-// A broker with a page, and a browser that looks at it.
+// A broker with a page.
 import { spawn } from 'node:child_process';
-import { mkdtempSync, rmSync } from 'node:fs';
+import { mkdtempSync, rmSync, writeFileSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
-import { chromium } from 'playwright-core';
 
 export const kToken = 'write-token-of-the-test';
+const kWriter = new URL('writer.py', import.meta.url).pathname;
 
 export class Robot {
-  constructor(program) {
+  constructor(program, name = 'robot') {
     this.program = program;
+    this.name = name;
     this.folder = mkdtempSync(join(tmpdir(), 'korvo-'));
     this.port = 0;
+    this.parameters = []; // Patterns of keys that viewers are offered.
   }
 
   get address() {
@@ -21,15 +23,26 @@ export class Robot {
     return {
       ...process.env,
       XDG_RUNTIME_DIR: this.folder,
-      KORVO_WEB_PORT: String(this.port),
-      KORVO_WEB_ALLOW_WRITE: '1',
-      KORVO_WEB_WRITE_TOKEN: kToken,
     };
+  }
+  get settings() {
+    return [
+      `name = "${this.name}"`,
+      '[modules.hosttelemetry]',
+      '[modules.web]',
+      `port = ${this.port}`,
+      'allow-write = true',
+      `write-token = "${kToken}"`,
+      `parameters = ${JSON.stringify(this.parameters)}`,
+      'allow-origins = ["https://viewer.example"]',
+    ].join('\n');
   }
 
   /** Starts it, at the port that it had before. */
-  async start(name = 'robot') {
-    this.process = spawn(this.program, ['run', '--name', name, '--module', 'hosttelemetry', '--module', 'web'], {
+  async start() {
+    const file = join(this.folder, 'robot.toml');
+    writeFileSync(file, this.settings);
+    this.process = spawn(this.program, ['run', file], {
       env: this.environment,
       stdio: ['ignore', 'ignore', 'pipe'],
     });
@@ -54,6 +67,16 @@ export class Robot {
     return text.trim();
   }
 
+  /** Has writer.py write keys for a while. @return How many changes a second the memory took. */
+  async write(keys, rate, seconds) {
+    const socket = join(this.folder, 'korvo', `${this.name}.sock`);
+    const words = [kWriter, socket, keys, rate, seconds].map(String);
+    const child = spawn('python3', words, { stdio: ['ignore', 'pipe', 'inherit'] });
+    let printed = '';
+    for await (const bytes of child.stdout) printed += bytes;
+    return Number(printed);
+  }
+
   async kill(signal = 'SIGKILL') {
     if (!this.process || this.process.exitCode !== null || this.process.signalCode !== null) return;
     this.process.removeAllListeners('exit');
@@ -66,10 +89,4 @@ export class Robot {
     await this.kill();
     rmSync(this.folder, { recursive: true, force: true });
   }
-}
-
-export function launch() {
-  const quiet = ['--no-sandbox', '--disable-dev-shm-usage', '--disable-gpu', '--disable-quic', '--no-first-run',
-    '--disable-background-networking', '--disable-component-update', '--disable-sync'];
-  return chromium.launch({ executablePath: process.env.KORVO_CHROMIUM, args: quiet });
 }
