@@ -74,6 +74,7 @@ class Page : public WebFixture {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (std::chrono::steady_clock::now() < end) {
       session_->tick();
+      HXValue found;
       for (const Message& message : browser_->take()) {
         if (message.isBinary) {
           last_ = read(*message.content);
@@ -82,8 +83,9 @@ class Page : public WebFixture {
           points_.insert(points_.end(), last_.points.begin(), last_.points.end());
         }
         const HXValue content = message.isBinary ? last_.rest : HX::fromJson(*message.content);
-        if (isIt(content)) return content;
+        if (!found.isValid() && isIt(content)) found = content;
       }
+      if (found.isValid()) return found;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     ADD_FAILURE() << "what was waited for did not come";
