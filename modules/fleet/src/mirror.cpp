@@ -20,7 +20,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-const char* const kCategory = "hxfleet";
+const char* const kFollowing = "hxfleet";  // Category of the log.
 constexpr std::size_t kMostTasks = 20'000;
 constexpr auto kPatience = 2s;
 constexpr auto kPatienceForKeys = 10s;
@@ -51,7 +51,7 @@ void Mirror::listen(const std::shared_ptr<Connection>& connection) {
         });
       }
     } catch (const std::exception& error) {
-      mw::log::warning(kCategory, "follow",
+      mw::log::warning(kFollowing, "follow",
                        fmt::format("the last values of {} are not there: {}", robot, error.what()));
     }
   }
@@ -63,7 +63,7 @@ void Mirror::post(Task task) {
   if (ended_) return;
   if (tasks_.size() >= kMostTasks) {
     tasks_.pop_front();
-    if (lost_++ == 0) mw::log::warning(kCategory, "follow", "more comes from other robots than the memory takes");
+    if (lost_++ == 0) mw::log::warning(kFollowing, "follow", "more comes from other robots than the memory takes");
   }
   tasks_.push_back(std::move(task));
   if (std::exchange(isRunning_, true)) return;
@@ -81,7 +81,7 @@ void Mirror::run() {
     try {
       task();
     } catch (const std::exception& error) {
-      mw::log::verbose(kCategory, "follow", error.what());
+      mw::log::verbose(kFollowing, "follow", error.what());
     }
     lock.lock();
   }
@@ -131,7 +131,7 @@ void Mirror::refreshRobot(const std::shared_ptr<Connection>& connection, const s
       for (const HXValue& method : methods.asList()) found[service].push_back(method.asString());
     }
   } catch (const std::exception& error) {  // It is off: it has no services.
-    mw::log::verbose(kCategory, "follow", fmt::format("{}: {}", robot, error.what()));
+    mw::log::verbose(kFollowing, "follow", fmt::format("{}: {}", robot, error.what()));
   }
   const std::string head = robot + "/";
   std::vector<std::string> gone;
@@ -153,7 +153,7 @@ void Mirror::refreshRobot(const std::shared_ptr<Connection>& connection, const s
       methods_[name] = std::move(methods);
     } catch (const std::exception& error) {
       services_.erase(name);
-      mw::log::warning(kCategory, "follow", error.what());
+      mw::log::warning(kFollowing, "follow", error.what());
     }
   }
 }
