@@ -211,6 +211,7 @@ TEST_F(Fleet, TellsWhatGaveWayWhileTheHubWasAway) {
   awaitState("away");
   constexpr int kRaised = 30'000;
   for (int i = 0; i < kRaised; ++i) memory->raiseEvent("Step", i);
+  await([&] { return robot->status()["raised"] == HXValue(std::int64_t{kRaised}); });
   hub->start();
   await([&] {
     const HXValue status = robot->status();
@@ -333,7 +334,11 @@ TEST_F(Fleet, IsOneLineForEachChangeOfStateAndEndsWhileTheHubIsFrozen) {
   awaitState("away");
   hub->thaw();
   awaitState("connected");
-  EXPECT_THAT(log.texts(), ElementsAre(HasSubstr("is connected"), HasSubstr("is away"), HasSubstr("is connected")));
+  std::vector<std::string> lines = log.texts();
+  std::erase_if(lines, [](const std::string& line) { return !line.starts_with("robot robot7 is "); });
+  // A machine that is slow may find the store cut off before the hub itself is away.
+  std::erase_if(lines, [](const std::string& line) { return line.find("is cut") != std::string::npos; });
+  EXPECT_THAT(lines, ElementsAre(HasSubstr("is connected"), HasSubstr("is away"), HasSubstr("is connected")));
   hub->freeze();
   const auto begin = std::chrono::steady_clock::now();
   memory->raiseEvent("Door", 1);
