@@ -25,6 +25,7 @@ void mapfile(Input input);  ///< Files that map signals to events.
 void console(Input input);  ///< Lines of the console.
 void web(Input input);      ///< Requests at the gate of the page's server, and what pages say.
 void viewer(Input input);   ///< What viewers say, in text and in binary.
+void recording(Input input);  ///< A file, and any moment of it.
 
 /// Ends the run with what does not hold.
 inline void require(bool holds, const char* what) {

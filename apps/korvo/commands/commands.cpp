@@ -78,7 +78,7 @@ const std::vector<Command>& commands() {
     std::vector<Command> joined;
     for (const auto group :
          {valueCommands(), eventCommands(), watchCommands(), freshnessCommands(), keeperCommands(), inspectCommands(),
-          serviceCommands(), transferCommands(), std::span<const Command>(kConsoleCommands)}) {
+          serviceCommands(), transferCommands(), recordingCommands(), std::span<const Command>(kConsoleCommands)}) {
       joined.insert(joined.end(), group.begin(), group.end());
     }
     return joined;

@@ -58,6 +58,7 @@ std::span<const Command> keeperCommands();
 std::span<const Command> inspectCommands();
 std::span<const Command> serviceCommands();
 std::span<const Command> transferCommands();
+std::span<const Command> recordingCommands();
 
 /// All of them, `help` included, in the order in which help lists them.
 const std::vector<Command>& commands();

@@ -109,6 +109,14 @@ void addRunOptions(CLI::App& app, const std::shared_ptr<RunOptions>& options) {
   app.add_option("--robot", options->robot, "What this robot is called in the fleet; else the machine's name")
       ->type_name("NAME")
       ->needs(fleet);
+  auto* blackBox =
+      app.add_option("--black-box", options->blackBox,
+                     "Keep the last moments, and write those before and after an event to a file in recordings/")
+          ->type_name("BEFORE:AFTER")
+          ->excludes(noMemory);
+  addRepeated(app, "--when", options->when, "The event: a key, a prefix that ends with /, or a glob; may be repeated",
+              "EVENT")
+      ->needs(blackBox);
   addHosting(app, options);
 }
 

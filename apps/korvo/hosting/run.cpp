@@ -175,6 +175,7 @@ void stateMaps(HX::HXBroker& broker, const std::vector<RobotMapping>& maps) {
 }
 
 const char* const kKeeper = "keeper";
+const char* const kRecorder = "recorder";
 
 bool keeps(const RunOptions& options) {
   return !options.kept.empty() || std::ranges::count(options.modules, kKeeper) > 0;
@@ -185,6 +186,7 @@ std::vector<std::string> librariesOfMemory(const RunOptions& options) {
   std::vector<std::string> libraries{"hxmemory"};
   if (keeps(options)) libraries.emplace_back(kKeeper);
   if (options.journal) libraries.insert(libraries.end(), {"journal", "freshness"});
+  if (!options.blackBox.empty()) libraries.emplace_back(kRecorder);
   return libraries;
 }
 
@@ -215,6 +217,15 @@ HX::GivenSettings keeperSettings(const RunOptions& options) {
   return given;
 }
 
+/// What was given to the recorder, with what the options say.
+HX::GivenSettings recorderSettings(const RunOptions& options) {
+  const auto found = options.settings.find(kRecorder);
+  HX::GivenSettings given = found == options.settings.end() ? HX::GivenSettings() : found->second;
+  given.entries["black-box"].value = options.blackBox;
+  if (!options.when.empty()) given.entries["when"].value = HX::HXValue(options.when);
+  return given;
+}
+
 /// Loads the memory and what belongs to it. @return False when there is no memory.
 bool loadMemory(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
   const bool loaded = loadModules(broker, librariesOfMemory(options), options.strict, output, ending);
@@ -232,6 +243,7 @@ bool loadMemory(HX::HXBroker& broker, const RunOptions& options, Output& output,
 bool load(HX::HXBroker& broker, const RunOptions& options, Output& output, const Ending& ending) {
   for (const auto& [library, settings] : options.settings) broker.provideSettings(library, settings);
   if (keeps(options)) broker.provideSettings(kKeeper, keeperSettings(options));
+  if (!options.blackBox.empty()) broker.provideSettings(kRecorder, recorderSettings(options));
   if (options.memory && !loadMemory(broker, options, output, ending)) return false;
   const auto libraries = librariesBesideMemory(options);
   const bool loaded = loadModules(broker, libraries, options.strict, output, ending);

@@ -17,6 +17,8 @@ struct RunOptions : HostingOptions {
   std::vector<std::string> kept;   ///< Patterns of keys that survive.
   std::string fleet;               ///< The hub's servers, with commas between them; empty: none.
   std::string robot;               ///< What this one is called there; empty: as the module says.
+  std::string blackBox;            ///< How long before and after an event is kept: "30s:10s"; empty for not at all.
+  std::vector<std::string> when;   ///< The events.
   std::vector<RobotMapping> maps;  ///< Stated before the modules are loaded.
   bool console = false;            ///< Execute commands from standard input until it ends.
   bool live = false;               ///< Show the memory until a person leaves. At most one of the two.

@@ -138,7 +138,7 @@ std::string_view groupOf(const Command& command) {
   };
   if (isIn(valueCommands())) return "Values of a running broker";
   if (isIn(eventCommands())) return "Events of a running broker";
-  if (isIn(watchCommands()) || isIn(freshnessCommands()) || isIn(inspectCommands()))
+  if (isIn(watchCommands()) || isIn(freshnessCommands()) || isIn(inspectCommands()) || isIn(recordingCommands()))
     return "What goes on in a running broker";
   if (isIn(transferCommands())) return "Whole sets of keys";
   return "Services of a running broker";

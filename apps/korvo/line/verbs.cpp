@@ -35,6 +35,7 @@ const std::vector<Verb>& verbs() {
   static const std::vector<Verb> all = [] {
     std::vector<Verb> joined = hostingVerbs();
     for (Verb& verb : remoteVerbs()) joined.push_back(std::move(verb));
+    addRecordings(joined);
     return joined;
   }();
   return all;
@@ -75,7 +76,9 @@ GivenWords tellApart(const CLI::App& options, std::span<const std::string> words
       given.arguments.insert(given.arguments.end(), words.begin() + static_cast<std::ptrdiff_t>(i) + 1, words.end());
       break;
     }
-    if (word != "-h" && !word.starts_with("--")) {
+    // One letter, where it is known: a negative number is an argument.
+    const bool isShort = word.size() == 2 && word[0] == '-' && options.get_option_no_throw(word) != nullptr;
+    if (!isShort && !word.starts_with("--")) {
       given.arguments.push_back(word);
       continue;
     }

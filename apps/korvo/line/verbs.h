@@ -16,7 +16,7 @@ class App;
 namespace korvo {
 
 /// What was given to a verb, told apart. Options may stand anywhere; a word `--` ends them. A word with a single hyphen
-/// is an argument: it may be a negative number.
+/// is an argument, for it may be a negative number, unless an option has that one letter.
 struct GivenWords {
   std::vector<std::string> options;  ///< As they stand there.
   GivenOptions values;               ///< The same by their names.
@@ -59,6 +59,8 @@ std::string noSuchVerb(std::string_view name);
 std::vector<Verb> hostingVerbs();  ///< In this process.
 Verb webVerb();                    ///< In this process too.
 std::vector<Verb> remoteVerbs();   ///< In a running broker.
+/// Adds those about recordings, of which two are what others of their names do for files.
+void addRecordings(std::vector<Verb>& verbs);
 std::vector<Verb> servantVerbs();  ///< For shells and for the build: not listed.
 
 /// A verb whose options set nothing that another one reads, for trying them.

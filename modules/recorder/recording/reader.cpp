@@ -2,6 +2,7 @@
 
 #include "compression.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -269,10 +270,10 @@ bool Reader::hasRightSum() const {
   return sum == ByteReader(std::string_view(record).substr(kRecordHead)).number<std::uint32_t>();
 }
 
-void Reader::forEach(const std::function<bool(const Entry& entry)>& use, std::size_t from) {
+void Reader::forEach(const std::function<bool(const Entry& entry)>& use, std::size_t from, std::size_t end) {
   Decoder decoder(*this);
   bool goesOn = true;
-  for (std::size_t i = from; i < chunks_.size() && goesOn; ++i) {
+  for (std::size_t i = from; i < std::min(end, chunks_.size()) && goesOn; ++i) {
     const std::string records = load(chunks_[i]);
     try {
       forEachRecord(records, [&](const Record& record) {

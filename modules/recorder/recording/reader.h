@@ -78,7 +78,9 @@ class Reader {
   /// Tells all entries, in the order of the file, which is that of revisions.
   /// @param use   False ends it.
   /// @param from  The first chunk.
-  void forEach(const std::function<bool(const Entry& entry)>& use, std::size_t from = 0);
+  /// @param end   The one behind the last.
+  void forEach(const std::function<bool(const Entry& entry)>& use, std::size_t from = 0,
+               std::size_t end = ~std::size_t{0});
 
   /// What a message says. Remembers from one to the next what stands before it.
   class Decoder {

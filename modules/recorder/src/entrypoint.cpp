@@ -1,0 +1,4 @@
+#include "hxrecorder.h"
+
+using HX::HXRecorder;
+HX_MODULE(HXRecorder)

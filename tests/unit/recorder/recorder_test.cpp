@@ -1,0 +1,211 @@
+#include "expect_error.h"
+#include "hxrecorder.h"
+#include "kit.h"
+#include "memory_fixture.h"
+#include "recording/table.h"
+#include "temporary_folder.h"
+
+#include <hxcommon/feed.h>
+
+#include <atomic>
+#include <chrono>
+#include <random>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace HX::recording {
+namespace {
+
+using testing::AllOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Key;
+using testing::SizeIs;
+
+class Recording : public ::kit::MemoryFixture {
+ protected:
+  void startModule(HXValue::Map settings) {
+    settings.insert_or_assign("folder", folder_.path().string());
+    settings.insert_or_assign("min-free", "0B");
+    broker->provideSettings("HXRecorder", GivenSettings::of(settings));
+    module = HXModule::createModule<HXRecorder>(broker, "HXRecorder");
+  }
+  void TearDown() override {
+    module.reset();
+    MemoryFixture::TearDown();
+  }
+  RecorderOptions options() const {
+    RecorderOptions options;
+    options.file = folder_.path() / "a.mcap";
+    options.minFree = 0;
+    return options;
+  }
+  Feed feed() {
+    return {[this](auto filter, auto onChange, auto follow) {
+              return HX::follow(broker, std::move(filter), std::move(onChange), std::move(follow));
+            },
+            [this] { return retainedChanges(broker).latest; }};
+  }
+  /// What is written before the keys' states are told is among these.
+  static void awaitBegin(const Recorder& recorder) {
+    while (!recorder.state().hasBegun) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  static std::vector<int> numbersOf(const std::filesystem::path& path, std::string_view key) {
+    std::vector<int> numbers;
+    for (const Entry& entry : kit::entriesOf(path)) {
+      if (entry.key == key && entry.kind == Entry::Kind::Change) numbers.push_back(entry.value.asInt());
+    }
+    return numbers;
+  }
+
+  std::shared_ptr<HXRecorder> module;
+  const ::kit::TemporaryFolder folder_;
+};
+
+TEST_F(Recording, HasAllThatWasWrittenBeforeItsEnd) {
+  memory->insertData("Old", 1);
+  Recorder recorder(options(), feed());
+  awaitBegin(recorder);
+  std::vector<int> written;
+  for (int i = 0; i < 2000; ++i) {
+    memory->insertData("N", i);
+    written.push_back(i);
+  }
+  recorder.stop();
+  EXPECT_EQ(numbersOf(options().file, "N"), written);
+  Reader reader(options().file);
+  EXPECT_TRUE(reader.isWhole());
+  EXPECT_THAT(tableAt(reader, kit::at(1e9), {}), AllOf(Contains(Key("Old")), Contains(Key("N"))));
+  EXPECT_EQ(recorder.state().missed, 0U);
+  EXPECT_EQ(recorder.state().failure, "");
+}
+
+TEST_F(Recording, TellsOfWhatHappenedWhileItPaused) {
+  Recorder recorder(options(), feed());
+  awaitBegin(recorder);
+  memory->insertData("N", 1);
+  memory->insertData("Gone", 1);
+  while (recorder.state().changes < 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  recorder.pause();
+  for (int i = 2; i < 100'000; ++i) memory->insertData("N", i);
+  memory->removeData("Gone");
+  recorder.resume();
+  memory->insertData("N", 100'000);
+  recorder.stop();
+  EXPECT_EQ(recorder.state().gaps, 1U);
+  EXPECT_GT(recorder.state().missed, 90'000U);
+  Reader reader(options().file);
+  const Table table = tableAt(reader, kit::at(1e9), {});
+  EXPECT_EQ(table.at("N").value, HXValue(100'000));
+  EXPECT_FALSE(table.contains("Gone"));
+}
+
+TEST_F(Recording, ThinsOutWhatComesFasterThanWantedAndKeepsTheLast) {
+  auto thin = options();
+  thin.rates = {{"Lidar/", 0.5}};
+  Recorder recorder(std::move(thin), feed());
+  awaitBegin(recorder);
+  for (int i = 0; i < 500; ++i) {
+    memory->insertData("Lidar/Scan", i);
+    memory->insertData("Other", i);
+  }
+  recorder.stop();
+  EXPECT_THAT(numbersOf(options().file, "Lidar/Scan"), SizeIs(testing::AllOf(testing::Ge(1U), testing::Le(20U))));
+  EXPECT_EQ(numbersOf(options().file, "Lidar/Scan").back(), 499);
+  EXPECT_THAT(numbersOf(options().file, "Other"), SizeIs(500));
+}
+
+TEST_F(Recording, LosesNothingAtTheSeamOfTwoFiles) {
+  std::vector<std::filesystem::path> finished;
+  auto split = options();
+  split.onFinished = [&](const std::filesystem::path& path) { finished.push_back(path); };
+  Recorder recorder(std::move(split), feed());
+  awaitBegin(recorder);
+  for (int i = 0; i < 3000; ++i) {
+    memory->insertData("N", i);
+    if (i % 1000 == 999) recorder.split();
+  }
+  recorder.stop();
+  ASSERT_THAT(finished, SizeIs(4));
+  std::vector<int> all;
+  for (const auto& path : finished) {
+    const auto part = numbersOf(path, "N");
+    all.insert(all.end(), part.begin(), part.end());
+    EXPECT_TRUE(path == finished.front() || kit::entriesOf(path).front().kind == Entry::Kind::State);
+  }
+  ASSERT_THAT(all, SizeIs(3000));
+  for (int i = 0; i < 3000; ++i) ASSERT_EQ(all[static_cast<std::size_t>(i)], i);
+}
+
+TEST_F(Recording, IsStartedAndStoppedByCalls) {
+  startModule({});
+  std::vector<std::string> finished;
+  module->finished.connect(mw::SignalSubscriber([&](const std::string& path) { finished.push_back(path); }));
+  EXPECT_THAT(errorOf([&] { module->split(); }), HasSubstr("nothing is being recorded"));
+  const std::string file = module->start("run.mcap");
+  EXPECT_EQ(file, (folder_.path() / "run.mcap").string());
+  EXPECT_THAT(errorOf([&] { module->start("other.mcap"); }), HasSubstr("run.mcap"));
+  while (!module->state()["begun"].asBool()) module->sleepFor(std::chrono::milliseconds(1));
+  memory->insertData("N", 1);
+  module->note("kicked it here");
+  EXPECT_TRUE(module->state()["recording"].asBool());
+  EXPECT_EQ(module->stopRecording(), file);
+  EXPECT_FALSE(module->state()["recording"].asBool());
+  EXPECT_THAT(finished, ElementsAre(file));
+  EXPECT_EQ(numbersOf(file, "N"), std::vector<int>{1});
+  EXPECT_THAT(errorOf([&] { module->start("run.mcap"); }), HasSubstr("exists"));
+}
+
+TEST_F(Recording, OfABlackBoxStaysWithinItsBoundAndSaysHowFarItReaches) {
+  BlackBoxOptions box;
+  box.folder = folder_.path();
+  box.before = std::chrono::hours(1);
+  box.bytes = 1 << 20;
+  BlackBox blackBox(std::move(box), feed());
+  std::mt19937 random(1);
+  for (int i = 0; i < 60'000; ++i) {
+    std::string noise;
+    for (int j = 0; j < 10; ++j) noise += std::to_string(random());
+    memory->insertData("Noise", noise);
+    if (i % 1000 == 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));  // It follows, and is not to miss them.
+    ASSERT_LT(blackBox.state().bytes, (1U << 20U) + (600U << 10U));
+  }
+  memory->insertData("Last", 1);
+  const auto file = blackBox.save();
+  const Reader reader(file);
+  EXPECT_TRUE(reader.isWhole());
+  EXPECT_THAT(reader.about(), Contains(Key("reach")));
+  EXPECT_EQ(numbersOf(file, "Last"), std::vector<int>{1});
+  EXPECT_LT(kit::entriesOf(file).size(), 60'000U);
+}
+
+TEST_F(Recording, OfABlackBoxHasEventsThatFollowEachOtherInOneFile) {
+  std::atomic<int> written = 0;
+  BlackBoxOptions box;
+  box.folder = folder_.path();
+  box.before = std::chrono::seconds(30);
+  box.after = std::chrono::milliseconds(500);
+  box.when = {"Fall"};
+  box.onFinished = [&](const std::filesystem::path&) { ++written; };
+  {
+    BlackBox blackBox(std::move(box), feed());
+    while (!blackBox.state().hasBegun) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    memory->insertData("Before", 1);
+    memory->raiseEvent("Fall", 1);
+    memory->raiseEvent("Fall", 2);
+    memory->insertData("After", 1);
+    while (written == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_EQ(written, 1);
+  const auto file = std::filesystem::directory_iterator(folder_.path())->path();
+  EXPECT_EQ(numbersOf(file, "Fall"), (std::vector<int>{1, 2}));
+  EXPECT_EQ(numbersOf(file, "Before"), std::vector<int>{1});
+  EXPECT_EQ(numbersOf(file, "After"), std::vector<int>{1});
+}
+
+}  // namespace
+}  // namespace HX::recording
