@@ -96,6 +96,7 @@ class Round {
     std::thread flusher([&] {
       try {
         const auto keeper = broker_->getProxy("HXKeeper");
+        if (!keeper) return;  // It is dead already.
         while (true) {
           Numbers before{};
           for (std::size_t i = 0; i < before.size(); ++i) before.at(i) = answered_.at(i);
