@@ -120,7 +120,8 @@ void snapshot(benchmark::State& state) {
     std::atomic<bool> isComplete{false};
     FollowOptions options;
     options.onComplete = [&](Position) { isComplete = true; };
-    const auto follower = memory.journal().follow(Filter(), [](const Change&) {}, options);
+    const auto follower = memory.journal().follow(
+        Filter(), [](const Change&) {}, options);
     while (!isComplete) std::this_thread::sleep_for(std::chrono::microseconds(100));
   }
   stopping = true;

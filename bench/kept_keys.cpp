@@ -2,12 +2,11 @@
 
 #include "memory_host.h"
 
-#include <hxkeeper.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <hxkeeper.h>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -39,8 +38,9 @@ class Folder {
 
 std::shared_ptr<HXKeeper> keep(const Folder& folder, const std::string& prefix) {
   auto& broker = MemoryHost::instance().broker;
-  broker->provideSettings("HXKeeper", HX::GivenSettings::of(HXValue::map(
-                                          {{"keep", HXValue(std::vector{prefix})}, {"folder", folder.path.string()}})));
+  broker->provideSettings(
+      "HXKeeper",
+      HX::GivenSettings::of(HXValue::map({{"keep", HXValue(std::vector{prefix})}, {"folder", folder.path.string()}})));
   return HX::HXModule::createModule<HXKeeper>(broker, "HXKeeper");
 }
 

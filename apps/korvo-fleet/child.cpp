@@ -58,7 +58,8 @@ Child::~Child() {
 
 bool Child::isRunning() const {
   siginfo_t info{};
-  return pid_ > 0 && ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
+  return pid_ > 0 && ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         info.si_pid == 0;
 }
 
 void Child::send(int signal) const { ::kill(pid_, signal); }

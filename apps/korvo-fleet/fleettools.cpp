@@ -40,8 +40,8 @@ Access accessOf(const FleetOptions& options) {
 FleetView::FleetView(const FleetOptions& options)
     : patience_(options.seconds > 0 ? options.patience() : std::chrono::milliseconds(24h)),
       subjects_(options.fleet, options.domain),
-      connection_(std::make_unique<Connection>(accessOf(options),
-                                               Connection::Options{"korvo fleet", ownInbox(), true, {}})) {}
+      connection_(
+          std::make_unique<Connection>(accessOf(options), Connection::Options{"korvo fleet", ownInbox(), true, {}})) {}
 
 HXValue FleetView::ask(const std::string& robot, const std::string& what, const std::string& data) {
   try {
@@ -52,7 +52,8 @@ HXValue FleetView::ask(const std::string& robot, const std::string& what, const 
 }
 
 std::optional<Record> FleetView::stored(const std::string& robot, const std::string& key) {
-  const auto entry = readKey(*connection_, subjects_, subjects_.valueBucket(), fmt::format("{}.{}", robot, toSubject(key)));
+  const auto entry =
+      readKey(*connection_, subjects_, subjects_.valueBucket(), fmt::format("{}.{}", robot, toSubject(key)));
   if (!entry || entry->isRemoved) return std::nullopt;
   return toRecord(entry->data);
 }

@@ -48,7 +48,8 @@ void writeUsers(const fs::path& folder) {
 
 /// Makes a key for somebody who has none yet.
 /// @return The file with the seed.
-fs::path ensureKey(const fs::path& folder, const std::string& name, const std::function<std::string(const std::string&)>& user) {
+fs::path ensureKey(const fs::path& folder, const std::string& name,
+                   const std::function<std::string(const std::string&)>& user) {
   fs::create_directories(folder / "users");
   const fs::path seed = folder / (name + ".seed");
   std::string secret;
@@ -71,13 +72,15 @@ std::string serverProgram() {
 }
 
 /// Whether what listens can be reached from this machine alone.
-bool isOwn(const std::string& address) { return address == "localhost" || address == "::1" || address.starts_with("127."); }
+bool isOwn(const std::string& address) {
+  return address == "localhost" || address == "::1" || address.starts_with("127.");
+}
 
 void writeConfiguration(const HubOptions& options, const std::string& domain) {
   const fs::path folder = fs::absolute(options.folder);
   std::ofstream stream(folder / "hub.conf");
-  stream << fmt::format("listen: \"{}:{}\"\njetstream {{ domain: {}, store_dir: \"{}\" }}\n", options.address, options.port,
-                        domain, (folder / "store").string());
+  stream << fmt::format("listen: \"{}:{}\"\njetstream {{ domain: {}, store_dir: \"{}\" }}\n", options.address,
+                        options.port, domain, (folder / "store").string());
   if (options.certificate.empty()) return;
   stream << fmt::format("tls {{ cert_file: \"{}\", key_file: \"{}\" }}\nauthorization {{ include \"./users.conf\" }}\n",
                         fs::absolute(options.certificate).string(), fs::absolute(options.key).string());
@@ -86,7 +89,8 @@ void writeConfiguration(const HubOptions& options, const std::string& domain) {
 /// Starts a hub, and returns once its store is made.
 Child startHub(FleetOptions& fleet, const HubOptions& options) {
   if (!isOwn(options.address) && options.certificate.empty()) {
-    throw UsageError(fmt::format("a hub at {} can be reached from elsewhere: give --certificate and --key", options.address));
+    throw UsageError(
+        fmt::format("a hub at {} can be reached from elsewhere: give --certificate and --key", options.address));
   }
   if (options.certificate.empty() != options.key.empty()) throw UsageError("--certificate and --key go together");
   fs::create_directories(options.folder);
@@ -96,8 +100,8 @@ Child startHub(FleetOptions& fleet, const HubOptions& options) {
   if (isTls) {
     const FleetSubjects subjects(fleet.fleet, fleet.domain);
     fleet.seed = ensureKey(options.folder, kOperator, [&](const std::string& key) {
-      return operatorUser(subjects, kOperator, key);
-    }).string();
+                   return operatorUser(subjects, kOperator, key);
+                 }).string();
     if (fleet.authority.empty()) fleet.authority = options.certificate;
   }
   Child server({serverProgram(), "-c", (fs::path(options.folder) / "hub.conf").string(), "-l",
@@ -142,14 +146,16 @@ void note(const std::string& text, bool good) { std::cout << (good ? "ok     " :
 }  // namespace
 
 void initialiseHub(FleetView& fleet, const HubOptions& options) {
-  const auto age = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::duration<double, std::ratio<3600>>(options.hours));
+  const auto age =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::duration<double, std::ratio<3600>>(options.hours));
   constexpr double kMega = 1024.0 * 1024.0;
   initialise(fleet.connection(), fleet.subjects(), age, static_cast<std::int64_t>(options.megabytes * kMega), 1);
 }
 
 int runHub(FleetOptions fleet, const HubOptions& options) {
   const Child server = startHub(fleet, options);
-  std::cout << fmt::format("hub is running at {}; korvo fleet ls lists its robots, Ctrl-C ends it", fleet.hub) << std::endl;
+  std::cout << fmt::format("hub is running at {}; korvo fleet ls lists its robots, Ctrl-C ends it", fleet.hub)
+            << std::endl;
   const fs::path users = fs::path(options.folder) / "users.conf";
   std::error_code none;
   auto known = fs::last_write_time(users, none);
@@ -168,10 +174,12 @@ int runDemo(FleetOptions fleet, const HubOptions& options) {
   std::vector<std::unique_ptr<Child>> robots;
   for (int i = 1; i <= 3; ++i) {
     const std::string robot = fmt::format("robot{}", i);
-    robots.push_back(std::make_unique<Child>(std::vector<std::string>{
-        korvoProgram(), "run", "--name", "fleet-" + robot, "--console", "--log-level", "error", "--fleet", fleet.hub, "--robot", robot}));
+    robots.push_back(std::make_unique<Child>(std::vector<std::string>{korvoProgram(), "run", "--name", "fleet-" + robot,
+                                                                      "--console", "--log-level", "error", "--fleet",
+                                                                      fleet.hub, "--robot", robot}));
   }
-  std::cout << fmt::format("a hub at {} and robot1, robot2, robot3 are running; Ctrl-C ends them", fleet.hub) << std::endl;
+  std::cout << fmt::format("a hub at {} and robot1, robot2, robot3 are running; Ctrl-C ends them", fleet.hub)
+            << std::endl;
   int step = 0;
   awaitSignal([&] {
     ++step;
@@ -191,13 +199,14 @@ void makeKey(const FleetOptions& fleet, const HubOptions& options, const std::st
   }
   if (!isName(robot) || robot == kOperator) throw UsageError(fmt::format("{} is no name of a robot", robot));
   const FleetSubjects subjects(fleet.fleet, fleet.domain);
-  const auto seed = ensureKey(options.folder, robot, [&](const std::string& key) {
-    return robotUser(subjects, robot, key, followed);
-  });
-  std::cout << fmt::format("{} is the secret of {}: take it there, mode 600, and leave no copy\n", seed.string(), robot);
-  std::cout << fmt::format("{} has its rights; a hub of korvo fleet hub reads them by itself, another one after\n"
-                           "nats-server --signal reload\n",
-                           (fs::path(options.folder) / "users.conf").string());
+  const auto seed = ensureKey(options.folder, robot,
+                              [&](const std::string& key) { return robotUser(subjects, robot, key, followed); });
+  std::cout << fmt::format("{} is the secret of {}: take it there, mode 600, and leave no copy\n", seed.string(),
+                           robot);
+  std::cout << fmt::format(
+      "{} has its rights; a hub of korvo fleet hub reads them by itself, another one after\n"
+      "nats-server --signal reload\n",
+      (fs::path(options.folder) / "users.conf").string());
 }
 
 int diagnose(const FleetOptions& options) {
@@ -219,7 +228,8 @@ int diagnose(const FleetOptions& options) {
   for (const std::string& stream : {"KV_" + subjects.valueBucket(), "KV_" + subjects.statusBucket(),
                                     "KV_" + subjects.desiredBucket(), subjects.eventStream()}) {
     try {
-      const auto answer = view->connection().request({subjects.interface("STREAM.INFO." + stream), {}}, options.patience());
+      const auto answer =
+          view->connection().request({subjects.interface("STREAM.INFO." + stream), {}}, options.patience());
       const HX::HXValue info = HX::fromJson(answer.data());
       const bool isThere = !info.find("error");
       note(isThere ? fmt::format("{}: {} messages, {} bytes", stream, info["state"]["messages"].toString(),

@@ -1,5 +1,7 @@
 #include "commands.h"
 
+#include <hxvalue/json.h>
+
 #include <csignal>
 #include <functional>
 #include <iostream>
@@ -7,7 +9,6 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <hxvalue/json.h>
 
 namespace {
 
@@ -49,7 +50,8 @@ class Line {
         ->capture_default_str();
     command->add_option("--fleet", fleet_.fleet, "What the fleet is called")->capture_default_str();
     command->add_option("--domain", fleet_.domain, "Of the hub's store")->capture_default_str();
-    command->add_option("--ca", fleet_.authority, "Certificate that the hub's is signed with")->envname("KORVO_FLEET_CA");
+    command->add_option("--ca", fleet_.authority, "Certificate that the hub's is signed with")
+        ->envname("KORVO_FLEET_CA");
     command->add_option("--seed", fleet_.seed, "File with the key to use")->envname("KORVO_FLEET_SEED");
     command->add_flag("--insecure", fleet_.insecure, "Let a plain connection leave this machine");
     command->add_option("--timeout", fleet_.seconds, "Give up a request after so many seconds; 0: never")
@@ -72,14 +74,17 @@ class Line {
     command->add_option("--port", hub_.port, "Its port")->check(CLI::Range(1, 65535))->capture_default_str();
   }
   void addBounds(CLI::App* command) {
-    command->add_option("--hours", hub_.hours, "How long events are stored")->check(CLI::Range(0.01, 1e5))->capture_default_str();
+    command->add_option("--hours", hub_.hours, "How long events are stored")
+        ->check(CLI::Range(0.01, 1e5))
+        ->capture_default_str();
     command->add_option("--megabytes", hub_.megabytes, "How much of them is stored")
         ->check(CLI::Range(1.0, 1e7))
         ->capture_default_str();
   }
 
   void addHubs() {
-    CLI::App* demo = add("demo", "A hub and three robots, to try things with", [this] { return runDemo(fleet_, hub_); });
+    CLI::App* demo =
+        add("demo", "A hub and three robots, to try things with", [this] { return runDemo(fleet_, hub_); });
     addHubOptions(demo);
     CLI::App* hub = add("hub", "A hub in this terminal", [this] { return runHub(fleet_, hub_); });
     addHubOptions(hub);
@@ -108,19 +113,19 @@ class Line {
                               [this](FleetView& view) { getValue(view, first_, fleet_.json); });
     get->add_option("ROBOT/KEY", first_)->required();
     get->add_flag("--json", fleet_.json, "With everything that is known of it");
-    addAsking("list", "Lists the keys of a robot", [this](FleetView& view) {
-      listKeys(view, first_);
-    })->add_option("ROBOT", first_)->required();
-    addAsking("watch", "Prints what changes, until it is interrupted", [this](FleetView& view) {
-      watch(view, first_);
-    })->add_option("PATTERN", first_, "robot*/Battery/**")->required();
+    addAsking("list", "Lists the keys of a robot", [this](FleetView& view) { listKeys(view, first_); })
+        ->add_option("ROBOT", first_)
+        ->required();
+    addAsking("watch", "Prints what changes, until it is interrupted", [this](FleetView& view) { watch(view, first_); })
+        ->add_option("PATTERN", first_, "robot*/Battery/**")
+        ->required();
     CLI::App* set = addAsking("set", "Has a robot set a value",
                               [this](FleetView& view) { setValue(view, first_, second_, whenOnline_); });
     set->add_option("ROBOT/KEY", first_)->required();
     set->add_option("JSON", second_)->required();
     set->add_flag("--when-online", whenOnline_, "Now, or as soon as it is there, and after each of its starts");
-    CLI::App* raise =
-        addAsking("raise", "Has a robot raise an event", [this](FleetView& view) { raiseEvent(view, first_, second_); });
+    CLI::App* raise = addAsking("raise", "Has a robot raise an event",
+                                [this](FleetView& view) { raiseEvent(view, first_, second_); });
     raise->add_option("ROBOT/EVENT", first_)->required();
     raise->add_option("JSON", second_)->required();
     CLI::App* call = addAsking("call", "Calls a method of a robot's service",
@@ -128,9 +133,9 @@ class Line {
     call->add_option("ROBOT/SERVICE", first_)->required();
     call->add_option("METHOD", second_)->required();
     call->add_option("JSON", rest_);
-    addAsking("history", "Prints the stored events of a key", [this](FleetView& view) {
-      showHistory(view, first_);
-    })->add_option("ROBOT/EVENT", first_)->required();
+    addAsking("history", "Prints the stored events of a key", [this](FleetView& view) { showHistory(view, first_); })
+        ->add_option("ROBOT/EVENT", first_)
+        ->required();
     addAsking("top", "Shows the robots, until it is interrupted", [](FleetView& view) { showTop(view); });
   }
 

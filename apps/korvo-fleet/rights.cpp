@@ -21,8 +21,7 @@ std::string robotUser(const HX::fleet::FleetSubjects& subjects, const std::strin
   using HX::fleet::FleetSubjects;
   // The server checks rights once it has taken the domain out of a subject.
   const std::string desired = FleetSubjects::stored(subjects.desiredBucket(), robot);
-  std::vector<std::string> publish{subjects.of(robot, ">"),
-                                   FleetSubjects::stored(subjects.valueBucket(), robot + ".>"),
+  std::vector<std::string> publish{subjects.of(robot, ">"), FleetSubjects::stored(subjects.valueBucket(), robot + ".>"),
                                    FleetSubjects::stored(subjects.statusBucket(), robot),
                                    fmt::format("$JS.API.DIRECT.GET.KV_{}.{}", subjects.desiredBucket(), desired),
                                    fmt::format("$SRV.PING.korvo.{}", robot)};

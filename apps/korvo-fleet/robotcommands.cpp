@@ -76,8 +76,8 @@ std::string jsonOf(const std::string& robot, const Row& row) {
 }
 
 void printTable(const std::map<std::string, Row>& rows) {
-  print(fmt::format("{:<20} {:<7} {:>9} {:<28} {:>8} {:>8} {:>7}", "ROBOT", "STATE", "TRIP", "SEEN", "QUEUED", "DROPPED",
-                    "KEYS"));
+  print(fmt::format("{:<20} {:<7} {:>9} {:<28} {:>8} {:>8} {:>7}", "ROBOT", "STATE", "TRIP", "SEEN", "QUEUED",
+                    "DROPPED", "KEYS"));
   for (const auto& [robot, row] : rows) {
     const std::string trip = row.state == "online" ? fmt::format("{:.1f} ms", row.roundTrip) : "";
     print(fmt::format("{:<20} {:<7} {:>9} {:<28} {:>8} {:>8} {:>7}", robot, row.state, trip, toText(row.status.time),

@@ -84,14 +84,15 @@ UserKey keyOf(std::span<const std::uint8_t> seed) {
 
 UserKey makeUserKey() {
   std::array<std::uint8_t, kSeedSize> seed{};
-  if (RAND_bytes(seed.data(), static_cast<int>(seed.size())) != 1) throw std::runtime_error("there are no random numbers");
+  if (RAND_bytes(seed.data(), static_cast<int>(seed.size())) != 1)
+    throw std::runtime_error("there are no random numbers");
   return keyOf(seed);
 }
 
 UserKey userKeyOf(const std::string& seed) {
   const Bytes bytes = decode(seed);
-  const bool isUsers = bytes.size() == kSeedSize + 2 && bytes[0] == (kSeed | (kUser >> 5U)) &&
-                       bytes[1] == ((kUser & 31U) << 3U);
+  const bool isUsers =
+      bytes.size() == kSeedSize + 2 && bytes[0] == (kSeed | (kUser >> 5U)) && bytes[1] == ((kUser & 31U) << 3U);
   if (!isUsers) throw std::runtime_error("it is no seed of a user");
   return keyOf(std::span(bytes).subspan(2));
 }

@@ -1,8 +1,9 @@
+#include "rights.h"
+
 #include "expect_error.h"
 #include "hub.h"
 #include "nkey.h"
 #include "private_hub.h"
-#include "rights.h"
 
 #include <atomic>
 #include <filesystem>
@@ -19,8 +20,8 @@ using namespace std::chrono_literals;
 using HX::fleet::Connection;
 using HX::fleet::FleetSubjects;
 using HX::fleet::makeUserKey;
-using HX::fleet::userKeyOf;
 using HX::fleet::UserKey;
+using HX::fleet::userKeyOf;
 using testing::HasSubstr;
 
 TEST(UserKeys, AreReadBackAndOthersRefused) {
@@ -73,11 +74,16 @@ TEST_F(Rights, OfARobotEndAtItsName) {
   EXPECT_TRUE(writeKey(*robot, subjects, "fleet", "robot7.A", "1", 0).isStored()) << "its own";
   EXPECT_TRUE(toAnswer(robot->request({"fleet.robot7.event.Door", "1"}, 5s)).isStored()) << "its own";
   EXPECT_FALSE(readKey(*robot, subjects, "fleet_desired", "robot7")) << "may be asked for, and is not there";
-  const std::string forged[] = {"fleet.robot8.event.Door",       "fleet.robot8.status",
-                                "fleet.robot8.set.Speed",        "fleet.robot8.call.Arm.stop",
-                                "$KV.fleet.robot8.A",            subjects.put("fleet", "robot8.A"),
-                                subjects.put("fleet_status", "robot8"), subjects.put("fleet_desired", "robot7"),
-                                subjects.interface("STREAM.DELETE.KV_fleet"), "$JS.API.STREAM.PURGE.FLEET_EVENTS"};
+  const std::string forged[] = {"fleet.robot8.event.Door",
+                                "fleet.robot8.status",
+                                "fleet.robot8.set.Speed",
+                                "fleet.robot8.call.Arm.stop",
+                                "$KV.fleet.robot8.A",
+                                subjects.put("fleet", "robot8.A"),
+                                subjects.put("fleet_status", "robot8"),
+                                subjects.put("fleet_desired", "robot7"),
+                                subjects.interface("STREAM.DELETE.KV_fleet"),
+                                "$JS.API.STREAM.PURGE.FLEET_EVENTS"};
   for (const std::string& subject : forged) {
     EXPECT_THROW(robot->request({subject, "{}"}, 300ms), HX::fleet::RefusedError) << subject;
     EXPECT_THAT(robot->lastError(), HasSubstr("ermissions Violation"));
@@ -98,9 +104,8 @@ TEST_F(Rights, AreThoseOfAKeyThatTheHubKnows) {
 TEST_F(Rights, LetAFollowerReadAndCallWhatItFollows) {
   const auto robot = connect(1, "_INBOX.robot7");
   writeKey(*robot, subjects, "fleet", "robot7.A", "1", 0);
-  robot->subscribe("fleet.robot7.call.Arm.stop", [&](const HX::fleet::Message& message) {
-    robot->publish(message.reply(), "true");
-  });
+  robot->subscribe("fleet.robot7.call.Arm.stop",
+                   [&](const HX::fleet::Message& message) { robot->publish(message.reply(), "true"); });
   robot->flush(5s);
   const auto follower = connect(2, "_INBOX.robot8");
   EXPECT_EQ(readKeys(*follower, subjects, "fleet", "robot7.>", 5s).size(), 1U);
