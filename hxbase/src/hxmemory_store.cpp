@@ -240,7 +240,7 @@ bool HXMemory::restoreData(const std::string& key, const HXValue& value, const s
   {
     journal::Afterwards afterMade(*journal_);
     journal::Afterwards afterDescribed(*journal_);
-    const std::unique_lock lock(itemsLock);
+    const Lock lock(itemsLock);
     if (items.find(key)) return false;
     items.insert(made->name(), made);
     if (isRecording()) made->recordMade({*journal_, journal::What::Stored, afterMade});

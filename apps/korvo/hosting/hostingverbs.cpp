@@ -8,6 +8,7 @@
 #include "host.h"
 #include "line/brokername.h"
 #include "line/help.h"
+#include "line/repeatedoption.h"
 #include "line/verbs.h"
 #include "robot/loglevels.h"
 #include "run.h"
@@ -36,12 +37,6 @@ std::string checkLevel(const std::string& name) {
 
 std::string checkJournal(const std::string& word) {
   return word == "keep" ? std::string() : fmt::format("what is {}? There is keep", excerpt(word));
-}
-
-/// Each option that may be repeated takes one value at a time, so that it cannot swallow what follows.
-CLI::Option* addRepeated(CLI::App& app, const char* name, std::vector<std::string>& values, const char* help,
-                         const char* placeholder) {
-  return app.add_option(name, values, help)->allow_extra_args(false)->type_name(placeholder);
 }
 
 CLI::Option* addModules(CLI::App& app, HostingOptions& options) {

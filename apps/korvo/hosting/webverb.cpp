@@ -1,6 +1,7 @@
 #include "fileoptions.h"
 #include "host.h"
 #include "line/brokername.h"
+#include "line/repeatedoption.h"
 #include "line/verbs.h"
 
 #include <memory>
@@ -24,11 +25,6 @@ struct WebVerbOptions {
   bool allowWrite = false;
   RobotFile file;
 };
-
-CLI::Option* addRepeated(CLI::App& app, const char* name, std::vector<std::string>& values, const char* help,
-                         const char* placeholder) {
-  return app.add_option(name, values, help)->allow_extra_args(false)->type_name(placeholder);
-}
 
 void addOptions(CLI::App& app, WebVerbOptions& options) {
   app.add_option("--port", options.port, "Listen at this port instead of 8765; 0 takes any that is free")

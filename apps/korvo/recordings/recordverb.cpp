@@ -6,6 +6,7 @@
 #include "line/brokername.h"
 #include "line/commandline.h"
 #include "line/remotetarget.h"
+#include "line/repeatedoption.h"
 #include "recordingverbs.h"
 
 #include <hxcommon/units.h>
@@ -168,11 +169,6 @@ int record(const RecordOptions& given, Arguments& arguments) {
   output.note(
       fmt::format("{} changes of {} keys, {}{}", state.changes, state.keys, sizeText(state.bytes), lossText(state)));
   return kDone;
-}
-
-CLI::Option* addRepeated(CLI::App& app, const char* name, std::vector<std::string>& values, const char* help,
-                         const char* placeholder) {
-  return app.add_option(name, values, help)->allow_extra_args(false)->type_name(placeholder);
 }
 
 void addOptions(CLI::App& app, RecordOptions& options) {

@@ -15,6 +15,9 @@ namespace HX::inspection {
 /// In place of what only the journal knows.
 inline constexpr const char* kUnknown = "unknown: the journal does not record (korvo run --journal keep)";
 
+/// A subscriber that takes longer keeps its raisers from their work.
+inline constexpr std::chrono::milliseconds kSlow{100};
+
 /// In microseconds since 1970.
 inline HXValue timeOf(MemoryInsight::TimePoint time) {
   return std::int64_t{std::chrono::floor<std::chrono::microseconds>(time.time_since_epoch()).count()};

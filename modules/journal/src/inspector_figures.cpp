@@ -13,9 +13,6 @@ using namespace inspection;
 
 namespace {
 
-/// What is called slow here is what the report calls so.
-constexpr std::chrono::milliseconds kSlow{100};
-
 void add(MemoryInsight::CallTimes& sum, const MemoryInsight::CallTimes& times) {
   for (std::size_t i = 0; i < sum.counts.size(); ++i) sum.counts[i] += times.counts[i];
   sum.nanoseconds += times.nanoseconds;

@@ -20,8 +20,6 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr std::size_t kSlowestTold = 10;
-/// A subscriber that takes longer keeps its raisers from their work.
-constexpr auto kSlow = 100ms;
 constexpr auto kLongWait = 1s;
 /// What ended earlier is told, and not wrong any more.
 constexpr auto kRecent = 10min;

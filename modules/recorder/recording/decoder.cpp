@@ -1,5 +1,6 @@
 #include "reader.h"
 
+#include <hxvalue/base64.h>
 #include <hxvalue/json.h>
 #include <hxvalue/msgpack.h>
 
@@ -31,8 +32,8 @@ std::string textOf(const HXValue& object, std::string_view name) {
 }
 
 HXValue unpacked(const std::string& text) {
-  const std::string bytes = fromBase64(text);
   try {
+    const std::string bytes = fromBase64(text);
     return fromMsgpack(std::as_bytes(std::span(bytes)));
   } catch (const std::runtime_error& error) {
     throw RecordingError(error.what());

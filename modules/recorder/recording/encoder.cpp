@@ -1,5 +1,6 @@
 #include "encoder.h"
 
+#include <hxvalue/base64.h>
 #include <hxvalue/json.h>
 #include <hxvalue/msgpack.h>
 

@@ -3,6 +3,7 @@
 #include "error.h"
 #include "records.h"
 
+#include <hxvalue/base64.h>
 #include <hxvalue/json.h>
 
 #include <algorithm>

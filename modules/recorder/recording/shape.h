@@ -3,7 +3,6 @@
 #include <hxvalue/hxvalue.h>
 
 #include <string>
-#include <string_view>
 
 namespace HX::recording {
 
@@ -51,9 +50,5 @@ class Shape {
   bool hasBinary_ = false;
   bool isWhole_ = true;  // Nothing of it is "*".
 };
-
-std::string toBase64(std::string_view bytes);
-/// @throws RecordingError when it is none.
-std::string fromBase64(std::string_view text);
 
 }  // namespace HX::recording

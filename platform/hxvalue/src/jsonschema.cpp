@@ -1,3 +1,4 @@
+#include <hxvalue/base64.h>
 #include <hxvalue/json.h>
 #include <hxvalue/jsonschema.h>
 
@@ -15,19 +16,8 @@ constexpr std::size_t kDeepest = 16;
 /// One level is the message's own.
 constexpr std::size_t kDeepestMessage = kMaxJsonDepth - 1;
 
-std::string base64(const HXValue::Binary& bytes) {
-  constexpr std::string_view kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string text;
-  text.reserve((bytes.size() + 2) / 3 * 4);
-  for (std::size_t at = 0; at < bytes.size(); at += 3) {
-    const std::size_t count = std::min<std::size_t>(3, bytes.size() - at);
-    std::uint32_t group = 0;
-    for (std::size_t i = 0; i < 3; ++i) {
-      group = group << 8U | (i < count ? std::to_integer<std::uint32_t>(bytes[at + i]) : 0U);
-    }
-    for (std::size_t i = 0; i < 4; ++i) text += i <= count ? kDigits[group >> (18 - 6 * i) & 63U] : '=';
-  }
-  return text;
+std::string textOf(const HXValue::Binary& bytes) {
+  return toBase64({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
 }
 
 /// Whether the value is written otherwise than `toJson` writes it.
@@ -41,7 +31,7 @@ bool needsRewriting(const HXValue& value, std::size_t depth) {
 }
 
 HXValue rewritten(const HXValue& value, std::size_t depth) {
-  if (const auto* bytes = value.binaryIf()) return base64(*bytes);
+  if (const auto* bytes = value.binaryIf()) return textOf(*bytes);
   if (!value.isList() && !value.isMap()) return value;
   if (depth == kDeepestMessage) return {};
   if (const auto* list = value.listIf()) {

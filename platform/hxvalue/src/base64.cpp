@@ -1,13 +1,13 @@
-#include "error.h"
-#include "shape.h"
+#include <hxvalue/base64.h>
 
-#include <array>
+#include <cstddef>
 #include <cstdint>
+#include <stdexcept>
 
-namespace HX::recording {
+namespace HX {
 namespace {
 
-constexpr std::string_view kDigits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::string_view kBase64 = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 }  // namespace
 
@@ -19,23 +19,23 @@ std::string toBase64(std::string_view bytes) {
     std::uint32_t bits = 0;
     for (std::size_t j = 0; j < 3; ++j)
       bits = (bits << 8U) | (j < group.size() ? static_cast<unsigned char>(group[j]) : 0U);
-    for (std::size_t j = 0; j < 4; ++j) text += j <= group.size() ? kDigits[(bits >> (18U - 6U * j)) & 63U] : '=';
+    for (std::size_t j = 0; j < 4; ++j) text += j <= group.size() ? kBase64[(bits >> (18U - 6U * j)) & 63U] : '=';
   }
   return text;
 }
 
 std::string fromBase64(std::string_view text) {
-  if (text.size() % 4 != 0) throw RecordingError("base64 is cut short");
+  if (text.size() % 4 != 0) throw std::runtime_error("base64 is cut short");
   std::string bytes;
   bytes.reserve(text.size() / 4 * 3);
   for (std::size_t i = 0; i < text.size(); i += 4) {
     std::string_view group = text.substr(i, 4);
     if (i + 4 == text.size()) group = group.substr(0, group.find_last_not_of('=') + 1);
-    if (group.size() < 2) throw RecordingError("base64 ends in the middle of a byte");
+    if (group.size() < 2) throw std::runtime_error("base64 ends in the middle of a byte");
     std::uint32_t bits = 0;
     for (std::size_t j = 0; j < 4; ++j) {
-      const std::size_t digit = j < group.size() ? kDigits.find(group[j]) : 0;
-      if (digit == std::string_view::npos) throw RecordingError("base64 has a character that is none of it");
+      const std::size_t digit = j < group.size() ? kBase64.find(group[j]) : 0;
+      if (digit == std::string_view::npos) throw std::runtime_error("base64 has a character that is none of it");
       bits = (bits << 6U) | static_cast<std::uint32_t>(digit);
     }
     for (std::size_t j = 0; j + 1 < group.size(); ++j) bytes += static_cast<char>((bits >> (16U - 8U * j)) & 255U);
@@ -43,4 +43,4 @@ std::string fromBase64(std::string_view text) {
   return bytes;
 }
 
-}  // namespace HX::recording
+}  // namespace HX
