@@ -23,6 +23,7 @@ void msgpack(Input input);    ///< MessagePack, and where its values end in a st
 void link(Input input);       ///< What a peer of a broker sends, frame by frame.
 void mapfile(Input input);    ///< Files that map signals to events.
 void console(Input input);    ///< Lines of the console.
+void view(Input input);       ///< What lies in shared memory.
 void web(Input input);        ///< Requests at the gate of the page's server, and what pages say.
 void viewer(Input input);     ///< What viewers say, in text and in binary.
 void recording(Input input);  ///< A file, and any moment of it.

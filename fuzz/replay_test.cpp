@@ -13,9 +13,9 @@
 namespace {
 
 const std::map<std::string, void (*)(fuzz::Input)> kHarnesses{
-    {"batch", fuzz::batch},   {"console", fuzz::console}, {"filter", fuzz::filter},   {"json", fuzz::json},
-    {"link", fuzz::link},     {"mapfile", fuzz::mapfile}, {"msgpack", fuzz::msgpack}, {"recording", fuzz::recording},
-    {"viewer", fuzz::viewer}, {"web", fuzz::web}};
+    {"batch", fuzz::batch}, {"console", fuzz::console}, {"filter", fuzz::filter},   {"json", fuzz::json},
+    {"link", fuzz::link},   {"mapfile", fuzz::mapfile}, {"msgpack", fuzz::msgpack}, {"recording", fuzz::recording},
+    {"view", fuzz::view},   {"viewer", fuzz::viewer},   {"web", fuzz::web}};
 
 std::vector<std::uint8_t> contentOf(const std::filesystem::path& file) {
   std::ifstream stream(file, std::ios::binary);

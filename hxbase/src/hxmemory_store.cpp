@@ -113,8 +113,9 @@ void HXMemory::write(const std::string& name, HXValue value, STMValue::dataType 
                      const std::string* extractor) {
   if (!extractor) {
     const bool overwritten =
-        isRecording() ? overwriteRecorded(name, value, kind, item) : overwrite(name, value, kind, item);
+        isRecording() ? overwriteTold(name, value, kind, item) : overwrite(name, value, kind, item);
     if (overwritten) return;
+    if (isShowing() && overwriteTold(name, value, kind, item)) return;
   }
   requireFilable(name);
   const HXValue news = announced(name);
@@ -144,15 +145,18 @@ void HXMemory::requireFilable(std::string_view name) {
        "a name of " + std::to_string(name.size()) + " bytes; no key has more than " + std::to_string(kLongestName));
 }
 
-/// The same while the journal records: apart, so that writes of which nobody is told do not pay for it.
-[[gnu::noinline]] bool HXMemory::overwriteRecorded(const std::string& name, HXValue& value, STMValue::dataType kind,
-                                                   std::shared_ptr<STMValue>* item) {
+/// The same while the journal records, and for keys that have to be prepared for those who view them: apart, so that
+/// writes of which nobody is told do not pay for it.
+[[gnu::noinline]] bool HXMemory::overwriteTold(const std::string& name, HXValue& value, STMValue::dataType kind,
+                                               std::shared_ptr<STMValue>* item) {
   journal::Afterwards after(*journal_);
+  view::Afterwards wakes;
   const STMValue::Record record{*journal_, whatOf(kind, item), after};
   const SharedLock lock(itemsLock);
-  if (!isRecording()) return false;
   const auto* found = findToOverwrite(name, kind, item);
-  if (!found || !(*found)->tryExchangeValue(value, kind, &record)) return false;
+  if (!found) return false;
+  const view::Preparation prepared((*found)->shown(), value, wakes);
+  if (!(*found)->tryExchangeValue(value, kind, isRecording() ? &record : nullptr, &prepared)) return false;
   if (item) *item = *found;
   return true;
 }
@@ -169,19 +173,23 @@ inline const std::shared_ptr<STMValue>* HXMemory::findToOverwrite(const std::str
 HXMemory::Change HXMemory::file(const std::string& name, HXValue& value, STMValue::dataType kind,
                                 std::shared_ptr<STMValue>* item, EventEntry& entry) {
   journal::Afterwards after(*journal_);
+  view::Afterwards wakes;
   const STMValue::Record record{*journal_, whatOf(kind, item), after};
   const Lock lock(itemsLock);
   const STMValue::Record* const recorded = isRecording() ? &record : nullptr;
   const auto* found = items.find(name);
   const bool added = !found;
+  const view::Shown* const shown = shownOf(name);
+  const view::Preparation prepared(shown, value, wakes);
   const auto present = found ? *found : STMValue::create(this, name, std::move(value), kind, mw::systemNow());
   if (item && kind == STMValue::Event) present->reserveHistory();
   if (added) {
     items.insert(present->name(), present);
     if (recorded) present->recordMade(record);
+    if (shown) present->appear(*shown);
   }
   if (entry.namesItsExtractor) fileEvent(entry);
-  const STMValue::dataType before = added ? kind : present->exchangeValue(value, kind, recorded);
+  const STMValue::dataType before = added ? kind : present->exchangeValue(value, kind, recorded, &prepared);
   // An item that only a subscription made is an event already, and not filed as one.
   if (kind == STMValue::Event && (before != STMValue::Event || !present->isFiledAsEvent())) {
     fileEvent(entry);
@@ -222,9 +230,13 @@ std::shared_ptr<STMValue> HXMemory::xRequireSTMValue(const std::string& name, ST
 std::shared_ptr<STMValue> HXMemory::fileUnlessPresent(const std::shared_ptr<STMValue>& made) {
   requireFilable(made->name());
   journal::Afterwards after(*journal_);
+  view::Afterwards wakes;
   const Lock lock(itemsLock);
   if (const auto* found = items.find(made->name())) return *found;
+  const view::Shown* const shown = shownOf(made->name());
+  const view::Preparation prepared(shown, made->getValue(), wakes);
   items.insert(made->name(), made);
+  if (shown) made->appear(*shown);
   if (isRecording()) made->recordMade({*journal_, journal::What::Declared, after});
   return made;
 }
@@ -240,9 +252,13 @@ bool HXMemory::restoreData(const std::string& key, const HXValue& value, const s
   {
     journal::Afterwards afterMade(*journal_);
     journal::Afterwards afterDescribed(*journal_);
+    view::Afterwards wakes;
     const Lock lock(itemsLock);
     if (items.find(key)) return false;
+    const view::Shown* const shown = shownOf(key);
+    const view::Preparation prepared(shown, value, wakes);
     items.insert(made->name(), made);
+    if (shown) made->appear(*shown);
     if (isRecording()) made->recordMade({*journal_, journal::What::Stored, afterMade});
     const STMValue::Record described{*journal_, journal::What::Described, afterDescribed};
     if (!description.empty()) made->noteDescription(told, isRecording() ? &described : nullptr);
@@ -256,6 +272,7 @@ void HXMemory::xRemoveData(const std::string& name) {
   std::shared_ptr<STMValue> removed;  // Let go of after the lock: the last reference may run what needs it.
   {
     journal::Afterwards after(*journal_);
+    view::Afterwards wakes;
     std::list<journal::Grave> grave(1);  // In case that it records by then.
     const Lock lock(itemsLock);
     const auto* found = items.find(name);
@@ -263,7 +280,9 @@ void HXMemory::xRemoveData(const std::string& name) {
     if ((*found)->isDataPtrAccessed()) {
       fail("removeData", "Data " + name + " can't be erased because it has been accessed using getDataPtr", 1179);
     }
+    const view::Preparation prepared((*found)->shown(), view::State::Absent, wakes);
     removed = items.extract(name);
+    removed->disappear();
     if (isRecording()) removed->recordRemoval({*journal_, journal::What::Removed, after}, grave);
   }
   removed.reset();

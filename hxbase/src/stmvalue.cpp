@@ -22,7 +22,7 @@ constexpr std::size_t kHistoryDepth = 50;
 
 STMValue::STMValue(HXMemory* memory, const std::string& name, HXValue value, dataType kind, mw::SystemTimePoint time)
     : itemSignal_(std::make_shared<HXMemorySubscriber>(memory, name)), notifierLock_(itemSignal_->signal.eventName()) {
-  replaceValue(value, kind, time);
+  replaceValue(value, kind, time, nullptr, nullptr);
 }
 
 std::shared_ptr<STMValue> STMValue::create(HXMemory* memory, const std::string& name, HXValue value, dataType kind,
@@ -50,29 +50,31 @@ const char* STMValue::kindText(dataType kind) {
 
 void STMValue::setValue(HXValue value, dataType kind, mw::SystemTimePoint time) {
   const Lock lock(valueLock_);
-  replaceValue(value, kind, time);
+  replaceValue(value, kind, time, nullptr, nullptr);
 }
 
-STMValue::dataType STMValue::exchangeValue(HXValue& value, dataType kind, const Record* record) {
+STMValue::dataType STMValue::exchangeValue(HXValue& value, dataType kind, const Record* record,
+                                           const view::Preparation* prepared) {
   const Lock lock(valueLock_);
   const auto before = static_cast<dataType>(kind_);
-  replaceValue(value, kind, mw::systemNow(), record);
+  replaceValue(value, kind, mw::systemNow(), record, prepared);
   return before;
 }
 
-bool STMValue::tryExchangeValue(HXValue& value, dataType kind, const Record* record) {
+bool STMValue::tryExchangeValue(HXValue& value, dataType kind, const Record* record,
+                                const view::Preparation* prepared) {
   const Lock lock(valueLock_);
-  if (kind_ != kind) return false;
-  replaceValue(value, kind, mw::systemNow(), record);
-  return true;
+  return kind_ == kind && replaceValue(value, kind, mw::systemNow(), record, prepared);
 }
 
-inline void STMValue::replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record) {
+inline bool STMValue::replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record,
+                                   const view::Preparation* prepared) {
   if (dataPtrAccessed_) requireStorable(value);
-  ++nth_;
-  if (record) {
-    recordValue(value, kind, time, *record);
+  // One branch for both who may want to be told: as a rule there is neither.
+  if ((record != nullptr) | (shown_ != nullptr)) [[unlikely]] {
+    if (!tell(value, kind, time, record, prepared)) return false;
   } else {
+    ++nth_;
     revision_ = 0;
   }
   if (!dataPtrAccessed_) {
@@ -89,6 +91,7 @@ inline void STMValue::replaceValue(HXValue& value, dataType kind, mw::SystemTime
   }
   kind_ = static_cast<std::uint8_t>(kind);
   timestamp_ = time;
+  return true;
 }
 
 void STMValue::requireStorable(const HXValue& value) const {
@@ -138,9 +141,9 @@ bool STMValue::isDataPtrAccessed() const {
 }
 
 void* STMValue::accessPointer(HXValue::Type type) {
+  while (!markAddressKnown()) {
+  }
   const Lock lock(valueLock_);
-  dataPtrAccessed_ = true;
-  show();
   if (type == HXValue::Type::Int) return value_.getIntPtr();
   return type == HXValue::Type::Float ? value_.getFloatPtr() : value_.getPtrValue();
 }

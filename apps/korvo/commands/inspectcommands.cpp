@@ -60,10 +60,17 @@ void demand(Context& context, Arguments& arguments) {
   for (const HXValue& one : answer.asList()) context.output.line(HX::toJson(one));
 }
 
+/// Who views what, where that is offered.
+HXValue viewsOf(Context& context) {
+  const auto views = context.target.find("HXViews");
+  return views ? views->call<HXValue>("report") : HXValue();
+}
+
 void doctor(Context& context, Arguments& arguments) {
   const bool asJson = arguments.has("--json");
   arguments.end();
   const auto answer = journalOf(context)->call<HXValue>("report");
+  const HXValue views = viewsOf(context);
   const auto brokers = mw::describeRunningBrokers();
   if (asJson) {
     HXValue::Map all = answer.asMap();
@@ -72,9 +79,10 @@ void doctor(Context& context, Arguments& arguments) {
       list.push_back(HXValue::map({{"name", one.name}, {"process", one.process}, {"version", one.version}}));
     }
     all.emplace("brokers", HXValue::list(std::move(list)));
+    all.emplace("views", views);
     context.output.line(HX::toJson(HXValue::map(std::move(all))));
   } else {
-    print(context, doctorText(brokers, answer, mw::systemNow()));
+    print(context, doctorText(brokers, answer, views, mw::systemNow()));
   }
   const std::size_t wrong = answer["wrong"].asList().size();
   if (wrong > 0)
@@ -97,7 +105,8 @@ constexpr std::array kInspectCommands{
     Command{"doctor", "", "Tells how the broker is, and what is wrong.",
             "The brokers that are running; keys, memory and changes a second; the slowest subscribers, and those that\n"
             "were dropped; who follows the changes, and falls behind; extractors that run for nobody, or do not run\n"
-            "although asked; keys with several authors, and overdue ones. Fails when something is wrong.",
+            "although asked; keys with several authors, and overdue ones; who views what in shared memory. Fails when "
+            "something is wrong.",
             "doctor", doctor, kOneJson},
 };
 

@@ -267,8 +267,24 @@ std::vector<string> demandText(const HXValue& answer, mw::SystemTimePoint now) {
   return lines;
 }
 
+/// Viewers of many keys are told with the number of them.
+void addViews(Sheet& sheet, const HXValue& views) {
+  if (!views.isMap() || listIn(views, "views").empty()) return;
+  constexpr std::size_t kMost = 10;
+  std::vector<std::vector<string>> rows;
+  for (const HXValue& one : listIn(views, "views")) {
+    if (rows.size() == kMost) break;
+    rows.push_back(
+        {authorText(textIn(one, "viewer")), textIn(one, "key"),
+         fmt::format("{} bytes{}", entry(one, "bytes").toInt64(), isSet(one, "isWaiting") ? ", waits" : "")});
+  }
+  sheet.addRows("viewing", std::move(rows));
+  sheet.add("views", fmt::format("{}, in {} of {} bytes", listIn(views, "views").size(),
+                                 entry(views, "bytes").toInt64(), entry(entry(views, "limits"), "bytes").toInt64()));
+}
+
 std::vector<string> doctorText(const std::vector<mw::RunningBroker>& brokers, const HXValue& answer,
-                               mw::SystemTimePoint now) {
+                               const HXValue& views, mw::SystemTimePoint now) {
   Sheet sheet(now);
   for (const auto& one : brokers) {
     const auto since = std::chrono::floor<std::chrono::microseconds>(one.since.time_since_epoch()).count();
@@ -288,6 +304,7 @@ std::vector<string> doctorText(const std::vector<mw::RunningBroker>& brokers, co
                     fmt::format("{} gaps{}", entry(one, "gaps").toInt64(), isSet(one, "paused") ? ", paused" : "")});
   }
   sheet.addRows("following", std::exchange(rows, {}));
+  addViews(sheet, views);
   for (const HXValue& one : listIn(answer, "dropped")) {
     rows.push_back({sheet.clock(entry(one, "time")), textIn(one, "module"), textIn(one, "event"), textIn(one, "why")});
   }

@@ -24,9 +24,10 @@ std::vector<std::string> demandText(const HX::HXValue& answer, mw::SystemTimePoi
 
 /// @param brokers  That are running.
 /// @param answer   Of `HXJournal.report`.
+/// @param views    Of `HXViews.report`; invalid where there is none.
 /// @param now      As for `explainText`.
 std::vector<std::string> doctorText(const std::vector<mw::RunningBroker>& brokers, const HX::HXValue& answer,
-                                    mw::SystemTimePoint now);
+                                    const HX::HXValue& views, mw::SystemTimePoint now);
 
 /// "0.4 ms", "12 s".
 std::string durationText(double seconds);

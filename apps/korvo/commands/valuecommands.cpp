@@ -62,15 +62,27 @@ class Staleness {
   std::optional<std::string> last_;
 };
 
+/// As another process sees it in shared memory.
+HXValue viewed(HXMemoryProxy& memory, const std::string& key) {
+  constexpr std::size_t kCapacity = std::size_t{1} << 20U;
+  auto view = memory.view<HXValue>(key, {.capacity = kCapacity});
+  try {
+    return view.read().value();
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(fmt::format("{}: {}", excerpt(key), error.what()));
+  }
+}
+
 void get(Context& context, Arguments& arguments) {
   const bool asObject = arguments.has("--json");
   const bool isRaw = arguments.has("--raw");
   if (asObject && isRaw) throw InputError("--json and --raw exclude each other");
   const bool tellsKey = arguments.has(kPrefix.name) && !isRaw;
+  const bool isViewed = arguments.has("--view");
   Staleness staleness(context.output, arguments.duration("--max-age"));
   forEachKey(context, keysOf(context, arguments), [&](HXMemoryProxy& memory, const std::string& key) {
     if (!staleness.allows(memory, key)) return;
-    const HXValue value = memory.getData(key);
+    const HXValue value = isViewed ? viewed(memory, key) : memory.getData(key);
     if (isRaw) return printRaw(context.output, value);
     if (asObject) return context.output.line(JsonObject().add("key", key).addValue(value).text());
     context.output.line((tellsKey ? context.shown(key) + "\t" : "") + HX::toJson(value));
@@ -224,7 +236,8 @@ constexpr Option kGetOptions[] = {
     kJson,
     {"--raw", "", "Print strings without quotes and escapes, and bytes as they are, without a line end"},
     kPrefix,
-    {"--max-age", "LIMIT", "Fail for a key that was set longer ago than this: 200ms, 5s"}};
+    {"--max-age", "LIMIT", "Fail for a key that was set longer ago than this: 200ms, 5s"},
+    {"--view", "", "Read it in shared memory, as views do"}};
 constexpr Option kSetOptions[] = {kString, kType, kPrefix, kYes};
 constexpr Option kRemoveOptions[] = {kPrefix, kYes};
 

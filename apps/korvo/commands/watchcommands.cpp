@@ -140,14 +140,40 @@ bool isWrite(const HX::journal::Change& change) {
          (change.what == What::Stored || change.what == What::Raised || change.what == What::RaisedMicro);
 }
 
+/// Each second, or less.
+bool waitForNextLine(Context& context, std::optional<std::size_t>& left) {
+  return (!left || (*left)-- > 0) && waitReadable({context.stop}, 1000ms) != 0 && context.output.works();
+}
+
+/// Counted in shared memory, where writers do not notice.
+void frequencyOfViewed(Context& context, HX::HXMemoryProxy& memory, const std::string& key,
+                       std::optional<std::size_t> left, bool asObject) {
+  constexpr std::size_t kDepth = 65'536;
+  auto stream = memory.stream<HX::HXValue>(key, kDepth, {.capacity = sizeof(double)});
+  HX::Seen<HX::HXValue> item;
+  stream.next(item);  // What was there before.
+  Frequency seen;
+  while (waitForNextLine(context, left)) {
+    auto result = HX::ReadResult::Value;
+    while (result == HX::ReadResult::Value || result == HX::ReadResult::Lost) {
+      result = stream.next(item);
+      if (result == HX::ReadResult::Value) seen.see(mw::systemNow() - item.age());
+    }
+    if (result == HX::ReadResult::Ended) throw std::runtime_error("the broker has gone");
+    context.output.line(frequencyLine(key, seen.summary(mw::systemNow()), asObject));
+  }
+}
+
 void frequency(Context& context, Arguments& arguments) {
   const bool asObject = arguments.has("--json");
+  const bool isViewed = arguments.has("--view");
   auto left = arguments.count("--count");
   const std::string wanted = arguments.word("KEY");
   arguments.end();
   if (context.isConsole() && !left) left = 1;
   forEachKey(context, {wanted}, [&](HX::HXMemoryProxy& memory, const std::string& key) {
     memory.getType(key);  // What is not there would be waited for in vain.
+    if (isViewed) return frequencyOfViewed(context, memory, key, left, asObject);
     const auto seen = std::make_shared<Frequency>();
     HX::journal::FollowOptions options;
     options.snapshot = false;
@@ -158,7 +184,7 @@ void frequency(Context& context, Arguments& arguments) {
           if (isWrite(change)) seen->see(change.time);
         },
         options);
-    while ((!left || (*left)-- > 0) && waitReadable({context.stop}, 1000ms) != 0 && context.output.works()) {
+    while (waitForNextLine(context, left)) {
       context.target.settle();  // Of a broker that has gone nothing would be seen.
       context.output.line(frequencyLine(key, seen->summary(mw::systemNow()), asObject));
     }
@@ -177,7 +203,9 @@ constexpr Option kWatchOptions[] = {
     {"--author", "TEXT", "Print changes by this author only"},
     {"--wait", "", "Wait for keys that do not exist yet"},
     {"--no-demand", "", "Do not have the events' extractors run"}};
-constexpr Option kFrequencyOptions[] = {kJson, {"--count", "N", "Print N lines; in a console one"}};
+constexpr Option kFrequencyOptions[] = {kJson,
+                                        {"--count", "N", "Print N lines; in a console one"},
+                                        {"--view", "", "Count in shared memory, as streams do"}};
 
 constexpr std::array kWatchCommands{
     Command{

@@ -186,6 +186,7 @@ std::vector<std::string> librariesOfMemory(const RunOptions& options) {
   std::vector<std::string> libraries{"hxmemory"};
   if (keeps(options)) libraries.emplace_back(kKeeper);
   if (options.journal) libraries.insert(libraries.end(), {"journal", "freshness"});
+  libraries.emplace_back("views");
   if (!options.blackBox.empty()) libraries.emplace_back(kRecorder);
   return libraries;
 }

@@ -81,7 +81,8 @@ std::shared_ptr<HX::HXProxy> RemoteTarget::find(const std::string& service) {
   try {
     const auto& deadlines = connection().deadlines;
     const auto found = await(session_.service(service), fmt::format("where service {} is", excerpt(service)));
-    return std::make_shared<HX::HXProxy>(deadlines ? mw::withDeadline(found, service, deadlines) : found, service);
+    return std::make_shared<HX::HXProxy>(deadlines ? mw::withDeadline(found, service, deadlines) : found, service,
+                                         HX::Author(), ownBroker());
   } catch (const mw::NoSuchServiceError&) {
     return nullptr;
   }

@@ -9,10 +9,12 @@
 #include <hxerror/hxerror.h>
 #include <hxerror/mutex.h>
 #include <hxjournal/journal.h>
+#include <hxview/shown.h>
 #include <libmw/session.h>
 #include <libmw/trackable.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -56,6 +58,7 @@ class HXMemory : public HXModule,
                  public journal::JournalOwner,
                  public MemoryInsight,
                  public DataRestorer,
+                 public view::Host,
                  private journal::Source {
  public:
   /// How the journal is kept. As made: by the default event loop, in its usual size.
@@ -93,6 +96,9 @@ class HXMemory : public HXModule,
   std::vector<Demand> demands() const override;
   std::vector<Mapping> mappings() const override;
   std::vector<Dropped> dropped() const override;
+
+  // What other processes view: hxmemory_views.cpp
+  void showBy(const std::string& key, std::shared_ptr<const view::Shown> shown) override;
 
   // --- Data: hxmemory_store.cpp --------------------------------------------------------------------------------------
 
@@ -262,8 +268,9 @@ class HXMemory : public HXModule,
                                                    const std::shared_ptr<STMValue>* item) const
       HX_REQUIRES_SHARED(itemsLock);
   bool overwrite(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
-  bool overwriteRecorded(const std::string& name, HXValue& value, STMValue::dataType kind,
-                         std::shared_ptr<STMValue>* item);
+  bool overwriteTold(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item);
+  bool isShowing() const { return showing_.load(std::memory_order_relaxed); }
+  const view::Shown* shownOf(const std::string& name) const HX_REQUIRES_SHARED(itemsLock);
   static void requireFilable(std::string_view name);
   Change file(const std::string& name, HXValue& value, STMValue::dataType kind, std::shared_ptr<STMValue>* item,
               EventEntry& entry);
@@ -308,6 +315,10 @@ class HXMemory : public HXModule,
   // lock is a hint.
   mutable TableLock itemsLock;
   std::atomic<bool> recording_{false};
+  // By what keys are viewed, also those that are not there. The flag, whether there is one, is written under the
+  // exclusive side of the lock and otherwise a hint.
+  std::map<std::string, std::shared_ptr<const view::Shown>, std::less<>> shown_ HX_GUARDED_BY(itemsLock);
+  std::atomic<bool> showing_{false};
   // Changed with both `mappingMutex` and `insightLock` held, so that it is read under either.
   std::map<std::string, std::map<std::string, std::string>> pendingMappings HX_GUARDED_BY(mappingMutex);
   mutable Mutex insightLock;  // A leaf.

@@ -9,6 +9,7 @@
 #include <hxjournal/journal.h>
 #include <hxvalue/detail/wordlock.h>
 #include <hxvalue/hxvalue.h>
+#include <hxview/shown.h>
 #include <libmw/clock.h>
 #include <libmw/future.h>
 
@@ -43,9 +44,9 @@ extern HXBroker* staticBroker;
 ///
 /// @par Locks
 /// `valueLock`, `historyLock` and `notifierLock` are independent; no operation holds two of them. `recordsLock` is a
-/// leaf below `notifierLock`. Only `valueLock` is ever taken while the table's lock is held, and under it the lock of
-/// the journal's ring. While `notifierLock` is held, subscribers are called; it is recursive, because they may come
-/// back into the item on the same thread.
+/// leaf below `notifierLock`. Only `valueLock` is ever taken while the table's lock is held, before it that of what
+/// shows the value, and under it the lock of the journal's ring. While `notifierLock` is held, subscribers are called;
+/// it is recursive, because they may come back into the item on the same thread.
 class alignas(64) STMValue {
  public:
   /// What an item is kept as. The numbers are part of the interface.
@@ -86,11 +87,14 @@ class alignas(64) STMValue {
   void setValue(HXValue value, dataType kind, mw::SystemTimePoint time);
   /// As `setValue` with the present time, and leaves the old value in `value`, to be destroyed by the caller outside
   /// its locks. `record` is null while the journal does not record.
+  /// @param prepared  With this value; null where nobody views it, or only as a number and without waiting.
   /// @return The kind before.
-  dataType exchangeValue(HXValue& value, dataType kind, const Record* record = nullptr);
+  dataType exchangeValue(HXValue& value, dataType kind, const Record* record = nullptr,
+                         const view::Preparation* prepared = nullptr);
   /// The same for an item that is of this kind already.
-  /// @return False when it is of another kind; nothing changes.
-  bool tryExchangeValue(HXValue& value, dataType kind, const Record* record = nullptr);
+  /// @return False when it is of another kind, or is viewed so that it has to be prepared; nothing changes.
+  bool tryExchangeValue(HXValue& value, dataType kind, const Record* record = nullptr,
+                        const view::Preparation* prepared = nullptr);
 
   HXValue getValue() const;
   dataType getDataType() const;
@@ -111,6 +115,18 @@ class alignas(64) STMValue {
   /// Appends that the item has been taken out of the table. `grave` takes the name: one element.
   void recordRemoval(const Record& record, std::list<journal::Grave>& grave);
   journal::State state() const;
+
+  // --- Views: stmvalue_views.cpp. Under the table's lock: the exclusive one to change by what the value is shown.
+  // -----
+
+  /// Null when nobody views it.
+  const view::Shown* shown() const { return shown_; }
+  /// Shows it by this from now on, which must live until something else takes its place; null for nothing.
+  void setShown(const view::Shown* shown);
+  /// It has come into the table, where it is viewed already.
+  void appear(const view::Shown& shown);
+  /// It has been taken out of the table. Prepared to be absent.
+  void disappear();
 
   // --- History -------------------------------------------------------------------------------------------------------
 
@@ -184,8 +200,11 @@ class alignas(64) STMValue {
       HX_REQUIRES(notifierLock_);
   void noteQuiet() HX_REQUIRES(notifierLock_);
 
-  void replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record = nullptr)
-      HX_REQUIRES(valueLock_);
+  bool replaceValue(HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record,
+                    const view::Preparation* prepared) HX_REQUIRES(valueLock_);
+  bool tell(const HXValue& value, dataType kind, mw::SystemTimePoint time, const Record* record,
+            const view::Preparation* prepared) HX_REQUIRES(valueLock_);
+  bool markAddressKnown();
   void requireStorable(const HXValue& value) const HX_REQUIRES(valueLock_);
   void recordValue(const HXValue& value, dataType kind, mw::SystemTimePoint time, const Record& record)
       HX_REQUIRES(valueLock_);
@@ -195,14 +214,18 @@ class alignas(64) STMValue {
 
   // Together on the first cache line: all that reading a number, or writing a value, touches.
   ScalarView view_;  // What readers of a number get without a lock. Written under valueLock_.
-  HXValue value_ HX_GUARDED_BY(valueLock_);
-  mw::SystemTimePoint timestamp_ HX_GUARDED_BY(valueLock_){};
-  std::uint64_t revision_ HX_GUARDED_BY(valueLock_) = 0;  // Of the last change; 0 when it was not recorded.
-  std::uint32_t nth_ HX_GUARDED_BY(valueLock_) = 0;       // How often it was changed.
-  mutable WordLock valueLock_;
+  // The small ones behind the value lie in its end, which it leaves free.
+  [[no_unique_address]] HXValue value_ HX_GUARDED_BY(valueLock_);
   std::uint8_t kind_ HX_GUARDED_BY(valueLock_) = UnknownData;  // A dataType.
   bool dataPtrAccessed_ HX_GUARDED_BY(valueLock_) = false;
-  bool filedAsEvent_ = false;  // Guarded by the table's lock.
+  bool filedAsEvent_ = false;                        // Guarded by the table's lock.
+  std::uint32_t nth_ HX_GUARDED_BY(valueLock_) = 0;  // How often it was changed.
+  mw::SystemTimePoint timestamp_ HX_GUARDED_BY(valueLock_){};
+  std::uint64_t revision_ HX_GUARDED_BY(valueLock_) = 0;  // Of the last change; 0 when it was not recorded.
+  // By what other processes view it; null as a rule. Changed under the table's exclusive lock and valueLock_, and so
+  // read under either.
+  const view::Shown* shown_ = nullptr;
+  mutable WordLock valueLock_;
 
   // Together on the second: all else that a raise touches while nobody is subscribed.
   using History = boost::circular_buffer<std::pair<mw::SystemTimePoint, HXValue>>;

@@ -67,7 +67,7 @@ std::shared_ptr<HXProxy> HXBroker::getProxy(const std::string& name, int) {
   const MutexLock lock(mutex_);
   auto& known = proxies_[name];
   if (!known || known->asObject().pointer() != service.pointer()) {
-    replaced = std::exchange(known, std::make_shared<HXProxy>(std::move(service), name));
+    replaced = std::exchange(known, std::make_shared<HXProxy>(std::move(service), name, Author(), weak_from_this()));
   }
   return known;
 }

@@ -180,7 +180,7 @@ std::shared_ptr<HXProxy> HXModule::memoryProxy() {
   }
   const auto proxy = broker->getProxy("HXMemory");
   if (!proxy) throw std::runtime_error("no module named HXMemory");
-  auto own = std::make_shared<HXProxy>(proxy->asObject(), proxy->moduleName(), author());
+  auto own = std::make_shared<HXProxy>(proxy->asObject(), proxy->moduleName(), author(), broker);
   const MutexLock lock(memoryMutex_);
   return memory_ = std::move(own);
 }

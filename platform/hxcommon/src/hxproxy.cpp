@@ -9,8 +9,11 @@
 
 namespace HX {
 
-HXProxy::HXProxy(mw::AnyObject service, std::string moduleName, Author author)
-    : object_(std::move(service)), moduleName_(std::move(moduleName)), author_(std::move(author)) {}
+HXProxy::HXProxy(mw::AnyObject service, std::string moduleName, Author author, std::weak_ptr<HXBroker> broker)
+    : object_(std::move(service)),
+      moduleName_(std::move(moduleName)),
+      author_(std::move(author)),
+      broker_(std::move(broker)) {}
 
 void HXProxy::pCallNotify(const std::string& method, const std::string& key, const HXValue& value,
                           const HXValue& message, CallState* state) const {

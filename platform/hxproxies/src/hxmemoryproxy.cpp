@@ -1,5 +1,6 @@
 #include <hxcommon/hxproxy.h>
 #include <hxcommon/subscriptions.h>
+#include <hxcommon/views.h>
 #include <hxproxies/hxmemoryproxy.h>
 
 #include <stdexcept>
@@ -27,6 +28,13 @@ HXValue HXMemoryProxy::getListData(const HXValue& keyList) { return proxy_->call
 HXValue HXMemoryProxy::getDataOnChange(const string& key, int deprecatedParameter) {
   return proxy_->call<HXValue>("getDataOnChange", key, deprecatedParameter);
 }
+std::shared_ptr<view::Opened> HXMemoryProxy::openView(const string& key, std::size_t capacity, std::size_t depth,
+                                                      const ViewOptions& options) const {
+  const auto broker = proxy_->findBroker();
+  if (!broker) throw std::runtime_error("the broker is gone by which the memory was found");
+  return HX::openView(broker, {key, capacity, depth, options.aliveWithin});
+}
+
 void HXMemoryProxy::removeData(const string& key) { proxy_->call("removeData", key); }
 
 HXValue HXMemoryProxy::getTimestamp(const string& key) { return proxy_->call<HXValue>("getTimestamp", key); }

@@ -1,5 +1,6 @@
 #include <hxview/clock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 
@@ -34,6 +35,12 @@ std::uint64_t monotonicAt(std::int64_t systemNanoseconds) noexcept {
   const std::int64_t monotonic = read(CLOCK_MONOTONIC);
   ahead.store(read(CLOCK_REALTIME) - monotonic, std::memory_order_relaxed);
   return static_cast<std::uint64_t>(monotonic);
+}
+
+std::uint64_t monotonicThen(std::int64_t systemNanoseconds) noexcept {
+  const std::int64_t monotonic = read(CLOCK_MONOTONIC);
+  const std::int64_t ago = read(CLOCK_REALTIME) - std::max<std::int64_t>(systemNanoseconds, 0);
+  return static_cast<std::uint64_t>(std::clamp<std::int64_t>(monotonic - ago, 0, monotonic));
 }
 
 }  // namespace HX::view

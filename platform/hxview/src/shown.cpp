@@ -12,30 +12,54 @@ namespace {
 
 Kind kindOf(const HXValue& value) noexcept { return {value.getType(), State::Present, 0}; }
 
+/// As a cell has it. It has no room for what is no number, and says so, for a number may come again.
+Content contentOf(const HXValue& value, std::uint64_t written) noexcept {
+  Kind kind = kindOf(value);
+  if (value.isValid() && !value.isScalar()) kind.state = State::OtherType;
+  return {written, kind.word(), kind.state == State::Present ? value.scalarBits() : 0};
+}
+
+Content contentOf(State state) noexcept { return {monotonicNow(), Kind{HXValue::Type::Invalid, state, 0}.word(), 0}; }
+
 }  // namespace
 
 void Shown::publish(const HXValue& value, std::int64_t systemNanoseconds) const noexcept {
-  Kind kind = kindOf(value);
-  // A cell has no room for anything else. It says so, for a number may come again.
-  if (value.isValid() && !value.isScalar()) kind.state = State::OtherType;
-  const std::uint64_t bits = kind.state == State::Present ? value.scalarBits() : 0;
-  const std::uint64_t written = monotonicAt(systemNanoseconds);
-  publish(written, {written, kind.word(), bits});
+  publish(contentOf(value, monotonicAt(systemNanoseconds)));
 }
 
-void Shown::publish(State state) const noexcept {
-  const std::uint64_t written = monotonicNow();
-  publish(written, {written, Kind{HXValue::Type::Invalid, state, 0}.word(), 0});
+void Shown::publishOld(const HXValue& value, std::int64_t systemNanoseconds) const noexcept {
+  publish(contentOf(value, monotonicThen(systemNanoseconds)));
 }
 
-void Shown::publish(std::uint64_t written, const Content& content) const noexcept
-    HX_THREAD_ATTRIBUTE(no_thread_safety_analysis) {  // Where there are rings, the Preparation holds it.
+void Shown::publish(State state) const noexcept { publish(contentOf(state)); }
+
+void Shown::introduce(const HXValue& value, std::int64_t systemNanoseconds) const {
+  prepare(value, parts_.ringsKnown);
+  const Content content = contentOf(value, monotonicThen(systemNanoseconds));
+  if (parts_.isCellNew) view::publish(*parts_.cell, content);
+  commit(content, parts_.ringsKnown);
+}
+
+void Shown::introduce(State state) const noexcept {
+  prepare(state, parts_.ringsKnown);
+  const Content content = contentOf(state);
+  if (parts_.isCellNew) view::publish(*parts_.cell, content);
+  commit(content, parts_.ringsKnown);
+}
+
+// Where there are rings, the Preparation holds the lock of these three.
+
+void Shown::publish(const Content& content) const noexcept {
   if (parts_.cell) view::publish(*parts_.cell, content);
-  for (RingWriter& ring : rings_) ring.commit(written);
+  commit(content, 0);
 }
 
-void Shown::prepare(const HXValue& value) const HX_THREAD_ATTRIBUTE(no_thread_safety_analysis) {
-  if (rings_.empty()) return;
+void Shown::commit(const Content& content, std::size_t firstRing) const noexcept HX_UNCHECKED {
+  for (std::size_t i = firstRing; i < rings_.size(); ++i) rings_[i].commit(content.written);
+}
+
+void Shown::prepare(const HXValue& value, std::size_t firstRing) const HX_UNCHECKED {
+  if (firstRing == rings_.size()) return;
   std::span<const std::byte> bytes;
   Kind kind = kindOf(value);
   const std::uint64_t bits = value.scalarBits();
@@ -54,11 +78,11 @@ void Shown::prepare(const HXValue& value) const HX_THREAD_ATTRIBUTE(no_thread_sa
     }
     bytes = encoded_;
   }
-  for (RingWriter& ring : rings_) ring.prepare(kind, bytes);
+  for (std::size_t i = firstRing; i < rings_.size(); ++i) rings_[i].prepare(kind, bytes);
 }
 
-void Shown::prepare(State state) const noexcept HX_THREAD_ATTRIBUTE(no_thread_safety_analysis) {
-  for (RingWriter& ring : rings_) ring.prepare({HXValue::Type::Invalid, state, 0}, {});
+void Shown::prepare(State state, std::size_t firstRing) const noexcept HX_UNCHECKED {
+  for (std::size_t i = firstRing; i < rings_.size(); ++i) rings_[i].prepare({HXValue::Type::Invalid, state, 0}, {});
 }
 
 /// Either the sequence is seen by who is about to sleep, or the bell is seen here: both say what they have to say, and

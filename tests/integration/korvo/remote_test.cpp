@@ -66,7 +66,7 @@ TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
        1},
       {{"subscribers", "Door"}, ""},
       {{"map", "Greeter", "nothing", "Nothing"}},
-      {{"services"}, "HXMemory\nHXJournal\nHXFreshness\nGreeter\nSleeper\nBroker\n"},
+      {{"services"}, "HXMemory\nHXJournal\nHXFreshness\nHXViews\nGreeter\nSleeper\nBroker\n"},
       {{"methods", "Greeter"}, StartsWith("greet(string whom) -> string\n")},
       {{"call", "Greeter", "greet", "\"you\""}, "\"Hello, you\"\n"},
       {{"call", "Greeter", "greet", "\"you\"", "--json"}, "{\"result\":\"Hello, you\"}\n"},
@@ -84,7 +84,8 @@ TEST(Commands, DoInARunningBrokerWhatTheyDoInAConsole) {
       {{"complete", "--", "call", "Gree"}, "Greeter\n"},
       {{"complete", "--", "call", "Greeter", "gr"}, "greet\n"},
       {{"complete", "--", "get", "--broker", ""}, "korvo\n"},
-      {{"call", "Broker", "modules"}, "[\"HXMemory\",\"HXJournal\",\"HXFreshness\",\"Greeter\",\"Sleeper\"]\n"},
+      {{"call", "Broker", "modules"},
+       "[\"HXMemory\",\"HXJournal\",\"HXFreshness\",\"HXViews\",\"Greeter\",\"Sleeper\"]\n"},
       {{"run"}, "", "error: a broker named korvo is running already\n", 1}};
   for (const Row& row : rows) check(row);
 }

@@ -51,9 +51,9 @@ TEST(Live, PrintsSnapshotsWhereThereIsNoTerminal) {
 TEST(Modules, AreLoadedInOrderAndLeaveInReverse) {
   const auto result = korvo({"--module", module("greeter"), "--module", module("sleeper"), "--console"},
                             "services\ncall Greeter greet \"you\"\n");
-  EXPECT_EQ(
-      result.out,
-      "HXMemory\nHXJournal\nHXFreshness\nGreeter\nSleeper\nBroker\n\"Hello, you\"\nSleeper leaves\nGreeter leaves\n");
+  EXPECT_EQ(result.out,
+            "HXMemory\nHXJournal\nHXFreshness\nHXViews\nGreeter\nSleeper\nBroker\n\"Hello, you\"\nSleeper "
+            "leaves\nGreeter leaves\n");
   EXPECT_EQ(result.err, "");
 }
 
@@ -62,7 +62,7 @@ TEST(BrokenModules, AreOneLineAndTheOthersRun) {
                                                            {module("throwsininit"), "ThrowsInInit.init: no motor"}};
   for (const auto& [library, why] : libraries) {
     const auto result = korvo({"--module", library, "--module", module("greeter"), "--console"}, "services\n");
-    EXPECT_THAT(result.out, StartsWith("HXMemory\nHXJournal\nHXFreshness\nGreeter\n"));
+    EXPECT_THAT(result.out, StartsWith("HXMemory\nHXJournal\nHXFreshness\nHXViews\nGreeter\n"));
     EXPECT_EQ(result.err, "error: module library " + library + ": " + why + "\n");
     EXPECT_EQ(result.status, 0);
   }

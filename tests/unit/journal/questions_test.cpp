@@ -59,7 +59,7 @@ class Questions : public kit::MemoryFixture {
   static std::string text(const std::vector<std::string>& lines) { return fmt::format("{}", fmt::join(lines, "\n")); }
   std::string explained(const std::string& key) { return text(korvo::explainText(explain(key), now_, 100)); }
   std::string demanded() { return text(korvo::demandText(demand(), now_)); }
-  std::string reported() { return text(korvo::doctorText({}, report(), now_)); }
+  std::string reported() { return text(korvo::doctorText({}, report(), {}, now_)); }
 
   /// A service that does `onCall` whatever it is called for.
   mw::ServiceId offer(

@@ -6,11 +6,14 @@
 #include <libmw/genericobject.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 
 namespace HX {
+
+class HXBroker;
 
 /// Calls a module by the names of its methods, wherever the module runs.
 ///
@@ -28,9 +31,12 @@ class HX_API HXProxy {
   /// @param service     The module's object, as a session's look-up gives it.
   /// @param moduleName  Name of the module, for errors.
   /// @param author      In whose name the calls are made; nobody in particular: of whoever calls.
-  HXProxy(mw::AnyObject service, std::string moduleName, Author author = {});
+  /// @param broker      By which it was found, for what needs more than calls; not kept alive.
+  HXProxy(mw::AnyObject service, std::string moduleName, Author author = {}, std::weak_ptr<HXBroker> broker = {});
 
   const std::string& moduleName() const { return moduleName_; }
+  /// The broker by which it was found. Empty when that has gone, or is not known.
+  std::shared_ptr<HXBroker> findBroker() const { return broker_.lock(); }
   /// The module's object: its meta-object, its signals, asynchronous calls.
   mw::AnyObject asObject() const { return object_; }
 
@@ -70,6 +76,7 @@ class HX_API HXProxy {
   mw::AnyObject object_;
   std::string moduleName_;
   Author author_;
+  std::weak_ptr<HXBroker> broker_;
 };
 
 }  // namespace HX

@@ -2,8 +2,11 @@
 
 #include <hxerror/api.h>
 #include <hxvalue/hxvalue.h>
+#include <hxview/view.h>
 #include <libmw/genericobject.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <initializer_list>
 #include <map>
 #include <memory>
@@ -150,6 +153,35 @@ class HX_API HXMemoryProxy {
   /// @param signalEvent  Signals with the event of each.
   void addMapping(const std::string& service, const std::map<std::string, std::string>& signalEvent);
 
+  // --- Views ------------------------------------------------------------------------------------------------------
+
+  /// Views a key: from then on its value is read at the speed of memory, without a call, wherever the memory runs.
+  ///
+  ///     auto speed = memory->view<float>("Arm/Speed");
+  ///
+  /// @tparam T      bool, int, std::int64_t, float, double; std::string, HXValue::Binary, HXValue; a std::array or
+  ///                std::vector of numbers.
+  /// @param key      Whether it is there or not. Declares nothing.
+  /// @param options  How.
+  /// @return To be kept, and read again and again. The key is viewed as long as it lives.
+  /// @throws std::runtime_error when the broker offers no views, when one more exceeds a limit, which it names, and
+  ///         when this system cannot share memory.
+  template <view::Viewable T>
+  View<T> view(const std::string& key, const ViewOptions& options = {}) const {
+    return View<T>(openView(key, view::Scalar<T> ? 0 : capacityOf<T>(options), 0, options), options);
+  }
+  /// Reads every value that is written under a key from now on, the present one first.
+  /// @param key      As above.
+  /// @param depth    How many values are kept for who reads late: as many as are written in the longest time between
+  ///                 two reads, twenty milliseconds at least.
+  /// @param options  How.
+  /// @return As above.
+  /// @throws As above.
+  template <view::Viewable T>
+  Stream<T> stream(const std::string& key, std::size_t depth = 1024, const ViewOptions& options = {}) const {
+    return Stream<T>(openView(key, capacityOf<T>(options), depth, options), options);
+  }
+
   // --- Inside the module's process only --------------------------------------------------------------------------
 
   /// The address of a value, which stays good for the life of the memory. A key that is missing is made: with 0, and by
@@ -170,6 +202,17 @@ class HX_API HXMemoryProxy {
 
  private:
   void insertText(const std::string& key, const std::string& value);
+  std::shared_ptr<view::Opened> openView(const std::string& key, std::size_t capacity, std::size_t depth,
+                                         const ViewOptions& options) const;
+
+  template <class T>
+  static std::size_t capacityOf(const ViewOptions& options) {
+    constexpr std::size_t kLargestNumber = 9;
+    constexpr std::size_t kSizeOfAList = 5;
+    if constexpr (view::Scalar<T>) return sizeof(std::uint64_t);
+    if constexpr (view::FixedList<T>) return kSizeOfAList + kLargestNumber * view::FixedListOf<T>::kSize;
+    return options.capacity;
+  }
 
   template <class T>
   static HXValue valueOf(const T& value) {

@@ -17,4 +17,9 @@ HX_API std::uint64_t monotonicRecently() noexcept;
 /// @return The time.
 HX_API std::uint64_t monotonicAt(std::int64_t systemNanoseconds) noexcept;
 
+/// The same for a time that has passed; nobody knows whether the system's clock was set since.
+/// @param systemNanoseconds  Then, since 1970.
+/// @return The time; the beginning or now for one beyond these.
+HX_API std::uint64_t monotonicThen(std::int64_t systemNanoseconds) noexcept;
+
 }  // namespace HX::view

@@ -48,6 +48,8 @@ class HX_API Shown : public std::enable_shared_from_this<Shown> {
   struct Parts {
     Cell* cell = nullptr;  ///< Null for none.
     std::vector<RingWriter> rings;
+    bool isCellNew = false;                                ///< Nobody has seen it yet; likewise of the rings
+    std::size_t ringsKnown = 0;                            ///< that are not among the first so many.
     std::vector<Target> targets;                           ///< Those with bells.
     std::vector<std::shared_ptr<const Segment>> segments;  ///< Where all of it lies.
     std::shared_ptr<Waker> waker;
@@ -64,9 +66,17 @@ class HX_API Shown : public std::enable_shared_from_this<Shown> {
   /// @param value              The one that was prepared.
   /// @param systemNanoseconds  Of the write, since 1970.
   void publish(const HXValue& value, std::int64_t systemNanoseconds) const noexcept;
+  /// The same for a value that may have been written long ago.
+  void publishOld(const HXValue& value, std::int64_t systemNanoseconds) const noexcept;
   /// Publishes that there is none, prepared likewise.
   /// @param state  Why.
   void publish(State state) const noexcept;
+  /// Publishes how it stands in what is new. Before anybody else has this.
+  /// @param value              What there is.
+  /// @param systemNanoseconds  When it was written, since 1970.
+  void introduce(const HXValue& value, std::int64_t systemNanoseconds) const;
+  /// @param state  There is none, for this reason.
+  void introduce(State state) const noexcept;
   /// Wakes those who wait for what has been published. With no lock held.
   void wake() const noexcept;
   /// Wakes all who sleep. For the waker.
@@ -74,9 +84,10 @@ class HX_API Shown : public std::enable_shared_from_this<Shown> {
 
  private:
   friend class Preparation;
-  void prepare(const HXValue& value) const;
-  void prepare(State state) const noexcept;
-  void publish(std::uint64_t written, const Content& content) const noexcept;
+  void prepare(const HXValue& value, std::size_t firstRing = 0) const;
+  void prepare(State state, std::size_t firstRing = 0) const noexcept;
+  void publish(const Content& content) const noexcept;
+  void commit(const Content& content, std::size_t firstRing) const noexcept;
 
   const Parts parts_;
   mutable Mutex mutex_;  // Around preparing and publishing, where there are rings.
@@ -128,8 +139,8 @@ class HX_API Preparation {
 class HX_API Host {
  public:
   virtual ~Host();
-  /// Shows a key by `shown` from now on, in place of what it was shown by, and publishes how it stands with it; a key
-  /// that comes later as well. Declares nothing.
+  /// Shows a key by `shown` from now on, in place of what it was shown by, and publishes in what is new of it how it
+  /// stands; a key that comes later as well. Declares nothing.
   /// @param key    Which, whether it is there or not.
   /// @param shown  Null: no longer.
   /// @throws std::bad_alloc, with nothing changed.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <libmw/file.h>
 #include <libmw/genericobject.h>
 
 #include <chrono>
@@ -34,6 +35,9 @@ class HX_API RemoteDirectory {
   virtual void offer(ServiceId id, const std::string& name, const AnyObject& object) = 0;
   /// Withdraws it. Must not throw.
   virtual void withdraw(ServiceId id, const std::string& name) = 0;
+  /// As `Session::offerFile` and `Session::fetchFile`. A directory of other machines has none to offer.
+  virtual Ticket offerFile(const File& file);
+  virtual File fetchFile(const Ticket& ticket);
 };
 
 /// Tells of services that come or go. What a thread connects within a `Session::CatchUp` of its own is told first of
@@ -108,6 +112,18 @@ class HX_API Session {
   /// The services that `service` finds: those of this process, and those of the directory that it joined. Fails when
   /// the connection to that is lost.
   Future<std::vector<ServiceInfo>> reachableServices() const;
+
+  /// Hands a file (of memory, as a rule) to another process: leaves a copy of its descriptor with the broker, which the
+  /// other one fetches by the ticket, whichever of the two is the broker's. Tell it the ticket in a call.
+  /// @param file  Stays the caller's.
+  /// @return Good once, and for ten seconds.
+  /// @throws std::runtime_error when the broker takes no more from this process, or the directory is none for files.
+  Ticket offerFile(const File& file);
+  /// Fetches what another process has offered.
+  /// @param ticket  As it was told.
+  /// @return The file. Whoever offered it may still have it, and write it: look at its seals.
+  /// @throws std::runtime_error when there is none, any more.
+  File fetchFile(const Ticket& ticket);
 
   /// Sets what finds services beyond this process in a way of its own; an empty one finds none.
   void setResolver(Resolver resolver);

@@ -3,6 +3,7 @@
 #include "../remote/remoteservice.h"
 #include "../remote/sessionservice.h"
 #include "../runtime/processend.h"
+#include "fileclient.h"
 #include "socketchannel.h"
 #include "socketfolder.h"
 
@@ -14,6 +15,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <sys/socket.h>
 #include <utility>
 
 #include <fmt/format.h>
@@ -103,6 +105,9 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
     });
   }
 
+  Ticket offerFile(const File& file) override { return local::leaveAt(files_.files, file); }
+  File fetchFile(const Ticket& ticket) override { return local::fetchFrom(files_.files, ticket); }
+
   void offer(ServiceId id, const std::string& name, const AnyObject& object) override {
     offered_.offer(*link(), id, name, object);
   }
@@ -116,7 +121,7 @@ class LocalClient::Impl final : public RemoteDirectory, public std::enable_share
   /// One attempt. @return False when no broker listens.
   bool connect() {
     const int number = ++connections_;
-    local::File socket = local::connectTo(files_.socket);
+    File socket = local::connectTo(files_.socket, SOCK_STREAM);
     if (!socket) return false;
     if (!local::isOwnPeer(socket)) throw std::runtime_error(fmt::format("broker {} is another user's", broker_));
     const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), local::withReserve(options_.link));

@@ -2,6 +2,7 @@
 #include "../remote/sessionservice.h"
 #include "../runtime/linelimit.h"
 #include "../runtime/processend.h"
+#include "fileserver.h"
 #include "socketchannel.h"
 #include "socketfolder.h"
 
@@ -48,7 +49,8 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   }
 
   void listen() {
-    local::File socket = local::listenOn(files_.socket);
+    fileServer_->listen();
+    File socket = local::listenOn(files_.socket, SOCK_STREAM);
     ::fcntl(socket.number(), F_SETFL, O_NONBLOCK);
     socketId_ = local::idOf(files_.socket);
     socket_ = std::move(socket);
@@ -66,8 +68,9 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
       stopped_ = true;
       links.swap(links_);
     }
+    fileServer_->stop();
     removeFiles();
-    lock_ = local::File();
+    lock_ = File();
     for (const auto& [number, link] : links) link->end(kShutDown);
     for (const auto& [number, link] : links) link->gone().wait();
   }
@@ -84,6 +87,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   void removeFiles() {
     if (!lockId_ || local::idOf(files_.lock) != lockId_) return;
     if (socketId_ && local::idOf(files_.socket) == socketId_) ::unlink(files_.socket.c_str());
+    ::unlink(files_.files.c_str());
     ::unlink(files_.lock.c_str());
   }
 
@@ -116,7 +120,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   /// One, because the next is told of as soon as the socket is watched again. To try until nobody waits would, with the
   /// last file, fail for want of a file that nobody needs.
   void acceptOne() {
-    local::File accepted(::accept4(socket_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    File accepted(::accept4(socket_.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (accepted) {
       isShort_ = false;
       watch(kOneNewcomer);
@@ -137,7 +141,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
     defaultLoop().post([self = shared_from_this()] { self->watch(kOneNewcomer); }, kPauseAfterFailure);
   }
 
-  void welcome(local::File socket) {
+  void welcome(File socket) {
     if (!local::isOwnPeer(socket)) {
       return log::warning(kServerCategory, "accept", fmt::format("broker {} refused a process of another user", name_));
     }
@@ -187,7 +191,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   }
 
   /// The newcomer is told, as a message that the system takes without waiting: nothing else waits on this socket.
-  void refuse(const local::File& socket, pid_t process, const std::string& reason) const {
+  void refuse(const File& socket, pid_t process, const std::string& reason) const {
     log::warning(kServerCategory, "accept", fmt::format("broker {} refused process {}: {}", name_, process, reason));
     remote::Bytes message;
     remote::Writer out(message);
@@ -216,9 +220,10 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   const std::string name_;
   const LinkOptions options_;
   const local::BrokerFiles files_;
-  local::File lock_;
+  File lock_;
+  const std::shared_ptr<local::FileServer> fileServer_ = std::make_shared<local::FileServer>(files_.files);
   std::optional<local::FileId> lockId_;
-  local::File socket_;
+  File socket_;
   std::optional<local::FileId> socketId_;
   bool isWhole_ = true;  // both files were there when it was looked at last
   /// At the poller, whose threads read it once it watches the socket; 0 until it listens.

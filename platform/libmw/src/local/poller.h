@@ -1,9 +1,9 @@
 #pragma once
 
 #include "../remote/channel.h"
-#include "file.h"
 
 #include <hxerror/mutex.h>
+#include <libmw/file.h>
 
 #include <atomic>
 #include <condition_variable>

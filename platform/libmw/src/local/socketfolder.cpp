@@ -30,6 +30,7 @@ namespace {
 
 constexpr const char* kSocketSuffix = ".sock";
 constexpr const char* kLockSuffix = ".lock";
+constexpr const char* kFilesSuffix = ".file";  // As long as the others: a name that fits, fits for all.
 constexpr int kLockTries = 10;
 constexpr std::chrono::milliseconds kLockPause{5};
 
@@ -69,7 +70,7 @@ void requirePrivate(const std::string& path) {
 }
 
 bool isRunning(const std::string& lockPath) {
-  const local::File file(::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC));
+  const File file(::open(lockPath.c_str(), O_RDONLY | O_CLOEXEC));
   return file && ::flock(file.number(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
@@ -85,7 +86,7 @@ std::map<std::string, std::filesystem::path> runningLocks() {
 }
 
 /// "process 1234" and "version 0.1.0", a line each. The file's time says since when.
-void signIn(const local::File& lock) {
+void signIn(const File& lock) {
   const std::string text = fmt::format("process {}\nversion {}\n", ::getpid(), KORVO_VERSION);
   // A full disk must not keep a broker from running: it is only not told of.
   [[maybe_unused]] const bool written =
@@ -99,7 +100,7 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-std::optional<ucred> credentialsOf(const local::File& socket) {
+std::optional<ucred> credentialsOf(const File& socket) {
   ucred credentials{};
   socklen_t size = sizeof credentials;
   if (::getsockopt(socket.number(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return std::nullopt;
@@ -115,8 +116,8 @@ std::string programOf(const std::string& process) {
   return path;
 }
 
-local::File newSocket() {
-  local::File made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+File newSocket(int type) {
+  File made(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
   if (!made) throw systemError("a socket");
   return made;
 }
@@ -179,7 +180,8 @@ namespace local {
 BrokerFiles filesOf(const std::string& broker) {
   if (const std::string why = whyNoBrokerName(broker); !why.empty()) throw std::runtime_error(why);
   const std::string folder = localSocketFolder();
-  return {pathOf(folder, broker, kSocketSuffix), pathOf(folder, broker, kLockSuffix)};
+  return {pathOf(folder, broker, kSocketSuffix), pathOf(folder, broker, kLockSuffix),
+          pathOf(folder, broker, kFilesSuffix)};
 }
 
 File lockBroker(const BrokerFiles& files) {
@@ -212,8 +214,8 @@ std::optional<FileId> idOf(const std::string& path) {
   return FileId{named.st_dev, named.st_ino};
 }
 
-File listenOn(const std::string& path) {
-  File made = newSocket();
+File listenOn(const std::string& path, int type) {
+  File made = newSocket(type);
   ::unlink(path.c_str());
   const sockaddr_un address = addressOf(path);
   if (::bind(made.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
@@ -223,8 +225,8 @@ File listenOn(const std::string& path) {
   return made;
 }
 
-File connectTo(const std::string& path) {
-  File made = newSocket();
+File connectTo(const std::string& path, int type) {
+  File made = newSocket(type);
   const sockaddr_un address = addressOf(path);
   while (::connect(made.number(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
     if (errno == EINTR) continue;

@@ -25,6 +25,7 @@ inline LinkOptions withReserve(LinkOptions options) {
 struct BrokerFiles {
   std::string socket;
   std::string lock;
+  std::string files;  ///< The socket where files are handed over.
 };
 /// @throws std::runtime_error when it is no `isBrokerName`, or as `localSocketFolder`.
 BrokerFiles filesOf(const std::string& broker);
@@ -46,11 +47,12 @@ struct FileId {
 std::optional<FileId> idOf(const std::string& path);
 
 /// A listening socket, for this user alone.
+/// @param type  SOCK_STREAM or SOCK_SEQPACKET.
 /// @throws std::system_error
-File listenOn(const std::string& path);
+File listenOn(const std::string& path, int type);
 /// A connection to one.
 /// @return None when nobody listens. @throws std::system_error
-File connectTo(const std::string& path);
+HX_API File connectTo(const std::string& path, int type);
 /// Whether the process at the other end is the same user's. The superuser is another user like any: what can act as
 /// everybody can act as that user.
 bool isOwnPeer(const File& socket);

@@ -1,3 +1,4 @@
+#include "../runtime/filedesk.h"
 #include "../runtime/threadlocal.h"
 #include "servicehandle.h"
 
@@ -277,6 +278,14 @@ class Session::Directory {
 
 RemoteDirectory::~RemoteDirectory() = default;
 
+Ticket RemoteDirectory::offerFile(const File& /*file*/) {
+  throw std::runtime_error("files can only be handed to processes of the same machine");
+}
+
+File RemoteDirectory::fetchFile(const Ticket& /*ticket*/) {
+  throw std::runtime_error("files can only be had from processes of the same machine");
+}
+
 namespace {
 
 Future<AnyObject> noSuchService(const std::string& name) {
@@ -382,6 +391,17 @@ void Session::join(std::shared_ptr<RemoteDirectory> directory) {
     directory_->setRemote(nullptr);
     throw;
   }
+}
+
+Ticket Session::offerFile(const File& file) {
+  const auto remote = directory_->remote();
+  return remote ? remote->offerFile(file) : FileDesk::instance().keep(duplicate(file));
+}
+
+File Session::fetchFile(const Ticket& ticket) {
+  if (File own = FileDesk::instance().take(ticket)) return own;
+  if (const auto remote = directory_->remote()) return remote->fetchFile(ticket);
+  throw std::runtime_error("no file lies here under this ticket, or not any more");
 }
 
 void Session::setResolver(Resolver resolver) { directory_->setResolver(std::move(resolver)); }

@@ -1,10 +1,10 @@
-#include "file.h"
+#include "processend.h"
 
-#include "../runtime/processend.h"
+#include <libmw/file.h>
 
 #include <unistd.h>
 
-namespace mw::local {
+namespace mw {
 
 File::File(int number) noexcept : number_(number) {
   if (number_ >= 0) detail::closeInChildren(number_);
@@ -16,4 +16,4 @@ File::~File() {
   ::close(number_);
 }
 
-}  // namespace mw::local
+}  // namespace mw

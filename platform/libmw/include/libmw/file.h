@@ -2,14 +2,17 @@
 
 #include <hxerror/api.h>
 
+#include <array>
+#include <cstddef>
 #include <utility>
 
-namespace mw::local {
+namespace mw {
 
 /// A file of the system, closed when it goes, and in processes that this one forks.
 class HX_API File {
  public:
   File() = default;
+  /// @param number  Its descriptor, which is this object's from now on; below 0 for none.
   explicit File(int number) noexcept;
   File(File&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
   File& operator=(File&& other) noexcept {
@@ -25,4 +28,8 @@ class HX_API File {
   int number_ = -1;
 };
 
-}  // namespace mw::local
+/// By what a file is handed from one process to another: 16 random bytes, which nobody guesses. Good once, and for ten
+/// seconds.
+using Ticket = std::array<std::byte, 16>;
+
+}  // namespace mw

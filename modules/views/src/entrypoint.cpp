@@ -1,0 +1,4 @@
+#include "hxviews.h"
+
+using HX::HXViews;
+HX_MODULE(HXViews)
