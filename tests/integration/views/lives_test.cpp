@@ -1,0 +1,132 @@
+#include "program.h"
+
+#include <hxcommon/hxbroker.h>
+#include <hxproxies/hxmemoryproxy.h>
+#include <libmw/local.h>
+
+#include <chrono>
+#include <csignal>
+#include <end_broker.h>
+#include <functional>
+#include <optional>
+#include <socket_folder.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+// The memory in another process, which is killed, frozen and started again, and those who view it.
+
+namespace HX {
+namespace {
+
+using namespace std::chrono_literals;
+
+class FarViews : public testing::Test {
+ protected:
+  FarViews() { ::setenv("XDG_DATA_DIRS", "/nonexistent", 1); }
+  ~FarViews() override {
+    client_.reset();
+    kit::endBroker(*broker_);
+  }
+
+  void run() {
+    process_.emplace(kit::korvo({"run", "--log-level", "warning", "--no-journal"}));
+    await([] { return mw::runningBrokers().size() == 1; });
+  }
+  void kill() {
+    process_->send(SIGKILL);
+    process_->finish();
+  }
+  void join() {
+    await([&] {
+      try {
+        client_.emplace(*broker_->session(), "korvo");
+      } catch (const mw::NoBrokerError&) {
+        return false;  // It loads its modules.
+      }
+      return true;
+    });
+  }
+  HXMemoryProxy memory() { return *broker_->getSpecialisedProxy<HXMemoryProxy>("HXMemory"); }
+
+  static void await(const std::function<bool()>& isTrue) {
+    const auto until = std::chrono::steady_clock::now() + 60s;
+    while (!isTrue()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), until);
+      std::this_thread::sleep_for(1ms);
+    }
+  }
+
+  const kit::SocketFolder sockets_;
+  std::shared_ptr<HXBroker> broker_ = HXBroker::create("viewer");
+  std::optional<kit::Process> process_;
+  std::optional<mw::LocalClient> client_;
+};
+
+TEST_F(FarViews, AreOfNoOtherLifeOfTheBrokerHoweverOftenItIsKilled) {
+  run();
+  join();
+  auto number = memory().view<int>("Count");
+  auto text = memory().view<std::string>("Text");
+  for (int life = 1; life <= 4; ++life) {
+    SCOPED_TRACE(life);
+    EXPECT_EQ(number.read().state, ViewState::Absent);
+    std::uint64_t revision = 0;
+    for (int i = 0; i < 50; ++i) {
+      const int value = life * 1000 + i;
+      memory().insertData("Count", value);
+      memory().insertData("Text", std::to_string(value));
+      EXPECT_EQ(number.read().value(), value);
+      EXPECT_EQ(text.read().value(), std::to_string(value));
+      EXPECT_GT(number.read().revision, revision);
+      revision = number.read().revision;
+    }
+    kill();
+    await([&] { return number.read().state == ViewState::Disconnected; });
+    EXPECT_FALSE(number.read().isFresh(1h));
+    EXPECT_FALSE(number.alive(1h));
+    await([&] { return text.read().state == ViewState::Disconnected; });
+    run();
+    await([&] { return number.read().state != ViewState::Disconnected; });
+    await([&] { return text.read().state != ViewState::Disconnected; });
+    await([&] { return broker_->getProxy("HXMemory") != nullptr; });
+  }
+}
+
+TEST_F(FarViews, AreNotFreshWhileTheBrokerIsFrozenAndAreAgainLater) {
+  run();
+  join();
+  auto view = memory().view<int>("Key", {.aliveWithin = 200ms});
+  memory().insertData("Key", 1);
+  await([&] { return view.read().isFresh(1h); });
+  process_->send(SIGSTOP);
+  await([&] { return !view.read().isFresh(1h) && !view.alive(200ms); });
+  EXPECT_EQ(view.read().last(), 1);
+  process_->send(SIGCONT);
+  await([&] { return view.read().isFresh(1h); });
+}
+
+TEST_F(FarViews, OfAKilledViewerAreTakenBackWithWhatItWaitsFor) {
+  run();
+  join();
+  memory().insertData("Key", 1);
+  {
+    kit::Process viewer(kit::korvo({"hz", "Key", "--view"}));
+    ASSERT_TRUE(viewer.waitFor("writes"));
+    const auto report = broker_->getProxy("HXViews")->call<HXValue>("report");
+    EXPECT_EQ(report["views"].getSize(), 1U);
+    viewer.send(SIGKILL);
+    viewer.finish();
+  }
+  await([&] { return broker_->getProxy("HXViews")->call<HXValue>("report")["views"].getSize() == 0; });
+  memory().insertData("Key", 2);
+  EXPECT_EQ(kit::runKorvo({"get", "--view", "Key"}).out, "2\n");
+  const auto absent = kit::runKorvo({"get", "--view", "Nothing"});
+  EXPECT_EQ(absent.out, "");
+  EXPECT_THAT(absent.err, testing::HasSubstr("Nothing: no value in the view: the memory has no such key"));
+}
+
+}  // namespace
+}  // namespace HX
