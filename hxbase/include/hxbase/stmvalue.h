@@ -85,8 +85,10 @@ class alignas(64) STMValue {
   /// @throws HXError when an address of the value was handed out and the new value is of another type; nothing changes.
   ///         A value that is not set yet takes an int or a float all the same.
   void setValue(HXValue value, dataType kind, mw::SystemTimePoint time);
-  /// As `setValue` with the present time, and leaves the old value in `value`, to be destroyed by the caller outside
-  /// its locks. `record` is null while the journal does not record.
+  /// As `setValue` with the present time.
+  /// @param value     The new one; the old one afterwards, to be destroyed by the caller outside its locks.
+  /// @param kind      The new one.
+  /// @param record    Null while the journal does not record.
   /// @param prepared  With this value; null where nobody views it, or only as a number and without waiting.
   /// @return The kind before.
   dataType exchangeValue(HXValue& value, dataType kind, const Record* record = nullptr,
@@ -116,8 +118,7 @@ class alignas(64) STMValue {
   void recordRemoval(const Record& record, std::list<journal::Grave>& grave);
   journal::State state() const;
 
-  // --- Views: stmvalue_views.cpp. Under the table's lock: the exclusive one to change by what the value is shown.
-  // -----
+  // --- Views: stmvalue_views.cpp. Under the table's lock, its exclusive side to change by what the value is shown ----
 
   /// Null when nobody views it.
   const view::Shown* shown() const { return shown_; }

@@ -38,6 +38,7 @@ HXViews::HXViews(const std::shared_ptr<HXBroker>& broker, const std::string& nam
   setModuleDescription(
       "HXViews shows keys of the memory in shared memory, where other processes of the machine read them without "
       "calling anybody.");
+  setAuthor({});  // Whoever calls it is the viewer.
   bind();
 }
 

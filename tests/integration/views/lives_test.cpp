@@ -116,7 +116,8 @@ TEST_F(FarViews, OfAKilledViewerAreTakenBackWithWhatItWaitsFor) {
     kit::Process viewer(kit::korvo({"hz", "Key", "--view"}));
     ASSERT_TRUE(viewer.waitFor("writes"));
     const auto report = broker_->getProxy("HXViews")->call<HXValue>("report");
-    EXPECT_EQ(report["views"].getSize(), 1U);
+    ASSERT_EQ(report["views"].getSize(), 1U);
+    EXPECT_THAT(report["views"].asList().front()["viewer"].toString(), testing::HasSubstr("korvo hz"));
     viewer.send(SIGKILL);
     viewer.finish();
   }
