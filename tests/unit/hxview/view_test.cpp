@@ -1,3 +1,4 @@
+#include <hxerror/mutex.h>
 #include <hxview/cell.h>
 #include <hxview/clock.h>
 #include <hxview/shown.h>
@@ -8,6 +9,7 @@
 #include <ctime>
 #include <memory>
 #include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -42,11 +44,13 @@ class Showing : public Waker {
 
   void write(const HXValue& value) {
     Afterwards after;
+    const MutexLock lock(mutex_);
     const Preparation prepared(shown_.get(), value, after);
     shown_->publish(value, systemNow());
   }
   void write(State state) {
     Afterwards after;
+    const MutexLock lock(mutex_);
     const Preparation prepared(shown_.get(), state, after);
     shown_->publish(state);
   }
@@ -57,6 +61,8 @@ class Showing : public Waker {
   void addBell(const std::shared_ptr<Word>& word, bool isOfCell) {
     const auto bell = std::make_shared<Bell>();
     bell->word = word.get();
+    const MutexLock lock(mutex_);
+    words_.push_back(word);
     Shown::Parts parts = shown_->parts();
     parts.targets.push_back({isOfCell ? &cell_->sequence : &parts.rings.front().sequence(), {bell}});
     parts.waker.reset(this, [](Showing*) {});
@@ -79,7 +85,9 @@ class Showing : public Waker {
   std::shared_ptr<Segment> ring_;
   RingShape shape_;
   Cell* cell_ = nullptr;
-  std::shared_ptr<Shown> shown_;
+  Mutex mutex_;  // As the lock of the value in the memory.
+  std::shared_ptr<Shown> shown_ HX_GUARDED_BY(mutex_);
+  std::vector<std::shared_ptr<Word>> words_ HX_GUARDED_BY(mutex_);  // A viewer may go before the next write.
 };
 
 class Opening : public Opened {
