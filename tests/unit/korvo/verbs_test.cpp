@@ -47,7 +47,7 @@ TEST(Completions, OfferCommandsAndTheirOptions) {
   EXPECT_THAT(complete({"desc"}), ElementsAre("describe", "descriptions"));
   EXPECT_THAT(complete({"help", "unw"}), ElementsAre());
   EXPECT_THAT(complete({"get", "--"}),
-              ElementsAre("--broker", "--help", "--json", "--max-age", "--prefix", "--raw", "--timeout"));
+              ElementsAre("--broker", "--help", "--json", "--max-age", "--prefix", "--raw", "--timeout", "--view"));
   EXPECT_THAT(complete({"run", "--log-level", "e"}), ElementsAre("error"));
   EXPECT_THAT(complete({"fly", ""}), ElementsAre());
 }
