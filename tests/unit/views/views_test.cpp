@@ -3,6 +3,7 @@
 #include "socket_folder.h"
 
 #include <hxproxies/hxmemoryproxy.h>
+#include <libmw/eventloop.h>
 #include <libmw/local.h>
 
 #include <array>
@@ -38,6 +39,8 @@ class Viewing : public kit::MemoryFixture, public testing::WithParamInterface<Fr
   }
   void TearDown() override {
     proxy_.reset();
+    // Whoever is told that the service is there holds the views of the process until then.
+    mw::defaultLoop().drain();
     client_.reset();
     if (viewersBroker_) kit::endBroker(*viewersBroker_);
     viewersBroker_.reset();
