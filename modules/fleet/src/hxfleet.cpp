@@ -8,7 +8,6 @@
 #include <libmw/log.h>
 
 #include <algorithm>
-#include <unistd.h>
 #include <utility>
 
 #include <fmt/format.h>
@@ -21,7 +20,6 @@ using fleet::Letter;
 using fleet::Status;
 using Clock = std::chrono::steady_clock;
 
-const char* const kCategory = "hxfleet";
 constexpr auto kStatusGap = 2s;
 constexpr auto kStoredStatusGap = 30s;
 constexpr auto kDesiredGap = 30s;
@@ -29,30 +27,6 @@ constexpr auto kFirstPause = 100ms;
 constexpr auto kLongestPause = 10'000ms;
 constexpr auto kAskName = 500ms;
 constexpr auto kWaitForBroker = 1s;
-constexpr const char* kStates[] = {"away", "connected", "cut", "refused", "left"};
-
-std::vector<std::string> textsOf(const HXValue& list) {
-  std::vector<std::string> texts;
-  for (const HXValue& text : list.asList()) texts.push_back(text.asString());
-  return texts;
-}
-
-std::vector<std::string> commaSeparated(const std::string& text) {
-  std::vector<std::string> parts;
-  for (std::size_t begin = 0; begin <= text.size();) {
-    const std::size_t end = std::min(text.find(',', begin), text.size());
-    if (end > begin) parts.push_back(text.substr(begin, end - begin));
-    begin = end + 1;
-  }
-  return parts;
-}
-
-std::string hostName() {
-  std::string name(256, '\0');
-  if (::gethostname(name.data(), name.size() - 1) != 0) return "host";
-  name.resize(name.find('\0'));
-  return name;
-}
 
 }  // namespace
 
@@ -76,83 +50,6 @@ HXFleet::HXFleet(const std::shared_ptr<HXBroker>& broker, const std::string& nam
 }
 
 HXFleet::~HXFleet() { follow_.end(); }
-
-void HXFleet::addSettings() {
-  addSetting(Setting::text("url", "nats://127.0.0.1:4222", "The hub's servers, with commas between them.").required());
-  addSetting(Setting::text("robot", "", "What this robot is called in the fleet; the machine's name by default."));
-  addSetting(Setting::text("fleet", "fleet", "What the fleet is called."));
-  addSetting(Setting::text("domain", "hub", "Of the hub's store."));
-  addSetting(Setting::text("ca", "", "File of the certificate that the hub's is signed with."));
-  addSetting(Setting::text("seed", "", "File with this robot's key, which only its owner may read."));
-  addSetting(Setting::flag("insecure", false, "Let a plain connection leave this machine."));
-  addSetting(Setting::texts("export", {"**"}, "Keys that the fleet may see: * is one part of a key, ** the rest."));
-  addSetting(Setting::texts("hide", {"_*", "_*/**", "HXMemory/**", "HXFleet/**"}, "Keys among them that it may not."));
-  addSetting(Setting::texts("keep", {}, "Events that are stored by the hub, each once and in order."));
-  addSetting(Setting::texts("live", {}, "Events among them that are not."));
-  addSetting(Setting::texts("follow", {}, "Other robots, whose keys and services are to be here under their names."));
-  addSetting(
-      Setting::texts("allow", {"**"}, "What the fleet may call: Arm/stop, Arm/*. What changes keys is HXMemory/*."));
-  addSetting(Setting::texts("deny", {"Broker/*", "HXFleet/*"}, "What among that it may not."));
-}
-
-void HXFleet::readSettings() {
-  const HXValue& given = settings();
-  std::vector<std::string> problems;
-  const auto tryTo = [&](const char* what, const auto& action) {
-    try {
-      action();
-    } catch (const std::exception& error) {
-      problems.push_back(fmt::format("{}: {}", what, error.what()));
-    }
-  };
-  access_.servers = commaSeparated(given["url"].asString());
-  access_.authority = given["ca"].asString();
-  access_.seed = given["seed"].asString();
-  access_.insecure = given["insecure"].asBool();
-  tryTo("url", [&] { check(access_); });
-  robot_ = given["robot"].asString();
-  if (robot_.empty()) {
-    robot_ = hostName();
-    std::ranges::replace_if(
-        robot_, [](char c) { return !fleet::isName(std::string(1, c)); }, '-');
-  }
-  if (!fleet::isName(robot_)) {
-    problems.push_back(
-        fmt::format("robot: \"{}\" is no name of a robot: letters, digits, _ and -, 64 at most", robot_));
-  }
-  tryTo("fleet", [&] { subjects_.emplace(given["fleet"].asString(), given["domain"].asString()); });
-  followed_ = textsOf(given["follow"]);
-  fleet::Selection selection;
-  std::vector<std::string> others;
-  for (const std::string& robot : followed_) {
-    if (!fleet::isName(robot)) problems.push_back(fmt::format("follow: \"{}\" is no name of a robot", robot));
-    if (robot == robot_) problems.push_back("follow: a robot cannot follow itself");
-    others.push_back(robot + "/**");
-  }
-  for (const auto& [name, patterns] :
-       {std::pair{"export", &selection.exported}, std::pair{"hide", &selection.hidden},
-        std::pair{"keep", &selection.kept}, std::pair{"live", &selection.live},
-        std::pair{"allow", &permissions_.allowed}, std::pair{"deny", &permissions_.denied}}) {
-    const char* const setting = name;
-    fleet::Patterns* const read = patterns;
-    tryTo(setting, [&] { *read = fleet::Patterns(textsOf(given[setting])); });
-  }
-  if (!problems.empty()) throw SettingsError(std::move(problems));
-  selection.others = fleet::Patterns(others);
-  outgoing_.emplace(std::move(selection), fleet::Outgoing::Bounds());
-}
-
-void HXFleet::bindMethods() {
-  functionName("status", getName(), "Says how this robot stands with its fleet, and accounts for what it raised.");
-  setReturn("status",
-            "{state: connected, cut, away, refused or left, reason, robot, fleet, server, raised, confirmed, queued, "
-            "inFlight, dropped, missed, keys, turnedAway, desired}");
-  bindMethod(this, &HXFleet::status);
-  functionName("leave", getName(), "Stays away from the fleet until join.");
-  bindMethod(this, &HXFleet::leave);
-  functionName("join", getName(), "Ends what leave began.");
-  bindMethod(this, &HXFleet::join);
-}
 
 void HXFleet::init() {
   since_ = mw::systemNow();
@@ -400,67 +297,6 @@ void HXFleet::pause(std::chrono::milliseconds duration, const std::stop_token& s
   isWoken_ = false;
 }
 
-/// One line for each change of state.
-void HXFleet::become(State state, const std::string& reason) {
-  {
-    const MutexLock lock(mutex_);
-    reason_ = reason;
-    if (std::exchange(told_, state) == state) return;
-    state_ = state;
-  }
-  if (state == State::Connected) {
-    mw::log::info(kCategory, "state", fmt::format("robot {} is connected to {}", robot_, reason));
-  } else {
-    mw::log::warning(kCategory, "state",
-                     fmt::format("robot {} is {}: {}{}", robot_, kStates[static_cast<int>(state)], reason,
-                                 state == State::Left ? "" : "; it is tried again"));
-  }
-}
-
-/// What people on the robot see.
-void HXFleet::showState() {
-  const fleet::Account account = outgoing_->account();
-  bool isConnected = false;
-  {
-    const MutexLock lock(mutex_);
-    isConnected = state_ == State::Connected;
-  }
-  try {
-    auto memory = this->memory();
-    const auto show = [&](const char* key, const HXValue& value) {
-      HXValue& last = shown_[key];
-      if (last == value) return;
-      last = value;
-      memory.insertData(key, value);
-    };
-    show("HXFleet/Connected", isConnected);
-    show("HXFleet/Queued", static_cast<std::int64_t>(account.queued + account.inFlight));
-    show("HXFleet/Dropped", static_cast<std::int64_t>(account.dropped));
-  } catch (const std::exception&) {  // The memory has gone, in another process.
-    shown_.clear();
-  }
-}
-
-Status HXFleet::presentStatus() {
-  const fleet::Account account = outgoing_->account();
-  Status status;
-  status.robot = robot_;
-  status.run = outgoing_->run();
-  status.host = hostName();
-  status.version = KORVO_VERSION;
-  status.since = since_;
-  status.raised = account.raised;
-  status.confirmed = account.confirmed;
-  status.queued = account.queued + account.inFlight;
-  status.dropped = account.dropped;
-  status.missed = account.missed;
-  status.keys = outgoing_->mirrored();
-  status.turnedAway = outgoing_->turnedAway();
-  status.desired = desiredRevision_;
-  status.time = mw::systemNow();
-  return status;
-}
-
 // --- Methods ---------------------------------------------------------------------------------------------------------
 
 bool HXFleet::hasLeft() {
@@ -479,28 +315,6 @@ void HXFleet::join() {
   isLeft_ = false;
   isWoken_ = true;
   woken_.notify_all();
-}
-
-HXValue HXFleet::status() {
-  const fleet::Account account = outgoing_->account();
-  const auto number = [](std::uint64_t count) { return static_cast<std::int64_t>(count); };
-  const auto mirrored = number(outgoing_->mirrored());
-  const auto turnedAway = number(outgoing_->turnedAway());
-  const MutexLock lock(mutex_);
-  return HXValue::map({{"state", kStates[static_cast<int>(state_)]},
-                       {"reason", reason_},
-                       {"robot", robot_},
-                       {"fleet", subjects_->fleet()},
-                       {"server", server_},
-                       {"raised", number(account.raised)},
-                       {"confirmed", number(account.confirmed)},
-                       {"queued", number(account.queued)},
-                       {"inFlight", number(account.inFlight)},
-                       {"dropped", number(account.dropped)},
-                       {"missed", number(account.missed)},
-                       {"keys", mirrored},
-                       {"turnedAway", turnedAway},
-                       {"desired", number(desiredRevision_)}});
 }
 
 }  // namespace HX

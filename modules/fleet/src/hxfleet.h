@@ -74,6 +74,9 @@ class HXFleet : public HXModule {
   fleet::Status presentStatus();
 
   // As the settings say.
+  static constexpr const char* kCategory = "hxfleet";
+
+  std::string host_;
   std::string robot_;
   fleet::Access access_;
   fleet::Permissions permissions_;
