@@ -5,7 +5,6 @@
 #include <libmw/signal.h>
 
 #include <cstring>
-#include <functional>
 #include <page/batch.h>
 #include <page/pagesession.h>
 #include <thread>
@@ -16,8 +15,6 @@ namespace {
 
 using namespace HX::web;
 using HX::HXValue;
-using kit::Browser;
-using kit::WebFixture;
 
 /// A batch, read as the page reads it.
 struct Read {
@@ -37,7 +34,7 @@ std::vector<T> column(const std::string& bytes, std::size_t& at, std::size_t cou
   return read;
 }
 
-Read read(const std::string& bytes) {
+Read readBatch(const std::string& bytes) {
   std::size_t at = 0;
   const auto head = column<std::uint32_t>(bytes, at, 6);
   EXPECT_EQ(head[0], Batch::kMark);
@@ -54,42 +51,18 @@ Read read(const std::string& bytes) {
   return batch;
 }
 
-class Page : public WebFixture {
+class Page : public kit::SessionFixture {
  protected:
-  void TearDown() override {
-    if (session_) session_->closed();
-    session_.reset();
-    WebFixture::TearDown();
-  }
+  void open(Right right) { SessionFixture::open(std::make_shared<PageSession>(services_, right)); }
 
-  void open(Right right) {
-    browser_ = std::make_shared<Browser>();
-    session_ = std::make_shared<PageSession>(services_, right);
-    session_->opened(browser_);
-  }
-  void say(const std::string& wish) { session_->message(wish, false); }
-
-  /// Draws what comes until something has come that is waited for.
-  HXValue waitFor(const std::function<bool(const HXValue& message)>& isIt) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (std::chrono::steady_clock::now() < end) {
-      session_->tick();
-      HXValue found;
-      for (const Message& message : browser_->take()) {
-        if (message.isBinary) {
-          last_ = read(*message.content);
-          say(R"({"op":"drawn","number":)" + std::to_string(last_.number) + "}");
-          for (std::size_t i = 0; i < last_.ids.size(); ++i) values_[last_.ids[i]] = last_.values[i];
-          points_.insert(points_.end(), last_.points.begin(), last_.points.end());
-        }
-        const HXValue content = message.isBinary ? last_.rest : HX::fromJson(*message.content);
-        if (!found.isValid() && isIt(content)) found = content;
-      }
-      if (found.isValid()) return found;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ADD_FAILURE() << "what was waited for did not come";
-    return HXValue::map();
+  /// Draws what comes.
+  HXValue read(const Message& message) override {
+    if (!message.isBinary) return HX::fromJson(*message.content);
+    last_ = readBatch(*message.content);
+    say(R"({"op":"drawn","number":)" + std::to_string(last_.number) + "}");
+    for (std::size_t i = 0; i < last_.ids.size(); ++i) values_[last_.ids[i]] = last_.values[i];
+    points_.insert(points_.end(), last_.points.begin(), last_.points.end());
+    return last_.rest;
   }
   HXValue answerTo(const std::string& op) {
     return waitFor([&](const HXValue& message) {
@@ -110,8 +83,6 @@ class Page : public WebFixture {
     return static_cast<std::uint32_t>(answer["rows"][0][0].toInt64());
   }
 
-  std::shared_ptr<Browser> browser_;
-  std::shared_ptr<PageSession> session_;
   Read last_;
   std::map<std::uint32_t, double> values_;
   std::vector<double> points_;

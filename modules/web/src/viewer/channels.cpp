@@ -21,41 +21,40 @@ void Channels::update(const Tree& tree) {
   for (const auto& [name, node] : tree.all()) {
     const std::string& key = node->path;
     auto found = channels_.find(key);
-    if (found == channels_.end() || node->seen > seen_) {
-      if (!fit(key, node->value)) {
+    if (found == channels_.end()) {
+      if (channels_.size() == kMost) {
         ++left_;
         continue;
       }
-      found = channels_.find(key);
+      found = channels_.try_emplace(key).first;
+      found->second.schema = jsonSchemaOf(node->value);
+      found->second.fitted = node->revision;
+      advertise(key, found->second);
+    } else if (node->seen > seen_) {
+      refit(found->second, key, node->value, node->revision);
     }
     found->second.pass = pass_;
   }
   seen_ = tree.count();
   for (auto each = channels_.begin(); each != channels_.end();) {
     const auto next = std::next(each);
-    if (each->second.pass != pass_) remove(std::string(each->first));
+    if (each->second.pass != pass_) {
+      withdraw(each->second);
+      channels_.erase(each);
+    }
     each = next;
   }
 }
 
-Channels::Channel* Channels::fit(const std::string& key, const HXValue& value) {
+bool Channels::refit(Channel& channel, const std::string& key, const HXValue& value, std::uint64_t revision) {
+  if (revision != 0 && revision < channel.fitted) return false;  // Without one it is not known to be older.
+  channel.fitted = revision;
   JsonSchema schema = jsonSchemaOf(value);
-  const auto found = channels_.find(key);
-  if (found == channels_.end()) {
-    if (channels_.size() == kMost) return nullptr;
-    Channel& made = channels_[key];
-    made.schema = std::move(schema);
-    made.pass = pass_;
-    advertise(key, made);
-    return &made;
-  }
-  Channel& channel = found->second;
-  if (channel.shapes > kMostShapes || mayStay(channel.schema, schema)) return &channel;
-  news_.gone.emplace_back(channel.id);
-  keys_.erase(channel.id);
+  if (channel.shapes > kMostShapes || mayStay(channel.schema, schema)) return false;
+  withdraw(channel);
   channel.schema = ++channel.shapes > kMostShapes ? anySchema() : std::move(schema);
   advertise(key, channel);
-  return &channel;
+  return true;
 }
 
 void Channels::advertise(const std::string& key, Channel& channel) {
@@ -69,12 +68,9 @@ void Channels::advertise(const std::string& key, Channel& channel) {
                                      {"schemaEncoding", "jsonschema"}}));
 }
 
-void Channels::remove(const std::string& key) {
-  const auto found = channels_.find(key);
-  if (found == channels_.end()) return;
-  news_.gone.emplace_back(found->second.id);
-  keys_.erase(found->second.id);
-  channels_.erase(found);
+void Channels::withdraw(const Channel& channel) {
+  news_.gone.emplace_back(channel.id);
+  keys_.erase(channel.id);
 }
 
 std::string_view Channels::keyOf(std::uint32_t id) const {

@@ -16,8 +16,8 @@ namespace HX::web {
 
 /// What a viewer is told of which keys there are, and of the shape of their values: a channel for each.
 ///
-/// A channel is never changed. When a key gets values of another shape, or comes back after a removal, its channel goes
-/// and one with another number comes.
+/// A channel is never changed. When a key gets values of another shape its channel goes, and one with another number
+/// comes.
 ///
 /// @par Threads  One at a time.
 class Channels {
@@ -31,6 +31,7 @@ class Channels {
     JsonSchema schema;
     int shapes = 0;
     std::uint64_t pass = 0;      ///< Of `update`, in which the key was there last.
+    std::uint64_t fitted = 0;    ///< The newest revision whose shape was looked at.
     std::uint64_t revision = 0;  ///< Of what was sent last.
   };
   /// What has become of the channels since the viewer was told.
@@ -42,10 +43,10 @@ class Channels {
 
   /// Looks which keys have come, gone and changed since the last look.
   void update(const Tree& tree);
-  /// A value that is about to be sent: its key has a channel of its shape afterwards.
-  /// @return The channel; null where there are too many.
-  Channel* fit(const std::string& key, const HXValue& value);
-  void remove(const std::string& key);
+  /// Gives the key of a channel another one where the value that it has since a revision has another shape. What is
+  /// older than a value looked at before changes nothing: who follows the key and who follows all are not in step.
+  /// @return Whether that was so; the channel's number is then another.
+  bool refit(Channel& channel, const std::string& key, const HXValue& value, std::uint64_t revision);
   /// The channel of that number, by its key; empty when there is none.
   std::string_view keyOf(std::uint32_t id) const;
   Channel* find(const std::string& key);
@@ -58,6 +59,7 @@ class Channels {
 
  private:
   void advertise(const std::string& key, Channel& channel);
+  void withdraw(const Channel& channel);
 
   std::unordered_map<std::string, Channel> channels_;
   std::unordered_map<std::uint32_t, std::string> keys_;

@@ -5,6 +5,7 @@
 #include <hxvalue/jsonschema.h>
 
 #include <algorithm>
+#include <array>
 #include <set>
 #include <stdexcept>
 
@@ -16,17 +17,28 @@ namespace {
 
 /// What a parameter of a method takes, by the name of its type; empty for anything.
 std::string schemaOfType(const std::string& type) {
-  static const std::map<std::string_view, std::string_view> kNames{
-      {"bool", "boolean"},   {"int", "integer"},   {"int8", "integer"},  {"uint8", "integer"},  {"int16", "integer"},
-      {"uint16", "integer"}, {"int64", "integer"}, {"uint", "integer"},  {"uint64", "integer"}, {"float", "number"},
-      {"double", "number"},  {"string", "string"}, {"binary", "string"},
-  };
+  // Nothing that the end of the process destroys: a thread that works for somebody may still look at it.
+  constexpr std::array<std::pair<std::string_view, std::string_view>, 13> kNames{{
+      {"bool", "boolean"},
+      {"int", "integer"},
+      {"int8", "integer"},
+      {"uint8", "integer"},
+      {"int16", "integer"},
+      {"uint16", "integer"},
+      {"int64", "integer"},
+      {"uint", "integer"},
+      {"uint64", "integer"},
+      {"float", "number"},
+      {"double", "number"},
+      {"string", "string"},
+      {"binary", "string"},
+  }};
   if (type.starts_with("map")) return R"({"type":"object"})";
   if (type.starts_with("list<") && type.ends_with('>')) {
     const std::string items = schemaOfType(type.substr(5, type.size() - 6));
     return items.empty() ? R"({"type":"array"})" : R"({"type":"array","items":)" + items + "}";
   }
-  const auto found = kNames.find(type);
+  const auto found = std::ranges::find(kNames, type, &std::pair<std::string_view, std::string_view>::first);
   return found == kNames.end() ? std::string() : fmt::format(R"({{"type":"{}"}})", found->second);
 }
 

@@ -14,9 +14,9 @@ namespace HX::web {
 namespace {
 
 // In ticks, of which there are some thirty a second.
-constexpr std::uint64_t kPatience = 60;  // For the memory to be read, before a viewer is greeted without it.
-constexpr std::uint64_t kLookEach = 6;   // For channels.
-constexpr std::uint64_t kTimeEach = 3;   // Where nothing else is sent.
+constexpr std::chrono::seconds kPatience{2};  // For the memory to be read, before a viewer is greeted without it.
+constexpr std::uint64_t kLookEach = 6;        // For channels.
+constexpr std::uint64_t kTimeEach = 3;        // Where nothing else is sent.
 constexpr std::uint64_t kGraphEach = 60;
 constexpr std::size_t kUnread = 4 << 20;  // Bytes; beyond it nothing more is sent.
 constexpr int kErrands = 32;              // At once.
@@ -29,6 +29,7 @@ ViewerSession::ViewerSession(std::shared_ptr<PageServices> services, Right right
 
 void ViewerSession::opened(std::shared_ptr<Socket> socket) {
   socket_ = std::move(socket);
+  greetedBy_ = std::chrono::steady_clock::now() + kPatience;
   use_ = std::make_unique<Model::Use>(services_->model);
   feed_ = std::make_shared<KeyFeed>(services_->model, services_->loop);
 }
@@ -108,7 +109,7 @@ bool ViewerSession::greet() {
     return std::pair(tree->epoch(), tree->isComplete());
   }();
   if (isGreeted_ && epoch == epoch_) return true;
-  if (!isThere && ticks_ < kPatience) return false;
+  if (!isThere && std::chrono::steady_clock::now() < greetedBy_) return false;
   const bool isAgain = std::exchange(isGreeted_, true);
   epoch_ = epoch;
   HXValue::List capabilities{"time", "parameters", "parametersSubscribe", "connectionGraph"};
@@ -260,11 +261,7 @@ void ViewerSession::sendChanges() {
 
 /// @return How many bytes that were.
 std::size_t ViewerSession::sendEntry(const KeyFeed::Entry& entry) {
-  if (entry.isRemoved) {
-    channels_.remove(entry.key);
-    tellChannels();
-    return 0;
-  }
+  if (entry.isRemoved) return 0;  // The tree tells which keys have gone.
   if (entry.isTooLarge) {
     if (!tooLarge_.insert(entry.key).second) return 0;
     socket_->send(viewer::status(viewer::Level::Warning, entry.key + " has values too large to be sent"));
@@ -273,11 +270,9 @@ std::size_t ViewerSession::sendEntry(const KeyFeed::Entry& entry) {
   if (parameterKeys_.contains(entry.key)) {
     tell("parameterValues", {{"parameters", HXValue::list({ViewerParameters::toParameter(entry.key, entry.value)})}});
   }
-  const Channels::Channel* const before = channels_.find(entry.key);
-  const std::uint32_t idBefore = before ? before->id : 0;
-  Channels::Channel* const channel = channels_.fit(entry.key, entry.value);
+  Channels::Channel* const channel = channels_.find(entry.key);
   if (!channel) return 0;
-  if (channel->id != idBefore) {
+  if (channels_.refit(*channel, entry.key, entry.value, entry.revision)) {
     tellChannels();  // The viewer subscribes to that of the new shape.
     return 0;
   }

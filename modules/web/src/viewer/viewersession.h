@@ -10,6 +10,7 @@
 
 #include <hxerror/mutex.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -90,6 +91,7 @@ class ViewerSession : public SocketHandler, public std::enable_shared_from_this<
   std::shared_ptr<KeyFeed> feed_;
 
   std::uint64_t ticks_ = 0;
+  std::chrono::steady_clock::time_point greetedBy_;  // Even without the memory.
   bool isGreeted_ = false;
   std::uint64_t epoch_ = 0;     // Under which it was greeted.
   std::uint64_t looked_ = 0;    // The tree's count when channels were looked for.
