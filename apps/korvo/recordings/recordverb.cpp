@@ -16,10 +16,10 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <ctime>
 #include <iostream>
 #include <memory>
 #include <recorder.h>
+#include <recording/filename.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -65,16 +65,6 @@ std::pair<std::string, double> readRate(const std::string& text) {
   return {text.substr(0, equals), hertz};
 }
 
-/// "korvo-20260329-120000.mcap"
-std::string defaultFile() {
-  const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-  std::tm local{};
-  ::localtime_r(&now, &local);
-  std::array<char, 64> text{};
-  std::strftime(text.data(), text.size(), "korvo-%Y%m%d-%H%M%S.mcap", &local);
-  return text.data();
-}
-
 std::string machineName() {
   std::array<char, 256> name{};
   ::gethostname(name.data(), name.size() - 1);
@@ -83,7 +73,7 @@ std::string machineName() {
 
 RecorderOptions recorderOptions(const RecordOptions& given, std::vector<std::string> keys) {
   RecorderOptions options;
-  options.file = given.file.empty() ? defaultFile() : given.file;
+  options.file = given.file.empty() ? HX::recording::defaultFileName() : given.file;
   options.keys = std::move(keys);
   options.except = given.except;
   for (const std::string& rate : given.rates) options.rates.insert(readRate(rate));

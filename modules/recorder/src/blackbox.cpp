@@ -1,13 +1,12 @@
 #include "blackbox.h"
 
 #include "crashdump.h"
+#include "recording/filename.h"
 #include "recording/mend.h"
 
 #include <libmw/clock.h>
 
 #include <algorithm>
-#include <array>
-#include <ctime>
 #include <unistd.h>
 #include <utility>
 
@@ -31,15 +30,6 @@ std::string plain(std::string name) {
     if (!isPlain) c = '_';
   }
   return name.substr(0, 80);
-}
-
-std::string dateText() {
-  const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-  std::tm local{};
-  ::localtime_r(&now, &local);
-  std::array<char, 64> text{};
-  std::strftime(text.data(), text.size(), "%Y%m%d-%H%M%S", &local);
-  return text.data();
 }
 
 }  // namespace
@@ -202,7 +192,8 @@ std::filesystem::path BlackBox::write(const std::string& name) {
     for (const Piece& piece : pieces_) chunks.insert(chunks.end(), piece.chunks.begin(), piece.chunks.end());
     number = ++files_;
   }
-  const auto path = options_.folder / fmt::format("{}{}-{}-{}.mcap", kPrefix, dateText(), number, plain(name));
+  const auto path =
+      options_.folder / fmt::format("{}{}-{}-{}.mcap", kPrefix, recording::dateText(), number, plain(name));
   std::filesystem::path raw = path;
   raw += ".raw";
   {

@@ -1,5 +1,7 @@
 #include "hxrecorder.h"
 
+#include "recording/filename.h"
+
 #include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/units.h>
@@ -7,7 +9,6 @@
 #include <libmw/log.h>
 
 #include <array>
-#include <ctime>
 #include <unistd.h>
 #include <utility>
 
@@ -33,15 +34,6 @@ std::pair<std::chrono::nanoseconds, std::chrono::nanoseconds> toWindow(const std
   } catch (const std::runtime_error& error) {
     throw SettingsError({fmt::format("black-box: {}; write 30s:10s", error.what())});
   }
-}
-
-std::string dateFile() {
-  const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-  std::tm local{};
-  ::localtime_r(&now, &local);
-  std::array<char, 64> text{};
-  std::strftime(text.data(), text.size(), "korvo-%Y%m%d-%H%M%S.mcap", &local);
-  return text.data();
 }
 
 }  // namespace
@@ -173,7 +165,7 @@ void HXRecorder::exit() {
 }
 
 std::filesystem::path HXRecorder::pathOf(const std::string& file) {
-  std::filesystem::path path = file.empty() ? dateFile() : file;
+  std::filesystem::path path = file.empty() ? recording::defaultFileName() : file;
   if (path.has_parent_path()) return path;
   const std::filesystem::path folder = settings()["folder"].asString();
   std::error_code ignored;  // Told when the file cannot be made.
