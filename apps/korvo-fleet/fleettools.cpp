@@ -66,7 +66,7 @@ std::vector<std::pair<std::string, std::chrono::nanoseconds>> FleetView::present
   const auto answers = std::make_shared<Answers>();
   const auto begin = std::chrono::steady_clock::now();
   const std::string reply = fmt::format("{}.present{}", connection_->inbox(), begin.time_since_epoch().count());
-  connection_->subscribe(reply, [answers, begin](const Message& message) {
+  const Listening listening(*connection_, reply, [answers, begin](const Message& message) {
     if (message.data().empty()) return;
     try {
       const HXValue answer = HX::fromJson(message.data());

@@ -195,7 +195,7 @@ int runDemo(FleetOptions fleet, const HubOptions& options) {
 void makeKey(const FleetOptions& fleet, const HubOptions& options, const std::string& robot,
              const std::vector<std::string>& followed) {
   for (const std::string& name : followed) {
-    if (!isName(name)) throw UsageError(fmt::format("{} is no name of a robot", name));
+    if (!isName(name) && name != kAllRobots) throw UsageError(fmt::format("{} is no name of a robot", name));
   }
   if (!isName(robot) || robot == kOperator) throw UsageError(fmt::format("{} is no name of a robot", robot));
   const FleetSubjects subjects(fleet.fleet, fleet.domain);

@@ -101,7 +101,8 @@ class Line {
     });
     addHubOptions(key);
     key->add_option("ROBOT", first_, "The robot")->required();
-    key->add_option("--follow", followed_, "A robot that it may follow; may be repeated")->allow_extra_args(false);
+    key->add_option("--follow", followed_, "A robot that it may follow, or *; may be repeated")
+        ->allow_extra_args(false);
     add("doctor", "Says what is wrong and what to do", [this] { return diagnose(fleet_); });
   }
 

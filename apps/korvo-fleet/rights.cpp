@@ -1,5 +1,7 @@
 #include "rights.h"
 
+#include <algorithm>
+
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
@@ -33,6 +35,10 @@ std::string robotUser(const HX::fleet::FleetSubjects& subjects, const std::strin
     subscribe.push_back(FleetSubjects::stored(subjects.valueBucket(), other + ".>"));
   }
   if (!followed.empty()) publish.push_back(fmt::format("$JS.API.CONSUMER.CREATE.KV_{}", subjects.valueBucket()));
+  if (std::ranges::count(followed, kAllRobots) > 0) {
+    subscribe.push_back(subjects.of("*", "status"));
+    publish.push_back(fmt::format("$JS.API.CONSUMER.CREATE.KV_{}", subjects.statusBucket()));
+  }
   return user(robot, publicKey, publish, subscribe);
 }
 

@@ -307,7 +307,7 @@ Message Connection::request(const Letter& letter, std::chrono::milliseconds limi
   return Message(reply);
 }
 
-void Connection::subscribe(const std::string& subject, Handler handler) {
+Connection::SubscriptionId Connection::subscribe(const std::string& subject, Handler handler) {
   auto subscription = std::make_unique<Subscription>(Subscription{shared_, std::move(handler)});
   {
     const std::lock_guard lock(shared_->mutex);
@@ -326,6 +326,16 @@ void Connection::subscribe(const std::string& subject, Handler handler) {
   natsSubscription_SetOnCompleteCB(made, onComplete, subscription.release());
   const std::lock_guard lock(mutex_);
   subscriptions_.push_back(made);
+  return made;
+}
+
+void Connection::unsubscribe(SubscriptionId subscription) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (std::erase(subscriptions_, subscription) == 0) return;
+  }
+  natsSubscription_Unsubscribe(subscription);
+  natsSubscription_Destroy(subscription);
 }
 
 }  // namespace HX::fleet

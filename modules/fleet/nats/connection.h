@@ -107,8 +107,12 @@ class Connection {
   void flush(std::chrono::milliseconds limit);
   /// @throws NobodyError; AwayError when there is no answer in time.
   Message request(const Letter& letter, std::chrono::milliseconds limit);
+  /// What `subscribe` has begun, for `unsubscribe`.
+  using SubscriptionId = natsSubscription*;
   /// @param subject  May have wildcards.
-  void subscribe(const std::string& subject, Handler handler);
+  SubscriptionId subscribe(const std::string& subject, Handler handler);
+  /// A handler that runs already may still do so when this returns.
+  void unsubscribe(SubscriptionId subscription);
 
   /// For what the library has beyond this.
   natsConnection* raw() const { return connection_; }
@@ -126,6 +130,21 @@ class Connection {
   natsConnection* connection_ = nullptr;
   mutable std::mutex mutex_;  // Guards `subscriptions_`.
   std::vector<natsSubscription*> subscriptions_;
+};
+
+/// Listens for as long as it lives.
+class Listening {
+ public:
+  /// @param connection  Must outlive this object.
+  Listening(Connection& connection, const std::string& subject, Connection::Handler handler)
+      : connection_(connection), subscription_(connection.subscribe(subject, std::move(handler))) {}
+  Listening(const Listening&) = delete;
+  Listening& operator=(const Listening&) = delete;
+  ~Listening() { connection_.unsubscribe(subscription_); }
+
+ private:
+  Connection& connection_;
+  const Connection::SubscriptionId subscription_;
 };
 
 }  // namespace HX::fleet

@@ -130,7 +130,7 @@ std::vector<Entry> readStream(Connection& connection, const FleetSubjects& subje
   const std::string tail = std::string(inbox).substr(std::string(inbox).rfind('.') + 1);
   natsInbox_Destroy(inbox);
   const std::string deliver = fmt::format("{}.{}", connection.inbox(), tail);
-  connection.subscribe(deliver, [collected](const Message& message) {
+  const Listening listening(connection, deliver, [collected](const Message& message) {
     if (message.data().empty() && message.status() != 0) return;  // A sign of life.
     const std::lock_guard lock(collected->mutex);
     collected->entries.push_back(

@@ -58,6 +58,7 @@ void HXFleet::init() {
   requests_ = std::make_unique<fleet::Requests>(*this, *subjects_, permissions_,
                                                 [this](std::string_view key) { return outgoing_->exports(key); });
   mirror_ = std::make_unique<fleet::Mirror>(*this, *subjects_, followed_);
+  roster_ = std::make_unique<fleet::Roster>(*subjects_);
   followChanges();
   thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
 }
@@ -79,7 +80,7 @@ void HXFleet::followChanges() {
   options.onGap = [this](const journal::Gap& gap) { outgoing_->gap(gap); };
   options.onUnchanged = [this](std::string_view key, journal::Position) { outgoing_->unchanged(key); };
   options.onComplete = [this](journal::Position) { outgoing_->complete(); };
-  follow_ = follow(
+  follow_ = HXModule::follow(
       journal::Filter(), [this](const journal::Change& change) { outgoing_->change(change); }, std::move(options));
 }
 
@@ -104,6 +105,7 @@ void HXFleet::run(const std::stop_token& stop) {
     }
     sender_->use(nullptr);
     mirror_->lose();
+    roster_->lose(presentReason());
     showState();
     // A connection that has lasted is no failed attempt.
     if (Clock::now() - begin > kLongestPause) backOff = kFirstPause;
@@ -127,11 +129,7 @@ void HXFleet::awaitBroker(const std::stop_token& stop) {
 void HXFleet::attempt(const std::stop_token& stop) {
   const std::string inbox = "_INBOX." + robot_;
   const auto session = std::make_shared<Session>();
-  const auto onEnd = [this] {
-    const MutexLock lock(mutex_);
-    isWoken_ = true;
-    woken_.notify_all();
-  };
+  const auto onEnd = [this] { wake(); };
   session->control = std::make_shared<fleet::Connection>(
       access_, fleet::Connection::Options{fmt::format("{} control", robot_), inbox, true, onEnd});
   requireOwnName(*session->control);
@@ -141,17 +139,15 @@ void HXFleet::attempt(const std::stop_token& stop) {
   watchName(session);
   session->control->subscribe(subjects_->of(robot_, "desired"), [this, weak = std::weak_ptr(session)](const auto&) {
     if (const auto held = weak.lock()) held->isNudged = true;
-    const MutexLock lock(mutex_);
-    isWoken_ = true;
-    woken_.notify_all();
+    wake();
   });
   {
     const MutexLock lock(mutex_);
     server_ = session->control->server();
   }
+  roster_->listen(session->control);
   become(State::Connected, session->control->server());
   sender_->use(session->bulk);
-  if (!followed_.empty()) mirror_->listen(session->bulk);
   serve(*session, stop);
 }
 
@@ -163,6 +159,8 @@ void HXFleet::serve(Session& session, const std::stop_token& stop) {
     }
     if (session.isTaken) throw fleet::RefusedError(session.holder);
     tell(session);
+    mirror_->listen(session.bulk);
+    roster_->listen(session.control);
     pause(500ms, stop);
   }
 }
@@ -214,7 +212,7 @@ void HXFleet::tell(Session& session) {
   if (session.isNudged.exchange(false) || now >= session.nextDesired) {
     session.nextDesired = now + kDesiredGap;
     takeDesired(*session.control);
-    if (!followed_.empty()) mirror_->refresh(session.bulk);
+    mirror_->refresh(session.bulk);
   }
 }
 
@@ -297,24 +295,9 @@ void HXFleet::pause(std::chrono::milliseconds duration, const std::stop_token& s
   isWoken_ = false;
 }
 
-// --- Methods ---------------------------------------------------------------------------------------------------------
-
 bool HXFleet::hasLeft() {
   const MutexLock lock(mutex_);
   return isLeft_;
-}
-
-void HXFleet::leave() {
-  const MutexLock lock(mutex_);
-  isLeft_ = isWoken_ = true;
-  woken_.notify_all();
-}
-
-void HXFleet::join() {
-  const MutexLock lock(mutex_);
-  isLeft_ = false;
-  isWoken_ = true;
-  woken_.notify_all();
 }
 
 }  // namespace HX

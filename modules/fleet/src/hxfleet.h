@@ -5,6 +5,7 @@
 #include "mirror.h"
 #include "outgoing.h"
 #include "requests.h"
+#include "roster.h"
 #include "sender.h"
 #include "services.h"
 
@@ -42,8 +43,18 @@ class HXFleet : public HXModule {
   void exit() override;
 
   /// {state: "connected", "cut", "away", "refused" or "left", reason, robot, fleet, server, raised, confirmed, queued,
-  /// inFlight, dropped, missed, keys, turnedAway, desired}.
+  /// inFlight, dropped, missed, keys, turnedAway, desired, follows}.
   HXValue status();
+  /// The robots of the fleet by their names, each {robot, state: "online" or "off", seen, host, version, raised,
+  /// confirmed, queued, dropped, missed, keys}, as it told last.
+  /// @throws std::runtime_error when the fleet cannot be asked, saying why.
+  HXValue robots();
+  /// Brings another robot in: under "robot3/" its values and events, and its services.
+  /// @throws HXError for what is no name of another robot.
+  void follow(const std::string& robot);
+  /// Ends what `follow` or the setting of that name began; what it brought in goes.
+  /// @throws HXError for one that is not followed.
+  void unfollow(const std::string& robot);
   /// Stays away from the fleet until `join`.
   void leave();
   void join();
@@ -71,6 +82,9 @@ class HXFleet : public HXModule {
   void become(State state, const std::string& reason);
   void showState();
   bool hasLeft();
+  void wake();
+  std::string presentReason();
+  static const char* nameOf(State state);
   fleet::Status presentStatus();
 
   // As the settings say.
@@ -88,6 +102,7 @@ class HXFleet : public HXModule {
   std::unique_ptr<fleet::Sender> sender_;
   std::unique_ptr<fleet::Requests> requests_;
   std::unique_ptr<fleet::Mirror> mirror_;
+  std::unique_ptr<fleet::Roster> roster_;
 
   // Of the thread of the module.
   std::mt19937 random_{std::random_device{}()};

@@ -104,16 +104,4 @@ void HXFleet::readSettings() {
   outgoing_.emplace(std::move(selection), fleet::Outgoing::Bounds());
 }
 
-void HXFleet::bindMethods() {
-  functionName("status", getName(), "Says how this robot stands with its fleet, and accounts for what it raised.");
-  setReturn("status",
-            "{state: connected, cut, away, refused or left, reason, robot, fleet, server, raised, confirmed, queued, "
-            "inFlight, dropped, missed, keys, turnedAway, desired}");
-  bindMethod(this, &HXFleet::status);
-  functionName("leave", getName(), "Stays away from the fleet until join.");
-  bindMethod(this, &HXFleet::leave);
-  functionName("join", getName(), "Ends what leave began.");
-  bindMethod(this, &HXFleet::join);
-}
-
 }  // namespace HX

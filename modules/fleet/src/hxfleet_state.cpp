@@ -10,11 +10,7 @@
 // How it stands with the fleet, and who is told.
 
 namespace HX {
-namespace {
-
-constexpr const char* kStates[] = {"away", "connected", "cut", "refused", "left"};
-
-}  // namespace
+namespace {}  // namespace
 
 /// One line for each change of state.
 void HXFleet::become(State state, const std::string& reason) {
@@ -28,7 +24,7 @@ void HXFleet::become(State state, const std::string& reason) {
     mw::log::info(kCategory, "state", fmt::format("robot {} is connected to {}", robot_, reason));
   } else {
     mw::log::warning(kCategory, "state",
-                     fmt::format("robot {} is {}: {}{}", robot_, kStates[static_cast<int>(state)], reason,
+                     fmt::format("robot {} is {}: {}{}", robot_, nameOf(state), reason,
                                  state == State::Left ? "" : "; it is tried again"));
   }
 }
@@ -77,26 +73,9 @@ fleet::Status HXFleet::presentStatus() {
   return status;
 }
 
-HXValue HXFleet::status() {
-  const fleet::Account account = outgoing_->account();
-  const auto number = [](std::uint64_t count) { return static_cast<std::int64_t>(count); };
-  const auto mirrored = number(outgoing_->mirrored());
-  const auto turnedAway = number(outgoing_->turnedAway());
+std::string HXFleet::presentReason() {
   const MutexLock lock(mutex_);
-  return HXValue::map({{"state", kStates[static_cast<int>(state_)]},
-                       {"reason", reason_},
-                       {"robot", robot_},
-                       {"fleet", subjects_->fleet()},
-                       {"server", server_},
-                       {"raised", number(account.raised)},
-                       {"confirmed", number(account.confirmed)},
-                       {"queued", number(account.queued)},
-                       {"inFlight", number(account.inFlight)},
-                       {"dropped", number(account.dropped)},
-                       {"missed", number(account.missed)},
-                       {"keys", mirrored},
-                       {"turnedAway", turnedAway},
-                       {"desired", number(desiredRevision_)}});
+  return reason_;
 }
 
 }  // namespace HX

@@ -27,35 +27,85 @@ constexpr auto kPatienceForKeys = 10s;
 
 }  // namespace
 
-Mirror::Mirror(HXModule& module, FleetSubjects subjects, std::vector<std::string> robots)
-    : module_(module), subjects_(std::move(subjects)), robots_(std::move(robots)) {}
+Mirror::Mirror(HXModule& module, FleetSubjects subjects, const std::vector<std::string>& robots)
+    : module_(module), subjects_(std::move(subjects)), robots_(robots.begin(), robots.end()) {}
 
 Mirror::~Mirror() { end(); }
 
+void Mirror::follow(const std::string& robot) {
+  const MutexLock lock(mutex_);
+  robots_.insert(robot);
+}
+
+void Mirror::unfollow(const std::string& robot) {
+  const MutexLock lock(mutex_);
+  robots_.erase(robot);
+}
+
+std::set<std::string> Mirror::followed() const {
+  const MutexLock lock(mutex_);
+  return robots_;
+}
+
 void Mirror::listen(const std::shared_ptr<Connection>& connection) {
-  for (const std::string& robot : robots_) {
-    connection->subscribe(subjects_.event(robot, ">"), [this, robot](const Message& message) {
-      post([this, robot, payload = std::string(message.data())] { onEvent(robot, payload); });
-    });
-    const std::string bucket = subjects_.valueBucket();
-    const std::size_t head = FleetSubjects::stored(bucket, robot + ".").size();
-    connection->subscribe(FleetSubjects::stored(bucket, robot + ".>"), [this, robot, head](const Message& message) {
-      const bool isRemoved = !message.header("KV-Operation").empty();
-      post([this, robot, key = std::string(message.subject().substr(head)), payload = std::string(message.data()),
-            isRemoved] { onValue(robot, key, payload, isRemoved, false); });
-    });
-    try {
-      for (Entry& entry : readKeys(*connection, subjects_, bucket, robot + ".>", kPatienceForKeys)) {
-        post([this, robot, key = entry.key.substr(robot.size() + 1), payload = std::move(entry.data)] {
-          onValue(robot, key, payload, false, true);
-        });
-      }
-    } catch (const std::exception& error) {
-      mw::log::warning(kFollowing, "follow",
-                       fmt::format("the last values of {} are not there: {}", robot, error.what()));
+  const auto wanted = followed();
+  std::vector<std::string> gone;
+  for (const auto& [robot, subscriptions] : listening_) {
+    if (!wanted.contains(robot)) gone.push_back(robot);
+  }
+  for (const std::string& robot : gone) end(connection, robot);
+  for (const std::string& robot : wanted) {
+    if (!listening_.contains(robot)) begin(connection, robot);
+  }
+}
+
+void Mirror::begin(const std::shared_ptr<Connection>& connection, const std::string& robot) {
+  auto& subscriptions = listening_[robot];
+  subscriptions.push_back(connection->subscribe(subjects_.event(robot, ">"), [this, robot](const Message& message) {
+    post([this, robot, payload = std::string(message.data())] { onEvent(robot, payload); });
+  }));
+  const std::string bucket = subjects_.valueBucket();
+  const std::size_t head = FleetSubjects::stored(bucket, robot + ".").size();
+  subscriptions.push_back(
+      connection->subscribe(FleetSubjects::stored(bucket, robot + ".>"), [this, robot, head](const Message& message) {
+        const bool isRemoved = !message.header("KV-Operation").empty();
+        post([this, robot, key = std::string(message.subject().substr(head)), payload = std::string(message.data()),
+              isRemoved] { onValue(robot, key, payload, isRemoved, false); });
+      }));
+  try {
+    for (Entry& entry : readKeys(*connection, subjects_, bucket, robot + ".>", kPatienceForKeys)) {
+      post([this, robot, key = entry.key.substr(robot.size() + 1), payload = std::move(entry.data)] {
+        onValue(robot, key, payload, false, true);
+      });
+    }
+  } catch (const std::exception& error) {
+    mw::log::warning(kFollowing, "follow", fmt::format("the last values of {} are not there: {}", robot, error.what()));
+  }
+  refreshRobot(connection, robot);
+}
+
+void Mirror::end(const std::shared_ptr<Connection>& connection, const std::string& robot) {
+  for (const auto subscription : listening_.at(robot)) connection->unsubscribe(subscription);
+  listening_.erase(robot);
+  withdrawAll(robot + "/");
+  // Behind what arrived of it before.
+  post([this, robot] { forget(robot); });
+}
+
+/// Takes what a robot brought in out of the memory.
+void Mirror::forget(const std::string& robot) {
+  auto memory = module_.memory();
+  for (const std::string& key : memory.getDataListName()) {
+    if (!key.starts_with(robot + "/")) continue;
+    const std::string kind = memory.getType(key);
+    if (kind == "Event") {
+      memory.removeEvent(key);
+    } else if (kind == "MicroEvent") {
+      memory.removeMicroEvent(key);
+    } else {
+      memory.removeData(key);
     }
   }
-  refresh(connection);
 }
 
 void Mirror::post(Task task) {
@@ -120,7 +170,7 @@ void Mirror::onValue(const std::string& robot, const std::string& key, const std
 }
 
 void Mirror::refresh(const std::shared_ptr<Connection>& connection) {
-  for (const std::string& robot : robots_) refreshRobot(connection, robot);
+  for (const auto& [robot, subscriptions] : listening_) refreshRobot(connection, robot);
 }
 
 void Mirror::refreshRobot(const std::shared_ptr<Connection>& connection, const std::string& robot) {
@@ -165,8 +215,17 @@ void Mirror::withdraw(const std::string& service) {
   methods_.erase(service);
 }
 
+void Mirror::withdrawAll(const std::string& head) {
+  std::vector<std::string> gone;
+  for (const auto& [name, id] : services_) {
+    if (name.starts_with(head)) gone.push_back(name);
+  }
+  for (const std::string& name : gone) withdraw(name);
+}
+
 void Mirror::lose() {
-  while (!services_.empty()) withdraw(std::string(services_.begin()->first));
+  listening_.clear();
+  withdrawAll("");
 }
 
 }  // namespace HX::fleet

@@ -13,6 +13,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,10 +30,17 @@ namespace HX::fleet {
 class Mirror {
  public:
   /// @param module  In whose name the memory is written; must outlive the end.
-  Mirror(HXModule& module, FleetSubjects subjects, std::vector<std::string> robots);
+  Mirror(HXModule& module, FleetSubjects subjects, const std::vector<std::string>& robots);
   ~Mirror();
 
-  /// Listens by this connection, and reads what there is.
+  /// From now on with this one too, once `listen` is called.
+  void follow(const std::string& robot);
+  /// No more of this one: what it brought in goes, once `listen` is called.
+  void unfollow(const std::string& robot);
+  std::set<std::string> followed() const;
+
+  /// Listens by this connection to those that are followed, and reads what they have. Where it does so already,
+  /// nothing happens.
   void listen(const std::shared_ptr<Connection>& connection);
   /// Looks again which services there are. Waits for the robots' answers.
   void refresh(const std::shared_ptr<Connection>& connection);
@@ -44,6 +52,9 @@ class Mirror {
  private:
   using Task = std::function<void()>;
 
+  void begin(const std::shared_ptr<Connection>& connection, const std::string& robot);
+  void end(const std::shared_ptr<Connection>& connection, const std::string& robot);
+  void forget(const std::string& robot);
   void post(Task task);
   void run();
   void onEvent(const std::string& robot, const std::string& payload);
@@ -51,18 +62,19 @@ class Mirror {
                bool isFirst);
   void refreshRobot(const std::shared_ptr<Connection>& connection, const std::string& robot);
   void withdraw(const std::string& service);
+  void withdrawAll(const std::string& head);
 
   HXModule& module_;
   const FleetSubjects subjects_;
-  const std::vector<std::string> robots_;
-
-  Mutex mutex_;
+  mutable Mutex mutex_;
   std::condition_variable_any changed_;
+  std::set<std::string> robots_ HX_GUARDED_BY(mutex_);
   std::deque<Task> tasks_ HX_GUARDED_BY(mutex_);  // In the order of what arrived.
   bool isRunning_ HX_GUARDED_BY(mutex_) = false;
   bool ended_ HX_GUARDED_BY(mutex_) = false;
   std::size_t lost_ HX_GUARDED_BY(mutex_) = 0;
-  // Of the thread that refreshes:
+  // Of the thread that listens and refreshes:
+  std::map<std::string, std::vector<Connection::SubscriptionId>> listening_;  // By robots.
   std::map<std::string, mw::ServiceId> services_;
   std::map<std::string, std::vector<std::string>> methods_;  // By services, as they were described.
 };

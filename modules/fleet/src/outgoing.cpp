@@ -37,11 +37,21 @@ bool Selection::exports(std::string_view key) const {
 }
 
 Outgoing::Outgoing(Selection selection, Bounds bounds)
-    : selection_(std::move(selection)),
-      bounds_(bounds),
+    : bounds_(bounds),
+      selection_(std::move(selection)),
       live_(bounds.events, firstId()),
       kept_(bounds.events, firstId()),
       values_(bounds.values) {}
+
+bool Outgoing::exports(std::string_view key) {
+  const MutexLock lock(mutex_);
+  return selection_.exports(key);
+}
+
+void Outgoing::addOther(const std::string& robot) {
+  const MutexLock lock(mutex_);
+  selection_.others.add(Pattern(robot + "/**"));
+}
 
 void Outgoing::begin(std::string run) {
   const MutexLock lock(mutex_);

@@ -81,7 +81,9 @@ class Outgoing {
   std::size_t mirrored();
   std::uint64_t turnedAway();
   std::string run();
-  bool exports(std::string_view key) const { return selection_.exports(key); }
+  bool exports(std::string_view key);
+  /// What stands under the name of this other robot is never exported.
+  void addOther(const std::string& robot);
 
  private:
   struct Key {
@@ -99,10 +101,10 @@ class Outgoing {
   void tellStranger(const journal::Change& change) HX_REQUIRES(mutex_);
   void wake() HX_REQUIRES(mutex_);
 
-  const Selection selection_;
   const Bounds bounds_;
 
   Mutex mutex_;
+  Selection selection_ HX_GUARDED_BY(mutex_);
   std::condition_variable_any changed_;
   std::string run_ HX_GUARDED_BY(mutex_);
   std::map<std::string, Key, std::less<>> keys_ HX_GUARDED_BY(mutex_);

@@ -2,6 +2,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace HX::fleet {
@@ -29,6 +30,7 @@ class Patterns {
   Patterns() = default;
   /// @throws As `Pattern`.
   explicit Patterns(const std::vector<std::string>& texts);
+  void add(Pattern pattern) { patterns_.push_back(std::move(pattern)); }
   /// Whether one of them does.
   bool match(std::string_view key) const;
 

@@ -283,6 +283,12 @@ class Apparition {
     answer("call.Arm.fail", fleet::toFailure(HXError("Arm", "fail", "blocked")).body, "blocked");
     tool.flush(5s);
   }
+  void tellStatus() {
+    fleet::Status status;
+    status.robot = "robot3";
+    status.queued = 5;
+    tool_.publish("fleet.robot3.status", toPayload(status));
+  }
   void put(int value) {
     const auto known = fleet::readKey(tool_, subjects_, "fleet", "robot3.Pose");
     const auto payload = fleet::toPayload({"Pose", value, "Data", 0, "run", mw::systemNow()});
@@ -323,8 +329,37 @@ TEST_F(Fleet, BringsAnotherRobotIntoTheMemory) {
   memory->insertData("Own", 1);
   await([&] { return stored("Own") == HXValue(1); });
   EXPECT_FALSE(stored("robot3/Pose").isValid()) << "no echo";
+  robot->unfollow("robot3");
+  EXPECT_THROW(robot->unfollow("robot3"), HXError);
+  await([&] { return !memory->xGetSTMValue("robot3/Pose") && !memory->xGetSTMValue("robot3/Door"); });
+  EXPECT_EQ(broker->getProxy("robot3/Arm"), nullptr);
+  robot->follow("robot3");
+  await([&] { return has("robot3/Pose", 2) && broker->getProxy("robot3/Arm") != nullptr; });
+  for (const char* wrong : {"robot7", "a/b", ""}) EXPECT_THROW(robot->follow(wrong), HXError) << wrong;
   hub->stop();
   await([&] { return broker->getProxy("robot3/Arm") == nullptr; });
+}
+
+TEST_F(Fleet, ListsItsRobotsForWhoAsks) {
+  join();
+  Apparition third(*tool, subjects);
+  const auto state = [&](const std::string& name) {
+    const HXValue rows = robot->robots();
+    for (const HXValue& row : rows.asList()) {
+      if (row["robot"] == HXValue(name)) return row["state"].asString() + " " + row["queued"].toString();
+    }
+    return std::string();
+  };
+  await([&] { return state("robot7") == "online 0"; });
+  EXPECT_EQ(state("robot3"), "");
+  await([&] {
+    third.tellStatus();
+    return state("robot3") == "online 5";
+  });
+  await([&] { return state("robot3") == "off 5"; });
+  hub->stop();
+  awaitState("away");
+  EXPECT_THAT(errorOf([&] { robot->robots(); }), HasSubstr("no connection to the fleet"));
 }
 
 TEST_F(Fleet, IsOneLineForEachChangeOfStateAndEndsWhileTheHubIsFrozen) {
