@@ -33,7 +33,8 @@ HXValue Roster::robots() {
     if (!lost_.empty()) throw std::runtime_error("there is no connection to the fleet: " + lost_);
     asked_ = Clock::now();
     failure_.clear();
-    changed_.wait_for(lock.native(), kPatience, [&]() HX_REQUIRES(mutex_) { return isReady_ || !failure_.empty() || !lost_.empty(); });
+    changed_.wait_for(lock.native(), kPatience,
+                      [&]() HX_REQUIRES(mutex_) { return isReady_ || !failure_.empty() || !lost_.empty(); });
     if (!isReady_) throw std::runtime_error(failure_.empty() ? "the hub cannot be asked for its robots" : failure_);
   }
   const auto now = Clock::now();

@@ -55,13 +55,21 @@ class RawPeer {
     return bytes;
   }
 
-  /// Reads up to `text`, for heartbeats come between. @return What was read; empty when the connection has ended.
+  /// Reads up to `text`, for heartbeats come between, and says meanwhile that it is alive itself.
+  /// @return What was read; empty when the connection has ended.
   std::string awaitText(std::string_view text) const {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     std::string received;
-    for (std::string more = receive(); !more.empty(); more = receive()) {
+    while (std::chrono::steady_clock::now() < end) {
+      if (!hasMore(std::chrono::seconds(1))) {
+        send("\x93\x02\xabkorvo.alive\x90");
+        continue;
+      }
+      const std::string more = receive();
+      if (more.empty()) return {};
       if ((received += more).find(text) != std::string::npos) return received;
     }
-    return {};
+    throw std::runtime_error("what is awaited does not come");
   }
 
   /// Reads until the other side ends the connection.
