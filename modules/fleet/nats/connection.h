@@ -91,6 +91,8 @@ class Connection {
   /// Waits for handlers.
   ~Connection();
 
+  /// Ends it early. What is waited for by it fails.
+  void close() { natsConnection_Close(connection_); }
   bool isOpen() const { return !natsConnection_IsClosed(connection_); }
   std::string server() const;
   /// Why something was refused last, or why it ended.

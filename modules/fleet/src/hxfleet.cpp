@@ -25,6 +25,7 @@ constexpr auto kStoredStatusGap = 30s;
 constexpr auto kDesiredGap = 30s;
 constexpr auto kFirstPause = 100ms;
 constexpr auto kLongestPause = 10'000ms;
+constexpr auto kLasting = 2s;  // Of a connection that has come about.
 constexpr auto kAskName = 500ms;
 constexpr auto kWaitForBroker = 1s;
 
@@ -88,9 +89,8 @@ void HXFleet::followChanges() {
 
 void HXFleet::run(const std::stop_token& stop) {
   awaitBroker(stop);
-  auto backOff = std::chrono::milliseconds(kFirstPause);
+  served_ = Clock::now();
   while (!stop.stop_requested()) {
-    const auto begin = Clock::now();
     try {
       if (hasLeft()) {
         become(State::Left, "it was told to leave");
@@ -107,12 +107,17 @@ void HXFleet::run(const std::stop_token& stop) {
     mirror_->lose();
     roster_->lose(presentReason());
     showState();
-    // A connection that has lasted is no failed attempt.
-    if (Clock::now() - begin > kLongestPause) backOff = kFirstPause;
-    const auto jitter = std::uniform_real_distribution<>(0.5, 1.5)(random_);
-    pause(std::chrono::duration_cast<std::chrono::milliseconds>(backOff * jitter), stop);
-    backOff = std::min<std::chrono::milliseconds>(2 * backOff, kLongestPause);
+    pause(untilNextAttempt(), stop);
   }
+}
+
+/// A twentieth of how long we have been away, spread by half: after a short cut we are soon back, and after a long one
+/// all the robots of a fleet do not come at the same moment.
+std::chrono::milliseconds HXFleet::untilNextAttempt() {
+  const auto away = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - served_);
+  const auto jitter = std::uniform_real_distribution<>(0.5, 1.5)(random_);
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+      jitter * std::clamp<std::chrono::milliseconds>(away / 20, kFirstPause, kLongestPause));
 }
 
 /// Modules that are loaded after us are to be there when the first request comes.
@@ -152,7 +157,10 @@ void HXFleet::attempt(const std::stop_token& stop) {
 }
 
 void HXFleet::serve(Session& session, const std::stop_token& stop) {
+  const auto begin = Clock::now();
   while (!stop.stop_requested() && !hasLeft()) {
+    // One that ends at once is one more failed attempt.
+    if (Clock::now() - begin > kLasting) served_ = Clock::now();
     if (!session.control->isOpen() || !session.bulk->isOpen()) {
       const std::string why = session.control->isOpen() ? session.bulk->lastError() : session.control->lastError();
       throw fleet::AwayError(why.empty() ? "the connection was lost" : why);

@@ -78,6 +78,7 @@ class HXFleet : public HXModule {
   void storeStatus(Session& session, const fleet::Status& status);
   void tellDropped(fleet::Connection& connection);
   void takeDesired(fleet::Connection& connection);
+  std::chrono::milliseconds untilNextAttempt();
   void pause(std::chrono::milliseconds duration, const std::stop_token& stop);
   void become(State state, const std::string& reason);
   void showState();
@@ -106,8 +107,9 @@ class HXFleet : public HXModule {
 
   // Of the thread of the module.
   std::mt19937 random_{std::random_device{}()};
-  std::string stored_;                // The status that the bucket has, without its time.
-  std::uint64_t statusSequence_ = 0;  // Its number there.
+  std::chrono::steady_clock::time_point served_;  // Last, by a connection that lasted.
+  std::string stored_;                            // The status that the bucket has, without its time.
+  std::uint64_t statusSequence_ = 0;              // Its number there.
   HXValue::Map desired_;
   std::atomic<std::uint64_t> desiredRevision_{0};
   std::map<std::string, HXValue> shown_;

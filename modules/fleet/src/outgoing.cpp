@@ -174,13 +174,13 @@ void Outgoing::wake() {
   if (isIdle_) changed_.notify_all();
 }
 
-Outgoing::Work Outgoing::take(std::size_t stored) {
+Outgoing::Work Outgoing::take(std::size_t live, std::size_t stored) {
   const auto now = Clock::now();
   const MutexLock lock(mutex_);
   hasNew_ = false;
   live_.missOlder(now - bounds_.oldest);
   Work work;
-  work.live = live_.take(bounds_.events.inFlight);
+  work.live = live_.take(live);
   work.kept = kept_.take(stored);
   if (stored > 1 || work.kept.empty()) work.values = values_.take(now, stored);
   return work;

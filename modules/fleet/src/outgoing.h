@@ -61,8 +61,9 @@ class Outgoing {
     bool isEmpty() const { return live.empty() && kept.empty() && values.empty(); }
   };
   /// What is to be sent now.
+  /// @param live    So many live events at most.
   /// @param stored  So many kept events at most, and as many values; of one, the event goes first.
-  Work take(std::size_t stored);
+  Work take(std::size_t live, std::size_t stored);
   /// Returns when there is something new to be sent, at `limit`, or when stopped.
   /// @param values  Whether values count that are due by and by.
   void await(std::chrono::milliseconds limit, bool values, const std::stop_token& stop);

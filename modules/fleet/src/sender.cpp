@@ -13,16 +13,20 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kStoreLimit = 2s;   // For an acknowledgement.
-constexpr auto kServerLimit = 2s;  // For the server's answer.
+constexpr auto kStoreLimit = 2s;    // For an acknowledgement.
+constexpr auto kServerLimit = 30s;  // For the server's answer; a connection that has died ends long before.
 constexpr auto kProbeGap = 1s;
 constexpr auto kIdle = 200ms;
-constexpr std::size_t kAll = 4096;  // More are never in flight.
+constexpr std::size_t kAll = 4096;   // More are never in flight.
+constexpr std::size_t kLeast = 256;  // At once, on the slowest line.
+constexpr std::size_t kFew = 64;     // They do not fill a line.
+constexpr auto kSlow = 1s;           // Until all that was sent at once has arrived: less next time.
+constexpr auto kQuick = 500ms;       // More.
 
 }  // namespace
 
 Sender::Sender(Outgoing& outgoing, FleetSubjects subjects, std::string robot)
-    : outgoing_(outgoing), subjects_(std::move(subjects)), robot_(std::move(robot)) {
+    : outgoing_(outgoing), subjects_(std::move(subjects)), robot_(std::move(robot)), window_(kAll) {
   thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
 }
 
@@ -52,7 +56,9 @@ void Sender::run(const std::stop_token& stop) {
     try {
       listen(*connection);
       serve(*connection, stop);
-    } catch (const std::exception&) {  // It has ended, for a reason that whoever gave it finds out too.
+    } catch (const std::exception&) {
+      // Whoever gave it finds out that it has ended, and gives another one.
+      connection->close();
     }
     outgoing_.giveBackLive();
     outgoing_.giveBackStored();
@@ -92,7 +98,7 @@ bool Sender::work(Connection& connection) {
     outgoing_.giveBackStored();
   }
   const std::size_t probed = isProbe ? 1 : 0;
-  const Outgoing::Work work = outgoing_.take(isCutNow ? probed : kAll);
+  const Outgoing::Work work = outgoing_.take(window_, isCutNow ? probed : window_);
   if (work.isEmpty()) return false;
   send(connection, work);
   return true;
@@ -116,9 +122,20 @@ void Sender::send(Connection& connection, const Outgoing::Work& work) {
     if (!put.record) letter.headers.emplace_back("KV-Operation", "DEL");
     connection.publish(letter);
   }
-  if (work.live.empty()) return;
-  connection.flush(kServerLimit);
+  if (work.live.empty() && work.kept.size() + work.values.size() < kFew) return;
+  awaitArrival(connection);
   outgoing_.confirmLive();
+}
+
+void Sender::awaitArrival(Connection& connection) {
+  const auto begin = Clock::now();
+  connection.flush(kServerLimit);
+  const auto took = Clock::now() - begin;
+  if (took > kSlow) {
+    window_ = std::max(kLeast, window_ / 2);
+  } else if (took < kQuick) {
+    window_ = std::min(kAll, window_ * 2);
+  }
 }
 
 void Sender::listen(Connection& connection) {

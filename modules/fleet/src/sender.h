@@ -25,6 +25,9 @@ namespace HX::fleet {
 /// way to it is cut: then nothing goes but the oldest event, or one value, each second; once that is acknowledged the
 /// rest follows, in order. To send on meanwhile would repeat thousands, and out of order.
 ///
+/// On a slow line it sends less at once: what the server's signs of life have to queue behind would otherwise pass for
+/// a server that has frozen.
+///
 /// @par Threads  Any.
 class Sender {
  public:
@@ -48,6 +51,7 @@ class Sender {
   void serve(Connection& connection, const std::stop_token& stop);
   bool work(Connection& connection);
   void send(Connection& connection, const Outgoing::Work& work);
+  void awaitArrival(Connection& connection);
   void listen(Connection& connection);
   void onEventAnswer(const Message& message);
   void onValueAnswer(const Message& message);
@@ -68,6 +72,7 @@ class Sender {
   Clock::time_point nextProbe_;                         // Of the thread alone, as are the two below.
   bool awaitsStore_ = false;
   std::uint64_t highest_ = 0;  // Of the numbers that the bucket has given; of the library's thread.
+  std::size_t window_;         // So much is sent at once; of the thread.
   std::jthread thread_;
 };
 
