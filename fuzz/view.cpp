@@ -19,22 +19,25 @@ using HX::HXValue;
 using namespace HX::view;
 
 template <class T>
-void takeAs(const Content& content, std::span<const std::byte> bytes) {
+void takeAs(const RingReader& ring, std::uint64_t number) {
   T value{};
+  Raw<T> bytes;
+  Content content;
+  if (ring.look(number, content, bytes) != Outcome::Whole) return;
   const State state = take(content, bytes, value);
   require(state <= State::Busy, "there is no other state");
   require(Kind::of(content.kind).state == State::Present || state != State::Present, "what is not there is no value");
 }
 
-void takeAsAll(const Content& content, std::span<const std::byte> bytes) {
-  takeAs<bool>(content, bytes);
-  takeAs<std::int64_t>(content, bytes);
-  takeAs<float>(content, bytes);
-  takeAs<std::string>(content, bytes);
-  takeAs<HXValue::Binary>(content, bytes);
-  takeAs<std::array<float, 3>>(content, bytes);
-  takeAs<std::vector<double>>(content, bytes);
-  takeAs<HXValue>(content, bytes);
+void takeAsAll(const RingReader& ring, std::uint64_t number) {
+  takeAs<bool>(ring, number);
+  takeAs<std::int64_t>(ring, number);
+  takeAs<float>(ring, number);
+  takeAs<std::string>(ring, number);
+  takeAs<HXValue::Binary>(ring, number);
+  takeAs<std::array<float, 3>>(ring, number);
+  takeAs<std::vector<double>>(ring, number);
+  takeAs<HXValue>(ring, number);
 }
 
 }  // namespace
@@ -55,20 +58,17 @@ void view(Input input) {
 
   const std::uint64_t owner = words[9];
   const RingReader ring(segment, shape, owner);
-  std::vector<std::byte> bytes;
-  Content seen;
   const std::uint64_t latest = ring.latest();
-  for (std::uint64_t back = 0; back <= shape.slots; ++back) {
-    if (ring.look(latest - back, seen, bytes) == Outcome::Whole) takeAsAll(seen, bytes);
-  }
+  for (std::uint64_t back = 0; back <= shape.slots; ++back) takeAsAll(ring, latest - back);
 
   Look look;
   const auto& cell = *reinterpret_cast<const Cell*>(segment + sizeof(SegmentHead));
   if (HX::view::look(cell, owner, look) == Outcome::Whole) {
     bool boolean = false;
     double number = 0;
-    take(look.content, {}, boolean);
-    take(look.content, {}, number);
+    Raw<bool> none;
+    take(look.content, none, boolean);
+    take(look.content, none, number);
   }
 }
 

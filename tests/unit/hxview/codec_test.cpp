@@ -14,7 +14,7 @@ std::optional<T> decoded(const HXValue& value) {
   const auto bytes = toMsgpack(value);
   T result{};
   const Kind kind{value.getType(), State::Present, static_cast<std::uint32_t>(bytes.size())};
-  return decode(kind, 0, bytes, result) ? std::optional(result) : std::nullopt;
+  return decode(kind, bytes, result) ? std::optional(result) : std::nullopt;
 }
 
 constexpr std::int64_t kLarge = std::int64_t{1} << 40;
@@ -57,9 +57,9 @@ TEST(Codec, NeverReadsBeyondTheBytes) {
       std::vector<double> numbers;
       HXValue value;
       const Kind kind{type, State::Present, static_cast<std::uint32_t>(size)};
-      EXPECT_FALSE(decode(kind, 0, cut, numbers)) << size;
+      EXPECT_FALSE(decode(kind, cut, numbers)) << size;
       const bool mayBeOne = type != HXValue::Type::List && type <= HXValue::Type::Map;
-      EXPECT_TRUE(mayBeOne || !decode(kind, 0, cut, value)) << size;
+      EXPECT_TRUE(mayBeOne || !decode(kind, cut, value)) << size;
     }
   }
 }

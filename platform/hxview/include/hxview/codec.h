@@ -108,45 +108,29 @@ bool assign(const Number& number, T& element) noexcept {
   }
 }
 
-/// Decodes what lies in a ring.
+/// Decodes a list out of a ring.
 /// @param kind   Says of what type; its state is Present.
-/// @param bits   Of a scalar.
-/// @param bytes  Of all else.
-/// @param value  Means nothing when this fails, but for lists its room.
+/// @param bytes  MessagePack.
+/// @param value  Means nothing when this fails, but for its room.
 /// @return False when it is of another type.
-template <Viewable T>
-bool decode(const Kind& kind, std::uint64_t bits, std::span<const std::byte> bytes, T& value) {
-  if constexpr (std::same_as<T, HXValue>) {
-    return decode(kind, bytes, value);
-  } else if constexpr (Scalar<T>) {
-    if (kind.type != typeOf<T>()) return false;
-    decode(bits, value);
-    return true;
-  } else if constexpr (std::same_as<T, std::string>) {
-    if (kind.type != HXValue::Type::String) return false;
-    value.assign(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    return true;
-  } else if constexpr (std::same_as<T, HXValue::Binary>) {
-    if (kind.type != HXValue::Type::Binary) return false;
-    value.assign(bytes.begin(), bytes.end());
-    return true;
+template <class T>
+requires FixedList<T> || List<T>
+bool decode(const Kind& kind, std::span<const std::byte> bytes, T& value) {
+  if (kind.type != HXValue::Type::List) return false;
+  const auto size = readListSize(bytes);
+  if (!size || *size > bytes.size()) return false;  // Each element has a byte at least.
+  if constexpr (FixedList<T>) {
+    if (*size != FixedListOf<T>::kSize) return false;
   } else {
-    if (kind.type != HXValue::Type::List) return false;
-    const auto size = readListSize(bytes);
-    if (!size || *size > bytes.size()) return false;  // Each element has a byte at least.
-    if constexpr (FixedList<T>) {
-      if (*size != FixedListOf<T>::kSize) return false;
-    } else {
-      value.resize(*size);
-    }
-    for (std::size_t i = 0; i < *size; ++i) {
-      const auto number = readNumber(bytes);
-      typename T::value_type element{};  // A vector of bools lends no references.
-      if (!number || !assign(*number, element)) return false;
-      value[i] = element;
-    }
-    return true;
+    value.resize(*size);
   }
+  for (std::size_t i = 0; i < *size; ++i) {
+    const auto number = readNumber(bytes);
+    typename T::value_type element{};  // A vector of bools lends no references.
+    if (!number || !assign(*number, element)) return false;
+    value[i] = element;
+  }
+  return true;
 }
 
 }  // namespace HX::view

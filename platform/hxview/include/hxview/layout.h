@@ -86,6 +86,13 @@ struct alignas(kLine) RingHead {
 };
 static_assert(sizeof(RingHead) == kLine);
 
+/// Which words of a ring's slot are what.
+struct SlotWords {
+  static constexpr std::size_t kWritten = 0;
+  static constexpr std::size_t kKind = 1;
+  static constexpr std::size_t kBytes = 2;  ///< From here on.
+};
+
 /// How many bytes a slot takes: whole lines.
 /// @param capacity  Bytes of a value that it has room for.
 /// @return Bytes from one slot to the next.

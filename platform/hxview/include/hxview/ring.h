@@ -2,10 +2,12 @@
 
 #include <hxerror/api.h>
 #include <hxview/cell.h>
+#include <hxview/detail/copyshared.h>
 #include <hxview/layout.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <span>
 #include <vector>
 
@@ -70,9 +72,10 @@ class HX_API RingReader {
   /// Copies a publication.
   /// @param number   Which.
   /// @param content  When and of what kind; the bits of a scalar.
-  /// @param bytes    Of a value; what it had room for stays reserved.
+  /// @param bytes    Of a value, in a vector of bytes or a string, which grows where they need it and never shrinks.
   /// @return Torn when it has been overwritten.
-  Outcome look(std::uint64_t number, Content& content, std::vector<std::byte>& bytes) const;
+  template <class Bytes>
+  Outcome look(std::uint64_t number, Content& content, Bytes& bytes) const;
   const Word& sequence() const noexcept { return head_->sequence; }
 
  private:
@@ -81,5 +84,27 @@ class HX_API RingReader {
   const RingHead* head_ = nullptr;
   const std::byte* slots_ = nullptr;
 };
+
+/// The slot of a publication is written next while the one before `number + slots` is the latest.
+template <class Bytes>
+Outcome RingReader::look(std::uint64_t number, Content& content, Bytes& bytes) const {
+  static_assert(sizeof(typename Bytes::value_type) == 1);
+  const Word* const slot = reinterpret_cast<const Word*>(slots_ + number % shape_.slots * shape_.stride());
+  content.written = slot[SlotWords::kWritten].load(std::memory_order_acquire);
+  content.kind = slot[SlotWords::kKind].load(std::memory_order_acquire);
+  const Kind kind = Kind::of(content.kind);
+  const std::size_t size = kind.state == State::Present ? kind.size : 0;
+  const bool fits = size <= shape_.capacity;  // Otherwise the kind was of another time than the slot.
+  if (fits) {
+    if (bytes.size() < size) bytes.resize(size);
+    detail::copyFromShared(reinterpret_cast<std::byte*>(bytes.data()), slot + SlotWords::kBytes, size);
+  }
+  if (head_->owner.load(std::memory_order_acquire) != owner_) return Outcome::Gone;
+  const std::uint64_t since = head_->sequence.load(std::memory_order_relaxed) - number;
+  if (!fits || since > shape_.slots - 2) return Outcome::Torn;
+  content.bits = 0;
+  if (size == sizeof content.bits) std::memcpy(&content.bits, bytes.data(), size);
+  return Outcome::Whole;
+}
 
 }  // namespace HX::view

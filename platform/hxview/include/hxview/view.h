@@ -139,7 +139,7 @@ class View {
     for (int tries = 0; tries < view::kTries; ++tries) {
       const view::Outcome outcome = view::look(*watch_.place().cell, watch_.place().owner, look);
       if (outcome == view::Outcome::Gone) return failed(ViewState::Disconnected);
-      if (outcome == view::Outcome::Whole) return take(look.sequence, look.content, {});
+      if (outcome == view::Outcome::Whole) return take(look.sequence, look.content);
     }
     return failed(ViewState::Busy);
   }
@@ -155,22 +155,22 @@ class View {
       }
       const view::Outcome outcome = watch_.place().ring.look(latest, content, bytes_);
       if (outcome == view::Outcome::Gone) return failed(ViewState::Disconnected);
-      if (outcome == view::Outcome::Whole) return take(latest, content, bytes_);
+      if (outcome == view::Outcome::Whole) return take(latest, content);
     }
     return failed(ViewState::Busy);
   }
-  const Seen<T>& take(std::uint64_t revision, const view::Content& content, std::span<const std::byte> bytes) {
+  const Seen<T>& take(std::uint64_t revision, const view::Content& content) noexcept(view::Scalar<T>) {
     seen_.revision = revision;
     seen_.written_ = content.written;
     seen_.alive_ = watch_.lastAlive(content.written);
-    state_ = seen_.state = view::take(content, bytes, seen_.value_);
+    state_ = seen_.state = view::take(content, bytes_, seen_.value_);
     known_ = watch_.standing();
     return seen_;
   }
 
   view::Watch watch_;
   Seen<T> seen_;
-  std::vector<std::byte> bytes_;
+  view::Raw<T> bytes_;
   std::uint64_t known_ = 0;  // The standing for which `seen_` is the latest.
   ViewState state_ = ViewState::Absent;
 };
@@ -254,7 +254,7 @@ class Stream {
   }
 
   view::Watch watch_;
-  std::vector<std::byte> bytes_;
+  view::Raw<T> bytes_;
   std::uint64_t next_ = 1;
   std::uint64_t lost_ = 0;
   std::chrono::milliseconds aliveWithin_;

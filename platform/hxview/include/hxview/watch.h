@@ -8,9 +8,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
+#include <type_traits>
 
 namespace HX::view {
 
@@ -33,25 +36,35 @@ inline bool isWithin(std::uint64_t now, std::uint64_t then, std::chrono::millise
   return passed <= std::chrono::nanoseconds(limit).count();
 }
 
+/// Into what the bytes of a T are copied: those of a text or binary become the value as they are.
+template <Viewable T>
+using Raw = std::conditional_t<std::same_as<T, std::string>, std::string, HXValue::Binary>;
+
 /// @param content  What was published.
-/// @param bytes    Its bytes where it has some, and room behind them.
+/// @param bytes    Its bytes where it has some, and room behind them; afterwards perhaps those of the value before.
 /// @param value    Changed when the state is Present.
 /// @return How it stands with it, for who wants a T.
 template <Viewable T>
-State take(const Content& content, std::span<const std::byte> bytes, T& value) noexcept(Scalar<T>) {
+State take(const Content& content, Raw<T>& bytes, T& value) noexcept(Scalar<T>) {
   const Kind kind = Kind::of(content.kind);
   if (kind.state != State::Present) return std::min(kind.state, State::Busy);
   if constexpr (Scalar<T>) {
     if (kind.type != typeOf<T>()) return State::OtherType;
     decode(content.bits, value);
     return State::Present;
+  } else if constexpr (std::same_as<T, Raw<T>>) {
+    if (kind.type != (std::same_as<T, std::string> ? HXValue::Type::String : HXValue::Type::Binary))
+      return State::OtherType;
+    bytes.resize(kind.size);
+    value.swap(bytes);
+    return State::Present;
   } else if constexpr (FixedList<T> || List<T>) {
     T decoded;  // What was seen last stays to be shown when the fifth of six elements is none.
-    if (!decode(kind, content.bits, bytes.first(kind.size), decoded)) return State::OtherType;
+    if (!decode(kind, std::span(bytes).first(kind.size), decoded)) return State::OtherType;
     value.swap(decoded);
     return State::Present;
   } else {
-    return decode(kind, content.bits, bytes.first(kind.size), value) ? State::Present : State::OtherType;
+    return decode(kind, std::span(bytes).first(kind.size), value) ? State::Present : State::OtherType;
   }
 }
 
