@@ -14,6 +14,8 @@ namespace HX::journal {
 namespace {
 
 constexpr std::chrono::microseconds kNap{500};
+/// Who is woken sooner after it fell asleep is beside a busy writer.
+constexpr std::chrono::milliseconds kShortSleep{2};
 constexpr std::chrono::milliseconds kRetry{10};
 constexpr std::chrono::milliseconds kTask{1};
 constexpr int kTaskChanges = 512;
@@ -221,26 +223,30 @@ void Follower::schedule(Outcome outcome) noexcept {
   }
 }
 
-/// A follower that slept whenever it had caught up would have a busy writer wake it each time. So it looks again by
-/// itself until two looks found nothing.
+/// A follower that slept whenever it had caught up would have a busy writer wake it each time. So where it was woken
+/// soon after it had fallen asleep, it looks again by itself until two looks found nothing. What comes now and then
+/// wakes it once, and it does not look in vain after that.
 void Follower::sleep() {
   const auto now = core_->executor->now();
   const auto due = rates_ ? rates_->next() : std::nullopt;
-  if (due && *due <= now) {
+  const std::chrono::nanoseconds left = due ? *due - now : std::chrono::nanoseconds::max();
+  if (left <= left.zero()) {
     post({});
     return;
   }
-  if (isPrompt() && looks_ < 2) {
-    post(due ? std::min<std::chrono::nanoseconds>(kNap, *due - now) : kNap);
+  isBusy_ = looks_ < 2 && (isBusy_ || now < asleepSince_ + kShortSleep);
+  if (isPrompt() && isBusy_) {
+    post(std::min<std::chrono::nanoseconds>(kNap, left));
     return;
   }
+  asleepSince_ = now;
   const std::uint64_t nap = sleeper.nap + 1;  // Counted by this chain alone.
   if (due) {
     core_->executor->post(
         [self = shared_from_this(), nap] {
           if (self->core_->ring.wakeFrom(self->sleeper, nap)) self->run();
         },
-        *due - now);
+        left);
   }
   if (!isPrompt()) {
     core_->ring.fallAsleepUnrung(sleeper, cursor_);

@@ -9,6 +9,7 @@
 #include <hxjournal/follow.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <exception>
@@ -144,6 +145,8 @@ class Follower : public Following, public std::enable_shared_from_this<Follower>
   std::optional<Rates> rates_;
   Batch batch_;
   int looks_ = 0;        // In a row that found nothing.
+  bool isBusy_ = false;  // It looks by itself rather than be woken.
+  std::chrono::steady_clock::time_point asleepSince_ = std::chrono::steady_clock::time_point::min();
   bool isNews_ = false;  // Something was read since all was told.
   std::uint32_t knownAuthor_ = 0;
   std::shared_ptr<const std::string> knownText_;
