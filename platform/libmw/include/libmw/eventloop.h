@@ -50,7 +50,8 @@ class HX_API EventLoop {
   /// @return False when the loop has been stopped: `function` is then destroyed and never runs.
   bool post(std::function<void()> function);
 
-  /// Queues `function` once `delay` has passed on the steady clock; zero and less mean at once.
+  /// Queues `function` once `delay` has passed on the steady clock; zero and less mean at once. It may take up to a
+  /// sixty-fourth longer, so that what is done about then wakes the process once.
   bool post(std::function<void()> function, std::chrono::nanoseconds delay);
 
   /// Queues `function` and gives its result. A result that is a future itself is not wrapped in another.

@@ -28,6 +28,8 @@ namespace mw {
 namespace {
 
 const char* const kServerCategory = "mw.link";
+/// In heartbeats: nothing that is looked at is in a hurry, and each look wakes a broker at rest.
+constexpr int kLookEvery = 3;
 const char* const kShutDown = "the broker shuts down";
 /// Out of files, or out of memory: trying again at once would only burn time.
 constexpr std::chrono::milliseconds kPauseAfterFailure{100};
@@ -107,7 +109,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
         [weak = weak_from_this()] {
           if (const auto self = weak.lock(); self && !self->isStopped()) self->look();
         },
-        options_.heartbeat);
+        kLookEvery * options_.heartbeat);
   }
 
   bool isStopped() const {
