@@ -33,16 +33,33 @@ constexpr std::array<Format, 32> kFormats{{
     {Kind::List, 2},      {Kind::List, 4},      {Kind::Map, 2},       {Kind::Map, 4},
 }};
 
+// Apart from the walk, which goes over every value that comes.
+[[noreturn, gnu::cold]] void refuseSize(std::size_t limit) {
+  throw ProtocolError(fmt::format("a message of more than {} bytes", limit));
+}
+[[noreturn, gnu::cold]] void refuseValues(std::uint64_t limit) {
+  throw ProtocolError(fmt::format("a message of more than {} values", limit));
+}
+[[noreturn, gnu::cold]] void refuseDepth(std::size_t limit) {
+  throw ProtocolError(fmt::format("lists and maps nested more than {} deep", limit));
+}
+
 }  // namespace
 
 ProtocolError::~ProtocolError() = default;
 
-FrameSplitter::Header FrameSplitter::read(std::span<const std::byte> bytes) {
+/// Most headers are one byte.
+inline FrameSplitter::Header FrameSplitter::read(std::span<const std::byte> bytes) {
   const auto first = std::to_integer<std::uint8_t>(bytes.front());
   if (first <= 0x7f || first >= 0xe0) return {};
   if (first <= 0x8f) return {.values = std::uint64_t{2} * (first & 0x0fU)};
   if (first <= 0x9f) return {.values = first & 0x0fU};
   if (first <= 0xbf) return {.content = first & 0x1fU};
+  return readLong(bytes);
+}
+
+FrameSplitter::Header FrameSplitter::readLong(std::span<const std::byte> bytes) {
+  const auto first = std::to_integer<std::uint8_t>(bytes.front());
   const Format format = kFormats[first - 0xc0U];
   if (format.kind == Kind::Invalid) throw ProtocolError("a byte that begins no MessagePack value");
   if (format.kind == Kind::Fixed) return {.content = format.width};
@@ -67,19 +84,16 @@ FrameSplitter::Header FrameSplitter::read(std::span<const std::byte> bytes) {
   return header;
 }
 
-void FrameSplitter::require(std::uint64_t more) const {
-  if (more > frameLimit_ || position_ > frameLimit_ - more) {
-    throw ProtocolError(fmt::format("a message of more than {} bytes", frameLimit_));
-  }
+inline void FrameSplitter::require(std::uint64_t more) const {
+  if (more > frameLimit_ || position_ > frameLimit_ - more) refuseSize(frameLimit_);
 }
 
-void FrameSplitter::enter(std::uint64_t values) {
-  if (open_.size() >= depthLimit_)
-    throw ProtocolError(fmt::format("lists and maps nested more than {} deep", depthLimit_));
+inline void FrameSplitter::enter(std::uint64_t values) {
+  if (open_.size() >= depthLimit_) refuseDepth(depthLimit_);
   open_.push_back(values);
 }
 
-void FrameSplitter::valueDone() {
+inline void FrameSplitter::valueDone() {
   while (!open_.empty() && --open_.back() == 0) open_.pop_back();
 }
 
@@ -89,9 +103,7 @@ std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
     const Header header = read(bytes.subspan(position_));
     if (header.size > bytes.size() - position_) return 0;
     position_ += header.size;
-    if (++values_ + header.values > valueLimit_) {
-      throw ProtocolError(fmt::format("a message of more than {} values", valueLimit_));
-    }
+    if (++values_ + header.values > valueLimit_) refuseValues(valueLimit_);
     // Each value takes a byte at least, so that a declared count is bounded like a declared size.
     require(header.content + header.values);
     tail_ = {position_, header.isText || header.isBinary ? header.content : 0, header.isText};

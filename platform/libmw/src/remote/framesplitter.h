@@ -65,6 +65,7 @@ class HX_API FrameSplitter {
     bool isBinary = false;
   };
   static Header read(std::span<const std::byte> bytes);
+  static Header readLong(std::span<const std::byte> bytes);
   void require(std::uint64_t more) const;
   void enter(std::uint64_t values);
   void valueDone();

@@ -163,6 +163,10 @@ bool Link::writeValue(Writer& out, const AnyReference& value, ObjectTable::Menti
     return true;
   }
   if (const auto* plain = content.getIf<HX::HXValue>()) return write(*plain);
+  if (const auto* text = content.getIf<std::string>(); text && text->size() < kLongContent) {
+    out.text(*text);  // The most frequent of arguments needs no value made of it.
+    return true;
+  }
   if (content.type()->toObject) {
     objects_.write(out, content.type()->toObject(content.data()), *this, mention);
     return false;

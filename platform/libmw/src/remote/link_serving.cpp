@@ -135,23 +135,25 @@ void Link::answer(const std::shared_ptr<Incoming>& call, const Future<AnyValue>&
     return;
   }
   Draft draft(objects_, MessageType::Response);
-  const auto write = [&](const HX::HXValue& error, const AnyReference& value) {
+  const auto fail = [&](const std::exception_ptr& error) {
     draft.out.number(*call->id);
-    draft.out.value(error);
-    writeValue(draft.out, value, draft.mention, true);
-    requireSendable(draft.message, "the result");
+    draft.out.value(toValue(error));
+    draft.out.nil();
+    requireSendable(draft.message, "the error");
   };
   try {
     if (result.hasValue()) {
-      write({}, AnyReference::of(result.value()));
+      draft.out.number(*call->id);
+      draft.out.nil();
+      writeValue(draft.out, AnyReference::of(result.value()), draft.mention, true);
+      requireSendable(draft.message, "the result");
     } else {
-      write(toValue(result.isCanceled() ? std::make_exception_ptr(std::runtime_error("the call was canceled"))
-                                        : result.exception()),
-            {});
+      fail(result.isCanceled() ? std::make_exception_ptr(std::runtime_error("the call was canceled"))
+                               : result.exception());
     }
   } catch (...) {
     draft.beginAnew();
-    write(toValue(std::current_exception()), {});
+    fail(std::current_exception());
   }
   channel_->send(draft.message, when);
   draft.mention.sent();

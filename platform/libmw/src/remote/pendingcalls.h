@@ -22,7 +22,9 @@ class PendingCalls {
     if (2 * (count_ + 1) > slots_.size()) resize(2 * slots_.size());
     do ++last_;
     while (last_ == 0 || slotOf(last_).call);
-    slotOf(last_) = {last_, std::move(call)};
+    Slot& slot = slotOf(last_);
+    slot.number = last_;
+    slot.call.emplace(std::move(call));
     ++count_;
     return last_;
   }

@@ -205,10 +205,8 @@ void Writer::extension(Extension type, std::span<const std::byte> content) {
 void Writer::value(const HX::HXValue& value) { HX::appendMsgpack(out_, value); }
 
 bool Writer::lastValue(const HX::HXValue& value) {
-  // What is shorter costs less to copy than to send as a part of its own.
-  constexpr std::size_t kLong = std::size_t{32} << 10;
   const std::size_t size = value.isString() ? value.asString().size() : value.isBinary() ? value.asBinary().size() : 0;
-  if (!last_ || size < kLong || !std::in_range<std::uint32_t>(size)) {
+  if (!last_ || size < kLongContent || !std::in_range<std::uint32_t>(size)) {
     this->value(value);
     return true;
   }

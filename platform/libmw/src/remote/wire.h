@@ -16,6 +16,10 @@ namespace mw::remote {
 
 using Bytes = std::vector<std::byte>;
 
+/// From this size on a text or binary at the end of a message is not copied into it: what is shorter costs less to copy
+/// than to send as a part of its own.
+inline constexpr std::size_t kLongContent = std::size_t{32} << 10;
+
 /// A message to be sent. A long text or binary at its end is not copied: the message shares it with the value.
 struct HX_API Message {
   Bytes bytes;
