@@ -1,6 +1,7 @@
 #include "codemap.h"
 #include "loading.h"
 #include "modulelibrary.h"
+#include "viewclient.h"
 
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/hxbrokermanager.h>
@@ -236,6 +237,7 @@ void HXBroker::shutdown() {
     if (std::exchange(shutDown_, true)) return;
   }
   while (auto last = lastModule()) exitModule(std::move(last));
+  ViewClient::leave(weak_from_this());
   session_->close();
   closeLibraries();
 }

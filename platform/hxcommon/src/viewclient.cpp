@@ -28,19 +28,25 @@ std::size_t sizeAt(const HXValue& place, const char* name, std::size_t most) {
   throw std::runtime_error(fmt::format("a view whose {} is {}", name, number));
 }
 
+struct ViewClients {
+  static ViewClients& instance() {
+    static auto* const the = new ViewClients;  // Never destroyed: views may be statics, too.
+    return *the;
+  }
+
+  Mutex mutex;
+  std::map<std::weak_ptr<HXBroker>, std::weak_ptr<ViewClient>, std::owner_less<>> clients HX_GUARDED_BY(mutex);
+};
+
 }  // namespace
 
 std::shared_ptr<ViewClient> ViewClient::of(const std::shared_ptr<HXBroker>& broker) {
-  struct Known {
-    Mutex mutex;
-    std::map<std::weak_ptr<HXBroker>, std::weak_ptr<ViewClient>, std::owner_less<>> clients HX_GUARDED_BY(mutex);
-  };
-  static Known* const known = new Known;  // Never destroyed: views may be statics, too.
+  ViewClients& known = ViewClients::instance();
   std::shared_ptr<ViewClient> client;
   {
-    const MutexLock lock(known->mutex);
-    std::erase_if(known->clients, [](const auto& one) { return one.first.expired(); });
-    auto& found = known->clients[broker];
+    const MutexLock lock(known.mutex);
+    std::erase_if(known.clients, [](const auto& one) { return one.first.expired(); });
+    auto& found = known.clients[broker];
     client = found.lock();
     if (client) return client;
     client = std::make_shared<ViewClient>(broker);
@@ -48,6 +54,16 @@ std::shared_ptr<ViewClient> ViewClient::of(const std::shared_ptr<HXBroker>& brok
   }
   client->listen();
   return client;
+}
+
+void ViewClient::leave(const std::weak_ptr<HXBroker>& broker) {
+  ViewClients& known = ViewClients::instance();
+  std::shared_ptr<ViewClient> client;
+  {
+    const MutexLock lock(known.mutex);
+    if (const auto found = known.clients.find(broker); found != known.clients.end()) client = found->second.lock();
+  }
+  if (client) client->onService(false);
 }
 
 ViewClient::ViewClient(const std::shared_ptr<HXBroker>& broker) : broker_(broker) {}

@@ -29,6 +29,10 @@ class ViewClient : public std::enable_shared_from_this<ViewClient> {
   /// The one of a broker, made when there is none.
   static std::shared_ptr<ViewClient> of(const std::shared_ptr<HXBroker>& broker);
 
+  /// Ends the views of a broker that leaves, of which no notice tells: who waits by one wakes up, and reads that it is
+  /// disconnected.
+  static void leave(const std::weak_ptr<HXBroker>& broker);
+
   explicit ViewClient(const std::shared_ptr<HXBroker>& broker);
   ViewClient(const ViewClient&) = delete;
   ViewClient& operator=(const ViewClient&) = delete;

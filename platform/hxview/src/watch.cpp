@@ -48,7 +48,14 @@ bool Watch::wait(std::uint64_t revision, std::chrono::milliseconds limit) {
   const Word& sequence = place_->sequence();
   if (sequence.load(std::memory_order_acquire) > revision) return true;
   if (!bell_ || bellStanding_ != standing_) {
-    bell_ = opened_->newBell();
+    try {
+      bell_ = opened_->newBell();
+    } catch (const std::exception&) {
+      // Perhaps the broker has gone just now, and the word of it is still on its way.
+      opened_->waitForChange(standing_, std::min<std::chrono::nanoseconds>(limit, std::chrono::seconds(1)));
+      if (hasMoved()) return true;
+      throw;
+    }
     bellStanding_ = standing_;
   }
   const auto until = std::chrono::steady_clock::now() + limit;

@@ -214,6 +214,17 @@ TEST_P(ViewingAgain, SaysWhenTheServiceHasEndedAndIsBack) {
   EXPECT_EQ(view.read().value(), 2);
 }
 
+TEST_P(ViewingAgain, EndsWhenItsOwnBrokerIsShutDown) {
+  auto view = proxy_->view<int>("Key");
+  const auto revision = view.read().revision;
+  std::atomic<bool> isAwake = false;
+  std::thread waiting([&isAwake, revision, waits = view]() mutable { isAwake = waits.wait(revision, 60s); });
+  viewersBroker_->shutdown();
+  waiting.join();
+  EXPECT_TRUE(isAwake);
+  EXPECT_EQ(stateOf(view), State::Disconnected);
+}
+
 INSTANTIATE_TEST_SUITE_P(Places, ViewingAgain, testing::Values(From::Elsewhere));
 INSTANTIATE_TEST_SUITE_P(Places, Viewing, testing::Values(From::Here, From::Elsewhere),
                          [](const auto& one) { return one.param == From::Here ? "Here" : "Elsewhere"; });
