@@ -18,18 +18,20 @@ from ._following import Change, Follow, Watch
 from ._future import Future
 from ._hosting import Host, Module, method, on, signal
 from ._object import Method, Object, Signal
-from ._robot import KeyInfo, Robot, connect
+from ._robot import Explanation, KeyInfo, Robot, connect
 from ._state import callbacks as _callbacks
 from ._values import Float32, Int64
+from ._views import Seen, Stream, View, ViewState
 
 __all__ = [
-    "CallError", "Cancelled", "Change", "Error", "Float32", "Follow", "Future", "Host", "Int64", "KeyInfo", "Method",
-    "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Signal", "Timeout", "Watch", "connect",
-    "method", "on", "signal",
+    "CallError", "Cancelled", "Change", "Error", "Explanation", "Float32", "Follow", "Future", "Host", "Int64", "KeyInfo",
+    "Method", "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Seen", "Signal", "Stream",
+    "Timeout", "View", "ViewState", "Watch", "connect", "method", "on", "signal",
 ]
 
 _native.install({
     "Float32": Float32, "Int64": Int64, "Object": Object, "Change": Change, "callbacks": _callbacks,
+    "view_states": tuple(ViewState),
     "error_of": error_of, "fields_of": fields_of,
 })
 _atexit.register(_native.end)

@@ -3,20 +3,22 @@
 import sys
 from collections import namedtuple as _namedtuple
 
-_FIELDS = ("key", "value", "old", "time", "writer", "lost", "what")
+_FIELDS = ("key", "value", "old", "time", "writer", "lost", "what", "position")
 
 
 class Change(_namedtuple("Change", _FIELDS)):
     """A change of one key.
 
-    key     its name
-    value   what it is now; None for one that was removed
-    old     what it was before; None where that is not known
-    time    seconds since the epoch, by the clock of the memory's machine
-    writer  who wrote it, as far as it is known
-    lost    how many changes of it were missed since the one told before
-    what    "stored", "raised", "raised micro", "declared", "described", "removed"; "state" for one that tells how things
-            stand, at the beginning with `snapshot=True`, or where changes were missed
+    key       its name
+    value     what it is now; None for one that was removed
+    old       what it was before; None where that is not known
+    time      seconds since the epoch, by the clock of the memory's machine
+    writer    who wrote it, as far as it is known
+    lost      how many changes of it were missed since the one told before
+    what      "stored", "raised", "raised micro", "declared", "described", "removed"; "state" for one that tells how things
+              stand, at the beginning with `snapshot=True`, or where changes were missed
+    position  where to go on later, as `since=` of `follow`: a pair of numbers; None before the first snapshot is over, and
+              with `rate=`, which tells changes out of their order
     """
 
     __slots__ = ()

@@ -9,6 +9,7 @@ from ._errors import Error, NoSuchKey, NoSuchService, NotConnected, did_you_mean
 from ._following import Follow, Watch
 from ._hosting import Host
 from ._object import Object, on_loop
+from ._views import Stream, View
 
 
 def connect(name=None, timeout=None):
@@ -130,6 +131,14 @@ class Robot(_MutableMapping):
         """Says of a key what it is, for `info` and for people."""
         self._call("setDescription", key, description)
 
+    def explain(self, key):
+        """All there is to know of a key: its value, who wrote it when and how often, who is subscribed and how fast, what is
+        odd. An `Explanation`: a dict that is shown as a table."""
+        try:
+            return Explanation(self.service("HXJournal").explain(key))
+        except Error as error:
+            raise self._explained(error, key) from None
+
     def table(self, prefix=""):
         """Keys and values as a table, for a terminal and for notebooks."""
         return Table(self.items(prefix))
@@ -148,16 +157,20 @@ class Robot(_MutableMapping):
         return [(seconds + microseconds / 1e6, value)
                 for value, seconds, microseconds in self._call("getEventHistory", key) or []]
 
-    def follow(self, *keys, timeout=None, rate=0, snapshot=False, capacity=100_000):
+    def follow(self, *keys, timeout=None, rate=0, snapshot=False, since=None, capacity=100_000):
         """Changes as they come: `for change in robot.follow("Arm/", "Door")`, or `async for`. See `Follow`, `Change`.
 
         keys      what to follow: a key; with `/` at its end all that begin so, with `*` and `?` a pattern. None: everything.
         timeout   ends it when nothing has changed for so many seconds
         rate      at most so many changes of each key a second, the latest
         snapshot  begin with what there is
+        since     begin with what has changed since then, as far back as the journal goes: the `position` of a change that was
+                  taken before, also by another program; or a time, in seconds since the epoch or as a `datetime`. Where the
+                  journal has no longer all of it, how things stand is told first ("state").
         capacity  so many changes are kept for who does not take them; then the oldest go
         """
-        wanted = {"patterns": keys, "rate": rate, "snapshot": snapshot, "capacity": capacity}
+        wanted = {"patterns": keys, "rate": rate, "snapshot": snapshot, "since": _place(since),
+                  "capacity": capacity}
         return Follow(self, self._native.follow(wanted), timeout)
 
     def on(self, *keys, rate=0):
@@ -170,6 +183,27 @@ class Robot(_MutableMapping):
         if not callable(callback):
             raise TypeError("the last argument is what to call")
         return Watch(self.follow(*keys, rate=rate), on_loop(callback), ", ".join(keys) or "everything")
+
+    # --- Views ------------------------------------------------------------------------------------------------------
+
+    def view(self, key, capacity=4096, alive_within=0.1):
+        """A key to be read at the speed of memory, without a call: `robot.view("Arm/Speed").read()`. See `View`.
+
+        key           whether it is there or not
+        capacity      bytes of the largest value: of a list or a dict, those of its MessagePack
+        alive_within  how soon, in seconds, to know that the broker does not run any more although it has not ended
+        """
+        return View(self._native.view(key, capacity, alive_within), key)
+
+    def stream(self, key, depth=1024, timeout=None, capacity=4096, alive_within=0.1):
+        """Every value that is written under a key from now on, the present one first. See `Stream`.
+
+        depth    how many values are kept for who reads late; what is written in 20 milliseconds at least
+        timeout  ends the iteration when nothing has come for so many seconds
+
+        The others are those of `view`.
+        """
+        return Stream(self, self._native.stream(key, depth, capacity, alive_within), key, timeout)
 
     # --- Services -----------------------------------------------------------------------------------------------------
 
@@ -242,11 +276,42 @@ class Table:
         self._items = items
 
     def __repr__(self):
-        width = max((len(key) for key, _ in self._items), default=0)
-        return "\n".join(f"{key:<{width}}  {value!r}" for key, value in self._items) or "no keys"
+        return _as_text(self._items) or "no keys"
 
     def _repr_html_(self):
-        from html import escape
+        return _as_html(self._items)
 
-        rows = "".join(f"<tr><td>{escape(key)}</td><td>{escape(repr(value))}</td></tr>" for key, value in self._items)
-        return f"<table><tr><th>key</th><th>value</th></tr>{rows}</table>"
+
+class Explanation(dict):
+    """What there is to know of a key, by name. Times are in microseconds since the epoch, durations in seconds."""
+
+    def __repr__(self):
+        return _as_text(self.items())
+
+    def _repr_html_(self):
+        return _as_html(self.items())
+
+
+def _as_text(items):
+    width = max((len(key) for key, _ in items), default=0)
+    return "\n".join(f"{key:<{width}}  {value!r}" for key, value in items)
+
+
+def _as_html(items):
+    from html import escape
+
+    rows = "".join(f"<tr><td>{escape(key)}</td><td>{escape(repr(value))}</td></tr>" for key, value in items)
+    return f"<table><tr><th>key</th><th>value</th></tr>{rows}</table>"
+
+
+def _place(since):
+    """What the extension takes: None, a pair of numbers, or seconds since the epoch."""
+    if since is None:
+        return None
+    if isinstance(since, (tuple, list)) and len(since) == 2 and all(isinstance(one, int) and one >= 0 for one in since):
+        return tuple(since)
+    if isinstance(since, (int, float)) and not isinstance(since, bool):
+        return float(since)
+    if hasattr(since, "timestamp"):
+        return since.timestamp()
+    raise TypeError(f"since= is the position of a change, or a time: seconds since the epoch or a datetime, not {since!r}")

@@ -7,8 +7,9 @@
 #include <libmw/remoteerror.h>
 #include <libmw/session.h>
 
+#include <algorithm>
 #include <atomic>
-#include <functional>
+#include <pybind11/stl.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -39,20 +40,26 @@ class Connection::Joined {
     return own_;
   }
 
-  /// Has something done before the connection is closed.
-  void atClose(std::function<void()> function) {
-    const std::lock_guard lock(mutex_);
-    atClose_.push_back(std::move(function));
+  /// Ends it before the connection is closed; at once when that is so.
+  void endWithThis(const std::shared_ptr<Endable>& one) {
+    {
+      const std::lock_guard lock(mutex_);
+      std::erase_if(ending_, [](const auto& known) { return known.expired(); });
+      ending_.push_back(one);
+    }
+    if (closed_) one->end();
   }
 
   void close() {
     if (closed_.exchange(true)) return;
-    std::vector<std::function<void()>> functions;
+    std::vector<std::weak_ptr<Endable>> all;
     {
       const std::lock_guard lock(mutex_);
-      functions.swap(atClose_);
+      all.swap(ending_);
     }
-    for (const auto& function : functions) function();
+    for (const auto& weak : all) {
+      if (const auto one = weak.lock()) one->end();
+    }
     own_->session()->connectionLost.disconnectAll();
     own_->session()->connectionRestored.disconnectAll();
     own_->shutdown();
@@ -70,9 +77,9 @@ class Connection::Joined {
   }
 
   const std::shared_ptr<HX::HXBroker> own_;
-  mutable std::mutex mutex_;  // Guards `client_`, which goes without it, and `atClose_`.
+  mutable std::mutex mutex_;  // Guards `client_`, which goes without it, and `ending_`.
   std::unique_ptr<mw::LocalClient> client_;
-  std::vector<std::function<void()>> atClose_;
+  std::vector<std::weak_ptr<Endable>> ending_;
   const std::string name_;
   std::atomic<bool> closed_{false};
 };
@@ -96,6 +103,13 @@ struct All {
   std::mutex mutex;  // Guards `ones`.
   std::vector<std::weak_ptr<T>> ones;
 };
+
+/// @param seconds  Since the epoch; what lies beyond all times is the nearest one.
+HX::journal::TimePoint timeOf(double seconds) {
+  constexpr double kLatest = 9e9;  // Nanoseconds have 64 bits.
+  const std::chrono::duration<double> time(seconds > 0 ? std::min(seconds, kLatest) : 0.0);
+  return HX::journal::TimePoint(std::chrono::duration_cast<std::chrono::nanoseconds>(time));
+}
 
 }  // namespace
 
@@ -179,9 +193,36 @@ std::unique_ptr<Follower, Release> Connection::follow(const py::dict& wanted) co
   what.rate = wanted["rate"].cast<double>();
   what.snapshot = wanted["snapshot"].cast<bool>();
   what.capacity = wanted["capacity"].cast<std::size_t>();
+  const py::object since = wanted["since"];
+  std::optional<HX::journal::TimePoint> from;
+  if (py::isinstance<py::float_>(since)) {
+    from = timeOf(since.cast<double>());
+  } else if (!since.is_none()) {
+    const auto [epoch, revision] = since.cast<std::pair<std::uint64_t, std::uint64_t>>();
+    what.since = HX::journal::Position{epoch, revision};
+  }
   return withoutGil([&] {
+    if (from) what.since = HX::changesAt(joined_->own(), *from);
     std::unique_ptr<Follower, Release> made(new Follower(joined_->own(), what));
-    joined_->atClose(made->ending());
+    joined_->endWithThis(made->ending());
+    return made;
+  });
+}
+
+std::unique_ptr<NativeView, Release> Connection::view(const std::string& key, std::size_t capacity,
+                                                      double aliveWithin) const {
+  requireUsable();
+  return withoutGil([&] {
+    return std::unique_ptr<NativeView, Release>(new NativeView(joined_->own(), {key, capacity, aliveWithin}));
+  });
+}
+
+std::unique_ptr<NativeStream, Release> Connection::stream(const std::string& key, std::size_t depth,
+                                                          std::size_t capacity, double aliveWithin) const {
+  requireUsable();
+  return withoutGil([&] {
+    std::unique_ptr<NativeStream, Release> made(new NativeStream(joined_->own(), {key, capacity, aliveWithin}, depth));
+    joined_->endWithThis(made->ending());
     return made;
   });
 }

@@ -3,6 +3,7 @@
 #include "follower.h"
 #include "hosting.h"
 #include "object.h"
+#include "viewer.h"
 
 #include <libmw/local.h>
 
@@ -38,6 +39,13 @@ class Connection {
 
   std::unique_ptr<HostedModule, Release> host(const py::dict& description) const;
   std::unique_ptr<Follower, Release> follow(const py::dict& wanted) const;
+
+  /// @param capacity     Bytes of the largest value.
+  /// @param aliveWithin  How soon a broker that does not run any more is noticed, in seconds.
+  std::unique_ptr<NativeView, Release> view(const std::string& key, std::size_t capacity, double aliveWithin) const;
+  /// @param depth  How many values are kept for who reads late.
+  std::unique_ptr<NativeStream, Release> stream(const std::string& key, std::size_t depth, std::size_t capacity,
+                                                double aliveWithin) const;
 
   /// Hosted modules leave, calls fail, followers end. May be repeated.
   void close() const;

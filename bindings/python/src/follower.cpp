@@ -27,6 +27,7 @@ struct Told {
   std::string author;
   std::uint64_t lost;
   const char* what;
+  std::optional<journal::Position> position;  ///< Where to go on when everything up to here has been taken.
 };
 
 const char* nameOf(const journal::Change& change) {
@@ -50,21 +51,29 @@ const char* nameOf(const journal::Change& change) {
 
 py::object changeFrom(const Told& told) {
   const double seconds = std::chrono::duration<double>(told.time.time_since_epoch()).count();
+  const py::object position = told.position ? py::object(py::make_tuple(told.position->epoch, told.position->revision))
+                                            : py::object(py::none());
   return callPython(Kinds::instance().change, toPython(HX::HXValue(told.key)), toPython(told.value), toPython(told.old),
-                    seconds, toPython(HX::HXValue(told.author)), told.lost, told.what);
+                    seconds, toPython(HX::HXValue(told.author)), told.lost, told.what, position);
 }
 
 }  // namespace
 
 /// Filled on the event loop, emptied by the program.
-class Follower::Queue {
+class Follower::Queue : public Endable {
  public:
-  Queue(std::size_t capacity, bool snapshot) : capacity_(std::max<std::size_t>(1, capacity)), snapshot_(snapshot) {
+  explicit Queue(const Wanted& wanted)
+      : capacity_(std::max<std::size_t>(1, wanted.capacity)),
+        snapshot_(wanted.snapshot),
+        hasPositions_(wanted.rate <= 0),  // A rate keeps back what lies before what it tells.
+        isFirst_(!wanted.since),
+        isWalking_(!wanted.since),
+        place_(wanted.since) {
     if (file_ < 0) throw std::runtime_error("no file for the changes that are followed: too many are open");
   }
   Queue(const Queue&) = delete;
   Queue& operator=(const Queue&) = delete;
-  ~Queue() { ::close(file_); }
+  ~Queue() override { ::close(file_); }
 
   void add(const journal::Change& change) {
     const std::lock_guard lock(mutex_);
@@ -73,19 +82,33 @@ class Follower::Queue {
     const std::uint64_t missed = missedLocked(change, known);
     HX::HXValue old = std::exchange(known.value, change.what == journal::What::Described ? known.value : change.value);
     if (change.nth != 0) known.nth = change.nth;
+    known.isThere = true;
+    if (!isWalking_ && !change.isState && hasPositions_) place_ = change.at;
     if (isTold) {
       tellLocked({std::string(change.key), change.value, std::move(old), change.time, std::string(change.author),
-                  missed, nameOf(change)});
+                  missed, nameOf(change), place_});
     }
     if (change.what == journal::What::Removed) known_.erase(std::string(change.key));
   }
 
-  void completed() {
+  /// Changes were missed, and how things stand is told instead.
+  void missed(const journal::Gap& gap) {
     const std::lock_guard lock(mutex_);
-    isFirst_ = false;
+    isWalking_ = true;
+    if (!gap.full) return;
+    for (auto& [key, state] : known_) state.isThere = false;
   }
 
-  void end() {
+  void completed(journal::Position place) {
+    const std::lock_guard lock(mutex_);
+    tellRemovalsLocked();
+    isFirst_ = isWalking_ = false;
+    if (!hasPositions_) return;
+    place_ = place;
+    if (!told_.empty()) told_.back().position = place;
+  }
+
+  void end() override {
     const std::lock_guard lock(mutex_);
     ended_ = true;
     ready_.notify_all();
@@ -121,6 +144,7 @@ class Follower::Queue {
   struct State {
     HX::HXValue value;
     std::uint32_t nth = 0;
+    bool isThere = true;  ///< Unless keys are being told anew, and this has not been.
   };
 
   /// The first snapshot tells what is there, and later ones what was missed.
@@ -133,6 +157,25 @@ class Follower::Queue {
     if (known.nth == 0 || change.nth <= known.nth) return 0;
     const std::uint64_t between = change.nth - known.nth - 1;
     return between - std::min<std::uint64_t>(between, change.leftOut);
+  }
+
+  /// What was not told when all keys were told anew has gone meanwhile; when, nobody knows.
+  void tellRemovalsLocked() {
+    for (auto entry = known_.begin(); entry != known_.end();) {
+      if (entry->second.isThere) {
+        ++entry;
+        continue;
+      }
+      tellLocked({entry->first,
+                  {},
+                  std::move(entry->second.value),
+                  std::chrono::system_clock::now(),
+                  {},
+                  0,
+                  "removed",
+                  place_});
+      entry = known_.erase(entry);
+    }
   }
 
   void tellLocked(Told told) {
@@ -154,23 +197,28 @@ class Follower::Queue {
 
   const std::size_t capacity_;
   const bool snapshot_;
+  const bool hasPositions_;
   const int file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   std::mutex mutex_;  // Guards everything below.
   std::condition_variable ready_;
   std::deque<Told> told_;
   std::map<std::string, State, std::less<>> known_;
-  bool isFirst_ = true;
+  bool isFirst_;
+  bool isWalking_;  ///< The places of changes do not say yet where to go on.
+  std::optional<journal::Position> place_;
   bool ended_ = false;
   bool signalled_ = false;
 };
 
 Follower::Follower(const std::shared_ptr<HX::HXBroker>& broker, const Wanted& wanted)
-    : queue_(std::make_shared<Queue>(wanted.capacity, wanted.snapshot)) {
+    : queue_(std::make_shared<Queue>(wanted)) {
   journal::FollowOptions options;
+  options.since = wanted.since;
   options.rate = wanted.rate;
   // Also where it is not told: it makes known what a key was before.
   options.snapshot = true;
-  options.onComplete = [queue = queue_](journal::Position) { queue->completed(); };
+  options.onComplete = [queue = queue_](journal::Position place) { queue->completed(place); };
+  options.onGap = [queue = queue_](const journal::Gap& gap) { queue->missed(gap); };
   follow_ = HX::follow(
       broker, journal::Filter(wanted.patterns), [queue = queue_](const journal::Change& change) { queue->add(change); },
       std::move(options));
@@ -190,11 +238,7 @@ py::object Follower::take(std::optional<double> limit) {
   return changes;
 }
 
-std::function<void()> Follower::ending() const {
-  return [weak = std::weak_ptr(queue_)] {
-    if (const auto queue = weak.lock()) queue->end();
-  };
-}
+std::shared_ptr<Endable> Follower::ending() const { return queue_; }
 
 int Follower::file() const { return queue_->file(); }
 

@@ -5,7 +5,6 @@
 #include <hxcommon/feed.h>
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,10 +14,11 @@ namespace korvo::python {
 
 /// What a program wants to follow.
 struct Wanted {
-  std::vector<std::string> patterns;  ///< Keys, prefixes, globs; none: everything.
-  double rate = 0;                    ///< At most so many changes of a key a second; 0: every one.
-  bool snapshot = false;              ///< Begin with the states of all keys.
-  std::size_t capacity = 0;           ///< So many changes wait for the program; then the oldest go.
+  std::vector<std::string> patterns;           ///< Keys, prefixes, globs; none: everything.
+  double rate = 0;                             ///< At most so many changes of a key a second; 0: every one.
+  bool snapshot = false;                       ///< Begin with the states of all keys.
+  std::optional<HX::journal::Position> since;  ///< Go on after this place.
+  std::size_t capacity = 0;                    ///< So many changes wait for the program; then the oldest go.
 };
 
 /// Changes of the memory for a program that takes them when it likes. They come by the journal, without the GIL; after
@@ -39,8 +39,8 @@ class Follower {
   int file() const;
   /// Wakes whoever waits.
   void end();
-  /// What does that without the GIL, and without the follower.
-  std::function<void()> ending() const;
+  /// What does that when the robot is closed.
+  std::shared_ptr<Endable> ending() const;
 
  private:
   class Queue;

@@ -118,6 +118,17 @@ py::object callPython(const py::object& callable, Arguments&&... arguments) {
 void endInterpreter(const std::function<void()>& closeAll);
 bool isEnding() noexcept;
 
+/// What waits for more, and is to stop waiting when its connection is closed.
+class Endable {
+ public:
+  Endable() = default;
+  Endable(const Endable&) = delete;
+  Endable& operator=(const Endable&) = delete;
+  virtual ~Endable() = default;
+  /// Without the GIL.
+  virtual void end() = 0;
+};
+
 /// Lets go of what a Python object holds: without the GIL, since that may wait for callbacks, and not at all in a
 /// forked child, where it would speak on its parent's connections.
 struct Release {

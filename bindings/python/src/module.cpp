@@ -6,6 +6,7 @@
 #include "interpreter.h"
 #include "object.h"
 #include "values.h"
+#include "viewer.h"
 
 #include <libmw/local.h>
 
@@ -24,6 +25,7 @@ void install(const py::dict& kinds) {
   all.int64 = kinds["Int64"];
   all.object = kinds["Object"];
   all.change = kinds["Change"];
+  all.viewStates = py::tuple(kinds["view_states"]);
   all.callbacks = kinds["callbacks"];
   all.errorOf = kinds["error_of"];
   all.fieldsOf = kinds["fields_of"];
@@ -70,6 +72,34 @@ PYBIND11_MODULE(_native, native) {
       .def("file", &Follower::file)
       .def("end", &Follower::end);
 
+  py::class_<SeenValue>(
+      native, "Seen",
+      R"(What a view or a stream saw. It unpacks as `value, age, revision, state`, the value None where there is none.)")
+      .def_property_readonly("value", &SeenValue::value, "The value. Raises what the state says, unless it is PRESENT.")
+      .def_property_readonly("last", &SeenValue::last,
+                             "What was seen last, whatever has become of it, for display; None when there was nothing.")
+      .def_property_readonly("state", &SeenValue::state, "A `ViewState`.")
+      .def_property_readonly("revision", &SeenValue::revision,
+                             "Rises with every write of the key; begins anew with a broker that was restarted.")
+      .def_property_readonly("age", &SeenValue::age,
+                             "How many seconds ago it was written, asked for now; or since when there is no value.")
+      .def_property_readonly("is_reconnected", &SeenValue::isReconnected,
+                             "Whether the broker went and came back since what was seen before.")
+      .def("is_fresh", &SeenValue::isFresh, arg("limit"),
+           "Whether there is a value, no older than `limit` seconds now, and the broker runs that would have written a "
+           "newer one.")
+      .def("__iter__", &SeenValue::parts)
+      .def("__repr__", &SeenValue::text);
+
+  py::class_<NativeView, Held<NativeView>>(native, "View")
+      .def("read", &NativeView::read)
+      .def("alive", &NativeView::isAlive, arg("limit"))
+      .def("wait", &NativeView::wait, arg("revision"), arg("timeout"));
+
+  py::class_<NativeStream, Held<NativeStream>>(native, "Stream")
+      .def("next", &NativeStream::next, arg("timeout"))
+      .def_property_readonly("lost", &NativeStream::lost);
+
   py::class_<Connection, Held<Connection>>(native, "Connection")
       .def(py::init([](const std::string& broker) { return Held<Connection>(new Connection(broker)); }), arg("broker"))
       .def_property_readonly("broker", &Connection::broker)
@@ -79,5 +109,7 @@ PYBIND11_MODULE(_native, native) {
       .def("notify", &Connection::notify, arg("callback"))
       .def("host", &Connection::host, arg("description"))
       .def("follow", &Connection::follow, arg("wanted"))
+      .def("view", &Connection::view, arg("key"), arg("capacity"), arg("alive_within"))
+      .def("stream", &Connection::stream, arg("key"), arg("depth"), arg("capacity"), arg("alive_within"))
       .def("close", &Connection::close);
 }

@@ -20,11 +20,12 @@ namespace py = pybind11;
 struct Kinds {
   py::object float32;
   py::object int64;
-  py::object object;    ///< Makes the handle that users see of a native one.
-  py::object change;    ///< Called with the fields of a change.
-  py::dict callbacks;   ///< By the number that C++ knows them by.
-  py::object errorOf;   ///< Makes an exception of (family, text, module, method, file, line).
-  py::object fieldsOf;  ///< Of an exception that a callback raised: what `errorOf` takes.
+  py::object object;      ///< Makes the handle that users see of a native one.
+  py::object change;      ///< Called with the fields of a change.
+  py::object viewStates;  ///< A tuple of what `HX::view::State` numbers.
+  py::dict callbacks;     ///< By the number that C++ knows them by.
+  py::object errorOf;     ///< Makes an exception of (family, text, module, method, file, line).
+  py::object fieldsOf;    ///< Of an exception that a callback raised: what `errorOf` takes.
 
   static Kinds& instance();
 };

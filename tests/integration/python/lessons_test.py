@@ -78,7 +78,7 @@ class Types(unittest.TestCase):
                 own = {member for member in vars(kind) if not member.startswith("_")}
                 documented = {one for base in kind.__mro__ if base.__module__.startswith("korvo")
                               for one in stated.get(base.__name__, ())} | {"stop"}
-                fields = set(getattr(kind, "_fields", ())) | {"robot"}
+                fields = {*getattr(kind, "_fields", ()), *getattr(kind, "__members__", ()), "robot"}
                 self.assertLessEqual(own - fields, documented, name)
             self.assertTrue(kind.__doc__, name)
 

@@ -3,6 +3,7 @@
 
 import asyncio
 import contextlib
+import datetime
 import logging
 import pydoc
 import threading
@@ -232,11 +233,93 @@ class Following(Package):
 
         self.assertEqual(asyncio.run(main()), list(range(5)))
 
+    def test_goes_on_where_another_one_was(self):
+        with self.robot.follow("Since/") as follow:
+            for value in range(5):
+                self.writer[f"Since/{value % 2}"] = value
+            first = []
+            while len(first) < 3:
+                first.append(next(follow))
+            with self.robot.follow("Since/", since=first[-1].position, timeout=30) as again:
+                self.assertEqual([change.value for _, change in zip(range(2), again)], [3, 4])
+            for since in (first[0].time, datetime.datetime.fromtimestamp(first[0].time)):
+                with self.robot.follow("Since/", since=since, timeout=30) as again:
+                    values = [change.value for _, change in zip(range(5), again)]
+                    self.assertEqual(values, [0, 1, 2, 3, 4])
+            # Of another memory: what there is stands for what was missed.
+            with self.robot.follow("Since/", since=(1, 1), timeout=30) as again:
+                told = sorted((change.key, change.value, change.what) for _, change in zip(range(2), again))
+                self.assertEqual(told, [("Since/0", 4, "state"), ("Since/1", 3, "state")])
+        for wrong in ("yesterday", (1,), (1, -1), True):
+            with self.assertRaisesRegex(TypeError, "since= is the position of a change, or a time"):
+                self.robot.follow(since=wrong)
+
     def test_ends_with_its_robot(self):
         robot = korvo.connect()
-        follow = robot.follow("Quiet")
-        threading.Timer(0.05, robot.close).start()
-        self.assertEqual(list(follow), [])
+        waiting = [robot.follow("Quiet"), robot.stream("Quiet")]
+        next(waiting[1])  # That there is nothing.
+        ended = [threading.Thread(target=list, args=[one]) for one in waiting]
+        for thread in ended:
+            thread.start()
+        robot.close()
+        for thread in ended:
+            thread.join(30)
+            self.assertFalse(thread.is_alive())
+
+
+class Views(Package):
+    def test_show_what_there_is_and_how_it_stands(self):
+        view = self.robot.view("View/Key", capacity=64)
+        seen = view.read()
+        self.assertEqual((seen.state, seen.last), (korvo.ViewState.ABSENT, None))
+        with self.assertRaisesRegex(korvo.Error, "no value in the view: the memory has no such key"):
+            seen.value
+        self.assertFalse(seen.is_fresh(3600))
+        for value in (0.5, 7, "text", b"bytes", [1.5, {"a": None}], {"x": True}, korvo.Float32(0.25)):
+            self.robot["View/Key"] = value
+            before, seen = seen, view.read()
+            self.assertEqual((seen.value, type(seen.value), seen.last), (value, type(value), value))
+            self.assertGreater(seen.revision, before.revision)
+            self.assertTrue(seen.is_fresh(3600))
+            self.assertFalse(seen.is_fresh(0))
+        value, age, revision, state = seen
+        self.assertEqual((value, revision, state), (seen.value, seen.revision, korvo.ViewState.PRESENT))
+        self.assertGreater(seen.age, age)
+        self.robot["View/Key"] = "x" * 65
+        self.assertEqual((view.read().state, view.read().last), (korvo.ViewState.TOO_LARGE, 0.25))
+        self.assertTrue(view.alive(3600))
+
+    def test_are_waited_for(self):
+        view = self.robot.view("View/Awaited")
+        revision = view.read().revision
+        self.assertFalse(view.wait(revision, timeout=0.01))
+        woken = []
+        thread = threading.Thread(target=lambda: woken.append(view.wait(revision, timeout=60)))
+        thread.start()
+        with self.assertRaisesRegex(korvo.Error, "another thread waits"):
+            for _ in iter(thread.is_alive, False):
+                view.read()
+        self.robot["View/Awaited"] = 1
+        thread.join()
+        self.assertEqual((woken, view.read().value), ([True], 1))
+
+    def test_streams_have_every_value_or_count_it(self):
+        whole, short = self.robot.stream("View/Whole", timeout=0.01), self.robot.stream("View/Short", depth=4)
+        for value in range(100):
+            self.robot.update({"View/Whole": value, "View/Short": value})
+        self.assertEqual(([seen.last for seen in whole], whole.lost), ([None, *range(100)], 0))
+        late = [seen.value for seen in short.take(30)]
+        self.assertEqual((late[-1], len(late) + short.lost), (99, 101))
+        self.assertGreater(short.lost, 0)
+
+    def test_explain_a_key(self):
+        self.robot["View/Explained"] = 1
+        told = self.robot.explain("View/Explained")
+        self.assertEqual((told["value"], told["kind"]), (1, "Data"))
+        self.assertIn("value ", repr(told))
+        self.assertIn("<td>kind</td>", told._repr_html_())
+        with self.assertRaisesRegex(korvo.NoSuchKey, "did you mean View/Explained"):
+            self.robot.explain("View/Explaind")
 
 
 class Services(Package):
@@ -460,14 +543,18 @@ class Connections(unittest.TestCase):
         robot = korvo.connect(timeout=30)
         self.addCleanup(robot.close)
         arm, notices = Arm(), []
-        follow = robot.follow("Arm/Event")
+        follow = robot.follow("Arm/Event", "Before")
+        view, stream = robot.view("Arm/Event"), robot.stream("Arm/Event")
+        next(stream)
         robot.on_notice(lambda kind, text: notices.append(kind))
         robot.host(arm, "Returning")
         robot["Before"] = 1
+        self.assertEqual(next(change.key for change in follow if change.what == "stored"), "Before")
         broker.kill()
         kit.until(lambda: not robot.connected)
         with self.assertRaises(korvo.NotConnected):
             robot["Before"]
+        kit.until(lambda: view.read().state is korvo.ViewState.DISCONNECTED)
         broker.start()
         kit.until(lambda: "restored" in notices)
         self.assertNotIn("Before", robot)
@@ -477,7 +564,14 @@ class Connections(unittest.TestCase):
             kit.until(lambda: "Returning" in self.subscribers(other))
             other.raise_event("Arm/Event", 1)
         self.assertEqual(arm.seen, [("Arm/Event", 1)])
-        self.assertEqual(next(change.value for change in follow if change.what == "raised"), 1)
+        told = []
+        while not told or told[-1].what != "raised":
+            told.append(next(follow))
+        self.assertEqual([(change.what, change.old) for change in told if change.key == "Before"], [("removed", 1)])
+        self.assertEqual(told[-1].value, 1)
+        seen = next(seen for seen in stream if seen.state is korvo.ViewState.PRESENT)
+        self.assertEqual(seen.value, 1)
+        self.assertEqual(view.read().value, 1)
 
     @staticmethod
     def subscribers(robot):
