@@ -23,7 +23,6 @@ class HXWeb : public HXModule {
  public:
   /// With the options that its settings say.
   /// @throws SettingsError for settings that are wrong.
-  /// @throws std::runtime_error as `WebOptions::check`.
   HXWeb(const std::shared_ptr<HXBroker>& broker, const std::string& name);
   ~HXWeb() override;
 

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <stdexcept>
 #include <utility>
 
 #include <fmt/format.h>
@@ -72,20 +71,24 @@ WebOptions WebOptions::from(const HXValue& values) {
 }
 
 void WebOptions::check() const {
-  if (certificate.empty() != key.empty()) throw std::runtime_error("certificate and key come together, or not at all");
+  std::vector<std::string> problems;
+  const auto require = [&](bool isRight, const std::string& problem) {
+    if (!isRight) problems.push_back("web." + problem);
+  };
+  require(certificate.empty() == key.empty(), "certificate: it comes with key, or not at all");
   for (const auto& [name, token] : {std::pair("view-token", &viewToken), std::pair("write-token", &writeToken)}) {
-    if (token->empty() || isToken(*token)) continue;
-    throw std::runtime_error(fmt::format("{}: a token has {} letters, digits, - and _, or more", name, kShortestToken));
+    require(token->empty() || isToken(*token),
+            fmt::format("{}: a token has {} letters, digits, - and _, or more", name, kShortestToken));
   }
-  if (!viewToken.empty() && viewToken == writeToken) {
-    throw std::runtime_error("view-token and write-token differ, or they would be one");
-  }
+  require(viewToken.empty() || viewToken != writeToken,
+          "write-token: it differs from view-token, or they would be one");
   for (const std::string& origin : allowedOrigins) {
-    if (isOrigin(origin)) continue;
-    throw std::runtime_error(fmt::format(
-        "allow-origins: an origin is scheme, host and port, as in https://viewer.example:8080, and {} is none",
-        origin));
+    require(isOrigin(origin),
+            fmt::format("allow-origins: an origin is scheme, host and port, as in https://viewer.example:8080, and {} "
+                        "is none",
+                        origin));
   }
+  if (!problems.empty()) throw SettingsError(std::move(problems));
 }
 
 bool WebOptions::needsToken() const { return allowWrite || !web::AccessOptions::isLoopback(bind); }

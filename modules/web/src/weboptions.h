@@ -26,9 +26,9 @@ struct WebOptions {
   /// What a module declares to be set to them.
   static std::vector<Setting> settings();
   /// @param values  Of all of `settings`, by their names.
-  /// @throws std::runtime_error as `check`.
+  /// @throws SettingsError as `check`.
   static WebOptions from(const HXValue& values);
-  /// @throws std::runtime_error for what contradicts itself, or would let in more than is meant.
+  /// @throws SettingsError for what contradicts itself, or would let in more than is meant: all of it at once.
   void check() const;
   /// Whether only those may look who know a token.
   bool needsToken() const;

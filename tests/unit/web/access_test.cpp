@@ -1,6 +1,10 @@
+#include <hxcommon/settings.h>
+
 #include <access/access.h>
 #include <map>
-#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
 #include <weboptions.h>
 
 #include <gtest/gtest.h>
@@ -155,15 +159,24 @@ TEST(WebOptions, RefuseWhatContradictsItself) {
   EXPECT_FALSE(options.needsToken());
   EXPECT_TRUE(optionsOf(HXValue::map({{"bind", "0.0.0.0"}})).needsToken());
   EXPECT_TRUE(optionsOf(HXValue::map({{"allow-write", true}})).needsToken());
-  const HXValue wrong[] = {
-      HXValue::map({{"view-token", "short"}}),
-      HXValue::map({{"view-token", "with;a;semicolon;in;it"}}),
-      HXValue::map({{"view-token", kView}, {"write-token", kView}}),
-      HXValue::map({{"certificate", "robot.pem"}}),
-      HXValue::map({{"allow-origins", HXValue::list({"*"})}}),
-      HXValue::map({{"allow-origins", HXValue::list({"https://viewer.example/"})}}),
+  const std::tuple<HXValue, std::vector<std::string>> wrong[] = {
+      {HXValue::map({{"view-token", "short"}}), {"web.view-token"}},
+      {HXValue::map({{"view-token", "with;a;semicolon;in;it"}}), {"web.view-token"}},
+      {HXValue::map({{"view-token", kView}, {"write-token", kView}}), {"web.write-token"}},
+      {HXValue::map({{"certificate", "robot.pem"}}), {"web.certificate"}},
+      {HXValue::map({{"allow-origins", HXValue::list({"https://viewer.example/"})}}), {"web.allow-origins"}},
+      {HXValue::map({{"write-token", "short"}, {"key", "k"}, {"allow-origins", HXValue::list({"*"})}}),
+       {"web.certificate", "web.write-token", "web.allow-origins"}},
   };
-  for (const HXValue& given : wrong) EXPECT_THROW(optionsOf(given), std::runtime_error) << given.toString();
+  for (const auto& [given, named] : wrong) {
+    std::vector<std::string> told;
+    try {
+      optionsOf(given);
+    } catch (const HX::SettingsError& error) {
+      for (const std::string& problem : error.problems()) told.push_back(problem.substr(0, problem.find(':')));
+    }
+    EXPECT_EQ(told, named) << given.toString();
+  }
 }
 
 }  // namespace
