@@ -15,6 +15,7 @@ using namespace std::chrono_literals;
 constexpr auto kPatience = 3s;
 constexpr auto kForgotten = 30s;  // Nobody has asked for so long.
 constexpr auto kSilent = 7s;      // A robot tells its status each two seconds.
+constexpr auto kRound = 2500ms;   // So that each has told it once.
 
 }  // namespace
 
@@ -36,6 +37,8 @@ HXValue Roster::robots() {
     changed_.wait_for(lock.native(), kPatience,
                       [&]() HX_REQUIRES(mutex_) { return isReady_ || !failure_.empty() || !lost_.empty(); });
     if (!isReady_) throw std::runtime_error(failure_.empty() ? "the hub cannot be asked for its robots" : failure_);
+    // Until then who is there seems to be off.
+    changed_.wait_until(lock.native(), roundUntil_, [&]() HX_REQUIRES(mutex_) { return !lost_.empty(); });
   }
   const auto now = Clock::now();
   const auto number = [](std::uint64_t count) { return static_cast<std::int64_t>(count); };
@@ -78,6 +81,7 @@ void Roster::listen(const std::shared_ptr<Connection>& connection) {
     }
     const MutexLock lock(mutex_);
     isReady_ = failure.empty();
+    roundUntil_ = Clock::now() + kRound;
     if (!isReady_) asked_ = {};  // It is tried again when it is asked for again.
     failure_ = std::move(failure);
     changed_.notify_all();

@@ -25,7 +25,8 @@ class Roster {
   explicit Roster(FleetSubjects subjects);
 
   /// The robots by their names, each {robot, state: "online" or "off", seen, host, version, raised, confirmed, queued,
-  /// dropped, missed, keys}. Waits for `listen` when nobody has asked for a while.
+  /// dropped, missed, keys}. Waits for `listen`, and until each has had its turn to tell, when nobody has asked for a
+  /// while.
   /// @throws std::runtime_error when they cannot be listened to, saying why.
   HXValue robots();
 
@@ -57,7 +58,8 @@ class Roster {
   std::condition_variable_any changed_;
   Clock::time_point asked_ HX_GUARDED_BY(mutex_);
   bool isReady_ HX_GUARDED_BY(mutex_) = false;
-  std::string failure_ HX_GUARDED_BY(mutex_);  // Of the last attempt to listen.
+  Clock::time_point roundUntil_ HX_GUARDED_BY(mutex_);  ///< When every robot that is there has told its status.
+  std::string failure_ HX_GUARDED_BY(mutex_);           // Of the last attempt to listen.
   std::string lost_ HX_GUARDED_BY(mutex_);
   // Of the thread that listens:
   std::weak_ptr<Connection> connection_;
