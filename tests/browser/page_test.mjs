@@ -1,45 +1,18 @@
 // What a person does with the page, in a real browser.
 import assert from 'node:assert/strict';
-import { readFileSync } from 'node:fs';
 import { createServer } from 'node:http';
 import { launch } from './browser.mjs';
+import { complaintsOf, open, said, test } from './kit.mjs';
 import { kToken, Robot } from './robot.mjs';
 
-const axe = readFileSync('node_modules/axe-core/axe.min.js', 'utf8');
 const robot = new Robot(process.argv[2]);
-const words = []; // What the page said on the console.
-let isLost = false;
-
-const test = async (what, body) => {
-  const began = Date.now();
-  await body();
-  console.log(`passed: ${what} (${Date.now() - began} ms)`);
-};
-
-const open = async (browser, hash, options = {}) => {
-  const context = await browser.newContext({ viewport: { width: 1280, height: 800 }, ...options });
-  const page = await context.newPage();
-  page.setDefaultTimeout(20000);
-  page.on('console', (message) => void (isLost || words.push(message.text())));
-  page.on('pageerror', (error) => words.push(error.message));
-  await page.goto(`${robot.address}/#token=${kToken}`);
-  await page.getByRole('row').first().waitFor();
-  if (hash) await page.evaluate((wanted) => void (location.hash = wanted), hash);
-  return page;
-};
-
-const complaintsOf = async (page) => {
-  await page.evaluate(axe);
-  const result = await page.evaluate(() => globalThis.axe.run(document, { resultTypes: ['violations'] }));
-  return result.violations.map((each) => `${each.id}: ${each.nodes.map((node) => node.html.slice(0, 120)).join(' | ')}`);
-};
 
 await robot.start();
 const browser = await launch();
 try {
   await robot.korvo('set', 'Arm/Speed', '0.5');
   await robot.korvo('set', 'Arm/Name', '"left"');
-  const page = await open(browser);
+  const page = await open(browser, robot);
 
   await test('the token leaves the address', () => assert.ok(!page.url().includes(kToken)));
 
@@ -143,8 +116,28 @@ try {
     await robot.korvo('call', 'HXFreshness', 'forget', '"Lidar/Scan"');
   });
 
+  await test('the recorder records, notes a moment, and saves what was before', async () => {
+    await page.locator('.recorder').getByRole('button').click();
+    const panel = page.getByRole('dialog', { name: 'Recorder' });
+    const press = async (name, outcome) => {
+      await panel.getByRole('button', { name, exact: true }).click();
+      const told = panel.getByRole('status').filter({ hasText: outcome });
+      await told.waitFor();
+      return (await told.textContent()).replace(outcome, '');
+    };
+    await press('Record', 'Recording: ');
+    await panel.getByText(/\.mcap$/).first().waitFor();
+    await panel.getByLabel('Note').fill('left the dock');
+    await press('Note', 'Noted');
+    assert.match(await robot.korvo('info', await press('Save black box', 'Saved: ')), /left the dock/);
+    assert.deepEqual(await complaintsOf(page), []);
+    assert.match(await robot.korvo('info', await press('Stop', 'Written: ')), /left the dock/);
+    await page.keyboard.press('Escape');
+    await panel.waitFor({ state: 'detached' });
+  });
+
   await test('a wall shows the view alone, a phone all of it', async () => {
-    const wall = await open(browser);
+    const wall = await open(browser, robot);
     await wall.goto(`${robot.address}/?kiosk#/memory`);
     await wall.getByRole('row').first().waitFor();
     assert.equal(await wall.getByRole('navigation', { name: 'Views' }).isVisible(), false);
@@ -173,11 +166,11 @@ try {
     await page.getByRole('searchbox').fill('');
   });
 
-  await test('the console has no word', () => assert.deepEqual(words, []));
+  await test('the console has no word', () => assert.deepEqual(said.words, []));
 
   await test('a killed broker is told at once, and the page comes back by itself', async () => {
     await page.evaluate(() => void (location.hash = '#/memory'));
-    isLost = true; // The browser itself reports each request that fails.
+    said.isLost = true; // The browser itself reports each request that fails.
     await robot.kill();
     await page.getByText('The robot does not answer').waitFor();
     await robot.start();

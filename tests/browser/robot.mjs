@@ -13,6 +13,7 @@ export class Robot {
     this.name = name;
     this.folder = mkdtempSync(join(tmpdir(), 'korvo-'));
     this.port = 0;
+    this.hub = ''; // Of its fleet; none for a robot that is in none.
     this.parameters = []; // Patterns of keys that viewers are offered.
   }
 
@@ -29,12 +30,17 @@ export class Robot {
     return [
       `name = "${this.name}"`,
       '[modules.hosttelemetry]',
+      '[modules.recorder]',
+      `folder = "${join(this.folder, 'recordings')}"`,
+      'min-free = "1MiB"',
+      'black-box = "30s"',
       '[modules.web]',
       `port = ${this.port}`,
       'allow-write = true',
       `write-token = "${kToken}"`,
       `parameters = ${JSON.stringify(this.parameters)}`,
       'allow-origins = ["https://viewer.example"]',
+      ...(this.hub ? ['[modules.fleet]', `url = "${this.hub}"`, `robot = "${this.name}"`] : []),
     ].join('\n');
   }
 

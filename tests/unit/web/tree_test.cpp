@@ -85,11 +85,15 @@ TEST(Tree, FindsKeysWhateverTheCaseOfLetters) {
   Tree tree;
   for (const char* key : {"Arm/Speed", "Base/SPEED", "Base/Load", "speed"}) tree.change(change(key, 1, 5));
   std::size_t total = 0;
-  const auto found = tree.find("sPeE", 2, total);
+  auto found = tree.find("sPeE", "", 2, total);
   EXPECT_EQ(total, 3U);
   ASSERT_EQ(found.size(), 2U);
   EXPECT_EQ(found[0]->path, "Arm/Speed");
   EXPECT_EQ(found[1]->path, "Base/SPEED");
+  found = tree.find("a", "Base", 2, total);
+  EXPECT_EQ(total, 1U) << "what is below is looked at without the name above";
+  ASSERT_EQ(found.size(), 1U);
+  EXPECT_EQ(found[0]->path, "Base/Load");
 }
 
 TEST(Tree, RemembersRaisesAndNoStoring) {

@@ -1,7 +1,8 @@
 import { useEffect, useState } from 'preact/hooks';
 import { durationText, timeText } from './format';
-import { useFrames } from './hooks';
+import { useFrames, useRoute } from './hooks';
 import type { Subscriber } from './known';
+import { isUnder, Under } from './under';
 import { addressOf } from './route';
 import { store } from './store';
 
@@ -10,6 +11,7 @@ const kShown = 400;
 /** The raises of events as they come, and where in the last minute they lie. */
 export function Events() {
   useFrames(200);
+  const under = useRoute().parameters.get('under') ?? '';
   const [text, setText] = useState('');
   const [frozen, setFrozen] = useState<typeof store.raises | null>(null);
   useEffect(() => {
@@ -17,10 +19,11 @@ export function Events() {
     return () => store.showTimeLine(false);
   }, []);
   const wanted = text.toLowerCase();
-  const raises = (frozen ?? store.raises).filter(([, key]) => key.toLowerCase().includes(wanted));
+  const raises = (frozen ?? store.raises).filter(([, key]) => isUnder(key, under) && key.toLowerCase().includes(wanted));
   return (
     <div class="events">
       <div class="tools">
+        <Under name={under} />
         <div class="filter"><input type="search" placeholder="Find an event" aria-label="Find an event" value={text} onInput={(event) => setText(event.currentTarget.value)} /></div>
         <span class="grow" />
         <span class="quiet">{raises.length.toLocaleString()} raises</span>

@@ -13,12 +13,22 @@ export function useFrames(each: number): void {
   const [, again] = useReducer((count: number) => count + 1, 0);
   useEffect(() => {
     let last = 0;
-    return store.onFrame(() => {
-      const now = performance.now();
-      if (now - last < each) return;
-      last = now;
+    let waiting = 0;
+    const draw = () => {
+      waiting = 0;
+      last = performance.now();
       again(undefined as never);
+    };
+    const unlisten = store.onFrame(() => {
+      const left = last + each - performance.now();
+      // What comes too soon is drawn later: it may be the last for long.
+      if (left <= 0) draw();
+      else waiting ||= window.setTimeout(draw, left);
     });
+    return () => {
+      clearTimeout(waiting);
+      unlisten();
+    };
   }, [each]);
 }
 

@@ -1,4 +1,4 @@
-import { useEffect, useRef, useState } from 'preact/hooks';
+import { useEffect, useMemo, useRef, useState } from 'preact/hooks';
 import { isByAddress, isNumber, kindOf, typeOf, type KeyState } from './batch';
 import { Chart } from './chart';
 import { Explained } from './explained';
@@ -31,10 +31,11 @@ const textOf = (state: KeyState): string => {
 
 /** All that is known of a key, and what can be done with it. */
 export function KeyView({ name, isPinned, onPin, onClose }: { name: string; isPinned: boolean; onPin: () => void; onClose: () => void }) {
-  useFrames(100);
+  useFrames(0);
   const [about, setAbout] = useState<About>({});
   const state = store.key?.key === name ? store.key : null;
   const heading = useRef<HTMLHeadingElement>(null);
+  const text = useMemo(() => (state && !state.gone ? textOf(state) : ''), [state]); // Drawn often, and may be long.
 
   const ask = () => void store.connection.ask('about', { key: name }).then((answer) => setAbout(answer as About), () => {});
   useEffect(() => {
@@ -70,7 +71,7 @@ export function KeyView({ name, isPinned, onPin, onClose }: { name: string; isPi
             {isNumber(type) && <a class="button plain" href={addressOf('plots', new URLSearchParams({ p: name }))}>Plot</a>}
             <button type="button" class="plain" aria-pressed={isPinned} onClick={onPin}>{isPinned ? '★ Pinned' : '☆ Pin'}</button>
           </div>
-          <pre class={`large t${type}`} tabIndex={0} aria-label="Value">{textOf(state)}</pre>
+          <pre class={`large t${type}`} tabIndex={0} aria-label="Value">{text}</pre>
           {!state.whole && <p class="quiet">It is too long to be shown whole.</p>}
           {isNumber(type) && <MiniPlot name={name} />}
           {(type === 'List' || type === 'Map') && state.whole && <Parts name={name} value={state.value} />}

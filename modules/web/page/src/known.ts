@@ -50,6 +50,28 @@ export interface Report {
   extractors: Production[];
   severalAuthors: { key: string; authors: string[]; retyped: number }[] | string;
 }
+/** How this robot stands with its fleet: as HXFleet tells it. */
+export interface FleetStatus {
+  state: 'connected' | 'cut' | 'away' | 'refused' | 'left';
+  reason: string;
+  robot: string;
+  fleet: string;
+  server: string;
+  /** The robots whose keys are in this memory, under their names. */
+  follows: string[];
+}
+/** A robot of the fleet, as it told last. */
+export interface FleetRobot {
+  robot: string;
+  state: 'online' | 'off';
+  seen: string;
+  host: string;
+  version: string;
+  queued: number;
+  dropped: number;
+  missed: number;
+  keys: number;
+}
 /** [key, seconds since it was written, seconds that it may stay unwritten, whether it is overdue] */
 export type Expectation = [key: string, age: number, limit: number, isOverdue: boolean];
 /** As HXRecorder tells it; but for the first, only while it records. */

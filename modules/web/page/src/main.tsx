@@ -1,6 +1,7 @@
 import { render } from 'preact';
 import { useEffect, useState } from 'preact/hooks';
 import { Events } from './events';
+import { Fleet } from './fleet';
 import { rateText } from './format';
 import { useFrames, useKept, useNews, useRoute } from './hooks';
 import { Health } from './health';
@@ -12,7 +13,7 @@ import { Services } from './services';
 import { store } from './store';
 import { Wiring } from './wiring';
 
-const kNames: Record<View, string> = { memory: 'Memory', plots: 'Plots', events: 'Events', wiring: 'Wiring', services: 'Services', health: 'Health' };
+const kNames: Record<View, string> = { memory: 'Memory', plots: 'Plots', events: 'Events', wiring: 'Wiring', services: 'Services', health: 'Health', fleet: 'Fleet' };
 const kMarks: Record<View, string> = {
   memory: 'M3 5h4M3 10h4M3 15h4M10 5h7M10 10h7M10 15h7',
   plots: 'M3 16 L7 9 L11 12 L17 4',
@@ -20,6 +21,7 @@ const kMarks: Record<View, string> = {
   wiring: 'M5 5h0M5 15h0M15 10h0M5 5 C10 5 10 10 15 10M5 15 C10 15 10 10 15 10',
   services: 'M4 4h12v5H4zM4 12h12v4H4z',
   health: 'M2 11h4l2-6 4 11 2-5h4',
+  fleet: 'M3 3h5v5H3zM12 3h5v5h-5zM3 12h5v5H3zM12 12h5v5h-5z',
 };
 const kSchemes = ['auto', 'dark', 'light'];
 
@@ -73,7 +75,7 @@ function App({ isRefused }: { isRefused: boolean }) {
       <header class="top">
         <h1><span class={`dot ${isLost ? 'bad' : store.status === 'open' ? 'good' : ''}`} aria-hidden="true" />{store.broker || 'Korvo'}</h1>
         <nav aria-label="Views">
-          {kViews.map((each) => (
+          {kViews.filter((each) => each !== 'fleet' || each === view || store.fleet).map((each) => (
             <a key={each} href={each === view ? `#/${each}` : lastAddressOf(each)} aria-current={each === view ? 'page' : undefined}
               onDragEnter={(event) => turnTo(each, event)}>
               <svg viewBox="0 0 20 20" aria-hidden="true"><path d={kMarks[each]} /></svg><span>{kNames[each]}</span>
@@ -95,6 +97,7 @@ function App({ isRefused }: { isRefused: boolean }) {
         {view === 'wiring' && <Wiring />}
         {view === 'services' && <Services />}
         {view === 'health' && <Health />}
+        {view === 'fleet' && <Fleet />}
       </main>
     </div>
   );

@@ -1,12 +1,13 @@
 import { useEffect, useMemo, useRef, useState } from 'preact/hooks';
 import { KeyView, NewKey } from './keyview';
 import { useKept, useNews, useRoute } from './hooks';
+import { Under } from './under';
 import { route, setParameter } from './route';
 import { RowList, type Line } from './rowlist';
 import { store, type Twig } from './store';
 
-/** The tree as lines: what is pinned first, then what is open. */
-function linesOf(pinned: Twig[]): Line[] {
+/** The tree below a name as lines: what is pinned first, then what is open. */
+function linesOf(pinned: Twig[], under: string): Line[] {
   const lines: Line[] = pinned.map((twig) => ({ twig, depth: 0, isLoose: true }));
   const add = (twigs: Twig[], depth: number) => {
     for (const twig of twigs) {
@@ -14,18 +15,18 @@ function linesOf(pinned: Twig[]): Line[] {
       if (twig.isOpen && twig.children) add(twig.children, depth + 1);
     }
   };
-  add(store.root.children ?? [], 0);
+  add(store.under(under)?.children ?? [], 0);
   return lines;
 }
 
 /** Keys by what is typed, asked again now and then, since keys come and go. */
-function useFound(text: string): { total: number; twigs: Twig[] } | null {
+function useFound(text: string, under: string): { total: number; twigs: Twig[] } | null {
   const [found, set] = useState<{ total: number; twigs: Twig[] } | null>(null);
   useEffect(() => {
     if (!text) return set(null);
     let isOver = false;
     const ask = () =>
-      store.find(text).then((answer) => {
+      store.find(text, under).then((answer) => {
         if (isOver) return;
         set((before) => (before && before.total === answer.total && sameIds(before.twigs, answer.twigs) ? before : answer));
       }, () => {});
@@ -36,7 +37,7 @@ function useFound(text: string): { total: number; twigs: Twig[] } | null {
       clearTimeout(first);
       clearInterval(again);
     };
-  }, [text, store.status]);
+  }, [text, under, store.status]);
   return text ? found : null;
 }
 
@@ -53,18 +54,19 @@ export function Memory() {
   useNews();
   const { parameters } = useRoute();
   const selected = parameters.get('key') ?? '';
+  const under = parameters.get('under') ?? '';
   const [text, setText] = useState(parameters.get('find') ?? '');
   const [pins, setPins] = useKept<string[]>('pins', []);
   const [isNew, setIsNew] = useState(false);
   const view = useRef<HTMLDivElement>(null);
   const list = useRef<RowList>();
   const filter = useRef<HTMLInputElement>(null);
-  const found = useFound(text);
-  const pinned = usePinned(pins);
+  const found = useFound(text, under);
+  const pinned = usePinned(under ? pins.filter((pin) => pin.startsWith(`${under}/`)) : pins);
 
   const lines = useMemo(
-    () => (found ? found.twigs.map((twig) => ({ twig, depth: 0, isLoose: true })) : linesOf(pinned)),
-    [found, pinned, store.shape],
+    () => (found ? found.twigs.map((twig) => ({ twig, depth: 0, isLoose: true })) : linesOf(pinned, under)),
+    [found, pinned, under, store.shape],
   );
 
   useEffect(() => {
@@ -74,6 +76,7 @@ export function Memory() {
     return () => list.current!.end();
   }, []);
   useEffect(() => list.current!.setLines(lines, selected), [lines, selected]);
+  useEffect(() => store.reveal(under), [under, store.shape]);
   useEffect(() => {
     const slash = (event: KeyboardEvent) => {
       if (event.key !== '/' || (event.target as HTMLElement).closest('input, textarea, select')) return;
@@ -94,6 +97,7 @@ export function Memory() {
     <div class={selected || isNew ? 'memory split' : 'memory'}>
       <section class="tree" aria-label="Keys">
         <div class="tools">
+          <Under name={under} />
           <div class="filter">
             <input ref={filter} type="search" placeholder="Find a key" aria-label="Find a key" value={text}
               onInput={(event) => type(event.currentTarget.value)}
@@ -114,7 +118,7 @@ export function Memory() {
         </div>
         <div class="rows" ref={view} role="treegrid" tabIndex={0} aria-label="Keys of the memory"
           onKeyDown={(event) => list.current?.key(event)} />
-        {lines.length === 0 && <Nothing text={text} isFound={found !== null} />}
+        {lines.length === 0 && <Nothing text={text} isFound={found !== null} under={under} />}
       </section>
       {isNew && !selected && <NewKey onClose={() => setIsNew(false)} />}
       {selected && <KeyView key={selected} name={selected} isPinned={pins.includes(selected)} onPin={() => pin(selected)}
@@ -123,7 +127,8 @@ export function Memory() {
   );
 }
 
-function Nothing({ text, isFound }: { text: string; isFound: boolean }) {
+function Nothing({ text, isFound, under }: { text: string; isFound: boolean; under: string }) {
   if (text) return <p class="nothing">{isFound ? `No key has “${text}” in its name.` : ''}</p>;
+  if (under && store.isComplete) return <p class="nothing">Nothing is known of {under} yet.</p>;
   return <p class="nothing">{store.isComplete ? 'The memory has no keys yet.' : store.status === 'open' ? 'Reading the memory…' : ''}</p>;
 }

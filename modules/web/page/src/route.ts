@@ -1,7 +1,9 @@
 // What is shown stands in the address, behind the #, so that a link shows the same view.
 
-export type View = 'memory' | 'plots' | 'events' | 'wiring' | 'services' | 'health';
-export const kViews: View[] = ['memory', 'plots', 'events', 'wiring', 'services', 'health'];
+export type View = 'memory' | 'plots' | 'events' | 'wiring' | 'services' | 'health' | 'fleet';
+export const kViews: View[] = ['memory', 'plots', 'events', 'wiring', 'services', 'health', 'fleet'];
+/** Views that can be narrowed to what is under a name, as another robot's part of the memory is. */
+const kNarrowed: View[] = ['memory', 'events', 'services'];
 
 export interface Route {
   view: View;
@@ -11,14 +13,27 @@ export interface Route {
 /** What each view showed last, so that it shows the same when one comes back to it. */
 const lastQueries = new Map<View, string>();
 
+let lastUnder = '';
+
 /** Where a click on a view's name leads. */
-export const lastAddressOf = (view: View): string => addressOf(view, new URLSearchParams(lastQueries.get(view) ?? ''));
+export function lastAddressOf(view: View): string {
+  const parameters = new URLSearchParams(lastQueries.get(view) ?? '');
+  if (kNarrowed.includes(view)) narrow(parameters, lastUnder);
+  return addressOf(view, parameters);
+}
+
+function narrow(parameters: URLSearchParams, under: string): void {
+  if (under) parameters.set('under', under);
+  else parameters.delete('under');
+}
 
 export function route(): Route {
   const [path, query = ''] = location.hash.replace(/^#\/?/, '').split('?');
   const view = kViews.find((each) => each === path) ?? 'memory';
+  const parameters = new URLSearchParams(query);
   lastQueries.set(view, query);
-  return { view, parameters: new URLSearchParams(query) };
+  if (kNarrowed.includes(view)) lastUnder = parameters.get('under') ?? '';
+  return { view, parameters };
 }
 
 export function addressOf(view: View, parameters: URLSearchParams): string {

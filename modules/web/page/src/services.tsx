@@ -1,6 +1,7 @@
 import { useEffect, useState } from 'preact/hooks';
 import { pretty, timeText } from './format';
 import { useFrames, useNews, useRoute } from './hooks';
+import { isUnder, Under } from './under';
 import { setParameter } from './route';
 import { store, type Watched } from './store';
 
@@ -10,6 +11,8 @@ interface Method {
   text: string;
   parameters: { name: string; text: string; type: string }[];
   here: boolean;
+  /** It takes arguments that only it knows. */
+  dynamic: boolean;
   result?: { type: string; text: string };
 }
 
@@ -25,6 +28,7 @@ export function Services() {
   const { parameters } = useRoute();
   const [names, setNames] = useState<string[]>([]);
   const chosen = parameters.get('service') ?? '';
+  const under = parameters.get('under') ?? '';
   useEffect(() => {
     const ask = () => void store.connection.ask('services').then((answer) => setNames(answer.services as string[]), () => {});
     ask();
@@ -34,7 +38,8 @@ export function Services() {
   return (
     <div class={chosen ? 'services split' : 'services'}>
       <nav class="list" aria-label="Services">
-        {names.map((name) => (
+        <Under name={under} />
+        {names.filter((name) => isUnder(name, under)).map((name) => (
           <button type="button" key={name} class="plain" aria-current={name === chosen} onClick={() => setParameter('service', name)}>{name}</button>
         ))}
         {names.length === 0 && <p class="nothing">Asking who is there…</p>}
@@ -84,15 +89,18 @@ function argumentOf(text: string, type: string): unknown {
   }
 }
 
+const kAnyArguments = [{ name: 'Arguments', text: 'all of them', type: 'list' }];
+
 function MethodForm({ service, method }: { service: string; method: Method }) {
-  const [texts, setTexts] = useState<string[]>(method.parameters.map((parameter) => (parameter.type === 'bool' ? 'false' : '')));
+  const parameters = method.dynamic ? kAnyArguments : method.parameters;
+  const [texts, setTexts] = useState<string[]>(parameters.map(({ type }) => (type === 'bool' ? 'false' : method.dynamic ? '[]' : '')));
   const [outcome, setOutcome] = useState<{ text: string; isError: boolean } | null>(null);
   const [isRunning, setIsRunning] = useState(false);
   const call = async () => {
     setIsRunning(true);
     try {
-      const given = method.parameters.map((parameter, i) => argumentOf(texts[i], parameter.type));
-      const answer = await store.connection.ask('call', { service, method: method.id, arguments: given });
+      const given = parameters.map((parameter, i) => argumentOf(texts[i], parameter.type));
+      const answer = await store.connection.ask('call', { service, method: method.id, arguments: method.dynamic ? given[0] : given });
       const text = 'value' in answer ? pretty(answer.value) : typeof answer.thing === 'string' ? `a ${answer.thing}` : 'Done.';
       setOutcome({ text, isError: false });
     } catch (failure) {
@@ -100,7 +108,7 @@ function MethodForm({ service, method }: { service: string; method: Method }) {
     }
     setIsRunning(false);
   };
-  const signature = method.parameters.map((parameter) => `${parameter.name || 'value'}: ${parameter.type}`).join(', ');
+  const signature = method.dynamic ? '…' : parameters.map((parameter) => `${parameter.name || 'value'}: ${parameter.type}`).join(', ');
   return (
     <details class="method">
       <summary><b>{method.name}</b><span class="quiet">({signature}){method.result ? ` → ${method.result.type}` : ''}</span></summary>
@@ -108,7 +116,7 @@ function MethodForm({ service, method }: { service: string; method: Method }) {
       {method.result?.text && <p class="quiet">Gives {method.result.text}</p>}
       {method.here ? <p class="quiet">It means something inside the robot's own process only.</p> : (
         <form onSubmit={(event) => { event.preventDefault(); void call(); }}>
-          {method.parameters.map((parameter, i) => (
+          {parameters.map((parameter, i) => (
             <label class="field wide" key={i}>
               <span>{parameter.name || `Argument ${i + 1}`} <span class="quiet">{parameter.type}{parameter.text && ` · ${parameter.text}`}</span></span>
               {parameter.type === 'bool'

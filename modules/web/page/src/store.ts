@@ -1,6 +1,6 @@
 import { authorOf, hasChildren, isKey, isNumber, typeOf, type Batch, type ChildEntry, type KeyState, type RaiseEntry } from './batch';
 import { Connection, type Status } from './connection';
-import type { Expectation, Recording } from './known';
+import type { Expectation, FleetStatus, Recording } from './known';
 
 /** A group or a key of the tree. */
 export interface Twig {
@@ -78,6 +78,8 @@ export class Store {
   expected = new Map<string, Expectation>();
   /** Null where no recorder runs. */
   recorder: Recording | null = null;
+  /** Null where the robot is in no fleet. */
+  fleet: FleetStatus | null = null;
   /** Counts changes of the tree's shape. */
   shape = 0;
   lostAt = 0;
@@ -113,8 +115,10 @@ export class Store {
     const answer = await this.connection.ask('standing').catch(() => ({}) as Record<string, unknown>);
     this.expected = new Map(((answer.expectations ?? []) as Expectation[]).map((each) => [each[0], each]));
     const recorder = (answer.recorder ?? null) as Recording | null;
-    const isNew = JSON.stringify(recorder) !== JSON.stringify(this.recorder);
+    const fleet = (answer.fleet ?? null) as FleetStatus | null;
+    const isNew = JSON.stringify([recorder, fleet]) !== JSON.stringify([this.recorder, this.fleet]);
     this.recorder = recorder;
+    this.fleet = fleet;
     if (isNew) this.tell();
   }
 
@@ -140,6 +144,22 @@ export class Store {
     else this.open(twig);
     ++this.shape;
     this.tell();
+  }
+
+  /** What is under a name; the empty one is all. Null until the server has told of it. */
+  under(path: string): Twig | null {
+    let twig: Twig | undefined = this.root;
+    for (const name of path ? path.split('/') : []) twig = twig?.children?.find((each) => each.name === name);
+    return twig ?? null;
+  }
+
+  /** Opens what leads to a name and is known. */
+  reveal(path: string): void {
+    for (let end = path.indexOf('/'); path; end = path.indexOf('/', end + 1)) {
+      const twig = this.under(end < 0 ? path : path.slice(0, end));
+      if (twig && !twig.isOpen) this.open(twig);
+      if (end < 0) return;
+    }
   }
 
   private open(twig: Twig): void {
@@ -432,8 +452,9 @@ export class Store {
 
   // --- What is asked ----------------------------------------------------------------------------------------------------
 
-  async find(text: string): Promise<{ total: number; twigs: Twig[] }> {
-    const answer = await this.connection.ask('find', { text });
+  /** @param under  Only what is below this name; empty for all. */
+  async find(text: string, under = ''): Promise<{ total: number; twigs: Twig[] }> {
+    const answer = await this.connection.ask('find', { text, under });
     return { total: answer.total as number, twigs: (answer.rows as ChildEntry[]).map((entry) => this.loose(entry)) };
   }
 

@@ -57,12 +57,14 @@ const Node* Tree::key(std::string_view name) const {
   return found == keys_.end() ? nullptr : found->second;
 }
 
-std::vector<const Node*> Tree::find(std::string_view text, std::size_t most, std::size_t& total) const {
+std::vector<const Node*> Tree::find(std::string_view text, std::string_view under, std::size_t most,
+                                    std::size_t& total) const {
   std::string part(text);
   std::ranges::transform(part, part.begin(), smallLetter);
   std::vector<const Node*> found;
+  const std::string head = under.empty() ? std::string() : std::string(under) + '/';
   for (const auto& [name, node] : keys_) {
-    if (containsSmall(name, part)) found.push_back(node);
+    if (name.starts_with(head) && containsSmall(name.substr(head.size()), part)) found.push_back(node);
   }
   total = found.size();
   const auto byPath = [](const Node* a, const Node* b) { return a->path < b->path; };

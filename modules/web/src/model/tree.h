@@ -115,9 +115,11 @@ class Tree {
   const std::deque<Movement>& movements() const { return movements_; }
   const std::deque<Raise>& raises() const { return raises_; }
   /// Keys whose names contain `text`, whatever the case of its letters.
+  /// @param under  Only those below this name, of which the rest is looked at; empty for all.
   /// @param most   So many are given.
   /// @param total  How many there are.
-  std::vector<const Node*> find(std::string_view text, std::size_t most, std::size_t& total) const;
+  std::vector<const Node*> find(std::string_view text, std::string_view under, std::size_t most,
+                                std::size_t& total) const;
   /// All keys, in no order.
   const std::unordered_map<std::string_view, Node*>& all() const { return keys_; }
 

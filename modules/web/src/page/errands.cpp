@@ -5,6 +5,7 @@
 #include <hxproxies/hxmemoryproxy.h>
 #include <libmw/metaobject.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <stdexcept>
@@ -55,7 +56,8 @@ HXValue describeMethod(const mw::MetaMethod& method) {
                                     {"name", method.name},
                                     {"text", method.description},
                                     {"parameters", std::move(parameters)},
-                                    {"here", (method.flags & mw::kSameProcessOnly) != 0}});
+                                    {"here", (method.flags & mw::kSameProcessOnly) != 0},
+                                    {"dynamic", method.dynamic}});
   if (method.resultType && method.resultType->kind != mw::TypeKind::Void) {
     described.mapSet("result", HXValue::map({{"type", method.resultType->name},
                                              {"text", method.result ? method.result->description : std::string()}}));
@@ -100,11 +102,41 @@ std::shared_ptr<HXBroker> Errands::broker() const {
   throw std::runtime_error("the broker has gone");
 }
 
+/// The robot whose key this one is a copy of; empty for our own.
+std::string Errands::robotOf(const std::string& key) const {
+  const std::string robot = key.substr(0, key.find('/'));
+  const HXValue status = robot.size() < key.size() ? ask("HXFleet", "status") : HXValue();
+  const HXValue* const follows = status.isMap() ? status.find("follows") : nullptr;
+  return follows && std::ranges::count(follows->asList(), HXValue(robot)) > 0 ? robot : std::string();
+}
+
+/// Asks the robot for it, since what we have of its keys is a copy.
+void Errands::writeFar(const std::string& robot, const std::string& op, const std::string& key,
+                       const HXValue& value) const {
+  const auto memory = broker()->getProxy(robot + "/HXMemory");
+  if (!memory) throw std::runtime_error(robot + " is not there, and nobody else writes its keys");
+  if (op == "describe") return memory->call("setDescription", key, value);
+  if (op == "declare") return memory->call("declareEvent", key);
+  if (op == "set") return memory->call("insertData", key, value);
+  if (op == "raise") return memory->call("raiseEvent", key, value);
+  if (op == "raiseMicro") return memory->call("raiseMicroEvent", key, value);
+  if (op != "remove") throw std::runtime_error("nothing is called " + op);
+  const std::string kind = memory->call<HXValue>("getType", key).asString();
+  memory->call(kind == "Event" ? "removeEvent" : kind == "MicroEvent" ? "removeMicroEvent" : "removeData", key);
+}
+
 void Errands::write(const HXValue& wish) const {
   const std::string& op = textAt(wish, "op");
   const std::string& key = textAt(wish, "key");
+  const HXValue* const type = wish.find("type");
+  const bool hasValue = op != "remove" && op != "declare";
+  const HXValue value =
+      hasValue ? typed(wish["value"], type && type->isString() ? type->asString() : std::string()) : HXValue();
+  if (const std::string robot = robotOf(key); !robot.empty()) {
+    return writeFar(robot, op, key.substr(robot.size() + 1), value);
+  }
   HXMemoryProxy memory = memory_();
-  if (op == "describe") return memory.setDescription(key, textAt(wish, "value"));
+  if (op == "describe") return memory.setDescription(key, value.asString());
   if (op == "declare") return memory.declareEvent(key);
   if (op == "remove") {
     const std::string kind = memory.getType(key);
@@ -112,8 +144,6 @@ void Errands::write(const HXValue& wish) const {
     if (kind == "MicroEvent") return memory.removeMicroEvent(key);
     return memory.removeData(key);
   }
-  const HXValue* const type = wish.find("type");
-  const HXValue value = typed(wish["value"], type && type->isString() ? type->asString() : std::string());
   if (op == "raise") return memory.raiseEvent(key, value);
   if (op == "raiseMicro") return memory.raiseMicroEvent(key, value);
   if (op != "set") throw std::runtime_error("nothing is called " + op);
@@ -227,6 +257,18 @@ void Errands::raise(const std::string& key, const HXValue& value) const {
   if (kind == "Data") throw std::runtime_error(key + " is data, and would become an event if it were raised");
   if (kind == "MicroEvent") return memory.raiseMicroEvent(key, value);
   memory.raiseEvent(key, value);
+}
+
+HXValue Errands::fleet() const {
+  const auto proxy = broker()->getProxy("HXFleet");
+  if (!proxy) throw std::runtime_error("this robot is in no fleet: the module fleet does not run in its broker");
+  HXValue told = HXValue::map({{"status", proxy->call<HXValue>("status")}, {"robots", HXValue::list()}});
+  try {
+    told.mapSet("robots", proxy->call<HXValue>("robots"));
+  } catch (const std::exception& error) {
+    told.mapSet("failure", error.what());
+  }
+  return told;
 }
 
 HXValue Errands::ask(const std::string& service, const std::string& method, const HXValue* argument) const {

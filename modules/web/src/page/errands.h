@@ -26,7 +26,8 @@ class Errands {
 
   Errands(std::weak_ptr<HXBroker> broker, Memory memory) : broker_(std::move(broker)), memory_(std::move(memory)) {}
 
-  /// Writes: set, raise, raiseMicro, describe, remove, declare.
+  /// Writes: set, raise, raiseMicro, describe, remove, declare. Of a key that is a copy of another robot's, that robot
+  /// is asked.
   /// @param wish  {"op", "key", "value", "type"}.
   void write(const HXValue& wish) const;
   /// What is known of a key beside its value.
@@ -44,6 +45,9 @@ class Errands {
   /// Raises an event or a micro-event, whatever it is already; a name that is nothing yet becomes an event.
   /// @throws std::runtime_error for data, which would become an event thereby.
   void raise(const std::string& key, const HXValue& value) const;
+  /// How this robot stands with its fleet, and which robots that has.
+  /// @return {"status", "robots"}; "failure" where those are not to be had.
+  HXValue fleet() const;
   /// What a method of another module gives; invalid where there is no such module, or it fails.
   /// @param argument  Its only one; null for none.
   HXValue ask(const std::string& service, const std::string& method, const HXValue* argument = nullptr) const;
@@ -58,6 +62,8 @@ class Errands {
 
  private:
   std::shared_ptr<HXBroker> broker() const;
+  std::string robotOf(const std::string& key) const;
+  void writeFar(const std::string& robot, const std::string& op, const std::string& key, const HXValue& value) const;
   /// Empty for a key that there is not.
   std::string kindOf(const std::string& key) const;
 

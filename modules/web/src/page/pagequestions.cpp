@@ -74,11 +74,16 @@ void PageSession::health(const HXValue& wish) {
   });
 }
 
-/// What is shown beside everything else: which keys are overdue, and whether there is a recording.
+void PageSession::fleet(const HXValue& wish) {
+  send(wish, [](const Errands& errands) { return errands.fleet(); });
+}
+
+/// What is shown beside everything else: which keys are overdue, whether there is a recording, and a fleet.
 void PageSession::standing(const HXValue& wish) {
   send(wish, [](const Errands& errands) {
     return HXValue::map({{"expectations", errands.ask("HXFreshness", "expectations")},
-                         {"recorder", errands.ask("HXRecorder", "state")}});
+                         {"recorder", errands.ask("HXRecorder", "state")},
+                         {"fleet", errands.ask("HXFleet", "status")}});
   });
 }
 

@@ -34,31 +34,19 @@ PageSession::~PageSession() {
 
 const std::map<std::string_view, PageSession::Operation>& PageSession::operations() {
   static const std::map<std::string_view, Operation> all{
-      {"open", &PageSession::openGroup},
-      {"close", &PageSession::closeGroup},
-      {"find", &PageSession::find},
-      {"resolve", &PageSession::resolve},
-      {"watch", &PageSession::watch},
-      {"plot", &PageSession::plot},
-      {"history", &PageSession::history},
-      {"key", &PageSession::lookAtKey},
-      {"events", &PageSession::timeLine},
-      {"drawn", &PageSession::acknowledge},
-      {"set", &PageSession::write},
-      {"raise", &PageSession::write},
-      {"raiseMicro", &PageSession::write},
-      {"describe", &PageSession::write},
-      {"remove", &PageSession::write},
-      {"declare", &PageSession::write},
-      {"about", &PageSession::about},
-      {"services", &PageSession::services},
-      {"service", &PageSession::describe},
-      {"call", &PageSession::call},
-      {"emit", &PageSession::emit},
-      {"wiring", &PageSession::wiring},
-      {"health", &PageSession::health},
-      {"listen", &PageSession::listen},
-      {"subscribers", &PageSession::subscribers},
+      {"open", &PageSession::openGroup},    {"close", &PageSession::closeGroup},
+      {"find", &PageSession::find},         {"resolve", &PageSession::resolve},
+      {"watch", &PageSession::watch},       {"plot", &PageSession::plot},
+      {"history", &PageSession::history},   {"key", &PageSession::lookAtKey},
+      {"events", &PageSession::timeLine},   {"drawn", &PageSession::acknowledge},
+      {"set", &PageSession::write},         {"raise", &PageSession::write},
+      {"raiseMicro", &PageSession::write},  {"describe", &PageSession::write},
+      {"remove", &PageSession::write},      {"declare", &PageSession::write},
+      {"about", &PageSession::about},       {"services", &PageSession::services},
+      {"service", &PageSession::describe},  {"call", &PageSession::call},
+      {"emit", &PageSession::emit},         {"wiring", &PageSession::wiring},
+      {"health", &PageSession::health},     {"fleet", &PageSession::fleet},
+      {"listen", &PageSession::listen},     {"subscribers", &PageSession::subscribers},
       {"standing", &PageSession::standing},
   };
   return all;
@@ -137,7 +125,8 @@ void PageSession::find(const HXValue& wish) {
   std::size_t total = 0;
   {
     const auto tree = services_->model->lock();
-    for (const Node* node : tree->find(wish["text"].asString(), kFound, total))
+    const HXValue* const under = wish.find("under");
+    for (const Node* node : tree->find(wish["text"].asString(), under ? under->asString() : "", kFound, total))
       rows.push_back(Batch::childOf(*node, node->path));
   }
   reply(wish, HXValue::map({{"total", static_cast<std::int64_t>(total)}, {"rows", std::move(rows)}}));

@@ -85,6 +85,7 @@ class PageSession : public SocketHandler, public std::enable_shared_from_this<Pa
   void describe(const HXValue& wish);
   void wiring(const HXValue& wish);
   void health(const HXValue& wish);
+  void fleet(const HXValue& wish);
   void standing(const HXValue& wish);
   void subscribers(const HXValue& wish);
   void listen(const HXValue& wish);

@@ -1,0 +1,86 @@
+// A fleet in the page: a hub, a desk from which one looks at it, and a robot.
+import assert from 'node:assert/strict';
+import { spawn, spawnSync } from 'node:child_process';
+import { existsSync, mkdtempSync, rmSync } from 'node:fs';
+import { createServer } from 'node:net';
+import { tmpdir } from 'node:os';
+import { dirname, join } from 'node:path';
+import { launch } from './browser.mjs';
+import { complaintsOf, open, said, test } from './kit.mjs';
+import { Robot } from './robot.mjs';
+
+const program = process.argv[2];
+if (!existsSync(join(dirname(program), 'korvo-fleet')) || spawnSync('nats-server', ['--version']).error) {
+  console.log('skipped: no fleet without nats-server and libnats');
+  process.exit(0);
+}
+
+async function freePort() {
+  const listener = createServer();
+  await new Promise((resolve) => listener.listen(0, '127.0.0.1', resolve));
+  const { port } = listener.address();
+  await new Promise((resolve) => listener.close(resolve));
+  return port;
+}
+
+async function startHub(folder) {
+  const port = await freePort();
+  const hub = spawn(program, ['fleet', 'hub', '--port', String(port), '--folder', folder], { stdio: ['ignore', 'pipe', 'inherit'] });
+  await new Promise((resolve) => hub.stdout.on('data', (text) => void (String(text).includes(String(port)) && resolve())));
+  return { hub, address: `nats://localhost:${port}` };
+}
+
+const folder = mkdtempSync(join(tmpdir(), 'korvo-'));
+const { hub, address } = await startHub(folder);
+const [desk, robot] = ['desk', 'robot7'].map((name) => Object.assign(new Robot(program, name), { hub: address }));
+await robot.start();
+await desk.start();
+const browser = await launch();
+try {
+  await robot.korvo('set', 'Arm/Speed', '0.5', '--broker', 'robot7');
+  const page = await open(browser, desk);
+  const tile = page.getByRole('listitem').filter({ hasText: 'robot7' });
+
+  await test('robots are tiles with their state', async () => {
+    await page.getByRole('link', { name: 'Fleet' }).click();
+    await tile.getByText('online').waitFor();
+    await tile.getByText('queued').waitFor();
+    await tile.getByText(/seen/).waitFor();
+    assert.deepEqual(await complaintsOf(page), []);
+  });
+
+  await test("a click leads into a robot's memory, and its keys are its own to change", async () => {
+    await tile.getByRole('button', { name: 'robot7' }).click();
+    await page.getByRole('row').filter({ hasText: 'Speed' }).filter({ hasText: '0.5' }).click();
+    await page.getByRole('heading', { name: 'robot7/Arm/Speed' }).waitFor();
+    await page.getByLabel('Value', { exact: true }).last().fill('0.75');
+    await page.getByRole('button', { name: 'Set', exact: true }).click();
+    await page.getByLabel('Value', { exact: true }).first().filter({ hasText: '0.75' }).waitFor();
+    assert.equal(await robot.korvo('get', 'Arm/Speed', '--broker', 'robot7'), '0.75');
+    assert.deepEqual(await complaintsOf(page), []);
+  });
+
+  await test('its services are called like ours', async () => {
+    await page.getByRole('link', { name: 'Services' }).click();
+    await page.getByRole('button', { name: 'robot7/HXMemory' }).click();
+    await page.getByLabel('Find a method').fill('getType');
+    const form = page.locator('details').filter({ hasText: 'getType' }).first();
+    await form.locator('summary').click();
+    await form.locator('input').fill('["Arm/Speed"]');
+    await form.getByRole('button', { name: 'Call' }).click();
+    await page.getByRole('status').filter({ hasText: 'Data' }).waitFor();
+  });
+
+  await test('a robot that is off is said to be', async () => {
+    await page.getByRole('link', { name: 'Fleet' }).click();
+    await robot.kill();
+    await tile.getByText('off', { exact: true }).waitFor();
+    assert.deepEqual(said.words, []);
+  });
+} finally {
+  await browser.close();
+  await desk.end();
+  await robot.end();
+  hub.kill();
+  rmSync(folder, { recursive: true, force: true });
+}
