@@ -151,8 +151,10 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
     std::uint64_t number = 0;
     if (const std::string reason = takePlace(process, number); !reason.empty()) return refuse(socket, process, reason);
     try {
-      const auto channel = std::make_shared<local::SocketChannel>(std::move(socket), options_);
-      const auto link = std::make_shared<remote::Link>(channel, &session_, local::withReserve(options_));
+      // Each in memory of its own, which goes with it: timers hold on to the counters, and connections that are made
+      // and ended faster than those run out would pile up.
+      const std::shared_ptr channel = std::make_unique<local::SocketChannel>(std::move(socket), options_);
+      const std::shared_ptr link = std::make_unique<remote::Link>(channel, &session_, local::withReserve(options_));
       if (!add(number, link)) return;
       link->start(std::make_shared<remote::SessionService>(session_, name_, link, remote::SessionService::Role::Broker),
                   [weak = weak_from_this(), number, peer = link->peer()](const std::string& reason) {
@@ -182,13 +184,13 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
         return fmt::format("{} are connected, which is the limit", processes_.size());
       }
     }
-    std::size_t own = 0;
-    for (const auto& [place, known] : processes_) own += known == process ? 1U : 0U;
-    if (own >= options_.connectionsOfAProcess) {
-      return fmt::format("it has {} connections, which is the limit for one process", own);
+    const auto own = counts_.find(process);
+    if (own != counts_.end() && own->second >= options_.connectionsOfAProcess) {
+      return fmt::format("it has {} connections, which is the limit for one process", own->second);
     }
     number = ++lastNumber_;
     processes_.emplace(number, process);
+    ++counts_[process];
     return {};
   }
 
@@ -214,7 +216,10 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   void remove(std::uint64_t number) {
     std::shared_ptr<remote::Link> last;
     const HX::MutexLock lock(mutex_);
-    processes_.erase(number);
+    if (const auto place = processes_.extract(number)) {
+      const auto own = counts_.find(place.mapped());
+      if (--own->second == 0) counts_.erase(own);
+    }
     if (auto found = links_.extract(number)) last = std::move(found.mapped());
   }
 
@@ -238,6 +243,7 @@ class LocalServer::Impl : public local::Pollable, public std::enable_shared_from
   std::map<std::uint64_t, std::shared_ptr<remote::Link>> links_ HX_GUARDED_BY(mutex_);
   std::map<std::uint64_t, pid_t> processes_
       HX_GUARDED_BY(mutex_);  // at the other ends: of links, and of those that are being made
+  std::map<pid_t, std::size_t> counts_ HX_GUARDED_BY(mutex_);  // how many of those each process has
 };
 
 LocalServer::LocalServer(Session& session, const std::string& name, const LinkOptions& options, Listening listening)

@@ -44,7 +44,8 @@ class ReceivedTail {
     return std::visit(
         [this](auto& content) {
           const std::size_t wanted = filled_ + std::min(missing_, kPart);
-          if (content.capacity() < wanted) content.reserve(std::min(filled_ + missing_, std::max(2 * filled_, kAhead)));
+          if (content.capacity() < wanted)
+            content.reserve(std::min(filled_ + missing_, std::max(kTimesAhead * filled_, kAhead)));
           if (content.size() < wanted) content.resize(wanted);
           return std::as_writable_bytes(std::span(content)).subspan(filled_, wanted - filled_);
         },
@@ -64,6 +65,10 @@ class ReceivedTail {
  private:
   static constexpr std::size_t kPart = std::size_t{128} << 10;
   static constexpr std::size_t kAhead = std::size_t{1} << 20;
+  /// So many times what has come is asked for when there is no room left: what is not written to takes no memory, and
+  /// each time all that has come is copied to fresh pages, which takes longer than to receive it. Not the whole at
+  /// once: a process may have locked all of its memory, what it does not use too.
+  static constexpr std::size_t kTimesAhead = 8;
 
   std::variant<std::string, HX::HXValue::Binary> content_;
   std::size_t filled_ = 0;

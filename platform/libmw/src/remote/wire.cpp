@@ -2,6 +2,7 @@
 
 #include <hxvalue/msgpack.h>
 
+#include <limits>
 #include <utility>
 
 #include <msgpack.hpp>
@@ -138,9 +139,12 @@ bool Reader::isAtLast() const {
   }
 }
 
-/// The last value lies inside of another one, which is read as a whole.
+/// Makes the next value one piece, where the last one lies inside of it. What comes before the last leaves that where
+/// it is.
 void Reader::join() {
-  if (!last_) return;
+  constexpr auto kNoLimit =
+      std::numeric_limits<std::size_t>::max();  // They have been kept by whoever found the message.
+  if (!last_ || FrameSplitter(kNoLimit, kNoLimit).advance(rest_) > 0) return;
   auto joined = std::make_shared<Bytes>(rest_.begin(), rest_.end());
   const auto content = contentOf(*std::exchange(last_, nullptr));
   joined->insert(joined->end(), content.begin(), content.end());

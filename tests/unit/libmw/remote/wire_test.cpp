@@ -59,6 +59,22 @@ TEST(Reader, LeavesAnExtensionOfAnotherTypeWhereItIs) {
   }
 }
 
+TEST(Reader, LeavesALongValueAtTheEndWhereItIs) {
+  const HX::HXValue last(HX::HXValue::Binary(100'000));
+  const HX::HXValue before(HX::HXValue::List{1.5, std::string("x")});
+  Message message;
+  Writer writer(message);
+  writer.value(before);
+  writer.value(before);
+  writer.lastValue(last);
+  Reader reader(message.bytes, message.last);
+  EXPECT_EQ(reader.value(), before);
+  EXPECT_GT(reader.skip().size(), 0U);
+  const HX::HXValue read = reader.value();
+  EXPECT_EQ(read.binaryIf()->data(), last.binaryIf()->data()) << "it was copied";
+  EXPECT_TRUE(reader.atEnd());
+}
+
 TEST(Reader, RefusesWhatIsCutOff) {
   Bytes all;
   Writer writer(all);
