@@ -130,12 +130,15 @@ Run runOf(const std::string& file, const std::string& moment, const HX::journal:
   Run run;
   run.start = momentOf(reader, moment);
   bool hasBegun = false;
-  reader.forEach([&](const Entry& entry) {
-    hasBegun = hasBegun || entry.logged >= run.start;
-    if (hasBegun && entry.kind == Entry::Kind::Change && keys.wantsKey(entry.key))
-      run.courses[entry.key].push_back(entry);
-    return true;
-  });
+  const std::size_t until = chunksUntil(reader, run.start);
+  reader.forEach(
+      [&](const Entry& entry) {
+        hasBegun = hasBegun || entry.logged >= run.start;
+        if (hasBegun && entry.kind == Entry::Kind::Change && keys.wantsKey(entry.key))
+          run.courses[entry.key].push_back(entry);
+        return true;
+      },
+      until > 0 ? until - 1 : 0);
   return run;
 }
 

@@ -88,15 +88,9 @@ std::optional<TimePoint> eventOf(Reader& reader, const std::string& text) {
 }  // namespace
 
 Span spanOf(const Reader& reader) {
-  Span span;
-  bool isFirst = true;
-  for (const auto& chunk : reader.chunks()) {
-    const TimePoint begin = HX::recording::timePoint(chunk.start);
-    span.begin = isFirst ? begin : std::min(span.begin, begin);
-    span.end = std::max(span.end, HX::recording::timePoint(chunk.end));
-    isFirst = false;
-  }
-  return span;
+  const auto& chunks = reader.chunks();
+  if (chunks.empty()) return {};
+  return {HX::recording::timePoint(chunks.front().start), HX::recording::timePoint(chunks.back().end)};
 }
 
 TimePoint momentOf(Reader& reader, const std::string& text) {

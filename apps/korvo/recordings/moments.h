@@ -11,7 +11,8 @@ namespace korvo {
 /// @throws InputError for what is none of these; RecordingError for an event that is not in the recording.
 HX::recording::TimePoint momentOf(HX::recording::Reader& reader, const std::string& text);
 
-/// From where to where a recording goes, as its chunks say.
+/// From where to where a recording goes, as its chunks say. Where the clock was set back the end may be before the
+/// begin.
 struct Span {
   HX::recording::TimePoint begin;
   HX::recording::TimePoint end;

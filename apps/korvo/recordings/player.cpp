@@ -42,7 +42,8 @@ bool Player::play() {
       case Outcome::Ended:
         return false;
       default:
-        begin = std::clamp(*std::exchange(sought_, std::nullopt), options_.from, options_.to);
+        begin = *std::exchange(sought_, std::nullopt);
+        if (options_.from <= options_.to) begin = std::clamp(begin, options_.from, options_.to);
     }
   }
 }
@@ -55,19 +56,33 @@ Player::Outcome Player::playFrom(TimePoint begin) {
     state.kind = Entry::Kind::State;
     if (options_.wants(key)) tell(state);
   }
-  bool isAfterGap = false;
-  reader_.forEach([&](const Entry& entry) {
-    isAfterGap = isAfterGap || entry.kind == Entry::Kind::Gap;
-    if (entry.logged <= begin || entry.logged > options_.to) return true;
-    if (entry.kind == Entry::Kind::Gap || !options_.wants(entry.key)) return true;
-    // Pieces of a black box begin with what is known already.
-    if (entry.kind == Entry::Kind::State && !isAfterGap) return true;
-    if (!await(entry)) return false;
-    tell(entry);
-    return true;
-  });
+  isAfterGap_ = hasBegun_ = false;
+  // By their order, not by their times: a clock that was set back makes times come twice.
+  const std::size_t end = lastChunk(options_.to) + 1;
+  const std::size_t first = std::min(lastChunk(begin), end - 1);
+  const auto isOver = [&] { return isEnded_ || sought_; };
+  const auto noteGap = [&](const Entry& entry) { return !(isAfterGap_ = entry.kind == Entry::Kind::Gap); };
+  reader_.forEach(noteGap, 0, first);
+  reader_.forEach([&](const Entry& entry) { return play(entry, begin); }, first, end - 1);
+  if (!isOver()) {
+    reader_.forEach([&](const Entry& entry) { return entry.logged > options_.to || play(entry, begin); }, end - 1, end);
+  }
   if (isEnded_) return Outcome::Ended;
   return sought_ ? Outcome::Sought : Outcome::Done;
+}
+
+/// @return The chunk that has the last entry up to a time.
+std::size_t Player::lastChunk(TimePoint time) const { return std::max<std::size_t>(chunksUntil(reader_, time), 1) - 1; }
+
+bool Player::play(const Entry& entry, TimePoint begin) {
+  isAfterGap_ = isAfterGap_ || entry.kind == Entry::Kind::Gap;
+  hasBegun_ = hasBegun_ || entry.logged > begin;
+  if (!hasBegun_ || entry.kind == Entry::Kind::Gap || !options_.wants(entry.key)) return true;
+  // Pieces of a black box begin with what is known already.
+  if (entry.kind == Entry::Kind::State && !isAfterGap_) return true;
+  if (!await(entry)) return false;
+  tell(entry);
+  return true;
 }
 
 bool Player::await(const Entry& entry) {

@@ -51,6 +51,9 @@ class Player {
  private:
   enum class Outcome : std::uint8_t { Done, Ended, Sought };
   Outcome playFrom(HX::recording::TimePoint begin);
+  std::size_t lastChunk(HX::recording::TimePoint time) const;
+  /// Tells an entry that is behind the begin. @return False when something else is to be done first.
+  bool play(const HX::recording::Entry& entry, HX::recording::TimePoint begin);
   /// Waits for its time. @return False when something else is to be done first.
   bool await(const HX::recording::Entry& entry);
   bool obey(Wish wish);
@@ -63,6 +66,8 @@ class Player {
   const Progress progress_;
   HX::recording::TimePoint now_{};
   std::optional<HX::recording::TimePoint> sought_;
+  bool hasBegun_ = false;
+  bool isAfterGap_ = false;
   bool isEnded_ = false;
   bool isPaused_ = false;
   bool steps_ = false;

@@ -11,6 +11,8 @@ namespace {
 
 using Role = ChannelInfo::Role;
 
+constexpr std::uint64_t kJitter = 1'000'000'000;
+
 bool isOfKey(const Entry& entry) {
   return entry.kind != Entry::Kind::Gap && !entry.isWithheld && entry.what != What::Described;
 }
@@ -21,8 +23,7 @@ class Search {
 
   Table run() {
     const auto& chunks = reader_.chunks();
-    std::size_t last = chunks.size();
-    while (last > 0 && chunks[last - 1].start > time_) --last;
+    const std::size_t last = chunksUntil(reader_, timePoint(time_));
     for (std::size_t i = 0; i + 1 < last; ++i) want(chunks[i]);
     bool isFirst = true;
     for (std::size_t i = last; i-- > 0;) {
@@ -100,6 +101,21 @@ class Search {
 };
 
 }  // namespace
+
+std::size_t chunksUntil(const Reader& reader, TimePoint time) {
+  const std::uint64_t wanted = nanoseconds(time);
+  const auto& chunks = reader.chunks();
+  std::size_t until = 0;
+  std::uint64_t latest = 0;  // Since the clock was set.
+  for (std::size_t i = 0; i < chunks.size(); ++i) {
+    // Writers that run side by side come out of order too, but by no second.
+    const bool isSetBack = chunks[i].start < latest && latest - chunks[i].start > kJitter;
+    if (isSetBack && until > 0 && latest >= wanted) break;
+    latest = isSetBack ? chunks[i].end : std::max(latest, chunks[i].end);
+    if (chunks[i].start <= wanted) until = i + 1;
+  }
+  return until;
+}
 
 Table tableAt(Reader& reader, TimePoint time, const journal::Filter& keys) {
   return Search(reader, nanoseconds(time), keys).run();

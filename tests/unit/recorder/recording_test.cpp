@@ -274,6 +274,25 @@ TEST_F(Recordings, HaveAtEveryMomentTheTableAsItStood) {
   }
 }
 
+TEST_F(Recordings, MeanTheFirstOfMomentsThatCameTwiceSinceTheClockWasSetBack) {
+  Changes changes;
+  Script script(file());
+  const std::vector<double> seconds{100, 105, 110, 50, 55, 100, 120};
+  for (std::size_t i = 0; i < seconds.size(); ++i) {
+    auto change = changes.of("N", static_cast<int>(i));
+    change.time = kit::at(seconds[i]);
+    script.add(change);
+    script.closeChunk();
+  }
+  script.finish();
+  Reader reader(file());
+  const std::vector<std::pair<double, int>> cases{{100, 0}, {107, 1}, {110, 2}, {50, 3}, {60, 4}, {115, 5}, {120, 6}};
+  for (const auto& [second, number] : cases) {
+    EXPECT_EQ(tableAt(reader, kit::at(second), {}).at("N").value, HXValue(number)) << second;
+  }
+  EXPECT_THAT(tableAt(reader, kit::at(49), {}), IsEmpty());
+}
+
 TEST_F(Recordings, HaveKeysBeyondTheNumbersOfChannelsInOneChannel) {
   Changes changes;
   Script script(file());
