@@ -7,6 +7,7 @@
 #include <libmw/clock.h>
 
 #include <algorithm>
+#include <functional>
 #include <unistd.h>
 #include <utility>
 
@@ -209,7 +210,6 @@ std::filesystem::path BlackBox::write(const std::string& name) {
 }
 
 void BlackBox::removeOldFiles() {
-  if (options_.files == 0) return;
   std::error_code ignored;
   std::vector<std::pair<std::filesystem::file_time_type, std::filesystem::path>> files;
   for (const auto& entry : std::filesystem::directory_iterator(options_.folder, ignored)) {
@@ -217,8 +217,15 @@ void BlackBox::removeOldFiles() {
     if (name.starts_with(kPrefix) && name.ends_with(".mcap"))
       files.emplace_back(entry.last_write_time(ignored), entry.path());
   }
-  std::ranges::sort(files);
-  for (std::size_t i = 0; i + options_.files < files.size(); ++i) std::filesystem::remove(files[i].second, ignored);
+  std::ranges::sort(files, std::greater<>());  // The newest one first, which always stays.
+  std::uint64_t bytes = 0;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    const auto size = std::filesystem::file_size(files[i].second, ignored);
+    bytes += ignored ? 0 : size;
+    const bool isBeyond =
+        (options_.files > 0 && i >= options_.files) || (options_.fileBytes > 0 && i > 0 && bytes > options_.fileBytes);
+    if (isBeyond) std::filesystem::remove(files[i].second, ignored);
+  }
 }
 
 BlackBox::State BlackBox::state() const {

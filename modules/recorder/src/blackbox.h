@@ -16,6 +16,7 @@ struct BlackBoxOptions {
   std::vector<std::string> keys;                   ///< What is kept; none: all.
   std::uint64_t bytes = std::uint64_t{64} << 20U;  ///< At most so much memory for what is kept.
   std::size_t files = 8;                           ///< So many files are left; the oldest ones go. 0: all.
+  std::uint64_t fileBytes = 0;                     ///< So many bytes of files are left, one file at least. 0: all.
   bool savesAtEnd = false;
   TextMap about;  ///< Further entries of the metadata `korvo`.
 

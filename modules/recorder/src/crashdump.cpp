@@ -34,6 +34,7 @@ std::atomic<std::uint64_t> first = 0;
 std::atomic<std::uint64_t> last = 0;  // One behind the newest.
 Slot open;
 std::array<struct sigaction, kSignals.size()> before{};
+std::array<bool, kSignals.size()> isInstalled{};
 
 void writeAll(int file, const char* bytes, std::size_t size) noexcept {
   while (size > 0) {
@@ -72,10 +73,32 @@ void onSignal(int signal, siginfo_t* info, void* context) {
   if (info->si_code <= 0) ::raise(signal);
 }
 
+/// Where it is not among the handlers of the signal yet.
+void install() noexcept {
+  struct sigaction action {};
+  action.sa_sigaction = &onSignal;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+  ::sigemptyset(&action.sa_mask);
+  for (std::size_t i = 0; i < kSignals.size(); ++i) {
+    if (!std::exchange(isInstalled[i], true)) ::sigaction(kSignals[i], &action, &before[i]);
+  }
+}
+
+/// Gives back what was there before. Who was installed later may have kept this one as what was before: then it stays,
+/// and does nothing but to go on to the next.
+void uninstall() noexcept {
+  for (std::size_t i = 0; i < kSignals.size(); ++i) {
+    struct sigaction now {};
+    if (!isInstalled[i] || ::sigaction(kSignals[i], nullptr, &now) != 0) continue;
+    if ((now.sa_flags & SA_SIGINFO) == 0 || now.sa_sigaction != &onSignal) continue;
+    ::sigaction(kSignals[i], &before[i], nullptr);
+    isInstalled[i] = false;
+  }
+}
+
 }  // namespace
 
 bool arm(const std::filesystem::path& file, std::string start) {
-  static bool installed = false;
   if (armed) return false;
   if (file.native().size() >= path.size()) return false;
   path.fill('\0');
@@ -83,20 +106,14 @@ bool arm(const std::filesystem::path& file, std::string start) {
   begin = std::move(start);
   first = last = 0;
   open.clear();
-  // They stay once they are there: who was installed later may have kept them as what was before.
-  if (!std::exchange(installed, true)) {
-    struct sigaction action {};
-    action.sa_sigaction = &onSignal;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
-    ::sigemptyset(&action.sa_mask);
-    for (std::size_t i = 0; i < kSignals.size(); ++i) ::sigaction(kSignals[i], &action, &before[i]);
-  }
+  install();
   armed = true;
   return true;
 }
 
 void disarm() noexcept {
   armed = false;
+  uninstall();
   open.clear();
 }
 

@@ -62,6 +62,8 @@ void HXRecorder::declareSettings() {
   addSetting(Setting::size("black-box-size", "64MiB", "Memory that the black box may take.").between("1MiB", "16GiB"));
   addSetting(
       Setting::integer("black-box-files", 8, "How many of its files are left; 0 for all.").between(0, 1'000'000));
+  addSetting(
+      Setting::size("black-box-keep", "0B", "Size of all its files beyond which the oldest ones go; 0B for none."));
   addSetting(Setting::flag("black-box-at-end", false, "Writes the black box at a regular end too."));
   toWindow(settings()["black-box"].asString().empty() ? "0s:0s" : settings()["black-box"].asString());
 }
@@ -140,6 +142,7 @@ void HXRecorder::startBlackBox() {
   options.keys = textsOf(settings()["keys"]);
   options.bytes = toBytes(settings()["black-box-size"]);
   options.files = static_cast<std::size_t>(settings()["black-box-files"].toInt64());
+  options.fileBytes = toBytes(settings()["black-box-keep"]);
   options.savesAtEnd = settings()["black-box-at-end"].asBool();
   options.about = about();
   options.onFinished = [this](const std::filesystem::path& path) { tellFinished(path); };

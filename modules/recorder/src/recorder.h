@@ -46,6 +46,8 @@ struct RecorderOptions {
   bool hasIndex = true;
   TextMap about;  ///< Further entries of the metadata `korvo`.
 
+  /// Bytes that are free where a file is; another answer than the disk's is for tests.
+  std::function<std::uint64_t(const std::filesystem::path&)> freeOf = {};
   std::function<void(const std::filesystem::path&)> onFinished = {};  ///< A part is whole. On the writer's thread.
   std::function<void(const std::string&)> onFailure = {};             ///< It has ended by itself. The same.
 };

@@ -17,6 +17,12 @@ constexpr auto kTick = 100ms;
 constexpr auto kSyncEvery = 500ms;
 constexpr std::size_t kFewWaiting = std::size_t{16} << 20U;  // Then the disk has caught up.
 
+std::uint64_t freeOf(const std::filesystem::path& path) {
+  struct statvfs disk {};
+  if (::statvfs(path.c_str(), &disk) != 0) return ~std::uint64_t{0};
+  return std::uint64_t{disk.f_bavail} * disk.f_frsize;
+}
+
 }  // namespace
 
 void Recorder::run() {
@@ -145,11 +151,7 @@ void Recorder::removeOld() {
 }
 
 void Recorder::guardSpace() {
-  const auto free = [this]() -> std::uint64_t {
-    struct statvfs disk {};
-    if (::statvfs(file_->path().c_str(), &disk) != 0) return ~std::uint64_t{0};
-    return std::uint64_t{disk.f_bavail} * disk.f_frsize;
-  };
+  const auto free = [this] { return options_.freeOf ? options_.freeOf(file_->path()) : freeOf(file_->path()); };
   if (options_.minFree == 0) return;
   while (free() < options_.minFree && options_.removesOldest && removeOldest()) {
   }

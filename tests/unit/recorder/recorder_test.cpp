@@ -7,8 +7,10 @@
 
 #include <hxcommon/feed.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <random>
 #include <thread>
 
@@ -140,6 +142,69 @@ TEST_F(Recording, LosesNothingAtTheSeamOfTwoFiles) {
   for (int i = 0; i < 3000; ++i) ASSERT_EQ(all[static_cast<std::size_t>(i)], i);
 }
 
+TEST_F(Recording, KeepsSoMuchAndRemovesTheOldestParts) {
+  auto bounded = options();
+  bounded.keepBytes = 1 << 16;
+  const auto first = bounded.file;
+  Recorder recorder(std::move(bounded), feed());
+  awaitBegin(recorder);
+  std::mt19937 random(1);
+  int written = 0;
+  while (std::filesystem::exists(first) || recorder.state().parts < 10) {
+    memory->insertData("N", ++written);
+    memory->insertData("Noise", std::to_string(random()) + std::to_string(random()));
+    if (written % 100 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  const auto parts = recorder.state().parts;
+  recorder.stop();
+  std::vector<int> kept;
+  std::size_t left = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
+    const auto numbers = numbersOf(entry.path(), "N");
+    kept.insert(kept.end(), numbers.begin(), numbers.end());
+    ++left;
+  }
+  EXPECT_LT(left, parts);
+  std::ranges::sort(kept);
+  ASSERT_FALSE(kept.empty());
+  EXPECT_EQ(kept.back(), written);
+  EXPECT_EQ(kept.size(), static_cast<std::size_t>(kept.back() - kept.front() + 1)) << "what is left has no hole";
+}
+
+TEST_F(Recording, LeavesTheDiskTheSpaceThatOthersNeed) {
+  for (const bool removesOldest : {false, true}) {
+    SCOPED_TRACE(removesOldest);
+    std::atomic<bool> isFull = false;
+    std::atomic<bool> hasFailed = false;
+    auto careful = options();
+    careful.file = folder_.path() / (removesOldest ? "oldest.mcap" : "stop.mcap");
+    const auto first = careful.file;
+    careful.minFree = 100;
+    careful.removesOldest = removesOldest;
+    // As long as the first part is there.
+    careful.freeOf = [&](const auto&) { return isFull && std::filesystem::exists(first) ? 10U : 1000U; };
+    careful.onFailure = [&](const std::string&) { hasFailed = true; };
+    Recorder recorder(std::move(careful), feed());
+    awaitBegin(recorder);
+    memory->insertData("N", 1);
+    while (recorder.state().changes < 1) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    recorder.split();
+    while (recorder.state().parts < 2) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    isFull = true;
+    while (std::filesystem::exists(first) && !hasFailed) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_EQ(hasFailed, !removesOldest);
+    memory->insertData("N", 2);  // The memory has nothing of it.
+    if (removesOldest) {
+      recorder.stop();
+      EXPECT_THAT(numbersOf(recorder.state().file, "N"), Contains(2));
+    } else {
+      EXPECT_THAT(errorOf([&] { recorder.stop(); }), HasSubstr("the disk has only 0 MiB left"));
+      EXPECT_TRUE(Reader(first).isWhole());
+      EXPECT_TRUE(Reader(recorder.state().file).isWhole());
+    }
+  }
+}
+
 TEST_F(Recording, IsStartedAndStoppedByCalls) {
   startModule({});
   std::vector<std::string> finished;
@@ -181,6 +246,30 @@ TEST_F(Recording, OfABlackBoxStaysWithinItsBoundAndSaysHowFarItReaches) {
   EXPECT_THAT(reader.about(), Contains(Key("reach")));
   EXPECT_EQ(numbersOf(file, "Last"), std::vector<int>{1});
   EXPECT_LT(kit::entriesOf(file).size(), 60'000U);
+}
+
+TEST_F(Recording, OfABlackBoxLeavesSoManyBytesOfFilesAndTheHandlersOfSignalsAsTheyWere) {
+  struct sigaction before {};
+  struct sigaction meanwhile {};
+  struct sigaction after {};
+  ::sigaction(SIGFPE, nullptr, &before);
+  BlackBoxOptions box;
+  box.folder = folder_.path();
+  box.before = std::chrono::hours(1);
+  box.fileBytes = 1;
+  for (int life = 0; life < 2; ++life) {
+    BlackBox blackBox(box, feed());
+    ::sigaction(SIGFPE, nullptr, &meanwhile);
+    EXPECT_NE(meanwhile.sa_sigaction, before.sa_sigaction);
+    memory->insertData("N", life);
+    const auto first = blackBox.save();
+    EXPECT_TRUE(std::filesystem::exists(first)) << "the newest one stays";
+    const auto second = blackBox.save();
+    EXPECT_FALSE(std::filesystem::exists(first));
+    EXPECT_EQ(numbersOf(second, "N").back(), life);
+  }
+  ::sigaction(SIGFPE, nullptr, &after);
+  EXPECT_EQ(after.sa_sigaction, before.sa_sigaction);
 }
 
 TEST_F(Recording, OfABlackBoxHasEventsThatFollowEachOtherInOneFile) {
