@@ -11,6 +11,7 @@ import io
 import json
 import os
 import pathlib
+import select
 import shutil
 import signal
 import subprocess
@@ -43,6 +44,39 @@ def reader_folder():
         if done.returncode != 0:
             return None
     return CACHE
+
+
+class Terminal:
+    """A program on a terminal of its own."""
+
+    def __init__(self, command, environment):
+        self.shown = ""
+        self.own, theirs = os.openpty()
+        self.process = subprocess.Popen(command, stdin=theirs, stdout=theirs, stderr=theirs, env=environment)
+        os.close(theirs)
+
+    def read(self):
+        if select.select([self.own], [], [], 0.05)[0]:
+            try:
+                self.shown += os.read(self.own, 65536).decode(errors="replace")
+            except OSError:  # It has ended.
+                return False
+        return True
+
+    def press(self, keys, shows=""):
+        """Until it shows something that it did not before."""
+        self.read()
+        self.shown = ""
+        os.write(self.own, keys.encode())
+        until(lambda: not self.read() or shows in self.shown)
+
+    def end(self):
+        if self.own >= 0:
+            while self.process.poll() is None:
+                self.read()
+            os.close(self.own)
+            self.own = -1
+        return self.process.wait()
 
 
 class Recordings(unittest.TestCase):
@@ -178,6 +212,52 @@ class Recordings(unittest.TestCase):
         cut = os.path.join(self.folder, "cut.mcap")
         self.korvo("cut", self.file, "--from", "Fall", "-o", cut, "A")
         self.assertEqual(self.exported(cut), ["A,state,4", "A,stored,9"])
+
+    def test_a_broker_that_comes_back_gets_a_file_of_its_own(self):
+        recorder = self.record()
+        self.korvo("set", "N", "1")
+        until(lambda: "N,stored,1" in self.exported(self.file))
+        self.broker.kill()
+        self.broker.wait()
+        self.broker = self.start("run")
+        second = os.path.join(self.folder, "a-2.mcap")
+        until(lambda: os.path.exists(second))
+        self.korvo("set", "N", "2")
+        self.end(recorder)
+        self.assertEqual(recorder.returncode, 0)
+        self.assertEqual(self.exported(self.file, "N"), ["N,stored,1"])
+        self.assertEqual(self.exported(second, "N")[-2:], ["N,removed,", "N,stored,2"], "it knows that N had gone")
+
+    def test_replay_obeys_the_keyboard_and_goes_on_in_a_loop(self):
+        recorder = self.record()
+        for i in range(1, 4):
+            self.korvo("set", "Arm/N", str(i))
+            self.korvo("set", "Arm/Other", str(i))
+        self.end(recorder)
+
+        def steps_to(number):
+            slow.press(".")
+            got = subprocess.run([KORVO, "get", "Sim/N"], capture_output=True, text=True, env=self.environment)
+            return got.stdout.strip() == number
+
+        words = ["replay", self.file, "--map", "Arm/=Sim/", "--except", "Arm/Other", "--rate"]
+        slow = Terminal([KORVO, *words, "0.0001"], self.environment)
+        self.addCleanup(slow.end)
+        slow.press(" ", "paused")
+        until(lambda: steps_to("1"))
+        until(lambda: steps_to("2"))
+        slow.press("\x1b[D")  # Back to the begin.
+        until(lambda: steps_to("1"))
+        slow.press("q", "changes replayed")
+        self.assertEqual(slow.end(), 0)
+        self.korvo("get", "Sim/Other", status=1)
+
+        loop = Terminal([KORVO, *words, "10", "--loop", "--force"], self.environment)
+        self.addCleanup(loop.end)
+        watched = self.korvo("watch", "Sim/N", "--count", "20", "--json")
+        self.assertEqual(len(watched.splitlines()), 20)
+        loop.press("q", "changes replayed")
+        self.assertEqual(loop.end(), 0)
 
     def test_the_black_box_has_what_was_before_and_after(self):
         self.end(self.broker)
