@@ -89,7 +89,8 @@ class Reader {
   }
 
   Answer readStream() {
-    if (!stream_) stream_.emplace(memory_.stream<HX::HXValue::Binary>("Stream", 65'536, {.capacity = bench::kStreamed}));
+    if (!stream_)
+      stream_.emplace(memory_.stream<HX::HXValue::Binary>("Stream", 65'536, {.capacity = bench::kStreamed}));
     auto& stream = *stream_;
     const std::uint64_t lostBefore = stream.lost();
     HX::Seen<HX::HXValue::Binary> item;

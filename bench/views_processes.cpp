@@ -88,11 +88,11 @@ class Hall {
     plain_ = static_cast<std::byte*>(
         ::mmap(nullptr, bench::kPlaces * bench::kLarge, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
     ::close(file);
-    const std::string program =
-        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bench_views_peer";
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bench_views_peer";
     for (std::size_t i = 0; i < kReaders; ++i) {
       std::array<int, 2> ends{};
-      if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) throw std::runtime_error("no sockets");
+      if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0)
+        throw std::runtime_error("no sockets");
       children_.push_back(
           std::make_unique<bench::Child>(std::vector<std::string>{program, bench::socketFolder()}, ends[0]));
       ::close(ends[0]);
@@ -212,9 +212,7 @@ std::pair<double, double> wakeByWrite() {
   return wakeAll(What::AwaitView, [] { Hall::instance().memory().insertData("Number", 1); });
 }
 
-void publish() {
-  Redis::instance().call("*3\r\n$7\r\nPUBLISH\r\n$4\r\nTick\r\n$2\r\n42\r\n", std::strlen(":10\r\n"));
-}
+void publish() { Redis::instance().call("*3\r\n$7\r\nPUBLISH\r\n$4\r\nTick\r\n$2\r\n42\r\n", std::strlen(":10\r\n")); }
 
 std::pair<double, double> wakeByPublish() {
   static const bool isReady = [] {
@@ -307,7 +305,8 @@ void readLargeThere(benchmark::State& state) {
   const std::string key = "Binary" + std::to_string(state.range(0));
   readLarge(state, What::ReadBinary,
             [&](const auto& bytes) { Hall::instance().memory().insertData(key, HXValue::binary(bytes)); });
-  compareWith(state, fmt::format("copyLargeThere/{}/{}/iterations:200/manual_time", state.range(0), state.range(1)), 1 / 0.9);
+  compareWith(state, fmt::format("copyLargeThere/{}/{}/iterations:200/manual_time", state.range(0), state.range(1)),
+              1 / 0.9);
 }
 
 // Each iteration is many reads already, or has to be prepared: their number does not go by the times of readers.
@@ -320,8 +319,14 @@ BENCHMARK(writeToTen)->UseManualTime()->Iterations(100);
 BENCHMARK(writeUntilTenAreAwake)->UseManualTime()->Iterations(100);
 BENCHMARK(streamToTenAsFastAsItGoes)->UseManualTime()->Iterations(3);
 BENCHMARK(streamToTenAtAPace)->UseManualTime()->Iterations(3);
-BENCHMARK(copyLargeThere)->UseManualTime()->ArgsProduct({{bench::kPage, bench::kLarge}, {1, kReaders}})->Iterations(200);
-BENCHMARK(readLargeThere)->UseManualTime()->ArgsProduct({{bench::kPage, bench::kLarge}, {1, kReaders}})->Iterations(200);
+BENCHMARK(copyLargeThere)
+    ->UseManualTime()
+    ->ArgsProduct({{bench::kPage, bench::kLarge}, {1, kReaders}})
+    ->Iterations(200);
+BENCHMARK(readLargeThere)
+    ->UseManualTime()
+    ->ArgsProduct({{bench::kPage, bench::kLarge}, {1, kReaders}})
+    ->Iterations(200);
 
 [[maybe_unused]] const bool withRedis = [] {
   if (!Redis::isInstalled()) return false;

@@ -39,14 +39,14 @@ class OnProcessor {
 
 struct Order {
   enum class What : std::uint64_t {
-    Read,         ///< A number, so often.
-    ReadFew,      ///< All of the few keys once, of which the writer has just written each.
-    Ask,          ///< The number by a call, so often.
-    AwaitView,    ///< Sleep until the number is written.
-    AwaitRedis,   ///< Sleep until something is published.
-    Stream,       ///< Read every value until an empty one.
-    ReadBinary,   ///< The one of so many bytes, which has just been written.
-    CopyBinary,   ///< The same out of a mapping, by memcpy.
+    Read,        ///< A number, so often.
+    ReadFew,     ///< All of the few keys once, of which the writer has just written each.
+    Ask,         ///< The number by a call, so often.
+    AwaitView,   ///< Sleep until the number is written.
+    AwaitRedis,  ///< Sleep until something is published.
+    Stream,      ///< Read every value until an empty one.
+    ReadBinary,  ///< The one of so many bytes, which has just been written.
+    CopyBinary,  ///< The same out of a mapping, by memcpy.
   } what;
   std::uint64_t count = 0;
   std::uint64_t place = 0;    ///< Of the value that is copied.
