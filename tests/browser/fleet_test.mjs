@@ -1,38 +1,17 @@
 // A fleet in the page: a hub, a desk from which one looks at it, and a robot.
 import assert from 'node:assert/strict';
-import { spawn, spawnSync } from 'node:child_process';
-import { existsSync, mkdtempSync, rmSync } from 'node:fs';
-import { createServer } from 'node:net';
-import { tmpdir } from 'node:os';
-import { dirname, join } from 'node:path';
 import { launch } from './browser.mjs';
+import { hasFleet, Hub } from './hub.mjs';
 import { complaintsOf, open, said, test } from './kit.mjs';
 import { Robot } from './robot.mjs';
 
 const program = process.argv[2];
-if (!existsSync(join(dirname(program), 'korvo-fleet')) || spawnSync('nats-server', ['--version']).error) {
+if (!hasFleet(program)) {
   console.log('skipped: no fleet without nats-server and libnats');
   process.exit(0);
 }
-
-async function freePort() {
-  const listener = createServer();
-  await new Promise((resolve) => listener.listen(0, '127.0.0.1', resolve));
-  const { port } = listener.address();
-  await new Promise((resolve) => listener.close(resolve));
-  return port;
-}
-
-async function startHub(folder) {
-  const port = await freePort();
-  const hub = spawn(program, ['fleet', 'hub', '--port', String(port), '--folder', folder], { stdio: ['ignore', 'pipe', 'inherit'] });
-  await new Promise((resolve) => hub.stdout.on('data', (text) => void (String(text).includes(String(port)) && resolve())));
-  return { hub, address: `nats://localhost:${port}` };
-}
-
-const folder = mkdtempSync(join(tmpdir(), 'korvo-'));
-const { hub, address } = await startHub(folder);
-const [desk, robot] = ['desk', 'robot7'].map((name) => Object.assign(new Robot(program, name), { hub: address }));
+const hub = await Hub.start(program);
+const [desk, robot] = ['desk', 'robot7'].map((name) => Object.assign(new Robot(program, name), { hub: hub.address }));
 await robot.start();
 await desk.start();
 const browser = await launch();
@@ -81,6 +60,5 @@ try {
   await browser.close();
   await desk.end();
   await robot.end();
-  hub.kill();
-  rmSync(folder, { recursive: true, force: true });
+  hub.end();
 }
