@@ -122,8 +122,11 @@ Store::Store(const fs::path& folder) : file_(folder / kFile), lock_(folder) {
 Store::~Store() = default;
 
 void Store::open() {
-  // The database would make it readable for everybody, and its log after it.
-  if (const int made = ::open(file_.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600); made >= 0) ::close(made);
+  // The database would make it readable for everybody, and its log after it; and of one that it may only read it would say
+  // no more than that input or output has failed.
+  const int made = ::open(file_.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  if (made < 0) throw StoreError(fmt::format("{}: {}", file_.string(), std::strerror(errno)));
+  ::close(made);
   sqlite3* opened = nullptr;
   const int result = sqlite3_open_v2(file_.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
   database_.reset(opened);

@@ -9,6 +9,8 @@
 #include <memory>
 #include <random>
 #include <sstream>
+#include <sys/fsuid.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -21,6 +23,15 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
+
+/// Permissions hold for this thread meanwhile, also where the tests run as root.
+class AsNobody {
+ public:
+  AsNobody() { ::setfsuid(::geteuid() == 0 ? 65534 : ::geteuid()); }
+  AsNobody(const AsNobody&) = delete;
+  AsNobody& operator=(const AsNobody&) = delete;
+  ~AsNobody() { ::setfsuid(::geteuid()); }
+};
 
 class KeptStore : public testing::Test {
  protected:
@@ -92,6 +103,28 @@ TEST_F(KeptStore, LeavesTheDatabaseOfAnotherProgramAsItIs) {
 TEST_F(KeptStore, NamesAFolderThatCannotBe) {
   write(folder.path() / "file", "");
   EXPECT_THAT(errorOf([&] { const Store store(folder.path() / "file"); }), HasSubstr("/file"));
+}
+
+TEST_F(KeptStore, NamesWhatItMayNotWriteAndLeavesItAsItIs) {
+  Store(folder.path()).commit(changes({{"a", 1}}));
+  const fs::path lock = folder.path() / Store::kLock;
+  const auto permit = [&](unsigned folderMode, unsigned lockMode, unsigned fileMode) {
+    fs::permissions(folder.path(), fs::perms(folderMode));
+    fs::permissions(lock, fs::perms(lockMode));
+    fs::permissions(file(), fs::perms(fileMode));
+  };
+  const auto failureOfOthers = [&] {
+    const AsNobody nobody;
+    return failure();
+  };
+  permit(0777, 0444, 0666);
+  EXPECT_EQ(failureOfOthers(), lock.string() + ": Permission denied");
+  permit(0777, 0666, 0444);
+  EXPECT_EQ(failureOfOthers(), file().string() + ": Permission denied");
+  permit(0555, 0666, 0666);
+  EXPECT_THAT(failureOfOthers(), HasSubstr(file().string() + ": "));
+  permit(0777, 0666, 0666);
+  EXPECT_EQ(Store(folder.path()).read().at("a").value, HXValue(1));
 }
 
 TEST_F(KeptStore, MovesWhatIsNoDatabaseAside) {
