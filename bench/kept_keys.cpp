@@ -1,12 +1,15 @@
-// What it costs to keep keys, and how soon they are back.
+// What it costs to keep keys, beside a store that appends each change to a file, and how soon they are back.
 
 #include "memory_host.h"
+#include "socket_peer.h"
 
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <hxkeeper.h>
+#include <limits>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -76,33 +79,108 @@ double processorSecondsOfOthers() {
          static_cast<double>(own.tv_nsec) / 1e9;
 }
 
-/// The share of a processor that it takes to keep 20 thousand changes a second of 1,000 keys, beside writing them.
-void keepUp(benchmark::State& state) {
+double processorSecondsOf(pid_t process) {
+  std::ifstream stat(fmt::format("/proc/{}/stat", process));
+  stat.ignore(std::numeric_limits<std::streamsize>::max(), ')');  // behind the name, which may have blanks
+  std::string skipped;
+  for (int field = 3; field < 14; ++field) stat >> skipped;
+  double user = 0;
+  double system = 0;
+  stat >> user >> system;
+  return (user + system) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
+/// What it has given to the disk, as pages of files; 0 where files lie in memory.
+double diskBytesOf(pid_t process) {
+  std::ifstream io(fmt::format("/proc/{}/io", process));
+  double bytes = 0;
+  for (std::string name; io >> name >> bytes;) {
+    if (name == "write_bytes:") return bytes;
+  }
+  return 0;
+}
+
+/// 20 thousand changes a second of 1,000 keys, in bursts, as a robot writes.
+/// @param processorSeconds  What is counted has taken so far.
+/// @param write             Stores so many values from the one with this number on.
+template <class Seconds, class Write>
+void keepUpWith(benchmark::State& state, pid_t process, Seconds&& processorSeconds, Write&& write) {
   using Clock = std::chrono::steady_clock;
-  constexpr int kBurst = 200;
+  constexpr std::size_t kBurst = 200;
   constexpr auto kPeriod = std::chrono::milliseconds(10);
-  const Folder folder;
-  const auto keeper = keep(folder, "Kept/");
-  auto& memory = *MemoryHost::instance().memory;
-  std::vector<std::string> names;
-  for (int i = 0; i < 1000; ++i) names.push_back(fmt::format("Kept/Key{}", i));
-  const double before = processorSecondsOfOthers();
+  const double before = processorSeconds();
+  const double bytesBefore = diskBytesOf(process);
   const auto begin = Clock::now();
   std::size_t written = 0;
   for (auto _ : state) {
     for (int burst = 0; burst < 100; ++burst) {
-      for (int i = 0; i < kBurst; ++i, ++written) {
-        memory.insertData(names[written % names.size()], HXValue(static_cast<double>(written)));
-      }
+      write(written, kBurst);
+      written += kBurst;
       std::this_thread::sleep_until(begin + kPeriod * static_cast<std::int64_t>(written / kBurst));
     }
   }
   const std::chrono::duration<double> took = Clock::now() - begin;
-  state.counters["processor"] = (processorSecondsOfOthers() - before) / took.count();
-  state.counters["changes"] = static_cast<double>(written) / took.count();
+  const double seconds = processorSeconds() - before;
+  const auto changes = static_cast<double>(written);
+  state.counters["processor"] = seconds / took.count();
+  state.counters["changes"] = changes / took.count();
+  state.counters["us_each"] = seconds * 1e6 / changes;
+  state.counters["bytes_each"] = (diskBytesOf(process) - bytesBefore) / changes;
+}
+
+std::string keptKey(std::size_t number) { return fmt::format("Kept/Key{}", number % 1000); }
+
+/// What it takes beside writing the memory.
+void keepUp(benchmark::State& state) {
+  const Folder folder;
+  const auto keeper = keep(folder, "Kept/");
+  auto& memory = *MemoryHost::instance().memory;
+  keepUpWith(state, ::getpid(), processorSecondsOfOthers, [&](std::size_t first, std::size_t count) {
+    for (std::size_t i = first; i < first + count; ++i) {
+      memory.insertData(keptKey(i), HXValue(static_cast<double>(i)));
+    }
+  });
   keeper->flush();
   keeper->exit();
 }
 BENCHMARK(keepUp)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+
+/// Redis, all of the process: what it takes to keep is the difference of a file that is synced each second and none.
+void keepUpInRedis(benchmark::State& state, const std::string& appendOnly) {
+  const Folder folder;
+  const std::string path = folder.path / "redis";
+  const bench::Child redis({"redis-server", "--port", "0", "--unixsocket", path, "--dir", folder.path.string(),
+                            "--loglevel", "warning", "--save", "", "--appendonly", appendOnly, "--appendfsync",
+                            "everysec"});
+  bench::PlainSocket socket(path);
+  std::string requests;
+  std::string answers;
+  const auto write = [&](std::size_t first, std::size_t count) {
+    requests.clear();
+    for (std::size_t i = first; i < first + count; ++i) {
+      const std::string key = keptKey(i);
+      const std::string value = fmt::format("{}", static_cast<double>(i));
+      requests += fmt::format("*3\r\n$3\r\nSET\r\n${}\r\n{}\r\n${}\r\n{}\r\n", key.size(), key, value.size(), value);
+    }
+    socket.send(requests);
+    answers.resize(count * std::string_view("+OK\r\n").size());
+    socket.receive(answers);
+  };
+  write(0, 1000);
+  keepUpWith(
+      state, redis.pid(), [&] { return processorSecondsOf(redis.pid()); }, write);
+}
+
+[[maybe_unused]] const bool withRedis = [] {
+  if (!std::filesystem::exists("/usr/bin/redis-server")) return false;
+  for (const char* appendOnly : {"yes", "no"}) {
+    benchmark::RegisterBenchmark(fmt::format("keepUpInRedis/appendonly:{}", appendOnly).c_str(),
+                                 [appendOnly](benchmark::State& state) { keepUpInRedis(state, appendOnly); })
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond)
+        ->Iterations(3);
+  }
+  return true;
+}();
 
 }  // namespace

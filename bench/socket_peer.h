@@ -46,6 +46,7 @@ class Child {
     ::waitpid(pid_, nullptr, 0);
   }
   bool isRunning() const { return pid_ > 0 && ::waitpid(pid_, nullptr, WNOHANG) == 0; }
+  pid_t pid() const { return pid_; }
 
  private:
   pid_t pid_ = -1;
