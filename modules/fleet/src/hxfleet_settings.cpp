@@ -88,7 +88,7 @@ void HXFleet::readSettings() {
   std::vector<std::string> others;
   for (const std::string& robot : followed_) {
     if (!fleet::isName(robot)) problems.push_back(fmt::format("follow: \"{}\" is no name of a robot", robot));
-    if (robot == robot_) problems.push_back("follow: a robot cannot follow itself");
+    if (robot == robot_) problems.emplace_back("follow: a robot cannot follow itself");
     others.push_back(robot + "/**");
   }
   for (const auto& [name, patterns] :
