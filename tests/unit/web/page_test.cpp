@@ -5,6 +5,7 @@
 #include <libmw/signal.h>
 
 #include <cstring>
+#include <future>
 #include <page/batch.h>
 #include <page/pagesession.h>
 #include <thread>
@@ -172,6 +173,35 @@ TEST_F(Page, WritesOnlyWithTheRightAndSaysWhatTheMemorySays) {
   } catch (const std::exception& error) {
     EXPECT_EQ(refused, error.what()) << "the memory's own words";
   }
+}
+
+/// A service with one method.
+template <class Callable>
+void offer(const std::shared_ptr<HX::HXBroker>& broker, const std::string& name, const char* method,
+           Callable callable) {
+  mw::ObjectBuilder builder;
+  builder.advertiseMethod(mw::MetaMethodBuilder(method, name, ""), mw::AnyFunction::from(std::move(callable)));
+  broker->session()->registerService(name,
+                                     mw::AnyObject(std::make_shared<mw::DynamicObject>(builder.build(), nullptr)));
+}
+
+TEST_F(Page, AsksARobotOfTheFleetToChangeItsOwnKeys) {
+  const auto asked = std::make_shared<std::promise<std::pair<std::string, HXValue>>>();
+  offer(broker, "HXFleet", "status", [] { return HXValue::map({{"follows", HXValue::list({"robot7"})}}); });
+  offer(broker, "robot7/HXMemory", "insertData", [asked](const std::string& key, const HXValue& value) {
+    asked->set_value({key, value});
+  });
+  for (const char* key : {"robot7/Arm/Speed", "robot8/Arm/Speed", "robot7"}) memory->insertData(key, 1);
+  open(Right::Write);
+  const auto set = [&](const std::string& key) {
+    say(R"({"op":"set","key":")" + key + R"(","value":2})");
+    EXPECT_EQ(answerTo("set").find("error"), nullptr) << key;
+    return memory->getData(key);
+  };
+  EXPECT_EQ(set("robot7/Arm/Speed"), HXValue(1)) << "it comes from the robot, once that has changed it";
+  EXPECT_EQ(asked->get_future().get(), std::pair(std::string("Arm/Speed"), HXValue(2)));
+  EXPECT_EQ(set("robot8/Arm/Speed"), HXValue(2)) << "who is not followed has no say";
+  EXPECT_EQ(set("robot7"), HXValue(2));
 }
 
 TEST_F(Page, AnswersNonsenseWithAnError) {

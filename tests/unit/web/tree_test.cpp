@@ -90,10 +90,10 @@ TEST(Tree, FindsKeysWhateverTheCaseOfLetters) {
   ASSERT_EQ(found.size(), 2U);
   EXPECT_EQ(found[0]->path, "Arm/Speed");
   EXPECT_EQ(found[1]->path, "Base/SPEED");
-  found = tree.find("a", "Base", 2, total);
+  found = tree.find("E", "Base", 2, total);
   EXPECT_EQ(total, 1U) << "what is below is looked at without the name above";
   ASSERT_EQ(found.size(), 1U);
-  EXPECT_EQ(found[0]->path, "Base/Load");
+  EXPECT_EQ(found[0]->path, "Base/SPEED");
 }
 
 TEST(Tree, RemembersRaisesAndNoStoring) {
