@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <fcntl.h>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <sys/mman.h>
@@ -44,10 +45,14 @@ class SharedTally {
     own.latencies[std::min(microseconds, kSlots - 1)].fetch_add(1, std::memory_order_relaxed);
     own.received.fetch_add(1, std::memory_order_release);
   }
-  /// Waits until every listener has received so many. @return False when that takes too long.
-  bool waitFor(std::uint64_t count) const {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    for (const Listener& one : shared_->listeners) {
+  /// Counts messages whose time does not matter.
+  void count(std::size_t listener, std::uint64_t messages) {
+    shared_->listeners[listener].received.fetch_add(messages, std::memory_order_release);
+  }
+  /// Waits until the first `listeners` have received so many each. @return False when that takes too long.
+  bool waitFor(std::uint64_t count, std::size_t listeners = kListeners) const {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    for (const Listener& one : std::span(shared_->listeners).first(listeners)) {
       while (one.received < count) {
         if (std::chrono::steady_clock::now() > end) return false;
         ::usleep(20);
@@ -55,7 +60,7 @@ class SharedTally {
     }
     return true;
   }
-  std::uint64_t received() const { return shared_->listeners[0].received; }
+  std::uint64_t received(std::size_t listener = 0) const { return shared_->listeners[listener].received; }
   void forgetLatencies() {
     for (Listener& one : shared_->listeners) {
       for (auto& slot : one.latencies) slot = 0;

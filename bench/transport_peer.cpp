@@ -1,9 +1,12 @@
 // The other processes that bench_transport talks to.
 
+#include "redis_reader.h"
 #include "shared_tally.h"
 #include "socket_peer.h"
 
+#include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
+#include <hxcommon/hxproxy.h>
 #include <libmw/dynamicobject.h>
 #include <libmw/local.h>
 #include <libmw/session.h>
@@ -27,10 +30,25 @@ class Sleeper : public mw::DynamicObject {
   }
 };
 
+/// Writes as fast as it can: to a hundred keys in turn.
+class Writer : public mw::DynamicObject {
+ public:
+  explicit Writer(std::shared_ptr<HX::HXProxy> memory) {
+    mw::ObjectBuilder builder;
+    builder.setTypeName("Writer").setThreadingModel(mw::ObjectThreadingModel::MultiThread);
+    builder.advertiseMethod({"write", "", "", 0}, mw::AnyFunction::from([memory = std::move(memory)](int count) {
+                              for (int i = 0; i < count; ++i) memory->call("insertData", bench::streamedKey(i), i);
+                            }));
+    setType(builder.build());
+  }
+};
+
 void runBroker() {
   const auto broker = HX::HXBroker::create("bench");
   broker->loadModule("hxmemory");
+  broker->loadModule("journal");
   broker->session()->registerService("Sleeper", mw::AnyObject(std::make_shared<Sleeper>()));
+  broker->session()->registerService("Writer", mw::AnyObject(std::make_shared<Writer>(broker->getProxy("HXMemory"))));
   const mw::LocalServer server(*broker->session(), "bench");
   ::pause();
 }
@@ -101,6 +119,56 @@ void runRedisListener(const std::string& path, const std::string& tally, std::si
   }
 }
 
+/// Follows every change of the keys that are written for it. The key "Time" says when it was written.
+void runFollower(const std::string& tally) {
+  bench::SharedTally shared(tally);
+  const auto broker = HX::HXBroker::create("follower");
+  const mw::LocalClient client(*broker->session(), "bench");
+  HX::journal::FollowOptions options;
+  options.onComplete = [&](HX::journal::Position) { shared.count(1, 1); };
+  HX::journal::Filter filter({"Stream/"});
+  const auto follower = HX::follow(
+      broker, filter.addKey("Time"),
+      [&](const HX::journal::Change& change) {
+        if (change.isState) return;
+        if (change.key == "Time") {
+          shared.receive(0, change.value.toInt64());
+        } else {
+          shared.count(0, 1);
+        }
+      },
+      std::move(options));
+  ::pause();
+}
+
+/// The same of a stream of Redis, or of the notices of its keys.
+void runRedisReader(const std::string& path, const std::string& tally, bool isStream) {
+  bench::SharedTally shared(tally);
+  bench::RedisReader redis(path);
+  if (!isStream) redis.send(bench::redisRequest({"PSUBSCRIBE", "__keyspace@0__:Stream/*"}));
+  std::string last = "$";
+  shared.count(1, 1);
+  while (true) {
+    if (isStream) {
+      redis.send(bench::redisRequest({"XREAD", "COUNT", "512", "BLOCK", "0", "STREAMS", "changes", last}));
+    }
+    const auto answer = redis.read();
+    if (!isStream) {
+      if (answer.parts.size() == 4) shared.count(0, 1);
+      continue;
+    }
+    for (const auto& entry : answer.parts.at(0).parts.at(1).parts) {
+      last = entry.parts.at(0).text;
+      const auto& fields = entry.parts.at(1).parts;
+      if (fields.at(0).text == "Time") {
+        shared.receive(0, std::stoll(fields.at(1).text));
+      } else {
+        shared.count(0, 1);
+      }
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -112,6 +180,9 @@ int main(int argc, char** argv) {
     if (role == "echo" && argc > 2) runEcho(argv[2]);
     if (role == "listener" && argc > 3) runListener(argv[2], std::stoul(argv[3]));
     if (role == "redis-listener" && argc > 4) runRedisListener(argv[2], argv[3], std::stoul(argv[4]));
+    if (role == "follower" && argc > 2) runFollower(argv[2]);
+    if (role == "redis-stream" && argc > 3) runRedisReader(argv[2], argv[3], true);
+    if (role == "redis-notices" && argc > 3) runRedisReader(argv[2], argv[3], false);
   } catch (const std::exception& error) {
     std::cerr << "bench_transport_peer " << role << ": " << error.what() << '\n';
   }
