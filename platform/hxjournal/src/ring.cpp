@@ -12,6 +12,8 @@ namespace {
 
 /// What a value takes beside its entry; elements are counted, not what is in them, so that it is known at once.
 std::size_t bytesOf(const HXValue& value) noexcept {
+  if (value.getType() < HXValue::Type::String)
+    return 0;  // As most are: nothing is asked of the other library for them.
   if (const auto* text = value.stringIf()) return text->size();
   if (const auto* binary = value.binaryIf()) return binary->size();
   return value.getSize() * sizeof(HXValue);
