@@ -201,12 +201,19 @@ std::unique_ptr<Follower, Release> Connection::follow(const py::dict& wanted) co
     const auto [epoch, revision] = since.cast<std::pair<std::uint64_t, std::uint64_t>>();
     what.since = HX::journal::Position{epoch, revision};
   }
-  return withoutGil([&] {
+  auto made = withoutGil([&] {
     if (from) what.since = HX::changesAt(joined_->own(), *from);
-    std::unique_ptr<Follower, Release> made(new Follower(joined_->own(), what));
-    joined_->endWithThis(made->ending());
-    return made;
+    std::unique_ptr<Follower, Release> follower(new Follower(joined_->own(), what));
+    joined_->endWithThis(follower->ending());
+    return follower;
   });
+  // What is written from now on is to be told change by change. A connection that is lost meanwhile is no reason to
+  // wait.
+  constexpr std::chrono::milliseconds kBetweenLooks{100};
+  waitWhile(Limit({}), [&](std::chrono::milliseconds longest) {
+    return made->waitForBeginning(std::min(longest, kBetweenLooks)) || !joined_->isConnected();
+  });
+  return made;
 }
 
 std::unique_ptr<NativeView, Release> Connection::view(const std::string& key, std::size_t capacity,

@@ -103,6 +103,7 @@ class Follower::Queue : public Endable {
     const std::lock_guard lock(mutex_);
     tellRemovalsLocked();
     isFirst_ = isWalking_ = false;
+    ready_.notify_all();
     if (!hasPositions_) return;
     place_ = place;
     if (!told_.empty()) told_.back().position = place;
@@ -113,6 +114,11 @@ class Follower::Queue : public Endable {
     ended_ = true;
     ready_.notify_all();
     signalLocked();
+  }
+
+  bool waitForBeginning(std::chrono::milliseconds longest) {
+    std::unique_lock lock(mutex_);
+    return ready_.wait_for(lock, longest, [this] { return ended_ || !isFirst_; });
   }
 
   bool wait(std::chrono::milliseconds longest) {
@@ -225,6 +231,8 @@ Follower::Follower(const std::shared_ptr<HX::HXBroker>& broker, const Wanted& wa
 }
 
 Follower::~Follower() { follow_.end(); }
+
+bool Follower::waitForBeginning(std::chrono::milliseconds longest) { return queue_->waitForBeginning(longest); }
 
 py::object Follower::take(std::optional<double> limit) {
   requireUsable();

@@ -4,6 +4,7 @@
 
 #include <hxcommon/feed.h>
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -31,6 +32,10 @@ class Follower {
   Follower& operator=(const Follower&) = delete;
   ~Follower();
 
+  /// Waits for how things stand, by which later changes are told from what was there before.
+  /// @param longest  How long.
+  /// @return Whether that is over.
+  bool waitForBeginning(std::chrono::milliseconds longest);
   /// Waits until there are changes, and takes them.
   /// @param limit  Seconds; none for no limit.
   /// @return A list of changes; empty when the time is over; None when it has ended.

@@ -76,8 +76,7 @@ bool NativeView::isAlive(double limit) {
 bool NativeView::wait(std::uint64_t revision, std::optional<double> limit) {
   requireUsable();
   const Turn turn(isUsed_);
-  return waitWhile(Limit(limit),
-                   [&](std::chrono::milliseconds longest) { return view_.wait(revision, longest); });
+  return waitWhile(Limit(limit), [&](std::chrono::milliseconds longest) { return view_.wait(revision, longest); });
 }
 
 // --- Streams --------------------------------------------------------------------------------------------------------
