@@ -7,6 +7,19 @@ type Waiting = { resolve: (answer: Answer) => void; reject: (error: Error) => vo
 const kFirstRetry = 250;
 const kLastRetry = 2000;
 
+/** What opens the way to a server, and says whether one is there. */
+export interface Way {
+  open(): WebSocket;
+  /** Rejects when nobody is there. */
+  probe(): Promise<unknown>;
+}
+
+/** From where the page came. Browsers report each WebSocket that fails, so a quiet request looks first. */
+const kHome: Way = {
+  open: () => new WebSocket(`${location.protocol === 'https:' ? 'wss' : 'ws'}://${location.host}/page`),
+  probe: () => fetch('/', { method: 'HEAD', cache: 'no-store' }),
+};
+
 /** The way to the server: comes back by itself, and says when it is not there. */
 export class Connection {
   status: Status = 'connecting';
@@ -15,24 +28,34 @@ export class Connection {
   onBatch: (batch: Batch) => void = () => {};
 
   private socket: WebSocket | null = null;
+  private isClosed = false;
   private waiting = new Map<number, Waiting>();
   private lastTag = 0;
   private retry = kFirstRetry;
 
+  constructor(private readonly way: Way = kHome) {}
+
   connect(): void {
-    const socket = new WebSocket(`${location.protocol === 'https:' ? 'wss' : 'ws'}://${location.host}/page`);
+    const socket = this.way.open();
     socket.binaryType = 'arraybuffer';
     socket.onopen = () => {
       this.retry = kFirstRetry;
       this.become('open');
     };
     socket.onmessage = (event) => this.hear(event.data);
+    socket.onerror = () => {}; // Its close follows.
     socket.onclose = () => this.lose();
     this.socket = socket;
   }
 
+  /** For good. */
+  close(): void {
+    this.isClosed = true;
+    this.socket?.close();
+  }
+
   send(wish: object | string): void {
-    if (this.socket?.readyState !== WebSocket.OPEN) return;
+    if (!this.socket || this.socket.readyState !== this.socket.OPEN) return;
     this.socket.send(typeof wish === 'string' ? wish : JSON.stringify(wish));
   }
 
@@ -63,18 +86,19 @@ export class Connection {
     for (const each of this.waiting.values()) each.reject(new Error('the connection was lost'));
     this.waiting.clear();
     this.become('lost');
+    if (this.isClosed) return;
     setTimeout(() => this.reconnect(), this.retry);
     this.retry = Math.min(this.retry * 1.6, kLastRetry);
   }
 
-  /** Browsers report each WebSocket that fails; so first see by a quiet request whether anybody is there. */
   private async reconnect(): Promise<void> {
+    if (this.isClosed) return;
     try {
-      await fetch('/', { method: 'HEAD', cache: 'no-store' });
-      this.connect();
+      await this.way.probe();
     } catch {
-      this.lose();
+      return this.lose();
     }
+    if (!this.isClosed) this.connect();
   }
 
   private become(status: Status): void {

@@ -150,6 +150,21 @@ void Errands::write(const HXValue& wish) const {
   memory.insertData(key, value);
 }
 
+HXValue Errands::values(const HXValue& keys) const {
+  HXValue::List told;
+  for (const HXValue& key : keys.asList()) {
+    const std::optional<HXValue> value = valueOf(key.asString());
+    if (!value) {
+      told.emplace_back();
+      continue;
+    }
+    const bool isLong = value->isInt64();
+    told.push_back(HXValue::list(
+        {HXValue::TypeToString(value->getType()), isLong ? HXValue(std::to_string(value->asInt64())) : *value}));
+  }
+  return HXValue::map({{"values", std::move(told)}});
+}
+
 HXValue Errands::about(const std::string& key) const {
   HXMemoryProxy memory = memory_();
   HXValue told = HXValue::map({{"key", key}});

@@ -30,6 +30,9 @@ class Errands {
   /// is asked.
   /// @param wish  {"op", "key", "value", "type"}.
   void write(const HXValue& wish) const;
+  /// Values of keys: of each [type, value], or null where there is no such key. A 64-bit int comes as text, since the
+  /// numbers of browsers have 53 bits.
+  HXValue values(const HXValue& keys) const;
   /// What is known of a key beside its value.
   HXValue about(const std::string& key) const;
   /// Names of all services that can be reached.

@@ -46,6 +46,10 @@ std::string nameOf(const HXValue& wish) { return wish["service"].asString() + ".
 
 }  // namespace
 
+void PageSession::values(const HXValue& wish) {
+  send(wish, [keys = wish["keys"]](const Errands& errands) { return errands.values(keys); });
+}
+
 void PageSession::about(const HXValue& wish) {
   send(wish, [key = wish["key"].asString()](const Errands& errands) { return errands.about(key); });
 }

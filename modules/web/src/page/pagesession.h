@@ -80,6 +80,7 @@ class PageSession : public SocketHandler, public std::enable_shared_from_this<Pa
   void call(const HXValue& wish);
   void emit(const HXValue& wish);
   // pagequestions.cpp
+  void values(const HXValue& wish);
   void about(const HXValue& wish);
   void services(const HXValue& wish);
   void describe(const HXValue& wish);
