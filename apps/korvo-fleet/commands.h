@@ -32,6 +32,7 @@ struct HubOptions {
   std::string key;
   double hours = 168;
   double megabytes = 1024;
+  int replicas = 1;
 };
 
 /// Makes the store of the fleet.

@@ -149,7 +149,8 @@ void initialiseHub(FleetView& fleet, const HubOptions& options) {
   const auto age =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::duration<double, std::ratio<3600>>(options.hours));
   constexpr double kMega = 1024.0 * 1024.0;
-  initialise(fleet.connection(), fleet.subjects(), age, static_cast<std::int64_t>(options.megabytes * kMega), 1);
+  initialise(fleet.connection(), fleet.subjects(), age, static_cast<std::int64_t>(options.megabytes * kMega),
+             options.replicas);
 }
 
 int runHub(FleetOptions fleet, const HubOptions& options) {

@@ -93,8 +93,12 @@ class Line {
         ->capture_default_str();
     hub->add_option("--certificate", hub_.certificate, "Of the hub, in PEM");
     hub->add_option("--key", hub_.key, "Of the certificate, in PEM");
-    addBounds(addAsking("init", "Makes the store of the fleet, or brings it up to what it should be",
-                        [this](FleetView& view) { initialiseHub(view, hub_); }));
+    CLI::App* init = addAsking("init", "Makes the store of the fleet, or brings it up to what it should be",
+                               [this](FleetView& view) { initialiseHub(view, hub_); });
+    addBounds(init);
+    init->add_option("--replicas", hub_.replicas, "On how many servers of a cluster each thing is stored")
+        ->check(CLI::Range(1, 5))
+        ->capture_default_str();
     CLI::App* key = add("key", "Makes the key of a robot and its rights at the hub", [this] {
       makeKey(fleet_, hub_, first_, followed_);
       return int{kDone};

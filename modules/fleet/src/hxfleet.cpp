@@ -251,7 +251,7 @@ void HXFleet::storeStatus(Session& session, const Status& status) {
       why = answer.text;
     }
   } catch (const fleet::NobodyError&) {
-    why = "the hub has no store: korvo fleet init makes it";
+    why = "the hub has no store: a cluster has it again once it has chosen a leader, korvo fleet init makes it";
   } catch (const std::exception& error) {
     why = error.what();
   }

@@ -11,6 +11,7 @@
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
 
+#include <algorithm>
 #include <utility>
 
 #include <fmt/format.h>
@@ -24,6 +25,7 @@ const char* const kFollowing = "hxfleet";  // Category of the log.
 constexpr std::size_t kMostTasks = 20'000;
 constexpr auto kPatience = 2s;
 constexpr auto kPatienceForKeys = 10s;
+constexpr auto kReadGap = 1s;  // Between attempts to read the last values.
 
 }  // namespace
 
@@ -50,17 +52,23 @@ std::set<std::string> Mirror::followed() const {
 void Mirror::listen(const std::shared_ptr<Connection>& connection) {
   const auto wanted = followed();
   std::vector<std::string> gone;
-  for (const auto& [robot, subscriptions] : listening_) {
+  for (const auto& [robot, followed] : listening_) {
     if (!wanted.contains(robot)) gone.push_back(robot);
   }
   for (const std::string& robot : gone) end(connection, robot);
   for (const std::string& robot : wanted) {
-    if (!listening_.contains(robot)) begin(connection, robot);
+    const auto known = listening_.find(robot);
+    if (known == listening_.end()) {
+      begin(connection, robot);
+    } else if (!known->second.hasValues && std::chrono::steady_clock::now() >= known->second.nextTry) {
+      readValues(*connection, robot, known->second);
+    }
   }
 }
 
 void Mirror::begin(const std::shared_ptr<Connection>& connection, const std::string& robot) {
-  auto& subscriptions = listening_[robot];
+  Followed& followed = listening_[robot];
+  auto& subscriptions = followed.subscriptions;
   subscriptions.push_back(connection->subscribe(subjects_.event(robot, ">"), [this, robot](const Message& message) {
     post([this, robot, payload = std::string(message.data())] { onEvent(robot, payload); });
   }));
@@ -72,20 +80,30 @@ void Mirror::begin(const std::shared_ptr<Connection>& connection, const std::str
         post([this, robot, key = std::string(message.subject().substr(head)), payload = std::string(message.data()),
               isRemoved] { onValue(robot, key, payload, isRemoved, false); });
       }));
+  readValues(*connection, robot, followed);
+  refreshRobot(connection, robot);
+}
+
+/// A cluster that is choosing a leader, say, has them only a little later.
+void Mirror::readValues(Connection& connection, const std::string& robot, Followed& followed) {
   try {
-    for (Entry& entry : readKeys(*connection, subjects_, bucket, robot + ".>", kPatienceForKeys)) {
+    for (Entry& entry : readKeys(connection, subjects_, subjects_.valueBucket(), robot + ".>", kPatienceForKeys)) {
       post([this, robot, key = entry.key.substr(robot.size() + 1), payload = std::move(entry.data)] {
         onValue(robot, key, payload, false, true);
       });
     }
+    followed.hasValues = true;
   } catch (const std::exception& error) {
-    mw::log::warning(kFollowing, "follow", fmt::format("the last values of {} are not there: {}", robot, error.what()));
+    if (followed.nextTry == std::chrono::steady_clock::time_point()) {
+      mw::log::warning(kFollowing, "follow",
+                       fmt::format("the last values of {} are not there: {}; it is tried again", robot, error.what()));
+    }
+    followed.nextTry = std::chrono::steady_clock::now() + kReadGap;
   }
-  refreshRobot(connection, robot);
 }
 
 void Mirror::end(const std::shared_ptr<Connection>& connection, const std::string& robot) {
-  for (const auto subscription : listening_.at(robot)) connection->unsubscribe(subscription);
+  for (const auto subscription : listening_.at(robot).subscriptions) connection->unsubscribe(subscription);
   listening_.erase(robot);
   withdrawAll(robot + "/");
   // Behind what arrived of it before.
@@ -165,12 +183,16 @@ void Mirror::onValue(const std::string& robot, const std::string& key, const std
   auto memory = module_.memory();
   if (isRemoved) return memory.removeData(robot + "/" + toKey(key));
   const Record record = toRecord(payload);
+  auto& newest = newest_[robot + "/" + record.key];
+  // What is read when we come may have been overtaken by what is heard meanwhile.
+  if (isFirst && record.time < newest) return;
+  newest = std::max(newest, record.time);
   // An event is raised when it is told as such; what it was before we came is no event now.
   if (record.kind == "Data" || isFirst) memory.insertData(robot + "/" + record.key, record.value);
 }
 
 void Mirror::refresh(const std::shared_ptr<Connection>& connection) {
-  for (const auto& [robot, subscriptions] : listening_) refreshRobot(connection, robot);
+  for (const auto& [robot, followed] : listening_) refreshRobot(connection, robot);
 }
 
 void Mirror::refreshRobot(const std::shared_ptr<Connection>& connection, const std::string& robot) {

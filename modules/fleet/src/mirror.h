@@ -5,8 +5,10 @@
 
 #include <hxerror/mutex.h>
 #include <hxvalue/hxvalue.h>
+#include <libmw/clock.h>
 #include <libmw/session.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -51,8 +53,14 @@ class Mirror {
 
  private:
   using Task = std::function<void()>;
+  struct Followed {
+    std::vector<Connection::SubscriptionId> subscriptions;
+    bool hasValues = false;  ///< What it had when we came has been read.
+    std::chrono::steady_clock::time_point nextTry;
+  };
 
   void begin(const std::shared_ptr<Connection>& connection, const std::string& robot);
+  void readValues(Connection& connection, const std::string& robot, Followed& followed);
   void end(const std::shared_ptr<Connection>& connection, const std::string& robot);
   void forget(const std::string& robot);
   void post(Task task);
@@ -73,8 +81,9 @@ class Mirror {
   bool isRunning_ HX_GUARDED_BY(mutex_) = false;
   bool ended_ HX_GUARDED_BY(mutex_) = false;
   std::size_t lost_ HX_GUARDED_BY(mutex_) = 0;
+  std::map<std::string, mw::SystemTimePoint> newest_;  // Of the keys that were heard of; of what runs the tasks.
   // Of the thread that listens and refreshes:
-  std::map<std::string, std::vector<Connection::SubscriptionId>> listening_;  // By robots.
+  std::map<std::string, Followed> listening_;  // By robots.
   std::map<std::string, mw::ServiceId> services_;
   std::map<std::string, std::vector<std::string>> methods_;  // By services, as they were described.
 };

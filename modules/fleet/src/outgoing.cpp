@@ -201,9 +201,11 @@ void Outgoing::confirmLive() {
   live_.confirmAll();
 }
 
-void Outgoing::confirmKept(std::uint64_t id) {
+bool Outgoing::confirmKept(std::uint64_t id) {
   const MutexLock lock(mutex_);
+  const bool isOldest = kept_.isOldest(id);
   if (kept_.confirm(id) && kept_.queued() > 0) wake();
+  return isOldest;
 }
 
 void Outgoing::onValues(const std::function<void(LastValues& values)>& use) {

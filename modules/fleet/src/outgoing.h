@@ -68,7 +68,9 @@ class Outgoing {
   /// @param values  Whether values count that are due by and by.
   void await(std::chrono::milliseconds limit, bool values, const std::stop_token& stop);
   void confirmLive();
-  void confirmKept(std::uint64_t id);
+  /// @return False when some that were sent before it are not confirmed: they were lost, since the store keeps the
+  /// order.
+  bool confirmKept(std::uint64_t id);
   /// Uses the last values' own functions, with nobody else doing so.
   void onValues(const std::function<void(LastValues& values)>& use);
   void giveBackLive();

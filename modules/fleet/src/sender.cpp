@@ -69,12 +69,13 @@ void Sender::run(const std::stop_token& stop) {
 
 void Sender::serve(Connection& connection, const std::stop_token& stop) {
   awaitsStore_ = false;
+  isProven_ = false;
   const auto isCurrent = [&] {
     const MutexLock lock(mutex_);
     return connection_.get() == &connection;
   };
   while (!stop.stop_requested() && connection.isOpen() && isCurrent()) {
-    if (!work(connection)) outgoing_.await(kIdle, !isCut(), stop);
+    if (!work(connection)) outgoing_.await(kIdle, isProven_ && !isCut(), stop);
   }
 }
 
@@ -91,17 +92,22 @@ bool Sender::work(Connection& connection) {
   }
   const std::string refused = connection.lastError();
   if (isLate) becomeCut(refused.empty() ? "the hub's store does not answer" : refused);
-  const bool isCutNow = isCut();
-  const bool isProbe = isCutNow && now >= nextProbe_;
-  if (isProbe) {
-    nextProbe_ = now + kProbeGap;
-    outgoing_.giveBackStored();
-  }
-  const std::size_t probed = isProbe ? 1 : 0;
-  const Outgoing::Work work = outgoing_.take(window_, isCutNow ? probed : window_);
+  const Outgoing::Work work = outgoing_.take(window_, storable(now, awaits));
   if (work.isEmpty()) return false;
   send(connection, work);
   return true;
+}
+
+/// How much the store may be sent now.
+std::size_t Sender::storable(Clock::time_point now, bool awaits) {
+  if (!isCut()) {
+    const std::size_t first = awaits ? 0 : 1;
+    return isProven_ ? window_ : first;
+  }
+  if (now < nextProbe_) return 0;
+  nextProbe_ = now + kProbeGap;
+  outgoing_.giveBackStored();
+  return 1;
 }
 
 void Sender::send(Connection& connection, const Outgoing::Work& work) {
@@ -157,8 +163,8 @@ void Sender::onEventAnswer(const Message& message) {
     return becomeCut(message.status() == kNoResponders ? "the hub has no store for events: korvo fleet init"
                                                        : std::string(message.data()));
   }
-  outgoing_.confirmKept(numberOf(message.subject()));
   noteAnswer();
+  if (!outgoing_.confirmKept(numberOf(message.subject()))) becomeCut("events were lost on their way to the store");
 }
 
 void Sender::onValueAnswer(const Message& message) {
@@ -202,6 +208,7 @@ void Sender::noteAnswer() {
   const MutexLock lock(mutex_);
   lastAnswer_ = Clock::now();
   cut_.clear();
+  isProven_ = true;
 }
 
 }  // namespace HX::fleet

@@ -23,7 +23,8 @@ namespace HX::fleet {
 /// Live events count as confirmed once the server answers what was sent behind them. Kept events and values count once
 /// the store has acknowledged each. When that stays out for two seconds, or the store says that it is not there, the
 /// way to it is cut: then nothing goes but the oldest event, or one value, each second; once that is acknowledged the
-/// rest follows, in order. To send on meanwhile would repeat thousands, and out of order.
+/// rest follows, in order. So it begins on each connection, too. To send on meanwhile would repeat thousands, and out
+/// of order.
 ///
 /// On a slow line it sends less at once: what the server's signs of life have to queue behind would otherwise pass for
 /// a server that has frozen.
@@ -50,6 +51,7 @@ class Sender {
   void run(const std::stop_token& stop);
   void serve(Connection& connection, const std::stop_token& stop);
   bool work(Connection& connection);
+  std::size_t storable(Clock::time_point now, bool awaits);
   void send(Connection& connection, const Outgoing::Work& work);
   void awaitArrival(Connection& connection);
   void listen(Connection& connection);
@@ -71,8 +73,9 @@ class Sender {
   Clock::time_point lastAnswer_ HX_GUARDED_BY(mutex_);  // Of the store; or when it was asked first after having been.
   Clock::time_point nextProbe_;                         // Of the thread alone, as are the two below.
   bool awaitsStore_ = false;
-  std::uint64_t highest_ = 0;  // Of the numbers that the bucket has given; of the library's thread.
-  std::size_t window_;         // So much is sent at once; of the thread.
+  std::atomic<bool> isProven_{false};  // The store has acknowledged something that came by this connection.
+  std::uint64_t highest_ = 0;          // Of the numbers that the bucket has given; of the library's thread.
+  std::size_t window_;                 // So much is sent at once; of the thread.
   std::jthread thread_;
 };
 

@@ -73,6 +73,8 @@ class Outbox {
   /// @return False for what is not in flight: it was confirmed before.
   bool confirm(std::uint64_t id);
   void confirmAll();
+  /// Whether all that was sent before this one, which is in flight or was, is confirmed.
+  bool isOldest(std::uint64_t id) const { return inFlight_.empty() || inFlight_.begin()->first >= id; }
   /// Nobody knows whether what is in flight arrived: all of it is to be sent again.
   void giveBack();
   /// Events raised before `time` are not sent any more.

@@ -53,6 +53,7 @@ class Host:
     def __init__(self, number):
         self.address = f"10.77.0.{number}"
         self.line = Line()
+        self.sent = 0  # Bytes, with the heads of IP and TCP.
         self.free = {"in": 0.0, "out": 0.0}  # When the wire of some rate has carried what it was given.
         self.keeper = subprocess.Popen(
             ["unshare", "--net", "sh", "-c", "ip link set lo up && echo up && exec cat"],
@@ -112,7 +113,6 @@ class Network:
         self.random = random.Random(20)
         self.waiting = []  # (when, number, host, packet)
         self.number = 0
-        self.carried = 0
         self.is_open = True
         self.thread = threading.Thread(target=self.carry, daemon=True)
         self.thread.start()
@@ -142,6 +142,7 @@ class Network:
 
     def send(self, host, to, packet):
         when = time.monotonic()
+        host.sent += len(packet)
         for at, direction in ((host, "out"), (to, "in")):
             line = at.line
             if line.is_holed or self.random.random() < line.loss:
@@ -153,7 +154,6 @@ class Network:
                 at.free[direction] = when = begin + len(packet) / line.rate
             when += line.delay
         self.number += 1
-        self.carried += len(packet)
         heapq.heappush(self.waiting, (when, self.number, to, packet))
 
     def close(self):
