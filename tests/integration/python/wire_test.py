@@ -222,6 +222,18 @@ class Page(unittest.TestCase):
         self.client.call("HXMemory.insertData", "k" * 65536, 1)
         self.client.call("HXMemory.removeData", "k" * 65536)
 
+    def test_connects_no_more_signals_than_the_page_says(self):
+        most = int(re.search(r"a signal connected beyond the (\d+)", PAGE)[1])
+        door = unpack(self.client.call("HXMemory.subscriber", "Door").content)[0][1]
+        for link in range(most):
+            self.client.call("korvo.connect", door, "signal", link)
+        self.assertIn("limit for one client", str(self.client.answer("korvo.connect", door, "signal", most)[0]))
+        self.assertIn(f"process {os.getpid()} gets no more: ", logged())
+        self.expect_service()
+        self.client.call("korvo.connect", door, "signal", 0)  # In place of the one that had the number.
+        self.client.call("korvo.disconnect", 1)
+        self.client.call("korvo.connect", door, "signal", most)
+
     def test_tells_those_whom_it_does_not_let_in(self):
         words = re.search(r"holds (\d+) connections, and (\d+) of one process; the last (\d+) are kept", PAGE)
         of_one = int(words[2])

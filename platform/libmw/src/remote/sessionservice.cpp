@@ -16,6 +16,9 @@ namespace {
 
 using HX::HXValue;
 
+/// Of one client: each costs some hundred bytes here, and every emission a message.
+constexpr std::size_t kMostConnections = 4096;
+
 template <class T>
 T argument(std::span<const AnyValue> arguments, std::size_t index, const char* what) {
   if (index >= arguments.size()) throw std::runtime_error(fmt::format("argument {} is missing: {}", index + 1, what));
@@ -171,9 +174,23 @@ AnyValue SessionService::release(Arguments arguments) {
   return AnyValue();
 }
 
+/// A broker does for all of its clients, and keeps each of them to the limit.
+void SessionService::requirePlace(std::uint32_t number) {
+  if (role_ != Role::Broker) return;
+  {
+    const HX::MutexLock lock(mutex_);
+    if (connections_.size() < kMostConnections || connections_.contains(number)) return;
+  }
+  const std::string reason =
+      fmt::format("{} signals are connected, which is the limit for one client", kMostConnections);
+  log::warning("mw.link", "connect", fmt::format("{} gets no more: {}", link()->peer(), reason));
+  throw std::runtime_error(reason);
+}
+
 Future<AnyValue> SessionService::connect(Arguments arguments) {
   const AnyObject object = objectOf(arguments);
   const auto number = argument<std::uint32_t>(arguments, 2, "the number of a link");
+  requirePlace(number);
   const auto* byName = arguments[1].getIf<HXValue>();
   const bool isNamed = byName && byName->isString();
   const int signal = isNamed ? object->metaObject().signalId(byName->asString())

@@ -55,6 +55,7 @@ class HX_API SessionService final : public ReservedService, public std::enable_s
   Future<AnyValue> setProperty(Arguments arguments);
 
   void requireBroker(std::string_view what) const;
+  void requirePlace(std::uint32_t number);
   AnyObject objectOf(Arguments arguments) const;
   std::shared_ptr<Link> link() const;
   void notify(const char* what, ServiceId id, const std::string& name);
