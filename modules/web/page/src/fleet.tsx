@@ -28,11 +28,12 @@ export function Fleet() {
     return () => clearInterval(again);
   }, [store.status]);
   if (!answer) return <p class="nothing" role={error ? 'alert' : undefined}>{error || 'Asking who is there…'}</p>;
-  const { status, robots } = answer;
+  const { status, robots, failure } = answer;
+  const trouble = error || (status.state === 'connected' && failure); // Else the state says it.
   return (
     <div class="fleet" tabIndex={0} aria-label="Robots of the fleet">
       <Standing status={status} robots={robots} />
-      {(error || answer.failure) && <p class="error" role="alert">{error || answer.failure}</p>}
+      {trouble && <p class="error" role="alert">{trouble}</p>}
       <ul class="tiles">{robots.map((robot) => <Tile key={robot.robot} robot={robot} isOwn={robot.robot === status.robot} isFollowed={status.follows.includes(robot.robot)} />)}</ul>
     </div>
   );
