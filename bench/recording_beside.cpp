@@ -28,7 +28,8 @@ const std::vector<std::string>& keys() {
 
 Feed feed() {
   return {[](auto filter, auto onChange, auto options) {
-            return HX::follow(MemoryHost::instance().broker, std::move(filter), std::move(onChange), std::move(options));
+            return HX::follow(MemoryHost::instance().broker, std::move(filter), std::move(onChange),
+                              std::move(options));
           },
           [] { return HX::retainedChanges(MemoryHost::instance().broker).latest; }};
 }
@@ -54,14 +55,15 @@ double processorSeconds(clockid_t clock) {
 
 void writeOnce(std::uint64_t i) {
   static const auto& memory = MemoryHost::instance().memory;
-  const std::string& key = keys()[i % kKeys];
-  if (i % 3 == 0) memory->insertData(key, static_cast<int>(i / kKeys));
-  if (i % 3 == 1) memory->insertData(key, static_cast<float>(i * 2'654'435'761U % 1'000'000) * 1e-6F);
-  if (i % 3 == 2) memory->insertData(key, i % 17 == 0);
+  const std::size_t number = i % kKeys;
+  const std::string& key = keys()[number];
+  if (number % 3 == 0) memory->insertData(key, static_cast<int>(i / kKeys));
+  if (number % 3 == 1) memory->insertData(key, static_cast<float>(i * 2'654'435'761U % 1'000'000) * 1e-6F);
+  if (number % 3 == 2) memory->insertData(key, i % 17 == 0);
 }
 
-/// A second of 200 thousand changes. Beside its own time the benchmark tells what part of a processor the threads of the
-/// recorder take, and what was missed.
+/// A second of 200 thousand changes. Beside its own time the benchmark tells what part of a processor the threads of
+/// the recorder take, and what was missed.
 void record200ThousandASecond(benchmark::State& state) {
   constexpr int kSlices = 1000;
   constexpr std::uint64_t kInSlice = 200;

@@ -1,5 +1,5 @@
-// What one writes in an afternoon to record a robot: a subscriber of an MQTT broker that appends each message to a table
-// of SQLite, in a transaction of half a second.
+// What one writes in an afternoon to record a robot: a subscriber of an MQTT broker that appends each message to a
+// table of SQLite, in a transaction of half a second.
 //
 //   sqlite_subscriber PORT FILE
 
@@ -95,7 +95,9 @@ void follow(std::uint16_t port, Table& table) {
     throw std::runtime_error("nobody listens");
   }
   using namespace std::string_view_literals;
-  constexpr auto kHello = "\x10\x10\x00\x04MQTT\x04\x02\x00\x00\x00\x04" "base\x82\x06\x00\x01\x00\x01#\x00"sv;
+  constexpr auto kHello =
+      "\x10\x10\x00\x04MQTT\x04\x02\x00\x00\x00\x04"
+      "base\x82\x06\x00\x01\x00\x01#\x00"sv;
   if (::write(socket, kHello.data(), kHello.size()) < 0) throw std::runtime_error("cannot subscribe");
   std::string bytes;
   std::array<char, 65536> buffer{};

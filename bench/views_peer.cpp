@@ -13,6 +13,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <utility>
 
 #include <benchmark/benchmark.h>
 
@@ -40,7 +41,7 @@ class Reader {
           for (std::uint64_t i = 0; i < order.count; ++i) benchmark::DoNotOptimize(memory_.getData("Number"));
         });
       case Order::What::AwaitView:
-        return awaitView();
+        return awaitView(order.count);
       case Order::What::AwaitRedis:
         return awaitRedis();
       case Order::What::Stream:
@@ -70,8 +71,11 @@ class Reader {
     });
   }
 
-  Answer awaitView() {
-    while (!number_.wait(number_.read().revision, 1s)) {
+  Answer awaitView(std::uint64_t known) {
+    while (true) {
+      const auto& seen = number_.read();
+      if (std::cmp_not_equal(seen.value(), known)) break;
+      number_.wait(seen.revision, 1s);
     }
     return {sharedNow()};
   }

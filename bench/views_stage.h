@@ -42,7 +42,7 @@ struct Order {
     Read,        ///< A number, so often.
     ReadFew,     ///< All of the few keys once, of which the writer has just written each.
     Ask,         ///< The number by a call, so often.
-    AwaitView,   ///< Sleep until the number is written.
+    AwaitView,   ///< Sleep until the number is another one.
     AwaitRedis,  ///< Sleep until something is published.
     Stream,      ///< Read every value until an empty one.
     ReadBinary,  ///< The one of so many bytes, which has just been written.

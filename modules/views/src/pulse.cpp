@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <new>
+#include <pthread.h>
+#include <sched.h>
 #include <utility>
 
 namespace HX {
@@ -49,6 +51,9 @@ void Pulse::beat(const Segments& segments) noexcept {
 }
 
 void Pulse::run() {
+  // Woken by a writer, it does not take that one's processor away. Where this is refused, it only costs time.
+  const sched_param none{};
+  ::pthread_setschedparam(::pthread_self(), SCHED_BATCH, &none);
   std::vector<std::shared_ptr<const view::Shown>> due;
   auto next = std::chrono::steady_clock::now();
   MutexLock lock(mutex_);
