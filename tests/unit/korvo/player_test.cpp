@@ -1,6 +1,7 @@
+#include "recordings/player.h"
+
 #include "../recorder/kit.h"
 #include "recordings/moments.h"
-#include "recordings/player.h"
 #include "temporary_folder.h"
 
 #include <string>
