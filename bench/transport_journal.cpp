@@ -110,8 +110,9 @@ struct Notices {
     return the;
   }
   void sendMany(int count) {
-    writer.sendMany(count,
-                    [](int i) { return bench::redisRequest({"SET", bench::streamedKey(i), std::to_string(i)}); });
+    writer.sendMany(count, [](int i) {
+      return bench::redisRequest({"SET", bench::streamedKey(i), std::to_string(i)});
+    });
   }
 };
 

@@ -123,9 +123,9 @@ void Outgoing::raise(Key& key, const journal::Change& change) {
   key.nth = change.nth;
   ++key.n;
   if (!key.name) return;
-  Event event{key.name, key.n, toPayload(recordOf(key, change)), Clock::now()};
-  (key.isKept ? kept_ : live_).push(std::move(event));
-  setValue(key, change);
+  Record record = recordOf(key, change);
+  (key.isKept ? kept_ : live_).push({key.name, key.n, toPayload(record), Clock::now()});
+  setValue(key, change, std::move(record));
 }
 
 Record Outgoing::recordOf(const Key& key, const journal::Change& change) const {
@@ -134,8 +134,12 @@ Record Outgoing::recordOf(const Key& key, const journal::Change& change) const {
 }
 
 void Outgoing::setValue(Key& key, const journal::Change& change) {
-  if (!key.name || (!change.value.isValid() && !change.withheld)) return;
-  if (values_.set(key.name, recordOf(key, change)) || std::exchange(toldTooMany_, true)) return;
+  if (key.name) setValue(key, change, recordOf(key, change));
+}
+
+void Outgoing::setValue(const Key& key, const journal::Change& change, Record record) {
+  if (!change.value.isValid() && !change.withheld) return;
+  if (values_.set(key.name, std::move(record)) || std::exchange(toldTooMany_, true)) return;
   mw::log::warning(kCategory, "mirror",
                    fmt::format("{} keys are mirrored, and no more: {} is the first that is not", bounds_.values.keys,
                                key.name->key));

@@ -100,6 +100,7 @@ class Outgoing {
   void state(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
   void raise(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
   void setValue(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
+  void setValue(const Key& key, const journal::Change& change, Record record) HX_REQUIRES(mutex_);
   Record recordOf(const Key& key, const journal::Change& change) const HX_REQUIRES(mutex_);
   void tellStranger(const journal::Change& change) HX_REQUIRES(mutex_);
   void wake() HX_REQUIRES(mutex_);

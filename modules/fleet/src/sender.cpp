@@ -111,8 +111,11 @@ std::size_t Sender::storable(Clock::time_point now, bool awaits) {
 }
 
 void Sender::send(Connection& connection, const Outgoing::Work& work) {
+  std::string subject = subjects_.event(robot_, "");
+  const std::size_t head = subject.size();
   for (const EventPointer& event : work.live) {
-    connection.publish(subjects_.event(robot_, event->key->subject), event->payload);
+    subject.replace(head, std::string::npos, event->key->subject);
+    connection.publish(subject, event->payload);
   }
   for (const EventPointer& event : work.kept) {
     connection.publish({subjects_.event(robot_, event->key->subject),

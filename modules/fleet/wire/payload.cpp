@@ -4,6 +4,7 @@
 #include <hxvalue/exactjson.h>
 #include <hxvalue/json.h>
 
+#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <locale>
@@ -18,7 +19,12 @@ namespace {
 
 using namespace std::chrono;
 
-std::string quoted(const std::string& text) { return toJson(HXValue(text)); }
+/// Names of keys are plain nearly always, and there is one in each event.
+std::string quoted(const std::string& text) {
+  const bool isPlain =
+      std::ranges::all_of(text, [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
+  return isPlain ? '"' + text + '"' : toJson(HXValue(text));
+}
 
 std::string textOf(const HXValue& object, std::string_view name) {
   const HXValue* const found = object.find(name);

@@ -122,8 +122,8 @@ Store::Store(const fs::path& folder) : file_(folder / kFile), lock_(folder) {
 Store::~Store() = default;
 
 void Store::open() {
-  // The database would make it readable for everybody, and its log after it; and of one that it may only read it would say
-  // no more than that input or output has failed.
+  // The database would make it readable for everybody, and its log after it; and of one that it may only read it would
+  // say no more than that input or output has failed.
   const int made = ::open(file_.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
   if (made < 0) throw StoreError(fmt::format("{}: {}", file_.string(), std::strerror(errno)));
   ::close(made);
