@@ -16,7 +16,8 @@ from . import _native
 from ._errors import CallError, Cancelled, Error, NoSuchKey, NoSuchService, NotConnected, Timeout, error_of, fields_of
 from ._following import Change, Follow, Watch
 from ._future import Future
-from ._hosting import Host, Module, method, on, signal
+from ._hosting import Host, Module, method, on, signal, tell_hosted as _tell_hosted
+from ._logging import log_to_logging
 from ._object import Method, Object, Signal
 from ._robot import Explanation, KeyInfo, Robot, connect
 from ._state import callbacks as _callbacks
@@ -26,7 +27,7 @@ from ._views import Seen, Stream, View, ViewState
 __all__ = [
     "CallError", "Cancelled", "Change", "Error", "Explanation", "Float32", "Follow", "Future", "Host", "Int64", "KeyInfo",
     "Method", "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Seen", "Signal", "Stream",
-    "Timeout", "View", "ViewState", "Watch", "connect", "method", "on", "signal",
+    "Timeout", "View", "ViewState", "Watch", "connect", "log_to_logging", "method", "on", "signal",
 ]
 
 _native.install({
@@ -35,3 +36,4 @@ _native.install({
     "error_of": error_of, "fields_of": fields_of,
 })
 _atexit.register(_native.end)
+_atexit.register(_tell_hosted)

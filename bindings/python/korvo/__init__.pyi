@@ -11,7 +11,7 @@ _Kind = Literal["lost", "restored", "registered", "unregistered"]
 __all__ = [
     "CallError", "Cancelled", "Change", "Error", "Explanation", "Float32", "Follow", "Future", "Host", "Int64", "KeyInfo",
     "Method", "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Seen", "Signal", "Stream",
-    "Timeout", "View", "ViewState", "Watch", "connect", "method", "on", "signal",
+    "Timeout", "View", "ViewState", "Watch", "connect", "log_to_logging", "method", "on", "signal",
 ]
 
 class Float32(float): ...
@@ -150,6 +150,7 @@ class signal:
 
 def method(function: _Function) -> _Function: ...
 def on(key: str, micro: bool = False) -> Callable[[_Function], _Function]: ...
+def log_to_logging(level: Literal["silent", "fatal", "error", "warning", "info", "verbose", "debug"] | None = None) -> None: ...
 def connect(name: str | None = None, timeout: float | None = None) -> Robot: ...
 
 class Robot(MutableMapping[str, Any]):

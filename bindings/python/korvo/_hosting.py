@@ -10,6 +10,7 @@ from ._values import Float32, Int64
 _PLAIN = {bool: "bool", int: "int64", float: "double", str: "string", bytes: "binary", list: "list<value>",
           dict: "map<value>", Float32: "float", Int64: "int64", Object: "object", object: "value", None: "void",
           type(None): "void"}
+_hosted = set()
 _ELEMENTS = {"bool", "int64", "double", "string", "value"}
 
 
@@ -123,6 +124,7 @@ class Host:
         try:
             self._native = robot._native.host(self._describe())
             module._hosted = self._native
+            _hosted.add(self)
             module.init()
         except BaseException:
             self.stop(exits=False)
@@ -131,6 +133,7 @@ class Host:
     def stop(self, exits=True):
         """Takes the module out: waits for calls that run in it. May be repeated."""
         native, self._native = self._native, None
+        _hosted.discard(self)
         try:
             if native is not None and exits:
                 self.module.exit()
@@ -164,6 +167,14 @@ class Host:
                     subscriptions.append({"key": key, "method": name, "micro": micro})
         return {"name": self.name, "description": _clean(type(self.module).__doc__ or ""), "methods": methods,
                 "signals": signals, "subscriptions": subscriptions}
+
+
+def tell_hosted():
+    """Called at the end of the program: names the modules that cannot be asked to leave any more."""
+    for host in _hosted:
+        if type(host.module).exit is not Module.exit:
+            print(f"korvo: {host.name} is still hosted at the end of the program, and its exit is not called; "
+                  "stop it before, as by `with robot.host(...)`", file=sys.stderr)
 
 
 def _members(kind):

@@ -4,6 +4,7 @@
 #include "future.h"
 #include "hosting.h"
 #include "interpreter.h"
+#include "logqueue.h"
 #include "object.h"
 #include "values.h"
 #include "viewer.h"
@@ -39,6 +40,11 @@ PYBIND11_MODULE(_native, native) {
   native.def("install", install);
   native.def("end", [] { endInterpreter(Connection::closeAll); });
   native.def("is_ending", isEnding);
+  native.def(
+      "take_log", [](std::optional<double> limit) { return LogQueue::instance().take(limit); }, arg("timeout"));
+  native.def(
+      "begin_log", [](std::optional<int> level) { LogQueue::instance().begin(level); }, arg("level"));
+  native.def("end_log", [] { withoutGil([] { LogQueue::instance().end(); }); });
   native.def("running_brokers", [] { return withoutGil(mw::runningBrokers); });
 
   py::class_<PendingResult, Held<PendingResult>>(native, "Future")

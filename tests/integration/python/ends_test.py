@@ -109,6 +109,37 @@ SHORT = """
 """
 
 
+# Has its log go where Python's goes, and forgets a module at its end.
+LOGGED = """
+    import korvo, logging, sys, threading
+
+    logged = threading.Event()
+
+    class Handler(logging.Handler):
+        def emit(self, record):
+            if record.name.startswith("korvo."):
+                print(record.levelname, record.name, record.funcName, record.getMessage())
+                logged.set()
+
+    logging.getLogger().addHandler(Handler())
+    korvo.log_to_logging("warning")
+    robot = korvo.connect()
+
+    class Forgotten(korvo.Module):
+        moved = korvo.signal(int)
+
+        def exit(self):
+            print("left")
+
+    host = robot.host(Forgotten(), "Forgotten")
+    robot.service("Forgotten").moved.connect(lambda to: 1 / 0)
+    host.module.moved.emit(1)
+    logged.wait(30)
+    if sys.argv[1] == "stops":
+        host.stop()
+"""
+
+
 class Ends(unittest.TestCase):
     def test_programs_end_under_traffic(self):
         raising = threading.Event()
@@ -151,6 +182,14 @@ class Ends(unittest.TestCase):
         for line in refused:
             self.assertIn("was forked from one that uses korvo", line)
         self.assertEqual(lines, ["9", "[1, 2]", "1 True"])
+
+    def test_a_module_that_was_not_stopped_is_named_and_the_log_goes_to_logging(self):
+        for way, left, said in (("stops", 1, ""), ("forgets", 0, "Forgotten is still hosted at the end of the program")):
+            status, output, errors = kit.ended(kit.program(LOGGED, way))
+            self.assertEqual((status, output.count("left\n")), (0, left), errors)
+            self.assertRegex(output, "(?m)^(WARNING|ERROR) korvo[.]mw[.a-z]* [a-zA-Z]+ .*division by zero")
+            self.assertEqual("still hosted" in errors, not left, errors)
+            self.assertIn(said, errors)
 
     def test_many_interpreters_at_once(self):
         for process in [kit.program(SHORT) for _ in range(min(12 * ROUNDS, 120))]:
