@@ -101,7 +101,7 @@ void SocketChannel::watch() {
   const HX::MutexLock lock(watchMutex_);
   if (number_ == 0) return;
   std::uint32_t events = EPOLLET;
-  if (turn_.isTold()) events |= EPOLLIN;
+  if (turn_.isTold()) events |= EPOLLIN | EPOLLRDHUP;
   if (hasOutput_) events |= EPOLLOUT;
   poller_.watch(number_, socket_.number(), events);
 }
@@ -128,14 +128,16 @@ bool SocketChannel::remindIn(Clock::duration time, std::atomic<bool>& isReminded
 void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& works) {
   if ((events & EPOLLOUT) != 0) flush();
   if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) == 0) return;
-  // The end of the peer is told also of a socket that is not watched.
-  if ((events & (EPOLLHUP | EPOLLERR)) != 0) expectMore();
+  // The end of the peer is told also of a socket that is not watched; and with the last of what it sent, in one:
+  // whoever has read that goes on to the end, of which nothing more will be told.
+  const bool isLast = (events & (EPOLLHUP | EPOLLERR | EPOLLRDHUP)) != 0;
+  if (isLast) expectMore();
   if (!turn_.beginPoller()) return;
   do {
     const auto received = receive(works);
     if (received == Received::End) return turn_.leavePoller();
     if (received == Received::All && tail_.isOpen() && works.empty()) return readOn(works);
-    if (received == Received::All && turn_.endPoller()) return;
+    if (received == Received::All && !isLast && turn_.endPoller()) return;
   } while (works.empty());
   // There is more, or may be: whoever is told of it reads on, while this thread does what has come.
   turn_.leavePoller();

@@ -88,7 +88,8 @@ Bytes message(std::uint32_t number) {
 /// A channel, and the other end of its socket.
 class SocketChannelTest : public testing::Test {
  protected:
-  SocketChannelTest() {
+  SocketChannelTest() { begin(); }
+  void begin() {
     int ends[2];
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) throw std::runtime_error("no sockets");
     other = File(ends[1]);
@@ -157,6 +158,21 @@ TEST_F(SocketChannelTest, IsReadByOthersAtOnceWhereMoreIsExpected) {
   arrive(0);
   EXPECT_TRUE(sink->waitFor(201));
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 10s);
+}
+
+TEST_F(SocketChannelTest, ReadsToTheEndWhereThatIsToldTogetherWithWhatCameBefore) {
+  for (std::uint32_t round = 0; round < 20; ++round) {
+    sink = std::make_shared<Numbers>();
+    sink->idle = false;
+    begin();
+    while (!channel->beginReading()) std::this_thread::yield();  // Whoever read may be about to leave.
+    arrive(round);
+    if (round % 2 == 0) ::shutdown(other.number(), SHUT_WR);
+    if (round % 2 == 1) other = File();
+    channel->endReading();
+    ASSERT_EQ(sink->waitForEnd(), std::vector{std::string(remote::kPeerClosed)});
+    EXPECT_EQ(sink->numbers(), std::vector{round});
+  }
 }
 
 TEST_F(SocketChannelTest, SendsWhatWaitsForOthers) {
