@@ -48,8 +48,7 @@ bool partMatches(std::string_view glob, std::string_view part) {
 
 }  // namespace
 
-Pattern::Pattern(std::string_view text) : parts_(partsOf(text)) {
-  hasRest_ = parts_.back() == kRest;
+Pattern::Pattern(std::string_view text) : parts_(partsOf(text)), hasRest_(parts_.back() == kRest) {
   if (hasRest_) parts_.pop_back();
   if (std::ranges::count(parts_, kRest) > 0) {
     throw std::runtime_error(fmt::format("{}: ** stands at the end of a pattern only", text));

@@ -170,7 +170,7 @@ void Encoder::writeLog(Message message, int level, std::string_view text) {
 }
 
 void Encoder::writeChange(Message message, HXValue::Map entries) {
-  const std::string json = toJson(entries);
+  const std::string json = toJson(HXValue(std::move(entries)));
   message.data = json;
   addMessage(*changes_, message);
 }

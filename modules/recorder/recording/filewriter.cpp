@@ -43,8 +43,7 @@ void OutputFile::fail(int error) const {
 }
 
 FileWriter::FileWriter(std::filesystem::path path, const TextMap& about, bool hasIndex)
-    : file_(std::move(path)), hasIndex_(hasIndex) {
-  buffer_ = kMagic;
+    : file_(std::move(path)), hasIndex_(hasIndex), buffer_(kMagic) {
   writeHeader(buffer_);
   file_.append(buffer_);
   add(Metadata{"korvo", about});

@@ -37,8 +37,8 @@ std::uint64_t numberOf(const TextMap& about, std::string_view name) {
   return number;
 }
 
-Reader::Reader(std::filesystem::path path, Way way, std::uint64_t limit) : path_(std::move(path)), limit_(limit) {
-  file_ = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+Reader::Reader(std::filesystem::path path, Way way, std::uint64_t limit)
+    : path_(std::move(path)), limit_(limit), file_(::open(path_.c_str(), O_RDONLY | O_CLOEXEC)) {
   struct stat status {};
   if (file_ < 0 || ::fstat(file_, &status) != 0) {
     const int error = errno;

@@ -118,7 +118,7 @@ class Reader {
 
   const std::filesystem::path path_;
   const std::uint64_t limit_;
-  int file_ = -1;
+  const int file_;
   std::uint64_t size_ = 0;
   std::uint64_t lost_ = 0;
   std::uint64_t strange_ = 0;
