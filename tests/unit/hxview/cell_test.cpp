@@ -180,6 +180,27 @@ TEST(Cell, IsNeverSeenTornOrGoingBackByThreads) {
 class Ring : public testing::TestWithParam<std::size_t> {};
 
 // Copied by words, and where the processor has them by string instructions.
+TEST(RingSlot, IsNotBelievedFromWhenItMayBeFilledAgain) {
+  const RingShape shape{8, 3};
+  std::vector<Word> words(shape.bytes() / sizeof(Word));
+  RingWriter writer(reinterpret_cast<std::byte*>(words.data()), shape, 1);
+  const RingReader reader(reinterpret_cast<const std::byte*>(words.data()), shape, 1);
+  const std::vector<std::byte> bytes(8, std::byte{1});
+  Content content;
+  std::vector<std::byte> copied;
+  for (std::uint64_t number = 1; number <= 5; ++number) {
+    writer.prepare({HXValue::Type::Binary, State::Present, 0}, bytes);
+    if (number > 2) {
+      EXPECT_EQ(reader.look(number - 2, content, copied), Outcome::Whole);
+    }
+    if (number > 3) {
+      EXPECT_EQ(reader.look(number - 3, content, copied), Outcome::Torn) << "it has just been filled";
+    }
+    writer.commit(number);
+    EXPECT_EQ(reader.look(number, content, copied), Outcome::Whole);
+  }
+}
+
 TEST_P(Ring, IsNeverSeenTornByThreads) {
   const RingShape shape{GetParam(), 3};
   constexpr std::uint64_t kWrites = 20'000;
