@@ -236,7 +236,8 @@ void run(int rounds) {
   bench.removeStream();
   for (int i = 0; i < rounds; ++i) live.add(bench.raiseAll("Live") / 1e3, bench.publishAll("plain.event") / 1e3);
   live.print("live events, with no store at the hub", "k/s");
-  std::printf("a server that is killed and started again: %.2f s until 200 more events are confirmed\n", bench.restart());
+  std::printf("a server that is killed and started again: %.2f s until 200 more events are confirmed\n",
+              bench.restart());
 }
 
 }  // namespace

@@ -63,6 +63,12 @@ class Hub {
     server_->send(SIGKILL);
     server_.reset();
   }
+  /// Started again with other words beyond address and store.
+  void restartWith(std::string configuration) {
+    stop();
+    configuration_ = std::move(configuration);
+    start();
+  }
   /// With an empty store.
   void startAnew() {
     stop();
@@ -76,7 +82,7 @@ class Hub {
   const std::filesystem::path& folder() const { return folder_.path(); }
 
  private:
-  const std::string configuration_;
+  std::string configuration_;
   const TemporaryFolder folder_;
   int port_ = -1;
   std::unique_ptr<Process> server_;

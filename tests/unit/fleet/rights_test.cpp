@@ -6,6 +6,7 @@
 #include "private_hub.h"
 
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -85,7 +86,7 @@ TEST_F(Rights, OfARobotEndAtItsName) {
                                 subjects.interface("STREAM.DELETE.KV_fleet"),
                                 "$JS.API.STREAM.PURGE.FLEET_EVENTS"};
   for (const std::string& subject : forged) {
-    EXPECT_THROW(robot->request({subject, "{}"}, 300ms), HX::fleet::RefusedError) << subject;
+    EXPECT_THROW(robot->request({subject, "{}"}, 1s), HX::fleet::RefusedError) << subject;
     EXPECT_THAT(robot->lastError(), HasSubstr("ermissions Violation"));
   }
   boss->flush(5s);
@@ -101,6 +102,49 @@ TEST_F(Rights, AreThoseOfAKeyThatTheHubKnows) {
   EXPECT_THAT(errorOf([&] { check(known); }), HasSubstr("chmod 600"));
 }
 
+TEST_F(Rights, EndAndBeginWithWhatTheHubIsTold) {
+  const auto users = [&](const std::string& robots) {
+    return "authorization { users = [\n" + operatorUser(subjects, "operator", keys[0].publicKey) + robots + "] }\n";
+  };
+  connect(1, "_INBOX.robot7");
+  hub->restartWith(users(""));
+  EXPECT_THROW(connect(1, "_INBOX.robot7"), HX::fleet::RefusedError);
+  hub->restartWith(users(robotUser(subjects, "robot7", keys[1].publicKey, {kAllRobots})));
+  const auto robot = connect(1, "_INBOX.robot7");
+  EXPECT_NO_THROW(readKeys(*robot, subjects, "fleet_status", "*", 5s)) << "who follows all may list all";
+  EXPECT_THROW(robot->request({"fleet.robot8.set.A", "2"}, 1s), HX::fleet::RefusedError);
+}
+
+TEST(Certificates, AreOfTheFleetAndForTheNameOfTheHub) {
+  if (kit::Hub::program().empty() || std::system("openssl version >/dev/null 2>&1") != 0) {
+    GTEST_SKIP() << "there is no nats-server, or no openssl";
+  }
+  const kit::TemporaryFolder folder;
+  const auto file = [&](const std::string& name) { return (folder.path() / name).string(); };
+  const auto make = [&](const std::string& name, const std::string& host) {
+    const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=" + host +
+                                " -addext subjectAltName=DNS:" + host + " -keyout " + file(name + ".key") + " -out " +
+                                file(name + ".pem") + " 2>/dev/null";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+  };
+  make("hub", "localhost");
+  make("other", "localhost");
+  make("elsewhere", "hub.example");
+  const auto tls = [&](const std::string& name) {
+    return "tls { cert_file: \"" + file(name + ".pem") + "\", key_file: \"" + file(name + ".key") + "\" }\n";
+  };
+  kit::Hub hub(tls("hub"));
+  const auto connect = [&](const std::string& authority) {
+    std::string url = hub.url("tls");
+    url.replace(url.find("127.0.0.1"), std::string("127.0.0.1").size(), "localhost");
+    Connection({{url}, file(authority + ".pem"), {}, false}, Connection::Options{"test"});
+  };
+  EXPECT_NO_THROW(connect("hub"));
+  EXPECT_THROW(connect("other"), HX::fleet::RefusedError) << "of another authority";
+  hub.restartWith(tls("elsewhere"));
+  EXPECT_THROW(connect("elsewhere"), HX::fleet::RefusedError) << "for another name";
+}
+
 TEST_F(Rights, LetAFollowerReadAndCallWhatItFollows) {
   const auto robot = connect(1, "_INBOX.robot7");
   writeKey(*robot, subjects, "fleet", "robot7.A", "1", 0);
@@ -110,7 +154,7 @@ TEST_F(Rights, LetAFollowerReadAndCallWhatItFollows) {
   const auto follower = connect(2, "_INBOX.robot8");
   EXPECT_EQ(readKeys(*follower, subjects, "fleet", "robot7.>", 5s).size(), 1U);
   EXPECT_EQ(askRobot(*follower, "fleet.robot7.call.Arm.stop", "[]", 5s), HX::HXValue(true));
-  EXPECT_THROW(follower->request({"fleet.robot7.set.A", "2"}, 300ms), HX::fleet::RefusedError);
+  EXPECT_THROW(follower->request({"fleet.robot7.set.A", "2"}, 1s), HX::fleet::RefusedError);
 }
 
 }  // namespace
