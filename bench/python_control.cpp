@@ -1,5 +1,5 @@
-// What bench/python compares calls with: the same one in C++. For each line on its standard input, a number of calls, it
-// answers with a line: the nanoseconds of one.
+// What bench/python compares calls with: the same one in C++. For each line on its standard input, a number of calls,
+// it answers with a line: the nanoseconds of one.
 
 #include <hxcommon/hxbroker.h>
 #include <hxproxies/hxmemoryproxy.h>

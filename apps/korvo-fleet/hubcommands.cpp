@@ -179,6 +179,11 @@ int runDemo(FleetOptions fleet, const HubOptions& options) {
                                                                       "--console", "--log-level", "error", "--fleet",
                                                                       fleet.hub, "--robot", robot}));
   }
+  // So that the first command in another terminal finds them all.
+  FleetView view(fleet);
+  const auto end = std::chrono::steady_clock::now() + 20s;
+  while (view.present(200ms).size() < robots.size() && std::chrono::steady_clock::now() < end) {
+  }
   std::cout << fmt::format("a hub at {} and robot1, robot2, robot3 are running; Ctrl-C ends them", fleet.hub)
             << std::endl;
   int step = 0;

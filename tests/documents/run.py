@@ -30,7 +30,7 @@ import time
 
 LIMIT = 300  # Seconds after which a command is taken to hang: some of them compile.
 DONE = "~~~done"
-LASTING = re.compile(r"^\S*korvo (run|host|watch|top)\b(?!.*(\||--help|--version))")
+LASTING = re.compile(r"^\S*korvo (run|host|watch|top|fleet demo)\b(?!.*(\||--help|--version))")
 
 
 class Failure(Exception):
@@ -98,6 +98,8 @@ class Lasting:
         self.shown = []
         if "--console" in command:
             self.type("")
+        elif " fleet demo" in command:
+            self.reader.until(lambda line: "are running" in line)
         elif " run" in command:
             self.reader.until(lambda line: "is running" in line or line.startswith("KEY "))
 
