@@ -168,7 +168,7 @@ HXValue restored(const HXValue& json, const HXValue& shape) {
 
 /// The message of a scalar, which nearly all are. @return False for what is none.
 bool writeScalar(const HXValue& value, std::string& text) {
-  std::array<char, 32> digits;
+  std::array<char, 32> digits{};
   const auto print = [&](auto number) {
     const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr;
     text.append(digits.data(), static_cast<std::size_t>(end - digits.data()));
