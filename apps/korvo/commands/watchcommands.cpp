@@ -57,7 +57,12 @@ void requireKeys(Context& context, const std::vector<std::string>& patterns) {
 HX::journal::TimePoint timeBefore(const std::string& text) {
   const bool isMinutes =
       text.size() > 1 && text.ends_with('m') && std::isdigit(static_cast<unsigned char>(text.end()[-2]));
-  return mw::systemNow() - toDuration("--since", isMinutes ? text + "in" : text);
+  try {
+    return mw::systemNow() - toDuration("--since", isMinutes ? text + "in" : text);
+  } catch (const InputError&) {
+    throw InputError(
+        fmt::format("--since: {} is neither a place (EPOCH:REVISION) nor a time above zero (5m)", excerpt(text)));
+  }
 }
 
 HX::journal::Position placeOf(Context& context, const std::string& since) {

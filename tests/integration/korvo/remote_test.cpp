@@ -226,7 +226,7 @@ TEST(Watch, EndsByItselfAndWithItsReader) {
   check({{"watch", "Foo", "--snapshot", "--once"}, HasSubstr("state     Foo  1\n")});
   check({{"watch", "Foo", "--for", "10ms"}, ""});
   check({{"watch", "Fooo"}, "", HasSubstr("did you mean Foo?"), 1});
-  check({{"watch", "Foo", "--since", "x"}, "", HasSubstr("--since"), 2});
+  check({{"watch", "Foo", "--since", "x"}, "", HasSubstr("--since: x is neither a place (EPOCH:REVISION)"), 2});
   check({{"ls", "Fooo"}, ""});
   EXPECT_EQ(runShell("$korvo watch Foo --snapshot --json | head -1 | wc -l").out, "1\n");
 }
