@@ -150,7 +150,7 @@ def main():
     robot.call("HXMemory.raiseEvent", "Arm/Moved", {"by": [1, "two", None]})
     while "Arm/Moved" not in states or states["Arm/Angle"] != 2:
         robot.serve()
-    print("told of", states)
+    print("told of", dict(sorted(states.items())))
 
 
 if __name__ == "__main__":

@@ -27,6 +27,7 @@ constexpr auto kFirstPause = 100ms;
 constexpr auto kLongestPause = 10'000ms;
 constexpr auto kLasting = 2s;  // Of a connection that has come about.
 constexpr auto kAskName = 500ms;
+constexpr auto kHeardLimit = 5s;  // For it to have what we asked of it.
 constexpr auto kWaitForBroker = 1s;
 
 }  // namespace
@@ -151,6 +152,8 @@ void HXFleet::attempt(const std::stop_token& stop) {
     server_ = session->control->server();
   }
   roster_->listen(session->control);
+  // Whoever sees that we are connected may ask us at once.
+  session->control->flush(kHeardLimit);
   become(State::Connected, session->control->server());
   sender_->use(session->bulk);
   serve(*session, stop);
