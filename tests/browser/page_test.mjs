@@ -1,11 +1,24 @@
 // What a person does with the page, in a real browser.
 import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
 import { createServer } from 'node:http';
+import { pathToFileURL } from 'node:url';
 import { launch } from './browser.mjs';
 import { complaintsOf, open, said, test } from './kit.mjs';
 import { kToken, Robot } from './robot.mjs';
 
 const robot = new Robot(process.argv[2]);
+
+/** Serves a page of somebody else, and by it the client. */
+const client = new URL('../js/korvo.js', pathToFileURL(process.argv[2]));
+const elsewhere = createServer((request, response) => {
+  const isScript = request.url === '/korvo.js';
+  response.setHeader('Content-Type', isScript ? 'text/javascript' : 'text/html');
+  response.end(isScript ? readFileSync(client) : '<h1>Dashboard</h1>');
+});
+await new Promise((resolve) => elsewhere.listen(0, '127.0.0.1', resolve));
+const kDashboard = `http://127.0.0.1:${elsewhere.address().port}`;
+robot.origins.push(kDashboard);
 
 await robot.start();
 const browser = await launch();
@@ -198,6 +211,18 @@ try {
     attacker.close();
   });
 
+  await test('a page from elsewhere that was let in reads and writes by the client', async () => {
+    const dashboard = await page.context().newPage();
+    await dashboard.goto(kDashboard);
+    const value = await dashboard.evaluate(async (link) => {
+      const { connect } = await import('/korvo.js');
+      const robot = await connect(link);
+      await robot.set('Arm/Angle', 0.5);
+      return robot.get('Arm/Angle');
+    }, `${robot.address}/#token=${kToken}`);
+    assert.equal(value, 0.5);
+  });
+
   await test('a name that was made to mean this machine gets nothing', async () => {
     const rebound = await page.context().newPage();
     const answer = await rebound.goto(`http://rebound.example:${robot.port}/`);
@@ -205,5 +230,6 @@ try {
   });
 } finally {
   await browser.close();
+  elsewhere.close();
   await robot.end();
 }

@@ -15,6 +15,7 @@ export class Robot {
     this.port = 0;
     this.hub = ''; // Of its fleet; none for a robot that is in none.
     this.parameters = []; // Patterns of keys that viewers are offered.
+    this.origins = ['https://viewer.example']; // Whose pages are let in.
   }
 
   get address() {
@@ -39,7 +40,7 @@ export class Robot {
       'allow-write = true',
       `write-token = "${kToken}"`,
       `parameters = ${JSON.stringify(this.parameters)}`,
-      'allow-origins = ["https://viewer.example"]',
+      `allow-origins = ${JSON.stringify(this.origins)}`,
       ...(this.hub ? ['[modules.fleet]', `url = "${this.hub}"`, `robot = "${this.name}"`] : []),
     ].join('\n');
   }
