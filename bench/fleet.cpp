@@ -140,9 +140,8 @@ class Bench {
     });
     return seconds(begin);
   }
-  /// Seconds in which no event arrived, when the server is killed and started again.
+  /// Seconds until events are confirmed again when the server was killed and started again, and 200 of them.
   double restart() {
-    std::atomic<std::int64_t> last{0};
     std::atomic<bool> ends{false};
     std::thread raiser([&] {
       for (int i = 0; !ends; ++i) {
