@@ -27,6 +27,9 @@ class Peaks : public HX::HXModule {
 
   void init() override {
     HX::journal::FollowOptions options;
+    // It begins with the next change. Otherwise how the keys stand would come first, and what was written before that
+    // had been told would be part of it, and no peak that is told by itself.
+    options.snapshot = false;
     // Who is too slow, or whose connection was lost, is told so, and then what the keys are that changed meanwhile.
     options.onGap = [this](const HX::journal::Gap&) { noteGap(); };
     follow_ = follow(
