@@ -149,7 +149,11 @@ void STMValue::retire(STMValue* item) {
   };
   Retirement::instance().begin();
   try {
-    if (!mw::defaultLoop().post(end)) end();  // The process is ending, and the loop has: nobody else will do it.
+    if (mw::defaultLoop().post(end)) return;
+    // The process is ending, and the loop has: nobody else will do it. What is pending may be what has let go of the
+    // item just now, on this thread, and would be waited for in vain.
+    item->cancelPending();
+    end();
   } catch (const std::bad_alloc&) {
     Retirement::instance().end();  // The item stays where it is: this is a deleter, from which nothing may be thrown.
   }
@@ -158,6 +162,10 @@ void STMValue::retire(STMValue* item) {
 void STMValue::drainRetired() { Retirement::instance().drain(); }
 
 STMValue::~STMValue() {
+  for (const auto& future : cancelPending()) future.wait();
+}
+
+std::list<mw::Future<void>> STMValue::cancelPending() {
   // Cancelling runs continuations, and those edit the list: walk one that they cannot reach.
   std::list<mw::Future<void>> pending;
   {
@@ -165,7 +173,7 @@ STMValue::~STMValue() {
     pending.swap(pendingNotifications_);
   }
   for (auto& future : pending) future.cancel();
-  for (const auto& future : pending) future.wait();
+  return pending;
 }
 
 std::size_t STMValue::pendingCount() const {

@@ -13,11 +13,25 @@
 namespace HX {
 namespace {
 
+constexpr std::int64_t kMark = 7919;  // Raised values are multiples of it; torn ones hardly.
+
+/// What was raised and heard. A call that holds the event to its end may outlast the memory.
+struct Counts {
+  void check(const HXValue& value) {
+    const bool wasRaised = value.getType() == HXValue::Type::Int64 && value.asInt64() % kMark == 0 &&
+                           value.asInt64() / kMark <= raised.load();
+    if (!wasRaised) ++strange;
+    ++delivered;
+  }
+
+  std::atomic<std::int64_t> raised{0};
+  std::atomic<std::int64_t> delivered{0};
+  std::atomic<std::int64_t> strange{0};
+};
+
 /// Everything that can happen to one event, at once. Whoever is told a value must be told one that was raised.
 class EventChurn : public kit::MemoryFixture {
  protected:
-  static constexpr std::int64_t kMark = 7919;  ///< Raised values are multiples of it; torn ones hardly.
-
   void SetUp() override {
     wasOnStderr_ = mw::log::setStderrSink(false);  // Subscribers that cannot be found any more are no news here.
     MemoryFixture::SetUp();
@@ -34,26 +48,19 @@ class EventChurn : public kit::MemoryFixture {
 
   std::shared_ptr<kit::Listener> listener() {
     auto made = kit::Listener::make(false);
-    made->react = [this](const auto& heard) { check(heard.value); };
+    made->react = [counts = counts_](const auto& heard) { counts->check(heard.value); };
     return made;
   }
 
   /// "far" is found a little later on another thread, "nowhere" is not found.
   mw::Future<mw::AnyObject> lookUp(const std::string& name) {
-    return mw::defaultLoop().async([this, name] {
+    return mw::defaultLoop().async([far = far_, name] {
       if (name == "nowhere") throw std::runtime_error("no service named " + name);
-      return mw::AnyObject(far_);
+      return mw::AnyObject(far);
     });
   }
 
-  void check(const HXValue& value) {
-    const bool wasRaised = value.getType() == HXValue::Type::Int64 && value.asInt64() % kMark == 0 &&
-                           value.asInt64() / kMark <= raised_.load();
-    if (!wasRaised) ++strange_;
-    ++delivered_;
-  }
-
-  void raise() { memory->raiseEvent("E", HXValue(++raised_ * kMark)); }
+  void raise() { memory->raiseEvent("E", HXValue(++counts_->raised * kMark)); }
 
   void changeSubscriptions(unsigned step) {
     const char* const names[] = {"near", "far", "nearer", "nowhere"};
@@ -75,8 +82,9 @@ class EventChurn : public kit::MemoryFixture {
 
   void changeClients(unsigned step) {
     const auto wrapper = memory->subscriber("E");
-    const auto link = wrapper->signal.connect(mw::SignalSubscriber([this](const HXValue& value) { check(value); }));
-    if (step % 4 == 0) wrapper->signal(mw::AnyValue(HXValue(++raised_ * kMark)));
+    const auto link =
+        wrapper->signal.connect(mw::SignalSubscriber([this](const HXValue& value) { counts_->check(value); }));
+    if (step % 4 == 0) wrapper->signal(mw::AnyValue(HXValue(++counts_->raised * kMark)));
     wrapper->signal.disconnect(link);
   }
 
@@ -94,10 +102,8 @@ class EventChurn : public kit::MemoryFixture {
     });
   }
 
+  const std::shared_ptr<Counts> counts_ = std::make_shared<Counts>();
   const std::shared_ptr<kit::Listener> far_ = listener();
-  std::atomic<std::int64_t> raised_{0};
-  std::atomic<std::int64_t> delivered_{0};
-  std::atomic<std::int64_t> strange_{0};
   std::atomic<bool> stopping_{false};
   std::vector<std::thread> threads_;
   bool wasOnStderr_ = true;
@@ -113,8 +119,8 @@ TEST_F(EventChurn, DeliversOnlyWhatWasRaisedAndEnds) {
   stopping_ = true;
   for (auto& thread : threads_) thread.join();
   shutDown();
-  EXPECT_GT(delivered_, 0);
-  EXPECT_EQ(strange_, 0);
+  EXPECT_GT(counts_->delivered, 0);
+  EXPECT_EQ(counts_->strange, 0);
 }
 
 }  // namespace

@@ -187,6 +187,8 @@ class alignas(64) STMValue {
   ~STMValue();
   static void retire(STMValue* item);
   bool hasPending() const;
+  /// @return What cannot be cancelled, and what has ended, for whoever waits.
+  std::list<mw::Future<void>> cancelPending();
 
   void tellNotifiers(const std::string& key, const HXValue& value);
   void call(STMNotifier& record, const std::string& key, const HXValue& value, NotifierLock::Calls& calls,
