@@ -10,6 +10,8 @@ import textwrap
 import time
 import unittest
 
+import korvo
+
 KORVO = os.environ["KORVO_PROGRAM"]
 
 
@@ -48,6 +50,17 @@ def prepare():
     """A folder of their own for the sockets of this test, called by `setUpModule`."""
     folder = unittest.enterModuleContext(tempfile.TemporaryDirectory())
     os.environ.update(XDG_RUNTIME_DIR=folder, XDG_DATA_HOME="/nonexistent", XDG_DATA_DIRS="/nonexistent")
+
+
+class PackageTest(unittest.TestCase):
+    """A robot to each test, and modules that go with it."""
+
+    def setUp(self):
+        self.robot = korvo.connect(timeout=30)
+        self.addCleanup(self.robot.close)
+
+    def host(self, module, name=None):
+        return self.enterContext(korvo.connect()).host(module, name)
 
 
 def program(text, *arguments):

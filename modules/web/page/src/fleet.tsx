@@ -1,6 +1,6 @@
-import { useEffect, useState } from 'preact/hooks';
+import { useState } from 'preact/hooks';
 import { ageText } from './format';
-import { useNews } from './hooks';
+import { useAnswer, useNews } from './hooks';
 import type { FleetRobot, FleetStatus } from './known';
 import { addressOf } from './route';
 import { store } from './store';
@@ -16,17 +16,7 @@ const kEach = 2000; // ms
 /** The robots of the fleet, each a tile that leads into its memory. */
 export function Fleet() {
   useNews();
-  const [answer, setAnswer] = useState<Answer | null>(null);
-  const [error, setError] = useState('');
-  useEffect(() => {
-    const ask = () => void store.connection.ask('fleet').then((told) => {
-      setAnswer(told as unknown as Answer);
-      setError('');
-    }, (failure: Error) => setError(failure.message));
-    ask();
-    const again = setInterval(() => void (document.hidden || ask()), kEach);
-    return () => clearInterval(again);
-  }, [store.status]);
+  const { answer, error } = useAnswer<Answer>('fleet', kEach);
   if (!answer) return <p class="nothing" role={error ? 'alert' : undefined}>{error || 'Asking who is there…'}</p>;
   const { status, robots, failure } = answer;
   const trouble = error || (status.state === 'connected' && failure); // Else the state says it.

@@ -1,10 +1,8 @@
 import type { ComponentChildren } from 'preact';
-import { useEffect, useState } from 'preact/hooks';
 import { bytesText, durationText, timeText } from './format';
-import { useNews } from './hooks';
+import { useAnswer, useNews } from './hooks';
 import type { Expectation, Production, Report } from './known';
 import { addressOf } from './route';
-import { store } from './store';
 
 interface Answer {
   report: Report | null;
@@ -18,17 +16,7 @@ export const KeyLink = ({ name }: { name: string }) => <a href={addressOf('memor
 /** How the memory is: what is wrong first, then who is slow, behind, expected, and for whom something is produced. */
 export function Health() {
   useNews();
-  const [answer, setAnswer] = useState<Answer | null>(null);
-  const [error, setError] = useState('');
-  useEffect(() => {
-    const ask = () => void store.connection.ask('health').then((told) => {
-      setAnswer(told as unknown as Answer);
-      setError('');
-    }, (failure: Error) => setError(failure.message));
-    ask();
-    const again = setInterval(() => void (document.hidden || ask()), kEach);
-    return () => clearInterval(again);
-  }, [store.status]);
+  const { answer, error } = useAnswer<Answer>('health', kEach);
   if (error && !answer) return <p class="nothing" role="alert">{error}</p>;
   if (!answer) return <p class="nothing">Asking how it is…</p>;
   const { report, expectations } = answer;

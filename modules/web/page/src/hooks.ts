@@ -32,6 +32,22 @@ export function useFrames(each: number): void {
   }, [each]);
 }
 
+/** Asks the server now, and again every so many milliseconds while the page is looked at. What was told last stays. */
+export function useAnswer<T>(op: string, each: number): { answer: T | null; error: string } {
+  const [answer, setAnswer] = useState<T | null>(null);
+  const [error, setError] = useState('');
+  useEffect(() => {
+    const ask = () => void store.connection.ask(op).then((told) => {
+      setAnswer(told as unknown as T);
+      setError('');
+    }, (failure: Error) => setError(failure.message));
+    ask();
+    const again = setInterval(() => void (document.hidden || ask()), each);
+    return () => clearInterval(again);
+  }, [store.status]);
+  return { answer, error };
+}
+
 export function useRoute(): Route {
   const [current, set] = useState(route);
   useEffect(() => {
