@@ -1,19 +1,12 @@
-#include "program.h"
+#include "far_memory.h"
 
 #include <hxcommon/feed.h>
-#include <hxcommon/hxbroker.h>
 #include <hxjournal/replica.h>
-#include <hxproxies/hxmemoryproxy.h>
-#include <libmw/local.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <end_broker.h>
 #include <expect_error.h>
-#include <functional>
 #include <mutex>
-#include <optional>
-#include <socket_folder.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,47 +20,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class FarMemory : public testing::Test {
+class FarMemory : public kit::FarMemoryFixture {
  protected:
-  FarMemory() { ::setenv("XDG_DATA_DIRS", "/nonexistent", 1); }
-  ~FarMemory() override {
-    client_.reset();
-    if (broker) kit::endBroker(*broker);
-  }
-
-  void run(std::vector<std::string> options = {}) {
-    options.insert(options.begin(), "run");
-    process_.emplace(kit::korvo(std::move(options)));
-    ASSERT_TRUE(process_->waitFor(" is running: "));
-  }
-  void join() { client_.emplace(*broker->session(), "korvo"); }
-  void kill() {
-    process_->send(SIGKILL);
-    process_->finish();
-  }
-
-  /// Of the memory that is there now.
-  void write(const std::string& key, int value) {
-    broker->getSpecialisedProxy<HXMemoryProxy>("HXMemory")->insertData(key, value);
-  }
-
-  /// Waits for what the follower's callbacks do.
-  void await(const std::function<bool()>& isTrue) {
-    const auto until = std::chrono::steady_clock::now() + 20s;
-    while (!isTrue()) {
-      ASSERT_LT(std::chrono::steady_clock::now(), until);
-      std::this_thread::sleep_for(1ms);
-    }
-  }
-  bool holds(const journal::Replica& replica, const std::string& key, int value) {
+  void write(const std::string& key, int value) { memory().insertData(key, value); }
+  static bool holds(const journal::Replica& replica, const std::string& key, int value) {
     const auto item = replica.find(key);
     return item && item->value == HXValue(value);
   }
-
-  const kit::SocketFolder sockets_;
-  std::shared_ptr<HXBroker> broker = HXBroker::create("far");
-  std::optional<kit::Process> process_;
-  std::optional<mw::LocalClient> client_;
 };
 
 TEST_F(FarMemory, IsFollowedAcrossItsEndAndAnother) {
@@ -84,7 +43,7 @@ TEST_F(FarMemory, IsFollowedAcrossItsEndAndAnother) {
     const std::lock_guard lock(mutex);
     gaps.push_back(gap);
   };
-  auto followed = follow(broker, journal::Filter({"Arm/"}), replica.listener(), options);
+  auto followed = follow(broker_, journal::Filter({"Arm/"}), replica.listener(), options);
   await([&] { return replica.completeAt().has_value(); });
   EXPECT_TRUE(holds(replica, "Arm/Old", 1));
   write("Arm/Speed", 2);
@@ -93,7 +52,7 @@ TEST_F(FarMemory, IsFollowedAcrossItsEndAndAnother) {
 
   kill();
   run();
-  await([&] { return client_->isConnected() && broker->getProxy("HXMemory") != nullptr; });
+  await([&] { return client_->isConnected() && broker_->getProxy("HXMemory") != nullptr; });
   write("Arm/Speed", 3);
   await([&] { return holds(replica, "Arm/Speed", 3) && !replica.find("Arm/Old"); });
   {
@@ -105,13 +64,13 @@ TEST_F(FarMemory, IsFollowedAcrossItsEndAndAnother) {
   }
   EXPECT_EQ(replica.counts().atLeast, true);
   const auto place = followed.position();
-  EXPECT_EQ(place.epoch, retainedChanges(broker).latest.epoch);
+  EXPECT_EQ(place.epoch, retainedChanges(broker_).latest.epoch);
   followed.end();
 
   // What changed meanwhile is told to who comes back.
   write("Arm/Speed", 4);
   options.since = place;
-  const auto again = follow(broker, journal::Filter({"Arm/"}), replica.listener(), options);
+  const auto again = follow(broker_, journal::Filter({"Arm/"}), replica.listener(), options);
   await([&] { return holds(replica, "Arm/Speed", 4); });
   const std::lock_guard lock(mutex);
   EXPECT_EQ(gaps.size(), 1U) << "nothing was missed";
@@ -129,7 +88,7 @@ TEST_F(FarMemory, TellsAFollowerThatIsSlowWhatItMissedAndKeepsTheLinkSmall) {
   auto options = replica.following();
   options.snapshot = false;
   const auto followed = follow(
-      broker, journal::Filter({"Arm/"}),
+      broker_, journal::Filter({"Arm/"}),
       [&](const journal::Change& change) {
         {
           std::unique_lock lock(mutex);
@@ -139,8 +98,8 @@ TEST_F(FarMemory, TellsAFollowerThatIsSlowWhatItMissedAndKeepsTheLinkSmall) {
         count(change);
       },
       options);
-  const auto memory = broker->getSpecialisedProxy<HXMemoryProxy>("HXMemory");
-  const auto begin = retainedChanges(broker).latest.revision;
+  const auto memory = broker_->getSpecialisedProxy<HXMemoryProxy>("HXMemory");
+  const auto begin = retainedChanges(broker_).latest.revision;
   constexpr int kWrites = 100'000;
   constexpr int kAtOnce = 1000;
   for (int i = 0; i < kWrites; i += kAtOnce) {
@@ -159,14 +118,14 @@ TEST_F(FarMemory, TellsAFollowerThatIsSlowWhatItMissedAndKeepsTheLinkSmall) {
   // No more had been sent than is allowed without an answer.
   EXPECT_LT(counts.told, 40'000U);
   EXPECT_EQ(counts.told + counts.leftOut, static_cast<std::uint64_t>(kWrites));
-  EXPECT_GE(retainedChanges(broker).latest.revision, begin + kWrites);
+  EXPECT_GE(retainedChanges(broker_).latest.revision, begin + kWrites);
 }
 
 TEST_F(FarMemory, SaysWhyItIsNotFollowed) {
   const auto hear = [](const journal::Change&) {};
   run({"--no-journal"});
   join();
-  EXPECT_EQ(errorOf([&] { follow(broker, {}, hear); }),
+  EXPECT_EQ(errorOf([&] { follow(broker_, {}, hear); }),
             "the broker offers no journal: it was started with --no-journal, or without its module journal");
   const auto alone = HXBroker::create("alone");
   EXPECT_EQ(errorOf([&] { follow(alone, {}, hear); }), "there is no memory whose changes could be followed");
@@ -183,7 +142,7 @@ TEST_F(FarMemory, MayEndItsFollowerFromItsCallback) {
   {
     const std::lock_guard lock(mutex);
     followed = follow(
-        broker, journal::Filter({"Arm/"}),
+        broker_, journal::Filter({"Arm/"}),
         [&](const journal::Change&) {
           const std::lock_guard inner(mutex);
           ++told;

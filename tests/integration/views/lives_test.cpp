@@ -1,18 +1,9 @@
-#include "program.h"
-
-#include <hxcommon/hxbroker.h>
-#include <hxproxies/hxmemoryproxy.h>
-#include <libmw/local.h>
+#include "far_memory.h"
 
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <end_broker.h>
-#include <functional>
-#include <optional>
 #include <random>
-#include <socket_folder.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,46 +17,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class FarViews : public testing::Test {
+class FarViews : public kit::FarMemoryFixture {
  protected:
-  FarViews() { ::setenv("XDG_DATA_DIRS", "/nonexistent", 1); }
-  ~FarViews() override {
-    client_.reset();
-    kit::endBroker(*broker_);
-  }
-
-  void run() {
-    process_.emplace(kit::korvo({"run", "--log-level", "warning", "--no-journal"}));
-    await([] { return mw::runningBrokers().size() == 1; });
-  }
-  void kill() {
-    process_->send(SIGKILL);
-    process_->finish();
-  }
-  void join() {
-    await([&] {
-      try {
-        client_.emplace(*broker_->session(), "korvo");
-      } catch (const mw::NoBrokerError&) {
-        return false;  // It loads its modules.
-      }
-      return true;
-    });
-  }
-  HXMemoryProxy memory() { return *broker_->getSpecialisedProxy<HXMemoryProxy>("HXMemory"); }
-
-  static void await(const std::function<bool()>& isTrue) {
-    const auto until = std::chrono::steady_clock::now() + 60s;
-    while (!isTrue()) {
-      ASSERT_LT(std::chrono::steady_clock::now(), until);
-      std::this_thread::sleep_for(1ms);
-    }
-  }
-
-  const kit::SocketFolder sockets_;
-  std::shared_ptr<HXBroker> broker_ = HXBroker::create("viewer");
-  std::optional<kit::Process> process_;
-  std::optional<mw::LocalClient> client_;
+  void run() { FarMemoryFixture::run({"--no-journal"}); }
 };
 
 TEST_F(FarViews, AreOfNoOtherLifeOfTheBrokerHoweverOftenItIsKilled) {
