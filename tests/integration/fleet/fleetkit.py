@@ -158,7 +158,10 @@ def check(site, robot, receivers, in_order=True):
     lost = status["dropped"] + status["missed"]
     for name, receiver in receivers.items():
         all_kept = wait_for(f"all kept events at {name}", lambda: set(receiver.numbers[f"{robot.name}/Kept"]) == set(stored))
-        heard = set(receiver.numbers[f"{robot.name}/Live"])
+        # What is confirmed has left the hub, and may be read a moment later here.
+        live_of = receiver.numbers[f"{robot.name}/Live"]
+        wait_for(f"{confirmed} live events at {name}", lambda: len(set(live_of)) >= confirmed)
+        heard = set(live_of)
         assert all_kept and confirmed <= len(heard) <= live and live - len(heard) <= lost, (name, len(heard), status)
     print(f"{robot.name}: {kept} kept, {live} live: {confirmed} confirmed, {lost} dropped or missed", flush=True)
 
