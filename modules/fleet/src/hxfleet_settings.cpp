@@ -58,12 +58,11 @@ void HXFleet::addSettings() {
 
 void HXFleet::readSettings() {
   const HXValue& given = settings();
-  std::vector<std::string> problems;
   const auto tryTo = [&](const char* what, const auto& action) {
     try {
       action();
     } catch (const std::exception& error) {
-      problems.push_back(fmt::format("{}: {}", what, error.what()));
+      refuseSetting(what, error.what());
     }
   };
   access_.servers = commaSeparated(given["url"].asString());
@@ -79,16 +78,15 @@ void HXFleet::readSettings() {
         robot_, [](char c) { return !fleet::isName(std::string(1, c)); }, '-');
   }
   if (!fleet::isName(robot_)) {
-    problems.push_back(
-        fmt::format("robot: \"{}\" is no name of a robot: letters, digits, _ and -, 64 at most", robot_));
+    refuseSetting("robot", fmt::format("\"{}\" is no name of a robot: letters, digits, _ and -, 64 at most", robot_));
   }
   tryTo("fleet", [&] { subjects_.emplace(given["fleet"].asString(), given["domain"].asString()); });
   followed_ = textsOf(given["follow"]);
   fleet::Selection selection;
   std::vector<std::string> others;
   for (const std::string& robot : followed_) {
-    if (!fleet::isName(robot)) problems.push_back(fmt::format("follow: \"{}\" is no name of a robot", robot));
-    if (robot == robot_) problems.emplace_back("follow: a robot cannot follow itself");
+    if (!fleet::isName(robot)) refuseSetting("follow", fmt::format("\"{}\" is no name of a robot", robot));
+    if (robot == robot_) refuseSetting("follow", "a robot cannot follow itself");
     others.push_back(robot + "/**");
   }
   for (const auto& [name, patterns] :
@@ -99,7 +97,7 @@ void HXFleet::readSettings() {
     fleet::Patterns* const read = patterns;
     tryTo(setting, [&] { *read = fleet::Patterns(textsOf(given[setting])); });
   }
-  if (!problems.empty()) throw SettingsError(std::move(problems));
+  settings();  // Throws when one was refused: there is nothing to set up then.
   selection.others = fleet::Patterns(others);
   outgoing_.emplace(std::move(selection), fleet::Outgoing::Bounds());
 }

@@ -26,14 +26,11 @@ std::vector<std::string> textsOf(const HXValue& list) {
 }
 
 /// "30s:10s"
+/// @throws std::runtime_error for a text that is not like that.
 std::pair<std::chrono::nanoseconds, std::chrono::nanoseconds> toWindow(const std::string& text) {
   const std::size_t colon = text.find(':');
   const std::string after = colon == std::string::npos ? "0s" : text.substr(colon + 1);
-  try {
-    return {toDuration(HXValue(text.substr(0, colon))), toDuration(HXValue(after))};
-  } catch (const std::runtime_error& error) {
-    throw SettingsError({fmt::format("black-box: {}; write 30s:10s", error.what())});
-  }
+  return {toDuration(HXValue(text.substr(0, colon))), toDuration(HXValue(after))};
 }
 
 }  // namespace
@@ -65,7 +62,12 @@ void HXRecorder::declareSettings() {
   addSetting(
       Setting::size("black-box-keep", "0B", "Size of all its files beyond which the oldest ones go; 0B for none."));
   addSetting(Setting::flag("black-box-at-end", false, "Writes the black box at a regular end too."));
-  toWindow(settings()["black-box"].asString().empty() ? "0s:0s" : settings()["black-box"].asString());
+  const std::string window = settings()["black-box"].asString();
+  try {
+    if (!window.empty()) toWindow(window);
+  } catch (const std::runtime_error& error) {
+    refuseSetting("black-box", fmt::format("{}; write 30s:10s", error.what()));
+  }
 }
 
 void HXRecorder::bindMethods() {

@@ -35,6 +35,7 @@ HXWeb::HXWeb(const std::shared_ptr<HXBroker>& broker, const std::string& name) :
   bindMethod(this, &HXWeb::address);
   for (const Setting& setting : WebOptions::settings()) addSetting(setting);
   options_ = WebOptions::from(settings());
+  for (const WebOptions::Problem& problem : options_.problems()) refuseSetting(problem.setting, problem.text);
 }
 
 HXWeb::~HXWeb() { close(); }

@@ -66,29 +66,28 @@ WebOptions WebOptions::from(const HXValue& values) {
   options.writeToken = values["write-token"].asString();
   options.certificate = values["certificate"].asString();
   options.key = values["key"].asString();
-  options.check();
   return options;
 }
 
-void WebOptions::check() const {
-  std::vector<std::string> problems;
-  const auto require = [&](bool isRight, const std::string& problem) {
-    if (!isRight) problems.push_back("web." + problem);
+std::vector<WebOptions::Problem> WebOptions::problems() const {
+  std::vector<Problem> found;
+  const auto require = [&](bool isRight, const char* setting, std::string problem) {
+    if (!isRight) found.push_back({setting, std::move(problem)});
   };
-  require(certificate.empty() == key.empty(), "certificate: it comes with key, or not at all");
+  require(certificate.empty() == key.empty(), certificate.empty() ? "key" : "certificate",
+          fmt::format("it comes with {}, or not at all", certificate.empty() ? "certificate" : "key"));
   for (const auto& [name, token] : {std::pair("view-token", &viewToken), std::pair("write-token", &writeToken)}) {
-    require(token->empty() || isToken(*token),
-            fmt::format("{}: a token has {} letters, digits, - and _, or more", name, kShortestToken));
+    require(token->empty() || isToken(*token), name,
+            fmt::format("a token has {} letters, digits, - and _, or more", kShortestToken));
   }
-  require(viewToken.empty() || viewToken != writeToken,
-          "write-token: it differs from view-token, or they would be one");
+  require(viewToken.empty() || viewToken != writeToken, "write-token",
+          "it differs from view-token, or they would be one");
   for (const std::string& origin : allowedOrigins) {
-    require(isOrigin(origin),
-            fmt::format("allow-origins: an origin is scheme, host and port, as in https://viewer.example:8080, and {} "
-                        "is none",
-                        origin));
+    require(
+        isOrigin(origin), "allow-origins",
+        fmt::format("an origin is scheme, host and port, as in https://viewer.example:8080, and {} is none", origin));
   }
-  if (!problems.empty()) throw SettingsError(std::move(problems));
+  return found;
 }
 
 bool WebOptions::needsToken() const { return allowWrite || !web::AccessOptions::isLoopback(bind); }

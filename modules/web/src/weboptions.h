@@ -26,10 +26,13 @@ struct WebOptions {
   /// What a module declares to be set to them.
   static std::vector<Setting> settings();
   /// @param values  Of all of `settings`, by their names.
-  /// @throws SettingsError as `check`.
   static WebOptions from(const HXValue& values);
-  /// @throws SettingsError for what contradicts itself, or would let in more than is meant: all of it at once.
-  void check() const;
+  struct Problem {
+    std::string setting;
+    std::string text;
+  };
+  /// What contradicts itself, or would let in more than is meant.
+  std::vector<Problem> problems() const;
   /// Whether only those may look who know a token.
   bool needsToken() const;
 };

@@ -50,6 +50,11 @@ void HXModuleCore::addSetting(Setting setting) {
   settings_->declare(std::move(setting));
 }
 
+void HXModuleCore::refuseSetting(const std::string& name, const std::string& problem) {
+  if (closed_) throw std::logic_error(fmt::format("module {}: settings are refused in the constructor only", name_));
+  settings_->refuse(name, problem);
+}
+
 const HXValue& HXModuleCore::settings() const { return settings_->values(); }
 
 ModuleDescription HXModuleCore::describe() const { return {name_, settings_->declared(), settings_->values()}; }

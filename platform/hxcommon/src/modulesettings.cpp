@@ -29,16 +29,18 @@ std::string ModuleSettings::named(const SettingPlace& place, const std::string& 
   return fmt::format("{}{}.{}", place.prefix(), label_, name);
 }
 
+const GivenSetting* ModuleSettings::findGiven(const std::string& name) const {
+  if (!given_) return nullptr;
+  const auto found = given_->entries.find(name);
+  return found == given_->entries.end() ? nullptr : &found->second;
+}
+
 void ModuleSettings::declare(Setting setting) {
   const std::string& name = setting.name();
   if (std::ranges::count(declared_, name, &Setting::name) > 0) {
     throw std::logic_error(fmt::format("{} is declared twice", named({}, name)));
   }
-  const GivenSetting* given = nullptr;
-  if (given_) {
-    const auto found = given_->entries.find(name);
-    if (found != given_->entries.end()) given = &found->second;
-  }
+  const GivenSetting* const given = findGiven(name);
   try {
     if (given) {
       values_.mapSet(name, setting.read(given->value));
@@ -52,6 +54,14 @@ void ModuleSettings::declare(Setting setting) {
     problems_.push_back(fmt::format("{}: {}", named(given->valuePlace, name), error.what()));
   }
   declared_.push_back(std::move(setting));
+}
+
+void ModuleSettings::refuse(const std::string& name, const std::string& problem) {
+  if (std::ranges::count(declared_, name, &Setting::name) == 0) {
+    throw std::logic_error(fmt::format("{} is refused, and not declared", named({}, name)));
+  }
+  const GivenSetting* const given = findGiven(name);
+  problems_.push_back(fmt::format("{}: {}", named(given ? given->valuePlace : SettingPlace(), name), problem));
 }
 
 const HXValue& ModuleSettings::values() const {

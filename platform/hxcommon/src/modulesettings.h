@@ -19,6 +19,9 @@ class ModuleSettings {
 
   /// @throws std::logic_error for one that is declared already.
   void declare(Setting setting);
+  /// The module does not take what a declared one is set to.
+  /// @throws std::logic_error for one that is not declared.
+  void refuse(const std::string& name, const std::string& problem);
   /// What was declared, as given or by default.
   /// @throws SettingsError when something among them is wrong, with all that is wrong. What will only be declared after
   ///         that counts as unknown, as the module has not come so far.
@@ -33,6 +36,8 @@ class ModuleSettings {
   [[noreturn]] void throwAll() const;
   std::vector<std::string> unknown() const;
   std::string named(const SettingPlace& place, const std::string& name) const;
+  /// What was given for it, or nothing.
+  const GivenSetting* findGiven(const std::string& name) const;
 
   const std::string label_;
   const std::shared_ptr<const GivenSettings> given_;

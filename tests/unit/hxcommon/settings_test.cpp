@@ -108,6 +108,8 @@ class Gripper : public HXModule {
     addSetting(Setting::duration("period", "20ms", "Time from one command to the next."));
     addSetting(Setting::integer("joints", 6, "How many it has.").between(1, 12));
     joints = settings()["joints"].asInt();
+    if (joints == 7) refuseSetting("joints", "seven make it tip over");
+    EXPECT_THROW(refuseSetting("fingers", "nobody declared them"), std::logic_error);
   }
   int joints = 0;
   using HXModule::addSetting;
@@ -143,11 +145,11 @@ class ModuleSettings : public testing::Test {
 };
 
 TEST_F(ModuleSettings, AreWhatWasGivenAndOtherwiseTheDefaults) {
-  broker->provideSettings("Arm", GivenSettings::of(HXValue::map({{"joints", 7}})));
+  broker->provideSettings("Arm", GivenSettings::of(HXValue::map({{"joints", 8}})));
   broker->provideSettings("Leg", GivenSettings::of(HXValue::map({{"joints", 3}})));
   const auto arm = HXModule::createModule<Gripper>(broker, "Arm");
-  EXPECT_EQ(arm->settings(), HXValue::map({{"joints", 7}, {"period", "20ms"}}));
-  EXPECT_EQ(arm->joints, 7);
+  EXPECT_EQ(arm->settings(), HXValue::map({{"joints", 8}, {"period", "20ms"}}));
+  EXPECT_EQ(arm->joints, 8);
   const auto told = broker->getProxy("Arm")->call<HXValue>("settings");
   EXPECT_EQ(told, broker->describeModule("Arm").toValue()) << "as other processes ask";
   EXPECT_EQ(told["settings"][0], HXValue::map({{"name", "period"},
@@ -165,6 +167,10 @@ TEST_F(ModuleSettings, ThatAreWrongOrUnknownKeepTheModuleOutAndAreAllTold) {
                           "robot.toml:3:1: Arm.perod: no such setting; did you mean period?"));
   EXPECT_THAT(problemsWith(fromFile({{"x", HXValue::map()}})),
               ElementsAre("robot.toml:2:1: Arm.x: no such setting; there is period, joints"));
+  EXPECT_THAT(problemsWith(fromFile({{"joints", 7}, {"perod", "1s"}})),
+              ElementsAre("robot.toml:2:9: Arm.joints: seven make it tip over",
+                          "robot.toml:3:1: Arm.perod: no such setting; did you mean period?"))
+      << "what the module itself finds";
   EXPECT_THAT(problemsWith(fromFile({})), ElementsAre()) << "and mended it starts";
 }
 

@@ -83,6 +83,13 @@ class HX_API HXModuleCore : public mw::DynamicObject {
   /// @param setting  Its name is not declared yet.
   /// @throws std::logic_error once the module is initialised, and for a name that is declared already.
   void addSetting(Setting setting);
+  /// Says in the constructor what is wrong with a setting that has the right type and range: a text that is no address,
+  /// two that contradict each other. From then on `settings` throws, and so does the end of the constructor, so that
+  /// all that is wrong is told at once, each with the line where it stands.
+  /// @param name     Of a setting that is declared.
+  /// @param problem  As in "it comes with key, or not at all".
+  /// @throws std::logic_error once the module is initialised, and for a name that is not declared.
+  void refuseSetting(const std::string& name, const std::string& problem);
 
   /// Opens the description of a method. It goes with the next method that is bound, and with that one
   /// only.
