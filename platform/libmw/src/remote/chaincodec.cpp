@@ -2,19 +2,25 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
+
+#include <boost/endian/conversion.hpp>
 
 namespace mw::remote {
 namespace {
 
 template <class Number>
 void put(std::byte*& at, Number number) {
-  for (unsigned shift = 8 * sizeof number; shift > 0;) *at++ = static_cast<std::byte>(number >> (shift -= 8) & 0xffU);
+  boost::endian::native_to_big_inplace(number);
+  std::memcpy(at, &number, sizeof number);
+  at += sizeof number;
 }
 
 template <class Number>
 void take(const std::byte*& at, Number& number) {
-  number = 0;
-  for (unsigned i = 0; i < sizeof number; ++i) number = number << 8U | std::to_integer<Number>(*at++);
+  std::memcpy(&number, at, sizeof number);
+  boost::endian::big_to_native_inplace(number);
+  at += sizeof number;
 }
 
 constexpr std::size_t kChainSize = 16;

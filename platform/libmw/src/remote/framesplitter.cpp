@@ -16,24 +16,41 @@ std::uint64_t bigEndian(std::span<const std::byte> bytes) {
 
 enum class Kind : std::uint8_t { Fixed, Text, Binary, Extension, List, Map, Invalid };
 
-/// What a format byte from 0xc0 to 0xdf announces: `width` bytes of a size behind it, or of content.
+/// What the first byte of a value announces.
 struct Format {
-  Kind kind;
-  std::uint8_t width;
+  Kind kind = Kind::Fixed;
+  std::uint8_t width = 0;    ///< Bytes of a size behind it.
+  std::uint8_t content = 0;  ///< Bytes of content, where no size tells.
+  std::uint8_t values = 0;   ///< Values inside, likewise.
 };
-constexpr std::array<Format, 32> kFormats{{
-    {Kind::Fixed, 0},     {Kind::Invalid, 0},   {Kind::Fixed, 0},     {Kind::Fixed, 0},  // nil, never used, bools
-    {Kind::Binary, 1},    {Kind::Binary, 2},    {Kind::Binary, 4},                       // bin
-    {Kind::Extension, 1}, {Kind::Extension, 2}, {Kind::Extension, 4},                    // ext
-    {Kind::Fixed, 4},     {Kind::Fixed, 8},                                              // float
-    {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},  // uint
-    {Kind::Fixed, 1},     {Kind::Fixed, 2},     {Kind::Fixed, 4},     {Kind::Fixed, 8},  // int
-    {Kind::Fixed, 2},     {Kind::Fixed, 3},     {Kind::Fixed, 5},     {Kind::Fixed, 9},  // fixext, with the type
-    {Kind::Fixed, 17},    {Kind::Text, 1},      {Kind::Text, 2},      {Kind::Text, 4},   // … str
-    {Kind::List, 2},      {Kind::List, 4},      {Kind::Map, 2},       {Kind::Map, 4},
-}};
+
+constexpr std::array<Format, 256> kFormats = [] {
+  std::array<Format, 256> all{};
+  for (std::uint8_t i = 0; i < 16; ++i) {
+    all[0x80U + i] = {.kind = Kind::Map, .values = static_cast<std::uint8_t>(2 * i)};
+    all[0x90U + i] = {.kind = Kind::List, .values = i};
+  }
+  for (std::uint8_t i = 0; i < 32; ++i) all[0xa0U + i] = {.kind = Kind::Text, .content = i};
+  all[0xc1] = {.kind = Kind::Invalid};
+  for (std::uint8_t i = 0; i < 3; ++i) {
+    const auto width = static_cast<std::uint8_t>(1U << i);
+    all[0xc4U + i] = {.kind = Kind::Binary, .width = width};
+    all[0xc7U + i] = {.kind = Kind::Extension, .width = width};
+    all[0xd9U + i] = {.kind = Kind::Text, .width = width};
+  }
+  for (std::uint8_t i = 0; i < 2; ++i) {
+    const auto width = static_cast<std::uint8_t>(2U << i);
+    all[0xcaU + i].content = static_cast<std::uint8_t>(4U << i);  // float, double
+    all[0xdcU + i] = {.kind = Kind::List, .width = width};
+    all[0xdeU + i] = {.kind = Kind::Map, .width = width};
+  }
+  for (std::uint8_t i = 0; i < 8; ++i) all[0xccU + i].content = static_cast<std::uint8_t>(1U << (i % 4U));  // integers
+  for (std::uint8_t i = 0; i < 5; ++i) all[0xd4U + i].content = static_cast<std::uint8_t>((1U << i) + 1U);  // fixext
+  return all;
+}();
 
 // Apart from the walk, which goes over every value that comes.
+[[noreturn, gnu::cold]] void refuseFormat() { throw ProtocolError("a byte that begins no MessagePack value"); }
 [[noreturn, gnu::cold]] void refuseSize(std::size_t limit) {
   throw ProtocolError(fmt::format("a message of more than {} bytes", limit));
 }
@@ -48,75 +65,45 @@ constexpr std::array<Format, 32> kFormats{{
 
 ProtocolError::~ProtocolError() = default;
 
-/// Most headers are one byte.
-inline FrameSplitter::Header FrameSplitter::read(std::span<const std::byte> bytes) {
-  const auto first = std::to_integer<std::uint8_t>(bytes.front());
-  if (first <= 0x7f || first >= 0xe0) return {};
-  if (first <= 0x8f) return {.values = std::uint64_t{2} * (first & 0x0fU)};
-  if (first <= 0x9f) return {.values = first & 0x0fU};
-  if (first <= 0xbf) return {.content = first & 0x1fU};
-  return readLong(bytes);
-}
-
-FrameSplitter::Header FrameSplitter::readLong(std::span<const std::byte> bytes) {
-  const auto first = std::to_integer<std::uint8_t>(bytes.front());
-  const Format format = kFormats[first - 0xc0U];
-  if (format.kind == Kind::Invalid) throw ProtocolError("a byte that begins no MessagePack value");
-  if (format.kind == Kind::Fixed) return {.content = format.width};
-  Header header{.size = 1U + format.width};
-  if (header.size > bytes.size()) return header;
-  const std::uint64_t size = bigEndian(bytes.subspan(1, format.width));
-  switch (format.kind) {
-    case Kind::List:
-      header.values = size;
-      break;
-    case Kind::Map:
-      header.values = 2 * size;
-      break;
-    case Kind::Extension:
-      header.content = size + 1;
-      break;
-    default:
-      header.content = size;
-      header.isText = format.kind == Kind::Text;
-      header.isBinary = format.kind == Kind::Binary;
-  }
-  return header;
-}
-
-inline void FrameSplitter::require(std::uint64_t more) const {
-  if (more > frameLimit_ || position_ > frameLimit_ - more) refuseSize(frameLimit_);
-}
-
-inline void FrameSplitter::enter(std::uint64_t values) {
-  if (open_.size() >= depthLimit_) refuseDepth(depthLimit_);
-  open_.push_back(values);
-}
-
-inline void FrameSplitter::valueDone() {
-  while (!open_.empty() && --open_.back() == 0) open_.pop_back();
-}
-
 std::size_t FrameSplitter::advance(std::span<const std::byte> bytes) {
-  while (values_ == 0 || !open_.empty()) {
-    if (position_ >= bytes.size()) return 0;
-    const Header header = read(bytes.subspan(position_));
-    if (header.size > bytes.size() - position_) return 0;
-    position_ += header.size;
-    if (++values_ + header.values > valueLimit_) refuseValues(valueLimit_);
-    // Each value takes a byte at least, so that a declared count is bounded like a declared size.
-    require(header.content + header.values);
-    tail_ = {position_, header.isText || header.isBinary ? header.content : 0, header.isText};
-    position_ += header.content;
-    if (header.values > 0) {
-      enter(header.values);
-    } else {
-      valueDone();
+  // Whatever comes is walked over here: what changes with each value stays in the processor.
+  std::size_t position = position_;
+  std::uint64_t values = values_;
+  std::uint64_t left = values == 0 ? 1 : left_;
+  while (left > 0 && position < bytes.size()) {
+    const Format format = kFormats[std::to_integer<std::uint8_t>(bytes[position])];
+    std::uint64_t content = format.content;
+    std::uint64_t inside = format.values;
+    if (format.width > 0) {
+      if (bytes.size() - position <= format.width) break;
+      const std::uint64_t size = bigEndian(bytes.subspan(position + 1, format.width));
+      inside = format.kind == Kind::List ? size : format.kind == Kind::Map ? 2 * size : 0;
+      content = inside > 0 ? 0 : format.kind == Kind::Extension ? size + 1 : size;
+    } else if (format.kind == Kind::Invalid) {
+      refuseFormat();
     }
+    position += 1U + format.width;
+    if (++values + inside > valueLimit_) refuseValues(valueLimit_);
+    // Each value takes a byte at least, so that a declared count is bounded like a declared size.
+    const std::uint64_t more = content + inside;
+    if (more > frameLimit_ || position > frameLimit_ - more) refuseSize(frameLimit_);
+    position += content;
+    --left;
+    if (inside > 0) {
+      if (open_.size() >= depthLimit_) refuseDepth(depthLimit_);
+      open_.push_back(std::exchange(left, inside));
+    }
+    for (; left == 0 && !open_.empty(); open_.pop_back()) left = open_.back();
+    if (left > 0) continue;
+    const bool isTail = format.kind == Kind::Text || format.kind == Kind::Binary;
+    tail_ = {position - content, isTail ? content : 0, format.kind == Kind::Text};
   }
-  if (position_ > bytes.size()) return 0;
-  found_ = std::exchange(values_, 0);
-  return std::exchange(position_, 0);
+  const bool isWhole = left == 0 && position <= bytes.size();
+  if (isWhole) found_ = values;
+  position_ = isWhole ? 0 : position;
+  values_ = isWhole ? 0 : values;
+  left_ = left;
+  return isWhole ? position : 0;
 }
 
 void FrameSplitter::endAtTail() {

@@ -52,32 +52,20 @@ class HX_API FrameSplitter {
     bool isText = false;
   };
   /// Of the present message, of which not all is there.
-  Tail tail() const { return values_ > 0 && open_.empty() ? tail_ : Tail{}; }
+  Tail tail() const { return values_ > 0 && left_ == 0 ? tail_ : Tail{}; }
   /// The rest of the present message, its tail, is received elsewhere: the next one begins anew.
   void endAtTail();
 
  private:
-  struct Header {
-    std::size_t size = 1;       ///< Of the header itself; more than there is when it is not all there.
-    std::uint64_t content = 0;  ///< Bytes that follow it.
-    std::uint64_t values = 0;   ///< Values that follow it.
-    bool isText = false;
-    bool isBinary = false;
-  };
-  static Header read(std::span<const std::byte> bytes);
-  static Header readLong(std::span<const std::byte> bytes);
-  void require(std::uint64_t more) const;
-  void enter(std::uint64_t values);
-  void valueDone();
-
   const std::size_t frameLimit_;
   const std::size_t depthLimit_;
   const std::uint64_t valueLimit_;
   std::size_t position_ = 0;         // everything before it was walked over; may lie beyond the bytes that are there
   std::uint64_t values_ = 0;         // headers that were seen
   std::uint64_t found_ = 0;          // in the message before
-  Tail tail_;                        // of the last header, as if nothing followed
-  std::vector<std::uint64_t> open_;  // how many values each open list or map still lacks
+  std::uint64_t left_ = 0;           // values that the innermost list or map lacks; or the message, outside of all
+  std::vector<std::uint64_t> open_;  // the same of those around it
+  Tail tail_;                        // where nothing is left
 };
 
 }  // namespace mw::remote

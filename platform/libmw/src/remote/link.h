@@ -225,6 +225,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   static Future<AnyValue> callMember(const AnyObject& object, std::string_view member,
                                      GenericFunctionParameters arguments, bool wantsAnswer);
   static std::string nameOf(const Incoming& call);
+  AnyObject calledObject(std::string_view target);
   AnyObject targetAtArrival(std::string_view target) const;
   AnyObject targetOf(const Incoming& call, std::string_view& member) const;
   void runStrand(const StrandKey& key, std::shared_ptr<Incoming> first);
@@ -252,6 +253,14 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
     SignalLink link = kInvalidSignalLink;
     std::vector<Emission> emissions;
   } arrived_;
+
+  /// Likewise: what was called last in this reading. It is held by the calls, not by this: what goes here goes where
+  /// nothing foreign may run.
+  struct Called {
+    std::string target;
+    std::weak_ptr<GenericObject> object;
+    std::uintptr_t strand = 0;
+  } called_;
 
   mutable HX::Mutex mutex_;
   std::optional<std::string> ended_ HX_GUARDED_BY(mutex_);  // the reason

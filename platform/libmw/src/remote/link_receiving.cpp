@@ -1,3 +1,4 @@
+#include "../runtime/recycled.h"
 #include "../runtime/threadwait.h"
 #include "chaincodec.h"
 #include "linkparts.h"
@@ -59,6 +60,8 @@ void Link::onFrame(const Frame& frame, std::vector<Work>& works) {
 void Link::onPause(std::vector<Work>& works) {
   const mw::detail::NoForeignCode scope;
   queueEmissions(works);
+  called_.target.clear();
+  called_.object.reset();
   waiting_.keepLimit();  // Also of what is not whole.
 }
 
@@ -151,15 +154,15 @@ std::uint32_t Link::beginArguments(Reader& in, Chain& stated, LinkAuthors::Heade
 }
 
 Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32_t> id, const Frame& frame) {
-  auto call = std::make_shared<Incoming>();
+  auto call = std::allocate_shared<Incoming>(mw::detail::Recycled<Incoming>());
   call->id = id;
   call->size = frame.size();
   call->memory = call->size + sizeof(Incoming) + (lasts(frame) ? 0 : frame.values * sizeof(HX::HXValue));
   call->target = target;
+  call->object = calledObject(target);
   LinkAuthors::Header author;
   const std::uint32_t count = beginArguments(in, call->chain, author);
   call->author = authors_.of(author);
-  call->object = targetAtArrival(call->target);
   readArguments(in, count, frame, call->arguments, call->unread);
   if (call->chain.depth > kDeepestChain) {
     call->refusal = fmt::format("calls back and forth nest more than {} deep", kDeepestChain);
@@ -169,9 +172,19 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   if (!id && target == kRefused) throw ProtocolError(refusalIn(call->arguments));  // The end is right behind it.
   const Caller caller = call->chain.caller;
   if (caller && call->chain.depth > 0) return scheduleNested(call);
-  const std::string_view object = target.substr(0, target.rfind('.'));
-  const StrandKey key{caller, std::hash<std::string_view>()(object)};
-  return schedule(key, std::move(call));
+  return schedule({caller, called_.strand}, std::move(call));
+}
+
+/// What comes in one reading mostly goes to one object.
+AnyObject Link::calledObject(std::string_view target) {
+  if (called_.target == target) {
+    if (auto object = called_.object.lock()) return AnyObject(std::move(object));
+  }
+  AnyObject object = targetAtArrival(target);
+  called_.target = target;
+  called_.object = object.pointer();
+  called_.strand = std::hash<std::string_view>()(target.substr(0, target.rfind('.')));
+  return object;
 }
 
 /// Read here, since the calls that mean it may be right behind.

@@ -18,7 +18,7 @@ template <class Call>
 class PendingCalls {
  public:
   /// @return The number of the request; never 0.
-  std::uint32_t add(Call call) {
+  std::uint32_t add(Call&& call) {
     if (2 * (count_ + 1) > slots_.size()) resize(2 * slots_.size());
     do ++last_;
     while (last_ == 0 || slotOf(last_).call);
@@ -33,7 +33,8 @@ class PendingCalls {
   std::optional<Call> take(std::uint32_t number) {
     Slot& slot = slotOf(number);
     if (slot.number != number || !slot.call) return std::nullopt;
-    auto taken = std::exchange(slot.call, std::nullopt);
+    auto taken = std::move(slot.call);
+    slot.call.reset();
     // What a burst has made larger is given back.
     if (--count_ == 0 && slots_.size() > kKept) slots_ = std::vector<Slot>(kFirst);
     return taken;

@@ -14,11 +14,10 @@ namespace {
 /// "@12.7": member 7 of object 12.
 class Target {
  public:
-  Target(std::uint32_t object, unsigned member) {
-    text_[0] = '@';
-    char* const dot = std::to_chars(text_.data() + 1, text_.data() + text_.size(), object).ptr;
-    *dot = '.';
-    end_ = std::to_chars(dot + 1, text_.data() + text_.size(), member).ptr;
+  /// @param object  "@12."
+  Target(std::string_view object, unsigned member) {
+    object.copy(text_.data(), object.size());
+    end_ = std::to_chars(text_.data() + object.size(), text_.data() + text_.size(), member).ptr;
   }
   operator std::string_view() const { return {text_.data(), static_cast<std::size_t>(end_ - text_.data())}; }
 
@@ -30,7 +29,7 @@ class Target {
 }  // namespace
 
 RemoteObject::RemoteObject(std::shared_ptr<Link> link, std::uint32_t id, MetaObject metaObject)
-    : link_(std::move(link)), id_(id) {
+    : link_(std::move(link)), id_(id), name_(fmt::format("@{}.", id)) {
   setMetaObject(std::move(metaObject));
   setNumber(id);
 }
@@ -43,11 +42,11 @@ Future<AnyValue> RemoteObject::metaCall(unsigned method, GenericFunctionParamete
   const auto then = callType == MetaCallType::Queued      ? Calling::MakesMore
                     : mw::detail::AboutToWait::takeHere() ? Calling::Waits
                                                           : Calling::MayWait;
-  return link_->call(Target(id_, method), parameters, then, returns);
+  return link_->call(Target(name_, method), parameters, then, returns);
 }
 
 void RemoteObject::metaPost(unsigned member, GenericFunctionParameters parameters) {
-  if (metaObject().method(member)) return link_->post(Target(id_, member), parameters);
+  if (metaObject().method(member)) return link_->post(Target(name_, member), parameters);
   metaCall(member, parameters, MetaCallType::Direct).value();
 }
 

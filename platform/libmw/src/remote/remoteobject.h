@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 namespace mw::remote {
 
@@ -34,6 +35,7 @@ class RemoteObject final : public GenericObject {
  private:
   const std::shared_ptr<Link> link_;
   const std::uint32_t id_;
+  const std::string name_;  // "@12.", which a member's number completes
   std::atomic<std::uint32_t> references_{0};
 };
 

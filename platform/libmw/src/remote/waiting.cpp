@@ -313,9 +313,7 @@ Expectation::Expectation(const WaitingPlace& place, std::shared_ptr<Inbox> inbox
   Waiters::instance().add(place_, inbox_);
 }
 
-Expectation::~Expectation() {
-  if (inbox_) Waiters::instance().remove(place_, inbox_);
-}
+void Expectation::end() { Waiters::instance().remove(place_, inbox_); }
 
 void serveWhileWaiting() {
   if (!detail::ThreadWait::current()) detail::ofThisThread<WaitingThread>();

@@ -38,9 +38,13 @@ class HX_API Expectation {
     std::swap(inbox_, other.inbox_);
     return *this;
   }
-  ~Expectation();
+  ~Expectation() {
+    if (inbox_) end();
+  }
 
  private:
+  void end();
+
   WaitingPlace place_;
   std::shared_ptr<Inbox> inbox_;
 };

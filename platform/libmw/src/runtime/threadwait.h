@@ -1,5 +1,6 @@
 #pragma once
 
+#include "recycled.h"
 #include "threadlocal.h"
 
 #include <libmw/future.h>
@@ -79,7 +80,7 @@ struct PromiseAccess {
   /// @param onCancel  As Promise's, called with the state.
   template <class T>
   static Promise<T> make(FutureStateBase::OnCancel onCancel) {
-    return Promise<T>(std::make_shared<FutureSharedState<T>>(std::move(onCancel)));
+    return Promise<T>(std::allocate_shared<FutureSharedState<T>>(Recycled<T>(), std::move(onCancel)));
   }
 };
 

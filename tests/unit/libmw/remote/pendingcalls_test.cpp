@@ -18,7 +18,7 @@ TEST(PendingCalls, HaveANumberThatNoOtherHasAndGoOnce) {
   for (int i = 0; i < 200'000; ++i) {
     if (random() % 20'000 == 0) most = 1 + random() % 9000;
     if (known.size() < most && random() % 2 == 0) {
-      const std::uint32_t number = calls.add(i);
+      const std::uint32_t number = calls.add(int{i});
       ASSERT_NE(number, 0U);
       ASSERT_TRUE(known.emplace(number, i).second);
     } else if (!known.empty()) {
