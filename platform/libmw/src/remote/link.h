@@ -260,6 +260,7 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
     std::string target;
     std::weak_ptr<GenericObject> object;
     std::uintptr_t strand = 0;
+    HX::Author peer;  ///< Empty until it is asked for.
   } called_;
 
   mutable HX::Mutex mutex_;

@@ -60,8 +60,7 @@ void Link::onFrame(const Frame& frame, std::vector<Work>& works) {
 void Link::onPause(std::vector<Work>& works) {
   const mw::detail::NoForeignCode scope;
   queueEmissions(works);
-  called_.target.clear();
-  called_.object.reset();
+  called_ = {};
   waiting_.keepLimit();  // Also of what is not whole.
 }
 
@@ -162,7 +161,8 @@ Work Link::onCall(Reader& in, std::string_view target, std::optional<std::uint32
   call->object = calledObject(target);
   LinkAuthors::Header author;
   const std::uint32_t count = beginArguments(in, call->chain, author);
-  call->author = authors_.of(author);
+  if (author.empty() && !called_.peer) called_.peer = authors_.peer();
+  call->author = author.empty() ? called_.peer : authors_.of(author);
   readArguments(in, count, frame, call->arguments, call->unread);
   if (call->chain.depth > kDeepestChain) {
     call->refusal = fmt::format("calls back and forth nest more than {} deep", kDeepestChain);

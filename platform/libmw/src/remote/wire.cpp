@@ -35,17 +35,12 @@ std::span<const std::byte> contentOf(const HX::HXValue& value) {
   return {};
 }
 
-std::span<const std::byte> Message::shared() const { return contentOf(last); }
-
 void Message::clear() {
   bytes.clear();
   last = {};
 }
 
-std::uint8_t Reader::peek() const {
-  if (rest_.empty()) throw ProtocolError("a message with too few parts");
-  return std::to_integer<std::uint8_t>(rest_.front());
-}
+void Reader::endedTooEarly() { throw ProtocolError("a message with too few parts"); }
 
 std::span<const std::byte> Reader::take(std::size_t size) {
   if (size > rest_.size()) throw ProtocolError("a message that ends too early");
@@ -60,21 +55,18 @@ std::uint64_t Reader::bigEndian(std::size_t width) {
   return number;
 }
 
-std::uint32_t Reader::list() {
+std::uint32_t Reader::longList() {
   const std::uint8_t format = peek();
-  if (format < 0x90 || (format > 0x9f && format != 0xdc && format != 0xdd))
-    throw ProtocolError("no list where one belongs");
-  take(1);
-  if (format <= 0x9f) return format & 0x0fU;
+  if (format != 0xdc && format != 0xdd) throw ProtocolError("no list where one belongs");
+  skipByte();
   return static_cast<std::uint32_t>(bigEndian(format == 0xdc ? 2 : 4));
 }
 
-std::uint32_t Reader::number() {
+std::uint32_t Reader::longNumber() {
   const std::uint8_t format = peek();
-  if (format <= 0x7f) return std::to_integer<std::uint32_t>(take(1).front());
   // 0xcc to 0xcf are unsigned, 0xd0 to 0xd3 signed, of 1, 2, 4, 8 bytes each.
   if (format < 0xcc || format > 0xd3) throw ProtocolError("no number where one belongs");
-  take(1);
+  skipByte();
   const std::size_t width = std::size_t{1} << (format & 3U);
   const std::uint64_t number = bigEndian(width);
   const bool negative = format >= 0xd0 && number >> (8 * width - 1) != 0;
@@ -86,10 +78,10 @@ std::string_view Reader::text() {
   const std::uint8_t format = peek();
   std::uint64_t size = 0;
   if (format >= 0xa0 && format <= 0xbf) {
-    take(1);
+    skipByte();
     size = format & 0x1fU;
   } else if (format >= 0xd9 && format <= 0xdb) {
-    take(1);
+    skipByte();
     size = bigEndian(std::size_t{1} << (format - 0xd9U));
   } else {
     throw ProtocolError("no text where one belongs");
@@ -98,21 +90,15 @@ std::string_view Reader::text() {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-bool Reader::nil() {
-  if (peek() != 0xc0) return false;
-  take(1);
-  return true;
-}
-
 std::span<const std::byte> Reader::extension(Extension type) {
   const std::uint8_t format = peek();
   const auto before = rest_;
   std::uint64_t size = 0;
   if (format >= 0xd4 && format <= 0xd8) {
-    take(1);
+    skipByte();
     size = std::size_t{1} << (format - 0xd4U);
   } else if (format >= 0xc7 && format <= 0xc9) {
-    take(1);
+    skipByte();
     size = bigEndian(std::size_t{1} << (format - 0xc7U));
   } else {
     return {};

@@ -20,12 +20,15 @@ using Bytes = std::vector<std::byte>;
 /// than to send as a part of its own.
 inline constexpr std::size_t kLongContent = std::size_t{32} << 10;
 
+/// The bytes of a text or binary; none of another value.
+HX_API std::span<const std::byte> contentOf(const HX::HXValue& value);
+
 /// A message to be sent. A long text or binary at its end is not copied: the message shares it with the value.
 struct HX_API Message {
   Bytes bytes;
   HX::HXValue last;  ///< Its content follows `bytes`; nothing does where it is invalid.
 
-  std::span<const std::byte> shared() const;
+  std::span<const std::byte> shared() const { return last.isValid() ? contentOf(last) : std::span<const std::byte>(); }
   std::size_t size() const { return bytes.size() + shared().size(); }
   void clear();
 };
@@ -48,9 +51,6 @@ class HX_API ValueError : public ProtocolError {
   ~ValueError() override;
 };
 
-/// The bytes of a text or binary; none of another value.
-HX_API std::span<const std::byte> contentOf(const HX::HXValue& value);
-
 /// Reads the parts of one message, front to back. Every function throws ProtocolError when what comes next is
 /// something else.
 class HX_API Reader {
@@ -63,13 +63,19 @@ class HX_API Reader {
 
   bool atEnd() const { return rest_.empty(); }
   /// @return How many values the list has that begins here.
-  std::uint32_t list();
+  std::uint32_t list() {
+    const std::uint8_t format = peek();
+    return (format & 0xf0U) == 0x90 ? (skipByte(), format & 0x0fU) : longList();
+  }
   /// An integer from 0 to 2^32 - 1.
-  std::uint32_t number();
+  std::uint32_t number() {
+    const std::uint8_t format = peek();
+    return format <= 0x7f ? (skipByte(), format) : longNumber();
+  }
   /// Refers into the bytes.
   std::string_view text();
   /// Steps over nil. @return Whether it was there.
-  bool nil();
+  bool nil() { return peek() == 0xc0 && (skipByte(), true); }
   /// @return The content of an extension of this type; nothing consumed, and a null pointer in it, when there is none.
   std::span<const std::byte> extension(Extension type);
   /// @throws ValueError
@@ -78,7 +84,14 @@ class HX_API Reader {
   std::span<const std::byte> skip();
 
  private:
-  std::uint8_t peek() const;
+  std::uint8_t peek() const {
+    if (rest_.empty()) endedTooEarly();
+    return std::to_integer<std::uint8_t>(rest_.front());
+  }
+  void skipByte() { rest_ = rest_.subspan(1); }
+  [[noreturn]] static void endedTooEarly();
+  std::uint32_t longList();
+  std::uint32_t longNumber();
   std::span<const std::byte> take(std::size_t size);
   std::uint64_t bigEndian(std::size_t width);
   bool isAtLast() const;

@@ -8,8 +8,8 @@
 
 namespace mw::detail {
 
-/// Allocates what comes and goes by the burst, for std::allocate_shared: memory that the calling thread has let go of is
-/// used again first. The allocator of the system keeps no more than a few blocks of a size at hand; those beyond are
+/// Allocates what comes and goes by the burst, for std::allocate_shared: memory that the calling thread has let go of
+/// is used again first. The allocator of the system keeps no more than a few blocks of a size at hand; those beyond are
 /// split off and merged anew with each burst, which costs as much as to decode a call.
 template <class T>
 class Recycled {
