@@ -6,8 +6,8 @@
 
 The first form sets a benchmark in relation to others as its label says; bench/CMakeLists.txt tells how to write one.
 Times are medians over the repetitions: of processor time, for the machine may be shared, or of real time where a
-benchmark asks for it, because it waits or because several threads run it; of counters called "p50_us" and "p99_us",
-where single times were taken. A counter called "allocs" is shown as allocations, one called "writer_waits_ms" as the
+benchmark asks for it, because it waits or because several threads run it; of what it has measured itself, where it
+does; of counters called "p50_us" and "p99_us", where single times were taken. A counter called "allocs" is shown as allocations, one called "writer_waits_ms" as the
 longest wait of a writer over all repetitions. What a file called *.one-processor.json says is marked so.
 
 The second form tells what is faster or slower in the files after "--" than in those before. Only a difference that
@@ -49,7 +49,7 @@ class Result:
             raise ReportError(f"{self.name}: {run.get('error_message', 'an error without a message')}")
         if run["iterations"] <= 0 or run["real_time"] <= 0:
             raise ReportError(f"{self.name}: did no work")
-        clock = "real_time" if "/real_time" in self.name else "cpu_time"
+        clock = "real_time" if re.search("/(real|manual)_time", self.name) else "cpu_time"
         if "p50_us" in run:
             self.times.append(run["p50_us"] * NANOSECONDS["us"])
             self.ninetyNinths.append(run["p99_us"] * NANOSECONDS["us"])
