@@ -92,11 +92,10 @@ class Cut {
 
 int cut(const CutOptions& options, Arguments& arguments) {
   const std::string file = arguments.word("FILE");
-  HX::journal::Filter keys;
-  while (!arguments.atEnd()) keys.add(arguments.word("KEY"));
+  const HX::journal::Filter keys = restOf(arguments);
   Reader reader(file);
-  const TimePoint from = momentOf(reader, options.from);
-  const TimePoint to = momentOf(reader, options.to);
+  const TimePoint from = momentOf(reader, options.from).time;
+  const TimePoint to = momentOf(reader, options.to).time;
   if (to < from) throw InputError("--to is before --from");
   const std::uint64_t messages = Cut(reader, options.output).run(from, to, keys);
   Output(std::cout, std::cerr).note(fmt::format("{}: {} messages", options.output, messages));

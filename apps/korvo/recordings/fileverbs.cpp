@@ -33,12 +33,6 @@ using HX::recording::Table;
 
 constexpr std::string_view kStatuses = "0  done\n1  it cannot be read, or is not what was asked for\n2  wrong usage\n";
 
-HX::journal::Filter restOf(Arguments& arguments) {
-  HX::journal::Filter filter;
-  while (!arguments.atEnd()) filter.add(arguments.word("KEY"));
-  return filter;
-}
-
 std::string_view kindOf(const Entry& entry) {
   if (entry.what == What::Raised) return "Event";
   return entry.what == What::RaisedMicro ? "MicroEvent" : "Data";
@@ -75,11 +69,19 @@ std::string aboutText(const Reader& reader, std::string_view name) {
   return found == reader.about().end() ? "unknown" : found->second;
 }
 
+/// What it is of a whole.
+std::string partText(const Reader& reader) {
+  if (reader.about().contains("reach")) {
+    return fmt::format("black box that reaches back {} of {}", aboutText(reader, "reach"), aboutText(reader, "asked"));
+  }
+  return "part " + aboutText(reader, "part");
+}
+
 // --- at ---
 
 void printTable(const std::string& file, const std::string& moment, const HX::journal::Filter& keys, bool asObjects) {
   Reader reader(file);
-  const Table table = tableAt(reader, momentOf(reader, moment), keys);
+  const Table table = tableAt(reader, momentOf(reader, moment).time, keys);
   Output output(std::cout, std::cerr);
   for (const auto& [key, entry] : table) {
     if (asObjects) {
@@ -89,82 +91,6 @@ void printTable(const std::string& file, const std::string& moment, const HX::jo
                               formatTime(entry.time)));
     }
   }
-}
-
-// --- diff ---
-
-bool diffMoments(const std::string& file, const std::string& first, const std::string& second,
-                 const HX::journal::Filter& keys) {
-  Reader reader(file);
-  const Table before = tableAt(reader, momentOf(reader, first), keys);
-  const Table after = tableAt(reader, momentOf(reader, second), keys);
-  Output output(std::cout, std::cerr);
-  bool isSame = true;
-  const auto print = [&](std::string_view key, const Entry* a, const Entry* b) {
-    if (a && b && a->value == b->value) return;
-    isSame = false;
-    output.line(fmt::format("{}\t{}\t{}", formatName(key, NameReader::Shell), a ? HX::toJson(a->value) : "-",
-                            b ? HX::toJson(b->value) : "-"));
-  };
-  for (const auto& [key, entry] : before) {
-    const auto other = after.find(key);
-    print(key, &entry, other == after.end() ? nullptr : &other->second);
-  }
-  for (const auto& [key, entry] : after) {
-    if (!before.contains(key)) print(key, nullptr, &entry);
-  }
-  return isSame;
-}
-
-/// What each key became after a moment, in order.
-using Courses = std::map<std::string, std::vector<Entry>>;
-
-struct Run {
-  HX::recording::TimePoint start;
-  Courses courses;
-};
-
-/// By the order of the file, so that a clock that was set changes nothing.
-Run runOf(const std::string& file, const std::string& moment, const HX::journal::Filter& keys) {
-  Reader reader(file);
-  Run run;
-  run.start = momentOf(reader, moment);
-  bool hasBegun = false;
-  const std::size_t until = chunksUntil(reader, run.start);
-  reader.forEach(
-      [&](const Entry& entry) {
-        hasBegun = hasBegun || entry.logged >= run.start;
-        if (hasBegun && entry.kind == Entry::Kind::Change && keys.wantsKey(entry.key))
-          run.courses[entry.key].push_back(entry);
-        return true;
-      },
-      until > 0 ? until - 1 : 0);
-  return run;
-}
-
-std::string stepText(const Run& run, const std::vector<Entry>& course, std::size_t step) {
-  if (step >= course.size()) return "no more";
-  const double seconds = std::chrono::duration<double>(course[step].logged - run.start).count();
-  return fmt::format("{} at {:+.3f} s", HX::toJson(course[step].value), seconds);
-}
-
-bool diffRuns(const std::string& a, const std::string& b, const std::string& align, const HX::journal::Filter& keys) {
-  Run first = runOf(a, align, keys);
-  Run second = runOf(b, align, keys);
-  for (const auto& [key, course] : first.courses) second.courses.try_emplace(key);
-  Output output(std::cout, std::cerr);
-  bool isSame = true;
-  for (const auto& [key, other] : second.courses) {
-    const auto& course = first.courses[key];
-    const auto isLike = [](const Entry& x, const Entry& y) { return x.value == y.value && x.what == y.what; };
-    const auto [x, y] = std::mismatch(course.begin(), course.end(), other.begin(), other.end(), isLike);
-    if (x == course.end() && y == other.end()) continue;
-    isSame = false;
-    const auto step = static_cast<std::size_t>(x - course.begin());
-    output.line(fmt::format("{}\tchange {}\t{}\t{}", formatName(key, NameReader::Shell), step + 1,
-                            stepText(first, course, step), stepText(second, other, step)));
-  }
-  return isSame;
 }
 
 // --- recover ---
@@ -219,6 +145,9 @@ void printInfo(const std::string& file, bool asObject, bool listsKeys) {
     JsonObject line;
     line.add("file", file).add("bytes", static_cast<std::int64_t>(reader.size())).add("whole", reader.isWhole());
     line.add("broker", aboutText(reader, "broker")).add("machine", aboutText(reader, "machine"));
+    if (reader.about().contains("reach")) {
+      line.add("reach", aboutText(reader, "reach")).add("asked", aboutText(reader, "asked"));
+    }
     line.add("from", formatTime(span.begin)).add("to", formatTime(span.end));
     line.add("changes", static_cast<std::int64_t>(counts.changes));
     line.add("states", static_cast<std::int64_t>(counts.states));
@@ -226,8 +155,8 @@ void printInfo(const std::string& file, bool asObject, bool listsKeys) {
     line.add("gaps", static_cast<std::int64_t>(counts.gaps)).add("missed", static_cast<std::int64_t>(counts.missed));
     return output.line(line.text());
   }
-  output.line(fmt::format("broker    {} on {}, part {}", aboutText(reader, "broker"), aboutText(reader, "machine"),
-                          aboutText(reader, "part")));
+  output.line(fmt::format("broker    {} on {}, {}", aboutText(reader, "broker"), aboutText(reader, "machine"),
+                          partText(reader)));
   output.line(fmt::format("from      {}", formatTime(span.begin)));
   output.line(fmt::format("to        {}, {} later", formatTime(span.end), formatDuration(span.end - span.begin)));
   output.line(fmt::format("changes   {} of {} keys, which held {} values at its begin", counts.changes,
@@ -284,33 +213,6 @@ std::vector<Verb> fileVerbs() {
             printTable(file, moment, keys, arguments.has("--json"));
             return kDone;
           }};
-  const auto align = std::make_shared<std::string>();
-  Verb diff{"diff",
-            "FILE TIME TIME [KEY...]",
-            "Says how the memory differs between two moments of a recording, or two recordings from a moment on.",
-            "A line for each key that differs: its value at the first and at the second moment, - for none, with\n"
-            "tabulators between.\n"
-            "\n"
-            "With --align the arguments are FILE FILE [KEY...]: a line for each key whose changes from that moment on\n"
-            "are not the same, one after another, with the first change that differs. Order counts, times do not.",
-            "diff fall.mcap start end Arm/\n"
-            "diff monday.mcap tuesday.mcap --align Start",
-            kRecordingGroup,
-            "0  the same\n1  different, or it cannot be read\n2  wrong usage\n",
-            [align](CLI::App& app) {
-              app.add_option("--align", *align, "Compare two recordings, each from this moment on")->type_name("TIME");
-            },
-            [align](Arguments& arguments) {
-              const std::string file = arguments.word("FILE");
-              const std::string second = arguments.word(align->empty() ? "TIME" : "FILE");
-              if (!align->empty()) {
-                const auto keys = restOf(arguments);
-                return diffRuns(file, second, *align, keys) ? kDone : kFailed;
-              }
-              const std::string third = arguments.word("TIME");
-              const auto keys = restOf(arguments);
-              return diffMoments(file, second, third, keys) ? kDone : kFailed;
-            }};
   Verb mend{
       "recover",
       "FILE",
@@ -326,7 +228,7 @@ std::vector<Verb> fileVerbs() {
         arguments.end();
         return recover(file);
       }};
-  return {at, diff, mend};
+  return {at, diffVerb(), mend};
 }
 
 }  // namespace korvo

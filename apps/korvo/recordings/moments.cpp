@@ -52,11 +52,11 @@ std::optional<TimePoint> absoluteOf(const std::string& text, TimePoint begin) {
 }
 
 /// When an event was raised first, or a note made that begins with what is behind "note:".
-std::optional<TimePoint> eventOf(Reader& reader, const std::string& text) {
+std::optional<Moment> eventOf(Reader& reader, const std::string& text) {
   constexpr std::string_view kNote = "note:";
   const bool isNote = text.starts_with(kNote);
   const std::string key = isNote ? std::string(HX::recording::kNoteKey) : text;
-  std::optional<TimePoint> found;
+  std::optional<Moment> found;
   for (std::size_t i = 0; i < reader.chunks().size() && !found; ++i) {
     const auto& channels = reader.chunks()[i].channels;
     const auto hasKey = [&](const auto& one) {
@@ -70,7 +70,7 @@ std::optional<TimePoint> eventOf(Reader& reader, const std::string& text) {
           if (entry.key != key || entry.kind != Entry::Kind::Change || !entry.value.isValid()) return true;
           const std::string* const note = entry.value.stringIf();
           if (isNote && !(note && note->starts_with(text.substr(kNote.size())))) return true;
-          found = entry.logged;
+          found = Moment{entry.logged, entry.revision};
           return false;
         },
         i, i + 1);
@@ -93,22 +93,23 @@ Span spanOf(const Reader& reader) {
   return {HX::recording::timePoint(chunks.front().start), HX::recording::timePoint(chunks.back().end)};
 }
 
-TimePoint momentOf(Reader& reader, const std::string& text) {
+Moment momentOf(Reader& reader, const std::string& text) {
   const Span span = spanOf(reader);
-  if (text == "start") return span.begin;
-  if (text == "end") return span.end;
+  if (text == "start") return {span.begin};
+  if (text == "end") return {span.end};
   for (const auto& [word, sign] : {std::pair(std::string(" before "), -1), std::pair(std::string(" after "), 1)}) {
     const std::size_t place = text.find(word);
     if (place == std::string::npos) continue;
-    return momentOf(reader, text.substr(place + word.size())) + sign * toDuration("TIME", text.substr(0, place));
+    const TimePoint from = momentOf(reader, text.substr(place + word.size())).time;
+    return {from + sign * toDuration("TIME", text.substr(0, place))};
   }
   const bool isRelative = text.size() > 1 && (text[0] == '+' || text[0] == '-');
   if (isRelative) {
     const auto distance = toDuration("TIME", text.substr(1));
-    return text[0] == '+' ? span.begin + distance : span.end - distance;
+    return {text[0] == '+' ? span.begin + distance : span.end - distance};
   }
-  if (const auto time = absoluteOf(text, span.begin)) return *time;
-  if (const auto time = eventOf(reader, text)) return *time;
+  if (const auto time = absoluteOf(text, span.begin)) return {*time};
+  if (const auto moment = eventOf(reader, text)) return *moment;
   const bool looksLikeTime = !text.empty() && text[0] >= '0' && text[0] <= '9';
   if (text.empty() || looksLikeTime) failMoment(text);
   throw RecordingError(fmt::format("{}: {} is not raised in it", reader.path().string(), excerpt(text)));

@@ -39,14 +39,18 @@ void addExport(Verb& verb) {
   verb.run = [other = verb.run](Arguments& arguments) {
     if (!arguments.has("--csv")) return other(arguments);
     const std::string file = arguments.word("FILE");
-    HX::journal::Filter keys;
-    while (!arguments.atEnd()) keys.add(arguments.word("KEY"));
-    printCsv(file, keys);
+    printCsv(file, restOf(arguments));
     return static_cast<int>(kDone);
   };
 }
 
 }  // namespace
+
+HX::journal::Filter restOf(Arguments& arguments) {
+  HX::journal::Filter filter;
+  while (!arguments.atEnd()) filter.add(arguments.word("KEY"));
+  return filter;
+}
 
 void addRecordings(std::vector<Verb>& verbs) {
   const auto find = [&](std::string_view name) { return std::ranges::find(verbs, name, &Verb::name); };

@@ -10,11 +10,17 @@
 
 namespace korvo {
 
+class Arguments;
+
 inline constexpr std::string_view kRecordingGroup = "Recordings";
+
+/// The keys, prefixes and globs that are left of the arguments; none: all keys.
+HX::journal::Filter restOf(Arguments& arguments);
 
 Verb recordVerb();
 Verb replayVerb();
 Verb cutVerb();
+Verb diffVerb();
 std::vector<Verb> fileVerbs();  ///< That only read, or mend.
 
 /// Prints what is in a recording.

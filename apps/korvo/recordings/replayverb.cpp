@@ -181,13 +181,13 @@ std::string progressText(const Span& span, TimePoint now, bool isPaused) {
 int replay(const ReplayOptions& given, Arguments& arguments) {
   const std::string file = arguments.word("FILE");
   PlayOptions options;
-  while (!arguments.atEnd()) options.keys.add(arguments.word("KEY"));
+  options.keys = restOf(arguments);
   for (const std::string& pattern : given.except) options.keys.exclude(pattern);
   for (const std::string& map : given.maps) options.maps.push_back(readMap(map));
   options.rate = given.rate;
   Reader reader(file);
-  options.from = momentOf(reader, given.from);
-  options.to = momentOf(reader, given.to);
+  options.from = momentOf(reader, given.from).time;
+  options.to = momentOf(reader, given.to).time;
   const StopSignals signals;
   mw::log::setLevel(mw::LogLevel::Silent);
   Output output(std::cout, std::cerr);

@@ -40,8 +40,8 @@ class Playing : public testing::Test {
   /// @param wishes  One for each time that it waits; then every change at once.
   bool play(PlayOptions options, std::vector<Wish> wishes = {}) {
     HX::recording::Reader reader(file_);
-    options.from = momentOf(reader, from_);
-    options.to = momentOf(reader, to_);
+    options.from = momentOf(reader, from_).time;
+    options.to = momentOf(reader, to_).time;
     auto next = wishes.begin();
     Player player(
         reader, options,
