@@ -21,7 +21,8 @@ using namespace std::chrono_literals;
 constexpr std::size_t kChunk = std::size_t{256} << 10U;
 constexpr auto kChunkAge = 400ms;
 constexpr auto kLook = 100ms;
-constexpr std::uint64_t kPieces = 4;  // Of the bytes that are kept.
+constexpr std::uint64_t kPieces = 4;      // Of the bytes that are kept.
+constexpr std::size_t kFewestPieces = 2;  // Of which the older one is a whole one.
 constexpr std::string_view kPrefix = "blackbox-";
 
 /// Of what may stand in a name of a file.
@@ -45,7 +46,7 @@ BlackBox::BlackBox(BlackBoxOptions options, Feed feed)
     const MutexLock lock(mutex_);
     latest_ = latest;
     statesAt_ = mw::systemNow();
-    pieces_.push_back({Clock::now(), {}, 0});
+    pieces_.push_back({Clock::now(), {}});
     const auto crashFile = options_.folder / fmt::format("{}crash-{}.mcap", kPrefix, ::getpid());
     isArmed_ = crashdump::arm(crashFile, headOf(0));
   }
@@ -106,27 +107,41 @@ void BlackBox::onChange(const journal::Change& change) {
 
 void BlackBox::closeChunk() {
   if (encoder_.chunk().isEmpty()) return;
+  keepChunk();
+  if (isPieceFull()) beginPiece();
+  dropOld();
+}
+
+void BlackBox::keepChunk() {
   if (isArmed_) crashdump::setOpen({});
   auto record = std::make_shared<const std::string>(seal(encoder_.takeChunk(), compressor_).record);
   if (isArmed_) crashdump::push(*record);
   bytes_ += record->size();
   pieces_.back().bytes += record->size();
   pieces_.back().chunks.push_back(std::move(record));
-  const bool isOld = Clock::now() - pieces_.back().began >= options_.before / 2;
-  if (isOld || pieces_.back().bytes >= options_.bytes / kPieces) beginPiece();
-  dropOld();
+}
+
+/// A piece begins with what all keys hold, which may be much: enough has to lie between for that to be worth while.
+bool BlackBox::isPieceFull() const {
+  const Piece& piece = pieces_.back();
+  if (Clock::now() - piece.began >= options_.before / 2) return true;
+  return piece.bytes - piece.states >= std::max(options_.bytes, piece.states) / kPieces;
 }
 
 void BlackBox::beginPiece() {
-  pieces_.push_back({Clock::now(), {}, 0});
+  pieces_.push_back({Clock::now(), {}});
   encoder_.beginPiece(mw::systemNow());
-  chunkBegan_ = Clock::now();
+  if (encoder_.chunk().isEmpty()) return;
+  keepChunk();
+  pieces_.back().states = pieces_.back().bytes;
 }
 
 void BlackBox::dropOld() {
   auto needed = Clock::now() - options_.before;
   if (trigger_) needed = std::min(needed, trigger_->from);
-  while (pieces_.size() > 1 && (pieces_[1].began <= needed || bytes_ > options_.bytes)) dropPiece();
+  const auto isTooMuch = [this]()
+                             HX_REQUIRES(mutex_) { return bytes_ > options_.bytes && pieces_.size() > kFewestPieces; };
+  while (pieces_.size() > 1 && (pieces_[1].began <= needed || isTooMuch())) dropPiece();
 }
 
 void BlackBox::dropPiece() {
@@ -166,6 +181,7 @@ std::string BlackBox::headOf(double reach) const {
   about.insert_or_assign("epoch", std::to_string(latest_.epoch));
   about.insert_or_assign("revision", std::to_string(latest_.revision));
   if (reach > 0) about.insert_or_assign("reach", fmt::format("{:.1f} s", reach));
+  about.insert_or_assign("asked", fmt::format("{:.1f} s", std::chrono::duration<double>(options_.before).count()));
   std::string head(kMagic);
   writeHeader(head);
   recording::write(head, Metadata{"korvo", about});

@@ -12,11 +12,13 @@ struct BlackBoxOptions {
   std::filesystem::path folder;  ///< Made when it is not there.
   std::chrono::nanoseconds before{};
   std::chrono::nanoseconds after{};
-  std::vector<std::string> when;                   ///< Events whose raise has a file written: keys, prefixes, globs.
-  std::vector<std::string> keys;                   ///< What is kept; none: all.
-  std::uint64_t bytes = std::uint64_t{64} << 20U;  ///< At most so much memory for what is kept.
-  std::size_t files = 8;                           ///< So many files are left; the oldest ones go. 0: all.
-  std::uint64_t fileBytes = 0;                     ///< So many bytes of files are left, one file at least. 0: all.
+  std::vector<std::string> when;  ///< Events whose raise has a file written: keys, prefixes, globs.
+  std::vector<std::string> keys;  ///< What is kept; none: all.
+  /// At most so much memory for what is kept. It is more where what all keys hold takes a quarter of it: then that is
+  /// kept two or three times, for something has to lie between.
+  std::uint64_t bytes = std::uint64_t{64} << 20U;
+  std::size_t files = 8;        ///< So many files are left; the oldest ones go. 0: all.
+  std::uint64_t fileBytes = 0;  ///< So many bytes of files are left, one file at least. 0: all.
   bool savesAtEnd = false;
   TextMap about;  ///< Further entries of the metadata `korvo`.
 
@@ -61,6 +63,7 @@ class BlackBox {
     Clock::time_point began;
     std::vector<Bytes> chunks;
     std::uint64_t bytes = 0;
+    std::uint64_t states = 0;  // Of these, what all keys held when it began.
   };
   struct Trigger {
     std::string name;
@@ -70,6 +73,8 @@ class BlackBox {
 
   void onChange(const journal::Change& change);
   void closeChunk() HX_REQUIRES(mutex_);
+  void keepChunk() HX_REQUIRES(mutex_);
+  bool isPieceFull() const HX_REQUIRES(mutex_);
   void beginPiece() HX_REQUIRES(mutex_);
   void dropOld() HX_REQUIRES(mutex_);
   void dropPiece() HX_REQUIRES(mutex_);

@@ -251,6 +251,27 @@ TEST_F(Recording, OfABlackBoxStaysWithinItsBoundAndSaysHowFarItReaches) {
   EXPECT_LT(kit::entriesOf(file).size(), 60'000U);
 }
 
+/// So that it cannot begin anew with all of that each time its memory is full.
+TEST_F(Recording, OfABlackBoxGoesBackAlsoWhereTheKeysHoldMoreThanItsBound) {
+  constexpr int kLast = 20'000;
+  constexpr std::size_t kHeld = 2U << 20U;
+  BlackBoxOptions box;
+  box.folder = folder_.path();
+  box.before = std::chrono::hours(1);
+  box.bytes = 1 << 20;
+  std::mt19937 random(1);
+  HXValue::Binary picture(kHeld);
+  for (auto& byte : picture) byte = static_cast<HXValue::Binary::value_type>(random());
+  memory->insertData("Picture", HXValue(std::move(picture)));
+  BlackBox blackBox(std::move(box), feed());
+  while (!blackBox.state().hasBegun) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  for (int i = 1; i <= kLast; ++i) memory->insertData("N", i);
+  auto numbers = numbersOf(blackBox.save(), "N");
+  while (numbers.empty() || numbers.back() != kLast) numbers = numbersOf(blackBox.save(), "N");
+  EXPECT_EQ(numbers.front(), 1);
+  EXPECT_LT(blackBox.state().bytes, 3 * kHeld);
+}
+
 TEST_F(Recording, OfABlackBoxLeavesSoManyBytesOfFilesAndTheHandlersOfSignalsAsTheyWere) {
   struct sigaction before {};
   struct sigaction meanwhile {};
