@@ -1,12 +1,14 @@
 #include "connection.h"
 
 #include "nkey.h"
+#include "server.h"
 
 #include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
+#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,23 +22,6 @@ using namespace std::chrono_literals;
 constexpr int kTimeout = 2000;        // For connecting, milliseconds.
 constexpr int kWriteDeadline = 1000;  // A server that has frozen must hold nobody up for longer.
 constexpr auto kFarewell = 5s;        // For handlers, and for the library to let go.
-
-/// Host and scheme of "tls://user@hub.example:4222".
-struct Server {
-  explicit Server(const std::string& url) {
-    const auto colon = url.find("://");
-    scheme = colon == std::string::npos ? std::string("nats") : url.substr(0, colon);
-    std::string rest = colon == std::string::npos ? url : url.substr(colon + 3);
-    if (const auto at = rest.rfind('@'); at != std::string::npos) rest.erase(0, at + 1);
-    const bool isBracketed = rest.starts_with('[');
-    const auto end = isBracketed ? rest.find(']') : rest.find(':');
-    host = isBracketed ? rest.substr(1, end - 1) : rest.substr(0, end);
-  }
-  bool isOfThisMachine() const { return host == "localhost" || host == "::1" || host.starts_with("127."); }
-
-  std::string scheme;
-  std::string host;
-};
 
 void checkServer(const std::string& url, bool insecure) {
   const Server server(url);
@@ -104,24 +89,23 @@ void require(natsStatus status, const std::string& what) {
 
 using OptionsPointer = std::unique_ptr<natsOptions, decltype(&natsOptions_Destroy)>;
 
-void applyTls(natsOptions* raw, const Access& access) {
-  const bool isTls = std::ranges::any_of(access.servers, [](const auto& url) { return Server(url).scheme == "tls"; });
-  if (!isTls) return;
+void applyTls(natsOptions* raw, const Access& access, const Server& server) {
+  if (server.scheme != "tls") return;
   require(natsOptions_SetSecure(raw, true), "TLS");
   if (!access.authority.empty()) {
     require(natsOptions_LoadCATrustedCertificates(raw, access.authority.c_str()), access.authority);
   }
   // Otherwise any certificate of the authority would do, another robot's too.
-  require(natsOptions_SetExpectedHostname(raw, Server(access.servers.front()).host.c_str()), "TLS");
+  require(natsOptions_SetExpectedHostname(raw, server.host.c_str()), "TLS");
 }
 
-OptionsPointer optionsOf(const Access& access, const Connection::Options& options) {
+/// @param server  The one to be connected to. The library knows of no other: each has a name of its own for its
+///                certificate, and of several that fail the library would not say why.
+OptionsPointer optionsOf(const Access& access, const std::string& server, const Connection::Options& options) {
   natsOptions* raw = nullptr;
   require(natsOptions_Create(&raw), "options");
   OptionsPointer owned(raw, &natsOptions_Destroy);
-  std::vector<const char*> servers;
-  for (const std::string& server : access.servers) servers.push_back(server.c_str());
-  require(natsOptions_SetServers(raw, servers.data(), static_cast<int>(servers.size())), "servers");
+  require(natsOptions_SetURL(raw, server.c_str()), server);
   require(natsOptions_SetName(raw, options.name.c_str()), "name");
   require(natsOptions_SetTimeout(raw, kTimeout), "options");
   require(natsOptions_SetWriteDeadline(raw, kWriteDeadline), "options");
@@ -136,7 +120,7 @@ OptionsPointer optionsOf(const Access& access, const Connection::Options& option
     const std::string key = publicKeyOf(access.seed);
     require(natsOptions_SetNKeyFromSeed(raw, key.c_str(), access.seed.c_str()), access.seed);
   }
-  applyTls(raw, access);
+  applyTls(raw, access, Server(server));
   return owned;
 }
 
@@ -186,19 +170,49 @@ struct Connection::Subscription {
 
 Connection::Connection(const Access& access, const Options& options)
     : inbox_(options.inbox), shared_(std::make_shared<Shared>()) {
-  const OptionsPointer made = optionsOf(access, options);
   shared_->onEnd = options.onEnd;
+  std::vector<std::string> servers = access.servers;
+  // A fleet spreads over its servers.
+  std::ranges::shuffle(servers, std::mt19937(std::random_device{}()));
+  std::stable_partition(servers.begin(), servers.end(), [&](const auto& server) { return server == options.first; });
+  std::string why;
+  bool isRefused = false;
+  for (const std::string& server : servers) {
+    std::string failure;
+    try {
+      connect(access, server, options);
+      return;
+    } catch (const RefusedError& error) {
+      isRefused = true;
+      failure = error.what();
+    } catch (const AwayError& error) {
+      failure = error.what();
+    }
+    why += (why.empty() ? "" : "; ") + failure;
+  }
+  if (isRefused) throw RefusedError(why);
+  throw AwayError(why);
+}
+
+void Connection::connect(const Access& access, const std::string& server, const Options& options) {
+  const OptionsPointer made = optionsOf(access, server, options);
   // Each is let go of by the callback for the end.
-  auto* const closure = new std::shared_ptr<Shared>(shared_);
-  natsOptions_SetClosedCB(made.get(), onClosed, closure);
+  auto closure = std::make_unique<std::shared_ptr<Shared>>(shared_);
+  natsOptions_SetClosedCB(made.get(), onClosed, closure.get());
   // Errors can still come after the end, so theirs lives as long as the connection.
   natsOptions_SetErrorHandler(made.get(), onError, shared_.get());
-  const natsStatus status = natsConnection_Connect(&connection_, made.get());
-  if (status == NATS_OK) return;
-  delete closure;
-  std::string where;
-  for (const std::string& server : access.servers) where += (where.empty() ? "" : ", ") + server;
-  fail(status, where);
+  require(natsConnection_Connect(&connection_, made.get()), server);
+  static_cast<void>(closure.release());
+  chosen_ = server;
+  {
+    const std::lock_guard lock(shared_->mutex);
+    shared_->lastError.clear();  // Of servers that were tried before.
+  }
+  char* address = nullptr;
+  int port = 0;
+  if (natsConnection_GetLocalIPAndPort(connection_, &address, &port) != NATS_OK) return;
+  std::free(address);
+  line_.emplace(static_cast<std::uint16_t>(port), static_cast<std::uint16_t>(std::atoi(Server(server).port.c_str())));
 }
 
 Connection::~Connection() {

@@ -1,11 +1,14 @@
 #pragma once
 
+#include "line.h"
+
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <nats/nats.h>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -32,7 +35,7 @@ class NobodyError : public std::runtime_error {
 
 /// How a server is reached.
 struct Access {
-  std::vector<std::string> servers;  ///< "tls://hub.example:4222", each tried until one is there.
+  std::vector<std::string> servers;  ///< "tls://hub.example:4222", each tried in any order until one is there.
   std::string authority;             ///< File of the certificate that theirs are signed with; empty: the system's.
   std::string seed;                  ///< File with the seed of our key; empty for servers that ask for none.
   bool insecure = false;             ///< Plain connections may leave this machine.
@@ -82,6 +85,7 @@ class Connection {
     std::string inbox = "_INBOX";      ///< Prefix of the subjects of answers.
     bool isPrompt = false;             ///< Sends at once, rather than together with what follows within a millisecond.
     std::function<void()> onEnd = {};  ///< On a thread of the library, once.
+    std::string first = {};            ///< The one of the servers that is tried before the others.
   };
 
   /// @throws AwayError, RefusedError.
@@ -95,6 +99,10 @@ class Connection {
   void close() { natsConnection_Close(connection_); }
   bool isOpen() const { return !natsConnection_IsClosed(connection_); }
   std::string server() const;
+  /// The one of `Access::servers` that it is.
+  const std::string& chosen() const { return chosen_; }
+  /// Whether the line seems to be cut, without being known to be: see `Line`.
+  bool isStalled() const { return line_ && line_->isStalled(); }
   /// Why something was refused last, or why it ended.
   std::string lastError() const;
   std::size_t largestMessage() const;
@@ -122,6 +130,7 @@ class Connection {
  private:
   struct Subscription;
   struct Shared;
+  void connect(const Access& access, const std::string& server, const Options& options);
   static void onClosed(natsConnection* connection, void* closure);
   static void onError(natsConnection* connection, natsSubscription* subscription, natsStatus error, void* closure);
   static void onMessage(natsConnection* connection, natsSubscription* subscription, natsMsg* message, void* closure);
@@ -130,6 +139,8 @@ class Connection {
   const std::string inbox_;
   std::shared_ptr<Shared> shared_;
   natsConnection* connection_ = nullptr;
+  std::string chosen_;
+  std::optional<Line> line_;
   mutable std::mutex mutex_;  // Guards `subscriptions_`.
   std::vector<natsSubscription*> subscriptions_;
 };

@@ -1,5 +1,7 @@
 #include "hxfleet.h"
 
+#include "session.h"
+
 #include <hxcommon/feed.h>
 #include <hxcommon/hxbroker.h>
 #include <hxcommon/settings.h>
@@ -23,26 +25,12 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kStatusGap = 2s;
 constexpr auto kStoredStatusGap = 30s;
 constexpr auto kDesiredGap = 30s;
-constexpr auto kFirstPause = 100ms;
-constexpr auto kLongestPause = 10'000ms;
-constexpr auto kLasting = 2s;  // Of a connection that has come about.
-constexpr auto kAskName = 500ms;
+constexpr auto kLeft = 10'000ms;  // Between looks at whether it joins again; it is woken, too.
+constexpr auto kLasting = 2s;     // Of a connection that has come about.
 constexpr auto kHeardLimit = 5s;  // For it to have what we asked of it.
 constexpr auto kWaitForBroker = 1s;
 
 }  // namespace
-
-/// The life of a connection, or rather of the two of it.
-struct HXFleet::Session {
-  std::shared_ptr<fleet::Connection> control;
-  std::shared_ptr<fleet::Connection> bulk;
-  std::atomic<bool> isNudged{true};
-  std::atomic<bool> isTaken{false};  // Another robot has our name.
-  std::string holder;                // Of the name; written before `isTaken`.
-  Clock::time_point nextStatus{};
-  Clock::time_point nextStored{};
-  Clock::time_point nextDesired{};
-};
 
 HXFleet::HXFleet(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
   setModuleDescription("HXFleet makes this robot one of a fleet: others see its keys and events, and may ask it.");
@@ -95,7 +83,7 @@ void HXFleet::run(const std::stop_token& stop) {
     try {
       if (hasLeft()) {
         become(State::Left, "it was told to leave");
-        pause(kLongestPause, stop);
+        pause(kLeft, stop);
         continue;
       }
       attempt(stop);
@@ -108,17 +96,8 @@ void HXFleet::run(const std::stop_token& stop) {
     mirror_->lose();
     roster_->lose(presentReason());
     showState();
-    pause(untilNextAttempt(), stop);
+    awaitServer(stop);
   }
-}
-
-/// A twentieth of how long we have been away, spread by half: after a short cut we are soon back, and after a long one
-/// all the robots of a fleet do not come at the same moment.
-std::chrono::milliseconds HXFleet::untilNextAttempt() {
-  const auto away = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - served_);
-  const auto jitter = std::uniform_real_distribution<>(0.5, 1.5)(random_);
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-      jitter * std::clamp<std::chrono::milliseconds>(away / 20, kFirstPause, kLongestPause));
 }
 
 /// Modules that are loaded after us are to be there when the first request comes.
@@ -137,10 +116,11 @@ void HXFleet::attempt(const std::stop_token& stop) {
   const auto session = std::make_shared<Session>();
   const auto onEnd = [this] { wake(); };
   session->control = std::make_shared<fleet::Connection>(
-      access_, fleet::Connection::Options{fmt::format("{} control", robot_), inbox, true, onEnd});
-  requireOwnName(*session->control);
+      access_, fleet::Connection::Options{fmt::format("{} control", robot_), inbox, true, onEnd, answered_});
+  if (!holdsName_) requireOwnName(*session->control);
   session->bulk = std::make_shared<fleet::Connection>(
-      access_, fleet::Connection::Options{fmt::format("{} bulk", robot_), inbox, false, onEnd});
+      access_,
+      fleet::Connection::Options{fmt::format("{} bulk", robot_), inbox, false, onEnd, session->control->chosen()});
   requests_->listen(session->control, presentStatus());
   watchName(session);
   session->control->subscribe(subjects_->of(robot_, "desired"), [this, weak = std::weak_ptr(session)](const auto&) {
@@ -155,12 +135,15 @@ void HXFleet::attempt(const std::stop_token& stop) {
   // Whoever sees that we are connected may ask us at once.
   session->control->flush(kHeardLimit);
   become(State::Connected, session->control->server());
+  holdsName_ = true;
   sender_->use(session->bulk);
+  if (knocking_.isStale()) knocking_.resolve(access_.servers);
   serve(*session, stop);
 }
 
 void HXFleet::serve(Session& session, const std::stop_token& stop) {
   const auto begin = Clock::now();
+  const std::jthread watch([&](const std::stop_token& ended) { watchLine(session, ended); });
   while (!stop.stop_requested() && !hasLeft()) {
     // One that ends at once is one more failed attempt.
     if (Clock::now() - begin > kLasting) served_ = Clock::now();
@@ -168,43 +151,15 @@ void HXFleet::serve(Session& session, const std::stop_token& stop) {
       const std::string why = session.control->isOpen() ? session.bulk->lastError() : session.control->lastError();
       throw fleet::AwayError(why.empty() ? "the connection was lost" : why);
     }
-    if (session.isTaken) throw fleet::RefusedError(session.holder);
+    if (session.isTaken) {
+      holdsName_ = false;
+      throw fleet::RefusedError(session.holder);
+    }
     tell(session);
     mirror_->listen(session.bulk);
     roster_->listen(session.control);
     pause(500ms, stop);
   }
-}
-
-/// Two robots of one name would share its requests at random.
-void HXFleet::requireOwnName(fleet::Connection& connection) {
-  try {
-    const auto answer = connection.request({fmt::format("$SRV.PING.korvo.{}", robot_), ""}, kAskName);
-    const HXValue other = fromJson(answer.data())["metadata"];
-    if (other["run"].asString() == outgoing_->run()) return;
-    throw fleet::RefusedError(fmt::format("there is a robot {} already, on host {}", robot_, other["host"].asString()));
-  } catch (const fleet::NobodyError&) {
-  } catch (const fleet::AwayError&) {  // It does not answer, so it does not count.
-  }
-}
-
-/// Of two that asked at the same time, and found nobody, the one that started later goes.
-void HXFleet::watchName(const std::shared_ptr<Session>& session) {
-  const std::string reply = session->control->inbox() + ".name";
-  session->control->subscribe(reply, [weak = std::weak_ptr(session), robot = robot_, run = outgoing_->run(),
-                                      since = fleet::toText(since_)](const fleet::Message& message) {
-    const auto held = weak.lock();
-    if (!held || held->isTaken || message.data().empty()) return;
-    try {
-      const HXValue other = fromJson(message.data())["metadata"];
-      const std::string otherRun = other["run"].asString();
-      if (otherRun == run || std::pair(other["since"].asString(), otherRun) > std::pair(since, run)) return;
-      held->holder = fmt::format("there is a robot {} already, on host {}", robot, other["host"].asString());
-      held->isTaken = true;
-    } catch (const std::exception&) {  // No answer of ours.
-    }
-  });
-  session->control->publish(Letter{fmt::format("$SRV.PING.korvo.{}", robot_), "", reply});
 }
 
 /// What is due of what is told now and then.
@@ -258,6 +213,7 @@ void HXFleet::storeStatus(Session& session, const Status& status) {
   } catch (const std::exception& error) {
     why = error.what();
   }
+  if (!session.control->isOpen()) return;  // Of which more is told soon.
   if (why.empty()) {
     become(State::Connected, session.control->server());
   } else {

@@ -2,6 +2,7 @@
 
 #include "connection.h"
 #include "hub.h"
+#include "knocking.h"
 #include "mirror.h"
 #include "outgoing.h"
 #include "requests.h"
@@ -71,7 +72,9 @@ class HXFleet : public HXModule {
   void run(const std::stop_token& stop);
   void awaitBroker(const std::stop_token& stop);
   void attempt(const std::stop_token& stop);
+  void awaitServer(const std::stop_token& stop);
   void serve(Session& session, const std::stop_token& stop);
+  void watchLine(Session& session, const std::stop_token& stop);
   void requireOwnName(fleet::Connection& connection);
   void watchName(const std::shared_ptr<Session>& session);
   void tell(Session& session);
@@ -108,6 +111,9 @@ class HXFleet : public HXModule {
   // Of the thread of the module.
   std::mt19937 random_{std::random_device{}()};
   std::chrono::steady_clock::time_point served_;  // Last, by a connection that lasted.
+  fleet::Knocking knocking_;                      // While a connection is served, of the thread that watches its line.
+  std::string answered_;                          // The server that did, to a knock.
+  bool holdsName_ = false;                        // No other robot had it when we asked.
   std::string stored_;                            // The status that the bucket has, without its time.
   std::uint64_t statusSequence_ = 0;              // Its number there.
   HXValue::Map desired_;

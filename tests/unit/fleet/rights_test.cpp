@@ -115,34 +115,67 @@ TEST_F(Rights, EndAndBeginWithWhatTheHubIsTold) {
   EXPECT_THROW(robot->request({"fleet.robot8.set.A", "2"}, 1s), HX::fleet::RefusedError);
 }
 
-TEST(Certificates, AreOfTheFleetAndForTheNameOfTheHub) {
-  if (kit::Hub::program().empty() || std::system("openssl version >/dev/null 2>&1") != 0) {
-    GTEST_SKIP() << "there is no nats-server, or no openssl";
+/// Certificates that are signed by themselves.
+class Certificates : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (kit::Hub::program().empty() || std::system("openssl version >/dev/null 2>&1") != 0) {
+      GTEST_SKIP() << "there is no nats-server, or no openssl";
+    }
   }
-  const kit::TemporaryFolder folder;
-  const auto file = [&](const std::string& name) { return (folder.path() / name).string(); };
-  const auto make = [&](const std::string& name, const std::string& host) {
-    const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=" + host +
-                                " -addext subjectAltName=DNS:" + host + " -keyout " + file(name + ".key") + " -out " +
+  std::string file(const std::string& name) const { return (folder.path() / name).string(); }
+  /// @param host  As in a certificate: "DNS:localhost".
+  void make(const std::string& name, const std::string& host) const {
+    const std::string command = "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=" + name +
+                                " -addext subjectAltName=" + host + " -keyout " + file(name + ".key") + " -out " +
                                 file(name + ".pem") + " 2>/dev/null";
     ASSERT_EQ(std::system(command.c_str()), 0);
-  };
-  make("hub", "localhost");
-  make("other", "localhost");
-  make("elsewhere", "hub.example");
-  const auto tls = [&](const std::string& name) {
+  }
+  /// Words for a hub that has it.
+  std::string tls(const std::string& name) const {
     return "tls { cert_file: \"" + file(name + ".pem") + "\", key_file: \"" + file(name + ".key") + "\" }\n";
-  };
+  }
+  /// How a hub is reached by another name of this machine.
+  static std::string urlOf(const kit::Hub& hub, const std::string& host) {
+    const std::string url = hub.url("tls");
+    return "tls://" + host + url.substr(url.rfind(':'));
+  }
+  /// @return The server that was chosen.
+  std::string connect(const std::vector<std::string>& servers, const std::string& authority) const {
+    return Connection({servers, file(authority + ".pem"), {}, false}, Connection::Options{"test"}).chosen();
+  }
+
+  const kit::TemporaryFolder folder;
+};
+
+TEST_F(Certificates, AreOfTheFleetAndForTheNameOfTheHub) {
+  make("hub", "DNS:localhost");
+  make("other", "DNS:localhost");
+  make("elsewhere", "DNS:hub.example");
   kit::Hub hub(tls("hub"));
-  const auto connect = [&](const std::string& authority) {
-    std::string url = hub.url("tls");
-    url.replace(url.find("127.0.0.1"), std::string("127.0.0.1").size(), "localhost");
-    Connection({{url}, file(authority + ".pem"), {}, false}, Connection::Options{"test"});
-  };
-  EXPECT_NO_THROW(connect("hub"));
-  EXPECT_THROW(connect("other"), HX::fleet::RefusedError) << "of another authority";
+  const std::vector<std::string> servers{urlOf(hub, "localhost")};
+  EXPECT_NO_THROW(connect(servers, "hub"));
+  EXPECT_THROW(connect(servers, "other"), HX::fleet::RefusedError) << "of another authority";
   hub.restartWith(tls("elsewhere"));
-  EXPECT_THROW(connect("elsewhere"), HX::fleet::RefusedError) << "for another name";
+  EXPECT_THROW(connect(servers, "elsewhere"), HX::fleet::RefusedError) << "for another name";
+}
+
+TEST_F(Certificates, AreEachForTheNameOfTheirOwnHub) {
+  make("first", "DNS:localhost");
+  make("second", "IP:127.0.0.1");
+  std::ofstream(file("both.pem")) << std::ifstream(file("first.pem")).rdbuf()
+                                  << std::ifstream(file("second.pem")).rdbuf();
+  kit::Hub first(tls("first"));
+  kit::Hub second(tls("second"));
+  const std::vector<std::string> servers{urlOf(first, "localhost"), urlOf(second, "127.0.0.1")};
+  first.stop();
+  EXPECT_EQ(connect(servers, "both"), servers[1]);
+  second.stop();
+  first.start();
+  EXPECT_EQ(connect(servers, "both"), servers[0]);
+  second.start();
+  // Each has the other's name: as good as none.
+  EXPECT_THROW(connect({urlOf(first, "127.0.0.1"), urlOf(second, "localhost")}, "both"), HX::fleet::RefusedError);
 }
 
 TEST_F(Rights, LetAFollowerReadAndCallWhatItFollows) {
