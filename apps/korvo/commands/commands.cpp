@@ -76,9 +76,9 @@ std::vector<std::string> commandNames() {
 const std::vector<Command>& commands() {
   static const std::vector<Command> all = [] {
     std::vector<Command> joined;
-    for (const auto group :
-         {valueCommands(), eventCommands(), watchCommands(), freshnessCommands(), keeperCommands(), inspectCommands(),
-          serviceCommands(), transferCommands(), recordingCommands(), std::span<const Command>(kConsoleCommands)}) {
+    for (const auto group : {valueCommands(), eventCommands(), watchCommands(), freshnessCommands(), inspectCommands(),
+                             recordingCommands(), keeperCommands(), serviceCommands(), transferCommands(),
+                             std::span<const Command>(kConsoleCommands)}) {
       joined.insert(joined.end(), group.begin(), group.end());
     }
     return joined;

@@ -49,6 +49,7 @@ const Verb* findVerb(std::string_view name) {
 Verb freshVerb(std::string_view name) { return *findIn(hostingVerbs(), name); }
 
 std::string noSuchVerb(std::string_view name) {
+  if (name.starts_with('-')) return fmt::format("{} stands before a command; options follow it", excerpt(name));
   const std::string suggestion = didYouMean(name, namesOf(verbs()));
   return fmt::format("no command {}{}", excerpt(name), suggestion.empty() ? "; korvo --help lists them" : suggestion);
 }

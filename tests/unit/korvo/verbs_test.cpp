@@ -4,6 +4,11 @@
 #include "console/completion.h"
 #include "line/help.h"
 
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
 #include <CLI/CLI.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -20,6 +25,15 @@ TEST(Verbs, AreAllCommandsThatDoNotNeedAConsole) {
     const bool isVerb = findVerb(command.name) && command.name != "help";
     EXPECT_EQ(isVerb, command.use != Use::Console) << command.name;
   }
+}
+
+TEST(Verbs, StandUnderOneHeadingForEachGroup) {
+  std::vector<std::string_view> headings;
+  for (const Verb& verb : verbs()) {
+    if (headings.empty() || headings.back() != verb.group) headings.push_back(verb.group);
+  }
+  const std::set<std::string_view> groups(headings.begin(), headings.end());
+  EXPECT_EQ(headings.size(), groups.size()) << helpOnAll();
 }
 
 TEST(Verbs, AreTaughtByHelpAndByTheManual) {
