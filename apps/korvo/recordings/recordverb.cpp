@@ -145,7 +145,7 @@ int record(const RecordOptions& given, Arguments& arguments) {
   Event failed;
   options.onFinished = [&](const std::filesystem::path& path) { output.line(path.string()); };
   options.onFailure = [&](const std::string&) { failed.set(); };
-  const HX::recording::Feed feed{[&](HX::journal::Filter filter, auto onChange, auto follow) {
+  const HX::recording::Feed feed{[&](auto filter, auto onChange, auto follow) {
                                    return target.follow(std::move(filter), std::move(onChange), std::move(follow));
                                  },
                                  [&] { return target.retainedChanges().latest; }};

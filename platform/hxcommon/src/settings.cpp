@@ -64,6 +64,7 @@ GivenSettings GivenSettings::of(const HXValue& values) {
 SettingsError::SettingsError(std::vector<std::string> problems)
     : std::runtime_error(joined(problems)), problems_(std::move(problems)) {}
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): a value is copied at the cost of a count.
 Setting::Setting(Type type, std::string name, HXValue otherwise, std::string text)
     : type_(type), name_(std::move(name)), text_(std::move(text)) {
   if (!isNameable(name_)) throw std::logic_error(fmt::format("{} cannot be the name of a setting", name_));
@@ -92,6 +93,8 @@ Setting Setting::duration(std::string name, std::string otherwise, std::string t
 Setting Setting::size(std::string name, std::string otherwise, std::string text) {
   return {Type::Size, std::move(name), std::move(otherwise), std::move(text)};
 }
+// NOLINTNEXTLINE(performance-unnecessary-value-param): defaults are a few words, and are written out where it is
+// called.
 Setting Setting::texts(std::string name, std::vector<std::string> otherwise, std::string text) {
   return {Type::Texts, std::move(name), HXValue(otherwise), std::move(text)};
 }
@@ -102,6 +105,7 @@ Setting Setting::map(std::string name, HXValue::Map otherwise, std::string text)
   return {Type::Map, std::move(name), std::move(otherwise), std::move(text)};
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): as above.
 Setting& Setting::between(HXValue least, HXValue most) {
   try {
     if (!isOrdered(type_)) throw std::runtime_error(fmt::format("a {} has none", toString(type_)));

@@ -40,7 +40,8 @@ void requireAllowed(std::size_t size) {
       "shared memory of {} bytes: the limit of the process for files is {} (ulimit -f)", size, limit.rlim_cur));
 }
 
-int newFile() {
+int newFile(std::size_t size) {
+  requireAllowed(size);
   constexpr unsigned kFlags = MFD_CLOEXEC | MFD_ALLOW_SEALING;
   int file = ::memfd_create("korvo-views", kFlags | MFD_NOEXEC_SEAL);
   if (file < 0 && errno == EINVAL) file = ::memfd_create("korvo-views", kFlags);  // A kernel that does not know it yet.
@@ -50,9 +51,7 @@ int newFile() {
 
 }  // namespace
 
-Segment::Segment(std::size_t size) : size_(wholePages(size)) {
-  requireAllowed(size_);
-  file_ = newFile();
+Segment::Segment(std::size_t size) : size_(wholePages(size)), file_(newFile(size_)) {
   try {
     const auto length = static_cast<off_t>(size_);
     // Memory that is missing is missed here, and not by a signal when it is written.

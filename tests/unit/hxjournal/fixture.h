@@ -88,11 +88,11 @@ class JournalFixture : public testing::Test {
   Follow follow(Filter filter = {}, FollowOptions options = {}) {
     options.onGap = [this](const Gap& gap) {
       gaps.push_back(gap);
-      told.push_back(gap.full ? "gap, full" : "gap");
+      told.emplace_back(gap.full ? "gap, full" : "gap");
     };
     options.onComplete = [this](Position at) {
       completeAt = at;
-      told.push_back("complete");
+      told.emplace_back("complete");
     };
     options.onUnchanged = [this](std::string_view key, Position) { told.push_back(std::string(key) + " unchanged"); };
     return journal->follow(

@@ -52,7 +52,8 @@ bool Channels::refit(Channel& channel, const std::string& key, const HXValue& va
   JsonSchema schema = jsonSchemaOf(value);
   if (channel.shapes > kMostShapes || mayStay(channel.schema, schema)) return false;
   withdraw(channel);
-  channel.schema = ++channel.shapes > kMostShapes ? anySchema() : std::move(schema);
+  if (++channel.shapes > kMostShapes) schema = anySchema();
+  channel.schema = std::move(schema);
   advertise(key, channel);
   return true;
 }

@@ -374,7 +374,7 @@ int SocketChannel::writeLocked() {
   // Answers may come that no thread waits for by reading.
   if (holdsBack_.exchange(false)) expectMore();
   while (!output_.empty()) {
-    std::array<iovec, kGathered> parts;
+    std::array<iovec, kGathered> parts;  // NOLINT(cppcoreguidelines-pro-type-member-init): read as far as it is filled.
     std::size_t count = 0;
     std::size_t skipped = sent_;
     for (auto next = output_.begin(); next != output_.end() && count + 2 <= parts.size(); ++next) {
