@@ -13,6 +13,7 @@ Python, and `help(robot.service("HXMemory"))` for what a service offers.
 import atexit as _atexit
 
 from . import _native
+from ._native import Batch
 from ._errors import CallError, Cancelled, Error, NoSuchKey, NoSuchService, NotConnected, Timeout, error_of, fields_of
 from ._following import Change, Follow, Watch
 from ._future import Future
@@ -25,11 +26,12 @@ from ._values import Float32, Int64
 from ._views import Seen, Stream, View, ViewState
 
 __all__ = [
-    "CallError", "Cancelled", "Change", "Error", "Explanation", "Float32", "Follow", "Future", "Host", "Int64", "KeyInfo",
-    "Method", "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Seen", "Signal", "Stream",
+    "Batch", "CallError", "Cancelled", "Change", "Error", "Explanation", "Float32", "Follow", "Future", "Host", "Int64",
+    "KeyInfo", "Method", "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Seen", "Signal", "Stream",
     "Timeout", "View", "ViewState", "Watch", "connect", "log_to_logging", "method", "on", "signal",
 ]
 
+Batch.__module__ = "korvo"
 _native.install({
     "Float32": Float32, "Int64": Int64, "Object": Object, "Change": Change, "callbacks": _callbacks,
     "view_states": tuple(ViewState),

@@ -9,8 +9,8 @@ _Self = TypeVar("_Self")
 _Kind = Literal["lost", "restored", "registered", "unregistered"]
 
 __all__ = [
-    "CallError", "Cancelled", "Change", "Error", "Explanation", "Float32", "Follow", "Future", "Host", "Int64", "KeyInfo",
-    "Method", "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Seen", "Signal", "Stream",
+    "Batch", "CallError", "Cancelled", "Change", "Error", "Explanation", "Float32", "Follow", "Future", "Host", "Int64",
+    "KeyInfo", "Method", "Module", "NoSuchKey", "NoSuchService", "NotConnected", "Object", "Robot", "Seen", "Signal", "Stream",
     "Timeout", "View", "ViewState", "Watch", "connect", "log_to_logging", "method", "on", "signal",
 ]
 
@@ -40,6 +40,12 @@ class Future:
     def exception(self, timeout: float | None = None) -> BaseException | None: ...
     def add_done_callback(self, callback: Callable[[Future], object]) -> None: ...
     def __await__(self) -> Generator[Any, None, Any]: ...
+
+class Batch:
+    def flush(self) -> None: ...
+    def __enter__(self: _Self) -> _Self: ...
+    def __exit__(self, kind: type[BaseException] | None, error: BaseException | None,
+                 trace: TracebackType | None) -> None: ...
 
 class Method:
     __name__: str

@@ -122,7 +122,8 @@ class Method:
         return self._native.call(self.__name__, arguments, timeout)
 
     def start(self, *arguments, **named):
-        """Calls the method without waiting. Returns a `Future`, which can be awaited."""
+        """Calls the method without waiting. Returns a `Future`, which can be awaited. It leaves at once, unless in a
+        `Batch`."""
         if named:
             arguments = self._placed(arguments, named)
         return Future(self._native.start(self.__name__, arguments), self.__qualname__)
@@ -217,7 +218,8 @@ class Link:
 def on_loop(callback):
     """The callback as it is, or, where a loop of asyncio runs, one that runs it there."""
     asyncio = sys.modules.get("asyncio")
-    loop = asyncio._get_running_loop() if asyncio else None
+    running_loop = getattr(asyncio, "_get_running_loop", None)  # Another thread may be importing it.
+    loop = running_loop() if running_loop else None
     if loop is None:
         return callback
 

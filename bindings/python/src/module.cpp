@@ -1,3 +1,4 @@
+#include "batch.h"
 #include "connection.h"
 #include "errors.h"
 #include "follower.h"
@@ -54,6 +55,25 @@ PYBIND11_MODULE(_native, native) {
       .def("result", &PendingResult::result, arg("timeout"))
       .def("exception", &PendingResult::exception, arg("timeout"))
       .def("notify", &PendingResult::notify, arg("callback"));
+
+  py::class_<NativeBatch, Held<NativeBatch>>(
+      native, "Batch",
+      R"(While one is entered, what its thread starts leaves in one go, and costs less than half:
+
+    with korvo.Batch():
+        joints = [arm.joint.start(i) for i in range(6)]
+    print([joint.result() for joint in joints])
+
+It leaves at the end, when the thread waits for the robot, by `flush`, and two milliseconds after the first of it at the
+latest. The order stays. One thread at a time uses it.)")
+      .def(py::init([] { return Held<NativeBatch>(new NativeBatch); }))
+      .def("flush", &NativeBatch::flush, "Sends what has collected.")
+      .def("__enter__",
+           [](py::object self) {
+             self.cast<NativeBatch&>().begin();
+             return self;
+           })
+      .def("__exit__", [](NativeBatch& self, const py::args&) { self.end(); });
 
   py::class_<NativeObject, Held<NativeObject>>(native, "Object")
       .def_property_readonly("name", &NativeObject::name)

@@ -187,6 +187,45 @@ class Services(kit.PackageTest):
         self.assertTrue(slow.done())
         kit.until(lambda: len(arm.seen) == 2)
 
+    def test_what_leaves_together_keeps_its_order(self):
+        self.host(Arm())
+        move, moved, outer = self.robot.service("Arm").move, [], korvo.Batch()
+        with self.robot.service("Arm").moved.connect(moved.append):
+            with outer, korvo.Batch() as inner:
+                futures = [move.start(i) for i in range(50)]
+                inner.flush()
+                outer.__exit__()  # Not the inner one.
+                futures += [move.start(i) for i in range(50, 100)]
+            self.assertEqual([future.result(30) for future in futures], [float(i) for i in range(100)])
+            kit.until(lambda: moved == [float(i) for i in range(100)])
+
+    def test_a_batch_belongs_to_its_thread(self):
+        self.host(Arm())
+        batch, taken, failed = korvo.Batch(), [], []
+
+        def begin():
+            batch.__enter__()
+            taken.append(korvo.Batch().__enter__())
+            failed.extend(self.failures(batch.__enter__))
+
+        thread = threading.Thread(target=begin)
+        thread.start()
+        thread.join()
+        failed += self.failures(batch.flush) + self.failures(batch.__exit__) + self.failures(korvo.Batch().flush)
+        self.assertEqual([str(error) for error in failed], [
+            "this batch has begun already", "a batch is used by the thread that began it only",
+            "a batch is used by the thread that began it only", "this batch has not begun, or has ended"])
+        taken.clear()  # On this thread, which goes on as before.
+        self.assertEqual(self.robot.service("Arm").move.start(1).result(30), 1.0)
+
+    @staticmethod
+    def failures(work):
+        try:
+            work()
+        except RuntimeError as error:
+            return [error]
+        return []
+
     def test_signals_come_in_order_until_they_are_stopped(self):
         self.host(Arm())
         arm = self.robot.service("Arm")

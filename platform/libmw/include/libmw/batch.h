@@ -19,8 +19,8 @@ namespace mw {
 /// What has collected leaves at the end of the scope; before that, when the thread waits for a future or calls and
 /// waits for the answer, when `flush` says so, when a connection has 256 KiB of it, and two milliseconds after the
 /// first of it at the latest. So nothing waits for what its own sender waits for, and a scope that lasts delays what is
-/// sent in it by two milliseconds, not more. Scopes may stand inside one another: each sends at its end what was
-/// collected in it.
+/// sent in it by two milliseconds, not more. Scopes may stand inside one another, and end in any order: each sends at
+/// its end what was collected in it.
 ///
 /// A batch orders nothing: what goes to one receiver keeps its order with and without one.
 ///

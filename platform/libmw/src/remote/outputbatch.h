@@ -19,7 +19,7 @@ class OutputBatch {
   OutputBatch(const OutputBatch&) = delete;
   OutputBatch& operator=(const OutputBatch&) = delete;
   ~OutputBatch() {
-    innermost_ = outer_;
+    leave();
     flush();
   }
 
@@ -46,7 +46,14 @@ class OutputBatch {
  private:
   HX_THREAD_LOCAL static inline OutputBatch* innermost_ = nullptr;
 
-  OutputBatch* const outer_ = std::exchange(innermost_, this);
+  /// Mostly it is the innermost one. A scope of another language may end in another order.
+  void leave() {
+    OutputBatch** place = &innermost_;
+    while (*place != this) place = &(*place)->outer_;
+    *place = outer_;
+  }
+
+  OutputBatch* outer_ = std::exchange(innermost_, this);
   bool holds_;
   std::vector<std::shared_ptr<Channel>> held_;
 };

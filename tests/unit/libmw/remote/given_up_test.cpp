@@ -145,6 +145,21 @@ TEST_F(QuietSessions, SendWhatABatchCollectsBeforeTheyWaitAndAfterAMoment) {
   alone.wait();
 }
 
+TEST_F(QuietSessions, MayEndBatchesInAnyOrder) {
+  broker.registerService("Adder", makeService("Adder")->method("next", [](int i) { return i + 1; }).build());
+  const AnyObject adder = lookUp(client, "Adder");
+  std::optional<Batch> first(std::in_place);
+  std::optional<Batch> second(std::in_place);
+  std::vector<Future<AnyValue>> flying;
+  const auto call = [&] { flying.push_back(adder->async("next", static_cast<int>(flying.size()))); };
+  call();
+  first.reset();
+  call();
+  second.reset();
+  call();
+  for (std::size_t i = 0; i < flying.size(); ++i) EXPECT_EQ(flying[i].value().reference().to<std::size_t>(), i + 1);
+}
+
 TEST_F(QuietSessions, EmitWhatWaitsForOthersThoughTheNextCallLasts) {
   std::promise<void> begin;
   std::promise<void> heard;
