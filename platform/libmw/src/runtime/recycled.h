@@ -2,9 +2,9 @@
 
 #include "threadkept.h"
 
-#include <array>
 #include <cstddef>
 #include <memory>
+#include <new>
 
 namespace mw::detail {
 
@@ -26,7 +26,7 @@ class Recycled {
   }
   void deallocate(T* block, std::size_t count) {
     auto* const kept = count == 1 ? ofThisThread<Kept>() : nullptr;
-    if (kept && kept->size < kept->blocks.size()) {
+    if (kept && kept->size < kMost && kept->makeRoom()) {
       kept->blocks[kept->size++] = block;
     } else {
       std::allocator<T>().deallocate(block, count);
@@ -35,6 +35,12 @@ class Recycled {
   bool operator==(const Recycled&) const = default;
 
  private:
+#ifdef __SANITIZE_ADDRESS__
+  static constexpr std::size_t kMost = 0;  // It is to see who uses what has gone.
+#else
+  static constexpr std::size_t kMost = 64;
+#endif
+
   struct Kept {
     Kept() = default;
     Kept(const Kept&) = delete;
@@ -42,12 +48,13 @@ class Recycled {
     ~Kept() {
       while (size > 0) std::allocator<T>().deallocate(blocks[--size], 1);
     }
+    /// @return Whether there is any.
+    bool makeRoom() {
+      if (!blocks) blocks.reset(new (std::nothrow) T*[kMost]);
+      return blocks != nullptr;
+    }
     std::size_t size = 0;
-#ifdef __SANITIZE_ADDRESS__
-    std::array<T*, 0> blocks{};  // It is to see who uses what has gone.
-#else
-    std::array<T*, 64> blocks{};
-#endif
+    std::unique_ptr<T*[]> blocks;  // Not here: threads have little room for what they keep.
   };
 };
 
