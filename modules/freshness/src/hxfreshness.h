@@ -53,7 +53,7 @@ class HXFreshness : public HXModule {
 
  private:
   struct News {
-    const char* event;
+    const char* event = nullptr;
     Expectations::Standing standing;
   };
 

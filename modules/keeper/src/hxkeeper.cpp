@@ -33,6 +33,13 @@ std::vector<std::string> textsOf(const HXValue& list) {
 
 HXKeeper::HXKeeper(const std::shared_ptr<HXBroker>& broker, const std::string& name) : HXModule(broker, name) {
   setModuleDescription("HXKeeper writes chosen keys of the memory to a disk, and brings them back when it starts.");
+  readSettings();
+  bindMethods();
+}
+
+HXKeeper::~HXKeeper() { follow_.end(); }
+
+void HXKeeper::readSettings() {
   addSetting(Setting::texts("keep", {}, "What is kept: keys, prefixes that end with /, and globs."));
   addSetting(Setting::text("folder", "kept", "Where, in a folder that no other broker uses."));
   addSetting(Setting::duration("window", "50ms", "How long changes are gathered before they are written.")
@@ -41,10 +48,7 @@ HXKeeper::HXKeeper(const std::shared_ptr<HXBroker>& broker, const std::string& n
   wanted_ = journal::Filter(given_);
   folder_ = settings()["folder"].asString();
   window_ = toDuration(settings()["window"]);
-  bindMethods();
 }
-
-HXKeeper::~HXKeeper() { follow_.end(); }
 
 void HXKeeper::bindMethods() {
   functionName("flush", getName(), "Returns once all that was written before is on the disk.");

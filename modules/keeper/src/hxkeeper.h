@@ -72,6 +72,7 @@ class HXKeeper : public HXModule {
     std::uint64_t upTo = 0;  ///< As `noted_` counts.
   };
 
+  void readSettings();
   void bindMethods();
   bool isFollowedTo(std::uint64_t revision);
   void followChanges();

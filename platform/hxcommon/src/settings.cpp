@@ -93,8 +93,7 @@ Setting Setting::duration(std::string name, std::string otherwise, std::string t
 Setting Setting::size(std::string name, std::string otherwise, std::string text) {
   return {Type::Size, std::move(name), std::move(otherwise), std::move(text)};
 }
-// NOLINTNEXTLINE(performance-unnecessary-value-param): defaults are a few words, and are written out where it is
-// called.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): called with a list that is written out.
 Setting Setting::texts(std::string name, std::vector<std::string> otherwise, std::string text) {
   return {Type::Texts, std::move(name), HXValue(otherwise), std::move(text)};
 }
