@@ -21,8 +21,8 @@ Courses coursesOf(const RecordedRun& run, const HX::journal::Filter& keys) {
       [&](const Entry& entry) {
         if (entry.kind != Entry::Kind::Change) return true;
         // In the part in which the clock was set back, what came before has later times.
-        hasBegun = hasBegun || (run.start.revision > 0 ? entry.revision >= run.start.revision
-                                                       : entry.logged >= run.start.time);
+        hasBegun = hasBegun ||
+                   (run.start.revision > 0 ? entry.revision >= run.start.revision : entry.logged >= run.start.time);
         if (hasBegun && keys.wantsKey(entry.key)) courses[entry.key].push_back(entry);
         return true;
       },
@@ -57,7 +57,8 @@ std::vector<Difference> differencesOf(const Table& first, const Table& second) {
   return all;
 }
 
-std::vector<Difference> differencesOf(const RecordedRun& first, const RecordedRun& second, const HX::journal::Filter& keys) {
+std::vector<Difference> differencesOf(const RecordedRun& first, const RecordedRun& second,
+                                      const HX::journal::Filter& keys) {
   Courses courses = coursesOf(first, keys);
   Courses others = coursesOf(second, keys);
   std::vector<Difference> all;

@@ -2,8 +2,9 @@
 
 #include "moments.h"
 
-#include <cstddef>
 #include <hxjournal/filter.h>
+
+#include <cstddef>
 #include <optional>
 #include <recording/entry.h>
 #include <recording/reader.h>
@@ -32,6 +33,7 @@ struct RecordedRun {
 
 /// The keys whose changes are not the same, one after another, by key. It is by their order that changes are compared,
 /// not by their times: a clock that was set meanwhile is no difference.
-std::vector<Difference> differencesOf(const RecordedRun& first, const RecordedRun& second, const HX::journal::Filter& keys);
+std::vector<Difference> differencesOf(const RecordedRun& first, const RecordedRun& second,
+                                      const HX::journal::Filter& keys);
 
 }  // namespace korvo

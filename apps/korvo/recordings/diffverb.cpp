@@ -30,8 +30,8 @@ bool diffMoments(const std::string& file, Arguments& arguments) {
   Output output(std::cout, std::cerr);
   const auto valueText = [](const std::optional<Entry>& entry) { return entry ? HX::toJson(entry->value) : "-"; };
   for (const Difference& one : all) {
-    output.line(fmt::format("{}\t{}\t{}", formatName(one.key, NameReader::Shell), valueText(one.first),
-                            valueText(one.second)));
+    output.line(
+        fmt::format("{}\t{}\t{}", formatName(one.key, NameReader::Shell), valueText(one.first), valueText(one.second)));
   }
   return all.empty();
 }

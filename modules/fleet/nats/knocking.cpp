@@ -31,7 +31,8 @@ void Knocking::resolve(const std::vector<std::string>& servers) {
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* raw = nullptr;
     if (::getaddrinfo(parts.host.c_str(), parts.port.c_str(), &hints, &raw) != 0) {
-      std::ranges::copy_if(addresses_, std::back_inserter(all), [&](const auto& each) { return each.server == server; });
+      std::ranges::copy_if(addresses_, std::back_inserter(all),
+                           [&](const auto& each) { return each.server == server; });
       continue;
     }
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> found(raw, &::freeaddrinfo);

@@ -39,8 +39,8 @@ std::optional<inet_diag_msg> ask(std::uint8_t family, const inet_diag_sockid& id
   if (::send(netlink, &question, sizeof(question), 0) == static_cast<ssize_t>(sizeof(question))) {
     const ssize_t size = ::recv(netlink, buffer.data(), buffer.size(), 0);
     const auto* const head = reinterpret_cast<const nlmsghdr*>(buffer.data());
-    const bool isAnswer = size >= static_cast<ssize_t>(NLMSG_LENGTH(sizeof(inet_diag_msg))) &&
-                          head->nlmsg_type == SOCK_DIAG_BY_FAMILY;
+    const bool isAnswer =
+        size >= static_cast<ssize_t>(NLMSG_LENGTH(sizeof(inet_diag_msg))) && head->nlmsg_type == SOCK_DIAG_BY_FAMILY;
     if (isAnswer) std::memcpy(&found.emplace(), buffer.data() + NLMSG_HDRLEN, sizeof(inet_diag_msg));
   }
   ::close(netlink);

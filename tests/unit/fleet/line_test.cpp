@@ -1,5 +1,6 @@
-#include "knocking.h"
 #include "line.h"
+
+#include "knocking.h"
 #include "server.h"
 
 #include <arpa/inet.h>

@@ -18,8 +18,8 @@ using HX::recording::kit::Script;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-/// Two recordings, which differ. With the parameter each change lies in a part of its own, so that the part in which the
-/// clock was set is passed by; without, in one with what was before.
+/// Two recordings, which differ. With the parameter each change lies in a part of its own, so that the part in which
+/// the clock was set is passed by; without, in one with what was before.
 class Differing : public testing::TestWithParam<bool> {
  protected:
   struct Step {
@@ -30,8 +30,7 @@ class Differing : public testing::TestWithParam<bool> {
     Script script(folder_.path() / name);
     HX::recording::kit::Changes changes;
     for (const auto& [second, number] : steps) {
-      auto change =
-          number == 0 ? changes.of("Start", true, HX::recording::What::Raised) : changes.of("N", number);
+      auto change = number == 0 ? changes.of("Start", true, HX::recording::What::Raised) : changes.of("N", number);
       change.time = at(second);
       script.add(change);
       if (GetParam()) script.closeChunk();
