@@ -31,16 +31,32 @@ auto Feed::callback(void (Feed::*tell)(Args...)) {
   return [weak = weak_from_this(), tell](Args... args) {
     const auto self = weak.lock();
     if (!self) return;
-    if (!self->begun_) {
-      // The place where it began is asked for: it must not move until then.
-      const std::lock_guard wait(self->mutex_);
-    }
+    self->waitUntilBegun();
     try {
       (self.get()->*tell)(args...);
     } catch (const std::bad_alloc&) {
       self->startOver();
     }
   };
+}
+
+/// Nobody is told of most changes at once: the feed, whose end waits for this, is held for those alone that fill a
+/// batch.
+void Feed::onChange(const journal::Change& change) {
+  waitUntilBegun();
+  try {
+    writer_.change(change);
+    if (!isBatchFull()) return;
+  } catch (const std::bad_alloc&) {
+    if (const auto self = weak_from_this().lock()) startOver();
+    return;
+  }
+  callback (&Feed::send)();
+}
+
+/// The place where it began is asked for: it must not move until then.
+void Feed::waitUntilBegun() {
+  if (!begun_) const std::lock_guard wait(mutex_);
 }
 
 void Feed::follow(std::optional<journal::Position> since) {
@@ -50,7 +66,8 @@ void Feed::follow(std::optional<journal::Position> since) {
   options.onUnchanged = callback(&Feed::onUnchanged);
   options.onComplete = callback(&Feed::onComplete);
   options.onPause = callback(&Feed::onPause);
-  follow_ = journal_->follow(request_.filter, callback(&Feed::onChange), std::move(options));
+  const auto onEach = [this](const journal::Change& change) { onChange(change); };
+  follow_ = journal_->follow(request_.filter, onEach, std::move(options));
 }
 
 /// What was not sent is told anew, by another follower. From a callback of this one, which has nothing more to do.
@@ -93,11 +110,6 @@ void Feed::took(std::int64_t number) {
   full_ = false;
 }
 
-void Feed::onChange(const journal::Change& change) {
-  writer_.change(change);
-  sendIfFull();
-}
-
 void Feed::onGap(const journal::Gap& gap) {
   if (!writer_.isEmpty()) send();
   writer_.gap(gap);
@@ -105,7 +117,7 @@ void Feed::onGap(const journal::Gap& gap) {
 
 void Feed::onUnchanged(std::string_view key, journal::Position at) {
   writer_.unchanged(key, at);
-  sendIfFull();
+  if (isBatchFull()) send();
 }
 
 void Feed::onComplete(journal::Position at) {
@@ -121,10 +133,6 @@ void Feed::onPause() {
   writer_.pause();
   send();
   saidPause_ = true;
-}
-
-void Feed::sendIfFull() {
-  if (writer_.lines() >= kBatchLines || writer_.bytes() >= kBatchBytes) send();
 }
 
 /// Without memory nothing has been sent, and nothing counts as under way that was not.

@@ -76,9 +76,10 @@ class Feed : public std::enable_shared_from_this<Feed> {
   void onUnchanged(std::string_view key, journal::Position at);
   void onComplete(journal::Position at);
   void onPause();
-  void sendIfFull();
+  void waitUntilBegun();
   void send();
   HXValue take(journal::Position position);
+  bool isBatchFull() const noexcept { return writer_.lines() >= kBatchLines || writer_.bytes() >= kBatchBytes; }
   bool isFull() const noexcept { return lines_ >= kMostLines || bytes_ >= kMostBytes; }
   bool isHalfFull() const noexcept { return lines_ >= kMostLines / 2 || bytes_ >= kMostBytes / 2; }
 

@@ -66,7 +66,7 @@ void RemoteFollow::open() {
   {
     const MutexLock lock(mutex_);
     opening = ++opening_;
-    if (position_.epoch != 0) options.since = position_;
+    if (epoch_ != 0) options.since = journal::Position{epoch_, revision_};
   }
   const auto feed = service->call<mw::AnyObject>("open", toValue(filter_, options));
   feed->connect("batch", mw::SignalSubscriber([weak = weak_from_this(), opening](const HXValue& batch) {
@@ -76,8 +76,9 @@ void RemoteFollow::open() {
   const auto start = feed->call<HXValue>("start");
   const MutexLock lock(mutex_);
   if (opening != opening_) return;  // Lost meanwhile.
-  if (position_.epoch == 0) {
-    position_ = {static_cast<std::uint64_t>(start[0].toInt64()), static_cast<std::uint64_t>(start[1].toInt64())};
+  if (epoch_ == 0) {
+    revision_ = static_cast<std::uint64_t>(start[1].toInt64());
+    epoch_ = static_cast<std::uint64_t>(start[0].toInt64());
   }
   if (!ended_) feed_ = feed;
 }
@@ -106,8 +107,8 @@ void RemoteFollow::onService(bool isThere) {
 /// Sees to a task when there is something to do; the one that runs sees to the next.
 void RemoteFollow::post() {
   const bool isRunning = running_ != std::thread::id();
-  const bool isWork = isTelling_ || !queue_.empty() || (isLost_ && mayReopen_);
-  if (posted_ || isRunning || ended_ || paused_ || !isWork) return;
+  if (posted_ || isRunning || ended_ || paused_) return;
+  if (!isTelling_ && queue_.empty() && !(isLost_ && mayReopen_)) return;
   posted_ = mw::defaultLoop().post([self = shared_from_this()] { self->run(); }, std::exchange(delay_, delay_.zero()));
 }
 
@@ -148,25 +149,14 @@ void RemoteFollow::leave() {
 void RemoteFollow::work() {
   const auto until = std::chrono::steady_clock::now() + kTask;
   try {
-    for (int told = 0; told < kTaskLines && isWanted();) {
-      if (!isTelling() && !next()) return;
+    for (int told = 0; told < kTaskLines && !ended_ && !paused_ && !thrown_;) {
+      if (!isTelling_ && !next()) return;
       tell();
       if (++told % kLinesPerClock == 0 && std::chrono::steady_clock::now() >= until) break;
     }
   } catch (const std::exception& error) {
     loseTrack(error.what());
   }
-}
-
-bool RemoteFollow::isWanted() const {
-  if (thrown_) return false;
-  const MutexLock lock(mutex_);
-  return !ended_ && !paused_;
-}
-
-bool RemoteFollow::isTelling() const {
-  const MutexLock lock(mutex_);
-  return isTelling_;
 }
 
 /// Reads the next batch, or opens anew when there is none left of what was lost.
@@ -190,7 +180,6 @@ bool RemoteFollow::next() {
   batch_ = reader_.read(arrived.batch);
   line_ = 0;
   saidGap_ = false;
-  const MutexLock lock(mutex_);
   return isTelling_ = true;
 }
 
@@ -228,10 +217,10 @@ void RemoteFollow::callBack(const Function& function, const Args&... args) noexc
 
 void RemoteFollow::finish() {
   moveTo(batch_.position);
+  isTelling_ = false;
   mw::AnyObject feed;
   {
     const MutexLock lock(mutex_);
-    isTelling_ = false;
     if (read_ == opening_) feed = feed_;
   }
   if (feed && batch_.acknowledge) {
@@ -245,9 +234,14 @@ void RemoteFollow::finish() {
 }
 
 void RemoteFollow::moveTo(journal::Position position) noexcept {
-  const MutexLock lock(mutex_);
   // A batch is sent with a place that may lie before its last change.
-  if (position.epoch != position_.epoch || position.revision > position_.revision) position_ = position;
+  const auto isFurther = [&] { return position.epoch != epoch_ || position.revision > revision_; };
+  if (!isFurther()) return;
+  if (position.epoch == epoch_) return revision_.store(position.revision, std::memory_order_relaxed);
+  const MutexLock lock(mutex_);
+  if (!isFurther()) return;  // Than where `open` has begun meanwhile.
+  revision_ = position.revision;
+  epoch_ = position.epoch;
 }
 
 void RemoteFollow::reopen() {
@@ -259,9 +253,9 @@ void RemoteFollow::reopen() {
 /// What comes cannot be understood, or the service does not open: begins anew a while later.
 void RemoteFollow::loseTrack(const std::string& why) {
   mw::log::warning("hxcommon.module", "follow", fmt::format("following the memory's changes is tried again: {}", why));
+  isTelling_ = false;
   mw::AnyObject lost;  // Goes after the lock.
   const MutexLock lock(mutex_);
-  isTelling_ = false;
   std::swap(lost, feed_);
   queue_.clear();
   ++opening_;
@@ -279,7 +273,7 @@ void RemoteFollow::end() noexcept {
   {
     MutexLock lock(mutex_);
     isOwn = running_ == std::this_thread::get_id();
-    const bool isFirst = !std::exchange(ended_, true);
+    const bool isFirst = !ended_.exchange(true);
     if (isFirst && isOwn) leftByItself_ = true;
     if (!isOwn) stopped_.wait(lock.native(), [this]() HX_REQUIRES(mutex_) { return running_ == std::thread::id(); });
     if (!isFirst) return;
@@ -309,7 +303,7 @@ void RemoteFollow::dropCallbacks() noexcept {
 
 journal::Position RemoteFollow::position() const noexcept {
   const MutexLock lock(mutex_);
-  return position_;
+  return {epoch_, revision_};
 }
 
 void RemoteFollow::pause() noexcept {

@@ -9,6 +9,7 @@
 #include <libmw/genericobject.h>
 #include <libmw/signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -71,8 +72,6 @@ class RemoteFollow : public journal::Following, public std::enable_shared_from_t
   bool enter();
   void leave();
   void work();
-  bool isWanted() const;
-  bool isTelling() const;
   bool next();
   void tell();
   template <class Function, class... Args>
@@ -95,6 +94,7 @@ class RemoteFollow : public journal::Following, public std::enable_shared_from_t
   std::size_t line_ = 0;    // up to here.
   bool isWalking_ = false;  // A snapshot is being told.
   bool saidGap_ = false;
+  bool isTelling_ = false;     // It is in a batch. Between two tasks, whoever has the lock may ask.
   std::exception_ptr thrown_;  // By a callback.
 
   mutable Mutex mutex_;  // A leaf.
@@ -103,16 +103,17 @@ class RemoteFollow : public journal::Following, public std::enable_shared_from_t
   std::deque<Arrived> queue_ HX_GUARDED_BY(mutex_);
   mw::AnyObject feed_ HX_GUARDED_BY(mutex_);         // Empty while there is none.
   std::uint64_t opening_ HX_GUARDED_BY(mutex_) = 0;  // Counts them: what comes late of an earlier one is not told.
-  journal::Position position_ HX_GUARDED_BY(mutex_);
+  // The place. Under the lock where the epoch becomes another one; the chain goes on within it without, line by line.
+  std::atomic<std::uint64_t> epoch_{0};
+  std::atomic<std::uint64_t> revision_{0};
   mw::SignalLink onRegistered_ HX_GUARDED_BY(mutex_) = mw::kInvalidSignalLink;
   mw::SignalLink onUnregistered_ HX_GUARDED_BY(mutex_) = mw::kInvalidSignalLink;
   bool isLost_ HX_GUARDED_BY(mutex_) = false;
   bool mayReopen_ HX_GUARDED_BY(mutex_) = false;             // The service has come back, or it is worth another try.
-  bool isTelling_ HX_GUARDED_BY(mutex_) = false;             // The chain is in a batch.
   bool posted_ HX_GUARDED_BY(mutex_) = false;                // A task is under way,
   std::chrono::nanoseconds delay_ HX_GUARDED_BY(mutex_){0};  // or is to be, not before this has passed.
-  bool paused_ HX_GUARDED_BY(mutex_) = false;
-  bool ended_ HX_GUARDED_BY(mutex_) = false;
+  std::atomic<bool> paused_{false};                          // These two are written under it.
+  std::atomic<bool> ended_{false};
   bool leftByItself_ HX_GUARDED_BY(mutex_) = false;
 };
 

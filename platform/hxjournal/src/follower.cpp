@@ -164,7 +164,6 @@ bool Follower::isAtRest() {
 /// @throws std::bad_alloc before the callback.
 bool Follower::tell(Told& told) {
   told.change.key = batch_.nameOf(told);
-  if (told.author) told.change.author = *told.author;
   if (told.type == Told::Type::Change && rates_ && !told.isDue &&
       !rates_->admits(told.change, core_->executor->now())) {
     return false;
@@ -177,7 +176,7 @@ bool Follower::tell(Told& told) {
   if (!walk_ && !rates_ && told.type == Told::Type::Change && !told.change.isState) {
     moveTo(told.change.at.revision);
   }
-  if (told.type == Told::Type::Complete) moveTo(told.gap.to.revision);
+  if (told.type == Told::Type::Complete) moveTo(told.change.at.revision);
   return true;
 }
 
@@ -195,10 +194,10 @@ void Follower::callBack(Told& told) {
       if (options_.onUnchanged) options_.onUnchanged(told.change.key, told.change.at);
       break;
     case Told::Type::Gap:
-      if (options_.onGap) options_.onGap(told.gap);
+      if (options_.onGap) options_.onGap(*batch_.gap);
       break;
     case Told::Type::Complete:
-      if (options_.onComplete) options_.onComplete(told.gap.to);
+      if (options_.onComplete) options_.onComplete(told.change.at);
       break;
   }
 }

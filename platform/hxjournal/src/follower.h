@@ -68,16 +68,16 @@ class Follower : public Following, public std::enable_shared_from_this<Follower>
     enum class Type : std::uint8_t { Change, Unchanged, Gap, Complete };
     Type type = Type::Change;
     bool isDue = false;  // Let through by the rate already.
-    journal::Change change;
+    std::uint32_t nameLength = 0;
     std::size_t nameAt = 0;  // In `names`, which moves as it grows.
-    std::size_t nameLength = 0;
-    std::shared_ptr<const std::string> author;
-    journal::Gap gap;
+    journal::Change change;  // Of the completion: the place alone.
   };
   /// Read and not told yet.
   struct Batch {
     std::vector<Told> all;
     std::string names;
+    std::vector<std::shared_ptr<const std::string>> authors;  // What the changes look at.
+    std::optional<journal::Gap> gap;                          // No more than one.
     std::size_t next = 0;
 
     bool isEmpty() const noexcept { return next == all.size(); }

@@ -17,6 +17,8 @@ constexpr std::size_t kDueKeys = 64;
 void Follower::Batch::clear() noexcept {
   all.clear();
   names.clear();
+  authors.clear();
+  gap.reset();
   next = 0;
 }
 
@@ -26,7 +28,7 @@ Follower::Told& Follower::Batch::add(Told::Type type, std::string_view name) {
   Told& told = all.emplace_back();
   told.type = type;
   told.nameAt = at;
-  told.nameLength = name.size();
+  told.nameLength = static_cast<std::uint32_t>(name.size());
   return told;
 }
 
@@ -128,8 +130,11 @@ void Follower::read(const Entry& entry, std::uint64_t revision) {
   const auto& author = authorOf(entry.author);
   if (filter_.asksForAuthors() && !filter_.wantsAuthor(author ? *author : std::string_view())) return;
   Told& told = batch_.add(Told::Type::Change, name);
-  told.author = author;
   Change& change = told.change;
+  if (author) {
+    if (batch_.authors.empty() || batch_.authors.back() != author) batch_.authors.push_back(author);
+    change.author = *author;
+  }
   change.value = entry.value;
   change.time = entry.time;
   change.at = {core_->epoch, revision};
@@ -167,7 +172,7 @@ bool Follower::refillAtEnd() {
   if (walk_) complete = walk_->end - 1;
   if (completeAt_ && cursor_ > *completeAt_) complete = completeAt_;
   if (!complete) return false;
-  batch_.add(Told::Type::Complete).gap.to = {core_->epoch, *complete};
+  batch_.add(Told::Type::Complete).change.at = {core_->epoch, *complete};
   walk_.reset();
   completeAt_.reset();
   slice_.clear();
@@ -235,7 +240,10 @@ void Follower::fallBehind() {
   startWalk(isFull ? std::nullopt : since);
 }
 
-void Follower::addGap(const Gap& gap) { batch_.add(Told::Type::Gap).gap = gap; }
+void Follower::addGap(const Gap& gap) {
+  batch_.add(Told::Type::Gap);
+  batch_.gap = gap;
+}
 
 /// The keys that a rate has kept back, at the end of their periods.
 bool Follower::refillDue() {

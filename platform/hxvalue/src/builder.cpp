@@ -6,13 +6,11 @@
 
 namespace HX {
 
-void Builder::add(HXValue value) {
+void Builder::addElsewhere(HXValue value) {
   if (open_.empty()) {
     root_ = std::move(value);
-  } else if (open_.back().isMap) {
-    *open_.back().entry = std::move(value);
   } else {
-    open_.back().list.push_back(std::move(value));
+    *open_.back().entry = std::move(value);
   }
 }
 

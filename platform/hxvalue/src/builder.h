@@ -2,8 +2,10 @@
 
 #include <hxvalue/hxvalue.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace HX {
@@ -16,8 +18,21 @@ class Builder {
  public:
   explicit Builder(std::size_t depthLimit) : depthLimit_(depthLimit) {}
 
-  void add(HXValue value);
-  void beginList() { begin(false); }
+  /// @param value  Made into a value where it belongs, for long lists consist of numbers.
+  template <HXStorable T>
+  void add(T&& value) {
+    if (!open_.empty() && !open_.back().isMap) {
+      open_.back().list.emplace_back(std::forward<T>(value));
+    } else {
+      addElsewhere(HXValue(std::forward<T>(value)));
+    }
+  }
+  /// @param size  So many elements may come: as far as that is believed, there is room for them.
+  void beginList(std::size_t size = 0) {
+    begin(false);
+    constexpr std::size_t kBelieved = 1024;
+    open_.back().list.reserve(std::min(size, kBelieved));
+  }
   void beginMap() { begin(true); }
   void key(std::string name);
   void end();
@@ -33,6 +48,7 @@ class Builder {
   };
 
   void begin(bool isMap);
+  void addElsewhere(HXValue value);
 
   std::size_t depthLimit_;
   std::vector<Level> open_;

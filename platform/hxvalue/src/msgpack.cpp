@@ -3,6 +3,7 @@
 
 #include <hxvalue/msgpack.h>
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
@@ -132,7 +133,7 @@ class MsgpackReader : public msgpack::null_visitor {
   std::size_t position() const { return position_; }
   HXValue take() { return builder_.take(); }
 
-  bool visit_nil() { return add({}); }
+  bool visit_nil() { return add(HXValue()); }
   bool visit_boolean(bool value) { return add(value); }
   bool visit_positive_integer(std::uint64_t value) {
     if (std::in_range<std::int64_t>(value)) return visit_negative_integer(static_cast<std::int64_t>(value));
@@ -159,9 +160,9 @@ class MsgpackReader : public msgpack::null_visitor {
     const auto type = static_cast<int>(static_cast<std::int8_t>(*data));
     throw std::runtime_error("extension type " + std::to_string(type) + " is no value");
   }
-  bool start_array(std::uint32_t /*size*/) {
+  bool start_array(std::uint32_t size) {
     count();
-    builder_.beginList();
+    builder_.beginList(std::min<std::size_t>(size, bytes_.size() - position_));
     return step(0);
   }
   bool start_map(std::uint32_t /*size*/) {
@@ -194,9 +195,10 @@ class MsgpackReader : public msgpack::null_visitor {
     if (valuesLeft_ == 0) throw std::runtime_error("more values than allowed");
     --valuesLeft_;
   }
-  bool add(HXValue value, std::size_t contentSize = 0) {
+  template <class T>
+  bool add(T&& value, std::size_t contentSize = 0) {
     count();
-    builder_.add(std::move(value));
+    builder_.add(std::forward<T>(value));
     return step(contentSize);
   }
   bool end() {

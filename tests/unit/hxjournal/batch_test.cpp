@@ -80,6 +80,44 @@ TEST(Batches, ReadAsTheyWereWritten) {
   EXPECT_EQ(reader.read(writer.take({7, 300}, false)).lines.at(0).change.key, "Leg");
 }
 
+// A column is one number until a line differs, and keys are looked for where they came the last time.
+TEST(Batches, TellWhatDiffersLateAndKeysInAnyOrder) {
+  BatchWriter writer;
+  BatchReader reader;
+  const auto differ = [](Change& change) {
+    change.what = What::Removed;
+    change.kind = 4;
+    change.nth = 5;
+    change.leftOut = 6;
+    change.author = "Arm";
+    change.byAddress = true;
+  };
+  const auto tell = [](const Change& change) {
+    return HXValue::list({change.key, change.value, change.at.revision, change.time.time_since_epoch().count(),
+                          static_cast<int>(change.what), change.kind, change.nth, change.leftOut, change.author,
+                          change.byAddress});
+  };
+  for (const char* order : {"abc", "abcabc", "acbbca", "d", "abcd"}) {
+    HXValue::List told;
+    std::uint64_t revision = 300;
+    for (const char* key = order; *key != 0; ++key) {
+      const std::string name(20, *key);
+      Change change = changeOf(name.c_str(), *key, revision);
+      if (key - order == 2 || key - order == 4) {
+        differ(change);
+        ++revision;
+      }
+      ++revision;
+      told.push_back(tell(change));
+      writer.change(change);
+    }
+    const Batch batch = reader.read(writer.take({7, 300}, false));
+    HXValue::List read;
+    for (const auto& line : batch.lines) read.push_back(tell(line.change));
+    EXPECT_EQ(HXValue(read), HXValue(told)) << order;
+  }
+}
+
 TEST(Batches, WithholdWhatNoMessageHolds) {
   BatchWriter writer;
   HXValue deep = 1;

@@ -79,7 +79,8 @@ void Link::readArguments(Reader& in, std::uint32_t count, const Frame& frame, Ar
     if (const auto object = in.extension(Extension::Object); object.data() != nullptr) {
       arguments.emplace_back(objects_.read(object, shared_from_this()));
     } else if (isLong) {
-      unread.add(arguments.size(), in.skip());
+      // Nothing comes after the arguments.
+      unread.add(arguments.size(), count == 1 ? in.rest() : in.skip());
       arguments.emplace_back();
     } else {
       const Reader before = in;

@@ -167,6 +167,11 @@ std::span<const std::byte> Reader::skip() {
   return take(size);
 }
 
+std::span<const std::byte> Reader::rest() {
+  join();
+  return take(rest_.size());
+}
+
 void Writer::list(std::uint32_t size) {
   pack(out_, [&](auto& packer) { packer.pack_array(size); });
 }

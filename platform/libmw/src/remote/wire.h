@@ -82,6 +82,8 @@ class HX_API Reader {
   HX::HXValue value();
   /// Steps over a value, whatever it be. @return Its bytes.
   std::span<const std::byte> skip();
+  /// The same for the last value of the message, which nobody has to go over for that.
+  std::span<const std::byte> rest();
 
  private:
   std::uint8_t peek() const {

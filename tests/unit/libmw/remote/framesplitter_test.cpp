@@ -50,8 +50,9 @@ class EveryFormat : public testing::TestWithParam<SplitCase> {};
 
 TEST_P(EveryFormat, EndsWhereItsValueEndsHoweverItArrives) {
   const std::string& frame = GetParam().bytes;
-  const std::string stream = frame + frame + "\x01";
-  const std::vector<std::size_t> expected{frame.size(), frame.size(), 1};
+  const std::string listed = "\x95\x01" + frame + "\xcb" + std::string(8, 'x') + frame + "\x02";
+  const std::string stream = frame + frame + listed + "\x01";
+  const std::vector<std::size_t> expected{frame.size(), frame.size(), listed.size(), 1};
   EXPECT_EQ(split(stream, {}), expected);
   std::vector<std::size_t> everyByte;
   for (std::size_t i = 1; i < stream.size(); ++i) everyByte.push_back(i);
@@ -89,16 +90,18 @@ TEST(FrameSplitter, RefusesAtOnceWhatIsBeyondALimit) {
     std::string bytes;
     const char* reason;
   };
-  const Row rows[] = {{bytes({0xc1}), "begins no MessagePack value"},
-                      {bytes({0x92, 0, 0xc1}), "begins no MessagePack value"},
-                      {bytes({0xdb, 0xff, 0xff, 0xff, 0xff}), "more than 1048576 bytes"},
-                      {bytes({0xc6, 0, 0x10, 0, 0}), "more than 1048576 bytes"},
-                      {bytes({0xc9, 0xff, 0xff, 0xff, 0xff}), "more than 1048576 bytes"},
-                      {bytes({0xdd, 0xff, 0xff, 0xff, 0xff}), "more than 2097152 values"},
-                      {bytes({0xdf, 0xff, 0xff, 0xff, 0xff}), "more than 2097152 values"},
-                      {bytes({0xdd, 0, 0x10, 0, 0}), "more than 1048576 bytes"},
-                      {bytes({0x92, 0xc6, 0, 0x0f, 0xff, 0x00}, 0xfff00) + bytes({0xd9, 0xff}), "more than 1048576"},
-                      {bytes({0x91, 0x91, 0x81, 1, 0x91, 0x91}), "more than 4 deep"}};
+  const Row rows[] = {
+      {bytes({0xc1}), "begins no MessagePack value"},
+      {bytes({0x92, 0, 0xc1}), "begins no MessagePack value"},
+      {bytes({0xdb, 0xff, 0xff, 0xff, 0xff}), "more than 1048576 bytes"},
+      {bytes({0xc6, 0, 0x10, 0, 0}), "more than 1048576 bytes"},
+      {bytes({0xc9, 0xff, 0xff, 0xff, 0xff}), "more than 1048576 bytes"},
+      {bytes({0xdd, 0xff, 0xff, 0xff, 0xff}), "more than 2097152 values"},
+      {bytes({0xdf, 0xff, 0xff, 0xff, 0xff}), "more than 2097152 values"},
+      {bytes({0xdd, 0, 0x10, 0, 0}), "more than 1048576 bytes"},
+      {bytes({0x92, 0xc6, 0, 0x0f, 0xff, 0x00}, 0xfff00) + bytes({0xd9, 0xff}), "more than 1048576"},
+      {bytes({0x93, 0xc6, 0, 0x0f, 0xff, 0xf4}, 0xffff4) + bytes({0xcb}, 8) + bytes({0xc0}), "more than 1048576"},
+      {bytes({0x91, 0x91, 0x81, 1, 0x91, 0x91}), "more than 4 deep"}};
   for (const Row& row : rows) {
     FrameSplitter splitter(kFrameLimit, kDepthLimit, kValueLimit);
     try {
@@ -108,6 +111,15 @@ TEST(FrameSplitter, RefusesAtOnceWhatIsBeyondALimit) {
       EXPECT_THAT(error.what(), HasSubstr(row.reason));
     }
   }
+}
+
+TEST(FrameSplitter, CountsTheNumbersOfAllLists) {
+  const std::string frame = bytes({0x92, 0x93, 1, 2, 3, 0x92, 4, 5});
+  FrameSplitter enough(kFrameLimit, kDepthLimit, frame.size());
+  EXPECT_EQ(enough.advance(std::as_bytes(std::span(frame))), frame.size());
+  EXPECT_EQ(enough.values(), frame.size());
+  FrameSplitter fewer(kFrameLimit, kDepthLimit, frame.size() - 1);
+  EXPECT_THROW(fewer.advance(std::as_bytes(std::span(frame))), ProtocolError);
 }
 
 TEST(FrameSplitter, TakesWhatIsJustWithinTheLimits) {
