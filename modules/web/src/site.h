@@ -41,7 +41,7 @@ class Site : public Handler {
   const std::shared_ptr<Metrics> metrics_;
   const std::shared_ptr<const ViewerParameters> parameters_;
   struct Sent {
-    const Asset* asset;
+    const Asset* asset = nullptr;
     std::shared_ptr<const std::string> plain, gzip;
   };
   std::map<std::string_view, Sent> assets_;
