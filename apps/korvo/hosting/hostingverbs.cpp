@@ -125,6 +125,29 @@ void takeFleet(RunOptions& options) {
   if (std::ranges::count(options.modules, module) == 0) options.modules.push_back(module);
 }
 
+constexpr const char* kRunDetails =
+    "FILE says what to run, in TOML: these options by their names, each module with its settings as a table\n"
+    "[modules.NAME], signals that are raised as events in [maps], levels by category in [log-levels]. An option of\n"
+    "the command line wins over the file's; modules and folders are added. korvo check FILE says what is wrong\n"
+    "with one, and what it would run. A module that is given a setting that it does not have, or a wrong one, ends\n"
+    "the start, with exit status 2.\n"
+    "\n"
+    "A module library is a path with a slash in it, or a name: lib<name>.so is looked for in the folders of\n"
+    "KORVO_MODULE_PATH and in the installed ones. One that cannot be loaded is reported, and the others are loaded;\n"
+    "with --strict nothing runs then, and the exit status is 1. Without its memory the broker ends.\n"
+    "\n"
+    "Beside the memory it loads the module journal, through which other processes follow the changes of the\n"
+    "memory (korvo methods HXJournal), and the module freshness, which tells of keys that are not written in time\n"
+    "(korvo expect); --no-journal goes without both.\n"
+    "\n"
+    "Other processes of this user reach the broker under its name once its modules are loaded; there is one of a\n"
+    "name at a time. Its service \"Broker\" loads modules, lists them and ends the broker: korvo methods Broker.\n"
+    "\n"
+    "The broker ends with SIGINT (Ctrl-C) or SIGTERM, when its service is asked to stop, with the end of the input\n"
+    "of its console, or when its live view is left; the modules leave in the reverse order. A second SIGINT ends\n"
+    "it at once, with exit status 130. When the end takes longer than --end-within says, the broker says for which\n"
+    "module it has waited, and ends with exit status 1.";
+
 Verb runVerb() {
   const auto options = std::make_shared<RunOptions>();
   const auto file = std::make_shared<RobotFile>();
@@ -150,27 +173,7 @@ Verb runVerb() {
       "run",
       "[FILE]",
       "Hosts a broker: loads its memory and modules, and runs until told to stop.",
-      "FILE says what to run, in TOML: these options by their names, each module with its settings as a table\n"
-      "[modules.NAME], signals that are raised as events in [maps], levels by category in [log-levels]. An option of\n"
-      "the command line wins over the file's; modules and folders are added. korvo check FILE says what is wrong\n"
-      "with one, and what it would run. A module that is given a setting that it does not have, or a wrong one, ends\n"
-      "the start, with exit status 2.\n"
-      "\n"
-      "A module library is a path with a slash in it, or a name: lib<name>.so is looked for in the folders of\n"
-      "KORVO_MODULE_PATH and in the installed ones. One that cannot be loaded is reported, and the others are loaded;\n"
-      "with --strict nothing runs then, and the exit status is 1. Without its memory the broker ends.\n"
-      "\n"
-      "Beside the memory it loads the module journal, through which other processes follow the changes of the\n"
-      "memory (korvo methods HXJournal), and the module freshness, which tells of keys that are not written in time\n"
-      "(korvo expect); --no-journal goes without both.\n"
-      "\n"
-      "Other processes of this user reach the broker under its name once its modules are loaded; there is one of a\n"
-      "name at a time. Its service \"Broker\" loads modules, lists them and ends the broker: korvo methods Broker.\n"
-      "\n"
-      "The broker ends with SIGINT (Ctrl-C) or SIGTERM, when its service is asked to stop, with the end of the input\n"
-      "of its console, or when its live view is left; the modules leave in the reverse order. A second SIGINT ends\n"
-      "it at once, with exit status 130. When the end takes longer than --end-within says, the broker says for which\n"
-      "module it has waited, and ends with exit status 1.",
+      kRunDetails,
       "run --name torso --module arm --module ./build/libhead.so\n"
       "run robot.toml --log-level debug\n"
       "run --console < commands.txt\n"

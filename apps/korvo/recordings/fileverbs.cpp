@@ -134,6 +134,45 @@ std::string_view whatText(const Entry& entry) {
   return entry.isWithheld ? "withheld" : kWords[static_cast<std::size_t>(entry.what)];
 }
 
+Verb atVerb() {
+  return {"at",
+          "FILE TIME [KEY...]",
+          "Prints the memory as it stood at a moment of a recording.",
+          "TIME is local (2026-03-29T12:00:00, or 12:00:00 of the day on which it begins), a distance from the begin\n"
+          "(+30s) or before the end (-5s), start, end, the first raise of an event (Fall) or a note (note:kick), or a\n"
+          "distance from one of these (\"30s before Fall\", \"2s after note:kick\").\n"
+          "With --json in the form that korvo import reads.",
+          "at fall.mcap '2s before Fall' Arm/\n"
+          "at --json fall.mcap end > then.jsonl",
+          kRecordingGroup,
+          kStatuses,
+          [](CLI::App& app) { app.add_flag("--json")->description("Print what korvo import reads"); },
+          [](Arguments& arguments) {
+            const std::string file = arguments.word("FILE");
+            const std::string moment = arguments.word("TIME");
+            const auto keys = restOf(arguments);
+            printTable(file, moment, keys, arguments.has("--json"));
+            return kDone;
+          }};
+}
+
+Verb recoverVerb() {
+  return {"recover",
+          "FILE",
+          "Mends a recording that was cut off, or damaged: gives it its index and its end.",
+          "It is written anew beside the old one, read again, and takes its place. Where the middle was damaged, the\n"
+          "old one stays as FILE.damaged.",
+          "recover fall.mcap",
+          kRecordingGroup,
+          "0  nothing is lost\n1  nothing of it can be read\n2  wrong usage\n3  something is lost, which is told\n",
+          {},
+          [](Arguments& arguments) {
+            const std::string file = arguments.word("FILE");
+            arguments.end();
+            return recover(file);
+          }};
+}
+
 }  // namespace
 
 void printInfo(const std::string& file, bool asObject, bool listsKeys) {
@@ -193,42 +232,6 @@ void printCsv(const std::string& file, const HX::journal::Filter& keys) {
   });
 }
 
-std::vector<Verb> fileVerbs() {
-  Verb at{"at",
-          "FILE TIME [KEY...]",
-          "Prints the memory as it stood at a moment of a recording.",
-          "TIME is local (2026-03-29T12:00:00, or 12:00:00 of the day on which it begins), a distance from the begin\n"
-          "(+30s) or before the end (-5s), start, end, the first raise of an event (Fall) or a note (note:kick), or a\n"
-          "distance from one of these (\"30s before Fall\", \"2s after note:kick\").\n"
-          "With --json in the form that korvo import reads.",
-          "at fall.mcap '2s before Fall' Arm/\n"
-          "at --json fall.mcap end > then.jsonl",
-          kRecordingGroup,
-          kStatuses,
-          [](CLI::App& app) { app.add_flag("--json")->description("Print what korvo import reads"); },
-          [](Arguments& arguments) {
-            const std::string file = arguments.word("FILE");
-            const std::string moment = arguments.word("TIME");
-            const auto keys = restOf(arguments);
-            printTable(file, moment, keys, arguments.has("--json"));
-            return kDone;
-          }};
-  Verb mend{
-      "recover",
-      "FILE",
-      "Mends a recording that was cut off, or damaged: gives it its index and its end.",
-      "It is written anew beside the old one, read again, and takes its place. Where the middle was damaged, the\n"
-      "old one stays as FILE.damaged.",
-      "recover fall.mcap",
-      kRecordingGroup,
-      "0  nothing is lost\n1  nothing of it can be read\n2  wrong usage\n3  something is lost, which is told\n",
-      {},
-      [](Arguments& arguments) {
-        const std::string file = arguments.word("FILE");
-        arguments.end();
-        return recover(file);
-      }};
-  return {at, diffVerb(), mend};
-}
+std::vector<Verb> fileVerbs() { return {atVerb(), diffVerb(), recoverVerb()}; }
 
 }  // namespace korvo
