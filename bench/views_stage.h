@@ -47,7 +47,7 @@ struct Order {
     Stream,      ///< Read every value until an empty one.
     ReadBinary,  ///< The one of so many bytes, which has just been written.
     CopyBinary,  ///< The same out of a mapping, by memcpy.
-  } what;
+  } what = What::Read;
   std::uint64_t count = 0;
   std::uint64_t place = 0;    ///< Of the value that is copied.
   std::uint64_t isApart = 0;  ///< The reader is to stand on another processor than the writer.

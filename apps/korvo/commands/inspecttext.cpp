@@ -278,7 +278,7 @@ void addViews(Sheet& sheet, const HXValue& views) {
         {authorText(textIn(one, "viewer")), textIn(one, "key"),
          fmt::format("{} bytes{}", entry(one, "bytes").toInt64(), isSet(one, "isWaiting") ? ", waits" : "")});
   }
-  sheet.addRows("viewing", std::move(rows));
+  sheet.addRows("viewing", rows);
   sheet.add("views", fmt::format("{}, in {} of {} bytes", listIn(views, "views").size(),
                                  entry(views, "bytes").toInt64(), entry(entry(views, "limits"), "bytes").toInt64()));
 }

@@ -17,7 +17,7 @@ namespace korvo::python {
 struct ModuleDescription {
   struct Parameter {
     std::string name;
-    const mw::TypeInterface* type;
+    const mw::TypeInterface* type = nullptr;
     std::string description;
   };
   struct Method {
@@ -25,7 +25,7 @@ struct ModuleDescription {
     std::string description;
     std::vector<Parameter> parameters;
     Parameter result;
-    std::int64_t callback;  ///< Number of what is called.
+    std::int64_t callback = 0;  ///< Number of what is called.
   };
   struct Signal {
     std::string name;

@@ -42,7 +42,7 @@ class Robots {
   Robots(const std::string& url, int count) : broker_(HX::HXBroker::create("robots")) {
     memory_ = HX::HXModule::createModule<HX::HXMemory>(broker_, "HXMemory");
     broker_->session()->registerService("Broker", broker_->getProxy("HXMemory")->asObject());
-    before_ = residentBytes();
+    before_ = residentBytes();  // NOLINT(cppcoreguidelines-prefer-member-initializer): with the memory.
     for (int i = 1; i <= count; ++i) {
       const std::string module = fmt::format("HXFleet{}", i);
       broker_->provideSettings(

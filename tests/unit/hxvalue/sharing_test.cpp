@@ -25,7 +25,7 @@ TEST(Sharing, aChangeIsSeenOnlyThroughTheValueThatWasChanged) {
 TEST(Sharing, aContentWithOneOwnerIsChangedInPlace) {
   HXValue list = HXValue::list({1});
   const HXValue::List* content = &list.asList();
-  { const HXValue passing = list; }
+  { const HXValue passing = list; }  // NOLINT(performance-unnecessary-copy-initialization): owns it for a moment.
   list.arraySet(0, 2);
   EXPECT_EQ(&list.asList(), content);
 }

@@ -31,8 +31,10 @@ std::int64_t systemNow() {
 class Showing : public Waker {
  public:
   explicit Showing(const RingShape& shape)
-      : cells_(std::make_shared<Segment>(kCells)), ring_(std::make_shared<Segment>(shape.bytes())), shape_(shape) {
-    cell_ = reinterpret_cast<Cell*>(cells_->data() + sizeof(SegmentHead));
+      : cells_(std::make_shared<Segment>(kCells)),
+        ring_(std::make_shared<Segment>(shape.bytes())),
+        shape_(shape),
+        cell_(reinterpret_cast<Cell*>(cells_->data() + sizeof(SegmentHead))) {
     giveTo(*cell_, 1);
     Shown::Parts parts;
     parts.cell = cell_;
@@ -84,7 +86,7 @@ class Showing : public Waker {
   std::shared_ptr<Segment> cells_;
   std::shared_ptr<Segment> ring_;
   RingShape shape_;
-  Cell* cell_ = nullptr;
+  Cell* cell_;
   Mutex mutex_;  // As the lock of the value in the memory.
   std::shared_ptr<Shown> shown_ HX_GUARDED_BY(mutex_);
   std::vector<std::shared_ptr<Word>> words_ HX_GUARDED_BY(mutex_);  // A viewer may go before the next write.

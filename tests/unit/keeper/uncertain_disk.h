@@ -20,8 +20,7 @@ namespace kit {
 /// @par Threads  One at a time.
 class UncertainDisk {
  public:
-  UncertainDisk() {
-    vfs_ = *original_;
+  UncertainDisk() : vfs_(*original_) {
     vfs_.zName = "uncertain";
     vfs_.pAppData = this;
     vfs_.szOsFile = static_cast<int>(sizeof(File)) + original_->szOsFile;
@@ -153,7 +152,7 @@ class UncertainDisk {
   }
 
   sqlite3_vfs* const original_ = sqlite3_vfs_find(nullptr);
-  sqlite3_vfs vfs_{};
+  sqlite3_vfs vfs_;
   std::map<std::string, OnDisk> files_;
   OnDisk nameless_;
 };

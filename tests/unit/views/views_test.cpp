@@ -136,7 +136,7 @@ TEST_P(Viewing, FindsWhatIsThereAlreadyWithItsAge) {
 TEST_P(Viewing, GivesBackWhatIsNotViewedAnyMore) {
   {
     auto number = proxy_->view<int>("Number");
-    const auto copy = number;
+    const auto copy = number;  // NOLINT(performance-unnecessary-copy-initialization): one more that holds it.
     auto stream = proxy_->stream<float>("Stream", 16);
     EXPECT_EQ(viewCount(), 2U);
   }

@@ -46,7 +46,7 @@ Read readBatch(const std::string& bytes) {
   column<double>(bytes, at, head[4]);
   batch.points = column<double>(bytes, at, head[4]);
   batch.ids = column<std::uint32_t>(bytes, at, head[2]);
-  at += 4 * (2 * head[2] + 2 * head[3]);
+  at += std::size_t{8} * (head[2] + head[3]);
   EXPECT_EQ(bytes.size(), at + head[5]);
   if (head[5] > 0) batch.rest = HX::fromJson(std::string_view(bytes).substr(at));
   return batch;

@@ -59,7 +59,8 @@ State take(const Content& content, Raw<T>& bytes, T& value) noexcept(Scalar<T>) 
     value.swap(bytes);
     return State::Present;
   } else if constexpr (FixedList<T> || List<T>) {
-    T decoded;  // What was seen last stays to be shown when the fifth of six elements is none.
+    // What was seen last stays to be shown when the fifth of six elements is none.
+    T decoded;  // NOLINT(cppcoreguidelines-pro-type-member-init): filled, or not used.
     if (!decode(kind, std::span(bytes).first(kind.size), decoded)) return State::OtherType;
     value.swap(decoded);
     return State::Present;

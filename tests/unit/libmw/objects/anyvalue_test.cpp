@@ -59,7 +59,8 @@ TYPED_TEST(AnyValueOf, CopiesMovesAndAssigns) {
 
 TEST(AnyValue, HoldsWhatCanOnlyBeMoved) {
   AnyValue value(std::make_unique<int>(5));
-  EXPECT_NE(errorOf([&] { AnyValue copy(value); }).find("cannot be copied"), std::string::npos);
+  const auto copy = [&] { return AnyValue(value); };
+  EXPECT_NE(errorOf([&] { copy(); }).find("cannot be copied"), std::string::npos);
   AnyValue whole = std::move(value).take<AnyValue>();
   EXPECT_EQ(*std::move(whole).take<std::unique_ptr<int>>(), 5);
 }

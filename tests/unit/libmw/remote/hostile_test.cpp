@@ -300,7 +300,7 @@ TEST_P(Hoards, CostWhoHoldsTooMuchAndNobodyElse) {
   }
   waitForLog(GetParam().reason);
   for (int i = 0; i < 5; ++i) EXPECT_EQ(echo->call<std::string>("echo", std::string(300'000, 'x')).size(), 300'000U);
-  const auto connected = static_cast<std::size_t>(1 + GetParam().stay);
+  const std::size_t connected = 1 + static_cast<std::size_t>(GetParam().stay);
   while (server->connectionCount() > connected) std::this_thread::yield();
   EXPECT_EQ(server->connectionCount(), connected);
   leave.set_value();
