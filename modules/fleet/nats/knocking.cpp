@@ -15,9 +15,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto kPatience = 3s;  // For an answer over the slowest line.
-constexpr auto kStale = 60s;    // Servers seldom move.
-constexpr auto kSlice = 100ms;  // Between two looks at whether it is enough.
+constexpr auto kAnswerPatience = 3s;  // For an answer over the slowest line.
+constexpr auto kStale = 60s;          // Servers seldom move.
+constexpr auto kSlice = 100ms;        // Between two looks at whether it is enough.
 constexpr std::size_t kMostKnocks = 64;
 
 }  // namespace
@@ -50,7 +50,7 @@ bool Knocking::isStale() const { return addresses_.empty() || !resolved_ || Cloc
 void Knocking::knock() {
   const auto now = Clock::now();
   const auto isOver = [&] {
-    return !knocks_.empty() && (now - knocks_.front().when > kPatience || knocks_.size() > kMostKnocks);
+    return !knocks_.empty() && (now - knocks_.front().when > kAnswerPatience || knocks_.size() > kMostKnocks);
   };
   while (isOver()) {
     leave(knocks_.front());

@@ -35,7 +35,7 @@ std::optional<inet_diag_msg> ask(std::uint8_t family, const inet_diag_sockid& id
   question.body.idiag_states = kEstablished;
   question.body.id = id;
   std::optional<inet_diag_msg> found;
-  alignas(nlmsghdr) std::array<char, 16'384> buffer;
+  alignas(nlmsghdr) std::array<char, 16'384> buffer{};
   if (::send(netlink, &question, sizeof(question), 0) == static_cast<ssize_t>(sizeof(question))) {
     const ssize_t size = ::recv(netlink, buffer.data(), buffer.size(), 0);
     const auto* const head = reinterpret_cast<const nlmsghdr*>(buffer.data());

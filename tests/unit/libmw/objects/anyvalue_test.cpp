@@ -59,7 +59,7 @@ TYPED_TEST(AnyValueOf, CopiesMovesAndAssigns) {
 
 TEST(AnyValue, HoldsWhatCanOnlyBeMoved) {
   AnyValue value(std::make_unique<int>(5));
-  const auto copy = [&] { return AnyValue(value); };
+  const auto copy = [&]() -> AnyValue { return value; };
   EXPECT_NE(errorOf([&] { copy(); }).find("cannot be copied"), std::string::npos);
   AnyValue whole = std::move(value).take<AnyValue>();
   EXPECT_EQ(*std::move(whole).take<std::unique_ptr<int>>(), 5);
