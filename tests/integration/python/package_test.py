@@ -243,6 +243,34 @@ class Services(kit.PackageTest):
         arm.move(0)
         self.assertEqual(got, [float(i) for i in range(100)])
 
+    def test_boxes_and_mappings_find_who_leaves_and_returns(self):
+        class HXFrameManager(korvo.Module):
+            def __init__(self):
+                self.boxes = []
+
+            @korvo.method
+            def _subscribeBoxToEvent(self, event: str, box: str, message, method: str, micro: bool):
+                self.boxes.append((event, box, message, method, micro))
+
+        def subscribe():
+            try:
+                memory.subscribeToMicroEvent("Boxed", "_BehaviorBox", "message", "method")
+            except korvo.Error as error:
+                return error.message
+
+        memory = self.robot.service("HXMemory")
+        for _ in range(2):
+            manager = HXFrameManager()
+            with self.robot.host(manager):
+                self.assertIsNone(subscribe())
+                self.assertEqual(manager.boxes, [("Boxed", "_BehaviorBox", "message", "method", True)])
+            kit.until(lambda: subscribe() == "Cannot get frame manager proxy")
+        memory.addMapping("Mapped", {"moved": "Mapped/Moved"})
+        for to in (1.0, 2.0):
+            with self.robot.host(Arm(), "Mapped"):
+                move = self.robot.service("Mapped").move  # The memory connects a moment later.
+                kit.until(lambda: move(to) == self.robot.get("Mapped/Moved"))
+
     def test_hosting_refuses_what_cannot_be_a_module(self):
         class Bad(korvo.Module):
             @korvo.method
