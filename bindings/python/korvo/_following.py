@@ -32,7 +32,8 @@ class Follow:
     `timeout=` also when nothing has changed for so many seconds.
     """
 
-    def __init__(self, robot, native, timeout):
+    def __init__(self, robot, native, timeout, what):
+        self._what = what
         self._robot = robot  # Which stays connected as long as it is followed.
         self._native = native
         self._timeout = timeout
@@ -93,6 +94,9 @@ class Follow:
 
     def __exit__(self, *_):
         self.stop()
+
+    def __repr__(self):
+        return f"<korvo.Follow {self._what}>"
 
 
 class Watch:

@@ -154,8 +154,11 @@ class Robot(_MutableMapping):
 
     def history(self, key):
         """The latest values that an event was raised with, the oldest first: a list of (time, value)."""
-        return [(seconds + microseconds / 1e6, value)
-                for value, seconds, microseconds in self._call("getEventHistory", key) or []]
+        try:
+            entries = self._call("getEventHistory", key) or []
+        except Error as error:
+            raise self._explained(error, key) from None
+        return [(seconds + microseconds / 1e6, value) for value, seconds, microseconds in entries]
 
     def follow(self, *keys, timeout=None, rate=0, snapshot=False, since=None, capacity=100_000):
         """Changes as they come: `for change in robot.follow("Arm/", "Door")`, or `async for`. See `Follow`, `Change`.
@@ -169,9 +172,13 @@ class Robot(_MutableMapping):
                   journal has no longer all of it, how things stand is told first ("state").
         capacity  so many changes are kept for who does not take them; then the oldest go
         """
-        wanted = {"patterns": keys, "rate": rate, "snapshot": snapshot, "since": _place(since),
-                  "capacity": capacity}
-        return Follow(self, self._native.follow(wanted), timeout)
+        for key in keys:
+            if not isinstance(key, str):
+                raise TypeError(f"what to follow is a str, not {type(key).__name__}: {key!r}")
+        wanted = {"patterns": keys, "rate": float(rate), "snapshot": bool(snapshot), "since": _place(since),
+                  "capacity": max(1, int(capacity))}
+        timeout = None if timeout is None else float(timeout)
+        return Follow(self, self._native.follow(wanted), timeout, ", ".join(keys) or "everything")
 
     def on(self, *keys, rate=0):
         """Has a callback called with each `Change` of what `follow` would follow: `robot.on("Door", print)`.
@@ -179,9 +186,9 @@ class Robot(_MutableMapping):
         It runs on a thread of its own, or, where a loop of asyncio runs, there. Returns a `Watch`: `stop()` ends it,
         losing it does not. Who raises an event does not wait for it.
         """
-        *keys, callback = keys
-        if not callable(callback):
+        if not keys or not callable(keys[-1]):
             raise TypeError("the last argument is what to call")
+        *keys, callback = keys
         return Watch(self.follow(*keys, rate=rate), on_loop(callback), ", ".join(keys) or "everything")
 
     # --- Views ------------------------------------------------------------------------------------------------------

@@ -182,6 +182,17 @@ class Following(kit.PackageTest):
             with self.assertRaisesRegex(TypeError, "since= is the position of a change, or a time"):
                 self.robot.follow(since=wrong)
 
+    def test_says_what_cannot_be_followed(self):
+        for wrong, kind, words in ((lambda: self.robot.follow("Key", 3), TypeError, "a str, not int: 3"),
+                                   (lambda: self.robot.follow("Key", rate="fast"), ValueError, "fast"),
+                                   (lambda: self.robot.follow("Key", rate=-1), korvo.Error, "rate"),
+                                   (lambda: self.robot.follow("Key", timeout="soon"), ValueError, "soon"),
+                                   (lambda: self.robot.on("Key", 3), TypeError, "what to call"),
+                                   (lambda: self.robot.on(), TypeError, "what to call"),
+                                   (lambda: self.robot.history("No such"), korvo.NoSuchKey, "No such")):
+            with self.assertRaisesRegex(kind, words):
+                wrong()
+
     def test_ends_with_its_robot(self):
         robot = korvo.connect()
         waiting = [robot.follow("Quiet"), robot.stream("Quiet")]
