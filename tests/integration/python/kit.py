@@ -24,7 +24,11 @@ class Broker:
     def start(self):
         with tempfile.TemporaryFile("w+") as log:
             self.process = subprocess.Popen([KORVO, "run", "--log-level", "info"], stderr=log)
-            until(lambda: log.seek(0) == 0 and "is running" in log.read())
+            try:
+                until(lambda: log.seek(0) == 0 and "is running" in log.read())
+            except TimeoutError:
+                self.kill()
+                raise
 
     @contextlib.contextmanager
     def frozen(self):
