@@ -69,6 +69,7 @@ INTERRUPTED = """
     waits = {"call": lambda: memory.getDataOnChange("Still", 0), "limited": lambda: memory.getDataOnChange("Still", 0, timeout=3600),
              "future": lambda: memory.getDataOnChange.start("Still", 0).result(), "own": service.call,
              "sleep": lambda: sleeper.sleep(3600), "follow": lambda: next(robot.follow("Nothing"))}
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # Programs in the background begin without.
     try:
         threading.Timer(0.1, lambda: os.kill(os.getpid(), signal.SIGINT)).start()
         waits[sys.argv[1]]()
