@@ -127,6 +127,15 @@ class Bench {
     }
     return {seconds(begin) * 1e6 / kRaises, worst};
   }
+  /// Hears the events of both, as a tool does.
+  std::unique_ptr<Connection> listen() const {
+    auto listener = std::make_unique<Connection>(HX::fleet::Access{{hub_.url()}, {}, {}, false},
+                                                 Connection::Options{"listener", "_INBOX.listener"});
+    for (const char* subject : {"plain.event", "fleet.robot7.event.>"})
+      listener->subscribe(subject, [](const auto&) {});
+    listener->flush(5s);
+    return listener;
+  }
   /// From now on events go to who listens alone.
   void removeStream() { tool_.request({subjects_.interface("STREAM.DELETE.FLEET_EVENTS"), ""}, 5s); }
   /// Seconds until the hub has as many keys as are in the memory, from the start of the module on.
@@ -212,7 +221,7 @@ struct Ratios {
 
 void run(int rounds) {
   Bench bench;
-  Ratios raise, worst, stored, live, kept, call;
+  Ratios raise, worst, stored, live, heard, kept, call;
   std::vector<double> alone;
   for (int i = 0; i < rounds; ++i) alone.push_back(bench.raise(false).first);
   std::printf("5,000 keys at the hub after %.2f s\n", bench.mirror(5'000));
@@ -234,7 +243,10 @@ void run(int rounds) {
   worst.print("the worst raise at 1 kHz, hub frozen, by not frozen", "us");
   bench.removeStream();
   for (int i = 0; i < rounds; ++i) live.add(bench.raiseAll("Live") / 1e3, bench.publishAll("plain.event") / 1e3);
-  live.print("live events, with no store at the hub", "k/s");
+  live.print("live events, with no store at the hub, to nobody", "k/s");
+  const auto listener = bench.listen();
+  for (int i = 0; i < rounds; ++i) heard.add(bench.raiseAll("Live") / 1e3, bench.publishAll("plain.event") / 1e3);
+  heard.print("live events, with no store at the hub, to one who listens", "k/s");
   std::printf("a server that is killed and started again: %.2f s until 200 more events are confirmed\n",
               bench.restart());
 }

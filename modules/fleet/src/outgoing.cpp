@@ -88,7 +88,7 @@ void Outgoing::change(const journal::Change& change) {
   const MutexLock lock(mutex_);
   tellStranger(change);
   Key& key = keyOf(change.key);
-  unseen_.erase(std::string(change.key));
+  markSeen(change.key);
   if (change.isState) {
     state(key, change);
   } else if (change.what == What::Removed) {
@@ -123,23 +123,30 @@ void Outgoing::raise(Key& key, const journal::Change& change) {
   key.nth = change.nth;
   ++key.n;
   if (!key.name) return;
-  Record record = recordOf(key, change);
-  (key.isKept ? kept_ : live_).push({key.name, key.n, toPayload(record), Clock::now()});
-  setValue(key, change, std::move(record));
+  record(key, change);
+  (key.isKept ? kept_ : live_).push({key.name, key.n, toPayload(record_), Clock::now()});
+  mirror(key, change);
 }
 
-Record Outgoing::recordOf(const Key& key, const journal::Change& change) const {
-  HXValue value = change.withheld ? HXValue::map({{"tooLarge", true}}) : change.value;
-  return {key.name->key, std::move(value), kindOf(change.kind), key.n, run_, change.time};
+void Outgoing::record(const Key& key, const journal::Change& change) {
+  record_.key = key.name->key;
+  record_.value = change.withheld ? HXValue::map({{"tooLarge", true}}) : change.value;
+  record_.kind = kindOf(change.kind);
+  record_.n = key.n;
+  record_.run = run_;
+  record_.time = change.time;
 }
 
-void Outgoing::setValue(Key& key, const journal::Change& change) {
-  if (key.name) setValue(key, change, recordOf(key, change));
+void Outgoing::setValue(const Key& key, const journal::Change& change) {
+  if (!key.name) return;
+  record(key, change);
+  mirror(key, change);
 }
 
-void Outgoing::setValue(const Key& key, const journal::Change& change, Record record) {
+/// @pre `record_` is that of the change.
+void Outgoing::mirror(const Key& key, const journal::Change& change) {
   if (!change.value.isValid() && !change.withheld) return;
-  if (values_.set(key.name, std::move(record)) || std::exchange(toldTooMany_, true)) return;
+  if (values_.set(key.name, std::move(record_)) || std::exchange(toldTooMany_, true)) return;
   mw::log::warning(kCategory, "mirror",
                    fmt::format("{} keys are mirrored, and no more: {} is the first that is not", bounds_.values.keys,
                                key.name->key));
@@ -159,7 +166,12 @@ void Outgoing::gap(const journal::Gap& gap) {
 
 void Outgoing::unchanged(std::string_view key) {
   const MutexLock lock(mutex_);
-  unseen_.erase(std::string(key));
+  markSeen(key);
+}
+
+void Outgoing::markSeen(std::string_view key) {
+  const auto unseen = unseen_.find(key);
+  if (unseen != unseen_.end()) unseen_.erase(unseen);
 }
 
 void Outgoing::complete() {
@@ -203,6 +215,13 @@ void Outgoing::await(std::chrono::milliseconds limit, bool values, const std::st
 void Outgoing::confirmLive() {
   const MutexLock lock(mutex_);
   live_.confirmAll();
+}
+
+void Outgoing::refused(std::string_view key) {
+  const MutexLock lock(mutex_);
+  const auto known = keys_.find(key);
+  // A kept one is only confirmed by the store.
+  if (known != keys_.end() && known->second.name && !known->second.isKept) live_.refuse();
 }
 
 bool Outgoing::confirmKept(std::uint64_t id) {

@@ -68,6 +68,8 @@ class Outgoing {
   /// @param values  Whether values count that are due by and by.
   void await(std::chrono::milliseconds limit, bool values, const std::stop_token& stop);
   void confirmLive();
+  /// The server has refused an event of this key for lack of rights.
+  void refused(std::string_view key);
   /// @return False when some that were sent before it are not confirmed: they were lost, since the store keeps the
   /// order.
   bool confirmKept(std::uint64_t id);
@@ -99,9 +101,10 @@ class Outgoing {
   Key& keyOf(std::string_view name) HX_REQUIRES(mutex_);
   void state(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
   void raise(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
-  void setValue(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
-  void setValue(const Key& key, const journal::Change& change, Record record) HX_REQUIRES(mutex_);
-  Record recordOf(const Key& key, const journal::Change& change) const HX_REQUIRES(mutex_);
+  void setValue(const Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
+  void mirror(const Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
+  void record(const Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
+  void markSeen(std::string_view key) HX_REQUIRES(mutex_);
   void tellStranger(const journal::Change& change) HX_REQUIRES(mutex_);
   void wake() HX_REQUIRES(mutex_);
 
@@ -112,6 +115,7 @@ class Outgoing {
   std::condition_variable_any changed_;
   std::string run_ HX_GUARDED_BY(mutex_);
   std::map<std::string, Key, std::less<>> keys_ HX_GUARDED_BY(mutex_);
+  Record record_ HX_GUARDED_BY(mutex_);  // Of the change that is told; kept for the room that its texts have.
   std::set<std::string, std::less<>> unseen_ HX_GUARDED_BY(mutex_);  // By the snapshot that follows a gap.
   bool knowsRaises_ HX_GUARDED_BY(mutex_) = false;  // The first snapshot is complete: what is left out is missed.
   bool isIdle_ HX_GUARDED_BY(mutex_) = false;       // The sender sleeps.

@@ -4,7 +4,7 @@ namespace HX::fleet {
 
 LastValues::LastValues(Bounds bounds) : bounds_(bounds) {}
 
-bool LastValues::set(const KeyNamePointer& key, Record record) {
+bool LastValues::set(const KeyNamePointer& key, Record&& record) {
   auto known = items_.find(key->key);
   if (known == items_.end()) {
     if (items_.size() >= bounds_.keys) {
@@ -13,7 +13,12 @@ bool LastValues::set(const KeyNamePointer& key, Record record) {
     }
     known = items_.emplace(key->key, Item{key, {}, 0, {}, false, false, false}).first;
   }
-  known->second.record = std::move(record);
+  auto& held = known->second.record;
+  if (held) {
+    std::swap(*held, record);
+  } else {
+    held = std::move(record);
+  }
   change(known->second);
   return true;
 }

@@ -42,9 +42,9 @@ class LastValues {
   explicit LastValues(Bounds bounds);
 
   /// The value of a key has changed.
-  /// @param record  Its key is left out, as `key` has it.
+  /// @param record  Exchanged for the one before, whose room can be used again.
   /// @return False when there are too many keys; this one is not mirrored.
-  bool set(const KeyNamePointer& key, Record record);
+  bool set(const KeyNamePointer& key, Record&& record);
   void remove(const std::string& key);
 
   /// What is to be put now: in flight from now on.

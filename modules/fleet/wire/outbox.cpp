@@ -58,27 +58,40 @@ std::vector<EventPointer> Outbox::take(std::size_t most) {
     if (!isAgain) bytes_ -= source.front()->payload.size();
     taken.push_back(std::move(source.front()));
     source.pop_front();
-    // Ids rise, so the place is the end but for what is sent again.
-    inFlight_.emplace_hint(inFlight_.end(), taken.back()->id, taken.back());
+    inFlight_.push_back({taken.back()});
   }
   return taken;
 }
 
 bool Outbox::confirm(std::uint64_t id) {
-  if (inFlight_.erase(id) == 0) return false;
+  const auto found = std::ranges::lower_bound(inFlight_, id, {}, [](const InFlight& sent) { return sent->id; });
+  if (found == inFlight_.end() || (*found)->id != id || found->isConfirmed) return false;
+  found->isConfirmed = true;
+  ++confirmedAmong_;
   ++account_.confirmed;
+  while (!inFlight_.empty() && inFlight_.front().isConfirmed) {
+    inFlight_.pop_front();
+    --confirmedAmong_;
+  }
   return true;
 }
 
 void Outbox::confirmAll() {
-  account_.confirmed += inFlight_.size();
-  inFlight_.clear();
+  account_.confirmed += inFlight();
+  forgetFlight();
 }
 
 void Outbox::giveBack() {
   // What is in flight is older than what still waits to be sent again, if anything does.
-  for (auto last = inFlight_.rbegin(); last != inFlight_.rend(); ++last) again_.push_front(std::move(last->second));
+  for (auto last = inFlight_.rbegin(); last != inFlight_.rend(); ++last) {
+    if (!last->isConfirmed) again_.push_front(std::move(last->event));
+  }
+  forgetFlight();
+}
+
+void Outbox::forgetFlight() {
   inFlight_.clear();
+  confirmedAmong_ = 0;
 }
 
 std::size_t Outbox::missOlder(std::deque<EventPointer>& events, TimePoint time) {
@@ -100,7 +113,11 @@ void Outbox::missOlder(TimePoint time) {
 Account Outbox::account() const {
   Account account = account_;
   account.queued = queued();
-  account.inFlight = inFlight_.size();
+  account.inFlight = inFlight();
+  // The refusal may be known before what was sent counts as arrived.
+  const std::uint64_t refused = std::min(refused_, account.confirmed);
+  account.confirmed -= refused;
+  account.missed += refused;
   return account;
 }
 

@@ -38,7 +38,7 @@ struct Account {
   std::uint64_t queued = 0;
   std::uint64_t inFlight = 0;
   std::uint64_t dropped = 0;  ///< Gave way to later ones.
-  std::uint64_t missed = 0;   ///< Grew too old, or were never told.
+  std::uint64_t missed = 0;   ///< Grew too old, were never told, or were refused by the server.
 
   bool isBalanced() const { return raised == confirmed + queued + inFlight + dropped + missed; }
   Account& operator+=(const Account& other);
@@ -64,6 +64,8 @@ class Outbox {
 
   /// Takes a raise in. Beyond the bounds the oldest that never left goes.
   void push(Event event);
+  /// The server has refused one that was sent to be confirmed with all others: nobody has it.
+  void refuse() { ++refused_; }
   /// Counts raises whose events nobody has.
   void addMissed(std::uint64_t count);
 
@@ -74,15 +76,15 @@ class Outbox {
   bool confirm(std::uint64_t id);
   void confirmAll();
   /// Whether all that was sent before this one, which is in flight or was, is confirmed.
-  bool isOldest(std::uint64_t id) const { return inFlight_.empty() || inFlight_.begin()->first >= id; }
+  bool isOldest(std::uint64_t id) const { return inFlight_.empty() || inFlight_.front()->id >= id; }
   /// Nobody knows whether what is in flight arrived: all of it is to be sent again.
   void giveBack();
   /// Events raised before `time` are not sent any more.
   void missOlder(TimePoint time);
 
-  bool isEmpty() const { return queue_.empty() && again_.empty() && inFlight_.empty(); }
+  bool isEmpty() const { return queued() == 0 && inFlight() == 0; }
   std::size_t queued() const { return queue_.size() + again_.size(); }
-  std::size_t inFlight() const { return inFlight_.size(); }
+  std::size_t inFlight() const { return inFlight_.size() - confirmedAmong_; }
   Account account() const;
 
   /// What was dropped since it was asked last, by keys.
@@ -91,7 +93,13 @@ class Outbox {
   void returnDropped(const std::vector<Dropped>& told);
 
  private:
+  struct InFlight {
+    EventPointer event;
+    bool isConfirmed = false;
+    const Event* operator->() const { return event.get(); }
+  };
   void drop();
+  void forgetFlight();
   void note(const Dropped& dropped);
   static std::size_t missOlder(std::deque<EventPointer>& events, TimePoint time);
 
@@ -99,9 +107,13 @@ class Outbox {
   std::uint64_t nextId_;
   std::deque<EventPointer> queue_;  // Never sent.
   std::deque<EventPointer> again_;  // Sent, and nobody knows.
-  std::map<std::uint64_t, EventPointer> inFlight_;
+  // By ids, since what is in flight is always taken behind what is; confirmed ones stay, marked, behind one that is
+  // not.
+  std::deque<InFlight> inFlight_;
+  std::size_t confirmedAmong_ = 0;
   std::size_t bytes_ = 0;  // Of `queue_`.
-  Account account_;        // But for what is counted by the containers.
+  Account account_;        // But for what is counted by the containers, and for those refused, which count as arrived.
+  std::uint64_t refused_ = 0;
   std::map<std::string, Dropped> dropped_;
 };
 

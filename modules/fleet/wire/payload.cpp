@@ -5,6 +5,8 @@
 #include <hxvalue/json.h>
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <chrono>
 #include <iomanip>
 #include <locale>
@@ -20,10 +22,35 @@ namespace {
 using namespace std::chrono;
 
 /// Names of keys are plain nearly always, and there is one in each event.
-std::string quoted(const std::string& text) {
+void appendQuoted(std::string& text, const std::string& name) {
   const bool isPlain =
-      std::ranges::all_of(text, [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
-  return isPlain ? '"' + text + '"' : toJson(HXValue(text));
+      std::ranges::all_of(name, [](char c) { return c >= ' ' && c < '\x7f' && c != '"' && c != '\\'; });
+  if (isPlain) {
+    text.append(1, '"').append(name).append(1, '"');
+  } else {
+    text += toJson(HXValue(name));
+  }
+}
+
+void appendNumber(std::string& text, std::uint64_t number) {
+  std::array<char, 20> digits;
+  text.append(digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr);
+}
+
+void appendTime(std::string& text, mw::SystemTimePoint time) {
+  const auto second = floor<seconds>(time);
+  auto micros = duration_cast<microseconds>(time - second).count();
+  // Of many times in one second, which is usual, only the first is worked out.
+  thread_local seconds known{-1};
+  thread_local std::string until;
+  if (second.time_since_epoch() != known) {
+    known = second.time_since_epoch();
+    until = fmt::format("{:%Y-%m-%dT%H:%M:%S}", fmt::gmtime(known.count()));
+  }
+  constexpr std::size_t kDigits = 6;
+  std::array<char, kDigits> digits;
+  for (std::size_t i = kDigits; i-- > 0; micros /= 10) digits[i] = static_cast<char>('0' + micros % 10);
+  text.append(until).append(1, '.').append(digits.data(), kDigits).append(1, 'Z');
 }
 
 std::string textOf(const HXValue& object, std::string_view name) {
@@ -36,16 +63,9 @@ std::string textOf(const HXValue& object, std::string_view name) {
 }  // namespace
 
 std::string toText(mw::SystemTimePoint time) {
-  const auto second = floor<seconds>(time);
-  const auto micros = duration_cast<microseconds>(time - second).count();
-  // Of many times in one second, which is usual, only the first is worked out.
-  thread_local seconds known{-1};
-  thread_local std::string text;
-  if (second.time_since_epoch() != known) {
-    known = second.time_since_epoch();
-    text = fmt::format("{:%Y-%m-%dT%H:%M:%S}", fmt::gmtime(known.count()));
-  }
-  return fmt::format("{}.{:06}Z", text, micros);
+  std::string text;
+  appendTime(text, time);
+  return text;
 }
 
 mw::SystemTimePoint toTime(const std::string& text) {
@@ -69,9 +89,18 @@ std::string toPayload(const Record& record) {
     value = fmt::format(R"({{"tooLarge":{}}})", size);
     exact.clear();
   }
-  return fmt::format(R"({{"key":{},"value":{},{}"kind":"{}","n":{},"run":"{}","time":"{}"}})", quoted(record.key),
-                     value, exact.empty() ? exact : fmt::format(R"("msgpack":"{}",)", exact), record.kind, record.n,
-                     record.run, toText(record.time));
+  // There is one in each event: a text that is made once, and does not grow.
+  std::string text;
+  text.reserve(record.key.size() + value.size() + exact.size() + record.run.size() + 144);
+  text += R"({"key":)";
+  appendQuoted(text, record.key);
+  text.append(R"(,"value":)").append(value);
+  if (!exact.empty()) text.append(R"(,"msgpack":")").append(exact).append(1, '"');
+  text.append(R"(,"kind":")").append(record.kind).append(R"(","n":)");
+  appendNumber(text, record.n);
+  text.append(R"(,"run":")").append(record.run).append(R"(","time":")");
+  appendTime(text, record.time);
+  return text.append(R"("})");
 }
 
 Record toRecord(std::string_view payload) {
@@ -91,8 +120,10 @@ Record toRecord(std::string_view payload) {
 }
 
 std::string toPayload(const Dropped& dropped, const std::string& run) {
-  return fmt::format(R"({{"key":{},"first":{},"last":{},"count":{},"run":"{}"}})", quoted(dropped.key), dropped.first,
-                     dropped.last, dropped.count, run);
+  std::string key;
+  appendQuoted(key, dropped.key);
+  return fmt::format(R"({{"key":{},"first":{},"last":{},"count":{},"run":"{}"}})", key, dropped.first, dropped.last,
+                     dropped.count, run);
 }
 
 Failure toFailure(const std::exception& error, int code) {

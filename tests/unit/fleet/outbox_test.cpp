@@ -136,5 +136,20 @@ TEST(Outbox, SendsNothingThatHasGrownTooOld) {
   EXPECT_EQ(outbox.take(9)[0]->n, 3U);
 }
 
+TEST(Outbox, CountsWhatTheServerRefusesAsMissedWheneverThatIsKnown) {
+  const auto key = std::make_shared<const KeyName>(KeyName{"A", "A"});
+  Outbox outbox({100, 100, 100});
+  for (std::uint64_t n = 1; n <= 3; ++n) outbox.push({key, n, "x", {}});
+  outbox.take(9);
+  outbox.refuse();
+  EXPECT_TRUE(outbox.account().isBalanced());
+  EXPECT_EQ(outbox.account().inFlight, 3U) << "the server's answer to all is still to come";
+  outbox.confirmAll();
+  outbox.refuse();
+  EXPECT_EQ(outbox.account().confirmed, 1U);
+  EXPECT_EQ(outbox.account().missed, 2U);
+  EXPECT_TRUE(outbox.account().isBalanced());
+}
+
 }  // namespace
 }  // namespace HX::fleet
