@@ -37,10 +37,7 @@ class Hub {
   void start() {
     std::filesystem::remove_all(folder_.path() / "ports");
     std::filesystem::create_directory(folder_.path() / "ports");
-    std::ofstream(folder_.path() / "hub.conf")
-        << "listen: 127.0.0.1:" << port_ << "\nports_file_dir: \"" << (folder_.path() / "ports").string()
-        << "\"\njetstream { domain: hub, store_dir: \"" << (folder_.path() / "store").string() << "\" }\n"
-        << configuration_;
+    writeConfiguration();
     server_ =
         std::make_unique<Process>(std::vector<std::string>{program(), "-c", (folder_.path() / "hub.conf").string()});
     if (!server_->waitFor("Server is ready")) throw std::runtime_error("the hub does not start");
@@ -69,6 +66,12 @@ class Hub {
     configuration_ = std::move(configuration);
     start();
   }
+  /// Told other words while it runs. Only once it has been started again: until then its port is any.
+  void reloadWith(std::string configuration) {
+    configuration_ = std::move(configuration);
+    writeConfiguration();
+    server_->send(SIGHUP);
+  }
   /// With an empty store.
   void startAnew() {
     stop();
@@ -82,6 +85,13 @@ class Hub {
   const std::filesystem::path& folder() const { return folder_.path(); }
 
  private:
+  void writeConfiguration() const {
+    std::ofstream(folder_.path() / "hub.conf")
+        << "listen: 127.0.0.1:" << port_ << "\nports_file_dir: \"" << (folder_.path() / "ports").string()
+        << "\"\njetstream { domain: hub, store_dir: \"" << (folder_.path() / "store").string() << "\" }\n"
+        << configuration_;
+  }
+
   std::string configuration_;
   const TemporaryFolder folder_;
   int port_ = -1;

@@ -70,12 +70,6 @@ bool isRefusal(natsStatus status) {
          status == NATS_SECURE_CONNECTION_WANTED || status == NATS_SECURE_CONNECTION_REQUIRED;
 }
 
-/// The library tells a failed handshake and a refused user apart only in words.
-bool tellsRefusal(const std::string& text) {
-  constexpr std::string_view kWords[] = {"uthorization", "uthentication", "certificate", "SSL", "TLS", "ermission"};
-  return std::ranges::any_of(kWords, [&](auto word) { return text.find(word) != std::string::npos; });
-}
-
 [[noreturn]] void fail(natsStatus status, const std::string& what) {
   const std::string text = explain(status);
   if (status == NATS_NO_RESPONDERS) throw NobodyError(fmt::format("{}: nobody is there", what));
@@ -110,8 +104,8 @@ OptionsPointer optionsOf(const Access& access, const std::string& server, const 
   require(natsOptions_SetTimeout(raw, kTimeout), "options");
   require(natsOptions_SetWriteDeadline(raw, kWriteDeadline), "options");
   require(natsOptions_SetAllowReconnect(raw, false), "options");
-  require(natsOptions_SetPingInterval(raw, 2000), "options");
-  require(natsOptions_SetMaxPingsOut(raw, 2), "options");
+  require(natsOptions_SetPingInterval(raw, options.pingGap.count()), "options");
+  require(natsOptions_SetMaxPingsOut(raw, 1), "options");
   require(natsOptions_UseGlobalMessageDelivery(raw, true), "options");
   require(natsOptions_SetMaxPendingMsgs(raw, 1 << 20), "options");
   require(natsOptions_SetSendAsap(raw, options.isPrompt), "options");
@@ -125,6 +119,14 @@ OptionsPointer optionsOf(const Access& access, const std::string& server, const 
 }
 
 }  // namespace
+
+bool tellsRefusal(const std::string& text) {
+  // The library tells a failed handshake and a refused user apart only in words. The last is what it says when the
+  // server hangs up at the login before its reason is read.
+  constexpr std::string_view kWords[] = {"uthorization", "uthentication", "certificate",    "SSL",
+                                         "TLS",          "ermission",     "Expected 'PONG'"};
+  return std::ranges::any_of(kWords, [&](auto word) { return text.find(word) != std::string::npos; });
+}
 
 void check(const Access& access) {
   if (access.servers.empty()) throw std::runtime_error("no server is named");
@@ -159,6 +161,7 @@ struct Connection::Shared {
   std::condition_variable changed;
   std::string lastError;
   std::function<void()> onEnd;
+  std::function<void(const std::string&)> onRefusal;
   bool isClosed = false;
   int subscriptions = 0;
 };
@@ -171,6 +174,7 @@ struct Connection::Subscription {
 Connection::Connection(const Access& access, const Options& options)
     : inbox_(options.inbox), shared_(std::make_shared<Shared>()) {
   shared_->onEnd = options.onEnd;
+  shared_->onRefusal = options.onRefusal;
   std::vector<std::string> servers = access.servers;
   // A fleet spreads over its servers.
   std::ranges::shuffle(servers, std::mt19937(std::random_device{}()));
@@ -226,6 +230,7 @@ Connection::~Connection() {
   {
     std::unique_lock lock(shared_->mutex);
     shared_->onEnd = nullptr;
+    shared_->onRefusal = nullptr;
     shared_->changed.wait_for(lock, kFarewell, [&] { return shared_->isClosed && shared_->subscriptions == 0; });
   }
   for (natsSubscription* each : subscriptions) natsSubscription_Destroy(each);
@@ -248,10 +253,18 @@ void Connection::onClosed(natsConnection* /*connection*/, void* closure) {
 void Connection::onError(natsConnection* connection, natsSubscription* /*subscription*/, natsStatus error,
                          void* closure) {
   auto* const shared = static_cast<Shared*>(closure);
-  const char* text = nullptr;
-  natsConnection_GetLastError(connection, &text);
-  const std::lock_guard lock(shared->mutex);
-  shared->lastError = text && *text ? text : natsStatus_GetText(error);
+  // The connection's own text may be that of a later one already.
+  natsStatus told = NATS_OK;
+  const char* text = nats_GetLastError(&told);
+  if (told != error) natsConnection_GetLastError(connection, &text);
+  const std::string said = text && *text ? text : natsStatus_GetText(error);
+  std::function<void(const std::string&)> onRefusal;
+  {
+    const std::lock_guard lock(shared->mutex);
+    shared->lastError = said;
+    if (error == NATS_NOT_PERMITTED) onRefusal = shared->onRefusal;
+  }
+  if (onRefusal) onRefusal(said);
 }
 
 void Connection::onMessage(natsConnection* /*connection*/, natsSubscription* /*subscription*/, natsMsg* message,

@@ -33,6 +33,9 @@ class NobodyError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Whether that is said of a server that will not have us.
+bool tellsRefusal(const std::string& text);
+
 /// How a server is reached.
 struct Access {
   std::vector<std::string> servers;  ///< "tls://hub.example:4222", each tried in any order until one is there.
@@ -86,6 +89,10 @@ class Connection {
     bool isPrompt = false;             ///< Sends at once, rather than together with what follows within a millisecond.
     std::function<void()> onEnd = {};  ///< On a thread of the library, once.
     std::string first = {};            ///< The one of the servers that is tried before the others.
+    /// What the server said of something that we have no right to. On a thread of the library.
+    std::function<void(const std::string& text)> onRefusal = {};
+    /// Between two signs of life that the server is asked for; it counts as frozen when it still owes one by then.
+    std::chrono::milliseconds pingGap = std::chrono::seconds(5);
   };
 
   /// @throws AwayError, RefusedError.

@@ -27,8 +27,11 @@ constexpr auto kStoredStatusGap = 30s;
 constexpr auto kDesiredGap = 30s;
 constexpr auto kLeft = 10'000ms;  // Between looks at whether it joins again; it is woken, too.
 constexpr auto kLasting = 2s;     // Of a connection that has come about.
+constexpr auto kBulkPings = 10s;  // The other connection, to the same server, tells earlier.
 constexpr auto kHeardLimit = 5s;  // For it to have what we asked of it.
 constexpr auto kWaitForBroker = 1s;
+
+bool tellsOfSubscription(const std::string& text) { return text.find("Subscription") != std::string::npos; }
 
 }  // namespace
 
@@ -114,17 +117,27 @@ void HXFleet::awaitBroker(const std::stop_token& stop) {
 void HXFleet::attempt(const std::stop_token& stop) {
   const std::string inbox = "_INBOX." + robot_;
   const auto session = std::make_shared<Session>();
-  const auto onEnd = [this] { wake(); };
-  session->control = std::make_shared<fleet::Connection>(
-      access_, fleet::Connection::Options{fmt::format("{} control", robot_), inbox, true, onEnd, answered_});
+  fleet::Connection::Options options{fmt::format("{} control", robot_), inbox, true, [this] { wake(); }, answered_};
+  options.onRefusal = [this, heard = session->heard](const std::string& text) {
+    noteRefusal(text);
+    const bool isNoted = refusal() == text;
+    if (isNoted && tellsOfSubscription(text)) heard->isBarred = true;
+  };
+  {
+    const MutexLock lock(mutex_);
+    refusal_.clear();
+  }
+  session->control = std::make_shared<fleet::Connection>(access_, options);
   if (!holdsName_) requireOwnName(*session->control);
-  session->bulk = std::make_shared<fleet::Connection>(
-      access_,
-      fleet::Connection::Options{fmt::format("{} bulk", robot_), inbox, false, onEnd, session->control->chosen()});
+  options.name = fmt::format("{} bulk", robot_);
+  options.isPrompt = false;
+  options.first = session->control->chosen();
+  options.pingGap = kBulkPings;
+  session->bulk = std::make_shared<fleet::Connection>(access_, options);
   requests_->listen(session->control, presentStatus());
   watchName(session);
-  session->control->subscribe(subjects_->of(robot_, "desired"), [this, weak = std::weak_ptr(session)](const auto&) {
-    if (const auto held = weak.lock()) held->isNudged = true;
+  session->control->subscribe(subjects_->of(robot_, "desired"), [this, heard = session->heard](const auto&) {
+    heard->isNudged = true;
     wake();
   });
   {
@@ -134,6 +147,7 @@ void HXFleet::attempt(const std::stop_token& stop) {
   roster_->listen(session->control);
   // Whoever sees that we are connected may ask us at once.
   session->control->flush(kHeardLimit);
+  if (session->heard->isBarred) throw fleet::RefusedError(refusal());
   become(State::Connected, session->control->server());
   holdsName_ = true;
   sender_->use(session->bulk);
@@ -149,11 +163,13 @@ void HXFleet::serve(Session& session, const std::stop_token& stop) {
     if (Clock::now() - begin > kLasting) served_ = Clock::now();
     if (!session.control->isOpen() || !session.bulk->isOpen()) {
       const std::string why = session.control->isOpen() ? session.bulk->lastError() : session.control->lastError();
+      if (fleet::tellsRefusal(why)) throw fleet::RefusedError(why);
       throw fleet::AwayError(why.empty() ? "the connection was lost" : why);
     }
-    if (session.isTaken) {
+    if (session.heard->isBarred) throw fleet::RefusedError(refusal());
+    if (session.heard->isTaken) {
       holdsName_ = false;
-      throw fleet::RefusedError(session.holder);
+      throw fleet::RefusedError(session.heard->holder);
     }
     tell(session);
     mirror_->listen(session.bulk);
@@ -168,14 +184,16 @@ void HXFleet::tell(Session& session) {
   if (now >= session.nextStatus) {
     session.nextStatus = now + kStatusGap;
     const Status status = presentStatus();
-    session.control->publish(subjects_->of(robot_, "status"), toPayload(status));
+    const bool isWhole = now >= session.nextWhole;
+    if (isWhole) session.nextWhole = now + kStoredStatusGap;
+    session.control->publish(subjects_->of(robot_, "status"), toPayload(status, isWhole));
     Status timeless = status;
     timeless.time = {};
     if (now >= session.nextStored || toPayload(timeless) != stored_) storeStatus(session, status);
     tellDropped(*session.control);
     showState();
   }
-  if (session.isNudged.exchange(false) || now >= session.nextDesired) {
+  if (session.heard->isNudged.exchange(false) || now >= session.nextDesired) {
     session.nextDesired = now + kDesiredGap;
     takeDesired(*session.control);
     mirror_->refresh(session.bulk);
@@ -214,7 +232,9 @@ void HXFleet::storeStatus(Session& session, const Status& status) {
     why = error.what();
   }
   if (!session.control->isOpen()) return;  // Of which more is told soon.
-  if (why.empty()) {
+  if (const std::string refused = refusal(); !refused.empty()) {
+    become(State::Refused, refused);
+  } else if (why.empty()) {
     become(State::Connected, session.control->server());
   } else {
     become(State::Cut, why);

@@ -78,6 +78,9 @@ class HXFleet : public HXModule {
   void requireOwnName(fleet::Connection& connection);
   void watchName(const std::shared_ptr<Session>& session);
   void tell(Session& session);
+  void noteRefusal(const std::string& text);
+  std::string refusal();
+  bool isOwn(std::string_view subject) const;
   void storeStatus(Session& session, const fleet::Status& status);
   void tellDropped(fleet::Connection& connection);
   void takeDesired(fleet::Connection& connection);
@@ -126,6 +129,8 @@ class HXFleet : public HXModule {
   std::optional<State> told_ HX_GUARDED_BY(mutex_);
   std::string reason_ HX_GUARDED_BY(mutex_) = "not connected yet";
   std::string server_ HX_GUARDED_BY(mutex_);
+  std::string refusal_ HX_GUARDED_BY(mutex_);  // What the hub said last of a right that this connection does not have.
+  std::chrono::steady_clock::time_point refusedAt_ HX_GUARDED_BY(mutex_);
   bool isLeft_ HX_GUARDED_BY(mutex_) = false;
   bool isWoken_ HX_GUARDED_BY(mutex_) = false;
 

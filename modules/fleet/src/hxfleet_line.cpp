@@ -89,17 +89,16 @@ void HXFleet::requireOwnName(fleet::Connection& connection) {
 void HXFleet::watchName(const std::shared_ptr<Session>& session) {
   const std::string reply = session->control->inbox() + ".name";
   const auto others = holdsName_ ? Clock::now() + kAskName : Clock::time_point();
-  session->control->subscribe(reply, [this, weak = std::weak_ptr(session), robot = robot_, run = outgoing_->run(),
+  session->control->subscribe(reply, [this, heard = session->heard, robot = robot_, run = outgoing_->run(),
                                       since = fleet::toText(since_), others](const fleet::Message& message) {
-    const auto held = weak.lock();
-    if (!held || held->isTaken || message.data().empty()) return;
+    if (heard->isTaken || message.data().empty()) return;
     try {
       const HXValue other = fromJson(message.data())["metadata"];
       const std::string otherRun = other["run"].asString();
       const bool isLater = std::pair(other["since"].asString(), otherRun) > std::pair(since, run);
       if (otherRun == run || (isLater && Clock::now() > others)) return;
-      held->holder = fmt::format("there is a robot {} already, on host {}", robot, other["host"].asString());
-      held->isTaken = true;
+      heard->holder = fmt::format("there is a robot {} already, on host {}", robot, other["host"].asString());
+      heard->isTaken = true;
       wake();
     } catch (const std::exception&) {  // No answer of ours.
     }

@@ -1,8 +1,10 @@
 #include "hxfleet.h"
+#include "names.h"
 
 #include <hxproxies/hxmemoryproxy.h>
 #include <libmw/log.h>
 
+#include <algorithm>
 #include <utility>
 
 #include <fmt/format.h>
@@ -10,7 +12,14 @@
 // How it stands with the fleet, and who is told.
 
 namespace HX {
-namespace {}  // namespace
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kRefused = 60s;  // For so long it is told after the last time that the hub said so.
+
+}  // namespace
 
 /// One line for each change of state.
 void HXFleet::become(State state, const std::string& reason) {
@@ -27,6 +36,39 @@ void HXFleet::become(State state, const std::string& reason) {
                      fmt::format("robot {} is {}: {}{}", robot_, nameOf(state), reason,
                                  state == State::Left ? "" : "; it is tried again"));
   }
+}
+
+/// Of what we cannot do without; what follows another robot may lack its rights and be no worse for all the rest.
+bool HXFleet::isOwn(std::string_view subject) const {
+  const std::string bucket = subjects_->valueBucket();
+  const std::string own[] = {subjects_->of(robot_, ""), subjects_->put(bucket, robot_ + "."),
+                             fleet::FleetSubjects::stored(bucket, robot_ + "."), "_INBOX.", "$SRV."};
+  return std::ranges::any_of(own, [&](const std::string& head) { return subject.starts_with(head); });
+}
+
+/// Rights that are taken away end no connection: the hub says so of each thing that it refuses, and when it is tried.
+void HXFleet::noteRefusal(const std::string& text) {
+  const auto begin = text.find('"') + 1;
+  const std::string subject = text.substr(begin, text.find('"', begin) - begin);
+  if (!isOwn(subject)) return;
+  const std::string events = subjects_->event(robot_, "");
+  try {
+    if (subject.starts_with(events)) outgoing_->refused(fleet::toKey(subject.substr(events.size())));
+  } catch (const std::exception&) {  // The name was too long for the text.
+  }
+  {
+    const MutexLock lock(mutex_);
+    refusal_ = text;
+    refusedAt_ = Clock::now();
+  }
+  become(State::Refused, text);
+  wake();
+}
+
+std::string HXFleet::refusal() {
+  const MutexLock lock(mutex_);
+  if (Clock::now() - refusedAt_ > kRefused) refusal_.clear();
+  return refusal_;
 }
 
 /// What people on the robot see.

@@ -25,6 +25,11 @@ void Roster::Heard::note(Status status, Clock::time_point when) {
   const MutexLock lock(mutex);
   Robot& robot = robots[status.robot];
   if (when < robot.heard) return;  // What is stored is older than what is heard.
+  if (status.host.empty()) {       // As it was told before.
+    status.host = robot.status.host;
+    status.version = robot.status.version;
+    status.since = robot.status.since;
+  }
   robot = {std::move(status), when};
 }
 

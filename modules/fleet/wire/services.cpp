@@ -29,21 +29,24 @@ std::uint64_t countOf(const HXValue& object, std::string_view name) {
 
 }  // namespace
 
-std::string toPayload(const Status& status) {
-  return toJson(HXValue::map({{"robot", status.robot},
-                              {"run", status.run},
-                              {"host", status.host},
-                              {"version", status.version},
-                              {"since", toText(status.since)},
-                              {"raised", number(status.raised)},
-                              {"confirmed", number(status.confirmed)},
-                              {"queued", number(status.queued)},
-                              {"dropped", number(status.dropped)},
-                              {"missed", number(status.missed)},
-                              {"keys", number(status.keys)},
-                              {"turnedAway", number(status.turnedAway)},
-                              {"desired", number(status.desired)},
-                              {"time", toText(status.time)}}));
+std::string toPayload(const Status& status, bool isWhole) {
+  HXValue::Map map{{"robot", status.robot},
+                   {"run", status.run},
+                   {"raised", number(status.raised)},
+                   {"confirmed", number(status.confirmed)},
+                   {"queued", number(status.queued)},
+                   {"dropped", number(status.dropped)},
+                   {"missed", number(status.missed)},
+                   {"keys", number(status.keys)},
+                   {"turnedAway", number(status.turnedAway)},
+                   {"desired", number(status.desired)},
+                   {"time", toText(status.time)}};
+  if (isWhole) {
+    map["host"] = status.host;
+    map["version"] = status.version;
+    map["since"] = toText(status.since);
+  }
+  return toJson(HXValue(std::move(map)));
 }
 
 Status toStatus(std::string_view payload) {
@@ -51,9 +54,11 @@ Status toStatus(std::string_view payload) {
   Status status;
   status.robot = required(object, "robot").asString();
   status.run = required(object, "run").asString();
-  status.host = required(object, "host").asString();
-  status.version = required(object, "version").asString();
-  status.since = toTime(required(object, "since").asString());
+  if (object.find("host")) {
+    status.host = required(object, "host").asString();
+    status.version = required(object, "version").asString();
+    status.since = toTime(required(object, "since").asString());
+  }
   status.raised = countOf(object, "raised");
   status.confirmed = countOf(object, "confirmed");
   status.queued = countOf(object, "queued");

@@ -27,7 +27,9 @@ struct Status {
   std::uint64_t desired = 0;     ///< The number of what it was last told to have; 0 for nothing.
   mw::SystemTimePoint time{};    ///< When it said so.
 };
-std::string toPayload(const Status& status);
+/// @param isWhole  With what stays the same for the whole run, too: host, version, since.
+std::string toPayload(const Status& status, bool isWhole = true);
+/// One that is not whole has an empty host and version.
 /// @throws std::runtime_error saying what is wrong with it.
 Status toStatus(std::string_view payload);
 

@@ -60,6 +60,7 @@ def try_killing(site, servers, running, robot, follower):
         check_values(site, robot, follower, value, killed)
         running[number] = site.start_hub(host, servers)
         check(site, robot, {}, in_order=False)
+        robot.raise_calmly(100)
     return value
 
 

@@ -4,13 +4,17 @@
 #include "hxfleet.h"
 #include "memory_fixture.h"
 #include "names.h"
+#include "nkey.h"
 #include "print_value.h"
 #include "private_hub.h"
+#include "rights.h"
 
 #include <hxvalue/json.h>
 #include <libmw/anyfunction.h>
 #include <libmw/eventloop.h>
 
+#include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 
@@ -379,6 +383,59 @@ TEST_F(Fleet, IsOneLineForEachChangeOfStateAndEndsWhileTheHubIsFrozen) {
   memory->raiseEvent("Door", 1);
   robot->exit();
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 30s);
+}
+
+/// A text with one part of it replaced.
+std::string with(std::string text, const std::string& part, const std::string& other) {
+  const auto found = text.find(part);
+  EXPECT_NE(found, std::string::npos) << text;
+  return text.replace(found, part.size(), other);
+}
+
+TEST_F(Fleet, IsOneLineForRightsThatAreTakenAwayWhileItIsConnected) {
+  const fleet::UserKey keys[] = {fleet::makeUserKey(), fleet::makeUserKey()};
+  const auto users = [&](const std::string& robots) {
+    return "authorization { users = [\n" + korvo::fleet::operatorUser(subjects, "operator", keys[0].publicKey) +
+           robots + "] }\n";
+  };
+  const auto seedOf = [&](std::size_t key) {
+    const auto file = hub->folder() / ("seed" + std::to_string(key));
+    std::ofstream(file) << keys[key].seed << '\n';
+    std::filesystem::permissions(file, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    return file.string();
+  };
+  const std::string all = korvo::fleet::robotUser(subjects, "robot7", keys[1].publicKey, {});
+  hub->restartWith(users(all));
+  const kit::CaptureLog log({"hxfleet"});
+  join({{"seed", seedOf(1)}});
+  memory->raiseEvent("Door", 1);
+  await([&] { return robot->status()["confirmed"] == HXValue(std::int64_t{1}); });
+
+  // May publish all but events, then not listen to requests, then not be there at all.
+  hub->reloadWith(users(with(all, "publish: { allow: [\"fleet.robot7.>\"", "publish: { allow: [\"fleet.robot7.*\"")));
+  await([&] {
+    memory->raiseEvent("Door", 2);
+    return robot->status()["state"] == HXValue("refused");
+  });
+  EXPECT_THAT(robot->status()["reason"].asString(), HasSubstr("fleet.robot7.event.Door"));
+  await([&] { return robot->status()["inFlight"] == HXValue(std::int64_t{0}); });
+  expectExact();
+  await([&] { return robot->status()["missed"].asInt64() > 0; });
+  hub->reloadWith(
+      users(with(all, "subscribe: { allow: [\"fleet.robot7.>\"", "subscribe: { allow: [\"fleet.robot7.x\"")));
+  await([&] { return robot->status()["reason"].asString().find("ubscription") != std::string::npos; });
+  hub->reloadWith(users(""));
+  await([&] { return robot->status()["reason"].asString().find("uthorization") != std::string::npos; });
+  EXPECT_EQ(robot->status()["state"], HXValue("refused"));
+  hub->reloadWith(users(all));
+  awaitState("connected");
+  const auto confirmed = robot->status()["confirmed"].asInt64();
+  memory->raiseEvent("Door", 3);
+  await([&] { return robot->status()["confirmed"].asInt64() > confirmed; });
+  expectExact();
+  std::vector<std::string> lines = log.texts();
+  std::erase_if(lines, [](const std::string& line) { return !line.starts_with("robot robot7 is "); });
+  EXPECT_THAT(lines, ElementsAre(HasSubstr("is connected"), HasSubstr("is refused"), HasSubstr("is connected")));
 }
 
 TEST_F(Fleet, RefusesSettingsThatAreWrong) {

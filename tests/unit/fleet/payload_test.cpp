@@ -106,6 +106,10 @@ TEST(Statuses, GoThereAndBack) {
   status.since = kTime;
   status.time = kTime;
   status.dropped = std::uint64_t{1} << 40;
+  status.host = "hangar";
+  const Status brief = toStatus(toPayload(status, false));
+  EXPECT_EQ(brief.dropped, status.dropped);
+  EXPECT_EQ(brief.host, "") << "it stays the same, and is told now and then";
   const Status read = toStatus(toPayload(status));
   EXPECT_EQ(toPayload(read), toPayload(status));
   EXPECT_EQ(read.dropped, status.dropped);
