@@ -12,7 +12,7 @@ the given build, which holds what ./start or the command that the document names
     …                    stands for any lines, and within a line for any text
 
 A command without lines below may print what it likes; one that shows `error: ` is to fail. What the console prints
-must have the shown lines in their order. A broker, `korvo host`, `korvo watch` and `korvo top` go on until the
+must have the shown lines in their order. A broker, a hub, `korvo host`, `korvo watch` and `korvo top` go on until the
 document ends, or until it starts the next broker.
 
     <!-- file: NAME -->  the next block is a file of that name
@@ -30,7 +30,7 @@ import time
 
 LIMIT = 300  # Seconds after which a command is taken to hang: some of them compile.
 DONE = "~~~done"
-LASTING = re.compile(r"^\S*korvo (run|host|watch|top|fleet demo)\b(?!.*(\||--help|--version))")
+LASTING = re.compile(r"^\S*korvo (run|host|watch|top|fleet (demo|hub))\b(?!.*(\||--help|--version))")
 
 
 class Failure(Exception):
@@ -100,7 +100,7 @@ class Lasting:
             self.type("")
         elif " fleet demo" in command:
             self.reader.until(lambda line: "are running" in line)
-        elif " run" in command:
+        elif " run" in command or " fleet hub" in command:
             self.reader.until(lambda line: "is running" in line or line.startswith("KEY "))
 
     def type(self, line):
