@@ -33,7 +33,7 @@ void appendQuoted(std::string& text, const std::string& name) {
 }
 
 void appendNumber(std::string& text, std::uint64_t number) {
-  std::array<char, 20> digits;
+  std::array<char, 20> digits{};
   text.append(digits.data(), std::to_chars(digits.data(), digits.data() + digits.size(), number).ptr);
 }
 
@@ -48,7 +48,7 @@ void appendTime(std::string& text, mw::SystemTimePoint time) {
     until = fmt::format("{:%Y-%m-%dT%H:%M:%S}", fmt::gmtime(known.count()));
   }
   constexpr std::size_t kDigits = 6;
-  std::array<char, kDigits> digits;
+  std::array<char, kDigits> digits{};
   for (std::size_t i = kDigits; i-- > 0; micros /= 10) digits[i] = static_cast<char>('0' + micros % 10);
   text.append(until).append(1, '.').append(digits.data(), kDigits).append(1, 'Z');
 }
