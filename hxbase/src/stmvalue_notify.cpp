@@ -310,11 +310,19 @@ void STMValue::call(STMNotifier& record, const std::string& key, const HXValue& 
 
 void STMValue::look(const std::string& module, const std::string& key, const HXValue& value) {
   // The continuations hold the item weakly: were they to own it, an item whose look-up never ends would never end.
-  const auto resolved = [item = self_, module, key, value](const mw::AnyObject& service) {
-    if (const auto held = item.lock()) held->resolveAndCall(service, module, key, value);
+  // While one runs it may be the last to hold it, so that the memory, which waits for its items, has to wait for that
+  // too. A subscriber that ends the memory itself is inside of it, and not waited for.
+  const auto resolved = [memory = itemSignal_->signal.memoryLifetime(), item = self_, module, key,
+                         value](const mw::AnyObject& service) {
+    const auto pass = memory.enter();
+    const auto held = pass ? item.lock() : nullptr;
+    if (held) held->resolveAndCall(service, module, key, value);
   };
-  const auto finished = [item = self_, module](const mw::Future<void>& outcome) {
-    if (const auto held = item.lock()) held->reportAndClean(module, outcome);
+  const auto finished = [memory = itemSignal_->signal.memoryLifetime(), item = self_,
+                         module](const mw::Future<void>& outcome) {
+    const auto pass = memory.enter();
+    const auto held = pass ? item.lock() : nullptr;
+    if (held) held->reportAndClean(module, outcome);
   };
   auto pending = lookUp(module).andThen(resolved).then(finished);
   if (!pending.isFinished()) pendingNotifications_.push_back(std::move(pending));

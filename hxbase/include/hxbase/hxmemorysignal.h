@@ -44,6 +44,8 @@ class HXMemorySignal : public mw::Signal<mw::AnyValue> {
   const std::string& eventName() const { return *eventName_; }
   /// The same, to be kept when the signal goes. Never null.
   const std::shared_ptr<const std::string>& sharedEventName() const { return eventName_; }
+  /// Ends with the memory, which waits for who has entered; refuses where there is none.
+  const mw::Lifetime::Token& memoryLifetime() const { return memoryLifetime_; }
 
  private:
   HXMemory* memory_ = nullptr;

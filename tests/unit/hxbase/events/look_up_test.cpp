@@ -100,6 +100,25 @@ TEST_F(SlowLookUp, CompletesOnOneThreadWhileAnotherRemovesTheEvent) {
   STMValue::drainRetired();
 }
 
+// The one that runs is the last to hold its event.
+TEST_F(SlowLookUp, IsWaitedForByTheEndOfTheMemory) {
+  std::promise<void> called;
+  std::promise<void> mayReturn;
+  far_->react = [&](const auto&) {
+    memory->removeEvent("E");
+    called.set_value();
+    mayReturn.get_future().wait();
+  };
+  memory->raiseEvent("E", HXValue(1));
+  auto running = lookUps_->take("far");
+  const std::jthread completing([&] { running.setValue(found()); });
+  called.get_future().wait();
+  const auto ended = std::async(std::launch::async, [&] { shutDown(); });
+  EXPECT_EQ(ended.wait_for(50ms), std::future_status::timeout);
+  mayReturn.set_value();
+  ended.wait();
+}
+
 TEST_F(SlowLookUp, DoesNotHoldUpTheShutdown) {
   memory->raiseEvent("E", HXValue(1));
   memory->raiseEvent("E", HXValue(2));
