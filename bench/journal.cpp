@@ -4,9 +4,12 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -87,6 +90,32 @@ void insertBesideOneThatIsStopped(benchmark::State& state) {
   state.SetLabel("control=insert/followers:0");
 }
 BENCHMARK(insertBesideOneThatIsStopped);
+
+/// The memory that the process has touched, in KiB.
+double residentMemory() {
+  std::ifstream file("/proc/self/statm");
+  double all = 0;
+  double resident = 0;
+  file >> all >> resident;
+  return resident * static_cast<double>(::sysconf(_SC_PAGESIZE)) / 1024;
+}
+
+/// How much larger ten million changes make the process whose only follower is stopped.
+void growBesideOneThatIsStopped(benchmark::State& state) {
+  auto& memory = theMemory();
+  std::atomic<std::uint64_t> told{0};
+  auto followers = follow(1, told);
+  followers.front().pause();
+  const auto write = [&](int count) {
+    for (int i = 0; i < count; ++i) memory.insertData(keys()[static_cast<std::size_t>(i) % keys().size()], i);
+  };
+  write(70'000);  // The ring is as large as it gets.
+  const double before = residentMemory();
+  for (auto _ : state) write(10'000'000);
+  state.counters["KiB"] = residentMemory() - before;
+  state.SetItemsProcessed(10'000'000);
+}
+BENCHMARK(growBesideOneThatIsStopped)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 /// From the first write until the last change has been told.
 void tell(benchmark::State& state) {

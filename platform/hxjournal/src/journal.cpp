@@ -17,12 +17,12 @@ Journal::~Journal() { close(); }
 
 void Journal::close() noexcept { core_->close(); }
 
-std::uint64_t Journal::append(Entry entry, Afterwards& after) noexcept {
+std::uint64_t Journal::append(Entry&& entry, Afterwards& after) noexcept {
   entry.author = Author::writing();
   return core_->ring.append(entry, nullptr, after);
 }
 
-void Journal::appendRemoval(Entry entry, std::list<Grave>& grave, Afterwards& after) noexcept {
+void Journal::appendRemoval(Entry&& entry, std::list<Grave>& grave, Afterwards& after) noexcept {
   entry.author = Author::writing();
   core_->ring.append(entry, &grave, after);
 }

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "ringlock.h"
+
 #include <hxjournal/journal.h>
-#include <hxvalue/detail/wordlock.h>
 
 #include <array>
 #include <cstddef>
@@ -113,7 +114,7 @@ class Ring {
   const std::size_t chunks_;
   const std::size_t budget_;
 
-  mutable WordLock lock_;
+  mutable RingLock lock_;
   std::vector<Chunks::iterator> ring_ HX_GUARDED_BY(lock_);
   Chunks used_ HX_GUARDED_BY(lock_);
   Chunks spare_ HX_GUARDED_BY(lock_);

@@ -4,7 +4,9 @@
 
 #include <hxauthor/author.h>
 
+#include <atomic>
 #include <random>
+#include <together.h>
 
 namespace HX::journal {
 namespace {
@@ -30,6 +32,20 @@ class Rings : public JournalFixture {
   Ring ring_{Journal::Options{.chunks = 2, .bytes = 1 << 20, .linger = {}}};
   Ring::Store store_ = ring_.makeStore();
 };
+
+TEST_F(Rings, GiveEachOfManyWritersARevisionOfItsOwn) {
+  constexpr std::uint64_t kWriters = 4;
+  constexpr std::uint64_t kEach = 20'000;
+  const std::uint64_t before = ring_.head();
+  std::atomic<std::uint64_t> sum{0};
+  kit::together(kWriters, [&] {
+    std::uint64_t own = 0;
+    for (std::uint64_t i = 0; i < kEach; ++i) own += append(1) - before;
+    sum += own;
+  });
+  EXPECT_EQ(ring_.head() - before, kWriters * kEach);
+  EXPECT_EQ(sum, kWriters * kEach * (kWriters * kEach - 1) / 2);
+}
 
 TEST_F(Rings, ReadsWhatWasAppendedUpToTheTurn) {
   const std::uint64_t first = append(0);

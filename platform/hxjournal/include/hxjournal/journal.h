@@ -107,9 +107,9 @@ class HX_API Journal {
   /// @param entry  All of the change but its revision and author, which are set here.
   /// @param after  Takes what dies by it, and the waking of followers, out of the caller's locks.
   /// @return The revision of the change.
-  std::uint64_t append(Entry entry, Afterwards& after) noexcept;
+  std::uint64_t append(Entry&& entry, Afterwards& after) noexcept;
   /// Appends the last change of an item. `grave` has one element, with the name that `entry` refers to.
-  void appendRemoval(Entry entry, std::list<Grave>& grave, Afterwards& after) noexcept;
+  void appendRemoval(Entry&& entry, std::list<Grave>& grave, Afterwards& after) noexcept;
 
   // --- For followers -------------------------------------------------------------------------------------------------
 
