@@ -54,7 +54,7 @@ class Memory(kit.PackageTest):
             self.robot["Numpy"] = value
             self.assertEqual((self.robot["Numpy"], type(self.robot["Numpy"])), (value, kind))
         whole = numpy.arange(12, dtype=">f4").reshape(3, 4)
-        for value in (whole, whole[:, ::2], whole.T, numpy.zeros((0, 3)), numpy.array(5), numpy.array([True])):
+        for value in (whole, whole[:, ::2], whole.T, whole[0, ::-2], numpy.zeros((0, 3)), numpy.array(5), numpy.array([True])):
             self.robot["Numpy"] = {"in": [value]}
             read = self.robot["Numpy"]["in"][0]
             self.assertEqual((read.dtype, read.shape), (value.dtype, value.shape))
