@@ -10,10 +10,10 @@ namespace HX::journal {
 
 /// A mutex for a section of some ten instructions that every writer of the memory goes through.
 ///
-/// To let go of it is a plain store: nobody is woken, for nobody sleeps until woken. Who meets it held looks again a few
-/// times, which outlasts the section, and then sleeps for moments: the holder was interrupted, and may be a thread that
-/// runs when this one sleeps, and not before. A lock that wakes its waiters asks for them with a locked instruction at
-/// each end, which is a tenth of what a write that is recorded costs.
+/// To let go of it is a plain store: nobody is woken, for nobody sleeps until woken. Who meets it held looks again a
+/// few times, which outlasts the section, and then sleeps for moments: the holder was interrupted, and may be a thread
+/// that runs when this one sleeps, and not before. A lock that wakes its waiters asks for them with a locked
+/// instruction at each end, which is a tenth of what a write that is recorded costs.
 ///
 /// @par Threads  Not recursive. Waiters get in in no order.
 /// @par Memory ordering  As std::mutex: locking acquires, unlocking releases.

@@ -103,6 +103,8 @@ TEST(Batches, TellWhatDiffersLateAndKeysInAnyOrder) {
     for (const char* key = order; *key != 0; ++key) {
       const std::string name(20, *key);
       Change change = changeOf(name.c_str(), *key, revision);
+      change.kind = 1;
+      change.nth = 9;
       if (key - order == 2 || key - order == 4) {
         differ(change);
         ++revision;
