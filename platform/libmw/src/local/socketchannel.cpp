@@ -11,7 +11,6 @@
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -22,8 +21,6 @@ namespace {
 
 /// One turn of reading ends after so much, so that what came is not kept waiting by what comes.
 constexpr std::size_t kTurn = std::size_t{64} << 10;
-/// A text or binary at the end of a message is received to where it will lie, if it is as long.
-constexpr std::size_t kLongTail = std::size_t{32} << 10;
 /// Who reads a long message on waits for so long for the next piece of it,
 constexpr std::chrono::milliseconds kNextPiece{2};
 /// and so many do at once: a peer may send slowly.
@@ -36,16 +33,8 @@ constexpr int kSocketBuffer = 256 << 10;
 constexpr std::chrono::milliseconds kParkedFor{100};
 /// How long a message waits for others where whoever holds it back does not come to send it.
 constexpr std::chrono::milliseconds kHeldFor{2};
-/// What waits for others leaves when it is as much.
-constexpr std::size_t kHeldBytes = std::size_t{256} << 10;
 /// How long a thread that waits for an answer looks again and again before it sleeps, where answers come fast.
 constexpr std::chrono::microseconds kSpin{10};
-/// Messages up to this size are copied, so that many of them wait in one piece of memory.
-constexpr std::size_t kShort = std::size_t{1} << 10;
-constexpr std::size_t kPiece = std::size_t{8} << 10;
-/// How many pieces one call of the system sends.
-constexpr std::size_t kGathered = 64;
-
 std::string describePeer(int socket) {
   ucred credentials{};
   socklen_t size = sizeof credentials;
@@ -74,17 +63,16 @@ SocketChannel::SocketChannel(File socket, const LinkOptions& options)
       socket_(std::move(socket)),
       peer_(describePeer(socket_.number())),
       lastReceived_(Clock::now().time_since_epoch().count()),
-      splitter_(options.frameLimit, options.depthLimit, options.valueLimit),
-      unfinished_(remote::Budget::input(), options.inputOfAll),
-      unread_(remote::Budget::output(), options.outputOfAll) {
+      input_(options),
+      output_(socket_.number(), options) {
   prepare(socket_.number());
 }
 
 SocketChannel::~SocketChannel() { end("nobody uses it"); }
 
 void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
-  unfinished_.join(peer_, weak_from_this());
-  unread_.join(peer_, weak_from_this());
+  input_.share().join(peer_, weak_from_this());
+  output_.share().join(peer_, weak_from_this());
   bool isOver = false;
   {
     const HX::MutexLock lock(watchMutex_);
@@ -102,7 +90,7 @@ void SocketChannel::watch() {
   if (number_ == 0) return;
   std::uint32_t events = EPOLLET;
   if (turn_.isTold()) events |= EPOLLIN | EPOLLRDHUP;
-  if (hasOutput_) events |= EPOLLOUT;
+  if (output_.isBlocked()) events |= EPOLLOUT;
   poller_.watch(number_, socket_.number(), events);
 }
 
@@ -136,7 +124,7 @@ void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& wor
   do {
     const auto received = receive(works);
     if (received == Received::End) return turn_.leavePoller();
-    if (received == Received::All && tail_.isOpen() && works.empty()) return readOn(works);
+    if (received == Received::All && input_.isInTail() && works.empty()) return readOn(works);
     if (received == Received::All && !isLast && turn_.endPoller()) return;
   } while (works.empty());
   // There is more, or may be: whoever is told of it reads on, while this thread does what has come.
@@ -151,7 +139,7 @@ void SocketChannel::readOn(std::vector<remote::Work>& works) {
     turn_.hold();
     watch();
     pollfd file{socket_.number(), POLLIN, 0};
-    while (tail_.isOpen() && ::poll(&file, 1, static_cast<int>(kNextPiece.count())) > 0) {
+    while (input_.isInTail() && ::poll(&file, 1, static_cast<int>(kNextPiece.count())) > 0) {
       if (receive(works) == Received::End) break;
     }
   }
@@ -180,7 +168,7 @@ bool SocketChannel::readSoon() {
     receive(works);
     if (lastReceived_.load() != before || ended_) {
       poller_.post(works);
-      return ended_ || !tail_.isOpen();
+      return ended_ || !input_.isInTail();
     }
     if (limit == Clock::time_point()) limit = Clock::now() + kSpin;
     ::sched_yield();
@@ -199,7 +187,7 @@ void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
     if (count <= 0 || files[0].revents == 0) return;
     const auto received = receive(works);
     poller_.post(works);
-    if (received == Received::End || !tail_.isOpen() || files[1].revents != 0) return;
+    if (received == Received::End || !input_.isInTail() || files[1].revents != 0) return;
   }
 }
 
@@ -208,202 +196,52 @@ SocketChannel::Received SocketChannel::receive(std::vector<remote::Work>& works)
   const auto sink = sink_.lock();
   if (!sink) return Received::End;
   try {
-    return receive(*sink, works);
+    for (std::size_t turn = 0; turn < kTurn;) {
+      if (ended_) return Received::End;
+      const auto room = input_.room();
+      const ssize_t result = ::recv(socket_.number(), room.data(), room.size(), 0);
+      if (result < 0 && errno == EINTR) continue;
+      if (result < 0 && errno == EAGAIN) return Received::All;
+      if (result <= 0) {
+        end(result == 0 ? std::string(remote::kPeerClosed) : reasonOf(errno));
+        return Received::End;
+      }
+      const auto received = static_cast<std::size_t>(result);
+      turn += received;
+      lastReceived_ = Clock::now().time_since_epoch().count();
+      input_.received(received, *sink, works);
+      if (received < room.size()) return Received::All;
+    }
+    return Received::Part;
   } catch (const std::exception& error) {
     end(error.what());
     return Received::End;
   }
 }
 
-SocketChannel::Received SocketChannel::receive(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
-  for (std::size_t turn = 0; turn < kTurn;) {
-    if (ended_) return Received::End;
-    const auto room = this->room();
-    const ssize_t received = ::recv(socket_.number(), room.data(), room.size(), 0);
-    if (received < 0 && errno == EINTR) continue;
-    if (received < 0 && (errno == EAGAIN)) return Received::All;
-    if (received <= 0) {
-      end(received == 0 ? std::string(remote::kPeerClosed) : reasonOf(errno));
-      return Received::End;
-    }
-    turn += static_cast<std::size_t>(received);
-    if (tail_.isOpen()) {
-      tail_.received(static_cast<std::size_t>(received));
-    } else {
-      buffer_.received(static_cast<std::size_t>(received));
-    }
-    lastReceived_ = Clock::now().time_since_epoch().count();
-    deliver(sink, works);
-    if (static_cast<std::size_t>(received) < room.size()) return Received::All;
-  }
-  return Received::Part;
-}
-
-std::span<std::byte> SocketChannel::room() {
-  return tail_.isOpen() ? tail_.room() : buffer_.room(splitter_.missing(buffer_.bytes().size()));
-}
-
-/// Hands the messages that are whole to the sink.
-void SocketChannel::deliver(remote::ChannelSink& sink, std::vector<remote::Work>& works) {
-  try {
-    if (!head_.empty()) {
-      if (!tail_.isOpen()) {
-        sink.onFrame({head_, splitter_.values(), tail_.take()}, works);
-        head_.clear();
-      }
-    } else {
-      const auto rest = deliver(sink, buffer_.bytes(), works);
-      buffer_.drop(buffer_.bytes().size() - rest.size());
-    }
-  } catch (...) {
-    sink.onPause(works);  // What came before stays.
-    throw;
-  }
-  unfinished_.set(buffer_.bytes().size() + head_.size() + tail_.size());
-  sink.onPause(works);
-}
-
-/// @return What is left: the beginning of a message.
-std::span<const std::byte> SocketChannel::deliver(remote::ChannelSink& sink, std::span<const std::byte> bytes,
-                                                  std::vector<remote::Work>& works) {
-  while (!bytes.empty()) {
-    const std::size_t size = splitter_.advance(bytes);
-    if (size == 0 && splitter_.tail().size < kLongTail) break;
-    if (size == 0) {
-      beginTail(bytes);
-      return {};
-    }
-    sink.onFrame({bytes.first(size), splitter_.values()}, works);
-    bytes = bytes.subspan(size);
-  }
-  return bytes;
-}
-
-void SocketChannel::beginTail(std::span<const std::byte> message) {
-  const auto tail = splitter_.tail();
-  const auto head = message.first(tail.begin);
-  head_.assign(head.begin(), head.end());
-  tail_.begin(tail.isText, tail.size, message.subspan(tail.begin));
-  splitter_.endAtTail();
-}
-
 bool SocketChannel::send(remote::Message& message, remote::Sending when) {
-  const bool isFirst = sendOrQueue(message, when);
-  unread_.keepLimit();
-  return isFirst;
+  const auto outcome = output_.send(message, when);
+  follow(outcome);
+  output_.share().keepLimit();
+  if (!outcome.holds) return false;
+  if (!remindIn(kHeldFor, willFlush_, &SocketChannel::flushHeld)) flush();
+  return true;
 }
 
-bool SocketChannel::sendOrQueue(remote::Message& message, remote::Sending when) {
-  HX::MutexLock lock(outputMutex_);
-  if (ended_ || refused_) return false;
-  const auto& bytes = message.bytes;
-  if (when == remote::Sending::Now && output_.empty() && message.shared().empty()) {
-    // What nothing waits before needs no queue.
-    const ssize_t written = ::send(socket_.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (written == static_cast<ssize_t>(bytes.size())) return false;
-    if (written > 0) {
-      sent_ = static_cast<std::size_t>(written);
-      outputBytes_ -= sent_;
-    }
-  }
-  queueLocked(message);
-  if (outputBytes_ > options_.outputLimit) {
-    lock.unlock();
-    end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
-    return false;
-  }
-  if (when == remote::Sending::Soon && outputBytes_ < kHeldBytes) {
-    if (holdsBack_.exchange(true)) return false;
-    if (remindIn(kHeldFor, willFlush_, &SocketChannel::flushHeld)) return true;
-  }
-  if (hasOutput_) return false;  // It leaves when the peer has read.
-  const int error = writeLocked();
-  lock.unlock();
-  if (error != 0) onSendFailed(error);
-  return false;
-}
-
-void SocketChannel::queueLocked(remote::Message& message) {
-  const std::size_t size = message.size();
-  setOutputLocked(outputBytes_ + size);
-  if (size > kShort) return output_.push_back(std::move(message));
-  const auto hasRoom = [size](const remote::Message& last) {
-    return last.shared().empty() && last.bytes.capacity() - last.bytes.size() >= size;
-  };
-  if (output_.empty() || !hasRoom(output_.back())) {
-    output_.push_back({std::exchange(spare_, {}), {}});
-    output_.back().bytes.clear();
-    output_.back().bytes.reserve(kPiece);
-  }
-  auto& bytes = output_.back().bytes;
-  bytes.insert(bytes.end(), message.bytes.begin(), message.bytes.end());
-}
-
-void SocketChannel::setOutputLocked(std::size_t bytes) {
-  outputBytes_ = bytes;
-  unread_.set(bytes);
-}
-
-void SocketChannel::onSendFailed(int error) {
-  if (error != EPIPE) return end(reasonOf(error));
-  // The peer takes nothing more, but what it sent before is still to be read: its end comes behind that.
-  const HX::MutexLock lock(outputMutex_);
-  refused_ = true;
-  output_.clear();
-  setOutputLocked(0);
-  sent_ = 0;
-  if (hasOutput_.exchange(false)) watch();
-}
+void SocketChannel::flush() { follow(output_.flush()); }
 
 void SocketChannel::flushHeld() {
-  if (holdsBack_) flush();
+  if (output_.holds()) flush();
 }
 
-void SocketChannel::flush() {
-  int error = 0;
-  {
-    const HX::MutexLock lock(outputMutex_);
-    if (!ended_ && !output_.empty()) error = writeLocked();
+void SocketChannel::follow(const SocketOutput::Outcome& outcome) {
+  if (outcome.released) expectMore();
+  if (outcome.isMarked) watch();
+  if (outcome.isTooMuch) {
+    end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
+  } else if (outcome.error != 0) {
+    end(reasonOf(outcome.error));
   }
-  if (error != 0) onSendFailed(error);
-}
-
-/// Sends as much as the system takes now.
-/// @return 0, or the system's error when the connection is broken.
-int SocketChannel::writeLocked() {
-  // Answers may come that no thread waits for by reading.
-  if (holdsBack_.exchange(false)) expectMore();
-  while (!output_.empty()) {
-    std::array<iovec, kGathered> parts;  // NOLINT(cppcoreguidelines-pro-type-member-init): read as far as it is filled.
-    std::size_t count = 0;
-    std::size_t skipped = sent_;
-    for (auto next = output_.begin(); next != output_.end() && count + 2 <= parts.size(); ++next) {
-      for (const auto part : {std::span<const std::byte>(next->bytes), next->shared()}) {
-        const std::size_t from = std::min(skipped, part.size());
-        skipped -= from;
-        if (from < part.size()) parts[count++] = {const_cast<std::byte*>(part.data()) + from, part.size() - from};
-      }
-    }
-    msghdr message{};
-    message.msg_iov = parts.data();
-    message.msg_iovlen = count;
-    const ssize_t written = ::sendmsg(socket_.number(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) {
-      if (errno != EAGAIN) return errno;
-      if (!hasOutput_.exchange(true)) watch();
-      return 0;
-    }
-    setOutputLocked(outputBytes_ - static_cast<std::size_t>(written));
-    sent_ += static_cast<std::size_t>(written);
-    while (!output_.empty() && sent_ >= output_.front().size()) {
-      sent_ -= output_.front().size();
-      if (output_.front().bytes.capacity() <= 2 * kPiece) spare_ = std::move(output_.front().bytes);
-      output_.pop_front();
-    }
-  }
-  if (hasOutput_.exchange(false)) watch();
-  return 0;
 }
 
 void SocketChannel::post(remote::Work work) {
@@ -414,19 +252,11 @@ void SocketChannel::post(remote::Work work) {
 
 void SocketChannel::end(const std::string& reason) {
   if (ended_.exchange(true)) return;
-  {
-    const HX::MutexLock lock(outputMutex_);
-    if (holdsBack_) static_cast<void>(writeLocked());  // It was sent before the end.
-  }
+  output_.end();
   ::shutdown(socket_.number(), SHUT_RDWR);
   {
     const HX::MutexLock lock(watchMutex_);
     if (number_ != 0) poller_.remove(std::exchange(number_, 0), socket_.number());
-  }
-  {
-    const HX::MutexLock lock(outputMutex_);
-    output_.clear();
-    setOutputLocked(0);
   }
   if (const auto sink = sinkNow(); sink && !toldEnd_.exchange(true)) sink->onEnd(reason);
 }

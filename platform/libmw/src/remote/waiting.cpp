@@ -3,17 +3,13 @@
 #include "../runtime/threadkept.h"
 #include "../runtime/threadwait.h"
 #include "channel.h"
+#include "inbox.h"
 #include "outputbatch.h"
 
 #include <hxerror/mutex.h>
-#include <libmw/eventloop.h>
 
 #include <algorithm>
-#include <condition_variable>
-#include <deque>
-#include <sys/eventfd.h>
-#include <thread>
-#include <unistd.h>
+#include <chrono>
 #include <vector>
 
 namespace mw::remote {
@@ -21,137 +17,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Task = std::function<void()>;
-
-/// A thread that has called and does not wait at once may never do so. What came for it is then done by others.
-constexpr std::chrono::milliseconds kPatience{5};
-
-}  // namespace
-
-/// What wakes a thread that waits within a chain: the end of what it waits for, and calls that it is to serve.
-///
-/// Calls may come before the thread waits: it has sent, and the answer is a call back. They are kept for it.
-class Inbox final : public detail::Waker, public std::enable_shared_from_this<Inbox> {
- public:
-  Inbox() = default;
-  Inbox(const Inbox&) = delete;
-  Inbox& operator=(const Inbox&) = delete;
-  ~Inbox() override {
-    if (file_ >= 0) ::close(file_);
-  }
-
-  void wake() noexcept override {
-    const HX::MutexLock lock(mutex_);
-    wakeLocked();
-  }
-
-  void put(const Caller& caller, Task task) {
-    const HX::MutexLock lock(mutex_);
-    tasks_.emplace_back(caller, std::move(task));
-    if (isAwaited(caller)) return wakeLocked();
-    defaultLoop().post(
-        [self = shared_from_this()] {
-          while (const Task late = self->takeUnawaited()) late();
-        },
-        kPatience);
-  }
-
-  /// @return The chain of the wait that this one is inside of, for `endWait`.
-  Caller beginWait(const Caller& caller) {
-    const HX::MutexLock lock(mutex_);
-    ++waits_;
-    woken_ = false;  // The thread looks for whatever it was before it sleeps.
-    return std::exchange(caller_, caller);
-  }
-
-  /// What came last was meant for the thread while it waited: it is done by others when the outermost wait has ended.
-  void endWait(const Caller& outer) {
-    std::deque<std::pair<Caller, Task>> left;
-    {
-      const HX::MutexLock lock(mutex_);
-      caller_ = outer;
-      if (--waits_ == 0) left.swap(tasks_);
-    }
-    for (auto& [caller, task] : left) defaultLoop().post(std::move(task));
-  }
-
-  Task takeUnawaited() { return takeIf(false); }
-
-  /// Only of the chain that the thread waits in: another one's call must not meet the locks that this one holds.
-  Task take() { return takeIf(true); }
-
-  /// Sleeps until something was put in, or it was woken since `take`.
-  void sleep(Clock::time_point deadline) {
-    HX::MutexLock lock(mutex_);
-    const auto isWoken = [this]() HX_REQUIRES(mutex_) { return woken_; };
-    if (deadline == Clock::time_point::max()) {
-      condition_.wait(lock.native(), isWoken);
-    } else {
-      condition_.wait_until(lock.native(), deadline, isWoken);
-    }
-    woken_ = false;
-  }
-
-  /// Whether there is a file to poll; the process may be out of them.
-  bool hasFile() const {
-    const HX::MutexLock lock(mutex_);
-    return file_ >= 0;
-  }
-
-  /// Makes wakings readable on a file, for a thread that polls. @return The file; -1 when it cannot be, or when the
-  /// inbox was woken already.
-  int beginPolling() {
-    const HX::MutexLock lock(mutex_);
-    if (file_ < 0) file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (file_ < 0 || std::exchange(woken_, false)) return -1;
-    polling_ = true;
-    return file_;
-  }
-
-  void endPolling() {
-    const HX::MutexLock lock(mutex_);
-    polling_ = false;
-    woken_ = false;  // Whatever it was for is looked at next.
-    if (!std::exchange(signalled_, false)) return;
-    std::uint64_t count = 0;
-    static_cast<void>(!::read(file_, &count, sizeof count));
-  }
-
- private:
-  bool isAwaited(const Caller& caller) const HX_REQUIRES(mutex_) { return waits_ > 0 && caller == caller_; }
-
-  Task takeIf(bool isAwaitedOne) {
-    const HX::MutexLock lock(mutex_);
-    const auto isOne = [&](const auto& one) HX_REQUIRES(mutex_) { return isAwaited(one.first) == isAwaitedOne; };
-    const auto found = std::ranges::find_if(tasks_, isOne);
-    if (found == tasks_.end()) return {};
-    Task task = std::move(found->second);
-    tasks_.erase(found);
-    return task;
-  }
-
-  void wakeLocked() noexcept HX_REQUIRES(mutex_) {
-    woken_ = true;
-    if (!polling_) {
-      condition_.notify_one();
-    } else if (std::this_thread::get_id() != owner_ && !std::exchange(signalled_, true)) {
-      const std::uint64_t one = 1;
-      static_cast<void>(!::write(file_, &one, sizeof one));
-    }
-  }
-
-  const std::thread::id owner_ = std::this_thread::get_id();
-  mutable HX::Mutex mutex_;
-  std::condition_variable condition_;
-  std::deque<std::pair<Caller, Task>> tasks_ HX_GUARDED_BY(mutex_);  // with the chain of each
-  int waits_ HX_GUARDED_BY(mutex_) = 0;                              // inside one another
-  Caller caller_ HX_GUARDED_BY(mutex_);                              // the chain of the innermost
-  bool woken_ HX_GUARDED_BY(mutex_) = false;
-  bool polling_ HX_GUARDED_BY(mutex_) = false;
-  bool signalled_ HX_GUARDED_BY(mutex_) = false;
-  int file_ HX_GUARDED_BY(mutex_) = -1;
-};
-
-namespace {
 
 /// Which threads of this process wait, or are about to, within which chain, and where.
 class Waiters {

@@ -78,7 +78,7 @@ class HostilePeers : public testing::Test {
                                        .signal("said", *signal_)
                                        .build());
     server.emplace(broker, "torso", options);
-    joined.emplace(client, "torso");
+    joined.emplace(client, "torso", LocalClient::Options{.link = {.heartbeat = options.heartbeat}});
     echo = client.service("Echo").take();
   }
 
@@ -244,7 +244,11 @@ TEST_F(HostilePeers, MayLeaveInTheMiddleOfAMessage) {
 class WithLowLimits : public HostilePeers {
  protected:
   WithLowLimits() : HostilePeers(options()) {}
-  static LinkOptions options() { return {.outputLimit = kMegabyte, .inputLimit = kMegabyte, .connectionLimit = 4}; }
+  /// Nor is any of them ended for its silence, however slow the machine.
+  static LinkOptions options() {
+    return {
+        .heartbeat = std::chrono::minutes(10), .outputLimit = kMegabyte, .inputLimit = kMegabyte, .connectionLimit = 4};
+  }
 };
 
 TEST_F(WithLowLimits, APeerThatDoesNotReadItsEmissionsIsEnded) {
