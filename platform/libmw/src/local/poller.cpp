@@ -21,13 +21,9 @@
 namespace mw::local {
 namespace {
 
-using namespace std::chrono_literals;
-
 const char* const kCategory = "mw.link";
 /// So many wait when there is nothing to do: one is woken, the other is there for what comes next.
 constexpr std::size_t kFewestWaiting = 2;
-/// How long a thread beyond those is kept without work.
-constexpr auto kIdleThread = 10s;
 /// Files of the poller itself; sockets are numbered behind them.
 enum OwnFile : std::uint64_t { kWakeUp, kEnd, kLastOwn = kEnd };
 
@@ -78,8 +74,9 @@ Poller& Poller::instance() {
   return *the;
 }
 
-Poller::Poller()
-    : epoll_(made(::epoll_create1(EPOLL_CLOEXEC))),
+Poller::Poller(std::chrono::milliseconds idleTime)
+    : idleTime_(idleTime),
+      epoll_(made(::epoll_create1(EPOLL_CLOEXEC))),
       wakeUp_(made(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       end_(made(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       lastNumber_(kLastOwn) {
@@ -171,8 +168,7 @@ bool Poller::mayRetire() {
 /// connections equal.
 Poller::Told Poller::waitOnce(std::vector<remote::Work>& works) {
   epoll_event event{};
-  const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(kIdleThread).count();
-  const int count = ::epoll_wait(epoll_.number(), &event, 1, static_cast<int>(patience));
+  const int count = ::epoll_wait(epoll_.number(), &event, 1, static_cast<int>(idleTime_.count()));
   if (count < 0) return Told::Nothing;
   if (count == 0) return mayRetire() ? Told::End : Told::Nothing;
   if (event.data.u64 == kEnd) {

@@ -6,6 +6,7 @@
 #include <libmw/file.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -40,7 +41,8 @@ class HX_API Poller {
   /// The one of the process.
   static Poller& instance();
 
-  Poller();
+  /// @param idleTime  How long a thread beyond the two that always wait is kept without work.
+  explicit Poller(std::chrono::milliseconds idleTime = std::chrono::seconds(10));
   Poller(const Poller&) = delete;
   Poller& operator=(const Poller&) = delete;
   /// Not to be reached while threads are in it: `stop` comes first.
@@ -79,6 +81,7 @@ class HX_API Poller {
   void wake();
   std::shared_ptr<Pollable> find(std::uint64_t number) const;
 
+  const std::chrono::milliseconds idleTime_;
   const File epoll_;
   const File wakeUp_;
   const File end_;

@@ -80,7 +80,7 @@ SocketOutput::Outcome SocketOutput::write() {
 ///         comes behind that, and is no error.
 bool SocketOutput::writeSome(int& error) {
   while (!messages_.empty()) {
-    std::array<iovec, kGathered> parts;
+    std::array<iovec, kGathered> parts;  // NOLINT(cppcoreguidelines-pro-type-member-init): read as far as it is filled.
     std::size_t count = 0;
     std::size_t skipped = sent_;
     for (auto next = messages_.begin(); next != messages_.end() && count + 2 <= parts.size(); ++next) {

@@ -46,26 +46,30 @@ class Bell final : public Pollable {
 
 struct PollerTest : testing::Test {
   ~PollerTest() override { poller.stop(); }
-  Poller poller;
+  Poller poller{1ms};
 };
 
-TEST_F(PollerTest, ReadsWhateverBlocks) {
+TEST_F(PollerTest, ReadsWhateverBlocksAndEndsTheThreadsThatThisTook) {
   // Each waits for all others: one more than there are threads would keep the last from being read for ever.
   constexpr int kMany = 40;
-  std::latch all(kMany);
-  std::latch done(kMany);
+  std::latch all(kMany + 1);
+  std::latch counted(1);
   std::vector<std::shared_ptr<Bell>> bells;
   for (int i = 0; i < kMany; ++i) {
     bells.push_back(Bell::make(poller, [&](std::vector<Work>& works) {
       works.emplace_back([&] {
         all.arrive_and_wait();
-        done.count_down();
+        counted.wait();
       });
     }));
   }
   for (const auto& bell : bells) bell->ring();
-  done.wait();
+  all.arrive_and_wait();
   EXPECT_GT(poller.threadCount(), std::size_t{kMany});
+  counted.count_down();
+  const auto deadline = std::chrono::steady_clock::now() + 60s;
+  while (poller.threadCount() > 2 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_EQ(poller.threadCount(), 2U);
 }
 
 TEST_F(PollerTest, DoesAllThatOneReadingBringsAtOnce) {
