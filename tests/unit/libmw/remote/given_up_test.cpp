@@ -133,12 +133,16 @@ TEST_F(QuietSessions, SendWhatABatchCollectsBeforeTheyWaitAndAfterAMoment) {
                                        ->method("count", [](int i) { return i; })
                                        .method("tell", [&](int i) { told.set_value(i); })
                                        .build());
+  broker.registerService("Other", makeService("Other")->method("count", [](int i) { return -i; }).build());
   const AnyObject teller = lookUp(client, "Teller");
+  const AnyObject other = lookUp(client, "Other");
   const Batch batch;
   for (int round = 0; round < 100; ++round) {
     std::vector<Future<AnyValue>> flying;
-    for (int i = 0; i < 50; ++i) flying.push_back(teller->async("count", i));
-    for (int i = 0; i < 50; ++i) EXPECT_EQ(flying[static_cast<std::size_t>(i)].value().reference().to<int>(), i);
+    for (int i = 0; i < 50; ++i) flying.push_back((i % 3 == 0 ? other : teller)->async("count", i));
+    for (int i = 0; i < 50; ++i) {
+      EXPECT_EQ(flying[static_cast<std::size_t>(i)].value().reference().to<int>(), i % 3 == 0 ? -i : i);
+    }
   }
   const auto alone = teller->async("tell", 7);
   EXPECT_EQ(told.get_future().get(), 7) << "though the batch goes on";
