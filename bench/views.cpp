@@ -72,18 +72,6 @@ void readMany(benchmark::State& state) {
   compareWith(state, "getMany", 0.3);
 }
 
-void readWhileWritten(benchmark::State& state) {
-  auto& view = views().front();
-  std::atomic<bool> isOver{false};
-  std::thread writer([&] {
-    for (int i = 0; !isOver; ++i) filledMemory().insertData(keys().front(), i);
-  });
-  for (auto _ : state) benchmark::DoNotOptimize(view.read().revision);
-  isOver = true;
-  writer.join();
-  compareWith(state, "readOne", 2);
-}
-
 void read20(benchmark::State& state) {
   auto& all = views();
   for (auto _ : state) {
@@ -146,7 +134,6 @@ BENCHMARK(getOne);
 BENCHMARK(readOne);
 BENCHMARK(getMany);
 BENCHMARK(readMany);
-BENCHMARK(readWhileWritten);
 BENCHMARK(read20);
 BENCHMARK(writeOneUnviewed);
 BENCHMARK(writeOneViewed);

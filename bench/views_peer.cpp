@@ -6,6 +6,7 @@
 
 #include <hxcommon/hxbroker.h>
 #include <hxproxies/hxmemoryproxy.h>
+#include <hxview/futex.h>
 #include <libmw/local.h>
 
 #include <array>
@@ -13,6 +14,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include <benchmark/benchmark.h>
@@ -42,6 +44,8 @@ class Reader {
         });
       case Order::What::AwaitView:
         return awaitView(order.count);
+      case Order::What::AwaitWord:
+        return awaitWord(order.count);
       case Order::What::AwaitRedis:
         return awaitRedis();
       case Order::What::Stream:
@@ -77,6 +81,12 @@ class Reader {
       if (std::cmp_not_equal(seen.value(), known)) break;
       number_.wait(seen.revision, 1s);
     }
+    return {sharedNow()};
+  }
+
+  Answer awaitWord(std::uint64_t known) {
+    const auto& word = *reinterpret_cast<const HX::view::Word*>(plain() + bench::kWordAt);
+    while (word.load() == known) HX::view::sleepWhile(word, known, 1s);
     return {sharedNow()};
   }
 
@@ -122,15 +132,19 @@ class Reader {
     return answer;
   }
 
-  Answer copyBinary(const Order& order) {
+  const std::byte* plain() {
     if (!mapped_) {
       const int file = ::open((folder_ + "/plain").c_str(), O_RDONLY | O_CLOEXEC);
-      mapped_ = static_cast<const std::byte*>(
-          ::mmap(nullptr, bench::kPlaces * bench::kLarge, PROT_READ, MAP_SHARED | MAP_POPULATE, file, 0));
+      mapped_ =
+          static_cast<const std::byte*>(::mmap(nullptr, bench::kPlain, PROT_READ, MAP_SHARED | MAP_POPULATE, file, 0));
       ::close(file);
     }
+    return mapped_;
+  }
+
+  Answer copyBinary(const Order& order) {
     copied_.resize(bench::kLarge);
-    const std::byte* const source = mapped_ + order.place * bench::kLarge;
+    const std::byte* const source = plain() + order.place * bench::kLarge;
     Answer answer = timed([&] {
       std::memcpy(copied_.data(), source, order.count);
       benchmark::DoNotOptimize(copied_.data());
@@ -165,6 +179,10 @@ int main(int argc, char** argv) {
       if (order.isApart && !apart) apart.emplace(1);
       if (!order.isApart) apart.reset();
       const Answer answer = reader.obey(order);
+      // While the others are still being woken, nobody is to be kept busy by answers.
+      const bool isAwakened = order.what == Order::What::AwaitView || order.what == Order::What::AwaitWord ||
+                              order.what == Order::What::AwaitRedis;
+      if (isAwakened) std::this_thread::sleep_for(2ms);
       if (::write(STDIN_FILENO, &answer, sizeof answer) != sizeof answer) break;
     }
   } catch (const std::exception& error) {

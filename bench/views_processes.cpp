@@ -6,6 +6,7 @@
 #include "transport_hosts.h"
 #include "views_stage.h"
 
+#include <hxview/futex.h>
 #include <libmw/local.h>
 
 #include <algorithm>
@@ -73,6 +74,7 @@ class Hall {
   void writePlain(const std::vector<std::byte>& bytes) {
     std::memcpy(plain_ + ++written_ % bench::kPlaces * bench::kLarge, bytes.data(), bytes.size());
   }
+  HX::view::Word& word() { return *reinterpret_cast<HX::view::Word*>(plain_ + bench::kWordAt); }
 
  private:
   Hall() {
@@ -84,9 +86,8 @@ class Hall {
     for (std::size_t i = 0; i < bench::kFew; ++i) memory().insertData(bench::fewKey(i), 1);
     const std::string path = bench::socketFolder() + "/plain";
     const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (::ftruncate(file, bench::kPlaces * bench::kLarge) != 0) throw std::runtime_error("cannot make " + path);
-    plain_ = static_cast<std::byte*>(
-        ::mmap(nullptr, bench::kPlaces * bench::kLarge, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+    if (::ftruncate(file, bench::kPlain) != 0) throw std::runtime_error("cannot make " + path);
+    plain_ = static_cast<std::byte*>(::mmap(nullptr, bench::kPlain, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
     ::close(file);
     const std::string program = std::filesystem::read_symlink("/proc/self/exe").parent_path() / "bench_views_peer";
     for (std::size_t i = 0; i < kReaders; ++i) {
@@ -155,7 +156,12 @@ void readThereToRedis(benchmark::State& state) {
 void readThereWhileWritten(benchmark::State& state) {
   std::atomic<bool> isOver{false};
   std::thread writer([&] {
-    for (int i = 0; !isOver; ++i) Hall::instance().memory().insertData("Number", i);
+    // A million times a second. It does not sleep, so that it is where it was.
+    std::int64_t next = bench::sharedNow();
+    for (int i = 0; !isOver; ++i) {
+      Hall::instance().memory().insertData("Number", i);
+      for (next += 1000; bench::sharedNow() < next;) continue;
+    }
   });
   readThere(state);
   isOver = true;
@@ -216,6 +222,15 @@ std::pair<double, double> wakeByWrite() {
   return wakeAll(What::AwaitView, known, [] { Hall::instance().memory().insertData("Number", ++number); });
 }
 
+/// What the system takes for it: one call, by whoever has something to say.
+std::pair<double, double> wakeByWord() {
+  auto& word = Hall::instance().word();
+  return wakeAll(What::AwaitWord, word, [&] {
+    ++word;
+    HX::view::wakeAll(word);
+  });
+}
+
 void publish() { Redis::instance().call("*3\r\n$7\r\nPUBLISH\r\n$4\r\nTick\r\n$2\r\n42\r\n", std::strlen(":10\r\n")); }
 
 std::pair<double, double> wakeByPublish() {
@@ -239,6 +254,9 @@ void writeToTen(benchmark::State& state) {
 void writeUntilTenAreAwake(benchmark::State& state) {
   takeTimes(state, [] { return wakeByWrite().second; });
   if (Redis::isInstalled()) compareWith(state, "publishUntilTenAreAwake/iterations:100/manual_time", 0.4);
+}
+void wakeUntilTenAreAwake(benchmark::State& state) {
+  takeTimes(state, [] { return wakeByWord().second; });
 }
 void publishToTen(benchmark::State& state) {
   takeTimes(state, [] { return wakeByPublish().first; });
@@ -322,6 +340,7 @@ BENCHMARK(readFewJustWritten)->UseManualTime()->Iterations(2000);
 BENCHMARK(askOnce)->UseManualTime()->Iterations(20);
 BENCHMARK(writeToTen)->UseManualTime()->Iterations(100);
 BENCHMARK(writeUntilTenAreAwake)->UseManualTime()->Iterations(100);
+BENCHMARK(wakeUntilTenAreAwake)->UseManualTime()->Iterations(100);
 BENCHMARK(streamToTenAsFastAsItGoes)->UseManualTime()->Iterations(3);
 BENCHMARK(streamToTenAtAPace)->UseManualTime()->Iterations(3);
 BENCHMARK(copyLargeThere)

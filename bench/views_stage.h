@@ -16,6 +16,9 @@ inline constexpr std::size_t kPage = 4096;
 inline constexpr std::size_t kLarge = std::size_t{1} << 20;
 
 inline constexpr std::size_t kPlaces = 3;  // Where a large value may lie.
+// What is mapped beside the memory: those, and a word to wait for.
+inline constexpr std::size_t kWordAt = kPlaces * kLarge;
+inline constexpr std::size_t kPlain = kWordAt + kPage;
 
 inline std::string fewKey(std::size_t number) { return "Few/" + std::to_string(number); }
 
@@ -43,6 +46,7 @@ struct Order {
     ReadFew,     ///< All of the few keys once, of which the writer has just written each.
     Ask,         ///< The number by a call, so often.
     AwaitView,   ///< Sleep until the number is another one.
+    AwaitWord,   ///< Sleep until a plain word is another one.
     AwaitRedis,  ///< Sleep until something is published.
     Stream,      ///< Read every value until an empty one.
     ReadBinary,  ///< The one of so many bytes, which has just been written.
