@@ -13,7 +13,10 @@ std::int64_t nanosecondsOf(mw::SystemTimePoint time) { return time.time_since_ep
 /// @return False when it has not been prepared for the views; nothing has happened then.
 [[gnu::noinline]] bool STMValue::tell(const HXValue& value, dataType kind, mw::SystemTimePoint time,
                                       const Record* record, const view::Preparation* prepared) {
-  if (shown_ && !shown_->isPlain() && !(prepared && prepared->isFor(*shown_))) return false;
+  if (shown_) {
+    if (!shown_->isPlain() && !(prepared && prepared->isFor(*shown_))) return false;
+    shown_->expect();
+  }
   ++nth_;
   revision_ = 0;
   if (record) recordValue(value, kind, time, *record);

@@ -50,8 +50,8 @@ void Shown::introduce(State state) const noexcept {
 // Where there are rings, the Preparation holds the lock of these three.
 
 void Shown::publish(const Content& content) const noexcept {
-  if (parts_.cell) view::publish(*parts_.cell, content);
-  commit(content, 0);
+  if (cell_) view::publish(*cell_, content);
+  if (!isPlain_) commit(content, 0);
 }
 
 void Shown::commit(const Content& content, std::size_t firstRing) const noexcept HX_UNCHECKED {

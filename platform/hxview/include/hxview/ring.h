@@ -5,6 +5,7 @@
 #include <hxview/detail/copyshared.h>
 #include <hxview/layout.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -67,6 +68,13 @@ class HX_API RingReader {
   const RingShape& shape() const noexcept { return shape_; }
   /// The latest publication; 0 for none.
   std::uint64_t latest() const noexcept { return head_->sequence.load(std::memory_order_acquire); }
+  /// A publication may have come: has the begin of it brought while the sequence is on its way, which says whether it
+  /// has. A hint, of which nothing depends.
+  /// @param number  Which.
+  void expect(std::uint64_t number) const noexcept {
+    const std::byte* const slot = slots_ + number % shape_.slots * shape_.stride();
+    for (std::size_t at = 0; at < std::min(shape_.stride(), kExpected); at += kLine) __builtin_prefetch(slot + at);
+  }
   /// How many publications can be read, the latest among them.
   std::uint64_t depth() const noexcept { return shape_.slots - 1; }
   /// Copies a publication.
@@ -79,6 +87,8 @@ class HX_API RingReader {
   const Word& sequence() const noexcept { return head_->sequence; }
 
  private:
+  static constexpr std::size_t kExpected = 1024;  // As many lines as a processor fetches at a time.
+
   RingShape shape_;
   std::uint64_t owner_ = 0;
   const RingHead* head_ = nullptr;

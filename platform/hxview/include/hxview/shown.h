@@ -56,11 +56,19 @@ class HX_API Shown : public std::enable_shared_from_this<Shown> {
   };
 
   /// @param parts  What it consists of.
-  explicit Shown(Parts parts) : parts_(std::move(parts)) {}
+  explicit Shown(Parts parts)
+      : cell_(parts.cell), isPlain_(parts.rings.empty() && parts.targets.empty()), parts_(std::move(parts)) {}
 
   const Parts& parts() const noexcept { return parts_; }
   /// Whether a write has nothing to prepare, and nobody to wake.
-  bool isPlain() const noexcept { return parts_.rings.empty() && parts_.targets.empty(); }
+  bool isPlain() const noexcept { return isPlain_; }
+  /// Something will be published in a moment: has the line of the cell brought meanwhile, which its readers have. Much
+  /// earlier would be too early: who reads all the time would have it again.
+  void expect() const noexcept {
+#ifdef __x86_64__
+    if (cell_) asm volatile("prefetchw %0" : : "m"(*cell_));
+#endif
+  }
 
   /// Publishes a value, prepared if this is not plain.
   /// @param value              The one that was prepared.
@@ -89,6 +97,9 @@ class HX_API Shown : public std::enable_shared_from_this<Shown> {
   void publish(const Content& content) const noexcept;
   void commit(const Content& content, std::size_t firstRing) const noexcept;
 
+  // Together on a line: all that a plain write needs.
+  Cell* const cell_;
+  const bool isPlain_;
   const Parts parts_;
   mutable Mutex mutex_;  // Around preparing and publishing, where there are rings.
   mutable std::vector<RingWriter> rings_ HX_GUARDED_BY(mutex_) = parts_.rings;

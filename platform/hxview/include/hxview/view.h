@@ -145,6 +145,7 @@ class View {
   }
   const Seen<T>& readRing() {
     view::Content content;
+    watch_.place().ring.expect(seen_.revision + 1);
     for (int tries = 0; tries < view::kTries; ++tries) {
       const std::uint64_t latest = watch_.place().ring.latest();
       // Read already: it is not copied again, but the broker may have shown since that it runs.
