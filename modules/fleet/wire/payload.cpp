@@ -47,10 +47,10 @@ void appendTime(std::string& text, mw::SystemTimePoint time) {
     known = second.time_since_epoch();
     until = fmt::format("{:%Y-%m-%dT%H:%M:%S}", fmt::gmtime(known.count()));
   }
-  constexpr std::size_t kDigits = 6;
-  std::array<char, kDigits> digits{};
-  for (std::size_t i = kDigits; i-- > 0; micros /= 10) digits[i] = static_cast<char>('0' + micros % 10);
-  text.append(until).append(1, '.').append(digits.data(), kDigits).append(1, 'Z');
+  constexpr std::size_t kMicroDigits = 6;
+  std::array<char, kMicroDigits> digits{};
+  for (std::size_t i = kMicroDigits; i-- > 0; micros /= 10) digits[i] = static_cast<char>('0' + micros % 10);
+  text.append(until).append(1, '.').append(digits.data(), kMicroDigits).append(1, 'Z');
 }
 
 std::string textOf(const HXValue& object, std::string_view name) {
