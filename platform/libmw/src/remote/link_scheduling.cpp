@@ -230,7 +230,7 @@ Work Link::giveUp(Reader& in) {
 
 /// Names calls that have waited long behind another one of their own thread, which may never end.
 void Link::reportWaits() {
-  constexpr unsigned kPatience = 5;
+  constexpr unsigned kHeartbeatsOfPatience = 5;
   std::vector<std::string> texts;
   const StrandKey* strand = nullptr;
   const Incoming* running = nullptr;
@@ -239,9 +239,10 @@ void Link::reportWaits() {
     const auto state = call->state.load();
     if (state == Incoming::State::Runs) running = call.get();
     if (state != Incoming::State::Waits) return;
-    if (++call->heartbeats == kPatience && running) {
+    if (++call->heartbeats == kHeartbeatsOfPatience && running) {
       texts.push_back(fmt::format("{} of {} has waited for longer than {} ms behind {}, a call of the same thread",
-                                  call->target, peer(), (kPatience * options_.heartbeat).count(), running->target));
+                                  call->target, peer(), (kHeartbeatsOfPatience * options_.heartbeat).count(),
+                                  running->target));
     }
     running = nullptr;  // Those behind it wait for the same.
   });
