@@ -85,19 +85,18 @@ void HXFleet::run(const std::stop_token& stop) {
   while (!stop.stop_requested()) {
     try {
       if (hasLeft()) {
-        become(State::Left, "it was told to leave");
+        lose(State::Left, "it was told to leave");
         pause(kLeft, stop);
         continue;
       }
       attempt(stop);
     } catch (const fleet::RefusedError& error) {
-      become(State::Refused, error.what());
+      lose(State::Refused, error.what());
     } catch (const std::exception& error) {
-      become(State::Away, error.what());
+      lose(State::Away, error.what());
     }
     sender_->use(nullptr);
     mirror_->lose();
-    roster_->lose(presentReason());
     showState();
     awaitServer(stop);
   }

@@ -87,10 +87,10 @@ class HXFleet : public HXModule {
   std::chrono::milliseconds untilNextAttempt();
   void pause(std::chrono::milliseconds duration, const std::stop_token& stop);
   void become(State state, const std::string& reason);
+  void lose(State state, const std::string& reason);
   void showState();
   bool hasLeft();
   void wake();
-  std::string presentReason();
   static const char* nameOf(State state);
   fleet::Status presentStatus();
 

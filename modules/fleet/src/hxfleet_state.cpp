@@ -38,6 +38,12 @@ void HXFleet::become(State state, const std::string& reason) {
   }
 }
 
+/// Whoever sees the state may ask at once, and is then not to get what was so before.
+void HXFleet::lose(State state, const std::string& reason) {
+  roster_->lose(reason);
+  become(state, reason);
+}
+
 /// Of what we cannot do without; what follows another robot may lack its rights and be no worse for all the rest.
 bool HXFleet::isOwn(std::string_view subject) const {
   const std::string bucket = subjects_->valueBucket();
@@ -113,11 +119,6 @@ fleet::Status HXFleet::presentStatus() {
   status.desired = desiredRevision_;
   status.time = mw::systemNow();
   return status;
-}
-
-std::string HXFleet::presentReason() {
-  const MutexLock lock(mutex_);
-  return reason_;
 }
 
 }  // namespace HX

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <linux/filter.h>
+#include <poll.h>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -55,6 +56,13 @@ class Port {
   Port& operator=(const Port&) = delete;
 
   void listen(int backlog) { EXPECT_EQ(::listen(socket_, backlog), 0); }
+  /// Whether somebody connects within a minute.
+  bool isCalled() {
+    pollfd file{socket_, POLLIN, 0};
+    if (::poll(&file, 1, 60'000) <= 0) return false;
+    ::close(accept());
+    return true;
+  }
   int accept() { return ::accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC); }
   int connect() const {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -107,6 +115,17 @@ TEST(Knocking, GoesOnWhileTheServerIsSilentAndEndsWhenItIsEnough) {
     answer = knocking.await(200ms, kNever);
   }
   EXPECT_EQ(answer, port.url());
+}
+
+TEST(Knocking, DoesNotWaitForTheAnswerToTheKnockBefore) {
+  Port port;
+  port.listen(8);
+  Knocking knocking;
+  knocking.resolve({port.url()});
+  knocking.knock();
+  knocking.knock();
+  EXPECT_TRUE(port.isCalled());
+  EXPECT_TRUE(port.isCalled());
 }
 
 TEST(Knocking, WaitsForNobodyWhereNoAddressIsKnown) {
