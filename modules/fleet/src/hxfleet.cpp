@@ -148,7 +148,7 @@ void HXFleet::attempt(const std::stop_token& stop) {
   session->control->flush(kHeardLimit);
   if (session->heard->isBarred) throw fleet::RefusedError(refusal());
   become(State::Connected, session->control->server());
-  holdsName_ = true;
+  session->isReturn = std::exchange(holdsName_, true);
   sender_->use(session->bulk);
   if (knocking_.isStale()) knocking_.resolve(access_.servers);
   serve(*session, stop);
@@ -208,9 +208,11 @@ void HXFleet::storeStatus(Session& session, const Status& status) {
       return writeKey(*session.control, *subjects_, subjects_->statusBucket(), robot_, payload, statusSequence_);
     };
     auto answer = put();
+    // What was stored by us is gone, or may have been before we knew of it: so is what else there was.
+    const bool isBlank = answer.isStored() && session.isReturn && statusSequence_ == 0;
+    const bool isGone = isBlank || (answer.last && *answer.last < statusSequence_);
+    if (isGone) outgoing_->onValues([](fleet::LastValues& values) { values.beginAnew(); });
     if (answer.last) {
-      // What was stored by us is gone: so is what else there was.
-      if (*answer.last < statusSequence_) outgoing_->onValues([](fleet::LastValues& values) { values.beginAnew(); });
       statusSequence_ = *answer.last;
       answer = put();
     }

@@ -23,6 +23,7 @@ struct HXFleet::Session {
   const std::shared_ptr<Heard> heard = std::make_shared<Heard>();
   std::shared_ptr<fleet::Connection> control;
   std::shared_ptr<fleet::Connection> bulk;
+  bool isReturn = false;  // It is not the first.
   std::chrono::steady_clock::time_point nextStatus{};
   std::chrono::steady_clock::time_point nextStored{};
   std::chrono::steady_clock::time_point nextWhole{};

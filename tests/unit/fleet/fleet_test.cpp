@@ -13,6 +13,7 @@
 #include <libmw/anyfunction.h>
 #include <libmw/eventloop.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -253,10 +254,13 @@ TEST_F(Fleet, GivesARobotWhatItIsToHave) {
   };
   want(R"({"Speed":1,"Mode":"slow"})");
   join();
-  await([&] { return memory->xGetSTMValue("Mode") && memory->getData("Mode") == HXValue("slow"); });
+  const auto has = [&](const char* key, const HXValue& value) {
+    return memory->xGetSTMValue(key) && memory->getData(key) == value;
+  };
+  await([&] { return has("Mode", "slow") && has("Speed", 1); });
   memory->insertData("Speed", 5);
   want(R"({"Speed":1,"Mode":"fast"})");
-  await([&] { return memory->getData("Mode") == HXValue("fast"); });
+  await([&] { return has("Mode", "fast"); });
   EXPECT_EQ(memory->getData("Speed"), HXValue(5)) << "what the robot wrote stays until the entry changes";
   EXPECT_FALSE(fleet::writeKey(*tool, subjects, "fleet_desired", "robot7", "{}", 1).isStored())
       << "somebody else was first";
@@ -421,9 +425,13 @@ TEST_F(Fleet, IsOneLineForRightsThatAreTakenAwayWhileItIsConnected) {
   await([&] { return robot->status()["inFlight"] == HXValue(std::int64_t{0}); });
   expectExact();
   await([&] { return robot->status()["missed"].asInt64() > 0; });
-  hub->reloadWith(
-      users(with(all, "subscribe: { allow: [\"fleet.robot7.>\"", "subscribe: { allow: [\"fleet.robot7.x\"")));
-  await([&] { return robot->status()["reason"].asString().find("ubscription") != std::string::npos; });
+  const std::string deaf =
+      with(all, "subscribe: { allow: [\"fleet.robot7.>\"", "subscribe: { allow: [\"fleet.robot7.x\"");
+  const auto awaitDeafness = [&] {
+    await([&] { return robot->status()["reason"].asString().find("ubscription") != std::string::npos; });
+  };
+  hub->reloadWith(users(deaf));
+  awaitDeafness();
   hub->reloadWith(users(""));
   await([&] { return robot->status()["reason"].asString().find("uthorization") != std::string::npos; });
   EXPECT_EQ(robot->status()["state"], HXValue("refused"));
@@ -434,8 +442,27 @@ TEST_F(Fleet, IsOneLineForRightsThatAreTakenAwayWhileItIsConnected) {
   await([&] { return robot->status()["confirmed"].asInt64() > confirmed; });
   expectExact();
   std::vector<std::string> lines = log.texts();
-  std::erase_if(lines, [](const std::string& line) { return !line.starts_with("robot robot7 is "); });
+  // A hub that reads its users again may hang up before it says why.
+  const auto isSaid = [](const std::string& line, const char* what) { return line.find(what) != std::string::npos; };
+  std::erase_if(lines, [&](const auto& line) { return !isSaid(line, "robot robot7 is ") || isSaid(line, "is away"); });
+  const auto areRefusals = [&](const auto& a, const auto& b) {
+    return isSaid(a, "is refused") && isSaid(b, "is refused");
+  };
+  lines.erase(std::ranges::unique(lines, areRefusals).begin(), lines.end());
   EXPECT_THAT(lines, ElementsAre(HasSubstr("is connected"), HasSubstr("is refused"), HasSubstr("is connected")));
+
+  // What it listens to it has to ask for again, or it would be online and answer nobody.
+  hub->reloadWith(users(deaf));
+  awaitDeafness();
+  hub->reloadWith(users(all));
+  await([&] {
+    try {
+      Connection asking(fleet::Access{{hub->url()}, {}, seedOf(0), false}, Connection::Options{"operator"});
+      return fleet::askRobot(asking, subjects.of("robot7", "get"), "\"Door\"", 5s) == HXValue(3);
+    } catch (const std::exception&) {  // While the hub reads its users again it knows none.
+      return false;
+    }
+  });
 }
 
 TEST_F(Fleet, RefusesSettingsThatAreWrong) {
