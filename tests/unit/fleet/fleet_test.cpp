@@ -448,7 +448,7 @@ TEST_F(Fleet, IsOneLineForRightsThatAreTakenAwayWhileItIsConnected) {
   const auto areRefusals = [&](const auto& a, const auto& b) {
     return isSaid(a, "is refused") && isSaid(b, "is refused");
   };
-  lines.erase(std::ranges::unique(lines, areRefusals).begin(), lines.end());
+  lines.erase(std::unique(lines.begin(), lines.end(), areRefusals), lines.end());
   EXPECT_THAT(lines, ElementsAre(HasSubstr("is connected"), HasSubstr("is refused"), HasSubstr("is connected")));
 
   // What it listens to it has to ask for again, or it would be online and answer nobody.
