@@ -268,8 +268,8 @@ TEST_F(Fleet, GivesARobotWhatItIsToHave) {
 
 TEST_F(Fleet, LeavesANameToTheRobotThatHasIt) {
   auto other = connect();
-  other->subscribe("$SRV.PING.korvo.robot7", [&](const fleet::Message& message) {
-    other->publish(message.reply(), R"({"metadata":{"run":"another","host":"elsewhere","since":"2020"}})");
+  other->subscribe("$SRV.PING.korvo.robot7", [&elsewhere = *other](const fleet::Message& message) {
+    elsewhere.publish(message.reply(), R"({"metadata":{"run":"another","host":"elsewhere","since":"2020"}})");
   });
   other->flush(5s);
   join({}, "refused");
