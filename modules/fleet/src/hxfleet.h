@@ -74,25 +74,26 @@ class HXFleet : public HXModule {
   void attempt(const std::stop_token& stop);
   void awaitServer(const std::stop_token& stop);
   void serve(Session& session, const std::stop_token& stop);
-  void watchLine(Session& session, const std::stop_token& stop);
+  void watchLine(Session& session, const std::stop_token& stop);  // On a thread of its own.
   void requireOwnName(fleet::Connection& connection);
   void watchName(const std::shared_ptr<Session>& session);
   void tell(Session& session);
-  void noteRefusal(const std::string& text);
-  std::string refusal();
-  bool isOwn(std::string_view subject) const;
   void storeStatus(Session& session, const fleet::Status& status);
   void tellDropped(fleet::Connection& connection);
   void takeDesired(fleet::Connection& connection);
   std::chrono::milliseconds untilNextAttempt();
   void pause(std::chrono::milliseconds duration, const std::stop_token& stop);
-  void become(State state, const std::string& reason);
   void lose(State state, const std::string& reason);
   void showState();
+  fleet::Status presentStatus();
+  // On any, the library's too:
+  void noteRefusal(const std::string& text);
+  std::string refusal();
+  bool isOwn(std::string_view subject) const;
+  void become(State state, const std::string& reason);
   bool hasLeft();
   void wake();
   static const char* nameOf(State state);
-  fleet::Status presentStatus();
 
   // As the settings say.
   static constexpr const char* kCategory = "hxfleet";
