@@ -180,7 +180,6 @@ void NotifierLock::reportWait() const {
 }
 
 std::vector<MemoryInsight::Call> NotifierLock::calls() {
-  const auto now = PatienceClock::now();
   std::vector<MemoryInsight::Call> found;
   Threads::instance().forEach([&](const Thread& thread) {
     const bool isSeen = thread.seenStep == thread.step.load(std::memory_order_relaxed);
@@ -189,7 +188,8 @@ std::vector<MemoryInsight::Call> NotifierLock::calls() {
     for (; calls; calls = calls->outer_) {
       const std::string* const subscriber = calls->subscriber_.load(std::memory_order_acquire);
       if (!subscriber) continue;
-      const auto lasts = isSeen && calls == innermost ? now - thread.seenSince : PatienceClock::duration::zero();
+      const bool isTimed = isSeen && calls == innermost;
+      const auto lasts = isTimed ? PatienceClock::now() - thread.seenSince : PatienceClock::duration::zero();
       found.push_back({calls->lock_.event_, *subscriber, lasts});
     }
   });
@@ -197,7 +197,6 @@ std::vector<MemoryInsight::Call> NotifierLock::calls() {
 }
 
 std::vector<MemoryInsight::Wait> NotifierLock::waits() {
-  const auto now = PatienceClock::now();
   std::vector<MemoryInsight::Wait> found;
   std::vector<const NotifierLock*> awaited;  // Of each. May have gone by the time they are compared.
   std::vector<std::pair<const NotifierLock*, std::string>> called;
@@ -212,7 +211,8 @@ std::vector<MemoryInsight::Wait> NotifierLock::waits() {
     const std::string* const self = innermost ? innermost->subscriber_.load(std::memory_order_acquire) : nullptr;
     const auto author = Author::textOf(thread.waitsAs.load(std::memory_order_relaxed));
     const PatienceClock::time_point since(PatienceClock::duration(thread.waitsSince.load(std::memory_order_relaxed)));
-    found.push_back({lock->event_, self ? *self : author ? *author : std::string(), {}, now - since});
+    const auto lasts = PatienceClock::now() - since;  // Not by a time from before the look: the wait may be younger.
+    found.push_back({lock->event_, self ? *self : author ? *author : std::string(), {}, lasts});
     awaited.push_back(lock);
   });
   for (std::size_t i = 0; i < found.size(); ++i) {
