@@ -116,6 +116,31 @@ struct Notices {
   }
 };
 
+/// A raise to one who subscribed in another process.
+struct Raise {
+  /// Who says that it listens by a key.
+  struct Listener {
+    const std::string tallyFile = bench::socketFolder() + "/tally.listener";
+    SharedTally tally{tallyFile};
+    Child child{{bench::peerProgram(), "listener", tallyFile, "0"}};
+  };
+  Raise() {
+    const auto isReady = [this] {
+      const auto names = broker.memory->call<HX::HXValue>("getDataList", "Ready/0");
+      return names.getSize() != 0;
+    };
+    while (!isReady() && follower.child.isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  Broker& broker = Broker::instance();
+  Listener follower;
+
+  static Raise& instance() {
+    static Raise the;
+    return the;
+  }
+  void sendTime() { broker.memory->call("raiseEvent", "Tick", bench::sharedNow()); }
+};
+
 template <class Feed>
 void streamChanges(benchmark::State& state) {
   auto& feed = Feed::instance();
@@ -160,8 +185,16 @@ void followSlowly(benchmark::State& state) {
   if (Redis::isInstalled()) state.SetLabel("control=streamOfRedisSlowly/real_time aim=1");
 }
 
+void followSlowlyBesideRaises(benchmark::State& state) {
+  streamSlowly<Journal>(state);
+  state.SetLabel("control=raiseSlowly/real_time aim=2");
+}
+void raiseSlowly(benchmark::State& state) { streamSlowly<Raise>(state); }
+
 BENCHMARK(followFromProcess)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(followSlowly)->UseRealTime();
+BENCHMARK(followSlowlyBesideRaises)->UseRealTime();
+BENCHMARK(raiseSlowly)->UseRealTime();
 
 [[maybe_unused]] const bool withRedis = [] {
   if (!Redis::isInstalled()) return false;

@@ -1,22 +1,33 @@
 #include <hxbase/hxmemory.h>
 #include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
+#include <libmw/servedcall.h>
 
 namespace HX {
 namespace {
 
 class DefaultLoop : public journal::Executor {
  public:
+  explicit DefaultLoop(const mw::GenericObject& memory) : memory_(memory) {}
+
   bool post(std::function<void()> task, std::chrono::nanoseconds delay) override {
     return mw::defaultLoop().post(std::move(task), delay);
   }
+  /// A method of a module may go on for long after it has written something: only who calls the memory itself from
+  /// another process is known to be done.
+  bool leave(const std::function<void()>& task) override {
+    return mw::servesNothingBut(memory_) && mw::defaultLoop().postAfterServing(task);
+  }
   std::chrono::steady_clock::time_point now() const noexcept override { return std::chrono::steady_clock::now(); }
+
+ private:
+  const mw::GenericObject& memory_;  // To be compared, no more: it ends before those who follow.
 };
 
 }  // namespace
 
-std::shared_ptr<journal::Executor> HXMemory::executorOf(const JournalSettings& settings) {
-  return settings.executor ? settings.executor : std::make_shared<DefaultLoop>();
+std::shared_ptr<journal::Executor> HXMemory::executorOf(const JournalSettings& settings) const {
+  return settings.executor ? settings.executor : std::make_shared<DefaultLoop>(*this);
 }
 
 std::uint64_t HXMemory::walk(std::uint64_t place, std::uint64_t until, std::size_t homes,

@@ -149,7 +149,7 @@ void HXMemory::requireFilable(std::string_view name) {
 /// writes of which nobody is told do not pay for it.
 [[gnu::noinline]] bool HXMemory::overwriteTold(const std::string& name, HXValue& value, STMValue::dataType kind,
                                                std::shared_ptr<STMValue>* item) {
-  journal::Afterwards after(*journal_);
+  journal::Afterwards after(*journal_, !item);  // Who wants the item goes on.
   view::Afterwards wakes;
   const STMValue::Record record{*journal_, whatOf(kind, item), after};
   const SharedLock lock(itemsLock);

@@ -20,6 +20,25 @@ class ManualExecutor : public HX::journal::Executor {
     tasks_.emplace(now_ + delay, std::move(task));
     return true;
   }
+  /// Keeps one task, where the test lets it, until the test runs `runLeft`.
+  bool leave(const std::function<void()>& task) override {
+    const std::lock_guard lock(mutex_);
+    if (!mayLeave_ || left_) return false;
+    left_ = task;
+    return true;
+  }
+  void letLeave() {
+    const std::lock_guard lock(mutex_);
+    mayLeave_ = true;
+  }
+  void runLeft() {
+    std::function<void()> task;
+    {
+      const std::lock_guard lock(mutex_);
+      std::swap(task, left_);
+    }
+    if (task) task();
+  }
   Clock::time_point now() const noexcept override {
     const std::lock_guard lock(mutex_);
     return now_;
@@ -80,6 +99,8 @@ class ManualExecutor : public HX::journal::Executor {
   std::multimap<Clock::time_point, std::function<void()>> tasks_;
   Clock::time_point now_{std::chrono::hours(1)};
   std::size_t posted_ = 0;
+  bool mayLeave_ = false;
+  std::function<void()> left_;
 };
 
 }  // namespace kit

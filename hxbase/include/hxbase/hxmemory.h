@@ -295,7 +295,7 @@ class HXMemory : public HXModule,
   void mapSignal(const mw::AnyObject& object, const std::string& service, const std::string& signal,
                  const std::string& event, const char* caller);
 
-  static std::shared_ptr<journal::Executor> executorOf(const JournalSettings& settings);
+  std::shared_ptr<journal::Executor> executorOf(const JournalSettings& settings) const;
   // What the journal asks for: hxmemory_journal.cpp.
   std::uint64_t walk(std::uint64_t place, std::uint64_t until, std::size_t homes,
                      journal::Visitor& visitor) const override;

@@ -87,7 +87,7 @@ void RemoteFollow::onBatch(std::uint64_t opening, const HXValue& batch) {
   const MutexLock lock(mutex_);
   if (opening != opening_ || ended_) return;
   queue_.push_back({opening, batch});
-  post();
+  post(true);  // Nothing comes after this in the delivery.
 }
 
 void RemoteFollow::onService(bool isThere) {
@@ -105,11 +105,15 @@ void RemoteFollow::onService(bool isThere) {
 }
 
 /// Sees to a task when there is something to do; the one that runs sees to the next.
-void RemoteFollow::post() {
+/// @param here  By the calling thread, once it has delivered what it delivers: nobody else has to be woken.
+void RemoteFollow::post(bool here) {
   const bool isRunning = running_ != std::thread::id();
   if (posted_ || isRunning || ended_ || paused_) return;
   if (!isTelling_ && queue_.empty() && !(isLost_ && mayReopen_)) return;
-  posted_ = mw::defaultLoop().post([self = shared_from_this()] { self->run(); }, std::exchange(delay_, delay_.zero()));
+  auto task = [self = shared_from_this()] { self->run(); };
+  const auto delay = std::exchange(delay_, delay_.zero());
+  posted_ = here && delay <= delay.zero() ? mw::defaultLoop().postAfterServing(std::move(task))
+                                          : mw::defaultLoop().post(std::move(task), delay);
 }
 
 // --- The chain ------------------------------------------------------------------------------------------------------

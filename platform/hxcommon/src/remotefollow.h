@@ -66,7 +66,7 @@ class RemoteFollow : public journal::Following, public std::enable_shared_from_t
   void open();
   void onBatch(std::uint64_t opening, const HXValue& batch);
   void onService(bool isThere);
-  void post() HX_REQUIRES(mutex_);
+  void post(bool here = false) HX_REQUIRES(mutex_);
 
   void run();
   bool enter();

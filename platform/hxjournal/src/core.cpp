@@ -223,15 +223,24 @@ void Core::endLinger() {
   endRecording();
 }
 
-void Core::ringBell() noexcept {
+/// What is left to the calling thread may be late, where that is given more to do before: then the next change rings.
+void Core::ringBell(bool isLast) noexcept {
   try {
-    later(&Core::bell, {});
+    const bool isLeft = isLast && executor->leave([weak = weak_from_this()] {
+      if (const auto core = weak.lock()) core->bell();
+    });
+    if (isLeft) {
+      ring.askForBell();
+    } else {
+      later(&Core::bell, {});
+    }
   } catch (const std::bad_alloc&) {
     ring.askForBell();  // With the next change, then.
   }
 }
 
 void Core::bell() {
+  ring.forgetBell();  // Who falls asleep from here on asks for it anew.
   {
     const MutexLock lock(mutex_);
     if (closed_) return;

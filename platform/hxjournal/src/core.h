@@ -32,7 +32,8 @@ class Core : public std::enable_shared_from_this<Core> {
   std::vector<FollowerInfo> followers() const;
 
   /// Has those woken who sleep. From any thread that holds none of the locks.
-  void ringBell() noexcept;
+  /// @param isLast  The caller does nothing more after it but return: it may wake them itself, when it has.
+  void ringBell(bool isLast) noexcept;
 
   Ring ring;
   Source& source;

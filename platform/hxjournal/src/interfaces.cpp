@@ -7,6 +7,7 @@ namespace HX::journal {
 
 // Here, so that the types are one object in the process.
 Executor::~Executor() = default;
+bool Executor::leave(const std::function<void()>& /*task*/) { return false; }
 Following::~Following() = default;
 JournalOwner::~JournalOwner() = default;
 Visitor::~Visitor() = default;

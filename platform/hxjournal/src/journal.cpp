@@ -48,7 +48,7 @@ std::vector<FollowerInfo> Journal::followers() const { return core_->followers()
 Position Journal::at(TimePoint time) const { return core_->retainedFrom(time).from; }
 
 Afterwards::~Afterwards() {
-  if (ring_) journal_.core_->ringBell();
+  if (ring_) journal_.core_->ringBell(isLast_);
 }
 
 Follow& Follow::operator=(Follow&& other) noexcept {

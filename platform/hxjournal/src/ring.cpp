@@ -222,4 +222,9 @@ void Ring::askForBell() noexcept {
   ringWanted_ = true;
 }
 
+void Ring::forgetBell() noexcept {
+  const Lock lock(lock_);
+  ringWanted_ = false;
+}
+
 }  // namespace HX::journal

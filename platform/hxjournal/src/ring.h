@@ -101,6 +101,8 @@ class Ring {
   /// The next append has the bell rung. @return False, and nothing is done, when `head` is the head no more.
   bool askForBell(std::uint64_t head) noexcept;
   void askForBell() noexcept;
+  /// The next append need not have it rung.
+  void forgetBell() noexcept;
 
  private:
   void turn(std::uint64_t revision) noexcept HX_REQUIRES(lock_);

@@ -69,7 +69,7 @@ class JournalFixture : public testing::Test {
     entry.kind = item.state.kind = kind;
     item.state.value = entry.value;
     if (table.recording) {
-      Afterwards after(*journal);
+      Afterwards after(*journal, writesLast);
       item.state.revision = journal->append(std::move(entry), after);
     } else {
       item.state.revision = 0;
@@ -116,6 +116,7 @@ class JournalFixture : public testing::Test {
     return std::exchange(told, {});
   }
 
+  bool writesLast = false;  // Whether who writes does nothing more.
   Table table;
   std::shared_ptr<kit::ManualExecutor> executor = std::make_shared<kit::ManualExecutor>();
   std::optional<Journal> journal;

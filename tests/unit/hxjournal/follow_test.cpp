@@ -231,6 +231,32 @@ TEST_F(Following, IsWokenAtOnceByWhatComesNowAndThen) {
   }
 }
 
+TEST_F(Following, IsToldByAWriterThatIsAboutToEnd) {
+  executor->letLeave();
+  const auto followed = follow({}, withoutSnapshot());
+  executor->advance(20ms);
+  const std::size_t posted = executor->posted();
+  writesLast = true;
+  write("a", 1);
+  EXPECT_THAT(heard(), IsEmpty()) << "told while it writes";
+  executor->runLeft();
+  EXPECT_THAT(std::exchange(told, {}), ElementsAre("a=1"));
+  EXPECT_EQ(executor->posted(), posted) << "somebody was woken";
+
+  // It does not end after all: whoever writes next has the follower woken.
+  executor->advance(20ms);
+  write("a", 2);
+  write("a", 3);
+  EXPECT_THAT(heard(), ElementsAre("a=2", "a=3"));
+  executor->runLeft();
+  executor->advance(1s);
+  EXPECT_THAT(heard(), IsEmpty());
+
+  writesLast = false;
+  write("a", 4);
+  EXPECT_THAT(heard(), ElementsAre("a=4")) << "left to a writer that goes on";
+}
+
 TEST_F(Following, LooksByItselfBesideABusyWriter) {
   const auto followed = follow({}, withoutSnapshot());
   executor->advance(20ms);

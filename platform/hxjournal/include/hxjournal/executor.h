@@ -9,7 +9,7 @@ namespace HX::journal {
 
 /// Where followers run: an event loop, seen from the journal.
 ///
-/// @par Threads  Both functions may be called from any thread, and call nothing of the journal themselves.
+/// @par Threads  The functions may be called from any thread, and call nothing of the journal themselves.
 class HX_API Executor {
  public:
   virtual ~Executor();
@@ -18,6 +18,11 @@ class HX_API Executor {
   /// @return False when nothing is run any more.
   /// @throws std::bad_alloc, with nothing posted.
   virtual bool post(std::function<void()> task, std::chrono::nanoseconds delay) = 0;
+  /// Runs `task` at the end of what the calling thread does for another process, on that thread, which is about to end
+  /// it: so nobody has to be woken.
+  /// @return False, and nothing is done, where it does nothing of the kind, and has left something already.
+  /// @throws std::bad_alloc, with nothing left.
+  virtual bool leave(const std::function<void()>& task);
   /// By a clock that does not jump.
   virtual std::chrono::steady_clock::time_point now() const noexcept = 0;
 };

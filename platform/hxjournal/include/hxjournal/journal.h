@@ -157,7 +157,8 @@ class HX_API JournalOwner {
 /// What an append leaves to be done once the caller has let go of its locks: make it before them.
 class HX_API Afterwards {
  public:
-  explicit Afterwards(Journal& journal) noexcept : journal_(journal) {}
+  /// @param isLast  Whether the caller does nothing more after it but return to whoever has called it.
+  explicit Afterwards(Journal& journal, bool isLast = false) noexcept : journal_(journal), isLast_(isLast) {}
   Afterwards(const Afterwards&) = delete;
   Afterwards& operator=(const Afterwards&) = delete;
   ~Afterwards();
@@ -169,6 +170,7 @@ class HX_API Afterwards {
   Journal& journal_;
   HXValue values_[kValues];
   std::list<Grave> graves_;
+  const bool isLast_;
   bool ring_ = false;
 };
 

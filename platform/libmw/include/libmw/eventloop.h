@@ -54,6 +54,13 @@ class HX_API EventLoop {
   /// sixty-fourth longer, so that what is done about then wakes the process once.
   bool post(std::function<void()> function, std::chrono::nanoseconds delay);
 
+  /// As `post`, for what follows from the last thing that a call or a delivery of another process does here: the thread
+  /// that serves it runs `function` itself when it is done with that, as one of the loop's, and nobody has to be woken.
+  /// What the call still does until then, `function` waits for. On threads that serve nobody it is `post`.
+  ///
+  /// @return False when the loop has been stopped: `function` is then destroyed and never runs.
+  bool postAfterServing(std::function<void()> function);
+
   /// Queues `function` and gives its result. A result that is a future itself is not wrapped in another.
   ///
   /// Cancelling the future before the function starts keeps it from running; later it changes nothing. When the

@@ -6,6 +6,8 @@
 
 namespace mw {
 
+class GenericObject;
+
 /// Asked to stop when whoever called the method that the calling thread runs does not want its result any more: the
 /// future was cancelled, its deadline has passed, or the process has gone. For methods that wait, or take long; they
 /// may end as they like, since nobody sees how.
@@ -16,5 +18,12 @@ namespace mw {
 ///         (`post`), which nobody gives up.
 /// @par Threads  Any; the token may be handed to others.
 HX_API std::stop_token stopOfServedCall();
+
+/// Whether the calling thread does nothing but run a method of `object` for another process, inside no further call,
+/// and `EventLoop::postAfterServing` has left it nothing to do yet.
+///
+/// @param object  Of this process.
+/// @par Threads  Any.
+HX_API bool servesNothingBut(const GenericObject& object) noexcept;
 
 }  // namespace mw

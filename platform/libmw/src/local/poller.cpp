@@ -1,5 +1,6 @@
 #include "poller.h"
 
+#include "../runtime/afterserving.h"
 #include "../runtime/processend.h"
 #include "../runtime/signalstack.h"
 
@@ -208,8 +209,10 @@ void Poller::runThread() {
 }
 
 void Poller::run(remote::Work& work) {
+  const mw::detail::AfterServing afterwards;
   try {
-    work();
+    const remote::Work present = std::exchange(work, {});  // What it holds goes before what is done afterwards.
+    present();
   } catch (const std::exception& error) {
     log::error(kCategory, "call", fmt::format("a call failed: {}", error.what()));
   } catch (...) {

@@ -1,12 +1,23 @@
+#include "afterserving.h"
 #include "processend.h"
+#include "runningcalls.h"
+#include "threadkept.h"
 #include "threadpool.h"
 
 #include <libmw/eventloop.h>
 #include <libmw/log.h>
+#include <libmw/servedcall.h>
 
 #include <stdexcept>
 
 namespace mw {
+
+bool servesNothingBut(const GenericObject& object) noexcept {
+  const auto* const serving = detail::AfterServing::present();
+  if (!serving || !serving->isEmpty()) return false;
+  const auto* const calls = detail::ofThisThread<detail::RunningCalls>();
+  return calls && calls->isJustIn(&object);
+}
 
 EventLoop::EventLoop() : EventLoop(Options{}) {}
 
@@ -23,6 +34,10 @@ bool EventLoop::post(std::function<void()> function) { return pool_->post(std::m
 
 bool EventLoop::post(std::function<void()> function, std::chrono::nanoseconds delay) {
   return pool_->postAfter(std::move(function), delay);
+}
+
+bool EventLoop::postAfterServing(std::function<void()> function) {
+  return pool_->postAfterServing(std::move(function));
 }
 
 bool EventLoop::isInThisLoop() const noexcept { return pool_->isInThisPool(); }

@@ -30,6 +30,10 @@ class RunningCalls {
   void leave() noexcept { depth_.store(depth_.load(std::memory_order_relaxed) - 1, std::memory_order_release); }
   bool isInside() const noexcept { return depth_.load(std::memory_order_relaxed) > 0; }
 
+  bool isJustIn(const void* object) const noexcept {
+    return depth_.load(std::memory_order_relaxed) == 1 && calls_[0].object.load(std::memory_order_relaxed) == object;
+  }
+
   /// The members of an object that run, on whichever threads, each once.
   static std::vector<unsigned> of(const void* object);
 

@@ -1,5 +1,6 @@
 #include "threadpool.h"
 
+#include "afterserving.h"
 #include "callerscope.h"
 #include "processend.h"
 #include "signalstack.h"
@@ -83,6 +84,22 @@ bool ThreadPool::postAfter(std::function<void()> function, std::chrono::nanoseco
   return true;
 }
 
+bool ThreadPool::postAfterServing(std::function<void()> function) {
+  AfterServing* const serving = AfterServing::present();
+  if (!serving) return post(std::move(function));
+  const auto pass = accepting_.enter();
+  if (!pass) return false;
+  outstanding_.fetch_add(1);
+  try {
+    serving->add(
+        [self = shared_from_this(), function = std::move(function)]() mutable { self->executeLent(function); });
+  } catch (...) {
+    oneDone();
+    throw;
+  }
+  return true;
+}
+
 bool ThreadPool::isInThisPool() const noexcept { return currentPool == this; }
 
 void ThreadPool::drain() {
@@ -110,11 +127,13 @@ bool ThreadPool::join(std::optional<std::chrono::milliseconds> timeout) {
   const bool isOwnThread = isInThisPool();
   // The calling function counts as work, so the other workers would wait for it to return before they end.
   if (isOwnThread) work_.stop();
+  std::size_t lent = isOwnThread ? 1 : 0;  // The calling one.
   if (const auto self = threads_.find(std::this_thread::get_id()); self != threads_.end()) {
     self->second.detach();
     threads_.erase(self);
+    lent = 0;
   }
-  const auto haveEnded = [this]() HX_REQUIRES(mutex_) { return threads_.empty(); };
+  const auto haveEnded = [this, lent]() HX_REQUIRES(mutex_) { return threads_.empty() && lent_ <= lent; };
   if (!timeout) {
     changed_.wait(lock.native(), haveEnded);
   } else if (!changed_.wait_for(lock.native(), *timeout, haveEnded)) {
@@ -205,6 +224,19 @@ void ThreadPool::execute(std::function<void()>& function) {
   function = nullptr;  // what it captured is part of the function: whoever drains waits for that too
   running_.fetch_sub(1);
   oneDone();
+}
+
+void ThreadPool::executeLent(std::function<void()>& function) {
+  {
+    const HX::MutexLock lock(mutex_);
+    ++lent_;
+  }
+  const auto* const outer = std::exchange(currentPool, this);
+  execute(function);
+  currentPool = outer;
+  const HX::MutexLock lock(mutex_);
+  --lent_;
+  changed_.notify_all();
 }
 
 void ThreadPool::oneDone() {

@@ -27,6 +27,9 @@ namespace mw::detail {
 ///
 /// Each thread owns the pool, so that a function may destroy its own loop.
 ///
+/// A thread that serves connections may be lent, for a function that it would have to wake a worker for: it counts as
+/// one of the pool's meanwhile, though not as a worker.
+///
 /// The monitor is armed by a post() that finds more functions outstanding than there are workers, and ticks until
 /// nothing is queued. A tick without a function started since the one before means that all workers are blocked.
 class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
@@ -39,6 +42,7 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
 
   bool post(std::function<void()> function);
   bool postAfter(std::function<void()> function, std::chrono::nanoseconds delay);
+  bool postAfterServing(std::function<void()> function);
 
   bool isInThisPool() const noexcept;
   void drain();
@@ -66,6 +70,7 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
   bool mayRetire();
 
   void execute(std::function<void()>& function);
+  void executeLent(std::function<void()>& function);
   void oneDone();
 
   std::size_t queued() const noexcept;
@@ -101,6 +106,7 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
   std::optional<WorkGuard> serviceGuard_ HX_GUARDED_BY(mutex_);
   std::map<std::thread::id, std::thread> threads_ HX_GUARDED_BY(mutex_);
   std::vector<std::thread> ended_ HX_GUARDED_BY(mutex_);  // to be joined
+  std::size_t lent_ HX_GUARDED_BY(mutex_) = 0;            // threads of others that run a function
 };
 
 }  // namespace mw::detail

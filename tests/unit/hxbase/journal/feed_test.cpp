@@ -1,10 +1,19 @@
+#include "socket_folder.h"
+
 #include <hxcommon/feed.h>
 #include <hxproxies/hxmemoryproxy.h>
+#include <libmw/dynamicobject.h>
+#include <libmw/eventloop.h>
+#include <libmw/local.h>
 
+#include <array>
+#include <chrono>
 #include <expect_error.h>
 #include <future>
 #include <memory_fixture.h>
 #include <mutex>
+#include <optional>
+#include <pthread.h>
 #include <string>
 #include <thread>
 
@@ -68,6 +77,69 @@ TEST_F(ModuleFeed, EndsWithTheMemoryAndSaysSoAfterwards) {
   EXPECT_EQ(errorOf([&] { journal->follow({}, [](const journal::Change&) {}); }), "the journal is closed");
   EXPECT_EQ(errorOf([&] { follow(kept, {}, [](const journal::Change&) {}); }),
             "there is no memory whose changes could be followed");
+}
+
+/// Writes that come from other processes.
+class ServedWrites : public ModuleFeed {
+ protected:
+  /// Whatever the callback knows, which may outlive the test's own members.
+  struct Told {
+    std::promise<std::string> threadName;
+    bool isInLoop = false;
+  };
+
+  void SetUp() override {
+    ModuleFeed::SetUp();
+    memory->insertData("Arm/Speed", 0);
+    server_.emplace(*broker->session(), "torso");
+    client_.emplace(other_, "torso");
+    journal::FollowOptions options;
+    options.snapshot = false;
+    followed_ = memory->journal().follow(
+        journal::Filter().addKey("Arm/Speed"),
+        [told = told_](const journal::Change&) {
+          std::array<char, 16> name{};
+          ::pthread_getname_np(::pthread_self(), name.data(), name.size());
+          told->isInLoop = mw::defaultLoop().isInThisLoop();
+          told->threadName.set_value(name.data());
+        },
+        options);
+    mw::defaultLoop().drain();  // It sleeps.
+  }
+  void TearDown() override {
+    followed_.end();
+    client_.reset();
+    server_.reset();
+    ModuleFeed::TearDown();
+  }
+
+  kit::SocketFolder folder_;
+  const std::shared_ptr<Told> told_ = std::make_shared<Told>();
+  mw::Session other_;
+  std::optional<mw::LocalServer> server_;
+  std::optional<mw::LocalClient> client_;
+  journal::Follow followed_;
+};
+
+TEST_F(ServedWrites, AreToldByTheThreadThatServedThemAsOneOfTheLoops) {
+  other_.service("HXMemory").value()->call<void>("insertData", "Arm/Speed", 1);
+  EXPECT_EQ(told_->threadName.get_future().get(), "link") << "another one had to be woken";
+  EXPECT_TRUE(told_->isInLoop);
+}
+
+TEST_F(ServedWrites, AreToldWhileTheMethodOfAModuleGoesOnThatMadeThem) {
+  mw::ObjectBuilder builder;
+  builder.setTypeName("Arm");
+  builder.advertiseMethod(mw::MetaMethodBuilder("moveAndWait", "Arm", ""),
+                          mw::AnyFunction::from([told = told_, writing = std::weak_ptr<HXMemory>(memory)] {
+                            writing.lock()->insertData("Arm/Speed", 1);
+                            return told->threadName.get_future().wait_for(std::chrono::seconds(30)) ==
+                                   std::future_status::ready;
+                          }));
+  const auto id = broker->session()->registerService(
+      "Arm", mw::AnyObject(std::make_shared<mw::DynamicObject>(builder.build(), nullptr)));
+  EXPECT_TRUE(other_.service("Arm").value()->call<bool>("moveAndWait"));
+  broker->session()->unregisterService(id);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include "../../../../platform/libmw/src/runtime/afterserving.h"
 #include "capture_log.h"
 #include "sitter.h"
 
@@ -166,6 +167,57 @@ TEST(EventLoop, ReportsWorkThatWaitsAtTheLimitOncePerEpisode) {
   const auto text = testing::MatchesRegex(
       R"(loop "small": [1-3] functions have waited for 2 ms, because all 2 threads are busy \(limit 2\))");
   EXPECT_THAT(log.texts(), testing::ElementsAre(text, text));
+}
+
+// --- threads that are lent ---
+
+TEST(EventLoop, HasWhatIsLeftToAThreadThatServesRunByItAtTheEnd) {
+  EventLoop loop(small(1, 1));
+  std::vector<std::string> order;
+  const auto self = std::this_thread::get_id();
+  {
+    const mw::detail::AfterServing serving;
+    EXPECT_TRUE(loop.postAfterServing([&] {
+      EXPECT_EQ(std::this_thread::get_id(), self);
+      EXPECT_TRUE(loop.isInThisLoop());
+      EXPECT_THROW(loop.drain(), std::logic_error);
+      order.emplace_back("left");
+      throw std::runtime_error("which is logged");
+    }));
+    order.emplace_back("served");
+  }
+  EXPECT_THAT(order, testing::ElementsAre("served", "left"));
+  EXPECT_FALSE(loop.isInThisLoop());
+  loop.drain();
+
+  std::thread::id there;
+  loop.postAfterServing([&] { there = std::this_thread::get_id(); });
+  loop.drain();
+  EXPECT_NE(there, self) << "run by a thread that serves nobody";
+}
+
+TEST(EventLoop, WaitsAtItsEndForALentThreadThatRunsAndDropsWhatHasNotStarted) {
+  auto loop = std::make_unique<EventLoop>(small(1, 1));
+  kit::Sitter sitter;
+  std::atomic<bool> isRun{false};
+  std::thread lent([&] {
+    const mw::detail::AfterServing serving;
+    loop->postAfterServing([&] { sitter.sit(); });
+    loop->postAfterServing([&] { isRun = true; });
+  });
+  sitter.awaitEntry();
+  loop->stop();
+  std::atomic<bool> isJoined{false};
+  std::thread joiner([&] {
+    loop->join();
+    isJoined = true;
+  });
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  EXPECT_FALSE(isJoined);
+  sitter.release();
+  joiner.join();
+  lent.join();
+  EXPECT_FALSE(isRun);
 }
 
 // --- the end ---
