@@ -9,7 +9,6 @@
 #include <libmw/log.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
@@ -40,38 +39,38 @@ int add(const File& epoll, int file, std::uint64_t number, std::uint32_t events)
   return ::epoll_ctl(epoll.number(), EPOLL_CTL_ADD, file, &event);
 }
 
-/// Long values come and go: their memory is to be used again, not given back to the system and taken anew, page by
-/// page, with each of them. The allocator goes by the largest block that it has seen freed.
-void keepMemoryOfLongValues() {
-  constexpr std::size_t kLargest = std::size_t{4} << 20;
-  void* const volatile block = std::malloc(kLargest);
-  std::free(block);
-}
-
-void write(const File& file) {
+/// Makes it readable: all that wait are told of `end_`, one of `wakeUp_`.
+void ring(const File& file) {
   const std::uint64_t one = 1;
   static_cast<void>(!::write(file.number(), &one, sizeof one));
 }
 
+void run(remote::Work& work) {
+  const mw::detail::AfterServing afterwards;
+  try {
+    const remote::Work present = std::exchange(work, {});  // What it holds goes before what is done afterwards.
+    present();
+  } catch (const std::exception& error) {
+    log::error(kCategory, "call", fmt::format("a call failed: {}", error.what()));
+  } catch (...) {
+    log::error(kCategory, "call", "a call failed");
+  }
+}
+
 }  // namespace
-
-/// At the end of the process nobody must be inside libraries that go. The poller itself stays: destructors of other
-/// statics may still use it.
-class Poller::AtExit {
- public:
-  explicit AtExit(Poller& poller) : poller_(poller) {}
-  AtExit(const AtExit&) = delete;
-  AtExit& operator=(const AtExit&) = delete;
-  ~AtExit() { poller_.stop(); }
-
- private:
-  Poller& poller_;
-};
 
 Poller& Poller::instance() {
   defaultLoop();  // It is stopped after the poller, whose works post to it.
+  // At the end of the process nobody must be inside libraries that go. The poller itself stays: destructors of other
+  // statics may still use it.
   static auto* const the = new Poller;
-  static const AtExit atExit(*the);
+  static const struct AtExit {
+    ~AtExit() {
+      if (!the->stop(detail::graceAtExit())) {
+        log::error(kCategory, "exit", "calls from other processes still run at the end of the process; not waiting");
+      }
+    }
+  } atExit;
   return *the;
 }
 
@@ -81,7 +80,6 @@ Poller::Poller(std::chrono::milliseconds idleTime)
       wakeUp_(made(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       end_(made(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       lastNumber_(kLastOwn) {
-  keepMemoryOfLongValues();
   // None of them is ever read: an edge comes with each writing, and what is not one is for all threads.
   local::add(epoll_, wakeUp_.number(), kWakeUp, EPOLLIN | EPOLLET);
   local::add(epoll_, end_.number(), kEnd, EPOLLIN);
@@ -100,9 +98,7 @@ std::uint64_t Poller::add(int socket, const std::weak_ptr<Pollable>& owner) {
     sockets_.erase(number);
     throw std::system_error(error, std::generic_category(), "watching a connection");
   }
-  while (waiting_ == 0 && threadCount() == 0) {
-    if (!startThread()) break;
-  }
+  if (threadCount() == 0) startThread();
   return number;
 }
 
@@ -165,62 +161,51 @@ bool Poller::mayRetire() {
   return true;
 }
 
-/// Waits for one event, and reads what came. One at a time: the others are told to others, which is what makes
+/// Waits for one event, reads what came, and does it. One at a time: the others are told to others, which is what makes
 /// connections equal.
-Poller::Told Poller::waitOnce(std::vector<remote::Work>& works) {
+/// @param works  Empty, and so afterwards: its memory is used again.
+/// @return False when the thread is to end.
+bool Poller::waitOnce(std::vector<remote::Work>& works) {
   epoll_event event{};
   const int count = ::epoll_wait(epoll_.number(), &event, 1, static_cast<int>(idleTime_.count()));
-  if (count < 0) return Told::Nothing;
-  if (count == 0) return mayRetire() ? Told::End : Told::Nothing;
+  if (count < 0) return true;
+  if (count == 0) return !mayRetire();
   if (event.data.u64 == kEnd) {
     waiting_.fetch_sub(1);
-    return Told::End;
+    return false;
   }
   // Seen to before the reading, which may take a while for one that sends much.
   const bool mayRun = leaveWaiting();
   if (const auto ready = find(event.data.u64)) ready->onReady(event.events, works);
-  if (mayRun) return Told::Works;
-  post(works);  // They are done when a thread comes back from what it does.
+  if (mayRun) {
+    runAll(works);
+  } else {
+    post(works);  // They are done when a thread comes back from what it does.
+  }
   waiting_.fetch_add(1);
-  return Told::Nothing;
+  return true;
+}
+
+/// The first of them here, where it was read; the others wherever a thread is free.
+void Poller::runAll(std::vector<remote::Work>& works) {
+  if (!works.empty()) {
+    remote::Work first = std::move(works.front());
+    works.erase(works.begin());
+    post(works);
+    run(first);
+  }
+  while (remote::Work posted = takePosted()) run(posted);
 }
 
 void Poller::runThread() {
   ::pthread_setname_np(::pthread_self(), "link");
   const mw::detail::SignalStack forOverflow;
   std::vector<remote::Work> works;
-  for (auto told = Told::Nothing; told != Told::End;) {
-    told = waitOnce(works);
-    if (told != Told::Works) continue;
-    remote::Work work;
-    if (works.empty()) {
-      work = takePosted();
-    } else {
-      work = std::move(works.front());
-      works.erase(works.begin());
-      post(works);
-    }
-    for (; work; work = takePosted()) run(work);
-    waiting_.fetch_add(1);
-  }
+  while (waitOnce(works)) continue;
   const HX::MutexLock lock(mutex_);
   --threads_;
   changed_.notify_all();
 }
-
-void Poller::run(remote::Work& work) {
-  const mw::detail::AfterServing afterwards;
-  try {
-    const remote::Work present = std::exchange(work, {});  // What it holds goes before what is done afterwards.
-    present();
-  } catch (const std::exception& error) {
-    log::error(kCategory, "call", fmt::format("a call failed: {}", error.what()));
-  } catch (...) {
-    log::error(kCategory, "call", "a call failed");
-  }
-}
-
-void Poller::wake() { write(wakeUp_); }
 
 void Poller::post(std::vector<remote::Work>& works) {
   if (works.empty()) return;
@@ -230,7 +215,7 @@ void Poller::post(std::vector<remote::Work>& works) {
     postedCount_ = posted_.size();
   }
   works.clear();
-  wake();
+  ring(wakeUp_);
 }
 
 /// Has another thread woken where there is more.
@@ -245,22 +230,19 @@ remote::Work Poller::takePosted() {
     postedCount_ = posted_.size();
     if (posted_.empty()) return taken;
   }
-  wake();
+  ring(wakeUp_);
   return taken;
 }
 
-void Poller::stop() {
-  if (detail::isForkedChild()) return;
+bool Poller::stop(std::chrono::milliseconds patience) {
+  if (detail::isForkedChild()) return true;
   {
     const HX::MutexLock lock(mutex_);
     stopped_ = true;
   }
-  write(end_);
+  ring(end_);
   HX::MutexLock lock(mutex_);
-  if (changed_.wait_for(lock.native(), detail::graceAtExit(), [this]() HX_REQUIRES(mutex_) { return threads_ == 0; }))
-    return;
-  lock.unlock();
-  log::error(kCategory, "exit", "calls from other processes still run at the end of the process; not waiting");
+  return changed_.wait_for(lock.native(), patience, [this]() HX_REQUIRES(mutex_) { return threads_ == 0; });
 }
 
 }  // namespace mw::local

@@ -61,29 +61,27 @@ class HX_API Poller {
   /// Has works done by other threads. Empty afterwards.
   void post(std::vector<remote::Work>& works);
 
-  /// Ends the threads, and waits for them a while.
-  void stop();
+  /// Ends the threads, and waits for them.
+  /// @param patience  For so long at most.
+  /// @return False when some still run.
+  bool stop(std::chrono::milliseconds patience);
 
   /// For tests and diagnosis.
   std::size_t threadCount() const;
 
  private:
-  class AtExit;
-  enum class Told : std::uint8_t { Works, End, Nothing };
-
-  Told waitOnce(std::vector<remote::Work>& works);
   void runThread();
+  bool waitOnce(std::vector<remote::Work>& works);
   bool leaveWaiting();
   bool startThread();
   bool mayRetire();
-  void run(remote::Work& work);
+  void runAll(std::vector<remote::Work>& works);
   remote::Work takePosted();
-  void wake();
   std::shared_ptr<Pollable> find(std::uint64_t number) const;
 
   const std::chrono::milliseconds idleTime_;
   const File epoll_;
-  const File wakeUp_;
+  const File wakeUp_;  // to see what is posted
   const File end_;
 
   /// Threads that wait for events, or are on their way to. One that is started counts at once.

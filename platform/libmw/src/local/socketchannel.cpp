@@ -35,6 +35,7 @@ constexpr std::chrono::milliseconds kParkedFor{100};
 constexpr std::chrono::milliseconds kHeldFor{2};
 /// How long a thread that waits for an answer looks again and again before it sleeps, where answers come fast.
 constexpr std::chrono::microseconds kSpin{10};
+
 std::string describePeer(int socket) {
   ucred credentials{};
   socklen_t size = sizeof credentials;
@@ -114,7 +115,7 @@ bool SocketChannel::remindIn(Clock::duration time, std::atomic<bool>& isReminded
 }
 
 void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& works) {
-  if ((events & EPOLLOUT) != 0) flush();
+  if ((events & EPOLLOUT) != 0) follow(output_.flush());
   if ((events & ~static_cast<std::uint32_t>(EPOLLOUT)) == 0) return;
   // The end of the peer is told also of a socket that is not watched; and with the last of what it sent, in one:
   // whoever has read that goes on to the end, of which nothing more will be told.
@@ -158,18 +159,13 @@ void SocketChannel::endReading() {
   if (!remindIn(kParkedFor, willWatch_, &SocketChannel::expectMore)) expectMore();
 }
 
-bool SocketChannel::readSoon() {
-  if (!answersFast_) return false;
-  // An answer that comes within microseconds is there sooner than a thread that sleeps could be woken up.
-  std::vector<remote::Work> works;
+/// @return Whether something has come, or the end.
+bool SocketChannel::readSoon(std::vector<remote::Work>& works) {
   const auto before = lastReceived_.load();
   Clock::time_point limit;
   do {
     receive(works);
-    if (lastReceived_.load() != before || ended_) {
-      poller_.post(works);
-      return ended_ || !input_.isInTail();
-    }
+    if (lastReceived_.load() != before || ended_) return true;
     if (limit == Clock::time_point()) limit = Clock::now() + kSpin;
     ::sched_yield();
   } while (Clock::now() < limit);
@@ -178,6 +174,10 @@ bool SocketChannel::readSoon() {
 
 void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
   std::vector<remote::Work> works;
+  if (answersFast_ && readSoon(works)) {
+    poller_.post(works);
+    if (ended_ || !input_.isInTail()) return;
+  }
   const auto begin = Clock::now();
   std::array<pollfd, 2> files{pollfd{socket_.number(), POLLIN, 0}, pollfd{wakeFile, POLLIN, 0}};
   for (auto left = timeout;;
@@ -224,14 +224,12 @@ bool SocketChannel::send(remote::Message& message, remote::Sending when) {
   follow(outcome);
   output_.share().keepLimit();
   if (!outcome.holds) return false;
-  if (!remindIn(kHeldFor, willFlush_, &SocketChannel::flushHeld)) flush();
+  if (!remindIn(kHeldFor, willFlush_, &SocketChannel::flush)) flush();
   return true;
 }
 
-void SocketChannel::flush() { follow(output_.flush()); }
-
-void SocketChannel::flushHeld() {
-  if (output_.holds()) flush();
+void SocketChannel::flush() {
+  if (output_.holds()) follow(output_.flush());
 }
 
 void SocketChannel::follow(const SocketOutput::Outcome& outcome) {
@@ -254,16 +252,13 @@ void SocketChannel::end(const std::string& reason) {
   if (ended_.exchange(true)) return;
   output_.end();
   ::shutdown(socket_.number(), SHUT_RDWR);
+  std::shared_ptr<remote::ChannelSink> sink;
   {
     const HX::MutexLock lock(watchMutex_);
     if (number_ != 0) poller_.remove(std::exchange(number_, 0), socket_.number());
+    sink = sink_.lock();
   }
-  if (const auto sink = sinkNow(); sink && !toldEnd_.exchange(true)) sink->onEnd(reason);
-}
-
-std::shared_ptr<remote::ChannelSink> SocketChannel::sinkNow() {
-  const HX::MutexLock lock(watchMutex_);
-  return sink_.lock();
+  if (sink && !toldEnd_.exchange(true)) sink->onEnd(reason);
 }
 
 std::chrono::milliseconds SocketChannel::silence() const {

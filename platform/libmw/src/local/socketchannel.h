@@ -41,7 +41,6 @@ class HX_API SocketChannel final : public remote::Channel,
   remote::CallerReading* callerReading() override { return this; }
 
   bool beginReading() override;
-  bool readSoon() override;
   void read(int wakeFile, std::chrono::milliseconds timeout) override;
   void endReading() override;
   void expectMore() override { take(turn_.watch()); }
@@ -62,9 +61,8 @@ class HX_API SocketChannel final : public remote::Channel,
   void watch();
   bool remindIn(Clock::duration time, std::atomic<bool>& isReminded, void (SocketChannel::*what)());
   void readOn(std::vector<remote::Work>& works);
-  std::shared_ptr<remote::ChannelSink> sinkNow();
+  bool readSoon(std::vector<remote::Work>& works);
   Received receive(std::vector<remote::Work>& works);
-  void flushHeld();
 
   const LinkOptions options_;
   Poller& poller_;

@@ -65,13 +65,8 @@ class CallerReading {
   /// no other begins to read.
   /// @return False when another one has the turn already. Otherwise `endReading` follows.
   virtual bool beginReading() = 0;
-  /// Looks for some microseconds, where answers come fast. What the sink leaves to be done is done by other threads.
-  /// @return Whether something has come and been handed to the sink, or the channel has ended. False, too, where no
-  /// more
-  ///         than a part of a long message has come.
-  virtual bool readSoon() = 0;
-  /// The same, until something has come, and all of it where it is long; until `wakeFile` can be read, or `timeout` has
-  /// passed.
+  /// Hands what comes to the sink: until something has come, and all of it where it is long, the channel has ended,
+  /// `wakeFile` can be read, or `timeout` has passed. What the sink leaves to be done is done by other threads.
   virtual void read(int wakeFile, std::chrono::milliseconds timeout) = 0;
   /// Gives the turn back. Where the sink is idle, it may take a tenth of a second until another
   /// thread reads.

@@ -83,15 +83,10 @@ void Inbox::sleep(std::chrono::steady_clock::time_point deadline) {
   woken_ = false;
 }
 
-bool Inbox::hasFile() const {
-  const HX::MutexLock lock(mutex_);
-  return file_ >= 0;
-}
-
 int Inbox::beginPolling() {
   const HX::MutexLock lock(mutex_);
   if (file_ < 0) file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (file_ < 0 || std::exchange(woken_, false)) return -1;
+  if (file_ < 0 || woken_) return -1;
   polling_ = true;
   return file_;
 }

@@ -43,10 +43,10 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   /// Sleeps until something was put in, or it was woken since `take`.
   void sleep(std::chrono::steady_clock::time_point deadline);
   /// Makes wakings readable on a file, for a thread that polls.
-  /// @return The file; -1 when it was woken already, or when there is none: the process may be out of them.
+  /// @return The file; -1 when it was woken already, or when there is none, since the process may be out of them: then
+  ///         the thread is to `sleep`, which sees to both.
   int beginPolling();
   void endPolling();
-  bool hasFile() const;
 
  private:
   bool isAwaited(const Caller& caller) const HX_REQUIRES(mutex_) { return waits_ > 0 && caller == caller_; }

@@ -70,7 +70,6 @@ class WaitingThread final : public detail::ThreadWait {
 
  private:
   static WaitingPlace place() { return {servedByThisThread().chain.caller, servedByThisThread().domain}; }
-  void pause(Clock::time_point deadline);
   bool readInstead(Clock::time_point deadline);
   std::shared_ptr<Channel> tryToRead();
   void endReading();
@@ -78,20 +77,18 @@ class WaitingThread final : public detail::ThreadWait {
   const std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
   /// The one called last, which is read while the thread waits. It may end, and go, meanwhile.
   std::weak_ptr<Channel> channel_;
-  const Channel* known_ = nullptr;  // the same, to compare with
-  bool hasTurn_ = false;            // to read it
-  const detail::FutureStateBase* expected_ =
-      nullptr;  // the answer that the thread waits for next, and is registered for
+  bool hasTurn_ = false;  // to read it
+  /// The answer that the thread waits for next, and is registered for.
+  const detail::FutureStateBase* expected_ = nullptr;
 };
 
 Expectation WaitingThread::expect(const std::shared_ptr<Channel>& channel, Calling then,
                                   const detail::FutureStateBase& answer) {
   endReading();
   expected_ = nullptr;
-  if (known_ != channel.get() || channel_.expired()) {
+  if (channel_.owner_before(channel) || channel.owner_before(channel_)) {
     if (const auto before = channel_.lock()) before->flush();  // The thread will not come to it when it waits.
     channel_ = channel;
-    known_ = channel.get();
   }
   if (then == Calling::MakesMore || servedByThisThread().relays) return {};
   if (then == Calling::Waits) expected_ = &answer;
@@ -136,7 +133,7 @@ FutureState WaitingThread::wait(const detail::FutureStateBase& state, std::chron
         continue;
       }
       if (deadline != Clock::time_point::max() && Clock::now() >= deadline) break;
-      pause(deadline);
+      if (!readInstead(deadline)) inbox_->sleep(deadline);
     }
   }
   state.removeWaker(*inbox_);
@@ -144,31 +141,24 @@ FutureState WaitingThread::wait(const detail::FutureStateBase& state, std::chron
   return state.state();
 }
 
-void WaitingThread::pause(Clock::time_point deadline) {
-  if (!readInstead(deadline)) inbox_->sleep(deadline);
-}
-
+/// @return Whether it could. The thread sleeps otherwise.
 bool WaitingThread::readInstead(Clock::time_point deadline) {
   const auto channel = tryToRead();
   // What is to be sent leaves after that: the answer may come at once, and would wake another thread.
   if (channel) channel->flush();
   OutputBatch::flushAll();
   if (!hasTurn_) return false;
-  auto* const reading = channel->callerReading();
-  if (reading->readSoon()) {
-    endReading();
-    return true;
-  }
-  if (const int file = inbox_->beginPolling(); file >= 0) {
+  const int file = inbox_->beginPolling();
+  if (file >= 0) {
     static constexpr std::chrono::milliseconds kLongest{60'000};
     const auto left = deadline == Clock::time_point::max()
                           ? kLongest
                           : std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    reading->read(file, std::clamp(left, std::chrono::milliseconds(0), kLongest));
+    channel->callerReading()->read(file, std::clamp(left, std::chrono::milliseconds(0), kLongest));
     inbox_->endPolling();
   }
   endReading();
-  return inbox_->hasFile();
+  return file >= 0;
 }
 
 }  // namespace

@@ -45,7 +45,7 @@ class Bell final : public Pollable {
 };
 
 struct PollerTest : testing::Test {
-  ~PollerTest() override { poller.stop(); }
+  ~PollerTest() override { EXPECT_TRUE(poller.stop(60s)); }
   Poller poller{1ms};
 };
 
@@ -95,7 +95,7 @@ TEST_F(PollerTest, GoesOnBehindAWorkThatFails) {
 TEST_F(PollerTest, EndsItsThreads) {
   const auto bell = Bell::make(poller, [](std::vector<Work>&) {});
   EXPECT_GT(poller.threadCount(), 0U);
-  poller.stop();
+  EXPECT_TRUE(poller.stop(60s));
   EXPECT_EQ(poller.threadCount(), 0U);
 }
 

@@ -28,12 +28,10 @@ class ReadableChannel final : public Channel, public CallerReading {
   CallerReading* callerReading() override { return this; }
 
   bool beginReading() override { return note("begin"); }
-  bool readSoon() override {
-    if (!onRead) return !note("soon");
-    onRead();
-    return note("read");
+  void read(int /*wakeFile*/, std::chrono::milliseconds /*timeout*/) override {
+    if (onRead) onRead();
+    note("read");
   }
-  void read(int /*wakeFile*/, std::chrono::milliseconds /*timeout*/) override { note("sleep"); }
   void endReading() override { note("end"); }
   void expectMore() override { note("more"); }
 
