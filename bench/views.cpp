@@ -1,6 +1,7 @@
 // Views: what a read costs beside getData, and what a write costs that is viewed beside one that is not.
 
 #include "memory_keys.h"
+#include "views_stage.h"
 
 #include <hxproxies/hxmemoryproxy.h>
 
@@ -107,7 +108,9 @@ void writeManyViewed(benchmark::State& state) {
 void writeOneReadAllTheTime(benchmark::State& state) {
   auto view = views().front();
   std::atomic<bool> isOver{false};
+  const bench::OnProcessor own(0);
   std::thread reader([&] {
+    const bench::OnProcessor other(1);
     while (!isOver) benchmark::DoNotOptimize(view.read().revision);
   });
   write(state, 0, 1);

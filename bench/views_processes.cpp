@@ -154,6 +154,7 @@ void readThereToRedis(benchmark::State& state) {
 }
 
 void readThereWhileWritten(benchmark::State& state) {
+  const auto apart = Hall::instance().standApart();
   std::atomic<bool> isOver{false};
   std::thread writer([&] {
     // A million times a second. It does not sleep, so that it is where it was.

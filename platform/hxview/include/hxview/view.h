@@ -99,7 +99,9 @@ class View {
     seen_.aliveWithin_ = options.aliveWithin;
   }
 
-  /// Looks now. No system call, and for numbers and bools nothing that could fail.
+  /// Looks now. No system call, and for numbers and bools nothing that could fail. Of two reads one right behind the
+  /// other the second takes 0.3 us once, where the first found something new: a loop that does nothing but read does
+  /// not keep the writer from writing.
   /// @return What there is. The view's: it changes with the next read.
   const Seen<T>& read() noexcept(view::Scalar<T>) {
     seen_.isReconnected = false;
@@ -139,7 +141,9 @@ class View {
     for (int tries = 0; tries < view::kTries; ++tries) {
       const view::Outcome outcome = view::look(*watch_.place().cell, watch_.place().owner, look);
       if (outcome == view::Outcome::Gone) return failed(ViewState::Disconnected);
-      if (outcome == view::Outcome::Whole) return take(look.sequence, look.content);
+      if (outcome != view::Outcome::Whole) continue;
+      if (look.sequence == seen_.revision && standBack()) continue;
+      return take(look.sequence, look.content);
     }
     return failed(ViewState::Busy);
   }
@@ -150,6 +154,7 @@ class View {
       const std::uint64_t latest = watch_.place().ring.latest();
       // Read already: it is not copied again, but the broker may have shown since that it runs.
       if (latest == seen_.revision && latest != 0 && known_ == watch_.standing()) {
+        if (standBack()) continue;
         seen_.state = state_;
         seen_.alive_ = watch_.lastAlive(seen_.written_);
         return seen_;
@@ -160,7 +165,18 @@ class View {
     }
     return failed(ViewState::Busy);
   }
+  /// The read before found something new, and this one nothing newer: a loop that does nothing but read. It would take
+  /// the line from the writer between any two writes, each of which has to wait for it then.
+  /// @return Whether it has let the writer have it for a moment, and is to look again.
+  bool standBack() noexcept {
+    if (!isNew_) [[likely]]
+      return false;
+    isNew_ = false;
+    view::standBack();
+    return true;
+  }
   const Seen<T>& take(std::uint64_t revision, const view::Content& content) noexcept(view::Scalar<T>) {
+    isNew_ = revision != seen_.revision;
     seen_.revision = revision;
     seen_.written_ = content.written;
     seen_.alive_ = watch_.lastAlive(content.written);
@@ -174,6 +190,7 @@ class View {
   view::Raw<T> bytes_;
   std::uint64_t known_ = 0;  // The standing for which `seen_` is the latest.
   ViewState state_ = ViewState::Absent;
+  bool isNew_ = false;  // What the last read found.
 };
 
 /// What came out of a stream.

@@ -27,6 +27,9 @@ inline constexpr int kTries = 64;
 /// @return How long ago.
 HX_API std::chrono::nanoseconds since(std::uint64_t written) noexcept;
 
+/// Looks at nothing that is shared for as long as a few writes take: no system call.
+HX_API void standBack() noexcept;
+
 /// @param now    By the monotonic clock.
 /// @param then   Likewise; a moment later when it was said by another processor meanwhile.
 /// @param limit  Between the two.
