@@ -35,11 +35,13 @@ void Pulse::beatIn(Segments segments, std::chrono::milliseconds interval) {
 
 void Pulse::wakeLater(std::shared_ptr<const view::Shown> shown) noexcept {
   try {
-    const MutexLock lock(mutex_);
-    if (stopped_) return;  // Those who wait are told of the end.
-    // Whoever is to be woken twice, is woken once.
-    if (due_.empty() || due_.back() != shown) due_.push_back(std::move(shown));
-    changed_.notify_all();
+    {
+      const MutexLock lock(mutex_);
+      if (stopped_) return;  // Those who wait are told of the end.
+      // Whoever is to be woken twice, is woken once.
+      if (due_.empty() || due_.back() != shown) due_.push_back(std::move(shown));
+    }
+    changed_.notify_all();  // The thread would find the lock held, and the writer would have to wake it again.
   } catch (const std::bad_alloc&) {
     shown->ring();  // Rather keep the writer.
   }

@@ -95,7 +95,9 @@ void Shown::wake() const noexcept {
     for (const auto& bell : target.bells) {
       const std::uint64_t awaited = bell->word->load(std::memory_order_seq_cst);
       if (awaited == 0 || awaited > published) continue;
-      if (bell->rung.exchange(awaited, std::memory_order_relaxed) == awaited) continue;
+      // Not in one step, for which each bell would have to wait for the one before: two writers may ring twice.
+      if (bell->rung.load(std::memory_order_relaxed) == awaited) continue;
+      bell->rung.store(awaited, std::memory_order_relaxed);
       sequence = target.sequence;
       ++due;
     }

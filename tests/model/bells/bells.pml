@@ -25,9 +25,8 @@ inline look(i) {
   awaited = bell[i];
   if
   :: awaited != 0 && awaited <= published ->
-     atomic { before = rung[i]; rung[i] = awaited }
      if
-     :: before != awaited -> due++
+     :: rung[i] != awaited -> rung[i] = awaited; due++
      :: else
      fi
 #ifdef CLEARS
@@ -38,7 +37,7 @@ inline look(i) {
 }
 
 active [WRITERS] proctype Writer() {
-  byte published, awaited, before, due;
+  byte published, awaited, due;
 #ifdef EARLY
   published = sequence + 1;
 #else
