@@ -65,7 +65,7 @@ class Viewing : public kit::MemoryFixture, public testing::WithParamInterface<Fr
 
 TEST_P(Viewing, SeesWhatIsWrittenHoweverItIsWritten) {
   auto number = proxy_->view<int>("Key");
-  auto any = proxy_->view<HXValue>("Key");
+  auto any = proxy_->view<HXValue>("Key", {.aliveWithin = 1h});
   const auto expect = [&](const HXValue& value, const char* what) {
     SCOPED_TRACE(what);
     ASSERT_EQ(any.read().state, State::Present);
