@@ -1,7 +1,9 @@
 // What a fleet costs beside plain libnats at the same server: events, calls, raises. Each figure and its control are
 // measured in turns in this one process.
 //
-//     bench_fleet [ROUNDS]
+//     bench_fleet [ROUNDS [live]]
+//
+// With "live" the live events without a store alone, which take few milliseconds and want many rounds.
 
 #include "hub.h"
 #include "hxfleet.h"
@@ -19,6 +21,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -219,12 +222,8 @@ struct Ratios {
   }
 };
 
-void run(int rounds) {
-  Bench bench;
-  Ratios raise, worst, stored, live, heard, kept, call;
-  std::vector<double> alone;
-  for (int i = 0; i < rounds; ++i) alone.push_back(bench.raise(false).first);
-  std::printf("5,000 keys at the hub after %.2f s\n", bench.mirror(5'000));
+void runWithStore(Bench& bench, int rounds, const std::vector<double>& alone) {
+  Ratios raise, worst, stored, kept, call;
   for (int i = 0; i < rounds; ++i) {
     stored.add(bench.raiseAll("Live") / 1e3, bench.publishAll("fleet.plain.event.Live") / 1e3);
     kept.add(bench.raiseAll("Kept") / 1e3, bench.publishAllStored("fleet.plain.event.Kept") / 1e3);
@@ -241,12 +240,26 @@ void run(int rounds) {
   call.print("a call", "us");
   raise.print("a raise, by one without the module", "us");
   worst.print("the worst raise at 1 kHz, hub frozen, by not frozen", "us");
+}
+
+void runWithoutStore(Bench& bench, int rounds) {
+  Ratios live, heard;
   bench.removeStream();
   for (int i = 0; i < rounds; ++i) live.add(bench.raiseAll("Live") / 1e3, bench.publishAll("plain.event") / 1e3);
   live.print("live events, with no store at the hub, to nobody", "k/s");
   const auto listener = bench.listen();
   for (int i = 0; i < rounds; ++i) heard.add(bench.raiseAll("Live") / 1e3, bench.publishAll("plain.event") / 1e3);
   heard.print("live events, with no store at the hub, to one who listens", "k/s");
+}
+
+void run(int rounds, bool isLiveAlone) {
+  Bench bench;
+  std::vector<double> alone;
+  for (int i = 0; i < rounds; ++i) alone.push_back(bench.raise(false).first);
+  std::printf("5,000 keys at the hub after %.2f s\n", bench.mirror(5'000));
+  if (!isLiveAlone) runWithStore(bench, rounds, alone);
+  runWithoutStore(bench, rounds);
+  if (isLiveAlone) return;
   std::printf("a server that is killed and started again: %.2f s until 200 more events are confirmed\n",
               bench.restart());
 }
@@ -255,7 +268,7 @@ void run(int rounds) {
 
 int main(int argc, char** argv) {
   try {
-    run(argc > 1 ? std::max(1, std::atoi(argv[1])) : 5);
+    run(argc > 1 ? std::max(1, std::atoi(argv[1])) : 5, argc > 2 && std::string_view(argv[2]) == "live");
   } catch (const std::exception& error) {
     std::fprintf(stderr, "error: %s\n", error.what());
     return 1;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <memory>
 #include <utility>
 
 #include <fmt/format.h>
@@ -19,6 +20,7 @@ const char* const kCategory = "hxfleet";
 // What the memory keeps a key as.
 constexpr std::uint8_t kEvent = 3;
 constexpr std::uint8_t kMicroEvent = 4;
+constexpr std::size_t kReused = 1024;  // Bytes of room for a payload; larger ones are seldom, and not kept.
 
 bool isEvent(std::uint8_t kind) { return kind == kEvent || kind == kMicroEvent; }
 
@@ -44,17 +46,17 @@ Outgoing::Outgoing(Selection selection, Bounds bounds)
       values_(bounds.values) {}
 
 bool Outgoing::exports(std::string_view key) {
-  const MutexLock lock(mutex_);
+  const MutexLock lock(feedMutex_);
   return selection_.exports(key);
 }
 
 void Outgoing::addOther(const std::string& robot) {
-  const MutexLock lock(mutex_);
+  const MutexLock lock(feedMutex_);
   selection_.others.add(Pattern(robot + "/**"));
 }
 
 void Outgoing::begin(std::string run) {
-  const MutexLock lock(mutex_);
+  const MutexLock lock(feedMutex_);
   run_ = std::move(run);
 }
 
@@ -85,15 +87,18 @@ void Outgoing::tellStranger(const journal::Change& change) {
 }
 
 void Outgoing::change(const journal::Change& change) {
-  const MutexLock lock(mutex_);
+  const MutexLock lock(feedMutex_);
   tellStranger(change);
   Key& key = keyOf(change.key);
   markSeen(change.key);
   if (change.isState) {
     state(key, change);
   } else if (change.what == What::Removed) {
-    if (key.name) values_.remove(key.name->key);
     key.nth = 0;
+    if (!key.name) return;
+    const MutexLock handOver(mutex_);
+    values_.remove(key.name->key);
+    wake();
   } else if (change.what == What::Raised || change.what == What::RaisedMicro) {
     raise(key, change);
   } else if (change.what == What::Stored) {
@@ -103,7 +108,6 @@ void Outgoing::change(const journal::Change& change) {
   } else {
     key.nth = std::max(key.nth, change.nth);
   }
-  wake();
 }
 
 /// What a snapshot says. Raises between it and what was told before are known by their number alone.
@@ -113,7 +117,10 @@ void Outgoing::state(Key& key, const journal::Change& change) {
   key.nth = change.nth;
   if (key.isEvent) {
     key.n += leftOut;
-    if (knowsRaises_ && key.name) (key.isKept ? kept_ : live_).addMissed(leftOut);
+    if (knowsRaises_ && key.name) {
+      const MutexLock handOver(mutex_);
+      (key.isKept ? kept_ : live_).addMissed(leftOut);
+    }
   }
   setValue(key, change);
 }
@@ -124,8 +131,26 @@ void Outgoing::raise(Key& key, const journal::Change& change) {
   ++key.n;
   if (!key.name) return;
   record(key, change);
-  (key.isKept ? kept_ : live_).push({key.name, key.n, toPayload(record_), Clock::now()});
+  auto event = blankEvent();
+  event->key = key.name.get();
+  event->n = key.n;
+  writePayload(record_, event->payload);
+  event->raised = Clock::now();
+  const MutexLock handOver(mutex_);
+  (key.isKept ? kept_ : live_).push(std::move(event));
   mirror(key, change);
+  wake();
+}
+
+std::shared_ptr<Event> Outgoing::blankEvent() {
+  if (blanks_.empty()) {
+    const MutexLock handOver(mutex_);
+    blanks_.swap(returned_);
+  }
+  if (blanks_.empty()) return std::make_shared<Event>();
+  auto event = std::const_pointer_cast<Event>(std::move(blanks_.back()));
+  blanks_.pop_back();
+  return event;
 }
 
 void Outgoing::record(const Key& key, const journal::Change& change) {
@@ -140,7 +165,9 @@ void Outgoing::record(const Key& key, const journal::Change& change) {
 void Outgoing::setValue(const Key& key, const journal::Change& change) {
   if (!key.name) return;
   record(key, change);
+  const MutexLock handOver(mutex_);
   mirror(key, change);
+  wake();
 }
 
 /// @pre `record_` is that of the change.
@@ -153,7 +180,7 @@ void Outgoing::mirror(const Key& key, const journal::Change& change) {
 }
 
 void Outgoing::gap(const journal::Gap& gap) {
-  const MutexLock lock(mutex_);
+  const MutexLock lock(feedMutex_);
   unseen_.clear();
   for (const auto& [name, key] : keys_) unseen_.insert(name);
   const std::string run = fmt::format("{:x}", gap.to.epoch);
@@ -165,7 +192,7 @@ void Outgoing::gap(const journal::Gap& gap) {
 }
 
 void Outgoing::unchanged(std::string_view key) {
-  const MutexLock lock(mutex_);
+  const MutexLock lock(feedMutex_);
   markSeen(key);
 }
 
@@ -175,12 +202,11 @@ void Outgoing::markSeen(std::string_view key) {
 }
 
 void Outgoing::complete() {
-  const MutexLock lock(mutex_);
+  const MutexLock lock(feedMutex_);
   knowsRaises_ = true;
-  for (const std::string& gone : unseen_) {
-    values_.remove(gone);
-    keys_[gone].nth = 0;
-  }
+  for (const std::string& gone : unseen_) keys_[gone].nth = 0;
+  const MutexLock handOver(mutex_);
+  for (const std::string& gone : unseen_) values_.remove(gone);
   unseen_.clear();
   wake();
 }
@@ -217,11 +243,21 @@ void Outgoing::confirmLive() {
   live_.confirmAll();
 }
 
-void Outgoing::refused(std::string_view key) {
+void Outgoing::reuse(std::vector<EventPointer> events) {
   const MutexLock lock(mutex_);
+  if (!returned_.empty()) return;
+  // The outbox may have some yet, which are to be sent again.
+  std::erase_if(events, [](const auto& each) { return each.use_count() > 1 || each->payload.capacity() > kReused; });
+  returned_ = std::move(events);
+}
+
+void Outgoing::refused(std::string_view key) {
+  const MutexLock lock(feedMutex_);
   const auto known = keys_.find(key);
   // A kept one is only confirmed by the store.
-  if (known != keys_.end() && known->second.name && !known->second.isKept) live_.refuse();
+  if (known == keys_.end() || !known->second.name || known->second.isKept) return;
+  const MutexLock handOver(mutex_);
+  live_.refuse();
 }
 
 bool Outgoing::confirmKept(std::uint64_t id) {
@@ -282,7 +318,7 @@ std::uint64_t Outgoing::turnedAway() {
 }
 
 std::string Outgoing::run() {
-  const MutexLock lock(mutex_);
+  const MutexLock lock(feedMutex_);
   return run_;
 }
 

@@ -10,12 +10,13 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <stop_token>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace HX::fleet {
@@ -32,6 +33,9 @@ struct Selection {
 };
 
 /// Between the feed of changes and what sends: who tells a change never waits for who sends.
+///
+/// What is told is put into words under one lock, and handed over under another, which is held for that alone: under
+/// one lock for both the feed, which comes again at once, would keep the sender out for as long as there is news.
 ///
 /// @par Threads  All are safe from any; the functions of the feed one at a time.
 class Outgoing {
@@ -68,6 +72,9 @@ class Outgoing {
   /// @param values  Whether values count that are due by and by.
   void await(std::chrono::milliseconds limit, bool values, const std::stop_token& stop);
   void confirmLive();
+  /// Live events that are done with: their room is used again. At full rate most of the work would otherwise be to make
+  /// it on one thread and to free it on another.
+  void reuse(std::vector<EventPointer> events);
   /// The server has refused an event of this key for lack of rights.
   void refused(std::string_view key);
   /// @return False when some that were sent before it are not confirmed: they were lost, since the store keeps the
@@ -98,31 +105,38 @@ class Outgoing {
     std::uint32_t nth = 0;  ///< Of the change told last.
     bool isEvent = false;
   };
-  Key& keyOf(std::string_view name) HX_REQUIRES(mutex_);
-  void state(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
-  void raise(Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
-  void setValue(const Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
-  void mirror(const Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
-  void record(const Key& key, const journal::Change& change) HX_REQUIRES(mutex_);
-  void markSeen(std::string_view key) HX_REQUIRES(mutex_);
-  void tellStranger(const journal::Change& change) HX_REQUIRES(mutex_);
+  Key& keyOf(std::string_view name) HX_REQUIRES(feedMutex_);
+  void state(Key& key, const journal::Change& change) HX_REQUIRES(feedMutex_);
+  void raise(Key& key, const journal::Change& change) HX_REQUIRES(feedMutex_);
+  std::shared_ptr<Event> blankEvent() HX_REQUIRES(feedMutex_);
+  void setValue(const Key& key, const journal::Change& change) HX_REQUIRES(feedMutex_);
+  void mirror(const Key& key, const journal::Change& change) HX_REQUIRES(feedMutex_, mutex_);
+  void record(const Key& key, const journal::Change& change) HX_REQUIRES(feedMutex_);
+  void markSeen(std::string_view key) HX_REQUIRES(feedMutex_);
+  void tellStranger(const journal::Change& change) HX_REQUIRES(feedMutex_);
   void wake() HX_REQUIRES(mutex_);
 
   const Bounds bounds_;
 
+  // What is known of the keys. `mutex_` is taken while it is held, never the other way round.
+  Mutex feedMutex_;
+  Selection selection_ HX_GUARDED_BY(feedMutex_);
+  std::string run_ HX_GUARDED_BY(feedMutex_);
+  std::unordered_map<std::string, Key, NameHash, std::equal_to<>> keys_ HX_GUARDED_BY(feedMutex_);  // None ever goes.
+  Record record_ HX_GUARDED_BY(feedMutex_);  // Of the change that is told; kept for the room that its texts have.
+  std::set<std::string, std::less<>> unseen_ HX_GUARDED_BY(feedMutex_);  // By the snapshot that follows a gap.
+  std::vector<EventPointer> blanks_ HX_GUARDED_BY(feedMutex_);           // Nobody else has them.
+  bool knowsRaises_ HX_GUARDED_BY(feedMutex_) = false;  // The first snapshot is complete: what is left out is missed.
+  bool toldStranger_ HX_GUARDED_BY(feedMutex_) = false;
+  bool toldLong_ HX_GUARDED_BY(feedMutex_) = false;
+  bool toldTooMany_ HX_GUARDED_BY(feedMutex_) = false;
+
+  // What is to be sent.
   Mutex mutex_;
-  Selection selection_ HX_GUARDED_BY(mutex_);
   std::condition_variable_any changed_;
-  std::string run_ HX_GUARDED_BY(mutex_);
-  std::map<std::string, Key, std::less<>> keys_ HX_GUARDED_BY(mutex_);
-  Record record_ HX_GUARDED_BY(mutex_);  // Of the change that is told; kept for the room that its texts have.
-  std::set<std::string, std::less<>> unseen_ HX_GUARDED_BY(mutex_);  // By the snapshot that follows a gap.
-  bool knowsRaises_ HX_GUARDED_BY(mutex_) = false;  // The first snapshot is complete: what is left out is missed.
-  bool isIdle_ HX_GUARDED_BY(mutex_) = false;       // The sender sleeps.
-  bool hasNew_ HX_GUARDED_BY(mutex_) = false;       // Since the sender took something last.
-  bool toldStranger_ HX_GUARDED_BY(mutex_) = false;
-  bool toldLong_ HX_GUARDED_BY(mutex_) = false;
-  bool toldTooMany_ HX_GUARDED_BY(mutex_) = false;
+  bool isIdle_ HX_GUARDED_BY(mutex_) = false;                 // The sender sleeps.
+  bool hasNew_ HX_GUARDED_BY(mutex_) = false;                 // Since the sender took something last.
+  std::vector<EventPointer> returned_ HX_GUARDED_BY(mutex_);  // To become blanks.
   Outbox live_ HX_GUARDED_BY(mutex_);
   Outbox kept_ HX_GUARDED_BY(mutex_);
   LastValues values_ HX_GUARDED_BY(mutex_);

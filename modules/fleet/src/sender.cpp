@@ -92,9 +92,9 @@ bool Sender::work(Connection& connection) {
   }
   const std::string refused = connection.lastError();
   if (isLate) becomeCut(refused.empty() ? "the hub's store does not answer" : refused);
-  const Outgoing::Work work = outgoing_.take(window_, storable(now, awaits));
+  Outgoing::Work work = outgoing_.take(window_, storable(now, awaits));
   if (work.isEmpty()) return false;
-  send(connection, work);
+  send(connection, std::move(work));
   return true;
 }
 
@@ -110,7 +110,8 @@ std::size_t Sender::storable(Clock::time_point now, bool awaits) {
   return 1;
 }
 
-void Sender::send(Connection& connection, const Outgoing::Work& work) {
+void Sender::send(Connection& connection, Outgoing::Work work) {
+  const std::string run = outgoing_.run();
   std::string subject = subjects_.event(robot_, "");
   const std::size_t head = subject.size();
   for (const EventPointer& event : work.live) {
@@ -121,7 +122,7 @@ void Sender::send(Connection& connection, const Outgoing::Work& work) {
     connection.publish({subjects_.event(robot_, event->key->subject),
                         event->payload,
                         fmt::format("{}.kept.{}", connection.inbox(), event->id),
-                        {{"Nats-Msg-Id", fmt::format("{}.{}.{}", robot_, outgoing_.run(), event->id)}}});
+                        {{"Nats-Msg-Id", fmt::format("{}.{}.{}", robot_, run, event->id)}}});
   }
   for (const LastValues::Put& put : work.values) {
     Letter letter{subjects_.put(subjects_.valueBucket(), fmt::format("{}.{}", robot_, put.key->subject)),
@@ -134,6 +135,7 @@ void Sender::send(Connection& connection, const Outgoing::Work& work) {
   if (work.live.empty() && work.kept.size() + work.values.size() < kFew) return;
   awaitArrival(connection);
   outgoing_.confirmLive();
+  outgoing_.reuse(std::move(work.live));
 }
 
 void Sender::awaitArrival(Connection& connection) {

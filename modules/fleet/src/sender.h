@@ -52,7 +52,7 @@ class Sender {
   void serve(Connection& connection, const std::stop_token& stop);
   bool work(Connection& connection);
   std::size_t storable(Clock::time_point now, bool awaits);
-  void send(Connection& connection, const Outgoing::Work& work);
+  void send(Connection& connection, Outgoing::Work work);
   void awaitArrival(Connection& connection);
   void listen(Connection& connection);
   void onEventAnswer(const Message& message);

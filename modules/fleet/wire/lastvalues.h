@@ -6,11 +6,13 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -80,7 +82,7 @@ class LastValues {
     bool isInFlight = false;
     bool hasChanged = false;  // While it was in flight.
   };
-  using Items = std::map<std::string, Item, std::less<>>;
+  using Items = std::unordered_map<std::string, Item, NameHash, std::equal_to<>>;
 
   void change(Item& item);
   void makeDue(Item& item);

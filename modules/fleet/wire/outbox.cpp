@@ -17,10 +17,10 @@ Account& Account::operator+=(const Account& other) {
 
 Outbox::Outbox(Bounds bounds, std::uint64_t firstId) : bounds_(bounds), nextId_(firstId) {}
 
-void Outbox::push(Event event) {
-  event.id = nextId_++;
-  bytes_ += event.payload.size();
-  queue_.push_back(std::make_shared<const Event>(std::move(event)));
+void Outbox::push(std::shared_ptr<Event> event) {
+  event->id = nextId_++;
+  bytes_ += event->payload.size();
+  queue_.push_back(std::move(event));
   ++account_.raised;
   while (queue_.size() > bounds_.events || bytes_ > bounds_.bytes) drop();
 }

@@ -6,25 +6,33 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace HX::fleet {
 
-/// A key under the names that the fleet has for it. Shared by all that is sent of it.
+/// A key under the names that the fleet has for it.
 struct KeyName {
   std::string key;
   std::string subject;  ///< As `toSubject` gives it.
 };
 using KeyNamePointer = std::shared_ptr<const KeyName>;
 
+/// For tables that are asked by a part of a text.
+struct NameHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>()(name); }
+};
+
 /// An event on its way.
 struct Event {
   using Clock = std::chrono::steady_clock;
-  KeyNamePointer key;
-  std::uint64_t n = 0;  ///< As `Record::n`.
+  const KeyName* key = nullptr;  ///< Outlives it: counting its users would have two threads write what is read alone.
+  std::uint64_t n = 0;           ///< As `Record::n`.
   std::string payload;
   Clock::time_point raised;
   std::uint64_t id = 0;  ///< Given by the outbox: rises, from the outbox's first one on.
@@ -63,7 +71,8 @@ class Outbox {
   explicit Outbox(Bounds bounds, std::uint64_t firstId = 1);
 
   /// Takes a raise in. Beyond the bounds the oldest that never left goes.
-  void push(Event event);
+  /// @param event  Its id is given here.
+  void push(std::shared_ptr<Event> event);
   /// The server has refused one that was sent to be confirmed with all others: nobody has it.
   void refuse() { ++refused_; }
   /// Counts raises whose events nobody has.

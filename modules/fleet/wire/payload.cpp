@@ -82,6 +82,12 @@ mw::SystemTimePoint toTime(const std::string& text) {
 }
 
 std::string toPayload(const Record& record) {
+  std::string text;
+  writePayload(record, text);
+  return text;
+}
+
+void writePayload(const Record& record, std::string& text) {
   std::string value = toJson(record.value);
   std::string exact = exactHex(record.value);
   const std::size_t size = value.size() + exact.size();
@@ -90,7 +96,7 @@ std::string toPayload(const Record& record) {
     exact.clear();
   }
   // There is one in each event: a text that is made once, and does not grow.
-  std::string text;
+  text.clear();
   text.reserve(record.key.size() + value.size() + exact.size() + record.run.size() + 144);
   text += R"({"key":)";
   appendQuoted(text, record.key);
@@ -100,7 +106,7 @@ std::string toPayload(const Record& record) {
   appendNumber(text, record.n);
   text.append(R"(,"run":")").append(record.run).append(R"(","time":")");
   appendTime(text, record.time);
-  return text.append(R"("})");
+  text.append(R"("})");
 }
 
 Record toRecord(std::string_view payload) {

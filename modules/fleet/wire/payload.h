@@ -27,6 +27,8 @@ struct Record {
 /// One object of JSON: key, value, kind, n, run, time; "msgpack" with the value's MessagePack in hexadecimal where JSON
 /// does not carry it as it is.
 std::string toPayload(const Record& record);
+/// The same into a text whose room is used again.
+void writePayload(const Record& record, std::string& text);
 /// @throws std::runtime_error saying what is wrong with it.
 Record toRecord(std::string_view payload);
 

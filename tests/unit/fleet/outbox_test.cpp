@@ -15,6 +15,11 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
+void push(Outbox& outbox, const KeyNamePointer& key, std::uint64_t n, const std::string& payload,
+          Event::Clock::time_point raised) {
+  outbox.push(std::make_shared<Event>(Event{key.get(), n, payload, raised}));
+}
+
 /// An outbox, and what a hub behind a bad line has of it.
 class Line {
  public:
@@ -22,7 +27,7 @@ class Line {
 
   void raise() {
     const auto key = chance(2) ? one_ : other_;
-    outbox_.push({key, ++n_[key->key], std::string(chance(10), 'x'), now_ += std::chrono::milliseconds(1)});
+    push(outbox_, key, ++n_[key->key], std::string(chance(10), 'x'), now_ += std::chrono::milliseconds(1));
   }
   void send() {
     for (const EventPointer& event : outbox_.take(chance(12))) underWay_.push_back(event);
@@ -109,15 +114,15 @@ TEST(Outbox, AccountsForEachRaiseOverABadLineAndKeepsTheOrderOfAKey) {
 TEST(Outbox, DropsTheOldestThatNeverLeftWhenBytesRunOut) {
   const auto key = std::make_shared<const KeyName>(KeyName{"A", "A"});
   Outbox outbox({100, 10, 1});
-  outbox.push({key, 1, std::string(8, 'x'), {}});
+  push(outbox, key, 1, std::string(8, 'x'), {});
   EXPECT_THAT(outbox.take(9), SizeIs(1));
-  outbox.push({key, 2, std::string(8, 'x'), {}});
-  outbox.push({key, 3, std::string(8, 'x'), {}});
+  push(outbox, key, 2, std::string(8, 'x'), {});
+  push(outbox, key, 3, std::string(8, 'x'), {});
   outbox.giveBack();
   EXPECT_THAT(outbox.takeDropped(), ElementsAre(Dropped{"A", 2, 2, 1}));
   EXPECT_EQ(outbox.take(1)[0]->n, 1U) << "it may have arrived: it is sent again";
   outbox.returnDropped({Dropped{"A", 2, 2, 1}});
-  outbox.push({key, 4, std::string(9, 'x'), {}});
+  push(outbox, key, 4, std::string(9, 'x'), {});
   EXPECT_THAT(outbox.takeDropped(), ElementsAre(Dropped{"A", 2, 3, 2}));
 }
 
@@ -125,7 +130,7 @@ TEST(Outbox, SendsNothingThatHasGrownTooOld) {
   const auto key = std::make_shared<const KeyName>(KeyName{"A", "A"});
   const Event::Clock::time_point begin{};
   Outbox outbox({100, 100, 1});
-  for (std::uint64_t n = 1; n <= 3; ++n) outbox.push({key, n, "x", begin + std::chrono::seconds(n)});
+  for (std::uint64_t n = 1; n <= 3; ++n) push(outbox, key, n, "x", begin + std::chrono::seconds(n));
   EXPECT_THAT(outbox.take(9), SizeIs(1));
   outbox.giveBack();
   outbox.missOlder(begin + std::chrono::seconds(3));
@@ -139,7 +144,7 @@ TEST(Outbox, SendsNothingThatHasGrownTooOld) {
 TEST(Outbox, CountsWhatTheServerRefusesAsMissedWheneverThatIsKnown) {
   const auto key = std::make_shared<const KeyName>(KeyName{"A", "A"});
   Outbox outbox({100, 100, 100});
-  for (std::uint64_t n = 1; n <= 3; ++n) outbox.push({key, n, "x", {}});
+  for (std::uint64_t n = 1; n <= 3; ++n) push(outbox, key, n, "x", {});
   outbox.take(9);
   outbox.refuse();
   EXPECT_TRUE(outbox.account().isBalanced());

@@ -33,8 +33,9 @@ TEST(Payloads, CarryEveryValueAndItsType) {
                             "\xff not UTF-8",
                             HXValue(HXValue::Binary{std::byte{0}, std::byte{255}}),
                             HXValue::list({1, 0.5F, HXValue::map({{"a", 1}})})};
+  std::string payload;  // Whose room is used again.
   for (const HXValue& value : values) {
-    const std::string payload = toPayload({"Left arm/\xc3\xa4", value, "Event", 12, "ab12", kTime});
+    writePayload({"Left arm/\xc3\xa4", value, "Event", 12, "ab12", kTime}, payload);
     const Record record = toRecord(payload);
     EXPECT_EQ(record.value, value);
     EXPECT_EQ(record.key, "Left arm/\xc3\xa4");
