@@ -3,9 +3,12 @@
 #include <hxvalue/json.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <functional>
 #include <iostream>
+#include <string>
 #include <unistd.h>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -27,6 +30,7 @@ class Line {
   Line() : app_("Sees and drives the robots of a fleet, and makes hubs for it.", "korvo fleet") {
     app_.require_subcommand(1);
     app_.set_version_flag("--version", "korvo " KORVO_VERSION);
+    takeEnvironment();
     app_.footer("Exit status: 0 done, 1 failed, 2 wrong usage, 3 the robot or the hub cannot be reached.");
     addHubs();
     addRobots();
@@ -43,16 +47,24 @@ class Line {
   }
 
  private:
+  /// Before the options, which win. The parser would ask the environment for each command, also for those that are not
+  /// given, and what it found for one of them would win over the option of the one that is.
+  void takeEnvironment() {
+    const std::pair<const char*, std::string*> all[] = {
+        {"KORVO_FLEET_HUB", &fleet_.hub}, {"KORVO_FLEET_CA", &fleet_.authority}, {"KORVO_FLEET_SEED", &fleet_.seed}};
+    for (const auto& [name, option] : all) {
+      const char* const value = std::getenv(name);
+      if (value && *value) *option = value;
+    }
+  }
   CLI::App* add(const char* name, const char* text, std::function<int()> action) {
     CLI::App* const command = app_.add_subcommand(name, text);
-    command->add_option("--hub", fleet_.hub, "The hub's servers, with commas between them")
-        ->envname("KORVO_FLEET_HUB")
+    command->add_option("--hub", fleet_.hub, "The hub's servers, with commas between them; or KORVO_FLEET_HUB")
         ->capture_default_str();
     command->add_option("--fleet", fleet_.fleet, "What the fleet is called")->capture_default_str();
     command->add_option("--domain", fleet_.domain, "Of the hub's store")->capture_default_str();
-    command->add_option("--ca", fleet_.authority, "Certificate that the hub's is signed with")
-        ->envname("KORVO_FLEET_CA");
-    command->add_option("--seed", fleet_.seed, "File with the key to use")->envname("KORVO_FLEET_SEED");
+    command->add_option("--ca", fleet_.authority, "Certificate that the hub's is signed with; or KORVO_FLEET_CA");
+    command->add_option("--seed", fleet_.seed, "File with the key to use; or KORVO_FLEET_SEED");
     command->add_flag("--insecure", fleet_.insecure, "Let a plain connection leave this machine");
     command->add_option("--timeout", fleet_.seconds, "Give up a request after so many seconds; 0: never")
         ->check(CLI::Range(0.0, 1e6))

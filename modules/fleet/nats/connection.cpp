@@ -131,6 +131,9 @@ bool tellsRefusal(const std::string& text) {
 void check(const Access& access) {
   if (access.servers.empty()) throw std::runtime_error("no server is named");
   for (const std::string& server : access.servers) checkServer(server, access.insecure);
+  if (!access.authority.empty() && ::access(access.authority.c_str(), R_OK) != 0) {
+    throw std::runtime_error(fmt::format("{} is not there, or cannot be read", access.authority));
+  }
   if (!access.seed.empty()) checkSeed(access.seed);
 }
 

@@ -100,6 +100,10 @@ TEST_F(Rights, AreThoseOfAKeyThatTheHubKnows) {
   auto known = access(1);
   std::filesystem::permissions(known.seed, std::filesystem::perms::group_read, std::filesystem::perm_options::add);
   EXPECT_THAT(errorOf([&] { check(known); }), HasSubstr("chmod 600"));
+  EXPECT_THAT(errorOf([&] {
+                HX::fleet::check({{hub->url()}, "/no/ca.pem", {}, false});
+              }),
+              HasSubstr("/no/ca.pem is not there"));
 }
 
 TEST_F(Rights, EndAndBeginWithWhatTheHubIsTold) {
