@@ -163,6 +163,8 @@ void HXFleet::serve(Session& session, const std::stop_token& stop) {
     if (!session.control->isOpen() || !session.bulk->isOpen()) {
       const std::string why = session.control->isOpen() ? session.bulk->lastError() : session.control->lastError();
       if (fleet::tellsRefusal(why)) throw fleet::RefusedError(why);
+      // A hub that reads its users again may hang up before it says why: what it said holds until it can be asked anew.
+      if (const std::string refused = refusal(); !refused.empty()) throw fleet::RefusedError(refused);
       throw fleet::AwayError(why.empty() ? "the connection was lost" : why);
     }
     if (session.heard->isBarred) throw fleet::RefusedError(refusal());
