@@ -93,12 +93,14 @@ void doctor(Context& context, Arguments& arguments) {
 constexpr Option kOneJson[] = {{"--json", "", "Print all of it as one object of JSON, on one line"}};
 
 constexpr std::array kInspectCommands{
-    Command{"explain", "KEY", "Tells all there is to know of a key, on one screen.",
-            "Its value; when it was changed last, by whom, and how often; who is subscribed, in which process, since\n"
-            "when, how long the last call took, and who waits for whom; its extractor, and for whom that runs; the\n"
-            "signals mapped to it; what is odd. What only the journal knows is known while it records: as long as\n"
-            "somebody follows, a minute longer, and always with korvo run --journal keep.",
-            "explain Arm/Pose", explain, kOneJson},
+    Command{
+        "explain", "KEY", "Tells all there is to know of a key, on one screen.",
+        "Its value; when it was changed last, by whom, and how often; whether it is overdue (korvo expect); who is\n"
+        "subscribed, in which process, since when, how long the last call took, and who waits for whom; its\n"
+        "extractor, and for whom that runs; the signals mapped to it; what is odd. What only the journal knows is "
+        "known while it records: as long as\n"
+        "somebody follows, a minute longer, and always with korvo run --journal keep.",
+        "explain Arm/Pose", explain, kOneJson},
     Command{"demand", "[EXTRACTOR]", "Tells what extractors produce, for whom, and what for nobody.",
             "A line for each event that has an extractor. With --json the same as objects, a line each.", "demand",
             demand, kJsonOnly},

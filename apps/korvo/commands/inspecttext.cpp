@@ -222,6 +222,17 @@ void addExtractors(Sheet& sheet, const HXValue& answer) {
   }
 }
 
+/// That a value is stale stands below its time.
+void addExpected(Sheet& sheet, const HXValue& answer) {
+  const HXValue& expected = entry(answer, "expected");
+  if (expected.isMap()) {
+    sheet.add("expected", fmt::format("{}every {:.3g} s", isSet(expected, "overdue") ? "OVERDUE: " : "",
+                                      entry(expected, "limit").toDouble()));
+  } else if (expected.isString()) {
+    sheet.add("expected", expected.asString());
+  }
+}
+
 }  // namespace
 
 string durationText(double seconds) {
@@ -241,6 +252,7 @@ std::vector<string> explainText(const HXValue& answer, mw::SystemTimePoint now, 
   const std::size_t room = std::max(width, 2 * kLabelWidth) - kLabelWidth;
   sheet.add("value", fit(briefText(entry(answer, "value"), room), room));
   addChanges(sheet, answer);
+  addExpected(sheet, answer);
   addSubscribers(sheet, answer);
   addWaits(sheet, answer);
   if (const HXValue& production = entry(answer, "extractor"); production.isMap()) {

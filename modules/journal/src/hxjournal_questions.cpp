@@ -12,8 +12,8 @@ void HXJournal::bindQuestions() {
       "explanation",
       "a map: key, value, type, kind, description, written; of the retained changes last (time, author, revision), "
       "rate (a second, over the last second and minute), changes, reach in seconds; subscribers, calls, waits, "
-      "extractor, mapped, odd. Times are microseconds since 1970, durations seconds. What only the journal knows "
-      "is a text that says so while it does not record");
+      "extractor, mapped, odd; expected (limit, overdue) where it is to be written so often. Times are microseconds "
+      "since 1970, durations seconds. What only the journal knows is a text that says so while it does not record");
   bindMethod(this, &HXJournal::explain);
 
   functionName("demand", getName(), "Tells what extractors produce, and for whom.");

@@ -106,6 +106,7 @@ HXValue Inspector::explain(const std::string& key) {
   Map told{{"key", key}};
   addState(told, key);
   addChanges(told, key);
+  addExpected(told, key);
   List subscribers;
   for (const auto& one : insight_->subscribersOf(key)) subscribers.push_back(toValue(one));
   List calls;

@@ -43,6 +43,7 @@ class Inspector {
   // explain
   void addState(Map& told, const std::string& key);
   void addChanges(Map& told, const std::string& key) const;
+  void addExpected(Map& told, const std::string& key) const;
   HXValue extractorOf(const std::string& key);
   List mappedTo(const std::string& key) const;
   List oddities(const std::string& key, const Tally& tally) const;

@@ -164,6 +164,19 @@ void Inspector::addProductions(Map& told, List& wrong) {
   told.emplace("extractors", HXValue::list(std::move(list)));
 }
 
+/// How often it is to be written, where the module is loaded that watches over it.
+void Inspector::addExpected(Map& told, const std::string& key) const {
+  if (!isThere("HXFreshness")) return;
+  try {
+    const auto expectations = broker_->getProxy("HXFreshness")->call<HXValue>("expectations");
+    for (const HXValue& one : expectations.asList()) {
+      if (one[0].asString() == key) told.emplace("expected", HXValue::map({{"limit", one[2]}, {"overdue", one[3]}}));
+    }
+  } catch (const std::exception& error) {
+    told.emplace("expected", fmt::format("unknown, since HXFreshness cannot say: {}", error.what()));
+  }
+}
+
 /// Where the module is loaded that watches over it.
 void Inspector::addOverdue(Map& told, List& wrong) const {
   if (!isThere("HXFreshness")) return;

@@ -245,9 +245,17 @@ TEST_F(Questions, PassOnWhatIsOverdue) {
   builder.advertiseMethod(mw::MetaMethodBuilder("overdue", "", ""), mw::AnyFunction::from([] {
                             return HXValue::list({HXValue::list({"Lidar/Scan", 4.2, 0.2})});
                           }));
+  builder.advertiseMethod(mw::MetaMethodBuilder("expectations", "", ""), mw::AnyFunction::from([] {
+                            return HXValue::list({HXValue::list({"Lidar/Scan", 4.2, 0.2, true}),
+                                                  HXValue::list({"Lidar/Speed", 0.1, 2.0, false})});
+                          }));
   const auto id = broker->session()->registerService(
       "HXFreshness", mw::AnyObject(std::make_shared<mw::DynamicObject>(builder.build(), nullptr)));
   EXPECT_THAT(reported(), HasSubstr("Lidar/Scan is overdue: written 4 s ago, expected every 0.2 s"));
+  for (const char* key : {"Lidar/Scan", "Lidar/Speed", "Lidar/Range"}) memory->insertData(key, 1);
+  EXPECT_THAT(explained("Lidar/Scan"), HasSubstr("expected     OVERDUE: every 0.2 s"));
+  EXPECT_THAT(explained("Lidar/Speed"), HasSubstr("expected     every 2 s"));
+  EXPECT_THAT(explained("Lidar/Range"), Not(HasSubstr("expected")));
   broker->session()->unregisterService(id);
   EXPECT_THAT(reported(), HasSubstr("nothing"));
 }
