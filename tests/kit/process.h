@@ -32,7 +32,6 @@ class Process {
     int status = -1;  ///< Exit status; 128 plus its number for one that a signal ended.
     std::string out;
     std::string err;
-    Clock::duration took{};  ///< From the call of `finish`.
   };
 
   /// @param command      The program's path and its arguments.
@@ -81,6 +80,8 @@ class Process {
   /// Appends to what its standard input gets while this object waits for it.
   void write(std::string_view text) { pending_ += text; }
   void send(int signal) const { kill(pid_, signal); }
+  /// @return The process's id, until `finish` returns.
+  pid_t id() const { return pid_; }
 
   /// Waits until `text` has been printed on its standard output or error.
   /// @return False when it ended, or the limit passed, without.
@@ -96,15 +97,15 @@ class Process {
   /// Ends its input once that is written, reads to the end and waits for it.
   /// @throws std::runtime_error when it does not end in time.
   Result finish(std::chrono::seconds limit = std::chrono::seconds(30)) {
-    const auto began = Clock::now();
+    const auto deadline = Clock::now() + limit;
     inputEnds_ = true;
-    while (readSome(began + limit)) {
+    while (readSome(deadline)) {
     }
     if (isOpen(0) || isOpen(1)) throw std::runtime_error("the program did not end; it printed " + streams_[0].text);
     int status = 0;
     waitpid(std::exchange(pid_, -1), &status, 0);
     const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return {code, streams_[0].text, streams_[1].text, Clock::now() - began};
+    return {code, streams_[0].text, streams_[1].text};
   }
 
  private:

@@ -174,8 +174,8 @@ class Services(kit.PackageTest):
         arm = Arm()
         self.host(arm)
         service = self.robot.service("Arm")
-        with self.assertRaisesRegex(TimeoutError, "did not answer Arm.slowly within 0.1 s"):
-            service.slowly(timeout=0.1)
+        with self.assertRaisesRegex(TimeoutError, "did not answer Arm.slowly within 2 s"):
+            service.slowly(timeout=2)  # Long enough for it to have begun; else nothing is woken.
         kit.until(lambda: arm.seen == ["woken"])
         self.assertEqual(service.move(1.0, timeout=30), 1.0)
         slow = service.slowly.start()

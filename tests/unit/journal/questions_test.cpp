@@ -25,6 +25,7 @@ namespace {
 using HX::Author;
 using HX::HXValue;
 using testing::AllOf;
+using testing::ContainsRegex;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -200,14 +201,15 @@ TEST_F(Questions, TellOfSubscribersThatFailAreSlowOrHang) {
   memory->subscribeToMicroEvent("Bell", "Slow", "", "onEvent");
   memory->raiseMicroEvent("Bell", 1);
   EXPECT_THAT(reported(), AllOf(HasSubstr("the subscription of Deaf to Bell has ended: no ears"),
-                                HasSubstr("Slow took 0.1 s for Bell: who raises it waits")));
+                                ContainsRegex("Slow took [0-9.]+ s for Bell: who raises it waits")));
   EXPECT_THAT(explained("Bell"),
-              AllOf(HasSubstr("Slow.onEvent  in the broker"), HasSubstr("took 1"), Not(HasSubstr("Deaf"))));
+              AllOf(ContainsRegex("Slow.onEvent  in the broker.* took [0-9]"), Not(HasSubstr("Deaf"))));
   const HXValue figures = journal_->figures();
   EXPECT_EQ(figures["subscriptions"].toInt(), 1);
   EXPECT_EQ(figures["slow"].toInt(), 1);
   EXPECT_EQ(figures["calls"][0][0], HXValue("Slow"));
-  EXPECT_EQ(figures["calls"][0][1][5].toInt64(), 1) << "of more than 100 ms";
+  const HXValue::List counts = figures["calls"][0][1].asList();
+  EXPECT_EQ(counts[5].toInt64() + counts[6].toInt64() + counts[7].toInt64(), 1) << "of more than 100 ms";
   EXPECT_GE(figures["calls"][0][2].toDouble(), 0.12);
   EXPECT_EQ(figures["dropped"][0]["module"], HXValue("Deaf"));
   EXPECT_EQ(journal_->subscribers({"Bell", "Gong"})["Bell"][0]["module"], HXValue("Slow"));
