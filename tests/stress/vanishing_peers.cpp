@@ -221,7 +221,9 @@ TEST_F(VanishingPeers, LeaveNothingBehind) {
     bytes.push_back(allocated());
   }
   if (!kSanitized) {
-    EXPECT_LE(bytes[2], bytes[1] + resident() / 20);
+    // What a connection had goes on the event loop, which may be late.
+    const std::size_t most = bytes[1] + resident() / 20;
+    EXPECT_TRUE(eventually([&] { return allocated() <= most; })) << allocated() << ", more than " << most;
   }
 }
 
