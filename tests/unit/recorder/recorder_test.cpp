@@ -303,7 +303,7 @@ TEST_F(Recording, OfABlackBoxHasEventsThatFollowEachOtherInOneFile) {
   BlackBoxOptions box;
   box.folder = folder_.path();
   box.before = std::chrono::seconds(30);
-  box.after = std::chrono::milliseconds(500);
+  box.after = std::chrono::seconds(2);  // Nobody is stopped for so long between the two.
   box.when = {"Fall"};
   box.onFinished = [&](const std::filesystem::path&) { ++written; };
   {
