@@ -35,7 +35,7 @@ class Rings : public JournalFixture {
 
 TEST_F(Rings, GiveEachOfManyWritersARevisionOfItsOwn) {
   constexpr std::uint64_t kWriters = 4;
-  constexpr std::uint64_t kEach = 20'000;
+  constexpr std::uint64_t kEach = 500'000;  // They have to meet.
   const std::uint64_t before = ring_.head();
   std::atomic<std::uint64_t> sum{0};
   kit::together(kWriters, [&] {
