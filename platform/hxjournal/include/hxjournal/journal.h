@@ -157,7 +157,8 @@ class HX_API JournalOwner {
 /// What an append leaves to be done once the caller has let go of its locks: make it before them.
 class HX_API Afterwards {
  public:
-  /// @param isLast  Whether the caller does nothing more after it but return to whoever has called it.
+  /// @param journal  Which is appended to; must outlive this.
+  /// @param isLast   Whether the caller does nothing more after it but return to whoever has called it.
   explicit Afterwards(Journal& journal, bool isLast = false) noexcept : journal_(journal), isLast_(isLast) {}
   Afterwards(const Afterwards&) = delete;
   Afterwards& operator=(const Afterwards&) = delete;
