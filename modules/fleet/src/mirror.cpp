@@ -127,17 +127,19 @@ void Mirror::forget(const std::string& robot) {
 }
 
 void Mirror::post(Task task) {
-  const MutexLock lock(mutex_);
+  MutexLock lock(mutex_);
   if (ended_) return;
-  if (tasks_.size() >= kMostTasks) {
-    tasks_.pop_front();
-    if (lost_++ == 0) mw::log::warning(kFollowing, "follow", "more comes from other robots than the memory takes");
-  }
+  const bool isTooMuch = tasks_.size() >= kMostTasks;
+  const bool isFirstLost = isTooMuch && lost_++ == 0;
+  if (isTooMuch) tasks_.pop_front();
   tasks_.push_back(std::move(task));
-  if (std::exchange(isRunning_, true)) return;
-  const auto broker = module_.findParentBroker();
-  if (broker && broker->session()->eventLoop().post([this] { run(); })) return;
-  isRunning_ = false;
+  if (!isRunning_) {
+    const auto broker = module_.findParentBroker();
+    isRunning_ = broker && broker->session()->eventLoop().post([this] { run(); });
+  }
+  lock.unlock();
+  // Sinks are foreign. No member is touched any more: this may have ended by now.
+  if (isFirstLost) mw::log::warning(kFollowing, "follow", "more comes from other robots than the memory takes");
 }
 
 void Mirror::run() {

@@ -144,8 +144,11 @@ bool Poller::startThread() {
       if (std::exchange(isShort_, true)) return false;
     }
   }
-  log::error(kCategory, "call",
-             fmt::format("calls from other processes wait: the system gives no more than {} threads", threadCount()));
+  // By the event loop: whoever adds the first socket holds a lock, under which no sink of the log is called.
+  defaultLoop().post([count = threadCount()] {
+    log::error(kCategory, "call",
+               fmt::format("calls from other processes wait: the system gives no more than {} threads", count));
+  });
   return false;
 }
 

@@ -63,9 +63,12 @@ Deadlines::Answer Deadlines::watch(const Answer& answer, std::string what) {
     given.cancel();
   });
   auto watched = promise.future();
+  std::vector<Watched> over;  // Go after the lock: a result may be the last that holds an object.
   {
     const HX::MutexLock lock(mutex_);
-    while (!watched_.empty() && watched_.front().promise.future().isFinished()) watched_.pop_front();
+    for (; !watched_.empty() && watched_.front().promise.future().isFinished(); watched_.pop_front()) {
+      over.push_back(std::move(watched_.front()));
+    }
     const auto end = Clock::now() + limit_;
     watched_.push_back({end, answer, promise, std::move(what)});
     startTimerLocked(end);

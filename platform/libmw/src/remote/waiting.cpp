@@ -9,6 +9,7 @@
 #include <hxerror/mutex.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <vector>
 
@@ -18,12 +19,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Task = std::function<void()>;
 
-/// Which threads of this process wait, or are about to, within which chain, and where.
-class Waiters {
+/// Which threads of this process wait, or are about to, within which chain, and where. Chains are spread over several,
+/// so that threads that have nothing to do with one another do not meet at one lock with each call.
+class alignas(64) Waiters {
  public:
-  static Waiters& instance() {
-    static Waiters* const the = new Waiters;  // Never destroyed: threads may wait until the very end.
-    return *the;
+  /// Those of the chain that `place` is in.
+  static Waiters& of(const WaitingPlace& place) {
+    static auto* const all = new std::array<Waiters, 16>;  // Never destroyed: threads may wait until the very end.
+    return (*all)[place.first.thread % all->size()];
   }
 
   void add(const WaitingPlace& place, const std::shared_ptr<Inbox>& inbox) {
@@ -165,17 +168,18 @@ bool WaitingThread::readInstead(Clock::time_point deadline) {
 
 Expectation::Expectation(const WaitingPlace& place, std::shared_ptr<Inbox> inbox)
     : place_(place), inbox_(std::move(inbox)) {
-  Waiters::instance().add(place_, inbox_);
+  Waiters::of(place_).add(place_, inbox_);
 }
 
-void Expectation::end() { Waiters::instance().remove(place_, inbox_); }
+void Expectation::end() { Waiters::of(place_).remove(place_, inbox_); }
 
 void serveWhileWaiting() {
   if (!detail::ThreadWait::current()) detail::ofThisThread<WaitingThread>();
 }
 
 bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task) {
-  return Waiters::instance().put({caller, domain}, task);
+  const WaitingPlace place(caller, domain);
+  return Waiters::of(place).put(place, task);
 }
 
 Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, Calling then,
