@@ -18,7 +18,7 @@ target_compile_options(korvo_warnings INTERFACE
   # g++ 12 sees overlapping copies in `"literal" + std::string`, where there are none.
   $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>
   # In a unity build every source is an included file, where g++ takes the anonymous namespace for a header's.
-  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wno-subobject-linkage>
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<BOOL:$<TARGET_PROPERTY:UNITY_BUILD>>>:-Wno-subobject-linkage>
   $<$<BOOL:${KORVO_WERROR}>:-Werror>)
 
 function(_korvo_common target)

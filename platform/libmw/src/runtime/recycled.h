@@ -8,6 +8,14 @@
 
 namespace mw::detail {
 
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kAddressesAreWatched = true;
+#elif defined(__has_feature)
+inline constexpr bool kAddressesAreWatched = __has_feature(address_sanitizer);
+#else
+inline constexpr bool kAddressesAreWatched = false;
+#endif
+
 /// Allocates what comes and goes by the burst, for std::allocate_shared: memory that the calling thread has let go of
 /// is used again first. The allocator of the system keeps no more than a few blocks of a size at hand; those beyond are
 /// split off and merged anew with each burst, which costs as much as to decode a call.
@@ -35,11 +43,7 @@ class Recycled {
   bool operator==(const Recycled&) const = default;
 
  private:
-#ifdef __SANITIZE_ADDRESS__
-  static constexpr std::size_t kMost = 0;  // It is to see who uses what has gone.
-#else
-  static constexpr std::size_t kMost = 64;
-#endif
+  static constexpr std::size_t kMost = kAddressesAreWatched ? 0 : 64;  // Who uses what has gone is to be seen.
 
   struct Kept {
     Kept() = default;
