@@ -2,6 +2,7 @@
 
 #include <hxerror/mutex.h>
 #include <libmw/dynamicobject.h>
+#include <libmw/remoteerror.h>
 
 #include <algorithm>
 #include <map>
@@ -116,7 +117,7 @@ Future<AnyValue> DynamicObject::metaCall(unsigned method, GenericFunctionParamet
   const AnyFunction* function = type_->method(method);
   if (!function) {
     return Future<AnyValue>::failed(std::make_exception_ptr(
-        std::runtime_error(fmt::format("{}: no method with id {}", metaObject().typeName(), method))));
+        NoSuchMethodError(fmt::format("{}: no method with id {}", metaObject().typeName(), method))));
   }
   if (callType == MetaCallType::Auto) {
     if (const MetaMethod* described = metaObject().method(method)) callType = described->callType;

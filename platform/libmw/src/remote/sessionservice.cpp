@@ -36,7 +36,7 @@ SessionService::SessionService(Session& session, std::string name, const std::sh
 
 std::shared_ptr<Link> SessionService::link() const {
   auto link = link_.lock();
-  if (!link) throw std::runtime_error("the connection has ended");
+  if (!link) throw ConnectionLostError("the connection has ended");
   return link;
 }
 
@@ -73,7 +73,7 @@ Future<AnyValue> SessionService::call(std::string_view method, std::span<const A
   if (method == "disconnect") return disconnect(arguments);
   if (method == "property") return property(arguments);
   if (method == "setProperty") return setProperty(arguments);
-  throw std::runtime_error(fmt::format("korvo.{}: no such method", method));
+  throw NoSuchMethodError(fmt::format("korvo.{}: no such method", method));
 }
 
 AnyValue SessionService::hello(Arguments arguments) {

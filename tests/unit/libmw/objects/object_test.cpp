@@ -5,6 +5,7 @@
 
 #include <libmw/dynamicobject.h>
 #include <libmw/eventloop.h>
+#include <libmw/remoteerror.h>
 #include <libmw/session.h>
 
 #include <atomic>
@@ -51,7 +52,9 @@ TEST_F(TypedObjects, ConnectAndDisconnectSignals) {
 
 TEST_F(TypedObjects, RefuseIdsThatTheyDoNotHave) {
   const auto member = static_cast<unsigned>(object->metaObject().signalId("opened"));
-  EXPECT_THAT(object->metaCall(99, {}).error(), HasSubstr("Door: no method with id 99"));
+  const auto unknown = object->metaCall(99, {});
+  EXPECT_THAT(unknown.error(), HasSubstr("Door: no method with id 99"));
+  EXPECT_THROW(unknown.value(), mw::NoSuchMethodError);
   EXPECT_THAT(object->metaCall(member, {}).error(), HasSubstr("no method with id"));
   EXPECT_THAT(object->connect(0U, mw::SignalSubscriber([] {})).error(), HasSubstr("no signal with id 0"));
   EXPECT_THAT(object->metaProperty(0).error(), HasSubstr("no property with id 0"));

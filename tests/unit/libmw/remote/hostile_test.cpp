@@ -179,7 +179,7 @@ TEST_F(HostilePeers, AreAnsweredWhenTheyCallWhatMakesNoSense) {
       {"korvo.disconnect", {99}, nullptr},
       {"korvo.property", {own, 99}, ""},
       {"korvo.release", {99, 1}, nullptr},
-      {"korvo.nothing", {}, "korvo.nothing: no such method"},
+      {"korvo.nothing", {}, "korvo.nothing: no such method\xa6method"},  // with the kind of error
       {".", {}, "no service named"},
       {"@99.echo", {1}, "no object @99"},
       {"@99999999999999999999.echo", {1}, "no object"},
