@@ -164,6 +164,7 @@ TEST(Completion, OfBashRunsNothingThatStandsInAName) {
 TEST(Commands, ExportAndImportWholeSetsOfKeys) {
   const Broker broker;
   const std::string lines =
+      "{\"key\":\"\",\"kind\":\"Data\",\"value\":\"no name\",\"description\":\"\"}\n"
       "{\"key\":\"A\",\"kind\":\"Data\",\"value\":1.5,\"msgpack\":\"ca3fc00000\",\"description\":\"a float\"}\n"
       "{\"key\":\"B\",\"kind\":\"Event\",\"value\":[1],\"description\":\"\"}\n"
       "{\"key\":\"C\",\"kind\":\"MicroEvent\",\"value\":null,\"description\":\"\"}\n";
