@@ -223,7 +223,7 @@ void Core::endLinger() {
   endRecording();
 }
 
-/// What is left to the calling thread may be late, where that is given more to do before: then the next change rings.
+/// What is left to the calling thread waits for what the caller still does: the next change rings all the same.
 void Core::ringBell(bool isLast) noexcept {
   try {
     const bool isLeft = isLast && executor->leave([weak = weak_from_this()] {

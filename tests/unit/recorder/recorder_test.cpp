@@ -154,7 +154,10 @@ TEST_F(Recording, KeepsSoMuchAndRemovesTheOldestParts) {
     memory->insertData("N", ++written);
     memory->insertData("Noise", std::to_string(random()) + std::to_string(random()));
     // It is not to miss any of them, however long it is kept from running.
-    while (written - static_cast<int>(recorder.state().changes / 2) > 1000) std::this_thread::yield();
+    const auto isBehind = [&](const RecorderState& state) {
+      return written - static_cast<int>(state.changes / 2) > 1000 && state.missed == 0;
+    };
+    while (isBehind(recorder.state())) std::this_thread::yield();
   }
   const auto parts = recorder.state().parts;
   recorder.stop();

@@ -56,8 +56,11 @@ class HX_API EventLoop {
 
   /// As `post`, for what follows from the last thing that a call or a delivery of another process does here: the thread
   /// that serves it runs `function` itself when it is done with that, as one of the loop's, and nobody has to be woken.
-  /// What the call still does until then, `function` waits for. On threads that serve nobody it is `post`.
+  /// What the call still does until then, `function` waits for; where the thread goes on to another call, or waits
+  /// after one that it served meanwhile, a thread of the default loop runs it. On threads that serve nobody it is
+  /// `post`.
   ///
+  /// @param function  As for `post`. It may be copied.
   /// @return False when the loop has been stopped: `function` is then destroyed and never runs.
   bool postAfterServing(std::function<void()> function);
 

@@ -23,6 +23,7 @@ HX_API std::stop_token stopOfServedCall();
 /// and `EventLoop::postAfterServing` has left it nothing to do yet.
 ///
 /// @param object  Of this process.
+/// @return Also false when something else came before it that left something to do, which others do now.
 /// @par Threads  Any.
 HX_API bool servesNothingBut(const GenericObject& object) noexcept;
 

@@ -3,6 +3,7 @@
 #include "../runtime/afterserving.h"
 #include "../runtime/processend.h"
 #include "../runtime/signalstack.h"
+#include "../runtime/threadlocal.h"
 
 #include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
@@ -44,6 +45,8 @@ void ring(const File& file) {
   const std::uint64_t one = 1;
   static_cast<void>(!::write(file.number(), &one, sizeof one));
 }
+
+HX_THREAD_LOCAL const Poller* pollerOfThread = nullptr;
 
 void run(remote::Work& work) {
   const mw::detail::AfterServing afterwards;
@@ -202,6 +205,7 @@ void Poller::runAll(std::vector<remote::Work>& works) {
 
 void Poller::runThread() {
   ::pthread_setname_np(::pthread_self(), "link");
+  pollerOfThread = this;
   const mw::detail::SignalStack forOverflow;
   std::vector<remote::Work> works;
   while (waitOnce(works)) continue;
@@ -245,7 +249,9 @@ bool Poller::stop(std::chrono::milliseconds patience) {
   }
   ring(end_);
   HX::MutexLock lock(mutex_);
-  return changed_.wait_for(lock.native(), patience, [this]() HX_REQUIRES(mutex_) { return threads_ == 0; });
+  // What a thread of its own runs may end the process: it cannot wait for itself.
+  const std::size_t own = pollerOfThread == this ? 1 : 0;
+  return changed_.wait_for(lock.native(), patience, [this, own]() HX_REQUIRES(mutex_) { return threads_ <= own; });
 }
 
 }  // namespace mw::local

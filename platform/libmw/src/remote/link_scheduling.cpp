@@ -1,3 +1,4 @@
+#include "../runtime/afterserving.h"
 #include "linkparts.h"
 
 #include <hxerror/mutex.h>
@@ -129,6 +130,7 @@ void Link::runStrand(const StrandKey& key, std::shared_ptr<Incoming> first) {
       call->clear();
       continue;
     }
+    mw::detail::AfterServing::passOn();  // What the call before it has left: this one may last.
     const bool more = call->next != nullptr;
     batch.hold(more);
     auto result = execute(*call);

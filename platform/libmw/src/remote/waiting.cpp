@@ -1,5 +1,6 @@
 #include "waiting.h"
 
+#include "../runtime/afterserving.h"
 #include "../runtime/threadkept.h"
 #include "../runtime/threadwait.h"
 #include "channel.h"
@@ -133,6 +134,7 @@ FutureState WaitingThread::wait(const detail::FutureStateBase& state, std::chron
       if (const Task task = inbox_->take()) {
         endReading();  // What the task does may last.
         task();
+        detail::AfterServing::passOn();  // So may the wait.
         continue;
       }
       if (deadline != Clock::time_point::max() && Clock::now() >= deadline) break;

@@ -8,15 +8,31 @@
 #include <libmw/log.h>
 #include <libmw/servedcall.h>
 
+#include <memory>
+#include <new>
 #include <stdexcept>
+#include <utility>
 
 namespace mw {
 
 bool servesNothingBut(const GenericObject& object) noexcept {
   const auto* const serving = detail::AfterServing::present();
-  if (!serving || !serving->isEmpty()) return false;
+  if (!serving || !serving->isOpen() || !serving->isEmpty()) return false;
   const auto* const calls = detail::ofThisThread<detail::RunningCalls>();
   return calls && calls->isJustIn(&object);
+}
+
+void detail::AfterServing::passOnAll() noexcept {
+  isPassedOn_ = true;
+  for (auto& function : std::exchange(functions_, {})) {
+    try {
+      // In one place: what it captured goes when it has run.
+      const auto shared = std::make_shared<std::function<void()>>(std::move(function));
+      if (!defaultLoop().post([shared] { (*shared)(); })) (*shared)();  // It is counted as its loop's all the same.
+    } catch (const std::bad_alloc&) {
+      if (function) function();  // Late is better than never.
+    }
+  }
 }
 
 EventLoop::EventLoop() : EventLoop(Options{}) {}

@@ -86,7 +86,7 @@ bool ThreadPool::postAfter(std::function<void()> function, std::chrono::nanoseco
 
 bool ThreadPool::postAfterServing(std::function<void()> function) {
   AfterServing* const serving = AfterServing::present();
-  if (!serving) return post(std::move(function));
+  if (!serving || !serving->isOpen()) return post(std::move(function));
   const auto pass = accepting_.enter();
   if (!pass) return false;
   outstanding_.fetch_add(1);
@@ -227,6 +227,7 @@ void ThreadPool::execute(std::function<void()>& function) {
 }
 
 void ThreadPool::executeLent(std::function<void()>& function) {
+  if (isInThisPool()) return execute(function);  // It was passed on to a worker.
   {
     const HX::MutexLock lock(mutex_);
     ++lent_;

@@ -2,6 +2,7 @@
 
 #include <hxcommon/feed.h>
 #include <hxproxies/hxmemoryproxy.h>
+#include <libmw/batch.h>
 #include <libmw/dynamicobject.h>
 #include <libmw/eventloop.h>
 #include <libmw/local.h>
@@ -91,6 +92,7 @@ class ServedWrites : public ModuleFeed {
   void SetUp() override {
     ModuleFeed::SetUp();
     memory->insertData("Arm/Speed", 0);
+    memory->insertData("Gate", 0);
     server_.emplace(*broker->session(), "torso");
     client_.emplace(other_, "torso");
     journal::FollowOptions options;
@@ -125,6 +127,24 @@ TEST_F(ServedWrites, AreToldByTheThreadThatServedThemAsOneOfTheLoops) {
   other_.service("HXMemory").value()->call<void>("insertData", "Arm/Speed", 1);
   EXPECT_EQ(told_->threadName.get_future().get(), "link") << "another one had to be woken";
   EXPECT_TRUE(told_->isInLoop);
+}
+
+// One work of a thread, which comes to its end with the last of them.
+TEST_F(ServedWrites, AreToldWhileACallGoesOnThatCameBehindThem) {
+  const auto service = other_.service("HXMemory").value();
+  mw::Future<mw::AnyValue> written;
+  mw::Future<mw::AnyValue> waits;
+  {
+    const mw::Batch together;
+    written = service->async("insertData", "Arm/Speed", 1);
+    waits = service->async("getDataOnChange", "Gate", 0);
+  }
+  EXPECT_EQ(told_->threadName.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  // It may have begun only now.
+  for (int i = 1; waits.wait(std::chrono::milliseconds(1)) == mw::FutureState::Running; ++i)
+    memory->insertData("Gate", i);
+  EXPECT_NO_THROW(waits.value());
+  EXPECT_NO_THROW(written.value());
 }
 
 TEST_F(ServedWrites, AreToldWhileTheMethodOfAModuleGoesOnThatMadeThem) {
