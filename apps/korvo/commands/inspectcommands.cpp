@@ -97,9 +97,9 @@ constexpr std::array kInspectCommands{
         "explain", "KEY", "Tells all there is to know of a key, on one screen.",
         "Its value; when it was changed last, by whom, and how often; whether it is overdue (korvo expect); who is\n"
         "subscribed, in which process, since when, how long the last call took, and who waits for whom; its\n"
-        "extractor, and for whom that runs; the signals mapped to it; what is odd. What only the journal knows is "
-        "known while it records: as long as\n"
-        "somebody follows, a minute longer, and always with korvo run --journal keep.",
+        "extractor, and for whom that runs; the signals mapped to it; what is odd. What only the journal knows is\n"
+        "known while it records: as long as somebody follows, a minute longer, and always with korvo run --journal\n"
+        "keep.",
         "explain Arm/Pose", explain, kOneJson},
     Command{"demand", "[EXTRACTOR]", "Tells what extractors produce, for whom, and what for nobody.",
             "A line for each event that has an extractor. With --json the same as objects, a line each.", "demand",

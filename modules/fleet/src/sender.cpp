@@ -111,7 +111,7 @@ std::size_t Sender::storable(Clock::time_point now, bool awaits) {
 }
 
 void Sender::send(Connection& connection, Outgoing::Work work) {
-  const std::string run = outgoing_.run();
+  const std::string run = work.kept.empty() ? std::string() : outgoing_.run();  // That waits for the feed.
   std::string subject = subjects_.event(robot_, "");
   const std::size_t head = subject.size();
   for (const EventPointer& event : work.live) {
