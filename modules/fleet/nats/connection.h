@@ -137,6 +137,7 @@ class Connection {
  private:
   struct Subscription;
   struct Shared;
+  void logIn(const Access& access, const std::string& server, const Options& options);
   void connect(const Access& access, const std::string& server, const Options& options);
   static void onClosed(natsConnection* connection, void* closure);
   static void onError(natsConnection* connection, natsSubscription* subscription, natsStatus error, void* closure);

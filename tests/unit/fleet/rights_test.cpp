@@ -119,6 +119,11 @@ TEST_F(Rights, EndAndBeginWithWhatTheHubIsTold) {
   EXPECT_THROW(robot->request({"fleet.robot8.set.A", "2"}, 1s), HX::fleet::RefusedError);
 }
 
+// The server refuses one login in some hundreds, whatever the key.
+TEST_F(Rights, AreGivenAtEachLogin) {
+  for (int login = 0; login < 400; ++login) ASSERT_NO_THROW(connect(1, "_INBOX.robot7")) << login;
+}
+
 /// Certificates that are signed by themselves.
 class Certificates : public testing::Test {
  protected:
