@@ -21,8 +21,8 @@ using namespace std::chrono_literals;
 
 constexpr int kTimeout = 2000;        // For connecting, milliseconds.
 constexpr int kWriteDeadline = 1000;  // A server that has frozen must hold nobody up for longer.
-constexpr int kLogins = 3;
-constexpr auto kFarewell = 5s;  // For handlers, and for the library to let go.
+constexpr int kLogins = 3;            // Until a key counts as refused.
+constexpr auto kFarewell = 5s;        // For handlers, and for the library to let go.
 
 void checkServer(const std::string& url, bool insecure) {
   const Server server(url);
@@ -338,8 +338,16 @@ void Connection::publish(const Letter& letter) {
   require(natsConnection_PublishMsg(connection_, message.get()), letter.subject);
 }
 
+/// The library takes a question that it could not even send for answered, and only this thread's last error tells that
+/// it could not. So that is made a known one first.
 void Connection::flush(std::chrono::milliseconds limit) {
-  require(natsConnection_FlushTimeout(connection_, limit.count()), "the server does not answer");
+  const char* const what = "the server does not answer";
+  constexpr int kNone = 0;
+  static_cast<void>(natsConnection_FlushTimeout(connection_, kNone));
+  require(natsConnection_FlushTimeout(connection_, limit.count()), what);
+  natsStatus last = NATS_OK;
+  nats_GetLastError(&last);
+  if (last != NATS_INVALID_TIMEOUT) fail(last, what);
 }
 
 Message Connection::request(const Letter& letter, std::chrono::milliseconds limit) {

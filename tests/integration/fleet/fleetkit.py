@@ -18,10 +18,11 @@ HUB_PORT = 4222
 
 
 def wait_for(what, look):
+    """What `look` finds. `what` is a text, or gives one when nothing comes."""
     end = time.monotonic() + LIMIT
     while not (found := look()):
         if time.monotonic() > end:
-            raise SystemExit(f"{what}: it does not come")
+            raise SystemExit(f"{what() if callable(what) else what}: it does not come")
         time.sleep(0.05)
     return found
 
@@ -146,6 +147,13 @@ class Site:
             process.wait()
 
 
+def ranges(numbers):
+    """"1-3, 7" of 1, 2, 3, 7."""
+    ends = sorted(n for n in numbers if n + 1 not in numbers)
+    begins = sorted(n for n in numbers if n - 1 not in numbers)
+    return ", ".join(str(begin) if begin == end else f"{begin}-{end}" for begin, end in zip(begins, ends))
+
+
 def check(site, robot, receivers, in_order=True):
     """Accounts are exact, and whoever receives agrees."""
     status = robot.settled()
@@ -170,7 +178,8 @@ def check(site, robot, receivers, in_order=True):
         all_kept = wait_for(f"all kept events at {name}", lambda: set(receiver.numbers[f"{robot.name}/Kept"]) == set(stored))
         # What is confirmed has left the hub, and may be read a moment later here.
         live_of = receiver.numbers[f"{robot.name}/Live"]
-        wait_for(f"{confirmed} live events at {name}", lambda: len(set(live_of)) >= confirmed)
+        wait_for(lambda: f"{confirmed} live events at {name}, not {ranges(set(range(1, live + 1)) - set(live_of))} ({status})",
+                 lambda: len(set(live_of)) >= confirmed)
         heard = set(live_of)
         assert all_kept and confirmed <= len(heard) <= live and live - len(heard) <= lost, (name, len(heard), status)
     print(f"{robot.name}: {kept} kept, {live} live: {confirmed} confirmed, {lost} dropped or missed", flush=True)
