@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <span>
 #include <string>
 #include <utility>
@@ -24,8 +25,7 @@ class ReceivedTail {
   /// @param size   Of the whole; more than `there`.
   /// @param there  What has come of it already.
   void begin(bool isText, std::size_t size, std::span<const std::byte> there) {
-    static const bool isKept = keepMemory();
-    static_cast<void>(isKept);
+    std::call_once(memoryIsKept, keepMemory);
     if (isText) {
       content_.emplace<std::string>();
     } else {
@@ -68,12 +68,12 @@ class ReceivedTail {
  private:
   /// Long values come and go: their memory is to be used again, not given back to the system and taken anew, page by
   /// page, with each of them. The allocator goes by the largest block that it has seen freed.
-  static bool keepMemory() {
+  static void keepMemory() {
     constexpr std::size_t kLargest = std::size_t{4} << 20;
     void* const volatile block = std::malloc(kLargest);
     std::free(block);
-    return true;
   }
+  static inline std::once_flag memoryIsKept;
 
   static constexpr std::size_t kPart = std::size_t{128} << 10;
   static constexpr std::size_t kAhead = std::size_t{1} << 20;

@@ -62,11 +62,11 @@ void ThreadPool::start() {
 bool ThreadPool::post(std::function<void()> function) {
   const auto pass = accepting_.enter();
   if (!pass) return false;
-  outstanding_.fetch_add(1);
+  outstanding_.fetch_add(kForWorkers);
   try {
     asio::post(work_, [this, function = std::move(function)]() mutable { execute(function); });
   } catch (...) {
-    oneDone();
+    oneDone(kForWorkers);
     throw;
   }
   if (isOverloaded()) armMonitor();
@@ -89,12 +89,12 @@ bool ThreadPool::postAfterServing(std::function<void()> function) {
   if (!serving || !serving->isOpen()) return post(std::move(function));
   const auto pass = accepting_.enter();
   if (!pass) return false;
-  outstanding_.fetch_add(1);
+  outstanding_.fetch_add(kLeftToOthers);
   try {
     serving->add(
         [self = shared_from_this(), function = std::move(function)]() mutable { self->executeLent(function); });
   } catch (...) {
-    oneDone();
+    oneDone(kLeftToOthers);
     throw;
   }
   return true;
@@ -213,6 +213,30 @@ bool ThreadPool::mayRetire() {
 void ThreadPool::execute(std::function<void()>& function) {
   running_.fetch_add(1);
   started_.fetch_add(1);
+  run(function);
+  running_.fetch_sub(1);
+  oneDone(kForWorkers);
+}
+
+void ThreadPool::executeLent(std::function<void()>& function) {
+  if (isInThisPool()) {  // It was passed on to a worker, within a function of that.
+    run(function);
+    return oneDone(kLeftToOthers);
+  }
+  {
+    const HX::MutexLock lock(mutex_);
+    ++lent_;
+  }
+  const auto* const outer = std::exchange(currentPool, this);
+  run(function);
+  oneDone(kLeftToOthers);
+  currentPool = outer;
+  const HX::MutexLock lock(mutex_);
+  --lent_;
+  changed_.notify_all();
+}
+
+void ThreadPool::run(std::function<void()>& function) {
   try {
     const CallerScope caller;
     if (!isStopped_) function();
@@ -222,32 +246,16 @@ void ThreadPool::execute(std::function<void()>& function) {
     log::error(kCategory, "post", fmt::format("loop \"{}\": a function threw an unknown exception", options_.name));
   }
   function = nullptr;  // what it captured is part of the function: whoever drains waits for that too
-  running_.fetch_sub(1);
-  oneDone();
 }
 
-void ThreadPool::executeLent(std::function<void()>& function) {
-  if (isInThisPool()) return execute(function);  // It was passed on to a worker.
-  {
-    const HX::MutexLock lock(mutex_);
-    ++lent_;
-  }
-  const auto* const outer = std::exchange(currentPool, this);
-  execute(function);
-  currentPool = outer;
-  const HX::MutexLock lock(mutex_);
-  --lent_;
-  changed_.notify_all();
-}
-
-void ThreadPool::oneDone() {
-  if (outstanding_.fetch_sub(1) != 1) return;
+void ThreadPool::oneDone(std::uint64_t which) {
+  if (outstanding_.fetch_sub(which) != which) return;
   const HX::MutexLock lock(mutex_);
   changed_.notify_all();
 }
 
 std::size_t ThreadPool::queued() const noexcept {
-  const auto outstanding = outstanding_.load();
+  const auto outstanding = forWorkers();
   const auto running = running_.load();  // may have grown since
   return outstanding > running ? outstanding - running : 0;
 }

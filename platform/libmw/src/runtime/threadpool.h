@@ -28,7 +28,8 @@ namespace mw::detail {
 /// Each thread owns the pool, so that a function may destroy its own loop.
 ///
 /// A thread that serves connections may be lent, for a function that it would have to wake a worker for: it counts as
-/// one of the pool's meanwhile, though not as a worker.
+/// one of the pool's meanwhile, though not as a worker. What is left to it is drained like all else, and is no reason
+/// to have more workers.
 ///
 /// The monitor is armed by a post() that finds more functions outstanding than there are workers, and ticks until
 /// nothing is queued. A tick without a function started since the one before means that all workers are blocked.
@@ -71,10 +72,12 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
 
   void execute(std::function<void()>& function);
   void executeLent(std::function<void()>& function);
-  void oneDone();
+  void run(std::function<void()>& function);
+  void oneDone(std::uint64_t which);
 
   std::size_t queued() const noexcept;
-  bool isOverloaded() const noexcept { return outstanding_.load() > workers_.load(); }
+  std::size_t forWorkers() const noexcept { return outstanding_.load() % kLeftToOthers; }
+  bool isOverloaded() const noexcept { return forWorkers() > workers_.load(); }
   void armMonitor();
   void scheduleTick();
   void tick();
@@ -84,10 +87,14 @@ class ThreadPool : public std::enable_shared_from_this<ThreadPool> {
   const EventLoop::Options options_;
   CallGate accepting_;  // around every entry to the queues; closed by stop()
 
-  std::atomic<std::size_t> outstanding_{0};  // functions queued or running
-  std::atomic<std::size_t> running_{0};
+  // Functions queued or running: in the lower half those for the workers, in the upper one those left to threads of
+  // others. In one piece, so that who drains sees a moment at which there are none of either.
+  static constexpr std::uint64_t kForWorkers = 1;
+  static constexpr std::uint64_t kLeftToOthers = std::uint64_t{1} << 32U;
+  std::atomic<std::uint64_t> outstanding_{0};
+  std::atomic<std::size_t> running_{0};  // by workers
   std::atomic<std::size_t> workers_{0};
-  std::atomic<std::uint64_t> started_{0};  // functions ever started
+  std::atomic<std::uint64_t> started_{0};  // functions that workers have ever started
   std::atomic<bool> isStopped_{false};
   std::atomic<bool> isMonitorArmed_{false};
 

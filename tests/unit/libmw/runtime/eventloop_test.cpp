@@ -197,6 +197,33 @@ TEST(EventLoop, HasWhatIsLeftToAThreadThatServesRunByItAtTheEnd) {
   EXPECT_NE(there, self) << "run by a thread that serves nobody";
 }
 
+TEST(EventLoop, DrainsWhatIsLeftToAThreadThatServesAndDoesNotCountItAsWaitingForWorkers) {
+  const kit::CaptureLog log({"mw.eventloop"});
+  auto options = small(1, 1);
+  options.stallWarning = 2ms;
+  EventLoop loop(options);
+  kit::Sitter sitter;
+  std::atomic<bool> isDrained{false};
+  std::thread drainer;
+  {
+    const mw::detail::AfterServing serving;
+    for (int i = 0; i < 3; ++i) loop.postAfterServing([&] { EXPECT_FALSE(isDrained); });
+    loop.post([&] { sitter.sit(); });
+    sitter.awaitEntry();
+    auto waiting = loop.async([] {});
+    EXPECT_TRUE(log.waitFor(1));
+    EXPECT_THAT(log.texts(), testing::ElementsAre(testing::HasSubstr(": 1 functions have waited for ")));
+    sitter.release();
+    waiting.wait();
+    drainer = std::thread([&] {
+      loop.drain();
+      isDrained = true;
+    });
+    for (int i = 0; i < 100; ++i) std::this_thread::yield();
+  }
+  drainer.join();
+}
+
 TEST(EventLoop, WaitsAtItsEndForALentThreadThatRunsAndDropsWhatHasNotStarted) {
   auto loop = std::make_unique<EventLoop>(small(1, 1));
   kit::Sitter sitter;
