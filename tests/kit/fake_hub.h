@@ -89,7 +89,8 @@ class FakeHub {
   }
   void accept() {
     clients_.push_back({::accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC), {}, {}});
-    say(clients_.back(), R"(INFO {"server_id":"fake","version":"2.9.10","proto":1,"headers":true,"max_payload":1048576})");
+    say(clients_.back(),
+        R"(INFO {"server_id":"fake","version":"2.9.10","proto":1,"headers":true,"max_payload":1048576})");
   }
   void forget(std::size_t i) {
     ::close(clients_[i].socket);

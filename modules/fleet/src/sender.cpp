@@ -33,10 +33,14 @@ Sender::Sender(Outgoing& outgoing, FleetSubjects subjects, std::string robot)
 Sender::~Sender() { use(nullptr); }
 
 void Sender::use(std::shared_ptr<Connection> connection) {
-  const MutexLock lock(mutex_);
-  connection_.swap(connection);
-  cut_.clear();
-  given_.notify_all();
+  {
+    const MutexLock lock(mutex_);
+    connection_.swap(connection);
+    cut_.clear();
+    given_.notify_all();
+  }
+  // Or our thread would wait for an answer by it for as long as TCP takes to repeat what a cut line has swallowed.
+  if (connection) connection->close();
 }
 
 std::string Sender::cut() const {

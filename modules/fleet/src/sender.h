@@ -38,7 +38,7 @@ class Sender {
   Sender& operator=(const Sender&) = delete;
   ~Sender();
 
-  /// Sends by this connection from now on; by none when it is null.
+  /// Sends by this connection from now on; by none when it is null. Closes the one before.
   void use(std::shared_ptr<Connection> connection);
   /// Why the store is cut off; empty when it is not.
   std::string cut() const;

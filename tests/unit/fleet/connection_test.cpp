@@ -4,12 +4,11 @@
 #include "fake_hub.h"
 #include "hxfleet.h"
 #include "memory_fixture.h"
+#include "sender.h"
 
-#include <algorithm>
 #include <chrono>
+#include <memory>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -37,6 +36,18 @@ TEST(Connection, TellsWhatHasArrivedFromWhatNeverLeft) {
       connection.flush(1ms);
     });
   }
+}
+
+// A line that was cut and is back has the old connection's answers only when TCP has found out.
+TEST(Sender, WaitsNoLongerForAnswersByAConnectionThatIsTakenFromIt) {
+  kit::FakeHub hub;
+  Outgoing outgoing({}, {});
+  Sender sender(outgoing, FleetSubjects("fleet"), "robot7");
+  const auto connection =
+      std::make_shared<Connection>(Access{{hub.url()}, {}, {}, false}, Connection::Options{"robot"});
+  sender.use(connection);
+  sender.use(nullptr);
+  EXPECT_FALSE(connection->isOpen());
 }
 
 class RobotOfAFakeHub : public kit::MemoryFixture {

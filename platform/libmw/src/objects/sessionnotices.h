@@ -2,8 +2,8 @@
 
 #include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
-#include <libmw/trackable.h>
 #include <libmw/session.h>
+#include <libmw/trackable.h>
 
 #include <cstdint>
 #include <deque>
