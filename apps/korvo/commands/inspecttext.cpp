@@ -102,8 +102,13 @@ string placeText(const HXValue& map) {
   return process.empty() ? "in the broker" : process;
 }
 
+/// "1 key", "2 keys".
+string counted(std::int64_t count, std::string_view one) {
+  return fmt::format("{} {}{}", count, one, count == 1 ? "" : "s");
+}
+
 /// "A", "A and B", "A, B and C", "A, B, C and 4 more".
-string enumerated(std::vector<string> names) {
+string enumerated(std::vector<string> names, std::string_view comma = ", ") {
   constexpr std::size_t kMost = 4;
   if (names.size() > kMost) {
     const std::size_t more = names.size() - (kMost - 1);
@@ -112,7 +117,7 @@ string enumerated(std::vector<string> names) {
   }
   string text;
   for (std::size_t i = 0; i < names.size(); ++i) {
-    if (i > 0) text += i + 1 == names.size() ? " and " : ", ";
+    if (i > 0) text += i + 1 == names.size() ? " and " : comma;
     text += names[i];
   }
   return text;
@@ -161,9 +166,10 @@ void addChanges(Sheet& sheet, const HXValue& told) {
   }
   const HXValue& rate = entry(told, "rate");
   if (rate.isMap()) {
-    sheet.add("rate", fmt::format("{:.3g} a second, {:.3g} over the last minute; {} times in the last {}",
+    sheet.add("rate", fmt::format("{:.3g} a second, {:.3g} over the last minute; {} in the last {}",
                                   entry(rate, "second").toDouble(), entry(rate, "minute").toDouble(),
-                                  entry(told, "changes").toInt64(), durationText(entry(told, "reach").toDouble())));
+                                  counted(entry(told, "changes").toInt64(), "change"),
+                                  durationText(entry(told, "reach").toDouble())));
   } else {
     sheet.add("rate", rate.isString() ? rate.asString() : "unknown");
   }
@@ -204,10 +210,10 @@ string bytesText(std::int64_t bytes) { return fmt::format("{:.1f} MiB", static_c
 
 void addMemory(Sheet& sheet, const HXValue& told) {
   const HXValue& changes = entry(told, "changesPerSecond");
-  sheet.add("memory", fmt::format("{} keys; the process holds {}", entry(told, "keys").toInt64(),
+  sheet.add("memory", fmt::format("{}; the process holds {}", counted(entry(told, "keys").toInt64(), "key"),
                                   bytesText(entry(told, "residentBytes").toInt64())));
   sheet.add("changes", changes.isString() ? changes.asString() : fmt::format("{:.3g} a second", changes.toDouble()));
-  sheet.add("subscribers", fmt::format("{} subscriptions", entry(told, "subscriptions").toInt64()));
+  sheet.add("subscribers", counted(entry(told, "subscriptions").toInt64(), "subscription"));
 }
 
 /// What several events of one extractor have in common is said once; `korvo demand` tells of each.
@@ -226,8 +232,8 @@ void addExtractors(Sheet& sheet, const HXValue& answer) {
 void addExpected(Sheet& sheet, const HXValue& answer) {
   const HXValue& expected = entry(answer, "expected");
   if (expected.isMap()) {
-    sheet.add("expected", fmt::format("{}every {:.3g} s", isSet(expected, "overdue") ? "OVERDUE: " : "",
-                                      entry(expected, "limit").toDouble()));
+    sheet.add("expected", fmt::format("{}every {}", isSet(expected, "overdue") ? "OVERDUE: " : "",
+                                      durationText(entry(expected, "limit").toDouble())));
   } else if (expected.isString()) {
     sheet.add("expected", expected.asString());
   }
@@ -313,7 +319,7 @@ std::vector<string> doctorText(const std::vector<mw::RunningBroker>& brokers, co
   addWaits(sheet, answer);
   for (const HXValue& one : listIn(answer, "followers")) {
     rows.push_back({authorText(textIn(one, "who")), fmt::format("{} behind", entry(one, "behind").toInt64()),
-                    fmt::format("{} gaps{}", entry(one, "gaps").toInt64(), isSet(one, "paused") ? ", paused" : "")});
+                    counted(entry(one, "gaps").toInt64(), "gap") + (isSet(one, "paused") ? ", paused" : "")});
   }
   sheet.addRows("following", std::exchange(rows, {}));
   addViews(sheet, views);
@@ -323,12 +329,12 @@ std::vector<string> doctorText(const std::vector<mw::RunningBroker>& brokers, co
   sheet.addRows("dropped", std::exchange(rows, {}));
   addExtractors(sheet, answer);
   if (const HXValue& kept = entry(answer, "kept"); kept.isMap()) {
-    sheet.add("kept", fmt::format("{} keys in {}", entry(kept, "keys").toInt64(), textIn(kept, "folder")));
+    sheet.add("kept", fmt::format("{} in {}", counted(entry(kept, "keys").toInt64(), "key"), textIn(kept, "folder")));
   }
   for (const HXValue& one : listIn(answer, "severalAuthors")) {
     std::vector<string> authors;
     for (const HXValue& author : listIn(one, "authors")) authors.push_back(authorText(author.asString()));
-    sheet.add("authors", fmt::format("{} is written by {}", textIn(one, "key"), enumerated(authors)));
+    sheet.add("authors", fmt::format("{} is written by {}", textIn(one, "key"), enumerated(authors, "; ")));
   }
   for (const HXValue& one : listIn(answer, "wrong")) sheet.add("wrong", one.asString());
   if (listIn(answer, "wrong").empty()) sheet.add("wrong", "nothing");

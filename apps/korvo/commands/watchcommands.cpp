@@ -88,7 +88,9 @@ HX::journal::Filter filterOf(const std::vector<std::string>& patterns, const std
 
 WatchOptions optionsOf(Arguments& arguments, const std::vector<std::string>& patterns) {
   WatchOptions options;
-  options.filter = filterOf(patterns, arguments.option("--author"));
+  const auto author = arguments.option("--author");
+  if (author && author->empty()) throw InputError("--author: the text is empty");
+  options.filter = filterOf(patterns, author);
   options.asObjects = arguments.has("--json");
   options.raisesOnly = arguments.has("--raises");
   options.demands = !arguments.has("--no-demand");

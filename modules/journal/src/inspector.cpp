@@ -39,8 +39,9 @@ HXValue toValue(const MemoryInsight::Wait& wait) {
 std::string times(std::uint64_t count) { return count == 1 ? "once" : fmt::format("{} times", count); }
 
 std::string span(std::chrono::nanoseconds duration) {
+  if (duration < 1s) return fmt::format("{:.2g} s", secondsOf(duration).toDouble());
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration).count();
-  if (seconds < 120) return fmt::format("{} s", std::max<std::int64_t>(seconds, 1));
+  if (seconds < 120) return fmt::format("{} s", seconds);
   if (seconds < 7200) return fmt::format("{} min", seconds / 60);
   return fmt::format("{} h", seconds / 3600);
 }
@@ -67,14 +68,14 @@ HXValue rateOf(std::uint64_t changes, std::chrono::nanoseconds wanted, std::chro
   return static_cast<double>(changes) / over.count();
 }
 
-/// "A and B", "A, B, C and 4 more".
+/// "A and B", "A; B; C and 4 more": a process is named with a comma.
 std::string joined(const std::set<std::string>& authors) {
   constexpr std::size_t kMost = 4;
   const std::size_t named = authors.size() > kMost ? kMost - 1 : authors.size() - 1;
   std::string text;
   auto author = authors.begin();
   for (std::size_t i = 0; i < named; ++i, ++author) {
-    text += (i > 0 ? ", " : "") + (author->empty() ? "the broker's process" : *author);
+    text += (i > 0 ? "; " : "") + (author->empty() ? "the broker's process" : *author);
   }
   const bool isLast = std::next(author) == authors.end();
   return fmt::format("{} and {}", text, isLast ? *author : fmt::format("{} more", authors.size() - named));

@@ -182,11 +182,13 @@ void Inspector::addOverdue(Map& told, List& wrong) const {
   if (!isThere("HXFreshness")) return;
   try {
     const auto overdue = broker_->getProxy("HXFreshness")->call<HXValue>("overdue");
+    const auto spanOf = [](const HXValue& seconds) {
+      return span(
+          std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds.toDouble())));
+    };
     for (const HXValue& one : overdue.asList()) {
-      wrong.emplace_back(fmt::format(
-          "{} is overdue: written {} ago, expected every {:.3g} s", one[0].asString(),
-          span(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(one[1].toDouble()))),
-          one[2].toDouble()));
+      wrong.emplace_back(fmt::format("{} is overdue: not written for {}, expected every {}", one[0].asString(),
+                                     spanOf(one[1]), spanOf(one[2])));
     }
     told.emplace("overdue", overdue);
   } catch (const std::exception& error) {

@@ -253,9 +253,9 @@ TEST_F(Questions, PassOnWhatIsOverdue) {
                           }));
   const auto id = broker->session()->registerService(
       "HXFreshness", mw::AnyObject(std::make_shared<mw::DynamicObject>(builder.build(), nullptr)));
-  EXPECT_THAT(reported(), HasSubstr("Lidar/Scan is overdue: written 4 s ago, expected every 0.2 s"));
+  EXPECT_THAT(reported(), HasSubstr("Lidar/Scan is overdue: not written for 4 s, expected every 0.2 s"));
   for (const char* key : {"Lidar/Scan", "Lidar/Speed", "Lidar/Range"}) memory->insertData(key, 1);
-  EXPECT_THAT(explained("Lidar/Scan"), HasSubstr("expected     OVERDUE: every 0.2 s"));
+  EXPECT_THAT(explained("Lidar/Scan"), HasSubstr("expected     OVERDUE: every 200 ms"));
   EXPECT_THAT(explained("Lidar/Speed"), HasSubstr("expected     every 2 s"));
   EXPECT_THAT(explained("Lidar/Range"), Not(HasSubstr("expected")));
   broker->session()->unregisterService(id);
