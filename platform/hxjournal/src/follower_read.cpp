@@ -226,7 +226,6 @@ void Follower::startWalk(std::optional<std::uint64_t> since) {
   if (walk_) walk.start = (walk_->start + walk_->progress) % roundLength();
   walk.begin = walk.end = cursor_;
   walk_ = walk;
-  slice_.clear();
 }
 
 void Follower::fallBehind() {

@@ -153,7 +153,6 @@ void Ring::unpin(Chunks::iterator chunk) noexcept {
   }
   const Lock lock(lock_);
   bytes_ -= bytes;
-  chunk->first = 0;
   chunk->pins = 0;
   chunk->detached = false;
   spare_.splice(spare_.end(), detached_, chunk);

@@ -133,6 +133,7 @@ class JournalFixture : public testing::Test {
     entry.nth = ++item.state.nth;
     entry.what = what;
     entry.kind = item.state.kind;
+    entry.byAddress = item.state.byAddress;
     return entry;
   }
   void note(const Change& change) {

@@ -27,6 +27,7 @@ TEST_F(Following, TellsEachChangeInOrderWithWhatIsKnownOfIt) {
     const Author::Scope scope(arm);
     write("a", 2);
   }
+  table.items["a"].state.byAddress = true;
   write("a", "x", What::Raised, 3);
   remove("a");
   executor->advance(1ms);
@@ -39,6 +40,7 @@ TEST_F(Following, TellsEachChangeInOrderWithWhatIsKnownOfIt) {
     EXPECT_EQ(changes[i].at.epoch, journal->position().epoch);
     EXPECT_EQ(changes[i].changedKind, i == 1);
     EXPECT_EQ(changes[i].kind, i == 0 ? 1 : 3);
+    EXPECT_EQ(changes[i].byAddress, i > 0);
   }
   EXPECT_EQ(changes[1].what, What::Raised);
   EXPECT_EQ(followed.position(), journal->position());
@@ -128,15 +130,47 @@ TEST_F(Following, GoesOnFromWhereItWasWhenItIsLappedInASnapshot) {
   EXPECT_THAT(heard(), ElementsAre("a:1", "b:1", "gap, full", "c:1", "a:600", "b:1", "complete"));
 }
 
+TEST_F(Following, GoesOnFromWhereItWasAmongExactKeysToo) {
+  make({.chunks = 2, .bytes = 1 << 20, .linger = 1s});
+  std::vector<std::string> keys;
+  for (int i = 100; i < 200; ++i) keys.push_back(std::to_string(i));
+  for (const auto& key : keys) write(key, 1);
+  std::vector<std::string> order;
+  bool lapped = false;
+  const auto followed = journal->follow(Filter(keys), [&](const Change& change) {
+    order.push_back(std::string(change.key) + (change.isState ? "" : " changed"));
+    const bool isFirst = !std::exchange(lapped, true);
+    for (int i = 1; isFirst && i <= 600; ++i) write("100", i);
+    if (order.back() == "199") write("199", 2);
+  });
+  executor->advance(1ms);
+  // As many as it looks up at once, the others, those again, and what changed of one that it had been through.
+  std::vector<std::string> expected(keys.begin(), keys.begin() + 64);
+  expected.insert(expected.end(), keys.begin() + 64, keys.end());
+  expected.insert(expected.end(), keys.begin(), keys.begin() + 64);
+  expected.emplace_back("199 changed");
+  EXPECT_EQ(order, expected);
+}
+
 TEST_F(Following, CountsAsLappedWhenItIsFurtherBehindThanItWants) {
   FollowOptions options = withoutSnapshot();
   options.behind = 10;
-  const auto followed = follow({}, options);
+  auto followed = follow({}, options);
   for (int i = 1; i <= 10; ++i) write("a", i);
   EXPECT_EQ(heard().size(), 10U);
   for (int i = 1; i <= 11; ++i) write("a", i);
   executor->advance(1ms);
   EXPECT_THAT(heard(), ElementsAre("gap", "a:11", "complete"));
+
+  // So does one who comes back.
+  followed.end();
+  for (const int missed : {10, 11}) {
+    FollowOptions back = since(journal->position());
+    back.behind = 10;
+    for (int i = 1; i <= missed; ++i) write("a", i);
+    const auto again = follow({}, back);
+    EXPECT_EQ(heard().front(), missed == 10 ? "a=1" : "gap");
+  }
 }
 
 TEST_F(Following, ComesBackWithoutAGapWhileTheJournalLingers) {
@@ -150,6 +184,7 @@ TEST_F(Following, ComesBackWithoutAGapWhileTheJournalLingers) {
   told.clear();
   followed = follow({}, since(left));
   EXPECT_THAT(heard(), ElementsAre("a=2", "complete"));
+  EXPECT_EQ(completeAt, journal->position());
   followed.end();
   executor->advance(61s);
   EXPECT_FALSE(table.recording);

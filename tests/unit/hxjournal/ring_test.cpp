@@ -158,6 +158,7 @@ TEST_F(Rings, LeavesAHoleWhereNothingWasRecorded) {
     std::list<Grave> graves;
     Ring::Store old;
     ring_.close(old, graves);
+    EXPECT_EQ(old.chunks.size(), 2U) << "with the values in them";
     store_ = ring_.makeStore();
     ring_.open(store_);
     EXPECT_GT(ring_.extent().began, head);
