@@ -25,12 +25,11 @@ class MemoryChannel final : public mw::remote::Channel {
 
   void start(const std::shared_ptr<mw::remote::ChannelSink>& sink) override { sink_ = sink; }
 
-  bool send(mw::remote::Message& message, mw::remote::Sending /*when*/) override {
+  void send(mw::remote::Message& message, mw::remote::Sending /*when*/) override {
     const auto shared = message.shared();
     message.bytes.insert(message.bytes.end(), shared.begin(), shared.end());
     const std::lock_guard lock(mutex_);
     if (!ended_) sent_.push_back(std::move(message.bytes));
-    return false;
   }
 
   void post(mw::remote::Work work) override { work(); }

@@ -33,11 +33,12 @@ File made(int number) {
   return File(number);
 }
 
-int add(const File& epoll, int file, std::uint64_t number, std::uint32_t events) {
+/// @param what  EPOLL_CTL_ADD or EPOLL_CTL_MOD.
+int control(const File& epoll, int what, int file, std::uint64_t number, std::uint32_t events) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = number;
-  return ::epoll_ctl(epoll.number(), EPOLL_CTL_ADD, file, &event);
+  return ::epoll_ctl(epoll.number(), what, file, &event);
 }
 
 /// Makes it readable: all that wait are told of `end_`, one of `wakeUp_`.
@@ -84,32 +85,26 @@ Poller::Poller(std::chrono::milliseconds idleTime)
       end_(made(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))),
       lastNumber_(kLastOwn) {
   // None of them is ever read: an edge comes with each writing, and what is not one is for all threads.
-  local::add(epoll_, wakeUp_.number(), kWakeUp, EPOLLIN | EPOLLET);
-  local::add(epoll_, end_.number(), kEnd, EPOLLIN);
+  control(epoll_, EPOLL_CTL_ADD, wakeUp_.number(), kWakeUp, EPOLLIN | EPOLLET);
+  control(epoll_, EPOLL_CTL_ADD, end_.number(), kEnd, EPOLLIN);
 }
 
 std::uint64_t Poller::add(int socket, const std::weak_ptr<Pollable>& owner) {
   std::uint64_t number = 0;
   {
-    const HX::MutexLock lock(socketsMutex_);
+    const HX::MutexLock lock(socketsMutex_);  // Whoever is told of the socket finds it.
     number = ++lastNumber_;
+    if (control(epoll_, EPOLL_CTL_ADD, socket, number, EPOLLET) != 0) {
+      throw std::system_error(errno, std::generic_category(), "watching a connection");
+    }
     sockets_.emplace(number, owner);
-  }
-  if (local::add(epoll_, socket, number, EPOLLET) != 0) {
-    const int error = errno;
-    const HX::MutexLock lock(socketsMutex_);
-    sockets_.erase(number);
-    throw std::system_error(error, std::generic_category(), "watching a connection");
   }
   if (threadCount() == 0) startThread();
   return number;
 }
 
 void Poller::watch(std::uint64_t number, int socket, std::uint32_t events) {
-  epoll_event event{};
-  event.events = events;
-  event.data.u64 = number;
-  ::epoll_ctl(epoll_.number(), EPOLL_CTL_MOD, socket, &event);
+  control(epoll_, EPOLL_CTL_MOD, socket, number, events);
 }
 
 void Poller::remove(std::uint64_t number, int socket) {

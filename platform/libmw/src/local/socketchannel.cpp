@@ -1,11 +1,13 @@
 #include "socketchannel.h"
 
+#include "socketfolder.h"
+
 #include <hxerror/mutex.h>
 #include <libmw/eventloop.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/epoll.h>
@@ -21,11 +23,6 @@ namespace {
 
 /// One turn of reading ends after so much, so that what came is not kept waiting by what comes.
 constexpr std::size_t kTurn = std::size_t{64} << 10;
-/// Who reads a long message on waits for so long for the next piece of it,
-constexpr std::chrono::milliseconds kNextPiece{2};
-/// and so many do at once: a peer may send slowly.
-constexpr int kMostReadOn = 4;
-std::atomic<int> readOnCount{0};
 /// What a socket may hold that its peer has not read: the more, the fewer wake-ups a long message takes, and the less
 /// it costs who does not read. The system doubles it.
 constexpr int kSocketBuffer = 256 << 10;
@@ -35,12 +32,12 @@ constexpr std::chrono::milliseconds kParkedFor{100};
 constexpr std::chrono::milliseconds kHeldFor{2};
 /// How long a thread that waits for an answer looks again and again before it sleeps, where answers come fast.
 constexpr std::chrono::microseconds kSpin{10};
+/// What poll(2) can be told.
+constexpr std::chrono::milliseconds kLongestPoll{60'000};
 
-std::string describePeer(int socket) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return "a process";
-  return fmt::format("process {}", credentials.pid);
+std::string describePeer(const File& socket) {
+  const pid_t process = processOf(socket);
+  return process == 0 ? "a process" : fmt::format("process {}", process);
 }
 
 /// Of an end that the system reports.
@@ -50,23 +47,17 @@ std::string reasonOf(int error) {
   return std::generic_category().message(error);
 }
 
-void prepare(int socket) {
-  const int flags = ::fcntl(socket, F_GETFL);
-  ::fcntl(socket, F_SETFL, flags | O_NONBLOCK);
-  ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
-}
-
 }  // namespace
 
 SocketChannel::SocketChannel(File socket, const LinkOptions& options)
     : options_(options),
       poller_(Poller::instance()),
       socket_(std::move(socket)),
-      peer_(describePeer(socket_.number())),
+      peer_(describePeer(socket_)),
       lastReceived_(Clock::now().time_since_epoch().count()),
       input_(options),
       output_(socket_.number(), options) {
-  prepare(socket_.number());
+  ::setsockopt(socket_.number(), SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof kSocketBuffer);
 }
 
 SocketChannel::~SocketChannel() { end("nobody uses it"); }
@@ -77,11 +68,13 @@ void SocketChannel::start(const std::shared_ptr<remote::ChannelSink>& sink) {
   bool isOver = false;
   {
     const HX::MutexLock lock(watchMutex_);
-    sink_ = sink;
-    isOver = ended_;  // Asked before the poller knows of it: whoever ends it afterwards tells the sink.
-    if (!isOver) number_ = poller_.add(socket_.number(), weak_from_this());
+    isOver = ended_;  // Whoever ends it afterwards finds the sink, and tells it.
+    if (!isOver) {
+      sink_ = sink;
+      number_ = poller_.add(socket_.number(), weak_from_this());
+    }
   }
-  if (isOver && !toldEnd_.exchange(true)) return sink->onEnd("it ended before it began");
+  if (isOver) return sink->onEnd("it ended before it began");
   watch();
 }
 
@@ -125,26 +118,9 @@ void SocketChannel::onReady(std::uint32_t events, std::vector<remote::Work>& wor
   do {
     const auto received = receive(works);
     if (received == Received::End) return turn_.leavePoller();
-    if (received == Received::All && input_.isInTail() && works.empty()) return readOn(works);
     if (received == Received::All && !isLast && turn_.endPoller()) return;
   } while (works.empty());
   // There is more, or may be: whoever is told of it reads on, while this thread does what has come.
-  turn_.leavePoller();
-  watch();
-}
-
-/// A long message is on its way. To be told of each piece of it would wake a thread for each.
-void SocketChannel::readOn(std::vector<remote::Work>& works) {
-  const bool mayWait = readOnCount.fetch_add(1) < kMostReadOn;
-  if (mayWait) {
-    turn_.hold();
-    watch();
-    pollfd file{socket_.number(), POLLIN, 0};
-    while (input_.isInTail() && ::poll(&file, 1, static_cast<int>(kNextPiece.count())) > 0) {
-      if (receive(works) == Received::End) break;
-    }
-  }
-  --readOnCount;
   turn_.leavePoller();
   watch();
 }
@@ -172,7 +148,7 @@ bool SocketChannel::readSoon(std::vector<remote::Work>& works) {
   return false;
 }
 
-void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
+void SocketChannel::read(int wakeFile, Clock::time_point deadline) {
   std::vector<remote::Work> works;
   if (answersFast_ && readSoon(works)) {
     poller_.post(works);
@@ -180,15 +156,15 @@ void SocketChannel::read(int wakeFile, std::chrono::milliseconds timeout) {
   }
   const auto begin = Clock::now();
   std::array<pollfd, 2> files{pollfd{socket_.number(), POLLIN, 0}, pollfd{wakeFile, POLLIN, 0}};
-  for (auto left = timeout;;
-       left = timeout - std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin)) {
-    const int count = ::poll(files.data(), files.size(), static_cast<int>(std::max(left, left.zero()).count()));
+  do {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto time = std::clamp(left, left.zero(), kLongestPoll);
+    const int count = ::poll(files.data(), files.size(), static_cast<int>(time.count()));
     answersFast_ = Clock::now() - begin < kSpin;
-    if (count <= 0 || files[0].revents == 0) return;
-    const auto received = receive(works);
+    if (count <= 0 || files[0].revents == 0 || receive(works) == Received::End) break;
     poller_.post(works);
-    if (received == Received::End || !input_.isInTail() || files[1].revents != 0) return;
-  }
+  } while (input_.isInTail() && files[1].revents == 0);
+  poller_.post(works);
 }
 
 /// Reads what is there, for one turn.
@@ -199,7 +175,7 @@ SocketChannel::Received SocketChannel::receive(std::vector<remote::Work>& works)
     for (std::size_t turn = 0; turn < kTurn;) {
       if (ended_) return Received::End;
       const auto room = input_.room();
-      const ssize_t result = ::recv(socket_.number(), room.data(), room.size(), 0);
+      const ssize_t result = ::recv(socket_.number(), room.data(), room.size(), MSG_DONTWAIT);
       if (result < 0 && errno == EINTR) continue;
       if (result < 0 && errno == EAGAIN) return Received::All;
       if (result <= 0) {
@@ -219,21 +195,16 @@ SocketChannel::Received SocketChannel::receive(std::vector<remote::Work>& works)
   }
 }
 
-bool SocketChannel::send(remote::Message& message, remote::Sending when) {
+void SocketChannel::send(remote::Message& message, remote::Sending when) {
   const auto outcome = output_.send(message, when);
   follow(outcome);
   output_.share().keepLimit();
-  if (!outcome.holds) return false;
-  if (!remindIn(kHeldFor, willFlush_, &SocketChannel::flush)) flush();
-  return true;
+  if (outcome.holds && !remindIn(kHeldFor, willFlush_, &SocketChannel::flush)) flush();
 }
 
-void SocketChannel::flush() {
-  if (output_.holds()) follow(output_.flush());
-}
+void SocketChannel::flush() { follow(output_.flush()); }
 
 void SocketChannel::follow(const SocketOutput::Outcome& outcome) {
-  if (outcome.released) expectMore();
   if (outcome.isMarked) watch();
   if (outcome.isTooMuch) {
     end(fmt::format("it does not read: more than {} bytes wait for it", options_.outputLimit));
@@ -258,7 +229,7 @@ void SocketChannel::end(const std::string& reason) {
     if (number_ != 0) poller_.remove(std::exchange(number_, 0), socket_.number());
     sink = sink_.lock();
   }
-  if (sink && !toldEnd_.exchange(true)) sink->onEnd(reason);
+  if (sink) sink->onEnd(reason);
 }
 
 std::chrono::milliseconds SocketChannel::silence() const {

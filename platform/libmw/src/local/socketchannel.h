@@ -26,13 +26,15 @@ class HX_API SocketChannel final : public remote::Channel,
                                    public Pollable,
                                    public std::enable_shared_from_this<SocketChannel> {
  public:
-  /// @param socket  Connected; made non-blocking.
+  using Clock = std::chrono::steady_clock;
+
+  /// @param socket  Connected.
   /// @throws std::system_error when the process is out of files.
   SocketChannel(File socket, const LinkOptions& options);
   ~SocketChannel() override;
 
   void start(const std::shared_ptr<remote::ChannelSink>& sink) override;
-  bool send(remote::Message& message, remote::Sending when) override;
+  void send(remote::Message& message, remote::Sending when) override;
   void flush() override;
   void post(remote::Work work) override;
   void end(const std::string& reason) override;
@@ -41,14 +43,13 @@ class HX_API SocketChannel final : public remote::Channel,
   remote::CallerReading* callerReading() override { return this; }
 
   bool beginReading() override;
-  void read(int wakeFile, std::chrono::milliseconds timeout) override;
+  void read(int wakeFile, Clock::time_point deadline) override;
   void endReading() override;
   void expectMore() override { take(turn_.watch()); }
 
   void onReady(std::uint32_t events, std::vector<remote::Work>& works) override;
 
  private:
-  using Clock = std::chrono::steady_clock;
   using Turn = remote::ReadingTurn;
   enum class Received : std::uint8_t {
     All,   ///< That was there.
@@ -60,7 +61,6 @@ class HX_API SocketChannel final : public remote::Channel,
   bool take(Turn::Step step);
   void watch();
   bool remindIn(Clock::duration time, std::atomic<bool>& isReminded, void (SocketChannel::*what)());
-  void readOn(std::vector<remote::Work>& works);
   bool readSoon(std::vector<remote::Work>& works);
   Received receive(std::vector<remote::Work>& works);
 
@@ -72,7 +72,6 @@ class HX_API SocketChannel final : public remote::Channel,
 
   Turn turn_;
   std::atomic<bool> ended_{false};
-  std::atomic<bool> toldEnd_{false};
   std::atomic<Clock::rep> lastReceived_;
 
   // For the thread that has the turn.

@@ -37,7 +37,7 @@ SocketOutput::Outcome SocketOutput::send(remote::Message& message, remote::Sendi
   sent_ += written;
   setSize(size_ - written);
   if (size_ > limit_) return {.isTooMuch = true};
-  if (when == remote::Sending::Soon && size_ < kHeldBytes) return {.holds = !holds_.exchange(true)};
+  if (when == remote::Sending::Soon && size_ < kHeldBytes) return {.holds = !std::exchange(holds_, true)};
   if (isBlocked_) return {};  // It leaves when the peer has read.
   return write();
 }
@@ -69,7 +69,8 @@ SocketOutput::Outcome SocketOutput::flush() {
 }
 
 SocketOutput::Outcome SocketOutput::write() {
-  Outcome outcome{.released = holds_.exchange(false)};
+  Outcome outcome;
+  holds_ = false;
   const bool wasBlocked = isBlocked_;
   isBlocked_ = !writeSome(outcome.error);
   outcome.isMarked = isBlocked_ != wasBlocked;

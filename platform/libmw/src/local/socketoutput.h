@@ -20,7 +20,6 @@ class SocketOutput {
   /// What the channel is to see to, with no lock held.
   struct Outcome {
     bool holds = false;     ///< Something waits for others, where nothing did: it is to be flushed before long.
-    bool released = false;  ///< What waited has left: answers may come that no thread waits for by reading.
     bool isMarked = false;  ///< `isBlocked` says something else.
     bool isTooMuch = false;
     int error = 0;  ///< Of the system, when the connection is broken.
@@ -37,7 +36,6 @@ class SocketOutput {
 
   /// Whether something waits until the peer has read.
   bool isBlocked() const { return isBlocked_; }
-  bool holds() const { return holds_; }
   /// Of all connections, of which this is one from now on.
   remote::Budget::Share& share() { return share_; }
 
@@ -50,12 +48,12 @@ class SocketOutput {
 
   const int socket_;
   const std::size_t limit_;
-  std::atomic<bool> isBlocked_{false};  // written under the lock, as the next
-  std::atomic<bool> holds_{false};
-  remote::Budget::Share share_;  // as much as `size_`
+  std::atomic<bool> isBlocked_{false};  // written under the lock
+  remote::Budget::Share share_;         // as much as `size_`
 
   HX::Mutex mutex_;
   bool isClosed_ HX_GUARDED_BY(mutex_) = false;
+  bool holds_ HX_GUARDED_BY(mutex_) = false;                    // what waits for others
   std::deque<remote::Message> messages_ HX_GUARDED_BY(mutex_);  // short ones together
   remote::Bytes spare_ HX_GUARDED_BY(mutex_);                   // memory for short ones
   std::size_t size_ HX_GUARDED_BY(mutex_) = 0;

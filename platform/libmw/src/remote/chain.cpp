@@ -1,10 +1,7 @@
 #include "chain.h"
 
 #include "../runtime/threadlocal.h"
-#include "callstop.h"
 #include "waiting.h"
-
-#include <libmw/servedcall.h>
 
 #include <atomic>
 #include <random>
@@ -51,12 +48,3 @@ Serving::Serving(const Chain& chain, Domain domain, CallStop* stop, const HX::Au
 Serving::~Serving() { served = outer_; }
 
 }  // namespace mw::remote
-
-namespace mw {
-
-std::stop_token stopOfServedCall() {
-  remote::CallStop* const stop = remote::served.stop;
-  return stop ? stop->token() : std::stop_token();
-}
-
-}  // namespace mw

@@ -66,10 +66,10 @@ class CallerReading {
   /// @return False when another one has the turn already. Otherwise `endReading` follows.
   virtual bool beginReading() = 0;
   /// Hands what comes to the sink: until something has come, and all of it where it is long, the channel has ended,
-  /// `wakeFile` can be read, or `timeout` has passed. What the sink leaves to be done is done by other threads.
-  virtual void read(int wakeFile, std::chrono::milliseconds timeout) = 0;
-  /// Gives the turn back. Where the sink is idle, it may take a tenth of a second until another
-  /// thread reads.
+  /// `wakeFile` can be read, or it is `deadline`; a while without any of it at most. What the sink leaves to be done is
+  /// done by other threads.
+  virtual void read(int wakeFile, std::chrono::steady_clock::time_point deadline) = 0;
+  /// Gives the turn back. Where the sink is idle, it may take a tenth of a second until another thread reads.
   virtual void endReading() = 0;
   /// Something is expected that no thread waits for by reading itself. To be called when the sink is not idle any more
   /// for that reason: whoever gives the turn back asks it then.
@@ -88,8 +88,7 @@ class Channel {
   virtual void start(const std::shared_ptr<ChannelSink>& sink) = 0;
   /// Messages of a channel that has ended are dropped.
   /// @param message  Copied or taken; nothing that matters is in it afterwards.
-  /// @return Whether it is the first of those that wait to be flushed.
-  virtual bool send(Message& message, Sending when) = 0;
+  virtual void send(Message& message, Sending when) = 0;
   /// Sends what was to be sent soon.
   virtual void flush() {}
   /// Has `work` done as what the sink leaves to be done: by a thread that may block, of which there are enough.

@@ -15,10 +15,6 @@ constexpr std::chrono::milliseconds kPatience{5};
 
 }  // namespace
 
-Inbox::~Inbox() {
-  if (file_ >= 0) ::close(file_);
-}
-
 void Inbox::wake() noexcept {
   const HX::MutexLock lock(mutex_);
   wakeLocked();
@@ -30,7 +26,7 @@ void Inbox::wakeLocked() noexcept {
     condition_.notify_one();
   } else if (std::this_thread::get_id() != owner_ && !std::exchange(signalled_, true)) {
     const std::uint64_t one = 1;
-    static_cast<void>(!::write(file_, &one, sizeof one));
+    static_cast<void>(!::write(file_.number(), &one, sizeof one));
   }
 }
 
@@ -75,20 +71,16 @@ void Inbox::endWait(const Caller& outer) {
 void Inbox::sleep(std::chrono::steady_clock::time_point deadline) {
   HX::MutexLock lock(mutex_);
   const auto isWoken = [this]() HX_REQUIRES(mutex_) { return woken_; };
-  if (deadline == std::chrono::steady_clock::time_point::max()) {
-    condition_.wait(lock.native(), isWoken);
-  } else {
-    condition_.wait_until(lock.native(), deadline, isWoken);
-  }
+  condition_.wait_until(lock.native(), deadline, isWoken);
   woken_ = false;
 }
 
 int Inbox::beginPolling() {
   const HX::MutexLock lock(mutex_);
-  if (file_ < 0) file_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (file_ < 0 || woken_) return -1;
+  if (!file_) file_ = File(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!file_ || woken_) return -1;
   polling_ = true;
-  return file_;
+  return file_.number();
 }
 
 void Inbox::endPolling() {
@@ -97,7 +89,7 @@ void Inbox::endPolling() {
   woken_ = false;  // Whatever it was for is looked at next.
   if (!std::exchange(signalled_, false)) return;
   std::uint64_t count = 0;
-  static_cast<void>(!::read(file_, &count, sizeof count));
+  static_cast<void>(!::read(file_.number(), &count, sizeof count));
 }
 
 }  // namespace mw::remote

@@ -3,6 +3,7 @@
 #include "chain.h"
 
 #include <hxerror/mutex.h>
+#include <libmw/file.h>
 #include <libmw/future.h>
 
 #include <chrono>
@@ -27,7 +28,7 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   Inbox() = default;
   Inbox(const Inbox&) = delete;
   Inbox& operator=(const Inbox&) = delete;
-  ~Inbox() override;
+  ~Inbox() override = default;
 
   void wake() noexcept override;
   /// @param caller  Whose chain the task belongs to.
@@ -62,7 +63,7 @@ class Inbox final : public detail::Waker, public std::enable_shared_from_this<In
   bool woken_ HX_GUARDED_BY(mutex_) = false;
   bool polling_ HX_GUARDED_BY(mutex_) = false;
   bool signalled_ HX_GUARDED_BY(mutex_) = false;  // the file can be read
-  int file_ HX_GUARDED_BY(mutex_) = -1;
+  File file_ HX_GUARDED_BY(mutex_);               // when it has polled
 };
 
 }  // namespace mw::remote

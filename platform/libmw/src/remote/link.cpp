@@ -34,6 +34,10 @@ class Links {
     const auto found = links_.find(number);
     return found == links_.end() ? nullptr : found->second.lock();
   }
+  std::size_t count() const {
+    const HX::MutexLock lock(mutex_);
+    return links_.size();
+  }
 
  private:
   mutable HX::Mutex mutex_;
@@ -132,6 +136,8 @@ bool Link::hasEnded() const {
   return ended_.has_value();
 }
 
+std::size_t Link::count() { return Links::instance().count(); }
+
 std::size_t Link::pendingCount() const {
   const HX::MutexLock lock(mutex_);
   return pending_.count();
@@ -217,8 +223,7 @@ Future<AnyValue> Link::call(std::string_view target, GenericFunctionParameters p
     writeCall(draft.out, target, header, parameters, draft.mention);
     requireSendable(draft.message, "the call");
     const bool leavesAtOnce = then != Calling::MakesMore || !OutputBatch::holdsHere();
-    // What leaves later is asked for then.
-    if (leavesAtOnce && !beginReadingAnswer()) expectMore();
+    if (!leavesAtOnce || !beginReadingAnswer()) expectMore();
     if (leavesAtOnce) {
       channel_->send(draft.message, Sending::Now);
     } else {

@@ -152,6 +152,8 @@ class HX_API Link final : public ChannelSink, public std::enable_shared_from_thi
   LinkAuthors& authors() { return authors_; }
   const std::string& peer() const { return channel_->peer(); }
   bool hasEnded() const;
+  /// How many there are in the process. For tests.
+  static std::size_t count();
   /// How many calls wait for their answer. For diagnosis.
   std::size_t pendingCount() const;
   /// What is still counted of calls of the peer: those that run, and bytes of those that wait. For diagnosis.

@@ -4,6 +4,7 @@
 #include "../runtime/threadwait.h"
 #include "channel.h"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -35,8 +36,11 @@ class OutputBatch {
   /// Whether what the calling thread sends now waits for more.
   static bool holdsHere() { return innermost_ && innermost_->holds_; }
   static void send(const std::shared_ptr<Channel>& channel, Message& message) {
-    const bool isFirst = channel->send(message, holdsHere() ? Sending::Soon : Sending::Now);
-    if (isFirst) innermost_->held_.push_back(channel);
+    const bool holds = holdsHere();
+    channel->send(message, holds ? Sending::Soon : Sending::Now);
+    if (holds && std::ranges::find(innermost_->held_, channel) == innermost_->held_.end()) {
+      innermost_->held_.push_back(channel);
+    }
   }
   /// Before the calling thread waits: what it waits for may be the answer.
   static void flushAll() {

@@ -22,40 +22,16 @@ using Task = std::function<void()>;
 
 /// Which threads of this process wait, or are about to, within which chain, and where. Chains are spread over several,
 /// so that threads that have nothing to do with one another do not meet at one lock with each call.
-class alignas(64) Waiters {
- public:
+struct alignas(64) Waiters {
   /// Those of the chain that `place` is in.
   static Waiters& of(const WaitingPlace& place) {
     static auto* const all = new std::array<Waiters, 16>;  // Never destroyed: threads may wait until the very end.
     return (*all)[place.first.thread % all->size()];
   }
 
-  void add(const WaitingPlace& place, const std::shared_ptr<Inbox>& inbox) {
-    const HX::MutexLock lock(mutex_);
-    waiting_.emplace_back(place, inbox);
-  }
-
-  void remove(const WaitingPlace& place, const std::shared_ptr<Inbox>& inbox) {
-    std::shared_ptr<Inbox> last;  // Goes after the lock.
-    const HX::MutexLock lock(mutex_);
-    const auto found = std::find(waiting_.rbegin(), waiting_.rend(), std::pair(place, inbox)).base() - 1;
-    last = std::move(found->second);
-    waiting_.erase(found);
-  }
-
-  bool put(const WaitingPlace& place, Task& task) {
-    const HX::MutexLock lock(mutex_);
-    const auto found =
-        std::find_if(waiting_.rbegin(), waiting_.rend(), [&](const auto& waiting) { return waiting.first == place; });
-    if (found == waiting_.rend()) return false;
-    found->second->put(place.first, std::move(task));
-    return true;
-  }
-
- private:
-  HX::Mutex mutex_;  // Outer to the mutex of an inbox.
+  HX::Mutex mutex;  // Outer to the mutex of an inbox.
   /// In the order in which they began: few at a time, so that looking through them costs less than an index.
-  std::vector<std::pair<WaitingPlace, std::shared_ptr<Inbox>>> waiting_ HX_GUARDED_BY(mutex_);
+  std::vector<std::pair<WaitingPlace, std::shared_ptr<Inbox>>> list HX_GUARDED_BY(mutex);
 };
 
 /// How the calling thread waits.
@@ -90,10 +66,7 @@ Expectation WaitingThread::expect(const std::shared_ptr<Channel>& channel, Calli
                                   const detail::FutureStateBase& answer) {
   endReading();
   expected_ = nullptr;
-  if (channel_.owner_before(channel) || channel.owner_before(channel_)) {
-    if (const auto before = channel_.lock()) before->flush();  // The thread will not come to it when it waits.
-    channel_ = channel;
-  }
+  if (channel_.owner_before(channel) || channel.owner_before(channel_)) channel_ = channel;
   if (then == Calling::MakesMore || servedByThisThread().relays) return {};
   if (then == Calling::Waits) expected_ = &answer;
   return {place(), inbox_};
@@ -149,17 +122,11 @@ FutureState WaitingThread::wait(const detail::FutureStateBase& state, std::chron
 /// @return Whether it could. The thread sleeps otherwise.
 bool WaitingThread::readInstead(Clock::time_point deadline) {
   const auto channel = tryToRead();
-  // What is to be sent leaves after that: the answer may come at once, and would wake another thread.
-  if (channel) channel->flush();
-  OutputBatch::flushAll();
+  OutputBatch::flushAll();  // After that: the answer may come at once, and would wake another thread.
   if (!hasTurn_) return false;
   const int file = inbox_->beginPolling();
   if (file >= 0) {
-    static constexpr std::chrono::milliseconds kLongest{60'000};
-    const auto left = deadline == Clock::time_point::max()
-                          ? kLongest
-                          : std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-    channel->callerReading()->read(file, std::clamp(left, std::chrono::milliseconds(0), kLongest));
+    channel->callerReading()->read(file, deadline);
     inbox_->endPolling();
   }
   endReading();
@@ -170,18 +137,31 @@ bool WaitingThread::readInstead(Clock::time_point deadline) {
 
 Expectation::Expectation(const WaitingPlace& place, std::shared_ptr<Inbox> inbox)
     : place_(place), inbox_(std::move(inbox)) {
-  Waiters::of(place_).add(place_, inbox_);
+  Waiters& waiters = Waiters::of(place_);
+  const HX::MutexLock lock(waiters.mutex);
+  waiters.list.emplace_back(place_, inbox_);
 }
 
-void Expectation::end() { Waiters::of(place_).remove(place_, inbox_); }
+void Expectation::end() {
+  Waiters& waiters = Waiters::of(place_);
+  const HX::MutexLock lock(waiters.mutex);
+  const auto found = std::find(waiters.list.rbegin(), waiters.list.rend(), std::pair(place_, inbox_));
+  waiters.list.erase(found.base() - 1);  // `inbox_` keeps the inbox until after the lock.
+}
 
 void serveWhileWaiting() {
   if (!detail::ThreadWait::current()) detail::ofThisThread<WaitingThread>();
 }
 
-bool runInChain(const Caller& caller, Domain domain, std::function<void()>& task) {
+bool runInChain(const Caller& caller, Domain domain, Task& task) {
   const WaitingPlace place(caller, domain);
-  return Waiters::of(place).put(place, task);
+  Waiters& waiters = Waiters::of(place);
+  const HX::MutexLock lock(waiters.mutex);
+  const auto found = std::find_if(waiters.list.rbegin(), waiters.list.rend(),
+                                  [&](const auto& waiting) { return waiting.first == place; });
+  if (found == waiters.list.rend()) return false;
+  found->second->put(caller, std::move(task));
+  return true;
 }
 
 Expectation expectAnswer(const std::shared_ptr<Channel>& channel, Domain domain, Calling then,

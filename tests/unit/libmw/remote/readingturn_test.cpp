@@ -22,7 +22,6 @@ class Model {
  public:
   enum class Role : std::uint8_t {
     Poller,  ///< Waits at the kernel; reads when told; ends, or leaves when it has read once.
-    Keeper,  ///< A poller that has the channel for itself while more is to come, as of a long message.
     Caller,  ///< Reads until its message is there, and gives back.
     Looker,  ///< Has the turn, and gives it back without having read.
   };
@@ -59,7 +58,7 @@ class Model {
  private:
   using Step = ReadingTurn::Step;
   /// What an actor does next.
-  enum class At : std::uint8_t { Waits, Begins, Reads, Holds, ReadsOn, Leaves, Ends, Lapses, Tells, Parks, Asks, Done };
+  enum class At : std::uint8_t { Waits, Begins, Reads, Leaves, Ends, Lapses, Tells, Parks, Asks, Done };
   struct Actor {
     Role role;
     At at = At::Waits;
@@ -109,7 +108,7 @@ class Model {
       if (isTold_ && unread_ > 0) isEdge_ = true;
       return go(actor, actor.then);
     }
-    return actor.role == Role::Poller || actor.role == Role::Keeper ? stepPoller(actor) : stepCaller(actor);
+    return actor.role == Role::Poller ? stepPoller(actor) : stepCaller(actor);
   }
 
   bool stepPoller(Actor& actor) {
@@ -121,17 +120,8 @@ class Model {
       case At::Begins:
         actor.reads = turn_.beginPoller();
         return go(actor, actor.reads ? At::Reads : At::Waits);
-      case At::Reads: {
-        const bool isMore = take() && unread_ > 0;
-        if (isMore) return go(actor, At::Leaves);  // As much as one turn takes.
-        return go(actor, actor.role == Role::Keeper && toCome_ > 0 ? At::Holds : At::Ends);
-      }
-      case At::Holds:
-        turn_.hold();
-        return tellThen(actor, At::ReadsOn);
-      case At::ReadsOn:
-        take();
-        return go(actor, At::Leaves);
+      case At::Reads:  // As much as one turn takes.
+        return go(actor, take() && unread_ > 0 ? At::Leaves : At::Ends);
       case At::Leaves:
         actor.reads = false;
         turn_.leavePoller();
@@ -187,9 +177,9 @@ class Model {
 
 TEST(ReadingTurn, LeavesNothingUnreadAndHasOneReaderInEveryOrder) {
   using enum Model::Role;
-  const std::vector<std::vector<Model::Role>> all{
-      {Poller, Poller},         {Poller, Keeper},         {Poller, Caller},         {Poller, Looker},
-      {Poller, Caller, Caller}, {Poller, Caller, Looker}, {Keeper, Caller, Caller}, {Poller, Keeper, Caller}};
+  const std::vector<std::vector<Model::Role>> all{{Poller, Poller},         {Poller, Caller},
+                                                  {Poller, Looker},         {Poller, Caller, Caller},
+                                                  {Poller, Caller, Looker}, {Poller, Poller, Caller}};
   std::size_t states = 0;
   for (std::size_t which = 0; which < all.size(); ++which) {
     for (int messages = 1; messages <= 4; ++messages) {

@@ -1,6 +1,7 @@
 #include "remote/waiting.h"
 
 #include "remote/channel.h"
+#include "remote/outputbatch.h"
 #include "runtime/threadwait.h"
 
 #include <chrono>
@@ -20,7 +21,8 @@ using testing::ElementsAre;
 class ReadableChannel final : public Channel, public CallerReading {
  public:
   void start(const std::shared_ptr<ChannelSink>& /*sink*/) override {}
-  bool send(Message& /*message*/, Sending /*when*/) override { return false; }
+  void send(Message& /*message*/, Sending /*when*/) override {}
+  void flush() override { note("flush"); }
   void post(Work /*work*/) override {}
   void end(const std::string& /*reason*/) override {}
   const std::string& peer() const override { return name_; }
@@ -28,7 +30,7 @@ class ReadableChannel final : public Channel, public CallerReading {
   CallerReading* callerReading() override { return this; }
 
   bool beginReading() override { return note("begin"); }
-  void read(int /*wakeFile*/, std::chrono::milliseconds /*timeout*/) override {
+  void read(int /*wakeFile*/, std::chrono::steady_clock::time_point /*deadline*/) override {
     if (onRead) onRead();
     note("read");
   }
@@ -161,6 +163,22 @@ TEST_F(Waiting, KeepsNoChannelAndWaitsThoughItHasGone) {
     std::thread finisher([&] { promise.setValue(3); });
     EXPECT_EQ(promise.future().value(), 3);
     finisher.join();
+  });
+}
+
+TEST_F(Waiting, FlushesWhatItHoldsBackOnceForEachChannel) {
+  onThread([] {
+    const std::vector channels{std::make_shared<ReadableChannel>(), std::make_shared<ReadableChannel>()};
+    Message message;
+    {
+      const OutputBatch batch(true);
+      for (const std::size_t which : {0U, 1U, 0U}) OutputBatch::send(channels[which], message);
+      EXPECT_THAT(channels[0]->done, ElementsAre());
+      OutputBatch::flushAll();
+      OutputBatch::send(channels[1], message);
+    }
+    EXPECT_THAT(channels[0]->done, ElementsAre("flush"));
+    EXPECT_THAT(channels[1]->done, ElementsAre("flush", "flush"));
   });
 }
 
