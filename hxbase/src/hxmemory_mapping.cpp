@@ -5,6 +5,7 @@
 #include <hxbase/hxmemory.h>
 #include <hxcommon/hxbroker.h>
 #include <hxerror/mutex.h>
+#include <libmw/detail/logdeferral.h>
 #include <libmw/os.h>
 #include <libmw/path.h>
 
@@ -34,6 +35,7 @@ class HX_SCOPED_CAPABILITY HXMemory::MappingLock {
   }
 
  private:
+  const mw::detail::LogDeferral deferral_;  // Ends when the lock has been left.
   HXMemory& memory_;
 };
 

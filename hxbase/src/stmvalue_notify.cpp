@@ -5,6 +5,7 @@
 #include <hxcommon/hxbroker.h>
 #include <hxerror/hxerror.h>
 #include <hxerror/mutex.h>
+#include <libmw/detail/logdeferral.h>
 #include <libmw/detail/racepoint.h>
 #include <libmw/eventloop.h>
 
@@ -271,6 +272,7 @@ void STMValue::notify(const std::string& key, const HXValue& value) {
 }
 
 void STMValue::tellNotifiers(const std::string& key, const HXValue& value) {
+  const mw::detail::LogDeferral deferral;
   notifierLock_.lockForCaller();
   const Lock lock(notifierLock_, std::adopt_lock);
   const Dispatch dispatch(*this);
@@ -330,6 +332,7 @@ void STMValue::look(const std::string& module, const std::string& key, const HXV
 
 void STMValue::resolveAndCall(const mw::AnyObject& service, const std::string& module, const std::string& key,
                               const HXValue& value) {
+  const mw::detail::LogDeferral deferral;
   const Lock lock(notifierLock_);
   const Dispatch dispatch(*this);
   NotifierLock::Calls calls(notifierLock_);

@@ -50,7 +50,22 @@ class HX_CAPABILITY Mutex {
   std::mutex mutex_;
 };
 
-/// The same that several may share.
+/// The same, which the thread that holds it may lock again. The compiler sees that only across functions.
+class HX_CAPABILITY RecursiveMutex {
+ public:
+  RecursiveMutex() = default;
+  RecursiveMutex(const RecursiveMutex&) = delete;
+  RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+  ~RecursiveMutex() = default;
+
+  void lock() HX_ACQUIRE() { mutex_.lock(); }
+  void unlock() HX_RELEASE() { mutex_.unlock(); }
+
+ private:
+  std::recursive_mutex mutex_;
+};
+
+/// A mutex that several may share.
 class HX_CAPABILITY SharedMutex {
  public:
   SharedMutex() = default;

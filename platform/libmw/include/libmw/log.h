@@ -68,7 +68,9 @@ HX_API bool isVisible(std::string_view category, LogLevel level);
 
 /// Hands a record to the sinks, on this thread, when its category shows its level.
 ///
-/// No lock of the log is held while sinks run. A sink that logs does not meet its own records.
+/// No lock of the middleware is held while sinks run. Where the thread holds one (it runs a subscriber of an event, or
+/// a method of an object that takes one call at a time), the record is handed over in its order by the event loop, or
+/// by this thread when it has left the lock. A sink that logs does not meet its own records.
 HX_API void write(LogLevel level, const Category& category, std::string_view function, std::string_view text);
 HX_API void write(LogLevel level, std::string_view category, std::string_view function, std::string_view text);
 
@@ -91,7 +93,8 @@ inline void debug(std::string_view category, std::string_view function, std::str
   write(LogLevel::Debug, category, function, text);
 }
 
-/// Receives every visible record, on the thread that logged it; may run on many threads at once.
+/// Receives every visible record, on the thread that logged it or, as `write` says, on another; may run on many threads
+/// at once.
 using Sink = std::function<void(const LogRecord&)>;
 using SinkId = std::uint64_t;
 

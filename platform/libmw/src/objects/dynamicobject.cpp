@@ -1,12 +1,12 @@
 #include "callqueue.h"
 
 #include <hxerror/mutex.h>
+#include <libmw/detail/logdeferral.h>
 #include <libmw/dynamicobject.h>
 #include <libmw/remoteerror.h>
 
 #include <algorithm>
 #include <map>
-#include <mutex>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -91,7 +91,8 @@ std::shared_ptr<const ObjectType> ObjectBuilder::build() {
 }
 
 struct DynamicObject::State {
-  std::recursive_mutex serialised;  // Held around each call on objects of the single-threaded model.
+  /// Held around each call on an object of the single-threaded model: it guards what its methods use.
+  HX::RecursiveMutex serialised;
   HX::Mutex mutex;
   std::map<unsigned, std::shared_ptr<const AnyValue>> properties HX_GUARDED_BY(mutex);
 };
@@ -143,9 +144,11 @@ Future<AnyValue> DynamicObject::invoke(unsigned method, const AnyFunction& funct
     detail::awaitQueuedCalls(*this);
     const detail::InsideCall inside(*this, method);
     const HX::Author::Scope inItsName(author_);
-    std::unique_lock<std::recursive_mutex> lock;
-    if (type_->threadingModel() == ObjectThreadingModel::SingleThread) lock = std::unique_lock(state_->serialised);
-    return Future<AnyValue>::ready(function.call(parameters, instance_.get()));
+    const auto call = [&] { return Future<AnyValue>::ready(function.call(parameters, instance_.get())); };
+    if (type_->threadingModel() != ObjectThreadingModel::SingleThread) return call();
+    const detail::LogDeferral deferral;  // Whoever listens to the log may call the object.
+    const HX::Lock lock(state_->serialised);
+    return call();
   } catch (...) {
     return Future<AnyValue>::failed(std::current_exception());
   }

@@ -30,28 +30,28 @@ Ticket FileDesk::keep(File file) {
   const Ticket ticket = newTicket();
   const HX::MutexLock lock(mutex_);
   dropOld();
-  kept_.insert_or_assign(ticket, Kept{std::move(file), 0, Clock::now() + kKept});
+  deposits_.insert_or_assign(ticket, Deposit{std::move(file), 0, Clock::now() + kKept});
   return ticket;
 }
 
 bool FileDesk::keep(const Ticket& ticket, File file, pid_t process) {
   const HX::MutexLock lock(mutex_);
   dropOld();
-  const auto own = std::ranges::count_if(kept_, [&](const auto& one) { return one.second.process == process; });
+  const auto own = std::ranges::count_if(deposits_, [&](const auto& one) { return one.second.process == process; });
   if (std::cmp_greater_equal(own, kOfAProcess)) return false;
-  return kept_.try_emplace(ticket, Kept{std::move(file), process, Clock::now() + kKept}).second;
+  return deposits_.try_emplace(ticket, Deposit{std::move(file), process, Clock::now() + kKept}).second;
 }
 
 File FileDesk::take(const Ticket& ticket) {
   const HX::MutexLock lock(mutex_);
   dropOld();
-  auto found = kept_.extract(ticket);
+  auto found = deposits_.extract(ticket);
   return found ? std::move(found.mapped().file) : File();
 }
 
 void FileDesk::dropOld() {
   const auto now = Clock::now();
-  std::erase_if(kept_, [now](const auto& one) { return one.second.until <= now; });
+  std::erase_if(deposits_, [now](const auto& one) { return one.second.until <= now; });
 }
 
 }  // namespace mw

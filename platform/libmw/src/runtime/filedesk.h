@@ -33,7 +33,7 @@ class FileDesk {
   File take(const Ticket& ticket);
 
  private:
-  struct Kept {
+  struct Deposit {
     File file;
     pid_t process = 0;
     Clock::time_point until;
@@ -41,7 +41,7 @@ class FileDesk {
   void dropOld() HX_REQUIRES(mutex_);
 
   HX::Mutex mutex_;
-  std::map<Ticket, Kept> kept_ HX_GUARDED_BY(mutex_);
+  std::map<Ticket, Deposit> deposits_ HX_GUARDED_BY(mutex_);
 };
 
 /// @return Random. @throws std::system_error

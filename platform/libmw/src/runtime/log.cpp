@@ -2,6 +2,7 @@
 #include "logline.h"
 
 #include <hxerror/mutex.h>
+#include <libmw/detail/logdeferral.h>
 #include <libmw/log.h>
 #include <libmw/trackable.h>
 
@@ -153,7 +154,13 @@ void write(LogLevel level, const Category& category, std::string_view function, 
   if (registry.isStderrOn.load(std::memory_order_relaxed) && LineLimit::instance().admits(record)) {
     writeStderr(formatLine(record));
   }
-  const auto sinks = registry.sinks();
+  auto* const deferral = detail::LogDeferral::present();
+  if (!deferral) return tellSinks(record);
+  if (!registry.sinks()->empty()) deferral->add(record);
+}
+
+void tellSinks(const LogRecord& record) {
+  const auto sinks = Registry::instance().sinks();
   for (const auto& sink : *sinks) deliver(*sink, record);
 }
 

@@ -29,13 +29,13 @@ class Recycled {
   Recycled(const Recycled<U>&) {}  // NOLINT(google-explicit-constructor): as the standard asks of allocators.
 
   T* allocate(std::size_t count) {
-    auto* const kept = count == 1 ? ofThisThread<Kept>() : nullptr;
-    return kept && kept->size > 0 ? kept->blocks[--kept->size] : std::allocator<T>().allocate(count);
+    auto* const list = count == 1 ? ofThisThread<FreeList>() : nullptr;
+    return list && list->size > 0 ? list->blocks[--list->size] : std::allocator<T>().allocate(count);
   }
   void deallocate(T* block, std::size_t count) {
-    auto* const kept = count == 1 ? ofThisThread<Kept>() : nullptr;
-    if (kept && kept->size < kMost && kept->makeRoom()) {
-      kept->blocks[kept->size++] = block;
+    auto* const list = count == 1 ? ofThisThread<FreeList>() : nullptr;
+    if (list && list->size < kMost && list->makeRoom()) {
+      list->blocks[list->size++] = block;
     } else {
       std::allocator<T>().deallocate(block, count);
     }
@@ -45,11 +45,11 @@ class Recycled {
  private:
   static constexpr std::size_t kMost = kAddressesAreWatched ? 0 : 64;  // Who uses what has gone is to be seen.
 
-  struct Kept {
-    Kept() = default;
-    Kept(const Kept&) = delete;
-    Kept& operator=(const Kept&) = delete;
-    ~Kept() {
+  struct FreeList {
+    FreeList() = default;
+    FreeList(const FreeList&) = delete;
+    FreeList& operator=(const FreeList&) = delete;
+    ~FreeList() {
       while (size > 0) std::allocator<T>().deallocate(blocks[--size], 1);
     }
     /// @return Whether there is any.

@@ -2,6 +2,7 @@
 #include "race_point.h"
 #include "together.h"
 
+#include <future>
 #include <mutex>
 
 namespace HX {
@@ -49,6 +50,22 @@ TEST_F(Subscriptions, MissTheExtractorOnceWhenTheyEndOnWhatIsNoEvent) {
   memory->subscribeToEvent("D", "M", "cb");
   memory->unsubscribeToEvent("D", "M");
   EXPECT_EQ(log.entries().size(), 1U) << "the subscription has left an entry, which says that there is none";
+}
+
+TEST_F(Subscriptions, LogUnderNoLockThatWhoeverHearsItMayNeed) {
+  const kit::CaptureLog quiet({"heard"});
+  subscribed("a")->react = [](const kit::Listener::Notification& heard) {
+    if (heard.value == HXValue(1)) mw::log::info("heard", "react", "inside");
+  };
+  bool isFree = false;
+  const auto sink = mw::log::addSink([&](const mw::LogRecord& record) {
+    if (record.category != "heard") return;
+    const auto raise = std::async(std::launch::async, [&] { memory->raiseEvent("E", HXValue(2)); });
+    isFree = raise.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  });
+  memory->raiseEvent("E", HXValue(1));
+  mw::log::removeSink(sink);
+  EXPECT_TRUE(isFree);
 }
 
 TEST_F(Subscriptions, MissNothingWhileTheyAreReplaced) {

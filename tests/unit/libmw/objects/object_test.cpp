@@ -118,6 +118,22 @@ TEST(DynamicObjects, OfTheSingleThreadedModelMayCallThemselves) {
   EXPECT_EQ(object->call<int>("run", 5), 120);
 }
 
+TEST(DynamicObjects, OfTheSingleThreadedModelAreFreeForWhoeverHearsWhatTheyLog) {
+  const kit::CaptureLog quiet({"object"});
+  const auto object = objectThat([](bool logs) {
+    if (logs) mw::log::info("object", "run", "inside");
+  });
+  bool isFree = false;
+  const auto sink = mw::log::addSink([&](const mw::LogRecord& record) {
+    if (record.category != "object") return;
+    const auto call = std::async(std::launch::async, [&] { object->call("run", false); });
+    isFree = call.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+  });
+  object->call("run", true);
+  mw::log::removeSink(sink);
+  EXPECT_TRUE(isFree);
+}
+
 TEST(DynamicObjects, FailuresOfMethodsArriveUnchanged) {
   const auto object = objectThat([](int kind) {
     if (kind == 0) throw std::out_of_range("zero");

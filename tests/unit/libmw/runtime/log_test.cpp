@@ -1,12 +1,14 @@
 #include "capture_log.h"
 #include "sitter.h"
 
+#include <libmw/detail/logdeferral.h>
 #include <libmw/log.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <future>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -76,6 +78,36 @@ struct LogSinks : testing::Test {
   bool wasOnStderr = log::setStderrSink(false);
   ~LogSinks() override { log::setStderrSink(wasOnStderr); }
 };
+
+TEST_F(LogSinks, AreCalledInOrderByOthersWhileTheThreadHoldsALock) {
+  std::atomic<std::thread::id> holder;
+  bool isUnderLock = false;
+  std::vector<std::string> texts;
+  std::promise<void> heard;
+  const auto sink = log::addSink([&](const LogRecord& record) {
+    if (record.category != "deferred") return;
+    isUnderLock = isUnderLock || holder == std::this_thread::get_id();
+    texts.emplace_back(record.text);
+    if (record.text == "first") heard.set_value();
+  });
+  {
+    const mw::detail::LogDeferral deferral;
+    holder = std::this_thread::get_id();
+    log::info("deferred", "f", "first");
+    EXPECT_EQ(heard.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready)
+        << "what is logged waits for the end of the scope";
+    {
+      const mw::detail::LogDeferral inner;
+      log::info("deferred", "f", "second");
+    }
+    log::info("deferred", "f", "third");
+    holder = std::thread::id();
+  }
+  log::info("deferred", "f", "fourth");
+  log::removeSink(sink);
+  EXPECT_FALSE(isUnderLock);
+  EXPECT_THAT(texts, ElementsAre("first", "second", "third", "fourth"));
+}
 
 TEST_F(LogSinks, SeeTheTime) {
   const auto before = mw::exchangeSystemClock([]() noexcept { return mw::SystemTimePoint(std::chrono::seconds(42)); });

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <hxerror/api.h>
+
+#include <memory>
+
+namespace mw {
+struct LogRecord;
+
+namespace detail {
+
+/// For a thread that is about to take a lock under which it runs what is foreign. What it logs while one lives reaches
+/// the sinks in its order from the event loop, and what has not by the end of the scope then and there. A sink, which
+/// is foreign as well, may so wait for whoever waits for the lock. Standard error has each line at once.
+///
+///     const mw::detail::LogDeferral deferral;  // Ends after the lock.
+///     const HX::MutexLock lock(mutex_);
+///
+/// Of scopes inside one another the outermost counts.
+///
+/// @par Threads  For the thread that makes it.
+class HX_API LogDeferral {
+ public:
+  LogDeferral() noexcept;
+  LogDeferral(const LogDeferral&) = delete;
+  LogDeferral& operator=(const LogDeferral&) = delete;
+  /// The sinks have all that was logged when this returns.
+  ~LogDeferral();
+
+  /// Null where the calling thread's records go to the sinks at once.
+  static LogDeferral* present() noexcept;
+  /// @param record  Copied.
+  void add(const LogRecord& record);
+
+ private:
+  class Records;
+
+  const bool isOutermost_;
+  std::shared_ptr<Records> records_;  // made with the first
+};
+
+}  // namespace detail
+}  // namespace mw
