@@ -23,6 +23,7 @@ TEST_F(Following, TellsEachChangeInOrderWithWhatIsKnownOfIt) {
   const auto second = journal->follow(
       {}, [&](const Change& change) { author = change.author; }, withoutSnapshot());
   EXPECT_THAT(heard(), IsEmpty());
+  EXPECT_EQ(followed.position(), journal->position());
   {
     const Author::Scope scope(arm);
     write("a", 2);
@@ -224,6 +225,8 @@ TEST_F(Following, TellsEverythingToWhoComesFromNowhere) {
   for (const Position& from : nowhere) {
     const auto followed = follow({}, since(from));
     EXPECT_THAT(heard(), ElementsAre("gap, full", "a:1", "complete")) << from.revision;
+    EXPECT_EQ(gaps.back().from, from);
+    EXPECT_EQ(gaps.back().to, now);
   }
 }
 
