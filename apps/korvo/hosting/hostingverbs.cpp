@@ -104,6 +104,11 @@ void addRunOptions(CLI::App& app, const std::shared_ptr<RunOptions>& options) {
   app.add_option("--robot", options->robot, "What this robot is called in the fleet; else the machine's name")
       ->type_name("NAME")
       ->needs(fleet);
+  addRepeated(app, "--follow", options->follow,
+              "Another robot of the fleet, whose values, events and services are here too, under its name; may be "
+              "repeated",
+              "ROBOT")
+      ->needs(fleet);
   auto* blackBox =
       app.add_option("--black-box", options->blackBox,
                      "Keep the last moments, and write those before and after an event to a file in recordings/")
@@ -122,6 +127,9 @@ void takeFleet(RunOptions& options) {
   HX::GivenSettings& given = options.settings[module];
   given.entries["url"] = {options.fleet, {}, {}, nullptr};
   if (!options.robot.empty()) given.entries["robot"] = {options.robot, {}, {}, nullptr};
+  if (!options.follow.empty()) {
+    given.entries["follow"] = {HX::HXValue::list({options.follow.begin(), options.follow.end()}), {}, {}, nullptr};
+  }
   if (std::ranges::count(options.modules, module) == 0) options.modules.push_back(module);
 }
 

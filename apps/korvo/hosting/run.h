@@ -11,17 +11,18 @@ namespace korvo {
 /// What `korvo run` was asked for.
 struct RunOptions : HostingOptions {
   std::string name = "korvo";
-  bool memory = true;              ///< Load the memory before the modules.
-  bool journal = true;             ///< With the memory, load the modules that stand on its journal.
-  bool keep = false;               ///< The memory records its changes always, not only while somebody follows.
-  std::vector<std::string> kept;   ///< Patterns of keys that survive.
-  std::string fleet;               ///< The hub's servers, with commas between them; empty: none.
-  std::string robot;               ///< What this one is called there; empty: as the module says.
-  std::string blackBox;            ///< How long before and after an event is kept: "30s:10s"; empty for not at all.
-  std::vector<std::string> when;   ///< The events.
-  std::vector<RobotMapping> maps;  ///< Stated before the modules are loaded.
-  bool console = false;            ///< Execute commands from standard input until it ends.
-  bool live = false;               ///< Show the memory until a person leaves. At most one of the two.
+  bool memory = true;               ///< Load the memory before the modules.
+  bool journal = true;              ///< With the memory, load the modules that stand on its journal.
+  bool keep = false;                ///< The memory records its changes always, not only while somebody follows.
+  std::vector<std::string> kept;    ///< Patterns of keys that survive.
+  std::string fleet;                ///< The hub's servers, with commas between them; empty: none.
+  std::string robot;                ///< What this one is called there; empty: as the module says.
+  std::vector<std::string> follow;  ///< Robots there that are followed; empty: as the module says.
+  std::string blackBox;             ///< How long before and after an event is kept: "30s:10s"; empty for not at all.
+  std::vector<std::string> when;    ///< The events.
+  std::vector<RobotMapping> maps;   ///< Stated before the modules are loaded.
+  bool console = false;             ///< Execute commands from standard input until it ends.
+  bool live = false;                ///< Show the memory until a person leaves. At most one of the two.
 };
 
 /// What is loaded: with the memory what belongs to it, and the modules.

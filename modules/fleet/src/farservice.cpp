@@ -33,6 +33,7 @@ mw::MetaObject describe(const std::string& name, const std::vector<std::string>&
     described.module = name;
     described.description = signature;
     described.dynamic = true;
+    described.resultType = mw::typeOf<HXValue>();  // Or other processes would take it for one that returns nothing.
     members.methods.push_back(std::move(described));
   }
   return mw::MetaObject(std::move(members));

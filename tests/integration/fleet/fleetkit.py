@@ -50,13 +50,11 @@ class Robot:
         settings = site.folder / f"{name}.toml"
         settings.write_text(f"""
             [modules.fleet]
-            url = "{site.url}"
-            robot = "{name}"
             insecure = true
             keep = ["Kept"]
-            follow = {json.dumps(follows)}
             """)
-        self.process = site.start(host, "run", settings, "--name", name, "--console", stdin=subprocess.PIPE,
+        options = ["--fleet", site.url, "--robot", name, *(word for other in follows for word in ("--follow", other))]
+        self.process = site.start(host, "run", settings, "--name", name, "--console", *options, stdin=subprocess.PIPE,
                                   stderr=(site.folder / f"{name}.log").open("w"))
 
     def do(self, *lines):

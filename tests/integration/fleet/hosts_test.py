@@ -28,7 +28,10 @@ def run(site, hosts):
     # A receiver that is not there yet would miss what is told first.
     for name, receiver in every.items():
         wait_for(name, lambda: first.do("raise Hello 1") or receiver.numbers["robot1/Hello"])
-    value = 0
+    second.set("Pose", 1)
+    ask = ("call", "robot2/HXMemory", "getData", '"Pose"', "--broker", first.name)
+    wait_for("what a followed robot answers", lambda: site.ask(*ask) == "1\n")
+    value = 1
 
     def spoil(what, spoil_it, robot, seconds, receivers):
         nonlocal value

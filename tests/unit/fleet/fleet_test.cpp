@@ -333,6 +333,9 @@ TEST_F(Fleet, BringsAnotherRobotIntoTheMemory) {
   EXPECT_EQ(generic->call<std::string>("getType", "robot3/Door"), "Event");
   await([&] { return broker->getProxy("robot3/Arm") != nullptr; });
   EXPECT_EQ(broker->getProxy("robot3/Arm")->call<HXValue>("twice", 4), HXValue(8));
+  EXPECT_EQ(broker->getProxy("robot3/Arm")->asObject()->metaObject().methods().front().resultType,
+            mw::typeOf<HXValue>())
+      << "other processes look at that";
   EXPECT_THROW(broker->getProxy("robot3/Arm")->call("fail"), HXError);
   memory->insertData("Own", 1);
   await([&] { return stored("Own") == HXValue(1); });
