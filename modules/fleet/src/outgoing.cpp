@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <memory>
 #include <utility>
 
@@ -20,7 +21,8 @@ const char* const kCategory = "hxfleet";
 // What the memory keeps a key as.
 constexpr std::uint8_t kEvent = 3;
 constexpr std::uint8_t kMicroEvent = 4;
-constexpr std::size_t kReused = 1024;  // Bytes of room for a payload; larger ones are seldom, and not kept.
+constexpr std::size_t kMostReturned = 8192;  // Events that are done with.
+constexpr std::size_t kReused = 1024;        // Bytes of room for a payload; larger ones are seldom, and not kept.
 
 bool isEvent(std::uint8_t kind) { return kind == kEvent || kind == kMicroEvent; }
 
@@ -244,11 +246,13 @@ void Outgoing::confirmLive() {
 }
 
 void Outgoing::reuse(std::vector<EventPointer> events) {
-  const MutexLock lock(mutex_);
-  if (!returned_.empty()) return;
   // The outbox may have some yet, which are to be sent again.
   std::erase_if(events, [](const auto& each) { return each.use_count() > 1 || each->payload.capacity() > kReused; });
-  returned_ = std::move(events);
+  const MutexLock lock(mutex_);
+  if (returned_.empty()) return returned_.swap(events);
+  const std::size_t room = kMostReturned - std::min(kMostReturned, returned_.size());
+  const auto end = events.begin() + static_cast<std::ptrdiff_t>(std::min(room, events.size()));
+  returned_.insert(returned_.end(), std::make_move_iterator(events.begin()), std::make_move_iterator(end));
 }
 
 void Outgoing::refused(std::string_view key) {
