@@ -3,14 +3,13 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <remote/budget.h>
+#include <remote/link.h>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include <remote/budget.h>
-#include <remote/link.h>
 
 namespace {
 

@@ -259,6 +259,20 @@ TEST_F(Following, TellsTheLatestStateAtTheEndOfAPeriodOfItsRate) {
   EXPECT_THAT(heard(), IsEmpty());
 }
 
+TEST_F(Following, TellsOfARemovalWhereItsRateHeldBackThatTheKeyHadLeftTheKinds) {
+  FollowOptions options = withoutSnapshot();
+  options.rate = 10;
+  Filter filter;
+  const auto followed = follow(filter.addKind(1), options);
+  write("a", 1);
+  write("of another kind", 1, What::Stored, 3);
+  EXPECT_THAT(heard(), ElementsAre("a=1"));
+  write("a", 2, What::Stored, 3);
+  remove("a");
+  executor->advance(1ms);
+  EXPECT_THAT(heard(), ElementsAre("a removed +1"));
+}
+
 TEST_F(Following, IsWokenAtOnceByWhatComesNowAndThen) {
   const auto followed = follow({}, withoutSnapshot());
   for (int i = 0; i < 3; ++i) {
@@ -484,6 +498,17 @@ TEST_F(Following, SaysThatAllIsToldAlsoWhereATaskEndsThere) {
   for (int i = 0; i < kChangesOfATask; ++i) write("a", i);
   executor->run();
   EXPECT_EQ(toldAtPause, kChangesOfATask);
+
+  // And where nothing was wanted of what came: its place has moved on.
+  bool isSaid = false;
+  options.onPause = [&] { isSaid = true; };
+  const auto other = journal->follow(
+      Filter({"b"}), [](const Change&) {}, options);
+  executor->run();
+  isSaid = false;
+  write("a", 1);
+  executor->advance(1ms);
+  EXPECT_TRUE(isSaid);
 }
 
 }  // namespace
