@@ -220,12 +220,13 @@ void HXFleet::storeStatus(Session& session, const Status& status) {
     }
     if (answer.isStored()) {
       statusSequence_ = answer.sequence;
-      session.nextStored = Clock::now() + kStoredStatusGap;
       Status timeless = status;
       timeless.time = {};
       stored_ = toPayload(timeless);
       sender_->noteStore();
       why = sender_->cut();
+      // Of a cut that only the sender knows of we ask again soon, or its end would be told late.
+      session.nextStored = why.empty() ? Clock::now() + kStoredStatusGap : Clock::time_point();
     } else {
       why = answer.text;
     }
