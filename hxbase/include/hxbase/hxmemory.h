@@ -175,7 +175,7 @@ class HXMemory : public HXModule,
   void unsubscribeToEvent(const std::string& name, const std::string& callbackModule);
   void unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule);
   std::vector<std::string> getDataSubscriber(const std::string& name);
-  /// Deprecated: only logs.
+  /// Deprecated, the three of them: only log that they are.
   void unregisterModuleReference(const std::string& moduleName);
   void subscribeOnDataSetTimePolicy(const std::string& name, const std::string& callbackModule, const int& nTimePolicy);
   void subscribeOnDataSetSynchronizeResponse(const std::string& name, const std::string& callbackModule,

@@ -53,6 +53,7 @@ class Module : public HX::HXModuleCore {
   memory.insertData("key", &memory);                      // refused: The memory keeps bools, numbers up to 64 bits
   memory.insertData("key", {Pose{}});                     // refused: The memory keeps bools, numbers up to 64 bits
   memory.raiseEvent("event", nullptr);                    // refused: The memory keeps bools, numbers up to 64 bits
+  memory.raiseEvent("event", {&memory});                  // refused: The memory keeps bools, numbers up to 64 bits
   memory.raiseMicroEvent("event", std::map<int, int>{});  // refused: The memory keeps bools, numbers up to 64 bits
 }
 

@@ -115,11 +115,19 @@ class HX_API HXMemoryProxy {
   void raiseEvent(const std::string& name, const T& value) {
     raiseEvent(name, valueOf(value));
   }
+  template <class T>
+  void raiseEvent(const std::string& name, std::initializer_list<T> elements) {
+    raiseEvent(name, valueOf(elements));
+  }
   /// The same without history.
   void raiseMicroEvent(const std::string& name, const HXValue& value);
   template <class T>
   void raiseMicroEvent(const std::string& name, const T& value) {
     raiseMicroEvent(name, valueOf(value));
+  }
+  template <class T>
+  void raiseMicroEvent(const std::string& name, std::initializer_list<T> elements) {
+    raiseMicroEvent(name, valueOf(elements));
   }
   void removeEvent(const std::string& name);
   void removeMicroEvent(const std::string& name);
@@ -134,10 +142,8 @@ class HX_API HXMemoryProxy {
   void unsubscribeToEvent(const std::string& name, const std::string& callbackModule);
   void unsubscribeToMicroEvent(const std::string& name, const std::string& callbackModule);
   Strings getSubscribers(const std::string& name);
-  /// Deprecated: only logs.
+  /// Deprecated, the three of them: only log that they are.
   void unregisterModuleReference(const std::string& moduleName);
-
-  /// Deprecated, the two of them: only log that they do nothing.
   void _subscribeOnDataSetTimePolicy(const std::string& name, const std::string& callbackModule, int nTimePolicy);
   void _subscribeOnDataSetSynchronizeResponse(const std::string& name, const std::string& callbackModule,
                                               bool synchronizedResponse);

@@ -170,6 +170,10 @@ TEST_F(SpecialisedProxy, StoresAndRaisesWhateverBecomesAValue) {
   for (const auto& [stored, expected] : rows) EXPECT_EQ(stored, expected);
   proxy.insertData("stored", {"a", "b"});
   EXPECT_EQ(memory->getData("stored"), HXValue::list({"a", "b"}));
+  proxy.raiseEvent("raised", {1, 2});
+  EXPECT_EQ(memory->getData("raised"), HXValue::list({1, 2}));
+  proxy.raiseMicroEvent("raised", {0.5, 1.5});
+  EXPECT_EQ(memory->getData("raised"), HXValue::list({0.5, 1.5}));
   EXPECT_EQ(errorOf([&] { proxy.insertData("stored", ~std::uint64_t{0}); }),
             "the number 18446744073709551615 does not fit Int64");
 }
