@@ -160,15 +160,20 @@ class Process {
 
   void feed() {
     if (in_ < 0) return;
-    const ssize_t count = ::write(in_, pending_.data(), pending_.size());
-    if (count > 0) pending_.erase(0, static_cast<std::size_t>(count));
-    if (count < 0 && errno != EAGAIN) pending_.clear();  // It reads no more.
+    const ssize_t count = ::write(in_, pending_.data() + written_, pending_.size() - written_);
+    if (count > 0) written_ += static_cast<std::size_t>(count);
+    // All is written, or it reads no more. What remains is not moved to the front each time: it may be much.
+    if (written_ == pending_.size() || (count < 0 && errno != EAGAIN)) {
+      pending_.clear();
+      written_ = 0;
+    }
     if (inputEnds_ && pending_.empty()) close(std::exchange(in_, -1));
   }
 
   pid_t pid_ = -1;
   int in_ = -1;
-  std::string pending_;  // Input that is not written yet.
+  std::string pending_;  // Input, of which `written_` bytes are written.
+  std::size_t written_ = 0;
   bool inputEnds_ = false;
   std::array<Stream, 2> streams_;
 };
