@@ -104,8 +104,10 @@ constexpr Variable kEnvironment[] = {
      "The folder korvo in it has the sockets of the brokers; without it, the folder korvo-UID in TMPDIR or /tmp.", ""},
     {"XDG_DATA_HOME, XDG_DATA_DIRS", "Where data files are looked for, the map of signals to events among them.",
      "--data-dir"},
-    {"XDG_STATE_HOME", "The folder korvo in it has the history of the console; by default ~/.local/state.",
+    {"XDG_STATE_HOME",
+     "The folder korvo in it has the history of the console and the values that are kept; by default ~/.local/state.",
      "--console"},
+    {"TERM", "Where it is missing, empty or dumb, the live view is without colours.", "--live"},
     {"NO_COLOR", "Where it is set and not empty, the live view is without colours.", "--live"},
 };
 
