@@ -12,6 +12,9 @@ namespace {
 using namespace std::chrono_literals;
 using kit::module;
 using kit::Process;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
 using testing::StartsWith;
 
 /// The command line `korvo run ARGUMENT...`. What the memory logs is no part of these tests.
@@ -68,6 +71,20 @@ TEST(BrokenModules, AreOneLineAndTheOthersRun) {
   const auto strict = korvo({"--module", module("greeter"), "--strict", "--module", module("missing"), "--console"});
   EXPECT_EQ(strict.out, "Greeter leaves\n");
   EXPECT_EQ(strict.status, 1);
+}
+
+TEST(MissingMapOfSignals, IsExplainedBehindTheMemorysWarningAndOneThatIsThereIsNot) {
+  const kit::TemporaryFolder folder;
+  const auto told = [&] {
+    Process process(kit::korvo({"run", "--data-dir", folder.path(), "--log-level", "info"}));
+    EXPECT_TRUE(process.waitFor(" is running"));
+    process.send(SIGINT);
+    return process.finish().err;
+  };
+  constexpr const char* kExplanation = "without hxmemory_map_signal_event.txt no signals are raised as events";
+  EXPECT_THAT(told(), ContainsRegex(std::string("Can't not open file(.|\n)*") + kExplanation));
+  std::ofstream(folder.path() / "hxmemory_map_signal_event.txt") << "\n";
+  EXPECT_THAT(told(), Not(HasSubstr(kExplanation)));
 }
 
 TEST(SecondSignal, EndsTheProgramAtOnceWhenTheFirstOneCannot) {
