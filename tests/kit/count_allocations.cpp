@@ -53,6 +53,9 @@ void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   }
 }
 void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 void operator delete(void* memory, std::align_val_t) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
+// For the shared libraries too. <new> says so of all the others, and of these where the compiler itself calls them.
+[[gnu::visibility("default")]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::visibility("default")]] void operator delete(void* memory, std::size_t, std::align_val_t) noexcept {
+  std::free(memory);
+}

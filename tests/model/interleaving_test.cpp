@@ -3,6 +3,7 @@
 #include "model.h"
 #include "player.h"
 #include "real_memory.h"
+#include "sanitized.h"
 
 #include <array>
 #include <atomic>
@@ -17,11 +18,7 @@
 namespace HX::model {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int kHistories = 200;
-#else
-constexpr int kHistories = 3000;
-#endif
+constexpr int kHistories = kit::kSanitized ? 200 : 3000;
 
 constexpr std::array kConcurrent{
     "raiseEvent",       "insertData",         "removeEvent",       "subscribeToEvent", "removeData",

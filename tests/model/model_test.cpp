@@ -2,6 +2,7 @@
 
 #include "player.h"
 #include "real_memory.h"
+#include "sanitized.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,11 +17,8 @@ namespace {
 
 // The same sequences each time, of which the first thousands find nearly all; tools/soak looks at others. A sanitizer
 // makes a call twenty times as dear.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr const char* kParameters = "seed=1 max_success=400 max_size=200";
-#else
-constexpr const char* kParameters = "seed=1 max_success=4000 max_size=200";
-#endif
+constexpr const char* kParameters =
+    kit::kSanitized ? "seed=1 max_success=400 max_size=200" : "seed=1 max_success=4000 max_size=200";
 
 rc::Gen<Call> anyCall() {
   static const std::vector<std::size_t> weighted = [] {

@@ -5,6 +5,7 @@
 #include "listener.h"
 #include "memory_fixture.h"
 #include "process.h"
+#include "sanitized.h"
 #include "sitter.h"
 #include "socket_folder.h"
 #include "stress.h"
@@ -173,13 +174,6 @@ TEST_F(VanishingPeers, HaveTheirLastCallDone) {
   }
 }
 
-/// Sanitizers keep what was freed.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-
 /// What else a process has open are the files by which its threads are woken, one for each that has waited.
 std::size_t openSockets() {
   std::size_t count = 0;
@@ -220,7 +214,7 @@ TEST_F(VanishingPeers, LeaveNothingBehind) {
     EXPECT_TRUE(eventually([&] { return openSockets() == sockets; })) << openSockets() << ", before " << sockets;
     bytes.push_back(allocated());
   }
-  if (!kSanitized) {
+  if (!kit::kSanitized) {
     // What a connection had goes on the event loop, which may be late.
     const std::size_t most = bytes[1] + resident() / 20;
     EXPECT_TRUE(eventually([&] { return allocated() <= most; })) << allocated() << ", more than " << most;
@@ -265,7 +259,7 @@ class Caller {
 };
 
 /// More of them than any fixed number of threads that somebody would think of.
-constexpr std::size_t kBlocked = kSanitized ? 150 : 1000;
+constexpr std::size_t kBlocked = kit::kSanitized ? 150 : 1000;
 
 class BlockedCalls : public kit::MemoryFixture {
  protected:
@@ -455,7 +449,7 @@ TEST_F(DayOfTraffic, LeavesTheProcessAsSmallAsItWas) {
   // The first round makes what stays: the table's places, the threads and their buffers. Connections that have ended
   // are kept until their next heartbeat would be due.
   const std::size_t bound = bytes[1] + (std::size_t{256} << 10);
-  if (!kSanitized) {
+  if (!kit::kSanitized) {
     EXPECT_TRUE(eventually([&] { return allocated() <= bound; }))
         << allocated() << " bytes, after each round " << testing::PrintToString(bytes) << ", " << steps << " steps";
   }

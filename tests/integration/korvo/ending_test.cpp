@@ -1,4 +1,5 @@
 #include "program.h"
+#include "sanitized.h"
 #include "temporary_folder.h"
 
 #include <cstdlib>
@@ -113,10 +114,10 @@ TEST(ForkedChildren, EndByExitAndHoldNoConnectionOfTheirParent) {
   ASSERT_TRUE(broker.waitFor("is running"));
   Process host(korvo({"host", "--broker", "f", "--module", module("troubled")}));
   ASSERT_TRUE(host.waitFor("hosting for"));
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   // A sanitizer looks for leaks at the end, and waits for threads that a child does not have.
-  EXPECT_EQ(runKorvo({"call", "Troubled", "fork", "\"exit\"", "--broker", "f", "--timeout", "20"}).out, "7\n");
-#endif
+  if (!kit::kSanitized) {
+    EXPECT_EQ(runKorvo({"call", "Troubled", "fork", "\"exit\"", "--broker", "f", "--timeout", "20"}).out, "7\n");
+  }
   EXPECT_EQ(runKorvo({"call", "Troubled", "fork", "\"stay\"", "--broker", "f"}).status, 0);
   host.send(SIGKILL);
   // A connection that somebody still held would end by its silence alone.
@@ -132,9 +133,7 @@ struct Crash {
 class Crashes : public testing::TestWithParam<Crash> {};
 
 TEST_P(Crashes, SayInWhichModule) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "a sanitizer reports crashes itself";
-#endif
+  if (kit::kSanitized) GTEST_SKIP() << "a sanitizer reports crashes itself";
   const auto& [how, signal, what, words] = GetParam();
   const auto result = kit::runProcess(
       {"/bin/sh", "-c", "ulimit -c 0; exec " KORVO_PROGRAM " run --no-memory --console --module " + module("troubled")},

@@ -1,6 +1,7 @@
 #include "expect_error.h"
 #include "joined_sessions.h"
 #include "raw_peer.h"
+#include "sanitized.h"
 #include "service.h"
 
 #include <hxvalue/msgpack.h>
@@ -437,9 +438,7 @@ std::chrono::microseconds processorTime() {
 }
 
 TEST_F(HostilePeers, WaitWhileTheyHoldAllFiles) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "a sanitizer needs files of its own to tell whether an object is one";
-#endif
+  if (kit::kSanitized) GTEST_SKIP() << "a sanitizer needs files of its own to tell whether an object is one";
   const auto shortages = [this] {
     const auto entries = log.entries();
     return std::ranges::count(entries, LogLevel::Error, &kit::CaptureLog::Entry::level);
