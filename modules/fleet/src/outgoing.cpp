@@ -2,6 +2,7 @@
 
 #include "names.h"
 
+#include <libmw/detail/logdeferral.h>
 #include <libmw/log.h>
 
 #include <algorithm>
@@ -89,6 +90,7 @@ void Outgoing::tellStranger(const journal::Change& change) {
 }
 
 void Outgoing::change(const journal::Change& change) {
+  const mw::detail::LogDeferral deferral;  // Whoever listens to the log may ask for the account.
   const MutexLock lock(feedMutex_);
   tellStranger(change);
   Key& key = keyOf(change.key);

@@ -70,7 +70,8 @@ HX_API bool isVisible(std::string_view category, LogLevel level);
 ///
 /// No lock of the middleware is held while sinks run. Where the thread holds one (it runs a subscriber of an event, or
 /// a method of an object that takes one call at a time), the record is handed over in its order by the event loop, or
-/// by this thread when it has left the lock. A sink that logs does not meet its own records.
+/// by this thread when it has left the lock: sinks do not get it where the process ends before that. A sink that logs
+/// does not meet its own records.
 HX_API void write(LogLevel level, const Category& category, std::string_view function, std::string_view text);
 HX_API void write(LogLevel level, std::string_view category, std::string_view function, std::string_view text);
 

@@ -1,5 +1,6 @@
 #include "linelimit.h"
 #include "logline.h"
+#include "threadlocal.h"
 
 #include <hxerror/mutex.h>
 #include <libmw/detail/logdeferral.h>
@@ -10,6 +11,7 @@
 #include <fnmatch.h>
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace mw {
@@ -53,6 +55,15 @@ struct AddedSink {
 };
 
 using Sinks = std::vector<std::shared_ptr<AddedSink>>;
+
+/// Of the record that the calling thread hands over for another.
+HX_THREAD_LOCAL constinit const std::vector<SinkId>* handedOverCauses = nullptr;
+
+/// Whether what the calling thread logs comes of the sink.
+bool isCause(const AddedSink& sink) {
+  return sink.running.isEnteredByThisThread() ||
+         (handedOverCauses && std::ranges::find(*handedOverCauses, sink.id) != handedOverCauses->end());
+}
 
 class Registry {
  public:
@@ -129,7 +140,7 @@ class Registry {
 };
 
 void deliver(AddedSink& sink, const LogRecord& record) noexcept {
-  if (sink.running.isEnteredByThisThread()) return;
+  if (isCause(sink)) return;
   const auto pass = sink.running.enter();
   if (!pass) return;
   try {
@@ -137,6 +148,10 @@ void deliver(AddedSink& sink, const LogRecord& record) noexcept {
   } catch (...) {
     // A receiver that fails must not fail whoever logs.
   }
+}
+
+void tellSinks(const Sinks& sinks, const LogRecord& record) {
+  for (const auto& sink : sinks) deliver(*sink, record);
 }
 
 }  // namespace
@@ -154,14 +169,21 @@ void write(LogLevel level, const Category& category, std::string_view function, 
   if (registry.isStderrOn.load(std::memory_order_relaxed) && LineLimit::instance().admits(record)) {
     writeStderr(formatLine(record));
   }
+  const auto sinks = registry.sinks();
   auto* const deferral = detail::LogDeferral::present();
-  if (!deferral) return tellSinks(record);
-  if (!registry.sinks()->empty()) deferral->add(record);
+  if (!deferral) return tellSinks(*sinks, record);
+  if (sinks->empty()) return;
+  std::vector<SinkId> causes;
+  for (const auto& sink : *sinks) {
+    if (isCause(*sink)) causes.push_back(sink->id);
+  }
+  deferral->add(record, std::move(causes));
 }
 
-void tellSinks(const LogRecord& record) {
-  const auto sinks = Registry::instance().sinks();
-  for (const auto& sink : *sinks) deliver(*sink, record);
+void handOver(const LogRecord& record, const std::vector<SinkId>& causes) {
+  const auto* const outer = std::exchange(handedOverCauses, &causes);
+  tellSinks(*Registry::instance().sinks(), record);
+  handedOverCauses = outer;
 }
 
 void write(LogLevel level, std::string_view category, std::string_view function, std::string_view text) {

@@ -109,6 +109,51 @@ TEST_F(LogSinks, AreCalledInOrderByOthersWhileTheThreadHoldsALock) {
   EXPECT_THAT(texts, ElementsAre("first", "second", "third", "fourth"));
 }
 
+/// Each logs under a lock when it is called: what comes of that is not for those that it comes of.
+TEST_F(LogSinks, DoNotMeetWhatTheyHaveCausedUnderALock) {
+  std::map<std::string, std::vector<std::string>> met;
+  std::mutex mutex;
+  std::vector<log::SinkId> sinks;
+  for (const std::string name : {"a", "b"}) {
+    sinks.push_back(log::addSink([&, name](const LogRecord& record) {
+      if (record.category != "deferred") return;
+      const std::string text(record.text);
+      {
+        const std::lock_guard lock(mutex);
+        met[name].push_back(text);
+        if (met[name].size() > 10) return;
+      }
+      const mw::detail::LogDeferral deferral;
+      log::info("deferred", "f", text + name);
+    }));
+  }
+  log::info("deferred", "f", "-");
+  for (const auto id : sinks) log::removeSink(id);
+  EXPECT_THAT(met["a"], testing::UnorderedElementsAre("-", "-b"));
+  EXPECT_THAT(met["b"], testing::UnorderedElementsAre("-", "-a"));
+}
+
+TEST_F(LogSinks, AreToldWhatWasLeftOutWhileTheyTookTooLong) {
+  kit::Sitter sitter;
+  std::vector<std::string> texts;
+  const auto sink = log::addSink([&](const LogRecord& record) {
+    if (record.category != "deferred" && record.category != "log") return;
+    texts.emplace_back(record.text);
+    if (texts.size() == 1) sitter.sit();
+  });
+  constexpr int kMostWaiting = 10'000;
+  {
+    const mw::detail::LogDeferral deferral;
+    log::info("deferred", "f", "first");
+    sitter.awaitEntry();
+    for (int i = 0; i < kMostWaiting + 2; ++i) log::info("deferred", "f", "more");
+    sitter.release();
+  }
+  log::removeSink(sink);
+  ASSERT_EQ(texts.size(), 1U + kMostWaiting + 1U);
+  EXPECT_EQ(texts.back(), "2 records left out, which came faster than the sinks took them");
+}
+
 TEST_F(LogSinks, SeeTheTime) {
   const auto before = mw::exchangeSystemClock([]() noexcept { return mw::SystemTimePoint(std::chrono::seconds(42)); });
   mw::SystemTimePoint seen;

@@ -1,17 +1,18 @@
 #pragma once
 
 #include <hxerror/api.h>
+#include <libmw/log.h>
 
 #include <memory>
+#include <vector>
 
 namespace mw {
-struct LogRecord;
-
 namespace detail {
 
 /// For a thread that is about to take a lock under which it runs what is foreign. What it logs while one lives reaches
 /// the sinks in its order from the event loop, and what has not by the end of the scope then and there. A sink, which
-/// is foreign as well, may so wait for whoever waits for the lock. Standard error has each line at once.
+/// is foreign as well, may so wait for whoever waits for the lock. Standard error has each line at once. What the sinks
+/// are so slow to take that ten thousand records wait is left out, and one record says how many.
 ///
 ///     const mw::detail::LogDeferral deferral;  // Ends after the lock.
 ///     const HX::MutexLock lock(mutex_);
@@ -30,7 +31,8 @@ class HX_API LogDeferral {
   /// Null where the calling thread's records go to the sinks at once.
   static LogDeferral* present() noexcept;
   /// @param record  Copied.
-  void add(const LogRecord& record);
+  /// @param causes  Sinks that it is not for.
+  void add(const LogRecord& record, std::vector<log::SinkId> causes);
 
  private:
   class Records;
