@@ -31,7 +31,7 @@ HXValue toValue(const MemoryInsight::Wait& wait);
 
 /// "1 time", "3 times".
 std::string times(std::uint64_t count);
-/// "4 s", "5 min", "2 h".
+/// "1.5 s", "5 min", "2.0 h".
 std::string span(std::chrono::nanoseconds duration);
 
 }  // namespace HX::inspection

@@ -39,11 +39,10 @@ HXValue toValue(const MemoryInsight::Wait& wait) {
 std::string times(std::uint64_t count) { return count == 1 ? "once" : fmt::format("{} times", count); }
 
 std::string span(std::chrono::nanoseconds duration) {
-  if (duration < 1s) return fmt::format("{:.2g} s", secondsOf(duration).toDouble());
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(duration).count();
-  if (seconds < 120) return fmt::format("{} s", seconds);
-  if (seconds < 7200) return fmt::format("{} min", seconds / 60);
-  return fmt::format("{} h", seconds / 3600);
+  const double seconds = secondsOf(duration).toDouble();
+  if (duration < 2min) return fmt::format("{:.3g} s", seconds);
+  if (duration < 2h) return fmt::format("{:.3g} min", seconds / 60);
+  return fmt::format("{:.1f} h", seconds / 3600);
 }
 
 }  // namespace inspection

@@ -244,16 +244,20 @@ TEST_F(Questions, TellWhoFollowsAndFallsBehind) {
 TEST_F(Questions, PassOnWhatIsOverdue) {
   mw::ObjectBuilder builder;
   builder.setTypeName("HXFreshness");
-  builder.advertiseMethod(mw::MetaMethodBuilder("overdue", "", ""), mw::AnyFunction::from([] {
-                            return HXValue::list({HXValue::list({"Lidar/Scan", 4.2, 0.2})});
-                          }));
+  builder.advertiseMethod(
+      mw::MetaMethodBuilder("overdue", "", ""), mw::AnyFunction::from([] {
+        return HXValue::list({HXValue::list({"Lidar/Scan", 4.2, 0.2}), HXValue::list({"Arm/Pose", 1.9, 1.5}),
+                              HXValue::list({"Map", 7260.0, 150.0})});
+      }));
   builder.advertiseMethod(mw::MetaMethodBuilder("expectations", "", ""), mw::AnyFunction::from([] {
                             return HXValue::list({HXValue::list({"Lidar/Scan", 4.2, 0.2, true}),
                                                   HXValue::list({"Lidar/Speed", 0.1, 2.0, false})});
                           }));
   const auto id = broker->session()->registerService(
       "HXFreshness", mw::AnyObject(std::make_shared<mw::DynamicObject>(builder.build(), nullptr)));
-  EXPECT_THAT(reported(), HasSubstr("Lidar/Scan is overdue: not written for 4 s, expected every 0.2 s"));
+  EXPECT_THAT(reported(), AllOf(HasSubstr("Lidar/Scan is overdue: not written for 4.2 s, expected every 0.2 s"),
+                                HasSubstr("Arm/Pose is overdue: not written for 1.9 s, expected every 1.5 s"),
+                                HasSubstr("Map is overdue: not written for 2.0 h, expected every 2.5 min")));
   for (const char* key : {"Lidar/Scan", "Lidar/Speed", "Lidar/Range"}) memory->insertData(key, 1);
   EXPECT_THAT(explained("Lidar/Scan"), HasSubstr("expected     OVERDUE: every 200 ms"));
   EXPECT_THAT(explained("Lidar/Speed"), HasSubstr("expected     every 2 s"));
