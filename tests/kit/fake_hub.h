@@ -80,7 +80,8 @@ class FakeHub {
       for (const Client& client : clients_) files.push_back({client.socket, POLLIN, 0});
       const bool isAsked = ::poll(files.data(), files.size(), kLook) > 0;
       const std::lock_guard lock(mutex_);
-      if (!isAsked || isFrozen_) continue;
+      if (isFrozen_) return;
+      if (!isAsked) continue;
       for (std::size_t i = files.size(); i-- > 1;) {
         if (files[i].revents != 0 && !read(clients_[i - 1])) forget(i - 1);
       }

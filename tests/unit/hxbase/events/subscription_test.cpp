@@ -58,9 +58,10 @@ TEST_F(Subscriptions, LogUnderNoLockThatWhoeverHearsItMayNeed) {
     if (heard.value == HXValue(1)) mw::log::info("heard", "react", "inside");
   };
   bool isFree = false;
+  std::future<void> raise;  // It outlives the sink: its end waits for the raise.
   const auto sink = mw::log::addSink([&](const mw::LogRecord& record) {
     if (record.category != "heard") return;
-    const auto raise = std::async(std::launch::async, [&] { memory->raiseEvent("E", HXValue(2)); });
+    raise = std::async(std::launch::async, [&] { memory->raiseEvent("E", HXValue(2)); });
     isFree = raise.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
   });
   memory->raiseEvent("E", HXValue(1));

@@ -124,9 +124,10 @@ TEST(DynamicObjects, OfTheSingleThreadedModelAreFreeForWhoeverHearsWhatTheyLog) 
     if (logs) mw::log::info("object", "run", "inside");
   });
   bool isFree = false;
+  std::future<void> call;  // It outlives the sink: its end waits for the call.
   const auto sink = mw::log::addSink([&](const mw::LogRecord& record) {
     if (record.category != "object") return;
-    const auto call = std::async(std::launch::async, [&] { object->call("run", false); });
+    call = std::async(std::launch::async, [&] { object->call("run", false); });
     isFree = call.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
   });
   object->call("run", true);
