@@ -50,7 +50,7 @@ class HX_CAPABILITY Mutex {
   std::mutex mutex_;
 };
 
-/// The same, which the thread that holds it may lock again. The compiler sees that only across functions.
+/// The same, which the thread that holds it may lock again. Clang's check refuses a second lock within one function.
 class HX_CAPABILITY RecursiveMutex {
  public:
   RecursiveMutex() = default;

@@ -28,9 +28,11 @@ class OutputBatch {
   void hold(bool holds) { holds_ = holds; }
 
   void flush() {
-    // What flushing finishes runs elsewhere: nothing is added meanwhile.
-    for (const auto& channel : held_) channel->flush();
-    held_.clear();
+    // What flushing ends is logged, and a sink of the log may send and wait: that is held in the place of these.
+    auto leaving = std::exchange(held_, {});
+    for (const auto& channel : leaving) channel->flush();
+    leaving.clear();
+    if (held_.empty()) held_.swap(leaving);  // Its memory serves again.
   }
 
   /// Whether what the calling thread sends now waits for more.
