@@ -70,7 +70,8 @@ class Page {
 
 void addHistory(Page& page, const LiveDetail& detail, std::size_t width) {
   if (detail.history.empty()) return page.add("history", "no raise is remembered");
-  page.add("history", fmt::format("{} raises are remembered", detail.history.size()));
+  page.add("history", detail.history.size() == 1 ? "1 raise is remembered"
+                                                 : fmt::format("{} raises are remembered", detail.history.size()));
   if (const auto numbers = numbersOf(detail.history, width > 16 ? width - 16 : 1); !numbers.empty()) {
     const auto [least, greatest] = std::ranges::minmax(numbers);
     page.add("", sparkline(numbers));
