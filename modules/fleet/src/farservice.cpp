@@ -24,16 +24,19 @@ mw::MetaObject describe(const std::string& name, const std::vector<std::string>&
   members.description = "A service of another robot.";
   for (const std::string& signature : signatures) {
     const std::string method = signature.substr(0, signature.find('('));
+    const bool returns = signature.find(" -> ") != std::string::npos;
     // One stands for all its overloads, of which the robot itself chooses.
-    const bool isKnown = !members.methods.empty() && members.methods.back().name == method;
-    if (isKnown) continue;
+    if (!members.methods.empty() && members.methods.back().name == method) {
+      if (returns) members.methods.back().resultType = mw::typeOf<HXValue>();
+      continue;
+    }
     mw::MetaMethod described;
     described.id = static_cast<unsigned>(members.methods.size());
     described.name = method;
     described.module = name;
     described.description = signature;
     described.dynamic = true;
-    described.resultType = mw::typeOf<HXValue>();  // Or other processes would take it for one that returns nothing.
+    described.resultType = returns ? mw::typeOf<HXValue>() : mw::typeOf<void>();
     members.methods.push_back(std::move(described));
   }
   return mw::MetaObject(std::move(members));
@@ -61,10 +64,12 @@ mw::Future<mw::AnyValue> FarService::metaCall(unsigned method, mw::GenericFuncti
     arguments.arrayPush(std::move(value));
   }
   return mw::defaultLoop().async([connection = connection_, subject = subject_ + "." + toToken(known->name),
-                                  name = name_, data = toJson(arguments)] {
+                                  name = name_, data = toJson(arguments),
+                                  returns = known->resultType != mw::typeOf<void>()] {
     const auto held = connection.lock();
     if (!held) throw std::runtime_error(fmt::format("{}: the fleet is not connected", name));
-    return mw::AnyValue(askRobot(*held, subject, data, kLimit));
+    HXValue result = askRobot(*held, subject, data, kLimit);
+    return returns ? mw::AnyValue(std::move(result)) : mw::AnyValue();
   });
 }
 

@@ -18,7 +18,7 @@ class FarService : public mw::GenericObject {
  public:
   /// @param name     As it is registered here: "robot3/Arm".
   /// @param subject  Of its calls, up to the method.
-  /// @param methods  As its robot describes them: "move(double)".
+  /// @param methods  As its robot describes them: "move(double)", "speed() -> double".
   FarService(std::weak_ptr<Connection> connection, const std::string& name, std::string subject,
              const std::vector<std::string>& methods);
 

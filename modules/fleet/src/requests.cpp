@@ -56,7 +56,9 @@ std::string fromToken(const std::string& token) {
 std::vector<std::string> overloads(const mw::MetaObject& object) {
   std::vector<std::string> all;
   for (const mw::MetaMethod& method : object.methods()) {
-    if (method.flags != mw::kSameProcessOnly) all.push_back(method.signature());
+    if (method.flags == mw::kSameProcessOnly) continue;
+    const bool returns = method.resultType && method.resultType->kind != mw::TypeKind::Void;
+    all.push_back(method.signature() + (returns ? " -> " + method.resultType->name : ""));
   }
   return all;
 }

@@ -158,7 +158,7 @@ TEST_F(Fleet, AsksForValuesAndMethods) {
   EXPECT_EQ(ask("raise.Door", "true"), HXValue());
   EXPECT_EQ(generic->call<std::string>("getType", "Door"), "Event");
   EXPECT_EQ(ask("call.Arm.twice", "[21]"), HXValue(42));
-  EXPECT_THAT(ask("describe", "\"Arm\"").toString(), HasSubstr("twice"));
+  EXPECT_THAT(ask("describe", "\"Arm\"").toString(), AllOf(HasSubstr("twice"), HasSubstr(" -> ")));
   try {
     ask("call.Arm.fail");
     ADD_FAILURE() << "nothing was thrown";
@@ -286,8 +286,9 @@ TEST_F(Fleet, LeavesANameToTheRobotThatHasIt) {
 class Apparition {
  public:
   Apparition(Connection& tool, const fleet::FleetSubjects& subjects) : tool_(tool), subjects_(subjects) {
-    answer("describe", R"x({"Arm":["twice(value)","fail()"]})x");
+    answer("describe", R"x({"Arm":["twice(value) -> value","fail()","halt()"]})x");
     answer("call.Arm.twice", "8");
+    answer("call.Arm.halt", "null");
     answer("call.Arm.fail", fleet::toFailure(HXError("Arm", "fail", "blocked")).body, "blocked");
     tool.flush(5s);
   }
@@ -336,6 +337,8 @@ TEST_F(Fleet, BringsAnotherRobotIntoTheMemory) {
   EXPECT_EQ(broker->getProxy("robot3/Arm")->asObject()->metaObject().methods().front().resultType,
             mw::typeOf<HXValue>())
       << "other processes look at that";
+  const auto arm = broker->getProxy("robot3/Arm")->asObject();
+  EXPECT_FALSE(arm->callNow(arm->metaObject().resolve("halt", {}).id, {}).reference().type()) << "it returns nothing";
   EXPECT_THROW(broker->getProxy("robot3/Arm")->call("fail"), HXError);
   memory->insertData("Own", 1);
   await([&] { return stored("Own") == HXValue(1); });
