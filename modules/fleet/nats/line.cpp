@@ -13,7 +13,11 @@ namespace {
 
 constexpr int kRepeated = 2;
 constexpr std::uint32_t kSoon = 300;  // Milliseconds; a new connection takes about as long.
+// Which timer runs: what was sent is repeated, or, where it could not even be sent since an interface is down, the
+// other side is asked whether it takes anything. An answer to that, of one that takes nothing yet, begins the count
+// anew.
 constexpr std::uint8_t kRetransmission = 1;
+constexpr std::uint8_t kProbe = 4;
 constexpr std::uint32_t kEstablished = 1U << 1U;
 
 struct Question {
@@ -64,8 +68,8 @@ Line::Line(std::uint16_t here, std::uint16_t there) {
 
 bool Line::isStalled() const {
   const auto found = socket_ ? ask(family_, *socket_, true) : std::nullopt;
-  return found && found->idiag_timer == kRetransmission && found->idiag_retrans >= kRepeated &&
-         found->idiag_expires > kSoon;
+  if (!found || (found->idiag_timer != kRetransmission && found->idiag_timer != kProbe)) return false;
+  return found->idiag_retrans >= kRepeated && found->idiag_expires > kSoon;
 }
 
 }  // namespace HX::fleet

@@ -16,8 +16,8 @@ class Line {
   /// @param there  That of the other side.
   Line(std::uint16_t here, std::uint16_t there);
 
-  /// Whether what was sent has been repeated several times without an answer, and the next attempt is some way off: TCP
-  /// would take as long to notice that the other side can be reached again. False where the kernel does not tell.
+  /// Whether what is to be sent has been tried several times without an answer, and the next attempt is some way off:
+  /// TCP would take as long to notice that the other side can be reached again. False where the kernel does not tell.
   bool isStalled() const;
 
  private:
