@@ -114,10 +114,16 @@ try {
     // As a hand does it: over the name of the view, which shows it, and there into a panel.
     const transfer = await page.evaluateHandle(() => new DataTransfer());
     await part.dispatchEvent('dragstart', { dataTransfer: transfer });
+    // Let go in the step that draws the panel: a page that is busy is slower than a hand.
+    await page.evaluate((dropped) => {
+      new MutationObserver((_, observer) => {
+        const panel = document.querySelector('.panel');
+        if (!panel) return;
+        observer.disconnect();
+        panel.dispatchEvent(new DragEvent('drop', { dataTransfer: dropped, bubbles: true, cancelable: true }));
+      }).observe(document.body, { childList: true, subtree: true });
+    }, transfer);
     await page.getByRole('link', { name: 'Plots' }).dispatchEvent('dragenter', { dataTransfer: transfer });
-    const panel = page.locator('.panel');
-    await panel.waitFor();
-    await panel.dispatchEvent('drop', { dataTransfer: transfer });
     await page.locator('.chip').filter({ hasText: 'Arm/Pose[x]' }).waitFor();
   });
 

@@ -1,17 +1,20 @@
-import { useEffect, useReducer, useState } from 'preact/hooks';
+import { useEffect, useLayoutEffect, useReducer, useState } from 'preact/hooks';
 import { route, type Route } from './route';
 import { store } from './store';
+
+// Who listens does so as a layout effect, in the step that draws the component first: an effect comes some frames later,
+// and what happens between is missed.
 
 /** Draws the component again when the store has news. */
 export function useNews(): void {
   const [, again] = useReducer((count: number) => count + 1, 0);
-  useEffect(() => store.onNews(() => again(undefined as never)), []);
+  useLayoutEffect(() => store.onNews(() => again(undefined as never)), []);
 }
 
 /** Draws the component again with what comes, but no more than so often. */
 export function useFrames(each: number): void {
   const [, again] = useReducer((count: number) => count + 1, 0);
-  useEffect(() => {
+  useLayoutEffect(() => {
     let last = 0;
     let waiting = 0;
     const draw = () => {
@@ -50,7 +53,7 @@ export function useAnswer<T>(op: string, each: number): { answer: T | null; erro
 
 export function useRoute(): Route {
   const [current, set] = useState(route);
-  useEffect(() => {
+  useLayoutEffect(() => {
     const listener = () => set(route());
     addEventListener('hashchange', listener);
     return () => removeEventListener('hashchange', listener);
