@@ -60,5 +60,5 @@ try {
   await browser.close();
   await desk.end();
   await robot.end();
-  hub.end();
+  await hub.end();
 }

@@ -31,9 +31,12 @@ export class Hub {
     return hub;
   }
 
-  end() {
+  async end() {
     this.process.removeAllListeners('exit');
+    // It writes to its folder until it has ended.
+    const ended = new Promise((resolve) => this.process.on('exit', resolve));
     this.process.kill();
-    rmSync(this.folder, { recursive: true, force: true });
+    await ended;
+    rmSync(this.folder, { recursive: true, force: true, maxRetries: 20 });
   }
 }
