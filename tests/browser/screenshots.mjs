@@ -58,4 +58,4 @@ await sheet.screenshot({ path: join(folder, 'views.png'), fullPage: true });
 
 await browser.close();
 for (const each of fleet) await each.end();
-hub?.end();
+await hub?.end();
